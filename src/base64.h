@@ -1,0 +1,31 @@
+// The string Base64 codec: standard alphabet (RFC 4648, section 4), "=" padding, no
+// line breaks. This is the codec of the request handlers. The streaming codec in
+// base64_stream.h treats foreign characters differently, on purpose.
+#ifndef CORVANE_BASE64_H
+#define CORVANE_BASE64_H
+
+#include <string>
+
+#pragma GCC visibility push(default)
+
+// The Base64 text of `len` bytes.
+std::string base64_encode(const unsigned char* bytes, unsigned int len);
+
+// The bytes of a Base64 text. Decoding ends silently at the first "=" and at the
+// first character that is_base64 refuses; what follows is ignored. Missing padding
+// is accepted, a single leftover character gives nothing. Never fails.
+std::string base64_decode(const std::string& text);
+
+#pragma GCC visibility pop
+
+// Whether the decoder accepts a character: isalnum in the process's locale, "+" or
+// "/". A letter that a locale adds to ASCII decodes like sextet value 255.
+bool is_base64(unsigned char c);
+
+// The same codec over 32-bit wide characters: encodes the low 8 bits of each
+// element, decodes to one wide character a byte.
+std::wstring base64_encode_w(const unsigned int* chars, unsigned int len);
+std::wstring base64_decode_w(const std::wstring& text);
+bool is_base64_w(unsigned int wc);
+
+#endif

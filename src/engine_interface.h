@@ -1,0 +1,183 @@
+/*
+ * The contract towards the crypto engine, libSoftModuleaven.so: its 34 functions
+ * and the four parameter blocks that it takes. C11 and C++17.
+ *
+ * Common rules
+ *   - Every function that returns int returns 0 for success; any other value is
+ *     the engine's own code and reaches the client unchanged.
+ *   - Lengths count bytes. A pointer and the length behind it belong together; the
+ *     caller owns both and keeps them for the length of the call only.
+ *   - `out, out_len` is an output buffer: on entry *out_len is its capacity, on
+ *     return the number of bytes written, never more than the capacity. The
+ *     caller zero-fills the buffer before the call.
+ *   - A password is a NUL-terminated text, or null when there is none.
+ *   - Texts that are returned are NUL-terminated, owned by the engine and not
+ *     freed by the caller. They may be null.
+ *   - Key-exchange handles, key pairs and certificates are opaque. The two free
+ *     functions for key pairs and certificates accept null.
+ */
+#ifndef CORVANE_ENGINE_INTERFACE_H
+#define CORVANE_ENGINE_INTERFACE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+/* First argument of aven_crypto_encrypt and aven_crypto_decrypt. */
+typedef struct SymmCipherParams {
+    int32_t alg;              /* cipher algorithm number, 1 to 7 */
+    int32_t mode;             /* cipher mode number, 1 to 6; 1 has no IV, 6 is GCM */
+    int32_t padding;          /* 0 = none, 1 = padding */
+    const unsigned char* key;
+    uint32_t key_len;
+    const unsigned char* iv;  /* null in mode 1 */
+    uint32_t iv_len;
+    const unsigned char* aad; /* null unless mode is 6 */
+    uint32_t aad_len;
+} SymmCipherParams;
+
+/* First argument of aven_crypto_public_encrypt and aven_crypto_private_decrypt. */
+typedef struct PkeyCipherParams {
+    void* keypair;         /* from aven_keypair_unmarshal */
+    int32_t rsa_padding_e; /* 0 or 1: RSA padding variant */
+    int32_t no_asn1;       /* 1 = ciphertext without ASN.1 encoding */
+    int32_t no_c1c3c2;     /* 1 = a component order other than C1C3C2 */
+} PkeyCipherParams;
+
+/* First argument of aven_crypto_hmac and aven_crypto_cmac. */
+typedef struct MacParams {
+    int32_t alg; /* hash number 1 to 6 (HMAC) or cipher number 1 to 7 (CMAC) */
+    const unsigned char* key;
+    uint32_t key_len;
+} MacParams;
+
+/* First argument of aven_crypto_pkcs7_encrypt and aven_crypto_pkcs7_decrypt. */
+typedef struct EnvelopeParams {
+    int32_t alg;       /* symmetric cipher algorithm number, 1 to 7 */
+    int32_t mode;      /* cipher mode number, 1 to 6 */
+    void* keypair;     /* decryption: the recipient's key pair; else null */
+    void* certificate; /* encryption: the recipient's certificate; else null */
+} EnvelopeParams;
+
+/*
+ * The engine's functions in the order in which the plug-in resolves them, one row
+ * each: X(result, name, parameters). Users expand the list with an X of their own:
+ * the plug-in into function pointers, an engine into the declarations of its
+ * exports (so that a wrong signature does not compile).
+ *
+ *   aven_global_set_logger   where the engine writes its log; the result is ignored
+ *   aven_crypto_base64_*     with out = null and *out_len = 0: stores the needed
+ *                            length in *out_len; so do aven_ke_hmac, aven_ke_cmac
+ *   aven_crypto_encrypt      tag: tag_len bytes are written in GCM mode; null, 0 else
+ *   aven_crypto_decrypt      tag: the tag to verify in GCM mode; null, 0 else
+ *   aven_crypto_kdf          fills exactly out_len bytes of out
+ *   aven_wbsm4_*             kind is always 1
+ */
+/* clang-format off */
+#define AVEN_ENGINE_FUNCTIONS(X)                                                          \
+    X(int,         aven_global_init,            (void))                                   \
+    X(int,         aven_global_cleanup,         (void))                                   \
+    X(int,         aven_global_set_logger,      (const char* target))                     \
+    X(const char*, aven_version,                (void))                                   \
+    X(const char*, aven_strerror,               (int code))                               \
+    X(int,         aven_crypto_base64_encode,   (const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_crypto_base64_decode,   (const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_ke_new,                 (void** ke))                              \
+    X(int,         aven_ke_free,                (void* ke))                               \
+    X(int,         aven_ke_set_public_key,      (void* ke,                                \
+                                                 const unsigned char* sig_key, uint32_t sig_key_len, \
+                                                 const unsigned char* enc_key, uint32_t enc_key_len, \
+                                                 const char* password))                   \
+    X(int,         aven_ke_set_certificate,     (void* ke,                                \
+                                                 const unsigned char* sig_cert, uint32_t sig_cert_len, \
+                                                 const unsigned char* enc_cert, uint32_t enc_cert_len, \
+                                                 const char* password))                   \
+    X(int,         aven_ke_set_root_certificate, (void* ke, const char* ca_file, const char* ca_path)) \
+    X(int,         aven_ke_client_hello,        (void* ke, unsigned char* out, uint32_t* out_len)) \
+    X(int,         aven_ke_client_key_exchange, (void* ke,                                \
+                                                 const unsigned char* srvr_rand, uint32_t srvr_rand_len, \
+                                                 const unsigned char* srvr_sig_cert, uint32_t srvr_sig_cert_len, \
+                                                 const unsigned char* srvr_enc_cert, uint32_t srvr_enc_cert_len, \
+                                                 const unsigned char* srvr_sign, uint32_t srvr_sign_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_ke_encrypt,             (void* ke, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_ke_decrypt,             (void* ke, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_ke_hmac,                (void* ke, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_ke_cmac,                (void* ke, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_crypto_public_encrypt,  (const void* params, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_crypto_private_decrypt, (const void* params, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_crypto_encrypt,         (const void* params, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len,   \
+                                                 int tag_len, unsigned char* tag))        \
+    X(int,         aven_crypto_decrypt,         (const void* params, const unsigned char* in, uint32_t in_len, \
+                                                 const unsigned char* tag, uint32_t tag_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_crypto_gen_symmkey,     (int type, unsigned char* out, uint32_t* out_len)) \
+    X(int,         aven_crypto_hmac,            (const void* params, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_keypair_unmarshal,      (int type,                                \
+                                                 const unsigned char* private_key, uint32_t private_key_len, \
+                                                 const unsigned char* public_key, uint32_t public_key_len, \
+                                                 const char* password, void** keypair))   \
+    X(int,         aven_keypair_free,           (void* keypair))                          \
+    X(int,         aven_crypto_cmac,            (const void* params, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_certificate_unmarshal,  (const unsigned char* cert, uint32_t cert_len, \
+                                                 const char* password, void** certificate)) \
+    X(int,         aven_certificate_free,       (void* certificate))                      \
+    X(int,         aven_crypto_kdf,             (int alg, const unsigned char* in, uint32_t in_len, \
+                                                 uint32_t out_len, unsigned char* out))   \
+    X(int,         aven_crypto_pkcs7_encrypt,   (const void* params, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_crypto_pkcs7_decrypt,   (const void* params, const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_wbsm4_encrypt,          (int kind,                                \
+                                                 const unsigned char* key, uint32_t key_len, \
+                                                 const unsigned char* iv, uint32_t iv_len, \
+                                                 const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))  \
+    X(int,         aven_wbsm4_decrypt,          (int kind,                                \
+                                                 const unsigned char* key, uint32_t key_len, \
+                                                 const unsigned char* iv, uint32_t iv_len, \
+                                                 const unsigned char* in, uint32_t in_len, \
+                                                 unsigned char* out, uint32_t* out_len))
+/* clang-format on */
+
+/* The engine reads the blocks by offset; these are the 64-bit target's. */
+#ifdef __cplusplus
+#define AVEN_LAYOUT(block, field, offset) \
+    static_assert(offsetof(block, field) == (offset), #block "." #field " has moved")
+#else
+#define AVEN_LAYOUT(block, field, offset) \
+    _Static_assert(offsetof(block, field) == (offset), #block "." #field " has moved")
+#endif
+AVEN_LAYOUT(SymmCipherParams, alg, 0);
+AVEN_LAYOUT(SymmCipherParams, mode, 4);
+AVEN_LAYOUT(SymmCipherParams, padding, 8);
+AVEN_LAYOUT(SymmCipherParams, key, 16);
+AVEN_LAYOUT(SymmCipherParams, key_len, 24);
+AVEN_LAYOUT(SymmCipherParams, iv, 32);
+AVEN_LAYOUT(SymmCipherParams, iv_len, 40);
+AVEN_LAYOUT(SymmCipherParams, aad, 48);
+AVEN_LAYOUT(SymmCipherParams, aad_len, 56);
+AVEN_LAYOUT(PkeyCipherParams, keypair, 0);
+AVEN_LAYOUT(PkeyCipherParams, rsa_padding_e, 8);
+AVEN_LAYOUT(PkeyCipherParams, no_asn1, 12);
+AVEN_LAYOUT(PkeyCipherParams, no_c1c3c2, 16);
+AVEN_LAYOUT(MacParams, alg, 0);
+AVEN_LAYOUT(MacParams, key, 8);
+AVEN_LAYOUT(MacParams, key_len, 16);
+AVEN_LAYOUT(EnvelopeParams, alg, 0);
+AVEN_LAYOUT(EnvelopeParams, mode, 4);
+AVEN_LAYOUT(EnvelopeParams, keypair, 8);
+AVEN_LAYOUT(EnvelopeParams, certificate, 16);
+#undef AVEN_LAYOUT
+
+#endif
