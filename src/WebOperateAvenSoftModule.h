@@ -58,6 +58,32 @@ public:
     void makeaven_wbsm4_decrypt();
 
 private:
+    using SessionKeySetter = int (CSoftMoudle_aven::*)(std::string ke, std::string sig,
+                                                       std::string enc, std::string password);
+    using ChannelOperation = int (CSoftMoudle_aven::*)(std::string ke, std::string in,
+                                                       std::string& out);
+    using BlockOperation = int (CSoftMoudle_aven::*)(const void* params, std::string in,
+                                                     std::string& out);
+    using WhiteBoxOperation = int (CSoftMoudle_aven::*)(std::string key, std::string iv,
+                                                        std::string& in, std::string& out);
+
+    // Reading a request parameter; writing "Data" and "errorCode", or the latter alone.
+    // Writing never throws.
+    [[gnu::visibility("hidden")]] std::string param(const char* name);
+    [[gnu::visibility("hidden")]] void reply(std::string data, int code);
+    [[gnu::visibility("hidden")]] void replyCode(int code);
+
+    // The bodies of requests that differ in these arguments alone.
+    [[gnu::visibility("hidden")]] void setSessionKeys(const char* sigName, const char* encName,
+                                                      SessionKeySetter set);
+    [[gnu::visibility("hidden")]] void useChannel(const char* dataName, ChannelOperation operation);
+    template <class ReadKey>
+    [[gnu::visibility("hidden")]] void usePublicKey(ReadKey readKey, BlockOperation operation);
+    [[gnu::visibility("hidden")]] void useMac(const char* algName, int algs,
+                                              BlockOperation operation);
+    [[gnu::visibility("hidden")]] void useWhiteBox(WhiteBoxOperation operation);
+    [[gnu::visibility("hidden")]] void freeKeypair(void* keypair);
+
     int m_functionID;
     CSoftMoudle_aven m_softMoudleAven;
 };

@@ -73,7 +73,7 @@ public:
     int aven_crypto_encrypt(const void* params, std::string in, std::string& out, std::string& tag,
                             int tagLen);
     int aven_crypto_decrypt(const void* params, std::string in, std::string tag, std::string& out);
-    int aven_crypto_gen_symmkey(int keyType, std::string& out);
+    int aven_crypto_gen_symmkey(int type, std::string& out);
     int aven_crypto_hmac(const void* params, std::string in, std::string& out);
     int aven_crypto_cmac(const void* params, std::string in, std::string& out);
     int aven_crypto_kdf(int alg, std::string in, int keyLen, std::string& out);
@@ -92,6 +92,8 @@ public:
     int aven_wbsm4_decrypt(std::string key, std::string iv, std::string& in, std::string& out);
 
 private:
+    class __attribute__((visibility("hidden"))) Call;
+
     int m_errorCode;
 };
 

@@ -24,12 +24,12 @@
 
 /* First argument of aven_crypto_encrypt and aven_crypto_decrypt. */
 typedef struct SymmCipherParams {
-    int32_t alg;              /* cipher algorithm number, 1 to 7 */
-    int32_t mode;             /* cipher mode number, 1 to 6; 1 has no IV, 6 is GCM */
-    int32_t padding;          /* 0 = none, 1 = padding */
+    int32_t alg;     /* cipher algorithm number, 1 to 7 */
+    int32_t mode;    /* cipher mode number, 1 to 6; 1 has no IV, 6 is GCM */
+    int32_t padding; /* 0 = none, 1 = padding */
     const unsigned char* key;
     uint32_t key_len;
-    const unsigned char* iv;  /* null in mode 1 */
+    const unsigned char* iv; /* null in mode 1 */
     uint32_t iv_len;
     const unsigned char* aad; /* null unless mode is 6 */
     uint32_t aad_len;

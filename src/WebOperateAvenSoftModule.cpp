@@ -1,0 +1,802 @@
+#include "WebOperateAvenSoftModule.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+#include "base64.h"
+#include "engine_interface.h"
+
+namespace {
+
+struct RequestRow {
+    const char* name;
+    void (CWebOperateAvenSoftModule::*handler)();
+};
+
+// The requests; a row's place is its function ID.
+constexpr RequestRow requests[] = {
+    {"QZaVen_GetVersion", &CWebOperateAvenSoftModule::makeaVen_GetVersion},
+    {"QZaVen_strerror", &CWebOperateAvenSoftModule::makeaVen_strerror},
+    {"QZaven_crypto_base64_encode", &CWebOperateAvenSoftModule::makeaven_crypto_base64_encode},
+    {"QZaven_crypto_base64_Decode", &CWebOperateAvenSoftModule::makeaven_crypto_base64_Decode},
+    {"QZaven_ke_new", &CWebOperateAvenSoftModule::makeaven_ke_new},
+    {"QZaven_ke_free", &CWebOperateAvenSoftModule::makeaven_ke_free},
+    {"QZaven_ke_set_public_key", &CWebOperateAvenSoftModule::makeaven_ke_set_public_key},
+    {"QZaven_ke_set_certificate", &CWebOperateAvenSoftModule::makeaven_ke_set_certificate},
+    {"QZaven_ke_set_root_certificate",
+     &CWebOperateAvenSoftModule::makeaven_ke_set_root_certificate},
+    {"QZaven_ke_client_hello", &CWebOperateAvenSoftModule::makeaven_ke_client_hello},
+    {"QZaven_ke_client_key_exchange", &CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange},
+    {"QZaven_ke_encrypt", &CWebOperateAvenSoftModule::makeaven_ke_encrypt},
+    {"QZaven_ke_decrypt", &CWebOperateAvenSoftModule::makeaven_ke_decrypt},
+    {"QZaven_ke_hmac", &CWebOperateAvenSoftModule::makeaven_ke_hmac},
+    {"QZaven_ke_cmac", &CWebOperateAvenSoftModule::makeaven_ke_cmac},
+    {"QZaven_crypto_public_encrypt", &CWebOperateAvenSoftModule::makeaven_crypto_public_encrypt},
+    {"QZaven_crypto_private_decrypt", &CWebOperateAvenSoftModule::makeaven_crypto_private_decrypt},
+    {"QZaven_crypto_encrypt", &CWebOperateAvenSoftModule::makeaven_crypto_encrypt},
+    {"QZaven_crypto_decrypt", &CWebOperateAvenSoftModule::makeaven_crypto_decrypt},
+    {"QZaven_crypto_gen_symmkey", &CWebOperateAvenSoftModule::makeaven_crypto_gen_symmkey},
+    {"QZaven_crypto_hmac", &CWebOperateAvenSoftModule::makeaven_crypto_hmac},
+    {"QZaven_crypto_cmac", &CWebOperateAvenSoftModule::makeaven_crypto_cmac},
+    {"QZaven_crypto_kdf", &CWebOperateAvenSoftModule::makeaven_crypto_kdf},
+    {"QZaven_crypto_envelope_encrypt",
+     &CWebOperateAvenSoftModule::makeaven_crypto_envelope_encrypt},
+    {"QZaven_crypto_envelope_decrypt",
+     &CWebOperateAvenSoftModule::makeaven_crypto_envelope_decrypt},
+    {"QZaven_wbsm4_encrypt", &CWebOperateAvenSoftModule::makeaven_wbsm4_encrypt},
+    {"QZaven_wbsm4_decrypt", &CWebOperateAvenSoftModule::makeaven_wbsm4_decrypt},
+};
+static_assert(std::size(requests) == 27);
+
+// The values that requests take.
+constexpr int CIPHER_ALGS = 7;  // symmetric algorithms are numbered from 1
+constexpr int HASH_ALGS = 6;
+constexpr int MODE_WITHOUT_IV = 1;
+constexpr int MODE_GCM = 6;
+constexpr char MODES[] = "123456";
+constexpr char FLAGS[] = "01";
+constexpr char KEY_PAIR_TYPES[] = "13";
+
+// Fails the request with `value` unless `ok`: the handler's catch-all takes over.
+void require(bool ok, int& code, int value)
+{
+    if (ok)
+        return;
+    code = value;
+    throw "";
+}
+
+template <class... Texts>
+bool present(const Texts&... texts)
+{
+    return (!texts.empty() && ...);
+}
+
+bool inRange(int value, int low, int high)
+{
+    return low <= value && value <= high;
+}
+
+// A number that must be the whole text and one of the digits: no blank, no sign, no
+// leading zero, no zero byte behind it.
+bool digitIn(const std::string& text, const char* digits, int32_t& value)
+{
+    if (text.length() != 1 || std::string(digits).find(text[0]) == std::string::npos)
+        return false;
+    value = text[0] - '0';
+    return true;
+}
+
+// The same for an optional number; an empty text leaves `value` as it is.
+bool optionalDigitIn(const std::string& text, const char* digits, int32_t& value)
+{
+    return text.empty() || digitIn(text, digits, value);
+}
+
+const unsigned char* bytes(const std::string& text)
+{
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+uint32_t size32(const std::string& text)
+{
+    return static_cast<uint32_t>(text.length());
+}
+
+// URL-safe to standard Base64; text in the standard alphabet stays as it is.
+std::string toStandardAlphabet(std::string text)
+{
+    std::replace(text.begin(), text.end(), '-', '+');
+    std::replace(text.begin(), text.end(), '_', '/');
+    return text;
+}
+
+std::string toUrlAlphabet(std::string text)
+{
+    std::replace(text.begin(), text.end(), '+', '-');
+    std::replace(text.begin(), text.end(), '/', '_');
+    return text;
+}
+
+std::string fromUrlBase64(std::string text)
+{
+    return base64_decode(toStandardAlphabet(std::move(text)));
+}
+
+std::string toUrlBase64(const std::string& data)
+{
+    return toUrlAlphabet(base64_encode(bytes(data), size32(data)));
+}
+
+// The algorithm and mode of an engine block, checked in this order.
+template <class Block>
+void checkAlgAndMode(const std::string& alg, const std::string& mode, Block& block, int& code)
+{
+    block.alg = atoi(alg.c_str());
+    require(inRange(block.alg, 1, CIPHER_ALGS), code, PARAM_INVALID);
+    require(digitIn(mode, MODES, block.mode), code, PARAM_INVALID);
+}
+
+// The key of a public-key request: private with its password, or public.
+struct KeyTexts {
+    std::string sk, pk, password;
+};
+
+// What the two symmetric cipher requests have in common. The block points into the
+// texts, so a request stays where it is once it has been checked.
+struct CipherRequest {
+    std::string alg, mode, padding;
+    std::string key, iv, aad;  // Base64 texts, then their bytes
+    SymmCipherParams block = {};
+};
+
+CipherRequest readCipherRequest(CWebServerBase& handler)
+{
+    const auto param = [&](const char* name) {
+        return handler.GetFindNameStringValueFromMapParams(name);
+    };
+    CipherRequest cipher;
+    cipher.alg = param("strCipherAlg");
+    cipher.mode = param("strMode");
+    cipher.padding = param("strCipherPadding");
+    cipher.key = param("strKey");
+    cipher.iv = param("strIV");
+    cipher.aad = param("straad");
+    return cipher;
+}
+
+// Checks all but the parameters of GCM, and fills the block.
+void checkCipherRequest(CipherRequest& cipher, const std::string& data, int& code)
+{
+    SymmCipherParams& block = cipher.block;
+
+    require(present(cipher.alg, cipher.mode, cipher.key, data), code, PARAM_MISSING);
+    cipher.key = fromUrlBase64(std::move(cipher.key));
+    block.key = bytes(cipher.key);
+    block.key_len = size32(cipher.key);
+    checkAlgAndMode(cipher.alg, cipher.mode, block, code);
+    require(optionalDigitIn(cipher.padding, FLAGS, block.padding), code, PARAM_INVALID);
+    if (block.mode == MODE_WITHOUT_IV)
+        return;
+    require(present(cipher.iv), code, PARAM_MISSING);
+    cipher.iv = fromUrlBase64(std::move(cipher.iv));
+    block.iv = bytes(cipher.iv);
+    block.iv_len = size32(cipher.iv);
+}
+
+void decodeAad(CipherRequest& cipher)
+{
+    cipher.aad = fromUrlBase64(std::move(cipher.aad));
+    cipher.block.aad = bytes(cipher.aad);
+    cipher.block.aad_len = size32(cipher.aad);
+}
+
+}  // namespace
+
+CWebOperateAvenSoftModule::CWebOperateAvenSoftModule() : m_functionID(-1) {}
+
+CWebOperateAvenSoftModule::~CWebOperateAvenSoftModule() = default;
+
+int CWebOperateAvenSoftModule::GetFunctionID(std::string name)
+{
+    std::vector<std::string> names;
+    names.reserve(std::size(requests));
+    for (const RequestRow& request : requests)
+        names.emplace_back(request.name);
+
+    const auto found = std::find(names.begin(), names.end(), name);
+    return found == names.end() ? -1 : static_cast<int>(found - names.begin());
+}
+
+void CWebOperateAvenSoftModule::SetFunctionID(int id)
+{
+    m_functionID = id;
+}
+
+std::string CWebOperateAvenSoftModule::Request()
+{
+    ClearRetParamsMap(1);
+    if (static_cast<size_t>(m_functionID) < std::size(requests))
+        (this->*requests[m_functionID].handler)();
+    return ReturnRequest();
+}
+
+std::string CWebOperateAvenSoftModule::param(const char* name)
+{
+    return GetFindNameStringValueFromMapParams(name);
+}
+
+void CWebOperateAvenSoftModule::reply(std::string data, int code)
+{
+    AddRetStrToParamsMap("Data", std::move(data));
+    replyCode(code);
+}
+
+void CWebOperateAvenSoftModule::replyCode(int code)
+{
+    AddRetStrToParamsMap("errorCode", GetStrErrorForInt(code));
+}
+
+void CWebOperateAvenSoftModule::makeaVen_GetVersion()
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        out = m_softMoudleAven.aven_version();
+        // 0 if the engine is loaded but has no version text.
+        require(present(out), code, m_softMoudleAven.get_ErrorCode());
+        reply(std::move(out), 0);
+    } catch (...) {
+        reply("", code);
+    }
+}
+
+// Answers with "Data" alone, whatever happens: the text is an explanation of a code, not
+// an outcome of its own.
+void CWebOperateAvenSoftModule::makeaVen_strerror()
+{
+    try {
+        std::string error = param("strErr");
+        if (!present(error))
+            throw "";
+        AddRetStrToParamsMap("Data", m_softMoudleAven.aven_strerror(std::move(error)));
+    } catch (...) {
+        AddRetStrToParamsMap("Data", "");
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_crypto_base64_encode()
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        std::string in = param("strIn");
+        require(present(in), code, PARAM_MISSING);
+        code = m_softMoudleAven.aven_crypto_base64_encode(true, std::move(in), out);
+        if (code != 0)
+            throw "";
+        reply(toUrlAlphabet(std::move(out)), 0);
+    } catch (...) {
+        reply("", code);
+    }
+}
+
+// Escapes its output, which may be any bytes; the encoding twin has no need to.
+void CWebOperateAvenSoftModule::makeaven_crypto_base64_Decode()
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        std::string in = param("strIn");
+        require(present(in), code, PARAM_MISSING);
+        code = m_softMoudleAven.aven_crypto_base64_encode(false, toStandardAlphabet(std::move(in)),
+                                                          out);
+        if (code != 0)
+            throw "";
+        reply(JsonUrlEncode(std::move(out)), 0);
+    } catch (...) {
+        reply("", code);
+    }
+}
+
+// The requests that make something of a session (this one, the client hello and the
+// client key exchange) succeed by their output alone: a failing call leaves it empty.
+void CWebOperateAvenSoftModule::makeaven_ke_new()
+{
+    int code = 0;
+    std::string ke;
+
+    try {
+        code = m_softMoudleAven.aven_ke_new(ke);
+        if (ke.empty())
+            throw "";
+        reply(std::move(ke), 0);
+    } catch (...) {
+        reply("", code);
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_free()
+{
+    int code = 0;
+
+    try {
+        std::string ke = param("strKe");
+        require(present(ke), code, PARAM_MISSING);
+        code = m_softMoudleAven.aven_ke_free(std::move(ke));
+        if (code != 0)
+            throw "";
+        replyCode(0);
+    } catch (...) {
+        replyCode(code);
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_set_public_key()
+{
+    setSessionKeys("strSig_key", "strEnc_key", &CSoftMoudle_aven::aven_ke_set_public_key);
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_set_certificate()
+{
+    setSessionKeys("strSig_cert", "strEnc_cert", &CSoftMoudle_aven::aven_ke_set_certificate);
+}
+
+// Keys and certificates reach the engine as Base64 text, not decoded.
+void CWebOperateAvenSoftModule::setSessionKeys(const char* sigName, const char* encName,
+                                               SessionKeySetter set)
+{
+    int code = 0;
+
+    try {
+        std::string ke = param("strKe");
+        std::string sig = param(sigName);
+        std::string enc = param(encName);
+        std::string password = param("strPassword");
+
+        require(present(ke), code, PARAM_MISSING);
+        code = (m_softMoudleAven.*set)(std::move(ke), toStandardAlphabet(std::move(sig)),
+                                       toStandardAlphabet(std::move(enc)), std::move(password));
+        if (code != 0)
+            throw "";
+        replyCode(0);
+    } catch (...) {
+        replyCode(code);
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_set_root_certificate()
+{
+    int code = 0;
+
+    try {
+        std::string ke = param("strKe");
+        std::string caFile = param("strCa_file");
+        std::string caPath = param("strCa_path");
+
+        require(present(ke, caFile), code, PARAM_MISSING);
+        UTF8ToMulti(caFile, caFile);  // leaves the name as it is
+        code = m_softMoudleAven.aven_ke_set_root_certificate(std::move(ke), std::move(caFile),
+                                                             std::move(caPath));
+        if (code != 0)
+            throw "";
+        replyCode(0);
+    } catch (...) {
+        replyCode(code);
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_client_hello()
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        std::string ke = param("strKe");
+        require(present(ke), code, PARAM_MISSING);
+        code = m_softMoudleAven.aven_ke_client_hello(std::move(ke), out);
+        if (out.empty())
+            throw "";
+        reply(toUrlBase64(out), 0);
+    } catch (...) {
+        reply("", code);
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        std::string ke = param("strKe");
+        std::string random = param("strSrvr_rand");
+        std::string sigCert = param("strSrvr_sig_cert");
+        std::string encCert = param("strSrvr_enc_cert");
+        std::string signature = param("strSrvr_sign");
+
+        require(present(ke), code, PARAM_MISSING);
+        code = m_softMoudleAven.aven_ke_client_key_exchange(
+            std::move(ke), fromUrlBase64(std::move(random)), fromUrlBase64(std::move(sigCert)),
+            fromUrlBase64(std::move(encCert)), fromUrlBase64(std::move(signature)), out);
+        if (out.empty())
+            throw "";
+        reply(toUrlBase64(out), 0);
+    } catch (...) {
+        reply("", code);
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_encrypt()
+{
+    useChannel("strdata", &CSoftMoudle_aven::aven_ke_encrypt);
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_decrypt()
+{
+    useChannel("strcipher", &CSoftMoudle_aven::aven_ke_decrypt);
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_hmac()
+{
+    useChannel("strdata", &CSoftMoudle_aven::aven_ke_hmac);
+}
+
+void CWebOperateAvenSoftModule::makeaven_ke_cmac()
+{
+    useChannel("strdata", &CSoftMoudle_aven::aven_ke_cmac);
+}
+
+// No data counts as zero bytes. Output alone tells success: with output the code is not
+// looked at, and without output a code of 0 is a failure too.
+void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperation operation)
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        std::string ke = param("strKe");
+        std::string data = param(dataName);
+
+        require(present(ke), code, PARAM_MISSING);
+        data = fromUrlBase64(std::move(data));
+        code = (m_softMoudleAven.*operation)(std::move(ke), std::move(data), out);
+        if (out.empty())
+            throw "";
+        reply(toUrlBase64(out), 0);
+    } catch (...) {
+        reply(std::move(out), code);
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_crypto_public_encrypt()
+{
+    usePublicKey([this](KeyTexts& key) { key.pk = param("strpk"); },
+                 &CSoftMoudle_aven::aven_crypto_public_encrypt);
+}
+
+void CWebOperateAvenSoftModule::makeaven_crypto_private_decrypt()
+{
+    usePublicKey(
+        [this](KeyTexts& key) {
+            key.sk = param("strsk");
+            key.password = param("strPassword");
+        },
+        &CSoftMoudle_aven::aven_crypto_private_decrypt);
+}
+
+// `readKey` reads the one key text of the request. All checks come before the key pair
+// is read, so a bad parameter leaves none behind.
+template <class ReadKey>
+void CWebOperateAvenSoftModule::usePublicKey(ReadKey readKey, BlockOperation operation)
+{
+    int code = 0;
+    std::string out;
+    void* keypair = nullptr;
+
+    try {
+        const std::string typeText = param("strKeyPairType");
+        KeyTexts key;
+        readKey(key);
+        const std::string rsaPadding = param("strRsaPaddingE");
+        const std::string noAsn1 = param("strnoAsn1");
+        const std::string noC1c3c2 = param("strnoc1c3c2");
+        std::string data = param("strdata");
+        PkeyCipherParams block = {};
+        int32_t type = 0;
+
+        require(present(key.sk) || present(key.pk), code, PARAM_MISSING);
+        require(present(data), code, PARAM_MISSING);
+        require(optionalDigitIn(rsaPadding, FLAGS, block.rsa_padding_e), code, PARAM_INVALID);
+        require(optionalDigitIn(noAsn1, FLAGS, block.no_asn1), code, PARAM_INVALID);
+        require(optionalDigitIn(noC1c3c2, FLAGS, block.no_c1c3c2), code, PARAM_INVALID);
+        require(optionalDigitIn(typeText, KEY_PAIR_TYPES, type), code, PARAM_INVALID);
+
+        data = fromUrlBase64(std::move(data));
+        code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(std::move(key.sk)),
+                                                  toStandardAlphabet(std::move(key.pk)),
+                                                  std::move(key.password), &keypair);
+        if (code != 0)
+            throw "";
+        block.keypair = keypair;
+        code = (m_softMoudleAven.*operation)(&block, std::move(data), out);
+        if (code != 0 || out.empty())
+            throw "";
+
+        reply(toUrlBase64(out), 0);
+        freeKeypair(keypair);
+    } catch (...) {
+        freeKeypair(keypair);
+        reply(std::move(out), code);
+    }
+}
+
+void CWebOperateAvenSoftModule::freeKeypair(void* keypair)
+{
+    if (keypair != nullptr)
+        m_softMoudleAven.aven_keypair_free(keypair);
+}
+
+void CWebOperateAvenSoftModule::makeaven_crypto_encrypt()
+{
+    int code = 0;
+    std::string out;
+    std::string tag;
+
+    try {
+        CipherRequest cipher = readCipherRequest(*this);
+        std::string data = param("strdata");
+        const std::string tagLenText = param("strgcmTagLen");
+        int tagLen = 16;
+
+        checkCipherRequest(cipher, data, code);
+        if (cipher.block.mode == MODE_GCM) {
+            require(present(cipher.aad), code, PARAM_MISSING);
+            decodeAad(cipher);
+            if (present(tagLenText))
+                tagLen = atoi(tagLenText.c_str());
+            require(inRange(tagLen, 4, 16), code, PARAM_INVALID);
+        }
+
+        data = fromUrlBase64(std::move(data));
+        code =
+            m_softMoudleAven.aven_crypto_encrypt(&cipher.block, std::move(data), out, tag, tagLen);
+        if (code != 0 || out.empty())
+            throw "";
+
+        out = toUrlBase64(out);
+        tag = toUrlBase64(tag);
+        reply(std::move(out), 0);
+        AddRetStrToParamsMap("gcmOutTag", std::move(tag));
+    } catch (...) {
+        reply(std::move(out), code);
+        AddRetStrToParamsMap("gcmOutTag", std::move(tag));
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        CipherRequest cipher = readCipherRequest(*this);
+        std::string tag = param("strtag");
+        std::string data = param("strdata");
+
+        checkCipherRequest(cipher, data, code);
+        if (cipher.block.mode == MODE_GCM) {
+            require(present(cipher.aad, tag), code, PARAM_MISSING);
+            decodeAad(cipher);
+            tag = fromUrlBase64(std::move(tag));
+        }
+
+        data = fromUrlBase64(std::move(data));
+        code = m_softMoudleAven.aven_crypto_decrypt(&cipher.block, std::move(data), std::move(tag),
+                                                    out);
+        if (code != 0 || out.empty())
+            throw "";
+        reply(toUrlBase64(out), 0);
+    } catch (...) {
+        reply(std::move(out), code);
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_crypto_gen_symmkey()
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        const std::string algText = param("strCipherAlg");
+        require(present(algText), code, PARAM_MISSING);
+        const int alg = atoi(algText.c_str());
+        require(inRange(alg, 1, CIPHER_ALGS), code, PARAM_INVALID);
+
+        code = m_softMoudleAven.aven_crypto_gen_symmkey(alg, out);
+        if (code != 0 || out.empty())
+            throw "";
+        reply(toUrlBase64(out), 0);
+    } catch (...) {
+        reply(std::move(out), code);
+    }
+}
+
+void CWebOperateAvenSoftModule::makeaven_crypto_hmac()
+{
+    useMac("strHashAlg", HASH_ALGS, &CSoftMoudle_aven::aven_crypto_hmac);
+}
+
+void CWebOperateAvenSoftModule::makeaven_crypto_cmac()
+{
+    useMac("strCipherAlg", CIPHER_ALGS, &CSoftMoudle_aven::aven_crypto_cmac);
+}
+
+void CWebOperateAvenSoftModule::useMac(const char* algName, int algs, BlockOperation operation)
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        const std::string alg = param(algName);
+        std::string key = param("strKey");
+        std::string data = param("strdata");
+        MacParams block = {};
+
+        require(present(alg, key, data), code, PARAM_MISSING);
+        block.alg = atoi(alg.c_str());
+        require(inRange(block.alg, 1, algs), code, PARAM_INVALID);
+
+        key = fromUrlBase64(std::move(key));
+        data = fromUrlBase64(std::move(data));
+        block.key = bytes(key);
+        block.key_len = size32(key);
+        code = (m_softMoudleAven.*operation)(&block, std::move(data), out);
+        if (code != 0 || out.empty())
+            throw "";
+        reply(toUrlBase64(out), 0);
+    } catch (...) {
+        reply(std::move(out), code);
+    }
+}
+
+// Takes its input byte for byte, not as Base64. Hash 0, the engine's default, is allowed
+// here, unlike for HMAC.
+void CWebOperateAvenSoftModule::makeaven_crypto_kdf()
+{
+    int code = 0;
+    std::string out;
+
+    try {
+        const std::string hashText = param("HashType");
+        std::string source = param("srcdata");
+        const std::string lengthText = param("OutLen");
+
+        require(present(hashText, source, lengthText), code, PARAM_MISSING);
+        const int hash = atoi(hashText.c_str());
+        require(inRange(hash, 0, HASH_ALGS), code, PARAM_INVALID);
+        const int length = atoi(lengthText.c_str());
+        require(inRange(length, 0, 0xFFFF), code, PARAM_INVALID);
+
+        code = m_softMoudleAven.aven_crypto_kdf(hash, std::move(source), length, out);
+        if (code != 0 || out.empty())
+            throw "";
+        reply(toUrlBase64(out), 0);
+    } catch (...) {
+        reply(std::move(out), code);
+    }
+}
+
+// The envelope requests are no mirror images: this one takes plain text and answers in
+// Base64, the other takes Base64 and answers in escaped text. Both accept an empty
+// output, answer a failure with empty "Data", and free their engine object behind the
+// results, null too.
+void CWebOperateAvenSoftModule::makeaven_crypto_envelope_encrypt()
+{
+    int code = 0;
+    std::string out;
+    void* certificate = nullptr;
+
+    try {
+        std::string data = param("strdata");
+        std::string pk = param("strpk");
+        const std::string alg = param("strCipherAlg");
+        const std::string mode = param("strMode");
+        EnvelopeParams block = {};
+
+        require(present(data, pk, alg, mode), code, PARAM_MISSING);
+        code = m_softMoudleAven.aven_certificate_read(toStandardAlphabet(std::move(pk)), "",
+                                                      &certificate);
+        if (code != 0)
+            throw "";
+        block.certificate = certificate;
+        checkAlgAndMode(alg, mode, block, code);
+
+        code = m_softMoudleAven.aven_crypto_envelope_encrypt(&block, std::move(data), out);
+        if (code != 0)
+            throw "";
+        reply(toUrlBase64(out), 0);
+    } catch (...) {
+        reply("", code);
+    }
+    m_softMoudleAven.aven_certificate_free(certificate);
+}
+
+void CWebOperateAvenSoftModule::makeaven_crypto_envelope_decrypt()
+{
+    int code = 0;
+    std::string out;
+    void* keypair = nullptr;
+
+    try {
+        std::string envelope = param("strEncdata");
+        const std::string typeText = param("strKeyPairType");
+        std::string sk = param("strsk");
+        const std::string alg = param("strCipherAlg");
+        const std::string mode = param("strMode");
+        EnvelopeParams block = {};
+        int32_t type = 0;
+
+        require(present(envelope, typeText, sk, alg, mode), code, PARAM_MISSING);
+        envelope = fromUrlBase64(std::move(envelope));
+        require(digitIn(typeText, KEY_PAIR_TYPES, type), code, PARAM_INVALID);
+        code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(std::move(sk)), "", "",
+                                                  &keypair);
+        if (code != 0)
+            throw "";
+        block.keypair = keypair;
+        checkAlgAndMode(alg, mode, block, code);
+
+        code = m_softMoudleAven.aven_crypto_envelope_decrypt(&block, std::move(envelope), out);
+        if (code != 0)
+            throw "";
+        reply(JsonUrlEncode(std::move(out)), 0);
+    } catch (...) {
+        reply("", code);
+    }
+    m_softMoudleAven.aven_keypair_free(keypair);
+}
+
+void CWebOperateAvenSoftModule::makeaven_wbsm4_encrypt()
+{
+    useWhiteBox(&CSoftMoudle_aven::aven_wbsm4_encrypt);
+}
+
+void CWebOperateAvenSoftModule::makeaven_wbsm4_decrypt()
+{
+    useWhiteBox(&CSoftMoudle_aven::aven_wbsm4_decrypt);
+}
+
+// Both directions take their input from "strdata", unlike the key-exchange channel.
+void CWebOperateAvenSoftModule::useWhiteBox(WhiteBoxOperation operation)
+{
+    constexpr size_t blockSize = 16;
+    int code = 0;
+    std::string out;
+
+    try {
+        std::string key = param("strKey");
+        std::string iv = param("strIV");
+        std::string data = param("strdata");
+
+        require(present(iv, key, data), code, PARAM_MISSING);
+        key = fromUrlBase64(std::move(key));
+        iv = fromUrlBase64(std::move(iv));
+        require(key.length() == blockSize && iv.length() == blockSize, code, PARAM_INVALID);
+
+        data = fromUrlBase64(std::move(data));
+        code = (m_softMoudleAven.*operation)(std::move(key), std::move(iv), data, out);
+        if (code != 0 || out.empty())
+            throw "";
+        reply(toUrlBase64(out), 0);
+    } catch (...) {
+        reply(std::move(out), code);
+    }
+}

@@ -1,0 +1,363 @@
+#include "WebServerBase.h"
+
+#include <iconv.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "module_CorvaneParams.h"
+
+// The assertions on malformed escapes end the process in release builds too.
+#undef NDEBUG
+#include <cassert>
+
+namespace {
+
+CorvaneParamsClass& params()
+{
+    return *CorvaneParamsClass::getInstance();
+}
+
+long lengthOf(const std::string& text)
+{
+    return static_cast<long>(text.length());
+}
+
+// The two-call read of a value, straight into the text that is returned: the buffer has
+// one byte more than the value and is zero-filled. The module decides how many bytes
+// count, but never more than it announced.
+std::string readValue(int (CorvaneParamsClass::*read)(char*, long, char*, long*), std::string name)
+{
+    long length = 0;
+    if ((params().*read)(name.data(), lengthOf(name), nullptr, &length) != 0)
+        return "";
+
+    const size_t announced = length > 0 ? static_cast<size_t>(length) : 0;
+    std::string value(announced + 1, '\0');
+    (params().*read)(name.data(), lengthOf(name), value.data(), &length);
+
+    const size_t count = length > 0 ? static_cast<size_t>(length) : 0;
+    value.resize(count < announced ? count : announced);
+    return value;
+}
+
+struct ClosePipe {
+    void operator()(FILE* pipe) const { pclose(pipe); }
+};
+
+bool isAsciiAlnum(unsigned char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+}
+
+// Prints why iconv stopped; errno must still hold it.
+void printConversionFailure()
+{
+    const int reason = errno;
+    printf("iconv failed - %d: %s\n", reason, strerror(reason));
+}
+
+bool openConverter(iconv_t& converter, const char* to, const char* from)
+{
+    converter = iconv_open(to, from);
+    if (converter != reinterpret_cast<iconv_t>(-1))
+        return true;
+    perror("iconv open failed");
+    return false;
+}
+
+int closeConverter(iconv_t converter)
+{
+    if (iconv_close(converter) == 0)
+        return 0;
+    perror("iconv close failed");
+    return -1;
+}
+
+}  // namespace
+
+CWebServerBase::CWebServerBase() = default;
+
+CWebServerBase::~CWebServerBase() = default;
+
+std::string CWebServerBase::ReturnRequest()
+{
+    params()._aven_ClearHttpParams();
+    return "";
+}
+
+std::string CWebServerBase::GetFindNameStringValueFromMapParams(std::string name)
+{
+    return readValue(&CorvaneParamsClass::_aven_GetHttpParams, std::move(name));
+}
+
+void CWebServerBase::InsertStringValueFromMapParams(std::string name, std::string value)
+{
+    if (value.empty())
+        return;
+    params()._aven_AddHttpParams(name.data(), lengthOf(name), value.data(), lengthOf(value));
+}
+
+int CWebServerBase::ChangedParamsValueByInputName(std::string name, std::string value)
+{
+    return params()._aven_ChangeHttpParams(name.data(), lengthOf(name), value.data(),
+                                           lengthOf(value));
+}
+
+std::string CWebServerBase::GetRetStrToParamsMap(std::string name)
+{
+    return readValue(&CorvaneParamsClass::_aven_GetRetParams, std::move(name));
+}
+
+void CWebServerBase::AddRetStrToParamsMap(std::string name, std::string value)
+{
+    if (name.empty())
+        return;
+    params()._aven_AddRetParams(name.data(), lengthOf(name), value.data(), lengthOf(value));
+}
+
+void CWebServerBase::ClearRetParamsMap(int alsoCustom)
+{
+    params()._aven_ClearRetParams();
+    if (alsoCustom != 0)
+        params()._aven_ClearRetCustomParam();
+}
+
+int CWebServerBase::SetRetCustomStr(std::string text)
+{
+    return params()._aven_SetRetCustomParam(text.data(), lengthOf(text));
+}
+
+std::string CWebServerBase::GetStrErrorForInt(int code)
+{
+    return std::to_string(code);
+}
+
+std::string CWebServerBase::GetStrErrorHexForInt(int code)
+{
+    if (code < 0)
+        return GetStrErrorForInt(code);
+    char text[16];
+    snprintf(text, sizeof text, "0x%X", static_cast<unsigned>(code));
+    return text;
+}
+
+int CWebServerBase::multiToUnicode(const std::string&, std::wstring&)
+{
+    printf("//////////////////////////////////////////");
+    return 1;
+}
+
+int CWebServerBase::multiToUTF8(const std::string&, std::string&)
+{
+    printf("//////////////////////////////////////////");
+    return 1;
+}
+
+int CWebServerBase::UTF8ToMulti(const std::string&, std::string&)
+{
+    return 1;
+}
+
+int CWebServerBase::UnicodeToUTF8(std::wstring& in, std::string&)
+{
+    iconv_t converter;
+    if (!openConverter(converter, "UTF-8", "UNICODE"))
+        return -1;
+
+    printf("Base 548 UnicodeText_len:%zu\n", in.length());
+    printf("Base 549 utf8Text_len:0\n");
+
+    char scratch[1024] = {};
+    char* from = reinterpret_cast<char*>(in.data());
+    size_t fromLeft = in.length();  // characters taken as bytes
+    char* to = scratch;
+    size_t toLeft = sizeof scratch - 1;
+    if (iconv(converter, &from, &fromLeft, &to, &toLeft) != 0) {
+        printConversionFailure();
+        return -1;  // the converter stays open
+    }
+    return closeConverter(converter);
+}
+
+int CWebServerBase::UTF8ToUnicode(const std::string& in, std::wstring& out)
+{
+    iconv_t converter;
+    if (!openConverter(converter, "UNICODE", "UTF-8"))
+        return -1;
+
+    char* from = const_cast<char*>(in.data());  // iconv only reads it
+    size_t fromLeft = in.length();
+    char* to = reinterpret_cast<char*>(out.data());
+    size_t toLeft = out.length();  // characters taken as bytes
+    if (iconv(converter, &from, &fromLeft, &to, &toLeft) == static_cast<size_t>(-1)) {
+        printConversionFailure();
+        return -1;  // the converter stays open
+    }
+    return closeConverter(converter);
+}
+
+int CWebServerBase::Utf8ToGbk(char* in, unsigned long inLen, char* out, unsigned long outLen)
+{
+    // Only null is taken for a failure here; iconv itself refuses the error value.
+    iconv_t converter = iconv_open("gbk", "utf8");
+    if (converter == nullptr)
+        return -1;
+
+    memset(out, 0, outLen);
+    if (iconv(converter, &in, &inLen, &out, &outLen) == static_cast<size_t>(-1))
+        return -1;  // the converter stays open
+    iconv_close(converter);
+    return 0;
+}
+
+int CWebServerBase::Utf8ToGbk(std::string& in, std::string& out)
+{
+    const size_t length = strlen(in.c_str());
+    const size_t room = length * 3 + 1;
+    const std::unique_ptr<char[]> buffer(new char[room]);
+    Utf8ToGbk(in.data(), length, buffer.get(), room);
+    out.assign(buffer.get(), strnlen(buffer.get(), room));
+    return 0;
+}
+
+void CWebServerBase::ReplaceInChar(char* buf, int len, char from, char to)
+{
+    if (buf != nullptr && len >= 1)
+        std::replace(buf, buf + len, from, to);
+}
+
+void CWebServerBase::URLDataDecode(char* buf, int len)
+{
+    ReplaceInChar(buf, len, '-', '+');
+    ReplaceInChar(buf, len, '_', '/');
+}
+
+void CWebServerBase::URLDataEncode(char* buf, int len)
+{
+    ReplaceInChar(buf, len, '+', '-');
+    ReplaceInChar(buf, len, '/', '_');
+    ReplaceInChar(buf, len, '\n', '*');  // for Base64 text with line breaks; decoding leaves "*"
+}
+
+unsigned char CWebServerBase::ToHex(unsigned char x)
+{
+    return static_cast<unsigned char>(x < 10 ? '0' + x : 'A' + (x - 10));
+}
+
+unsigned char CWebServerBase::FromHex(unsigned char c)
+{
+    if (c >= 'A' && c <= 'Z')
+        return static_cast<unsigned char>(c - 'A' + 10);
+    if (c >= 'a' && c <= 'z')
+        return static_cast<unsigned char>(c - 'a' + 10);
+    if (c >= '0' && c <= '9')
+        return static_cast<unsigned char>(c - '0');
+    assert(0);
+    return 0;
+}
+
+std::string CWebServerBase::EncodeURIComponent(const std::string& s)
+{
+    std::string escaped;
+    for (const char character : s) {
+        const auto c = static_cast<unsigned char>(character);
+        if (isAsciiAlnum(c) || (c != '\0' && strchr("-_.~!*'()", c) != nullptr)) {
+            escaped += character;
+            continue;
+        }
+        escaped += '%';
+        escaped += static_cast<char>(ToHex(c >> 4));
+        escaped += static_cast<char>(ToHex(c & 15));
+    }
+    return escaped;
+}
+
+std::string CWebServerBase::DecodeURIComponent(const std::string& s)
+{
+    const size_t length = s.length();
+    std::string bytes;
+    for (size_t i = 0; i < length; ++i) {
+        if (s[i] != '%') {
+            bytes += s[i];
+            continue;
+        }
+        assert(i + 2 < length);
+        const unsigned high = FromHex(static_cast<unsigned char>(s[i + 1]));
+        const unsigned low = FromHex(static_cast<unsigned char>(s[i + 2]));
+        bytes += static_cast<char>((high & 15) * 16 + low);
+        i += 2;
+    }
+    return bytes;
+}
+
+std::string CWebServerBase::JsonUrlEncode(std::string s)
+{
+    return EncodeURIComponent(EncodeURIComponent(s));
+}
+
+std::string CWebServerBase::JsonUrlDecode(std::string s)
+{
+    return DecodeURIComponent(DecodeURIComponent(s));
+}
+
+std::vector<std::string> CWebServerBase::split(std::string s, std::string sep)
+{
+    std::vector<std::string> pieces;
+    size_t start = 0;
+    size_t i = 0;
+    for (; i + sep.length() <= s.length(); ++i) {
+        if (s.compare(i, sep.length(), sep) != 0)
+            continue;
+        if (i > start)  // a match inside the previous separator has no piece before it
+            pieces.push_back(s.substr(start, i - start));
+        start = i + sep.length();
+    }
+    if (start < s.length())
+        pieces.push_back(s.substr(start));
+    return pieces;
+}
+
+void CWebServerBase::GetWListForDefaultWString(std::wstring s, wchar_t sep,
+                                               std::list<std::wstring>& out)
+{
+    size_t start = 0;
+    while (start < s.length()) {
+        size_t end = s.find(sep, start);
+        if (end == std::wstring::npos)
+            end = s.length();
+        if (end > start)
+            out.push_back(s.substr(start, end - start));
+        start = end + 1;
+    }
+}
+
+std::string CWebServerBase::runCmd(std::string cmd)
+{
+    constexpr size_t limit = 10239;
+
+    const std::unique_ptr<FILE, ClosePipe> output(popen(cmd.c_str(), "r"));
+    if (output == nullptr) {
+        puts("popen error!");
+        return "";
+    }
+
+    std::string collected;
+    char line[1024];
+    while (fgets(line, sizeof line, output.get()) != nullptr) {
+        const size_t room = limit - collected.length();
+        collected.append(line, strnlen(line, room));
+    }
+    return collected;
+}
+
+int CWebServerBase::IS_MS_ENH_RSA_AES_PROV_XP()
+{
+    return -2;
+}
