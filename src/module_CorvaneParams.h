@@ -51,7 +51,7 @@ public:
     int _aven_ClearRetCustomParam();
 
 private:
-    bool open(const char* path);
+    __attribute__((visibility("hidden"))) bool open(const char* path);
 
     void* m_handle;
 #define DECLARE(name, params) int(*m_##name) params;
