@@ -40,9 +40,9 @@ int Corvane_plugin_Request(const char* name, unsigned int len)
     CWebOperateAvenSoftModule handler;
     handler.SetFunctionID(functionID(handler, name, len));
 
-    LOG(4, "plugin operate start\n");
+    CORVANE_LOG(4, "plugin operate start\n");
     handler.Request();
-    LOG(4, "plugin operate end\n");
+    CORVANE_LOG(4, "plugin operate end\n");
     return 0;
 }
 

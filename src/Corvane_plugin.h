@@ -30,11 +30,13 @@ extern "C" {
  * "libSoftModuleaven.so" by their bare names (the dynamic loader's usual search)
  * and initialises the engine, whose own log goes to /dev/stderr.
  *
- * Failures are printed to standard output and nowhere else:
+ * These failures are printed to standard output, and told nowhere else:
  *     load fail, <loader's message>                         parameter module
  *     libSoftModuleaven.so load fail                        engine
  *     m_softMoudleAven.aven_global_init ERROR 0x<code>      engine initialisation
- * Requests may still be sent; they report their own codes.
+ * A library that lacks a function loads without a message; the requests that need the
+ * function fail. Requests may be sent after any failure. Without an engine they report
+ * codes of their own; without a parameter module they can report nothing.
  *
  * A second call binds both libraries afresh and initialises the engine again.
  */
@@ -43,12 +45,15 @@ int Corvane_plugin_Init(CORVANE_NO_ARGUMENTS);
 /*
  * Serves one request. `name` points at `len` bytes, the request's name; it needs
  * no terminator and stays the caller's. Before the call the host stores the request
- * parameters in the parameter module; after it the host reads the results there,
- * "errorCode" ("0" for success) and "Data" among them. An unknown name writes no
- * results. The call empties the results before it starts and the request
+ * parameters in the parameter module; after it the host reads the results there:
+ * "Data" and "errorCode" (decimal text, "0" for success), of which some requests write
+ * only one, and "gcmOutTag" of the symmetric encryption. Where an engine reported
+ * success without any output, "errorCode" is "0" and "Data" empty. An unknown name
+ * writes no results. The call empties the results before it starts and the request
  * parameters when it ends.
  *
- * Sends two syslog messages at level info, at the start and at the end.
+ * Sends two syslog messages, at the start and at the end, while the log level is 4
+ * (info) or above.
  */
 int Corvane_plugin_Request(const char* name, unsigned int len);
 

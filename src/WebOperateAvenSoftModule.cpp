@@ -4,10 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <utility>
 #include <vector>
 
 #include "base64.h"
+#include "engine_binding_text.h"
 #include "engine_interface.h"
 
 namespace {
@@ -55,8 +57,6 @@ static_assert(std::size(requests) == 27);
 // The values that requests take.
 constexpr int CIPHER_ALGS = 7;  // symmetric algorithms are numbered from 1
 constexpr int HASH_ALGS = 6;
-constexpr int MODE_WITHOUT_IV = 1;
-constexpr int MODE_GCM = 6;
 constexpr char MODES[] = "123456";
 constexpr char FLAGS[] = "01";
 constexpr char KEY_PAIR_TYPES[] = "13";
@@ -95,16 +95,6 @@ bool digitIn(const std::string& text, const char* digits, int32_t& value)
 bool optionalDigitIn(const std::string& text, const char* digits, int32_t& value)
 {
     return text.empty() || digitIn(text, digits, value);
-}
-
-const unsigned char* bytes(const std::string& text)
-{
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
-
-uint32_t size32(const std::string& text)
-{
-    return static_cast<uint32_t>(text.length());
 }
 
 // URL-safe to standard Base64; text in the standard alphabet stays as it is.
@@ -180,7 +170,7 @@ void checkCipherRequest(CipherRequest& cipher, const std::string& data, int& cod
     block.key_len = size32(cipher.key);
     checkAlgAndMode(cipher.alg, cipher.mode, block, code);
     require(optionalDigitIn(cipher.padding, FLAGS, block.padding), code, PARAM_INVALID);
-    if (block.mode == MODE_WITHOUT_IV)
+    if (block.mode == AVEN_MODE_WITHOUT_IV)
         return;
     require(present(cipher.iv), code, PARAM_MISSING);
     cipher.iv = fromUrlBase64(std::move(cipher.iv));
@@ -557,7 +547,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_encrypt()
         int tagLen = 16;
 
         checkCipherRequest(cipher, data, code);
-        if (cipher.block.mode == MODE_GCM) {
+        if (cipher.block.mode == AVEN_MODE_GCM) {
             require(present(cipher.aad), code, PARAM_MISSING);
             decodeAad(cipher);
             if (present(tagLenText))
@@ -592,7 +582,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
         std::string data = param("strdata");
 
         checkCipherRequest(cipher, data, code);
-        if (cipher.block.mode == MODE_GCM) {
+        if (cipher.block.mode == AVEN_MODE_GCM) {
             require(present(cipher.aad, tag), code, PARAM_MISSING);
             decodeAad(cipher);
             tag = fromUrlBase64(std::move(tag));

@@ -221,7 +221,7 @@ int CWebServerBase::Utf8ToGbk(std::string& in, std::string& out)
 {
     const size_t length = strlen(in.c_str());
     const size_t room = length * 3 + 1;
-    const std::unique_ptr<char[]> buffer(new char[room]);
+    const std::unique_ptr<char[]> buffer(new char[room]());
     Utf8ToGbk(in.data(), length, buffer.get(), room);
     out.assign(buffer.get(), strnlen(buffer.get(), room));
     return 0;

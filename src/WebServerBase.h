@@ -35,11 +35,12 @@ public:
     std::string GetStrErrorHexForInt(int code);
 
     // Character sets, through iconv. 0 or -1; the placeholders return 1 and leave `out`
-    // as it is. Failures are printed.
+    // as it is. The conversions from and to wide text print their failures.
     int multiToUnicode(const std::string& in, std::wstring& out);  // placeholder
     int multiToUTF8(const std::string& in, std::string& out);      // placeholder
     int UTF8ToMulti(const std::string& in, std::string& out);      // placeholder
-    // Tells whether the text converts; the text itself is not delivered.
+    // Tells whether the text's first quarter converts (its length in characters is
+    // taken as bytes) and prints two lines about lengths; the text is not delivered.
     int UnicodeToUTF8(std::wstring& in, std::string& out);
     // Converts into the storage that `out` has; size it beforehand. Its length in
     // characters is taken as the room in bytes.
@@ -54,8 +55,8 @@ public:
     void URLDataDecode(char* buf, int len);
     void URLDataEncode(char* buf, int len);
 
-    // Hex digits. FromHex takes any ASCII letter (values up to 35); anything else, and a
-    // cut-off "%" escape, is a programming error and ends the process.
+    // Hex digits. FromHex takes digits and any ASCII letter (values up to 35); anything
+    // else, and a cut-off "%" escape, is a programming error and ends the process.
     unsigned char ToHex(unsigned char x);
     unsigned char FromHex(unsigned char c);
 
@@ -71,8 +72,9 @@ public:
     std::vector<std::string> split(std::string s, std::string sep);
     // Appends the non-empty pieces of `s`.
     void GetWListForDefaultWString(std::wstring s, wchar_t sep, std::list<std::wstring>& out);
-    // The first 10,239 bytes of what a shell command prints; each line up to its first
-    // NUL. Waits for the command. Empty if it cannot be started.
+    // What a shell command prints, up to 10,239 bytes. Read by lines, long ones in pieces
+    // of 1,023 bytes; of each what stands before its first NUL. Waits for the command.
+    // Empty if it cannot be started.
     std::string runCmd(std::string cmd);
     int IS_MS_ENH_RSA_AES_PROV_XP();  // always -2: not available on this system
 

@@ -22,8 +22,9 @@ std::string base64_decode(const std::string& text);
 // "/". A letter that a locale adds to ASCII decodes like sextet value 255.
 bool is_base64(unsigned char c);
 
-// The same codec over 32-bit wide characters: encodes the low 8 bits of each
-// element, decodes to one wide character a byte.
+// The same algorithms over 32-bit wide characters. Encoding takes the low 8 bits of each
+// element; decoding takes the sextet of the low 8 bits of each accepted character and
+// gives one wide character a byte.
 std::wstring base64_encode_w(const unsigned int* chars, unsigned int len);
 std::wstring base64_decode_w(const std::wstring& text);
 bool is_base64_w(unsigned int wc);

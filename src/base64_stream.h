@@ -31,7 +31,8 @@ int CV_Base64Encode(const unsigned char* in, unsigned int inLen, char* out, unsi
 
 /*
  * Decodes in one call. *outLen receives the number of bytes; a null `out` asks for an
- * upper bound. 0, BASE64_NO_MEMORY or BASE64_INCOMPLETE (*outLen is then 0).
+ * upper bound. 0, BASE64_NO_MEMORY or BASE64_INCOMPLETE (*outLen is then 0). A
+ * malformed padded group ("A===") counts as no bytes at all: 0 with *outLen 0.
  *
  * Up to three characters of an incomplete group are left in `out` behind the bytes;
  * inLen bytes are room enough for any input.
@@ -56,7 +57,8 @@ int encodefinish(unsigned char* out, unsigned char* state);
 // Decoding in pieces. decodeini returns 0, or -1 if there is no memory. decodeupdate
 // returns the number of bytes written; up to three characters wait in the state, and
 // a padded group ends the call. It returns 0 for a malformed padded group, whatever
-// the call wrote before it, and inLen when `out` is null. decodefinish copies the
+// the call wrote before it, 0 also when `state` or `in` is null, and inLen when only
+// `out` is null. decodefinish copies the
 // waiting characters to `out`, returns their number, frees the state and nulls it.
 int decodeini(unsigned char** state);
 int decodeupdate(unsigned char* in, int inLen, unsigned char* out, unsigned char* state);

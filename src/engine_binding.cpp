@@ -9,9 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <utility>
 
+#include "dynamic_library.h"
+#include "engine_binding_text.h"
 #include "engine_interface.h"
 
 namespace {
@@ -28,20 +29,8 @@ AVEN_ENGINE_FUNCTIONS(DECLARE)
 
 // What the binding knows of the engine's numbers.
 constexpr int KEY_TYPE_SMALL_MARGIN = 1;  // a key pair type; all others need the large one
-constexpr int MODE_GCM = 6;               // the cipher mode with a tag
 constexpr int WHITE_BOX_KIND = 1;
 constexpr int TAG_CAPACITY = 512;
-
-const unsigned char* bytes(const std::string& text)
-{
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
-
-// The length as the engine takes it. Longer texts count modulo 4 GiB.
-uint32_t size32(const std::string& text)
-{
-    return static_cast<uint32_t>(text.length());
-}
 
 // Optional texts: null if empty. A password has no length; one that begins with a NUL
 // byte is an empty password, not a missing one.
@@ -55,9 +44,9 @@ const char* optionalText(const std::string& text)
     return text.empty() ? nullptr : text.c_str();
 }
 
-void* handleOf(const std::string& ke)
+void* handleOf(std::string ke)
 {
-    return reinterpret_cast<void*>(GetPtrForStr(ke));
+    return reinterpret_cast<void*>(GetPtrForStr(std::move(ke)));
 }
 
 // `in` and what the engine may add to it. Computed beyond 32 bits, where a sum could wrap
@@ -109,15 +98,9 @@ struct FixedBuffer {
     std::string text() const { return written(data, len, Capacity); }
 };
 
-template <class Function>
-void resolve(Function& function, const char* name)
-{
-    function = reinterpret_cast<Function>(dlsym(g_aVenHandle, name));
-}
-
 bool isTagged(const void* params)
 {
-    return params != nullptr && static_cast<const SymmCipherParams*>(params)->mode == MODE_GCM;
+    return params != nullptr && static_cast<const SymmCipherParams*>(params)->mode == AVEN_MODE_GCM;
 }
 
 // What becomes of a call whose heap buffer cannot be had: the Base64 and key-exchange
@@ -232,7 +215,7 @@ int CSoftMoudle_aven::loadLibrary(const char* path)
         return AVEN_NOT_LOADED;
     }
 
-#define RESOLVE(result, name, params) resolve(p##name, #name);
+#define RESOLVE(result, name, params) resolve(g_aVenHandle, p##name, #name);
     AVEN_ENGINE_FUNCTIONS(RESOLVE)
 #undef RESOLVE
     return 0;
@@ -424,20 +407,23 @@ int CSoftMoudle_aven::aven_crypto_encrypt(const void* params, std::string in, st
         if (!buf)
             return AVEN_NO_MEMORY;
 
-        FixedBuffer<TAG_CAPACITY> tagBuf;
-        if (isTagged(params)) {
-            const int room = std::clamp(tagLen, 0, TAG_CAPACITY);
-            tagBuf.len = static_cast<uint32_t>(room);
-            engine.check(paven_crypto_encrypt(params, bytes(in), size32(in), buf.data(), &buf.len,
-                                              room, tagBuf.data),
-                         "Error, aven_crypto_encrypt");
-            tag = tagBuf.text();
-        } else {
+        if (!isTagged(params)) {
             engine.check(paven_crypto_encrypt(params, bytes(in), size32(in), buf.data(), &buf.len,
                                               0, nullptr),
                          "Error, aven_crypto_encrypt");
+            out = buf.text();
+            return 0;
         }
-        out = buf.text();
+
+        FixedBuffer<TAG_CAPACITY> tagBuf;
+        const int room = std::clamp(tagLen, 0, TAG_CAPACITY);
+        tagBuf.len = static_cast<uint32_t>(room);
+        engine.check(paven_crypto_encrypt(params, bytes(in), size32(in), buf.data(), &buf.len, room,
+                                          tagBuf.data),
+                     "Error, aven_crypto_encrypt");
+        std::string outText = buf.text();
+        tag = tagBuf.text();
+        out = std::move(outText);
         return 0;
     });
 }

@@ -16,8 +16,9 @@ long GetPtrForStr(std::string text);
 // The engine and its functions are process-wide; an object holds only the code of its
 // last call. Nothing is locked.
 //
-// Each call returns 0, or a code and then leaves its outputs as they were. No exception
-// leaves a call; after one inside the engine it returns the code held so far.
+// Each call returns 0 or a code; with a code it leaves its outputs as they were. No
+// exception leaves a call: after one (thrown by the engine, or for want of memory) it
+// returns the code held so far, mostly 0, and leaves its outputs as they were too.
 class __attribute__((visibility("default"))) CSoftMoudle_aven {
 public:
     CSoftMoudle_aven();

@@ -4,13 +4,17 @@
  *
  * Common rules
  *   - Every function that returns int returns 0 for success; any other value is
- *     the engine's own code and reaches the client unchanged.
+ *     the engine's own code. That of a function which serves a request reaches the
+ *     client unchanged; those of the global and the free functions do not.
  *   - Lengths count bytes. A pointer and the length behind it belong together; the
  *     caller owns both and keeps them for the length of the call only.
  *   - `out, out_len` is an output buffer: on entry *out_len is its capacity, on
  *     return the number of bytes written, never more than the capacity. The
  *     caller zero-fills the buffer before the call.
- *   - A password is a NUL-terminated text, or null when there is none.
+ *   - These inputs are optional, and null with length 0 when there is none: sig_key,
+ *     enc_key, sig_cert, enc_cert, private_key, public_key, cert, and the
+ *     NUL-terminated texts password, ca_file and ca_path. All other inputs are never
+ *     null, also at length 0, but for those of a block and the tag (see there).
  *   - Texts that are returned are NUL-terminated, owned by the engine and not
  *     freed by the caller. They may be null.
  *   - Key-exchange handles, key pairs and certificates are opaque. The two free
@@ -21,6 +25,9 @@
 
 #include <stddef.h>
 #include <stdint.h>
+
+/* The cipher modes that the plug-in tells apart. */
+enum { AVEN_MODE_WITHOUT_IV = 1, AVEN_MODE_GCM = 6 };
 
 /* First argument of aven_crypto_encrypt and aven_crypto_decrypt. */
 typedef struct SymmCipherParams {

@@ -43,7 +43,7 @@ void log_close(void)
 namespace {
 
 constexpr unsigned long ROW = 16;         // bytes that a dump shows in one line
-constexpr unsigned long LINE_SIZE = 200;  // ample for a row's 66 characters
+constexpr unsigned long LINE_SIZE = 200;  // ample for a row's 65 characters
 
 // A dump's line under construction. Never writes beyond the room, of which the last
 // byte is kept for the terminator.
@@ -162,7 +162,7 @@ void print_hex_dump(int level, const void* buf, unsigned long len)
     for (unsigned long i = 0; i < len; i += ROW) {
         formatRow(buf, len, i, line);
         if (level >= 0 && level <= 5)
-            LOG_FORMAT(level, "0x%08x:  %s", static_cast<unsigned>(i), line);
+            CORVANE_LOG_FORMAT(level, "0x%08x:  %s", static_cast<unsigned>(i), line);
         else
             printRow(line, i);
     }

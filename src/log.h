@@ -58,22 +58,23 @@ void print_hex_buf(const char* caption, const void* buf, unsigned long len);
 
 #pragma GCC visibility pop
 
-/* Sends one message if its level is let through. The format is "[function - file:
-   line] " and the message's own. The level is read at each call, and nothing is
-   computed before the test. LOG takes a text, LOG_FORMAT a format and arguments. */
-#define LOG(level, text) LOG_SEND(level, LOG_PREFIX text, LOG_PLACE)
-#define LOG_FORMAT(level, format, ...) LOG_SEND(level, LOG_PREFIX format, LOG_PLACE, __VA_ARGS__)
+/* For the library's own units. Sends one message if its level is let through; the level
+   is read at each call, and nothing is computed before the test. The format is
+   "[function - file:line] " and the message's own: CORVANE_LOG takes a text,
+   CORVANE_LOG_FORMAT a format with arguments. */
+#define CORVANE_LOG(level, text) CORVANE_LOG_SEND(level, "[%s - %s:%u] " text, CORVANE_LOG_PLACE)
+#define CORVANE_LOG_FORMAT(level, format, ...) \
+    CORVANE_LOG_SEND(level, "[%s - %s:%u] " format, CORVANE_LOG_PLACE, __VA_ARGS__)
 
-#define LOG_PREFIX "[%s - %s:%u] "
-#define LOG_PLACE __func__, __FILE__, static_cast<unsigned>(__LINE__)
-#define LOG_SEND(level, ...)                             \
-    do {                                                 \
-        if (_log_level > (level)-1)                      \
-            syslog(LOG_PRIORITY_OF(level), __VA_ARGS__); \
+#define CORVANE_LOG_PLACE __func__, __FILE__, static_cast<unsigned>(__LINE__)
+
+/* 170 - 7 * level: local5.crit, local4.err, local3.warning, local2.notice, local1.info,
+   local0.debug. */
+#define CORVANE_LOG_SEND(level, ...)                \
+    do {                                            \
+        if (_log_level > (level)-1)                 \
+            syslog(170 - 7 * (level), __VA_ARGS__); \
     } while (0)
-
-/* local5.crit, local4.err, local3.warning, local2.notice, local1.info, local0.debug */
-#define LOG_PRIORITY_OF(level) (170 - 7 * (level))
 #endif
 
 #endif

@@ -1,19 +1,11 @@
 #include "module_CorvaneParams.h"
 
-#include <dlfcn.h>
-
 #include <cstdio>
 #include <new>
 
-namespace {
+#include "dynamic_library.h"
 
-// Looks a function up; null if the library lacks it. Holds the one cast that dlsym
-// needs.
-template <class Function>
-void resolve(void* library, Function& function, const char* name)
-{
-    function = reinterpret_cast<Function>(dlsym(library, name));
-}
+namespace {
 
 // Calls a function of the module. What it throws stops here.
 template <class... Params, class... Args>

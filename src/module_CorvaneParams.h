@@ -54,9 +54,9 @@ private:
     __attribute__((visibility("hidden"))) bool open(const char* path);
 
     void* m_handle;
-#define DECLARE(name, params) int(*m_##name) params;
-    CORVANE_PARAMS_FUNCTIONS(DECLARE)
-#undef DECLARE
+#define CORVANE_DECLARE(name, params) int(*m_##name) params;
+    CORVANE_PARAMS_FUNCTIONS(CORVANE_DECLARE)
+#undef CORVANE_DECLARE
 
     // Hidden: another plug-in in the process may have a class of the same name.
     __attribute__((visibility("hidden"))) static CorvaneParamsClass* insModule;
