@@ -407,22 +407,17 @@ int CSoftMoudle_aven::aven_crypto_encrypt(const void* params, std::string in, st
         if (!buf)
             return AVEN_NO_MEMORY;
 
-        if (!isTagged(params)) {
-            engine.check(paven_crypto_encrypt(params, bytes(in), size32(in), buf.data(), &buf.len,
-                                              0, nullptr),
-                         "Error, aven_crypto_encrypt");
-            out = buf.text();
-            return 0;
-        }
-
+        const bool tagged = isTagged(params);
         FixedBuffer<TAG_CAPACITY> tagBuf;
-        const int room = std::clamp(tagLen, 0, TAG_CAPACITY);
-        tagBuf.len = static_cast<uint32_t>(room);
-        engine.check(paven_crypto_encrypt(params, bytes(in), size32(in), buf.data(), &buf.len, room,
-                                          tagBuf.data),
-                     "Error, aven_crypto_encrypt");
-        std::string outText = buf.text();
-        tag = tagBuf.text();
+        tagBuf.len = tagged ? static_cast<uint32_t>(std::clamp(tagLen, 0, TAG_CAPACITY)) : 0;
+        engine.check(
+            paven_crypto_encrypt(params, bytes(in), size32(in), buf.data(), &buf.len,
+                                 static_cast<int>(tagBuf.len), tagged ? tagBuf.data : nullptr),
+            "Error, aven_crypto_encrypt");
+
+        std::string outText = buf.text();  // both texts are there before either is handed over
+        if (tagged)
+            tag = tagBuf.text();
         out = std::move(outText);
         return 0;
     });

@@ -32,9 +32,14 @@ CorvaneParamsClass* CorvaneParamsClass::insModule = new (instanceMemory) Corvane
 
 CorvaneParamsClass::CorvaneParamsClass() : m_handle(nullptr)
 {
-#define CLEAR(name, params) m_##name = nullptr;
-    CORVANE_PARAMS_FUNCTIONS(CLEAR)
-#undef CLEAR
+    forgetFunctions();
+}
+
+void CorvaneParamsClass::forgetFunctions()
+{
+#define FORGET(name, params) m_##name = nullptr;
+    CORVANE_PARAMS_FUNCTIONS(FORGET)
+#undef FORGET
 }
 
 CorvaneParamsClass* CorvaneParamsClass::getInstance()
@@ -63,6 +68,8 @@ bool CorvaneParamsClass::open(const char* path)
 {
     Free();
     m_handle = dlopen(path, RTLD_NOW);
+    if (m_handle == nullptr)
+        forgetFunctions();  // those of a module that Free has closed would be called
     return m_handle != nullptr;
 }
 

@@ -31,7 +31,7 @@ public:
     int initFuction();
 
     // Closes the library if one is open. The functions stay as they were, so none may
-    // be called afterwards.
+    // be called until another Load.
     void Free();
 
     // Each forwards to the module's function and returns its result, or
@@ -52,6 +52,7 @@ public:
 
 private:
     __attribute__((visibility("hidden"))) bool open(const char* path);
+    __attribute__((visibility("hidden"))) void forgetFunctions();
 
     void* m_handle;
 #define CORVANE_DECLARE(name, params) int(*m_##name) params;
