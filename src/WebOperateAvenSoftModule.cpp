@@ -210,8 +210,10 @@ void CWebOperateAvenSoftModule::SetFunctionID(int id)
 std::string CWebOperateAvenSoftModule::Request()
 {
     ClearRetParamsMap(1);
-    if (static_cast<size_t>(m_functionID) < std::size(requests))
-        (this->*requests[m_functionID].handler)();
+    if (static_cast<size_t>(m_functionID) < std::size(requests)) {
+        const RequestRow& request = requests[m_functionID];
+        (this->*request.handler)();
+    }
     return ReturnRequest();
 }
 
