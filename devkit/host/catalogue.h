@@ -1,0 +1,83 @@
+// The catalogue: every request that the plug-in serves, with its parameters and
+// results. Lists, help, parameter checks and the decoding of results come from it.
+#ifndef CORVANE_HOST_CATALOGUE_H
+#define CORVANE_HOST_CATALOGUE_H
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+// Names and values in the order in which they are stored or were written. Both may
+// hold any bytes.
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+const std::string* findValue(const Pairs& pairs, const std::string& name);
+
+// What the bytes of a value mean.
+enum class Form {
+    Text,     // as they are
+    Handle,   // the decimal text of a key-exchange session, good in one process only
+    Path,     // a file or folder of the host
+    Base64,   // URL-safe Base64 of bytes
+    KeyText,  // Base64 of a key or certificate, which the engine receives as text
+    Escaped,  // bytes, percent-escaped twice
+};
+
+// When a parameter must be given. One given empty counts as not given.
+enum class Need { Always, Never, UnlessMode1, InMode6 };
+
+// The values that a parameter may have.
+struct Allowed {
+    enum Kind { Any, Range, OneOf, Size } kind;
+    int low;             // Range: a leading number counts, text behind it does not
+    int high;            //
+    const char* digits;  // OneOf: exactly one of these digits
+    size_t size;         // Size: of the decoded bytes
+};
+
+struct Parameter {
+    const char* name;
+    Form form;
+    Need need;
+    Allowed allowed;
+    const char* ifAbsent;  // the value that an absent parameter stands for, or ""
+    const char* meaning;
+};
+
+struct Result {
+    const char* name;
+    Form form;
+    const char* meaning;
+};
+
+struct RequestInfo {
+    const char* name;
+    const char* group;
+    const char* summary;
+    std::vector<Parameter> parameters;  // in the order in which the plug-in reads them
+    std::vector<Result> results;        // in the order in which it writes them
+};
+
+// All requests, in the order of their function IDs, 0 to 26.
+const std::vector<RequestInfo>& catalogue();
+
+const RequestInfo* findRequest(const std::string& name);
+const Result* findResult(const RequestInfo& request, const std::string& name);
+
+// The known name that is nearest to a mistyped one.
+std::string nearestRequest(const std::string& name);
+
+// What looks wrong with the parameters of a request: unknown ones, missing ones,
+// values outside their form or set. Values themselves are not quoted.
+std::vector<std::string> complaints(const RequestInfo& request, const Pairs& parameters);
+
+// Whether the results tell of success.
+bool succeeded(const RequestInfo* request, const Pairs& results);
+
+// The requests as a person or a program reads them.
+std::string describe(const RequestInfo& request);
+std::string listRequests();
+nlohmann::ordered_json toJson(const RequestInfo& request);
+
+#endif

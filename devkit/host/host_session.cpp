@@ -1,0 +1,237 @@
+#include "host_session.h"
+
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string loaderMessage()
+{
+    const char* message = dlerror();
+    return message != nullptr ? message : "unknown reason";
+}
+
+// Where a library lies from the program's folder: beside it, in the build tree, and in
+// an installation's bin/ and lib/.
+std::string usualPlace(const char* name, const char* buildFolder)
+{
+    std::error_code ignored;
+    const fs::path home = fs::read_symlink("/proc/self/exe", ignored).parent_path();
+    for (const char* folder : {".", buildFolder, "../lib/corvane", "../lib"}) {
+        const fs::path candidate = home / folder / name;
+        if (fs::exists(candidate, ignored))
+            return candidate.lexically_normal();
+    }
+    return name;
+}
+
+// A given path always means a file, also when it has no slash.
+std::string chosen(const std::string& given, const char* name, const char* buildFolder)
+{
+    return given.empty() ? usualPlace(name, buildFolder) : fs::absolute(given).string();
+}
+
+// Gathers what is written to standard output, descriptor 1, while it exists.
+class OutputCapture {
+public:
+    OutputCapture() : file_(memfd_create("captured", MFD_CLOEXEC)), saved_(dup(STDOUT_FILENO))
+    {
+        fflush(stdout);
+        if (file_ < 0 || saved_ < 0 || dup2(file_, STDOUT_FILENO) < 0)
+            throw LoadError("cannot capture the plug-in's messages");
+    }
+
+    ~OutputCapture()
+    {
+        restore();
+        close(file_);
+    }
+
+    std::string take()
+    {
+        restore();
+        std::string text;
+        char buffer[4096];
+        lseek(file_, 0, SEEK_SET);
+        for (ssize_t count; (count = read(file_, buffer, sizeof buffer)) > 0;)
+            text.append(buffer, static_cast<size_t>(count));
+        return text;
+    }
+
+private:
+    void restore()
+    {
+        if (saved_ < 0)
+            return;
+        fflush(stdout);
+        dup2(saved_, STDOUT_FILENO);
+        close(saved_);
+        saved_ = -1;
+    }
+
+    int file_;
+    int saved_;
+};
+
+// The parameter module takes pointers to non-const bytes, which it does not change.
+char* bytes(const std::string& text)
+{
+    return const_cast<char*>(text.data());
+}
+
+long lengthOf(const std::string& text)
+{
+    return static_cast<long>(text.size());
+}
+
+}  // namespace
+
+LibraryPaths withDefaults(LibraryPaths paths)
+{
+    paths.plugin = chosen(paths.plugin, pluginName, "../../src");
+    paths.params = chosen(paths.params, paramsName, "../params");
+    paths.engine = chosen(paths.engine, engineName, "../engine");
+    return paths;
+}
+
+void HostSession::CloseLibrary::operator()(void* handle) const
+{
+    dlclose(handle);
+}
+
+HostSession::Library HostSession::open(const std::string& path)
+{
+    Library library(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
+    if (library == nullptr)
+        throw LoadError("cannot load " + loaderMessage());
+    return library;
+}
+
+HostSession::Library HostSession::openByBareName(const std::string& path, const char* bareName)
+{
+    Library library = open(path);
+    const Library byName(dlopen(bareName, RTLD_NOW | RTLD_NOLOAD));
+    if (byName != library)
+        throw BareNameError(path + " does not answer to the name " + bareName +
+                            ", by which the plug-in opens it");
+    return library;
+}
+
+template <class Function>
+void HostSession::resolve(const Library& library, const char* name, Function& function)
+{
+    function = reinterpret_cast<Function>(dlsym(library.get(), name));
+    if (function == nullptr)
+        throw LoadError("a function is missing: " + loaderMessage());
+}
+
+HostSession::HostSession(const LibraryPaths& paths)
+    : params_(openByBareName(paths.params, paramsName)),
+      engine_(openByBareName(paths.engine, engineName)),
+      plugin_(open(paths.plugin))
+{
+    bind();
+    initialise();
+}
+
+HostSession::~HostSession()
+{
+    free_();
+}
+
+void HostSession::bind()
+{
+#define CORVANE_RESOLVE(name, parameters) resolve(params_, #name, name##_);
+    CORVANE_PARAMS_FUNCTIONS(CORVANE_RESOLVE)
+#undef CORVANE_RESOLVE
+    resolve(plugin_, "Corvane_plugin_Init", init_);
+    resolve(plugin_, "Corvane_plugin_Request", request_);
+    resolve(plugin_, "Corvane_plugin_Free", free_);
+}
+
+void HostSession::initialise()
+{
+    OutputCapture capture;
+    init_();
+    const std::string printed = capture.take();
+
+    fputs(printed.c_str(), stderr);
+    if (printed.find("load fail") == std::string::npos &&
+        printed.find("aven_global_init ERROR") == std::string::npos)
+        return;
+    free_();
+    throw LoadError("the plug-in could not initialise: " +
+                    printed.substr(0, printed.find_last_not_of('\n') + 1));
+}
+
+void HostSession::emptyStores()
+{
+    ClearHttpParams_();
+    ClearRetParams_();
+    ClearRetCustomParam_();
+}
+
+Reply HostSession::send(const std::string& name, const Pairs& parameters)
+{
+    if (name.size() > UINT_MAX)
+        throw LoadError("the request's name is too long");
+
+    struct EmptyAtEnd {
+        HostSession& session;
+        ~EmptyAtEnd() { session.emptyStores(); }
+    } emptyAtEnd{*this};
+    emptyStores();
+
+    for (const auto& [key, value] : parameters)
+        if (AddHttpParams_(bytes(key), lengthOf(key), bytes(value), lengthOf(value)) != 0)
+            throw LoadError("the parameter module refuses the parameter " + key);
+
+    Reply reply;
+    const auto start = std::chrono::steady_clock::now();
+    request_(name.data(), static_cast<unsigned int>(name.size()));
+    const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - start;
+    reply.microseconds = time.count();
+    reply.results = readResults();
+    return reply;
+}
+
+// Each pair in two calls: the lengths, then the bytes into buffers with one byte more.
+Pairs HostSession::readResults()
+{
+    int count = 0;
+    if (GetRetParamsSum_(&count) != 0)
+        throw LoadError("the parameter module does not tell how many results there are");
+
+    Pairs results;
+    for (int i = 0; i < count; ++i) {
+        const LoadError refused("the parameter module does not give result " + std::to_string(i) +
+                                " of " + std::to_string(count));
+        long nameLength = 0;
+        long valueLength = 0;
+        if (GetRetParamFromIndex_(i, nullptr, &nameLength, nullptr, &valueLength) != 0 ||
+            nameLength < 0 || valueLength < 0)
+            throw refused;
+
+        std::string name(static_cast<size_t>(nameLength) + 1, '\0');
+        std::string value(static_cast<size_t>(valueLength) + 1, '\0');
+        const long nameRoom = nameLength;
+        const long valueRoom = valueLength;
+        if (GetRetParamFromIndex_(i, name.data(), &nameLength, value.data(), &valueLength) != 0 ||
+            nameLength < 0 || nameLength > nameRoom || valueLength < 0 || valueLength > valueRoom)
+            throw refused;
+
+        name.resize(static_cast<size_t>(nameLength));
+        value.resize(static_cast<size_t>(valueLength));
+        results.emplace_back(std::move(name), std::move(value));
+    }
+    return results;
+}

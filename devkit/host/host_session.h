@@ -1,0 +1,87 @@
+// The plug-in, its parameter module and its engine, loaded as a host loads them.
+#ifndef CORVANE_HOST_HOST_SESSION_H
+#define CORVANE_HOST_HOST_SESSION_H
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "catalogue.h"
+#include "params_interface.h"
+
+constexpr const char* pluginName = "libCorvane_plugin.so";
+constexpr const char* paramsName = "libCorvaneParamsModule.so";
+constexpr const char* engineName = "libSoftModuleaven.so";
+
+// A library could not be loaded, or does not behave as its contract says.
+struct LoadError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// A library was loaded from its path, but the plug-in, which opens it by its bare name,
+// would not get it: its SONAME is missing or another one.
+struct BareNameError : LoadError {
+    using LoadError::LoadError;
+};
+
+// The files to load. An empty path stands for the library's usual place: beside the
+// program, in its build or installation tree, else wherever the loader finds it.
+struct LibraryPaths {
+    std::string plugin;
+    std::string params;
+    std::string engine;
+};
+
+LibraryPaths withDefaults(LibraryPaths paths);
+
+struct Reply {
+    Pairs results;            // all of them, in the module's order
+    double microseconds = 0;  // of the request call alone
+};
+
+// One per process, as the plug-in's state is the process's; used from one thread. The
+// libraries print to standard output as they like, so a program whose own output goes
+// there moves it out of their way first.
+class HostSession {
+public:
+    // Loads the libraries and has the plug-in bind and initialise them. Throws a
+    // LoadError, also if the plug-in printed that it failed, which is all it tells.
+    explicit HostSession(const LibraryPaths& paths);
+    ~HostSession();
+    HostSession(const HostSession&) = delete;
+    HostSession& operator=(const HostSession&) = delete;
+
+    // Stores the parameters, sends the request, reads its results and empties the
+    // stores. An unknown name gives no results.
+    Reply send(const std::string& name, const Pairs& parameters);
+
+private:
+    struct CloseLibrary {
+        void operator()(void* handle) const;
+    };
+    using Library = std::unique_ptr<void, CloseLibrary>;
+
+    static Library open(const std::string& path);
+    static Library openByBareName(const std::string& path, const char* bareName);
+    template <class Function>
+    static void resolve(const Library& library, const char* name, Function& function);
+
+    void bind();
+    void initialise();
+    void emptyStores();
+    Pairs readResults();
+
+    // In this order, so that the plug-in is unloaded first.
+    Library params_;
+    Library engine_;
+    Library plugin_;
+
+#define CORVANE_DECLARE(name, parameters) int(*name##_) parameters = nullptr;
+    CORVANE_PARAMS_FUNCTIONS(CORVANE_DECLARE)
+#undef CORVANE_DECLARE
+    int (*init_)() = nullptr;
+    int (*request_)(const char* name, unsigned int length) = nullptr;
+    int (*free_)() = nullptr;
+};
+
+#endif

@@ -1,0 +1,223 @@
+#include "script.h"
+
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "catalogue.h"
+#include "exchange.h"
+#include "values.h"
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct Step {
+    std::string id;
+    std::string request;
+    Json params = Json::object();
+    bool allowFailure = false;
+};
+
+// The parser's own messages quote the text, which may be secret.
+Json parse(const std::string& text)
+{
+    try {
+        return Json::parse(text);
+    } catch (const Json::parse_error& e) {
+        throw UsageError("not JSON at byte " + std::to_string(e.byte));
+    } catch (const Json::exception&) {
+        throw UsageError("a number is out of range");
+    }
+}
+
+bool isIdentifier(const std::string& id)
+{
+    return !id.empty() && id.find_first_of(".{}$") == std::string::npos;
+}
+
+Step toStep(const Json& json)
+{
+    if (!json.is_object())
+        throw UsageError("a step must be an object");
+
+    Step step;
+    for (const auto& [member, value] : json.items()) {
+        if (member == "id" && value.is_string() && isIdentifier(value.get<std::string>()))
+            step.id = value;
+        else if (member == "request" && value.is_string())
+            step.request = value;
+        else if (member == "params" && value.is_object())
+            step.params = value;
+        else if (member == "allowFailure" && value.is_boolean())
+            step.allowFailure = value;
+        else
+            throw UsageError("member \"" + member + "\" is unknown or of the wrong kind");
+    }
+    if (step.request.empty())
+        throw UsageError("\"request\" is missing");
+    return step;
+}
+
+class Runner {
+public:
+    Runner(const ScriptOptions& options, HostSession& session)
+        : options_(options), session_(session), reader_(options.file != "-")
+    {
+    }
+
+    // Sends a step. The answer is the step's line of output.
+    Json run(const Json& json)
+    {
+        ++number_;
+        try {
+            return send(toStep(json));
+        } catch (const UsageError& e) {
+            throw UsageError("step " + std::to_string(number_) + ": " + e.what());
+        }
+    }
+
+    bool allSucceeded() const { return allSucceeded_; }
+    bool mustStop() const { return !allSucceeded_ && !options_.keepGoing; }
+
+private:
+    Json send(const Step& step)
+    {
+        if (!step.id.empty() && results_.count(step.id) != 0)
+            throw UsageError("id " + step.id + " is taken");
+        const RequestInfo* request = requestByName(step.request, options_.force);
+        const Outcome outcome = exchange(session_, request, step.request, parameters(step));
+        if (!step.id.empty())
+            results_[step.id] = outcome.results;
+
+        Json answer = Json::object();
+        if (!step.id.empty())
+            answer["id"] = step.id;
+        answer["request"] = step.request;
+        answer["ok"] = outcome.ok;
+        answer["results"] = toJson(outcome.results);
+        if (!outcome.ok)
+            answer["error"] = {{"code", outcome.code}, {"text", outcome.text}};
+        if (options_.time)
+            answer["microseconds"] = outcome.microseconds;
+
+        if (outcome.ok || step.allowFailure)
+            return answer;
+        allSucceeded_ = false;
+        tell("step " + std::to_string(number_) + ": " + failureLine(step.request, outcome));
+        return answer;
+    }
+
+    Pairs parameters(const Step& step)
+    {
+        Pairs pairs;
+        for (const auto& [name, value] : step.params.items()) {
+            if (!value.is_string() && !value.is_number_integer())
+                throw UsageError(name + ": a value must be a text or an integer");
+            const std::string written = value.is_string() ? value.get<std::string>() : value.dump();
+            const auto expand = [&, &parameter = name](const std::string& text) {
+                return expandReferences(parameter, text);
+            };
+            pairs.emplace_back(name, reader_.read(name, written, expand));
+        }
+        return pairs;
+    }
+
+    std::string expandReferences(const std::string& parameter, const std::string& text) const
+    {
+        std::string expanded;
+        size_t at = 0;
+        for (size_t found; (found = text.find("${", at)) != std::string::npos;) {
+            if (found > at && text[found - 1] == '$') {
+                expanded.append(text, at, found - 1 - at).append("${");
+                at = found + 2;
+                continue;
+            }
+            const size_t end = text.find('}', found);
+            if (end == std::string::npos)
+                throw UsageError(parameter + ": a reference lacks its }");
+            expanded.append(text, at, found - at);
+            expanded += resultOf(parameter, text.substr(found + 2, end - found - 2));
+            at = end + 1;
+        }
+        return expanded.append(text, at);
+    }
+
+    const std::string& resultOf(const std::string& parameter, const std::string& reference) const
+    {
+        const size_t dot = reference.find('.');
+        const auto step = results_.find(reference.substr(0, dot));
+        const std::string* value = dot == std::string::npos || step == results_.end()
+                                       ? nullptr
+                                       : findValue(step->second, reference.substr(dot + 1));
+        if (value == nullptr)
+            throw UsageError(parameter + ": there is no result for ${" + reference + "}");
+        return *value;
+    }
+
+    const ScriptOptions& options_;
+    HostSession& session_;
+    ValueReader reader_;
+    std::map<std::string, Pairs> results_;
+    size_t number_ = 0;
+    bool allSucceeded_ = true;
+};
+
+void runLines(std::istream& in, Runner& runner, Output& output)
+{
+    for (std::string line; !runner.mustStop() && std::getline(in, line);)
+        if (line.find_first_not_of(" \t\r") != std::string::npos)
+            output.write(write(runner.run(parse(line)), -1) + "\n");
+}
+
+void runArray(const Json& steps, Runner& runner, Output& output)
+{
+    // Closed on every way out, so that what was written is JSON.
+    struct Brackets {
+        Output& output;
+        std::string between = "[\n";
+        ~Brackets()
+        {
+            try {
+                output.write(between == "[\n" ? "[]\n" : "\n]\n");
+            } catch (const UsageError&) {
+                // The write before has failed too and is being reported.
+            }
+        }
+    } brackets{output};
+
+    for (const Json& step : steps) {
+        if (runner.mustStop())
+            return;
+        const std::string answer = write(runner.run(step), -1);
+        output.write(brackets.between + answer);
+        brackets.between = ",\n";
+    }
+}
+
+void run(std::istream& in, Runner& runner, Output& output)
+{
+    if ((in >> std::ws).peek() != '[')
+        return runLines(in, runner, output);
+    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    runArray(parse(text), runner, output);
+}
+
+}  // namespace
+
+bool runScript(const ScriptOptions& options, HostSession& session, Output& output)
+{
+    Runner runner(options, session);
+    if (options.file == "-") {
+        run(std::cin, runner, output);
+        return runner.allSucceeded();
+    }
+    std::ifstream file(options.file);
+    if (!file)
+        throw UsageError("cannot read " + options.file);
+    run(file, runner, output);
+    return runner.allSucceeded();
+}

@@ -1,0 +1,115 @@
+#include "values.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "codec.h"
+#include "output.h"
+
+namespace {
+
+// Whether the text begins with the prefix, which is then removed.
+bool takePrefix(std::string& text, const std::string& prefix)
+{
+    if (text.compare(0, prefix.size(), prefix) != 0)
+        return false;
+    text.erase(0, prefix.size());
+    return true;
+}
+
+// All that can be read, or nothing with errno set.
+std::optional<std::string> readAll(int descriptor)
+{
+    std::string bytes;
+    std::string buffer(size_t{1} << 16, '\0');
+    for (;;) {
+        const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return std::nullopt;
+        if (count == 0)
+            return bytes;
+        bytes.append(buffer, 0, static_cast<size_t>(count));
+    }
+}
+
+std::optional<std::string> readFile(const std::string& path)
+{
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0)
+        return std::nullopt;
+    auto bytes = readAll(file);
+    const int reason = errno;
+    close(file);
+    errno = reason;
+    return bytes;
+}
+
+}  // namespace
+
+std::string ValueReader::read(const std::string& name, const std::string& written,
+                              const Expand& expand)
+{
+    std::string rest = written;
+    if (takePrefix(rest, "b64:"))
+        return toUrlBase64(readBytes(name, rest, expand));
+    if (takePrefix(rest, "hex:")) {
+        const auto bytes = fromHex(rest);
+        if (!bytes)
+            throw UsageError(name + ": hex: takes pairs of hex digits");
+        return toUrlBase64(*bytes);
+    }
+    return readBytes(name, rest, expand);
+}
+
+std::string ValueReader::readBytes(const std::string& name, const std::string& written,
+                                   const Expand& expand)
+{
+    std::string rest = written;
+    if (takePrefix(rest, "text:") || !takePrefix(rest, "@"))
+        return expand(rest);
+
+    if (rest == "-" && !standardInputIsFree_)
+        throw UsageError(name + ": standard input is in use already");
+    if (rest == "-")
+        standardInputIsFree_ = false;
+    auto bytes = rest == "-" ? readAll(STDIN_FILENO) : readFile(rest);
+    if (!bytes)
+        throw UsageError(name + ": cannot read " + (rest == "-" ? "standard input" : rest) + ": " +
+                         std::generic_category().message(errno));
+    return *std::move(bytes);
+}
+
+std::optional<std::string> decodeResult(Form form, const std::string& value)
+{
+    if (form == Form::Base64)
+        return fromBase64(value);
+    if (form != Form::Escaped)
+        return value;
+    const auto once = percentDecode(value);
+    return once ? percentDecode(*once) : std::nullopt;
+}
+
+nlohmann::ordered_json toJson(const std::string& value)
+{
+    if (isUtf8(value))
+        return value;
+    return {{"base64", toBase64(value)}};
+}
+
+nlohmann::ordered_json toJson(const Pairs& results)
+{
+    auto json = nlohmann::ordered_json::object();
+    for (const auto& [name, value] : results)
+        json[name] = toJson(value);
+    return json;
+}
+
+std::string write(const nlohmann::ordered_json& json, int indent)
+{
+    return json.dump(indent, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}

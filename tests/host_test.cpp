@@ -1,0 +1,959 @@
+// The command line host, driven as a user drives it, with the real libraries.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Arguments = std::vector<std::string>;
+using namespace std::string_literals;
+
+enum ExitCode { SUCCESS = 0, REFUSED = 1, USAGE = 2, LOADING = 3 };
+
+struct Ended {
+    int code = -1;
+    std::string out;
+    std::string err;
+
+    Json json() const { return Json::parse(out); }
+};
+
+// The libraries of the build; a test that chooses another one names it.
+const std::string plugin = CORVANE_PLUGIN_LIBRARY;
+const std::string params = CORVANE_PARAMS_LIBRARY;
+const std::string engine = CORVANE_ENGINE_LIBRARY;
+
+std::string readFile(const fs::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Starts the program with the arguments as they are; -1 for a stream leaves it alone.
+pid_t start(const Arguments& arguments, int in, int out, int err)
+{
+    std::vector<char*> argv = {const_cast<char*>(CORVANE_HOST_PROGRAM)};
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    const std::array<int, 3> streams = {in, out, err};
+    for (int i = 0; i < 3; ++i)
+        if (streams[static_cast<size_t>(i)] >= 0)
+            posix_spawn_file_actions_adddup2(&actions, streams[static_cast<size_t>(i)], i);
+    pid_t pid = -1;
+    EXPECT_EQ(0, posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ));
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+int exitCode(pid_t pid)
+{
+    int status = 0;
+    EXPECT_EQ(pid, waitpid(pid, &status, 0));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class Host : public testing::Test {
+protected:
+    Host()
+    {
+        std::string name = (fs::temp_directory_path() / "host_test_XXXXXX").string();
+        folder_ = mkdtemp(name.data());
+    }
+
+    ~Host() override { fs::remove_all(folder_); }
+
+    std::string path(const std::string& name) const { return (folder_ / name).string(); }
+
+    std::string file(const std::string& name, const std::string& bytes) const
+    {
+        std::ofstream(path(name), std::ios::binary) << bytes;
+        return path(name);
+    }
+
+    // A copy of a library in which one text stands in place of another of its length.
+    std::string patched(const std::string& library, const std::string& from, const std::string& to)
+    {
+        EXPECT_EQ(from.size(), to.size());
+        std::string bytes = readFile(library);
+        size_t found = 0;
+        for (size_t at = 0; (at = bytes.find(from, at)) != std::string::npos; ++found)
+            bytes.replace(at, to.size(), to);
+        EXPECT_GT(found, 0U) << from << " in " << library;
+        return file("patched-" + std::to_string(++copies_) + ".so", bytes);
+    }
+
+    Ended run(const Arguments& arguments, const std::string& input = "") const
+    {
+        const int in = open(file("in", input).c_str(), O_RDONLY | O_CLOEXEC);
+        const int out = open(path("out").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        const int err =
+            open(path("err").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
+        Ended ended;
+        ended.code = exitCode(start(arguments, in, out, err));
+        for (const int descriptor : {in, out, err})
+            close(descriptor);
+        ended.out = readFile(path("out"));
+        ended.err = readFile(path("err"));
+        return ended;
+    }
+
+    Ended call(Arguments arguments, const std::string& input = "") const
+    {
+        arguments.insert(arguments.begin(),
+                         {"--plugin", plugin, "--params", params, "--engine", engine, "call"});
+        return run(arguments, input);
+    }
+
+    // What the plug-in received as "strIn": the engine's decoded encoding of it.
+    std::string received(const std::string& value, const std::string& input = "") const
+    {
+        const Ended ended =
+            call({"QZaven_crypto_base64_encode", "strIn=" + value, "--raw", "Data"}, input);
+        EXPECT_EQ(SUCCESS, ended.code) << ended.err;
+        return ended.out;
+    }
+
+    Ended script(const std::string& text, Arguments more = {}) const
+    {
+        more.insert(more.begin(), {"script", file("script", text)});
+        return run(more);
+    }
+
+    Ended lines(const std::string& text) const { return run({"script", "-"}, text); }
+
+private:
+    fs::path folder_;
+    int copies_ = 0;
+};
+
+using HostValues = Host;
+using HostResults = Host;
+using HostUsage = Host;
+using HostLoading = Host;
+using HostScript = Host;
+using HostCatalogue = Host;
+
+bool holds(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+std::string allBytes()
+{
+    std::string bytes;
+    for (int i = 0; i < 256; ++i)
+        bytes += static_cast<char>(i);
+    return bytes;
+}
+
+// ---- Values.
+
+TEST_F(HostValues, PlainTextIsTakenAsItIs)
+{
+    EXPECT_EQ("hello = world", received("hello = world"));
+    EXPECT_EQ("b64", received("b64"));
+    EXPECT_EQ("x@y", received("x@y"));
+}
+
+TEST_F(HostValues, FileBytesAreTakenAsTheyAre)
+{
+    EXPECT_EQ(allBytes(), received("@" + file("bytes", allBytes())));
+}
+
+TEST_F(HostValues, StandardInputIsTakenAsItIs)
+{
+    EXPECT_EQ(allBytes(), received("@-", allBytes()));
+}
+
+TEST_F(HostValues, Base64IsMadeOfTextFileAndInput)
+{
+    EXPECT_EQ("-_8=", received("b64:@" + file("bytes", "\xFB\xFF")));
+    EXPECT_EQ("-_8=", received("b64:@-", "\xFB\xFF"));
+    EXPECT_EQ("Zg==", received("b64:f"));
+    EXPECT_EQ("Zm8=", received("b64:fo"));
+    EXPECT_EQ("Zm9v", received("b64:foo"));
+    EXPECT_EQ("Zm9vYmFy", received("b64:foobar"));
+}
+
+TEST_F(HostValues, Base64IsMadeOfHexDigits)
+{
+    EXPECT_EQ("-_8=", received("hex:fbFF"));
+    EXPECT_EQ("AA==", received("hex:00"));
+}
+
+TEST_F(HostValues, TextPrefixKeepsWhatFollows)
+{
+    EXPECT_EQ("@file", received("text:@file"));
+    EXPECT_EQ("b64:x", received("text:b64:x"));
+    EXPECT_EQ("hex:0", received("text:hex:0"));
+    EXPECT_EQ("text:", received("text:text:"));
+    EXPECT_EQ("QHg=", received("b64:text:@x"));
+}
+
+TEST_F(HostValues, LongValuesArriveWhole)
+{
+    std::string bytes;
+    while (bytes.size() < 3'000'001)
+        bytes += allBytes();
+    EXPECT_TRUE(bytes == received("@" + file("bytes", bytes)));
+}
+
+TEST_F(HostValues, BadHexIsRefusedAndNotQuoted)
+{
+    for (const char* digits : {"5ec", "5ecret", "5e c"}) {
+        const Ended ended = call({"QZaven_crypto_base64_encode", "strIn=hex:"s + digits});
+        EXPECT_EQ(USAGE, ended.code);
+        EXPECT_TRUE(holds(ended.err, "strIn")) << ended.err;
+        EXPECT_FALSE(holds(ended.err, "5e")) << ended.err;
+    }
+}
+
+TEST_F(HostValues, UnreadableFileIsNamed)
+{
+    const Ended ended = call({"QZaven_crypto_base64_encode", "strIn=b64:@" + path("absent")});
+    EXPECT_EQ(USAGE, ended.code);
+    EXPECT_TRUE(holds(ended.err, path("absent"))) << ended.err;
+    EXPECT_EQ(USAGE, call({"QZaven_crypto_base64_encode", "strIn=@" + path("")}).code);
+}
+
+TEST_F(HostValues, StandardInputServesOneValue)
+{
+    const Ended ended = call({"QZaven_crypto_hmac", "strKey=b64:@-", "strdata=b64:@-"}, "key");
+    EXPECT_EQ(USAGE, ended.code);
+    EXPECT_TRUE(holds(ended.err, "strdata: standard input")) << ended.err;
+}
+
+// ---- Results and exit codes.
+
+TEST_F(HostResults, AreJsonInOrderOnCleanOutput)
+{
+    const Ended ended = call({"QZaven_crypto_encrypt", "strCipherAlg=4", "strMode=6",
+                              "strKey=b64:" + std::string(32, 'k'), "strIV=b64:iviviviviviv",
+                              "straad=b64:a", "strdata=b64:data"});
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    const Json json = ended.json();
+    Arguments names;
+    for (const auto& [name, value] : json.items())
+        names.push_back(name);
+    EXPECT_EQ((Arguments{"Data", "errorCode", "gcmOutTag"}), names);
+    EXPECT_EQ("0", json["errorCode"]);
+}
+
+// With this plug-in the engine's log goes where results go.
+TEST_F(HostResults, WhatLibrariesPrintGoesToErrors)
+{
+    const Ended ended = run({"--plugin", patched(plugin, "/dev/stderr", "/dev/stdout"), "call",
+                             "QZaVen_GetVersion", "--raw", "errorCode"});
+    EXPECT_EQ(SUCCESS, ended.code);
+    EXPECT_EQ("0", ended.out);
+    EXPECT_TRUE(holds(ended.err, "SoftModuleaven: ")) << ended.err;
+}
+
+TEST_F(HostResults, RefusalGivesCodeTextAndResults)
+{
+    const Ended ended = call({"QZaven_crypto_gen_symmkey", "strCipherAlg=8"});
+    EXPECT_EQ(REFUSED, ended.code);
+    EXPECT_EQ((Json{{"Data", ""}, {"errorCode", "-20084"}}), ended.json());
+    const std::string meaning = call({"QZaVen_strerror", "strErr=-20084", "--raw", "Data"}).out;
+    ASSERT_FALSE(meaning.empty());
+    EXPECT_TRUE(holds(ended.err, "failed with -20084: " + meaning)) << ended.err;
+}
+
+TEST_F(HostResults, ErrorTextSucceedsWithoutErrorCode)
+{
+    const Ended ended = call({"QZaVen_strerror", "strErr=-20001"});
+    EXPECT_EQ(SUCCESS, ended.code);
+    EXPECT_FALSE(ended.json().contains("errorCode"));
+
+    const Ended without = call({"QZaVen_strerror"});
+    EXPECT_EQ(REFUSED, without.code);
+    EXPECT_EQ((Json{{"Data", ""}}), without.json());
+}
+
+TEST_F(HostResults, RawDecodesBase64)
+{
+    const Ended ended = call({"QZaven_crypto_gen_symmkey", "strCipherAlg=2", "--raw", "Data"});
+    EXPECT_EQ(SUCCESS, ended.code);
+    EXPECT_EQ(16U, ended.out.size());
+}
+
+TEST_F(HostResults, RawUndoesBothEscapes)
+{
+    const Ended ended = call({"QZaven_crypto_base64_Decode",
+                              "strIn=b64:@" + file("bytes", allBytes()), "--raw", "Data"});
+    EXPECT_EQ(SUCCESS, ended.code) << ended.err;
+    EXPECT_EQ(allBytes(), ended.out);
+}
+
+TEST_F(HostResults, RawGivesTextAsItIs)
+{
+    EXPECT_EQ(call({"QZaVen_GetVersion"}).json()["Data"],
+              call({"QZaVen_GetVersion", "--raw", "Data"}).out);
+    EXPECT_EQ("0", call({"QZaVen_GetVersion", "--raw", "errorCode"}).out);
+}
+
+TEST_F(HostResults, OutputFileHoldsResults)
+{
+    const std::string key = path("key");
+    const Ended ended =
+        call({"QZaven_crypto_gen_symmkey", "strCipherAlg=4", "--raw", "Data", "-o", key});
+    EXPECT_EQ(SUCCESS, ended.code);
+    EXPECT_EQ("", ended.out);
+    EXPECT_EQ(32U, readFile(key).size());
+
+    EXPECT_EQ(SUCCESS, call({"QZaVen_GetVersion", "-o", path("json")}).code);
+    EXPECT_EQ("0", Json::parse(readFile(path("json")))["errorCode"]);
+    EXPECT_EQ(USAGE, call({"QZaVen_GetVersion", "-o", path("no/folder")}).code);
+}
+
+TEST_F(HostResults, RawWritesNothingAfterRefusal)
+{
+    const std::string kept = file("kept", "before");
+    const Ended ended =
+        call({"QZaven_crypto_gen_symmkey", "strCipherAlg=9", "--raw", "Data", "-o", kept});
+    EXPECT_EQ(REFUSED, ended.code);
+    EXPECT_EQ("before", readFile(kept));
+    EXPECT_EQ("", ended.out);
+}
+
+TEST_F(HostResults, FullOutputIsAnError)
+{
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    const int err = open(path("err").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    EXPECT_EQ(USAGE, exitCode(start({"call", "QZaVen_GetVersion"}, -1, full, err)));
+    close(full);
+    close(err);
+}
+
+TEST_F(HostResults, TimeIsAMemberOrALine)
+{
+    EXPECT_GT(call({"QZaVen_GetVersion", "--time"}).json()["microseconds"].get<double>(), 0);
+    const Ended raw = call({"QZaVen_GetVersion", "--time", "--raw", "errorCode"});
+    EXPECT_EQ("0", raw.out);
+    EXPECT_TRUE(holds(raw.err, "microseconds: ")) << raw.err;
+}
+
+// The engine's version text comes back as it is, so it can hold any bytes.
+TEST_F(HostResults, BytesThatAreNotUtf8AreGivenAsBase64)
+{
+    struct Row {
+        std::string bytes;
+        bool utf8;
+    };
+    const Row rows[] = {
+        {"\x7F", true},               // the last of one byte
+        {"\xC2\x80", true},           // the first and last of two
+        {"\xDF\xBF", true},           //
+        {"\xE0\xA0\x80", true},       // of three, and around the surrogates
+        {"\xED\x9F\xBF", true},       //
+        {"\xEF\xBF\xBF", true},       //
+        {"\xF0\x90\x80\x80", true},   // of four
+        {"\xF4\x8F\xBF\xBF", true},   //
+        {"\x80", false},              // a continuation alone
+        {"\xC1\xBF", false},          // too long a form
+        {"\xE0\x9F\xBF", false},      //
+        {"\xF0\x8F\xBF\xBF", false},  //
+        {"\xED\xA0\x80", false},      // a surrogate
+        {"\xF4\x90\x80\x80", false},  // beyond the last character
+        {"\xF5\x80\x80\x80", false},  //
+        {"\xE2\x82"
+         "e",
+         false},  // cut short
+        {"\xC3"
+         "e",
+         false},          //
+        {"\xFF", false},  //
+    };
+    for (const Row& row : rows) {
+        const std::string word = "development engine ";
+        const std::string other = row.bytes + word.substr(row.bytes.size());
+        const Ended ended =
+            run({"call", "QZaVen_GetVersion", "--engine", patched(engine, word, other)});
+        ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+        const Json data = ended.json()["Data"];
+        if (row.utf8)
+            EXPECT_TRUE(data.is_string() && holds(data, other)) << data;
+        else
+            EXPECT_TRUE(data.is_object() && data["base64"].is_string()) << data;
+    }
+}
+
+// ---- Command lines.
+
+TEST_F(HostUsage, UnknownRequestGetsASuggestion)
+{
+    const Ended ended = call({"QZaven_crypto_hmacc"});
+    EXPECT_EQ(USAGE, ended.code);
+    EXPECT_TRUE(holds(ended.err, "did you mean QZaven_crypto_hmac?")) << ended.err;
+    EXPECT_TRUE(holds(call({"qzaven_getversion"}).err, "QZaVen_GetVersion?"));
+    EXPECT_EQ(USAGE, run({"describe", "nothing"}).code);
+}
+
+TEST_F(HostUsage, ForceSendsAnUnknownName)
+{
+    const Ended ended = call({"QZaven_unknown", "--force"});
+    EXPECT_EQ(REFUSED, ended.code);
+    EXPECT_EQ(Json::object(), ended.json());
+}
+
+TEST_F(HostUsage, OddParametersAreWarnedOfAndSent)
+{
+    const Ended ended =
+        call({"QZaven_crypto_hmac", "strHashAlg=77", "strKey=5ecret5ecret5", "strKee=5ecret"});
+    EXPECT_EQ(REFUSED, ended.code);
+    EXPECT_EQ("-20001", ended.json()["errorCode"]);
+    for (const char* warning : {"strHashAlg must be 1 to 6", "strKey is not Base64",
+                                "strKee is not a parameter", "strdata is missing"})
+        EXPECT_TRUE(holds(ended.err, warning)) << warning << " in " << ended.err;
+    EXPECT_FALSE(holds(ended.err, "5ecret")) << ended.err;
+}
+
+TEST_F(HostUsage, NeedsThatDependOnTheModeAreKnown)
+{
+    const auto warns = [&](const char* mode, const char* parameter) {
+        const Ended ended = call({"QZaven_crypto_decrypt", "strCipherAlg=1", "strMode="s + mode,
+                                  "strKey=AAAA", "strdata=AAAA"});
+        return holds(ended.err, parameter + " is missing"s);
+    };
+    EXPECT_FALSE(warns("1", "strIV"));
+    EXPECT_TRUE(warns("2", "strIV"));
+    EXPECT_FALSE(warns("5", "straad"));
+    EXPECT_TRUE(warns("6", "straad"));
+    EXPECT_TRUE(warns("6", "strtag"));
+}
+
+TEST_F(HostUsage, WrongCommandLinesQuoteNoValues)
+{
+    const Arguments rows[] = {
+        {"call", "QZaVen_strerror", "5ecret"},   // no name
+        {"call", "QZaVen_strerror", "=5ecret"},  // an empty one
+        {"call", "QZaVen_strerror", "-5ecret"},  // taken for options
+        {"call", "QZaVen_strerror", "strErr=5ecret", "strErr=5ecret"},
+        {"call", "QZaVen_strerror", "strErr=5ecret", "--raw", "gcmOutTag"},
+        {"call", "QZaVen_strerror", "strErr=5ecret", "--raw"},
+        {"call"},
+        {"list", "5ecret"},
+        {},
+    };
+    for (const Arguments& row : rows) {
+        const Ended ended = run(row);
+        EXPECT_EQ(USAGE, ended.code);
+        EXPECT_EQ("", ended.out);
+        EXPECT_NE("", ended.err);
+        EXPECT_FALSE(holds(ended.err, "5ecret")) << ended.err;
+    }
+}
+
+TEST_F(HostUsage, HelpGoesToOutput)
+{
+    const Ended ended = run({"--help"});
+    EXPECT_EQ(SUCCESS, ended.code);
+    EXPECT_TRUE(holds(ended.out, "b64:@FILE"));
+}
+
+// ---- Loading.
+
+TEST_F(HostLoading, UsualPlacesAreFoundFromAnyFolder)
+{
+    EXPECT_EQ(SUCCESS, run({"call", "QZaVen_GetVersion"}).code);
+}
+
+TEST_F(HostLoading, MissingAndForeignFilesAreRefused)
+{
+    const std::string text = file("text.so", "not a library");
+    for (const char* option : {"--plugin", "--params", "--engine"})
+        for (const std::string& library : {path("absent.so"), text, path("")}) {
+            const Ended ended = run({"call", "QZaVen_GetVersion", option, library});
+            EXPECT_EQ(LOADING, ended.code) << option << " " << library;
+            EXPECT_TRUE(holds(ended.err, "cannot load " + library)) << ended.err;
+            EXPECT_EQ("", ended.out);
+        }
+}
+
+TEST_F(HostLoading, LibrariesInEachOthersPlaceAreRefused)
+{
+    const Arguments rows[] = {
+        {"--plugin", params}, {"--plugin", engine}, {"--params", plugin},
+        {"--params", engine}, {"--engine", plugin}, {"--engine", params},
+    };
+    for (const Arguments& row : rows) {
+        const Ended ended = run({row[0], row[1], "call", "QZaVen_GetVersion"});
+        EXPECT_EQ(LOADING, ended.code) << row[0] << " " << row[1];
+        EXPECT_EQ("", ended.out);
+        EXPECT_TRUE(holds(ended.err, "corvane-host: ")) << ended.err;
+    }
+}
+
+TEST_F(HostLoading, EngineThatCannotInitialiseIsRefused)
+{
+    const Ended ended = run({"--engine", patched(engine, "aven_global_init", "aven_global_xxxx"),
+                             "call", "QZaVen_GetVersion"});
+    EXPECT_EQ(LOADING, ended.code);
+    EXPECT_TRUE(holds(ended.err, "m_softMoudleAven.aven_global_init ERROR 0x")) << ended.err;
+}
+
+TEST_F(HostLoading, ModuleWithoutAFunctionIsRefused)
+{
+    // Only where the exported names stand alone does this rename the function.
+    const Ended ended =
+        run({"--params", patched(params, "SetRetCustomParam"s + '\0', "SetRetCustomXxxxx"s + '\0'),
+             "call", "QZaVen_GetVersion"});
+    EXPECT_EQ(LOADING, ended.code);
+    EXPECT_TRUE(holds(ended.err, "SetRetCustomParam")) << ended.err;
+}
+
+// Folders of links that hosts have left behind.
+size_t leftFolders()
+{
+    size_t count = 0;
+    for (const auto& entry : fs::directory_iterator(fs::temp_directory_path()))
+        count += entry.path().filename().string().rfind("corvane-host-", 0) == 0 ? 1 : 0;
+    return count;
+}
+
+TEST_F(HostLoading, LibrariesUnderAnotherNameAreGivenTheirBareNames)
+{
+    setenv("TMPDIR", path("").c_str(), 1);
+    const std::string otherParams =
+        patched(params, "libCorvaneParamsModule.so", "libForeignParamsModule.so");
+    const std::string otherEngine = patched(engine, "libSoftModuleaven.so", "libSoftModulexxxx.so");
+
+    const Ended ended = run({"--params", otherParams, "--engine", otherEngine, "call",
+                             "QZaven_crypto_base64_encode", "strIn=@-", "--raw", "Data"},
+                            "input");
+    EXPECT_EQ(SUCCESS, ended.code) << ended.err;
+    EXPECT_EQ("input", ended.out);
+    EXPECT_EQ(0U, leftFolders());
+
+    setenv("LD_LIBRARY_PATH", "/nowhere", 1);
+    EXPECT_EQ(SUCCESS, run({"--engine", otherEngine, "call", "QZaVen_GetVersion"}).code);
+    EXPECT_EQ(0U, leftFolders());
+    unsetenv("LD_LIBRARY_PATH");
+
+    EXPECT_EQ(LOADING, run({"--engine", otherEngine, "--plugin", path("absent"), "call",
+                            "QZaVen_GetVersion"})
+                           .code);
+    EXPECT_EQ(0U, leftFolders());
+    unsetenv("TMPDIR");
+}
+
+TEST_F(HostLoading, FolderForLinksThatCannotBeMadeIsAnError)
+{
+    const std::string other = patched(engine, "libSoftModuleaven.so", "libSoftModulexxxx.so");
+    setenv("TMPDIR", path("absent").c_str(), 1);
+    const Ended ended = run({"--engine", other, "call", "QZaVen_GetVersion"});
+    unsetenv("TMPDIR");
+    EXPECT_EQ(LOADING, ended.code);
+    EXPECT_TRUE(holds(ended.err, "folder for links")) << ended.err;
+}
+
+// ---- Scripts.
+
+constexpr const char* roundTrip = R"([
+  {"id": "k", "request": "QZaven_crypto_gen_symmkey", "params": {"strCipherAlg": 4}},
+  {"id": "e", "request": "QZaven_crypto_encrypt",
+   "params": {"strCipherAlg": 4, "strMode": "6", "strKey": "${k.Data}", "strIV": "hex:000102030405060708090a0b",
+              "straad": "b64:header", "strdata": "b64:plain text"}},
+  {"id": "d", "request": "QZaven_crypto_decrypt",
+   "params": {"strCipherAlg": 4, "strMode": "6", "strKey": "${k.Data}", "strIV": "hex:000102030405060708090a0b",
+              "straad": "b64:header", "strtag": "${e.gcmOutTag}", "strdata": "${e.Data}"}}
+])";
+
+TEST_F(HostScript, LaterStepsUseEarlierResults)
+{
+    const Ended ended = script(roundTrip);
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    const Json answers = ended.json();
+    ASSERT_EQ(3U, answers.size());
+    EXPECT_EQ("d", answers[2]["id"]);
+    EXPECT_EQ("QZaven_crypto_decrypt", answers[2]["request"]);
+    EXPECT_EQ(true, answers[2]["ok"]);
+    EXPECT_EQ("cGxhaW4gdGV4dA==", answers[2]["results"]["Data"]);
+    EXPECT_FALSE(answers[2].contains("microseconds"));
+}
+
+TEST_F(HostScript, TimeIsTold)
+{
+    for (const Json& answer : script(roundTrip, {"--time"}).json())
+        EXPECT_GT(answer["microseconds"].get<double>(), 0);
+}
+
+TEST_F(HostScript, ReferencesStandInsideText)
+{
+    const Ended ended = lines(
+        R"({"id":"a","request":"QZaven_crypto_base64_encode","params":{"strIn":"x"}})"
+        "\n\n"
+        R"({"request":"QZaven_crypto_base64_encode","params":{"strIn":"<${a.Data}${a.errorCode}> $${a} $"}})"
+        "\n"
+        R"({"request":"QZaven_crypto_base64_encode","params":{"strIn":"b64:${a.Data}"}})");
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    std::istringstream answers(ended.out);
+    std::string line;
+    std::getline(answers, line);
+    std::getline(answers, line);
+    EXPECT_EQ("PGVBPT0wPiAke2F9ICQ=", Json::parse(line)["results"]["Data"]);  // <eA==0> ${a} $
+    std::getline(answers, line);
+    EXPECT_EQ("WlVFOVBRPT0=", Json::parse(line)["results"]["Data"]);  // of ZUE9PQ==, of eA==
+}
+
+// A result that begins like a file's name must stay a text.
+TEST_F(HostScript, ResultsAreNotReadAsValueForms)
+{
+    const Ended ended =
+        script(R"([
+        {"id": "a", "request": "QZaVen_GetVersion"},
+        {"id": "b", "request": "QZaven_crypto_base64_encode", "params": {"strIn": "${a.Data}"}},
+        {"id": "c", "request": "QZaven_crypto_base64_Decode", "params": {"strIn": "${b.Data}"}}])",
+               {"--engine", patched(engine, "SoftModuleaven dev", "@oftModuleaven dev")});
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    const Json answers = ended.json();
+    EXPECT_EQ(0U, answers[0]["results"]["Data"].get<std::string>().find("@oft"));
+    EXPECT_EQ(0U, answers[2]["results"]["Data"].get<std::string>().find("%2540oft"));
+}
+
+constexpr const char* failing = R"([
+  {"request": "QZaven_crypto_gen_symmkey", "params": {"strCipherAlg": 1}},
+  {"request": "QZaven_crypto_gen_symmkey", "params": {"strCipherAlg": 8}%s},
+  {"request": "QZaven_crypto_gen_symmkey", "params": {"strCipherAlg": 2}}
+])";
+
+std::string failingScript(const std::string& more)
+{
+    std::string text = failing;
+    return text.replace(text.find("%s"), 2, more);
+}
+
+TEST_F(HostScript, StopsAtTheFirstFailure)
+{
+    const Ended ended = script(failingScript(""));
+    EXPECT_EQ(REFUSED, ended.code);
+    const Json answers = ended.json();
+    ASSERT_EQ(2U, answers.size());
+    EXPECT_EQ(false, answers[1]["ok"]);
+    EXPECT_EQ("-20084", answers[1]["error"]["code"]);
+    EXPECT_NE("", answers[1]["error"]["text"]);
+}
+
+TEST_F(HostScript, KeepsGoingIfAsked)
+{
+    const Ended ended = script(failingScript(""), {"--keep-going"});
+    EXPECT_EQ(REFUSED, ended.code);
+    EXPECT_EQ(3U, ended.json().size());
+}
+
+TEST_F(HostScript, AllowedFailureIsNone)
+{
+    const Ended ended = script(failingScript(R"(, "allowFailure": true)"));
+    EXPECT_EQ(SUCCESS, ended.code);
+    EXPECT_EQ(3U, ended.json().size());
+    EXPECT_EQ(false, ended.json()[1]["ok"]);
+}
+
+TEST_F(HostScript, EmptyScriptsSucceed)
+{
+    EXPECT_EQ("[]\n", script("[]").out);
+    EXPECT_EQ("", lines("").out);
+    EXPECT_EQ(SUCCESS, lines(" \n").code);
+}
+
+TEST_F(HostScript, MalformedScriptsQuoteNoValues)
+{
+    const char* const rows[] = {
+        R"([{"request": "QZaVen_strerror", "params": {"strErr": "5ecret}])",
+        R"([{"request": "QZaVen_strerror", "params": {"strErr": 5ecret}}])",
+        R"([{"request": "QZaVen_strerror", "params": {"strErr": "${5ecret"}}])",
+        R"([{"request": "QZaVen_strerror", "params": {"strErr": ["5ecret"]}}])",
+        R"([{"request": "QZaVen_strerror", "params": {"strErr": 1.5}}])",
+        R"([{"request": "QZaVen_strerror", "params": {"strErr": 1e999}}])",
+        R"([{"request": "QZaVen_strerror", "params": ["5ecret"]}])",
+        R"([{"request": "QZaVen_strerror", "allowfailure": "5ecret"}])",
+        R"([{"request": "QZaVen_strerror", "id": "a.b"}])",
+        R"([{"request": "QZaven_unknown"}])",
+        R"([{"params": {}}])",
+        R"(["5ecret"])",
+        R"(5ecret)",
+        "[{\"request\": \"\xFF\"}]",
+    };
+    for (const char* row : rows) {
+        const Ended ended = script(row);
+        EXPECT_EQ(USAGE, ended.code) << row;
+        EXPECT_FALSE(holds(ended.err, "5ecret")) << ended.err;
+        EXPECT_TRUE(ended.out.empty() || ended.out == "[]\n") << ended.out;
+    }
+}
+
+TEST_F(HostScript, WrongReferencesStopTheScript)
+{
+    const std::string first = R"([{"id": "a", "request": "QZaVen_GetVersion"},)";
+    for (const char* reference : {"${b.Data}", "${a.gcmOutTag}", "${a}", "${}"}) {
+        const Ended ended =
+            script(first + R"({"request": "QZaVen_strerror", "params": {"strErr": ")" + reference +
+                   "\"}}]");
+        EXPECT_EQ(USAGE, ended.code);
+        EXPECT_TRUE(holds(ended.err, "step 2: strErr: ")) << ended.err;
+        EXPECT_EQ(1U, ended.json().size());
+    }
+    const Ended twice = script(first + R"({"id": "a", "request": "QZaVen_GetVersion"}])");
+    EXPECT_EQ(USAGE, twice.code);
+    EXPECT_TRUE(holds(twice.err, "id a is taken")) << twice.err;
+}
+
+TEST_F(HostScript, InputCannotBeScriptAndValue)
+{
+    const Ended ended = lines(R"({"request": "QZaVen_strerror", "params": {"strErr": "@-"}})");
+    EXPECT_EQ(USAGE, ended.code);
+    EXPECT_TRUE(holds(ended.err, "standard input")) << ended.err;
+    EXPECT_EQ(USAGE, run({"script", path("absent")}).code);
+}
+
+// A program at the other end of two pipes sees each answer before it sends the next step.
+TEST_F(HostScript, AnswersComeStepByStep)
+{
+    int toHost[2];
+    int fromHost[2];
+    ASSERT_EQ(0, pipe2(toHost, O_CLOEXEC));
+    ASSERT_EQ(0, pipe2(fromHost, O_CLOEXEC));
+    const int err = open(path("err").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const pid_t pid = start({"script", "-"}, toHost[0], fromHost[1], err);
+    close(toHost[0]);
+    close(fromHost[1]);
+    close(err);
+
+    const auto ask = [&](const std::string& step) {
+        EXPECT_EQ(static_cast<ssize_t>(step.size()), write(toHost[1], step.data(), step.size()));
+        std::string line;
+        for (char c = '\0'; c != '\n' && read(fromHost[0], &c, 1) == 1;)
+            line += c;
+        return Json::parse(line, nullptr, false);
+    };
+    const std::string step =
+        R"({"request": "QZaven_crypto_base64_encode", "params": {"strIn": "x"}})"
+        "\n";
+    const Json first = ask(step);
+    const Json second = ask(step);
+    close(toHost[1]);
+    EXPECT_EQ(SUCCESS, exitCode(pid));
+    close(fromHost[0]);
+    EXPECT_EQ("eA==", first["results"]["Data"]);
+    EXPECT_EQ(first, second);
+}
+
+// ---- The catalogue, held against the plug-in.
+
+Json catalogue(const Ended& listed)
+{
+    EXPECT_EQ(SUCCESS, listed.code);
+    return listed.json();
+}
+
+TEST_F(HostCatalogue, HasAllRequestsInOrder)
+{
+    // "?" marks an optional parameter, "*" one that depends on the mode.
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"QZaVen_GetVersion", ""},
+        {"QZaVen_strerror", "strErr"},
+        {"QZaven_crypto_base64_encode", "strIn"},
+        {"QZaven_crypto_base64_Decode", "strIn"},
+        {"QZaven_ke_new", ""},
+        {"QZaven_ke_free", "strKe"},
+        {"QZaven_ke_set_public_key", "strKe strSig_key? strEnc_key? strPassword?"},
+        {"QZaven_ke_set_certificate", "strKe strSig_cert? strEnc_cert? strPassword?"},
+        {"QZaven_ke_set_root_certificate", "strKe strCa_file strCa_path?"},
+        {"QZaven_ke_client_hello", "strKe"},
+        {"QZaven_ke_client_key_exchange",
+         "strKe strSrvr_rand? strSrvr_sig_cert? strSrvr_enc_cert? strSrvr_sign?"},
+        {"QZaven_ke_encrypt", "strKe strdata?"},
+        {"QZaven_ke_decrypt", "strKe strcipher?"},
+        {"QZaven_ke_hmac", "strKe strdata?"},
+        {"QZaven_ke_cmac", "strKe strdata?"},
+        {"QZaven_crypto_public_encrypt",
+         "strKeyPairType? strpk strRsaPaddingE? strnoAsn1? strnoc1c3c2? strdata"},
+        {"QZaven_crypto_private_decrypt",
+         "strKeyPairType? strsk strPassword? strRsaPaddingE? strnoAsn1? strnoc1c3c2? strdata"},
+        {"QZaven_crypto_encrypt",
+         "strCipherAlg strMode strCipherPadding? strKey strIV* straad* strdata strgcmTagLen?"},
+        {"QZaven_crypto_decrypt",
+         "strCipherAlg strMode strCipherPadding? strKey strIV* straad* strtag* strdata"},
+        {"QZaven_crypto_gen_symmkey", "strCipherAlg"},
+        {"QZaven_crypto_hmac", "strHashAlg strKey strdata"},
+        {"QZaven_crypto_cmac", "strCipherAlg strKey strdata"},
+        {"QZaven_crypto_kdf", "HashType srcdata OutLen"},
+        {"QZaven_crypto_envelope_encrypt", "strdata strpk strCipherAlg strMode"},
+        {"QZaven_crypto_envelope_decrypt", "strEncdata strKeyPairType strsk strCipherAlg strMode"},
+        {"QZaven_wbsm4_encrypt", "strKey strIV strdata"},
+        {"QZaven_wbsm4_decrypt", "strKey strIV strdata"},
+    };
+    std::vector<std::pair<std::string, std::string>> listed;
+    const std::string text = run({"list"}).out;
+    for (const Json& request : catalogue(run({"list", "--json"}))) {
+        const std::string name = request["name"];
+        EXPECT_TRUE(holds(text, "  " + name + "\n"));
+        EXPECT_EQ(request, run({"describe", name, "--json"}).json());
+        const std::string description = run({"describe", name}).out;
+        std::string parameters;
+        for (const Json& parameter : request["parameters"]) {
+            const std::string need = parameter["need"];
+            EXPECT_TRUE(holds(description, parameter["name"])) << description;
+            parameters += (parameters.empty() ? "" : " ") + parameter["name"].get<std::string>() +
+                          (need == "required"   ? ""
+                           : need == "optional" ? "?"
+                                                : "*");
+        }
+        listed.emplace_back(name, parameters);
+    }
+    EXPECT_EQ(27U, listed.size());
+    EXPECT_EQ(expected, listed);
+}
+
+// A value that the catalogue allows. Keys and certificates are no real ones.
+Json allowedValue(const Json& parameter)
+{
+    if (parameter.contains("range"))
+        return parameter["range"][1];
+    if (parameter.contains("oneOf"))
+        return parameter["oneOf"].back();
+    return parameter["form"] == "text" || parameter["form"] == "handle" ? "7"
+                                                                        : "b64:0123456789abcdef";
+}
+
+Json allowedParameters(const Json& request)
+{
+    Json parameters = Json::object();
+    for (const Json& parameter : request["parameters"])
+        parameters[parameter["name"].get<std::string>()] = allowedValue(parameter);
+    return parameters;
+}
+
+Json step(const Json& request, const Json& parameters)
+{
+    return {{"request", request["name"]}, {"params", parameters}, {"allowFailure", true}};
+}
+
+// Sends the steps; each must fail with `code`, or give an empty text if it has no code.
+void expectAll(const Ended& ended, const Json& steps, const std::string& code)
+{
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    const Json answers = ended.json();
+    ASSERT_EQ(steps.size(), answers.size());
+    ASSERT_GT(steps.size(), 0U);
+    for (size_t i = 0; i < steps.size(); ++i) {
+        const Json results = answers[i]["results"];
+        if (steps[i]["request"] == "QZaVen_strerror")
+            EXPECT_EQ((Json{{"Data", ""}}), results);
+        else
+            EXPECT_EQ(code, results["errorCode"]) << steps[i];
+    }
+}
+
+TEST_F(HostCatalogue, RequiredParametersAreRequired)
+{
+    Json steps = Json::array();
+    for (const Json& request : catalogue(run({"list", "--json"})))
+        for (const Json& parameter : request["parameters"]) {
+            if (parameter["need"] == "optional")
+                continue;
+            Json parameters = allowedParameters(request);  // the last mode, which needs all
+            parameters.erase(parameter["name"].get<std::string>());
+            steps.push_back(step(request, parameters));
+            parameters[parameter["name"].get<std::string>()] = "";
+            steps.push_back(step(request, parameters));
+        }
+    expectAll(script(steps.dump()), steps, "-20001");
+}
+
+TEST_F(HostCatalogue, ValuesBesideTheAllowedOnesAreRefused)
+{
+    // These read a certificate or a key before they check numbers.
+    const std::set<std::string> readKeysFirst = {"QZaven_crypto_envelope_encrypt",
+                                                 "QZaven_crypto_envelope_decrypt"};
+    Json steps = Json::array();
+    for (const Json& request : catalogue(run({"list", "--json"})))
+        for (const Json& parameter : request["parameters"]) {
+            const std::string name = parameter["name"];
+            if (readKeysFirst.count(request["name"]) != 0 && name != "strKeyPairType")
+                continue;
+            Json wrong = Json::array();
+            if (parameter.contains("range"))
+                wrong = {parameter["range"][0].get<int>() - 1,
+                         parameter["range"][1].get<int>() + 1};
+            if (parameter.contains("oneOf"))
+                wrong = {"9", "01", " 1", "1 ", "x"};
+            if (parameter.contains("bytes"))
+                wrong = {"b64:0123456789abcde", "b64:0123456789abcdefg"};
+            for (const Json& value : wrong) {
+                Json parameters = allowedParameters(request);
+                parameters[name] = value;
+                steps.push_back(step(request, parameters));
+            }
+        }
+    expectAll(script(steps.dump()), steps, "-20084");
+}
+
+// Whatever becomes of it, an allowed value is not refused as one outside its set.
+TEST_F(HostCatalogue, AllowedValuesAreTaken)
+{
+    Json steps = Json::array();
+    for (const Json& request : catalogue(run({"list", "--json"})))
+        for (const Json& parameter : request["parameters"]) {
+            const Json values = parameter.contains("range")
+                                    ? parameter["range"]
+                                    : parameter.value("oneOf", Json::array());
+            for (const Json& value : values) {
+                Json parameters = allowedParameters(request);
+                parameters[parameter["name"].get<std::string>()] = value;
+                steps.push_back(step(request, parameters));
+            }
+        }
+    const Ended ended = script(steps.dump());
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    EXPECT_FALSE(holds(ended.err, "warning")) << ended.err;
+    for (const Json& answer : ended.json()) {
+        EXPECT_NE("-20084", answer["results"]["errorCode"]) << answer;
+        EXPECT_NE("-20001", answer["results"]["errorCode"]) << answer;
+    }
+}
+
+TEST_F(HostCatalogue, ResultsAreThoseThatArrive)
+{
+    Json steps = Json::array();
+    const Json requests = catalogue(run({"list", "--json"}));
+    for (const Json& request : requests)
+        steps.push_back(step(request, allowedParameters(request)));
+    const Ended ended = script(steps.dump());
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    const Json answers = ended.json();
+    ASSERT_EQ(requests.size(), answers.size());
+    for (size_t i = 0; i < requests.size(); ++i) {
+        Arguments expected;
+        for (const Json& result : requests[i]["results"])
+            expected.push_back(result["name"]);
+        Arguments arrived;
+        for (const auto& [name, value] : answers[i]["results"].items())
+            arrived.push_back(name);
+        EXPECT_EQ(expected, arrived) << requests[i]["name"];
+    }
+}
+
+}  // namespace

@@ -1,0 +1,157 @@
+// The development engine, loaded as a plug-in loads it, and what its tests share.
+#ifndef CORVANE_TESTS_DEVKIT_ENGINE_H
+#define CORVANE_TESTS_DEVKIT_ENGINE_H
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "../../devkit/engine/engine_numbers.h"
+#include "engine_interface.h"
+
+namespace support {
+
+// The library and its 34 functions. Closing it does not clean the engine up.
+class DevkitEngine {
+public:
+    DevkitEngine() : m_handle(dlopen(CORVANE_ENGINE_LIBRARY, RTLD_NOW | RTLD_LOCAL))
+    {
+        if (m_handle == nullptr) {
+            fprintf(stderr, "%s\n", dlerror());
+            abort();
+        }
+#define RESOLVE(result, name, params) resolve(name, #name);
+        AVEN_ENGINE_FUNCTIONS(RESOLVE)
+#undef RESOLVE
+    }
+    DevkitEngine(const DevkitEngine&) = delete;
+    DevkitEngine& operator=(const DevkitEngine&) = delete;
+    ~DevkitEngine()
+    {
+        dlclose(m_handle);
+    }
+
+#define DECLARE(result, name, params) result(*name) params = nullptr;
+    AVEN_ENGINE_FUNCTIONS(DECLARE)
+#undef DECLARE
+
+private:
+    template <class Function>
+    void resolve(Function& function, const char* name)
+    {
+        function = reinterpret_cast<Function>(dlsym(m_handle, name));
+        if (function == nullptr) {
+            fprintf(stderr, "no %s\n", name);
+            abort();
+        }
+    }
+
+    void* m_handle;
+};
+
+// An initialised engine.
+class EngineTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(engine.aven_global_init(), 0); }
+    void TearDown() override { EXPECT_EQ(engine.aven_global_cleanup(), 0); }
+
+    DevkitEngine engine;
+};
+
+// A byte string in a block of exactly its size, so that a sanitizer sees any access
+// beyond it. An empty one still has an address.
+class Exact {
+public:
+    explicit Exact(const std::string& bytes)
+        : m_data(new unsigned char[bytes.size()]), m_size(static_cast<uint32_t>(bytes.size()))
+    {
+        std::copy(bytes.begin(), bytes.end(), m_data.get());
+    }
+    unsigned char* data() const { return m_data.get(); }
+    uint32_t size() const { return m_size; }
+
+private:
+    std::unique_ptr<unsigned char[]> m_data;
+    uint32_t m_size;
+};
+
+// An output buffer of a capacity, filled with a pattern and fenced by more of it.
+class Fenced {
+public:
+    explicit Fenced(size_t capacity)
+        : len(static_cast<uint32_t>(capacity)),
+          m_capacity(capacity),
+          m_bytes(capacity + FENCE, FILL)
+    {
+    }
+
+    unsigned char* data() { return m_bytes.data(); }
+    std::string text() const { return std::string(m_bytes.begin(), m_bytes.begin() + len); }
+    bool fenceIntact() const
+    {
+        return std::all_of(m_bytes.begin() + static_cast<std::ptrdiff_t>(m_capacity), m_bytes.end(),
+                           [](unsigned char b) { return b == FILL; });
+    }
+    bool untouched() const
+    {
+        return std::all_of(m_bytes.begin(), m_bytes.end(),
+                           [](unsigned char b) { return b == FILL; });
+    }
+    bool wiped() const
+    {
+        return std::all_of(m_bytes.begin(),
+                           m_bytes.begin() + static_cast<std::ptrdiff_t>(m_capacity),
+                           [](unsigned char b) { return b == 0 || b == FILL; });
+    }
+
+    uint32_t len;
+
+private:
+    static constexpr size_t FENCE = 64;
+    static constexpr unsigned char FILL = 0xA5;
+
+    size_t m_capacity;
+    std::vector<unsigned char> m_bytes;
+};
+
+inline std::string fromHex(const std::string& hex)
+{
+    std::string bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
+inline std::string toHex(const std::string& bytes)
+{
+    std::string hex;
+    char digits[3];
+    for (unsigned char b : bytes) {
+        snprintf(digits, sizeof digits, "%02x", b);
+        hex += digits;
+    }
+    return hex;
+}
+
+// `size` bytes that differ from each other and from those of another seed.
+inline std::string pattern(size_t size, unsigned seed = 1)
+{
+    std::string bytes;
+    uint32_t state = seed * 2654435761u + 1;
+    for (size_t i = 0; i < size; ++i) {
+        state = state * 1664525u + 1013904223u;
+        bytes += static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
+}  // namespace support
+
+#endif
