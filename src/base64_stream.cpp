@@ -240,24 +240,24 @@ int decodefinish(unsigned char* out, unsigned char** state)
 int CV_Base64Encode(const unsigned char* in, unsigned int inLen, char* out, unsigned int* outLen,
                     int lineBreak)
 {
+    const size_t expected = (size_t{inLen} + 2) / 3 * 4;
+    size_t reported = expected;
+    if (lineBreak == 1)
+        reported += (expected > 0 ? (expected - 1) / 64 : 0) + 1;
+    if (reported > UINT_MAX)
+        return BASE64_NO_MEMORY;
+
     const OwnedState work(static_cast<unsigned char*>(malloc((size_t{inLen} + 2) * 2)));
     if (work == nullptr)
         return BASE64_NO_MEMORY;
-
     unsigned char* state = nullptr;
     encodeini(&state);
     const OwnedState owned(state);
     if (state == nullptr)
         return BASE64_NO_MEMORY;
+
     size_t n = encode(in, inLen, work.get(), encoder(state));
     n += static_cast<size_t>(encodefinish(work.get() + n, state));
-
-    size_t reported = n;
-    if (lineBreak == 1)
-        reported += (n > 0 ? (n - 1) / 64 : 0) + 1;
-    if (reported > UINT_MAX)
-        return BASE64_NO_MEMORY;
-
     *outLen = static_cast<unsigned int>(reported);
     if (out == nullptr)
         return 0;

@@ -1,0 +1,539 @@
+// What the built library shows to the loader: its exports, the libraries that it needs,
+// its hardening, and that its own calls stay inside it. This program is a host with
+// functions of the library's names; the library must not call them.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Corvane_plugin.h"
+#include "base64.h"
+#include "base64_stream.h"
+#include "log.h"
+#include "support/plugin_test.h"
+
+// ---- The host's own functions. They count their calls and do nothing else.
+
+static int hostCalls = 0;
+
+std::string base64_encode(const unsigned char*, unsigned int)
+{
+    hostCalls++;
+    return "host";
+}
+std::string base64_decode(const std::string&)
+{
+    hostCalls++;
+    return "host";
+}
+void encodeini(unsigned char**)
+{
+    hostCalls++;
+}
+int encodeupdate(unsigned char*, int, unsigned char*, unsigned char*)
+{
+    return ++hostCalls;
+}
+int encodefinish(unsigned char*, unsigned char*)
+{
+    return ++hostCalls;
+}
+int decodeini(unsigned char**)
+{
+    return ++hostCalls;
+}
+int decodeupdate(unsigned char*, int, unsigned char*, unsigned char*)
+{
+    return ++hostCalls;
+}
+int decodefinish(unsigned char*, unsigned char**)
+{
+    return ++hostCalls;
+}
+void hex_dump_to_buffer(const void*, unsigned long, int, int, char*, unsigned long, bool)
+{
+    hostCalls++;
+}
+void log_open(const char*, bool)
+{
+    hostCalls++;
+}
+int log_get_level(const char*)
+{
+    return 1000 + ++hostCalls;
+}
+
+namespace {
+
+using support::StdoutCapture;
+using Names = std::set<std::string>;
+
+const std::string LIBRARY = CORVANE_PLUGIN_LIBRARY;
+
+#if defined(__SANITIZE_ADDRESS__)
+const bool SANITIZED = true;
+#else
+const bool SANITIZED = false;
+#endif
+
+// The output of a command over the library, line by line.
+std::vector<std::string> tool(const std::string& command)
+{
+    std::vector<std::string> lines;
+    FILE* output = popen((command + " '" + LIBRARY + "'").c_str(), "r");
+    if (output == nullptr)
+        return lines;
+    std::string all;
+    char part[4096];
+    for (size_t got; (got = fread(part, 1, sizeof part, output)) > 0;)
+        all.append(part, got);
+    EXPECT_EQ(pclose(output), 0) << command;
+    std::istringstream stream(all);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    EXPECT_FALSE(lines.empty()) << command;
+    return lines;
+}
+
+bool contains(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to)
+{
+    for (size_t at; (at = text.find(from)) != std::string::npos;)
+        text.replace(at, from.size(), to);
+}
+
+// Standard texts and lists by their short names.
+std::string shortened(std::string name)
+{
+    replaceAll(name, "std::__cxx11::", "std::");
+    replaceAll(name, "[abi:cxx11]", "");
+    for (const char* type : {"char", "wchar_t"}) {
+        std::string of = type;
+        replaceAll(name,
+                   "std::basic_string<" + of + ", std::char_traits<" + of + ">, std::allocator<" +
+                       of + "> >",
+                   of == "char" ? "text" : "wide");
+    }
+    replaceAll(name, "std::list<wide, std::allocator<wide > >", "wides");
+    return name;
+}
+
+// The names of the dynamic symbols that the library defines; decorated ones readable, so
+// that "f" is a plain symbol and "f(int)" a decorated one.
+Names exports()
+{
+    Names names;
+    for (const std::string& line : tool("nm -D -C --defined-only")) {
+        std::istringstream fields(line);
+        std::string address, type, name;
+        fields >> address >> type >> std::ws;
+        std::getline(fields, name);
+        // Sanitizers add their own, and without optimisation inline functions of the
+        // standard library stay behind.
+        if (SANITIZED &&
+            (contains(name, "__odr_asan") || contains(name, "__asan") ||
+             (type == "W" && (contains(name, "__gnu_cxx") || contains(name, "operator new(") ||
+                              contains(name, "operator delete(")))))
+            continue;
+        names.insert(shortened(name));
+    }
+    return names;
+}
+
+const char* const PLAIN[] = {
+    "Corvane_plugin_Init", "Corvane_plugin_Request", "Corvane_plugin_Free", "log_open",
+    "log_get_level",       "log_set_level",          "log_close",           "_log_level",
+    "CV_Base64Encode",     "CV_Base64Decode",
+};
+
+const char* const DECORATED[] = {
+    "prevent_Corvane_forgetting()",
+
+    "base64_encode(unsigned char const*, unsigned int)",
+    "base64_decode(text const&)",
+    "encodeini(unsigned char**)",
+    "encodeupdate(unsigned char*, int, unsigned char*, unsigned char*)",
+    "encodefinish(unsigned char*, unsigned char*)",
+    "decodeini(unsigned char**)",
+    "decodeupdate(unsigned char*, int, unsigned char*, unsigned char*)",
+    "decodefinish(unsigned char*, unsigned char**)",
+
+    "hex_dump_to_buffer(void const*, unsigned long, int, int, char*, unsigned long, bool)",
+    "print_hex_dump(int, void const*, unsigned long)",
+    "print_hex_buf(char const*, void const*, unsigned long)",
+};
+
+const char* const CLASSES[] = {
+    // clang-format off
+    "vtable for CWebServerBase",
+    "typeinfo for CWebServerBase",
+    "typeinfo name for CWebServerBase",
+    "CWebServerBase::CWebServerBase()",
+    "CWebServerBase::~CWebServerBase()",
+    "CWebServerBase::ReturnRequest()",
+    "CWebServerBase::GetFindNameStringValueFromMapParams(text)",
+    "CWebServerBase::InsertStringValueFromMapParams(text, text)",
+    "CWebServerBase::ChangedParamsValueByInputName(text, text)",
+    "CWebServerBase::GetRetStrToParamsMap(text)",
+    "CWebServerBase::AddRetStrToParamsMap(text, text)",
+    "CWebServerBase::ClearRetParamsMap(int)",
+    "CWebServerBase::SetRetCustomStr(text)",
+    "CWebServerBase::GetStrErrorForInt(int)",
+    "CWebServerBase::GetStrErrorHexForInt(int)",
+    "CWebServerBase::multiToUnicode(text const&, wide&)",
+    "CWebServerBase::multiToUTF8(text const&, text&)",
+    "CWebServerBase::UTF8ToMulti(text const&, text&)",
+    "CWebServerBase::UnicodeToUTF8(wide&, text&)",
+    "CWebServerBase::UTF8ToUnicode(text const&, wide&)",
+    "CWebServerBase::Utf8ToGbk(char*, unsigned long, char*, unsigned long)",
+    "CWebServerBase::Utf8ToGbk(text&, text&)",
+    "CWebServerBase::ReplaceInChar(char*, int, char, char)",
+    "CWebServerBase::URLDataDecode(char*, int)",
+    "CWebServerBase::URLDataEncode(char*, int)",
+    "CWebServerBase::ToHex(unsigned char)",
+    "CWebServerBase::FromHex(unsigned char)",
+    "CWebServerBase::EncodeURIComponent(text const&)",
+    "CWebServerBase::DecodeURIComponent(text const&)",
+    "CWebServerBase::JsonUrlEncode(text)",
+    "CWebServerBase::JsonUrlDecode(text)",
+    "CWebServerBase::split(text, text)",
+    "CWebServerBase::GetWListForDefaultWString(wide, wchar_t, wides&)",
+    "CWebServerBase::runCmd(text)",
+    "CWebServerBase::IS_MS_ENH_RSA_AES_PROV_XP()",
+
+    "vtable for CWebOperateAvenSoftModule",
+    "typeinfo for CWebOperateAvenSoftModule",
+    "typeinfo name for CWebOperateAvenSoftModule",
+    "CWebOperateAvenSoftModule::CWebOperateAvenSoftModule()",
+    "CWebOperateAvenSoftModule::~CWebOperateAvenSoftModule()",
+    "CWebOperateAvenSoftModule::GetFunctionID(text)",
+    "CWebOperateAvenSoftModule::SetFunctionID(int)",
+    "CWebOperateAvenSoftModule::Request()",
+    "CWebOperateAvenSoftModule::makeaVen_GetVersion()",
+    "CWebOperateAvenSoftModule::makeaVen_strerror()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_base64_encode()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_base64_Decode()",
+    "CWebOperateAvenSoftModule::makeaven_ke_new()",
+    "CWebOperateAvenSoftModule::makeaven_ke_free()",
+    "CWebOperateAvenSoftModule::makeaven_ke_set_public_key()",
+    "CWebOperateAvenSoftModule::makeaven_ke_set_certificate()",
+    "CWebOperateAvenSoftModule::makeaven_ke_set_root_certificate()",
+    "CWebOperateAvenSoftModule::makeaven_ke_client_hello()",
+    "CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()",
+    "CWebOperateAvenSoftModule::makeaven_ke_encrypt()",
+    "CWebOperateAvenSoftModule::makeaven_ke_decrypt()",
+    "CWebOperateAvenSoftModule::makeaven_ke_hmac()",
+    "CWebOperateAvenSoftModule::makeaven_ke_cmac()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_public_encrypt()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_private_decrypt()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_encrypt()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_decrypt()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_gen_symmkey()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_hmac()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_cmac()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_kdf()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_envelope_encrypt()",
+    "CWebOperateAvenSoftModule::makeaven_crypto_envelope_decrypt()",
+    "CWebOperateAvenSoftModule::makeaven_wbsm4_encrypt()",
+    "CWebOperateAvenSoftModule::makeaven_wbsm4_decrypt()",
+
+    "CSoftMoudle_aven::CSoftMoudle_aven()",
+    "CSoftMoudle_aven::~CSoftMoudle_aven()",
+    "CSoftMoudle_aven::loadLibrary(char const*)",
+    "CSoftMoudle_aven::unloadLibrary()",
+    "CSoftMoudle_aven::isLoad()",
+    "CSoftMoudle_aven::get_ErrorCode()",
+    "CSoftMoudle_aven::aven_global_init(text)",
+    "CSoftMoudle_aven::aven_global_cleanup()",
+    "CSoftMoudle_aven::aven_version()",
+    "CSoftMoudle_aven::aven_strerror(text)",
+    "CSoftMoudle_aven::GetStrForInt(long)",
+    "CSoftMoudle_aven::aven_crypto_base64_encode(bool, text, text&)",
+    "CSoftMoudle_aven::aven_ke_new(text&)",
+    "CSoftMoudle_aven::aven_ke_free(text)",
+    "CSoftMoudle_aven::aven_ke_set_public_key(text, text, text, text)",
+    "CSoftMoudle_aven::aven_ke_set_certificate(text, text, text, text)",
+    "CSoftMoudle_aven::aven_ke_set_root_certificate(text, text, text)",
+    "CSoftMoudle_aven::aven_ke_client_hello(text, text&)",
+    "CSoftMoudle_aven::aven_ke_client_key_exchange(text, text, text, text, text, text&)",
+    "CSoftMoudle_aven::aven_ke_encrypt(text, text, text&)",
+    "CSoftMoudle_aven::aven_ke_decrypt(text, text, text&)",
+    "CSoftMoudle_aven::aven_ke_hmac(text, text, text&)",
+    "CSoftMoudle_aven::aven_ke_cmac(text, text, text&)",
+    "CSoftMoudle_aven::aven_crypto_public_encrypt(void const*, text, text&)",
+    "CSoftMoudle_aven::aven_crypto_private_decrypt(void const*, text, text&)",
+    "CSoftMoudle_aven::aven_crypto_encrypt(void const*, text, text&, text&, int)",
+    "CSoftMoudle_aven::aven_crypto_decrypt(void const*, text, text, text&)",
+    "CSoftMoudle_aven::aven_crypto_gen_symmkey(int, text&)",
+    "CSoftMoudle_aven::aven_crypto_hmac(void const*, text, text&)",
+    "CSoftMoudle_aven::aven_crypto_cmac(void const*, text, text&)",
+    "CSoftMoudle_aven::aven_crypto_kdf(int, text, int, text&)",
+    "CSoftMoudle_aven::aven_crypto_envelope_encrypt(void const*, text, text&)",
+    "CSoftMoudle_aven::aven_crypto_envelope_decrypt(void const*, text, text&)",
+    "CSoftMoudle_aven::aven_keypair_read(int, text, text, text, void**)",
+    "CSoftMoudle_aven::aven_keypair_free(void*)",
+    "CSoftMoudle_aven::aven_certificate_read(text, text, void**)",
+    "CSoftMoudle_aven::aven_certificate_free(void*)",
+    "CSoftMoudle_aven::aven_wbsm4_encrypt(text, text, text&, text&)",
+    "CSoftMoudle_aven::aven_wbsm4_decrypt(text, text, text&, text&)",
+
+    "CorvaneParamsClass::CorvaneParamsClass()",
+    "CorvaneParamsClass::getInstance()",
+    "CorvaneParamsClass::Load()",
+    "CorvaneParamsClass::Load(char*, int)",
+    "CorvaneParamsClass::initFuction()",
+    "CorvaneParamsClass::Free()",
+    "CorvaneParamsClass::_aven_AddHttpParams(char*, long, char*, long)",
+    "CorvaneParamsClass::_aven_GetHttpParams(char*, long, char*, long*)",
+    "CorvaneParamsClass::_aven_ChangeHttpParams(char*, long, char*, long)",
+    "CorvaneParamsClass::_aven_ClearHttpParams()",
+    "CorvaneParamsClass::_aven_AddRetParams(char*, long, char*, long)",
+    "CorvaneParamsClass::_aven_GetRetParams(char*, long, char*, long*)",
+    "CorvaneParamsClass::_aven_GetRetParamsSum(int*)",
+    "CorvaneParamsClass::_aven_GetRetParamFromIndex(int, char*, long*, char*, long*)",
+    "CorvaneParamsClass::_aven_ClearRetParams()",
+    "CorvaneParamsClass::_aven_SetRetCustomParam(char*, long)",
+    "CorvaneParamsClass::_aven_GetRetCustomParam(char*, long*)",
+    "CorvaneParamsClass::_aven_ClearRetCustomParam()",
+    // clang-format on
+};
+
+TEST(Exports, AreTheseAndNoOthers)
+{
+    Names expected(std::begin(PLAIN), std::end(PLAIN));
+    expected.insert(std::begin(DECORATED), std::end(DECORATED));
+    expected.insert(std::begin(CLASSES), std::end(CLASSES));
+    const Names actual = exports();
+
+    for (const std::string& name : expected)
+        EXPECT_EQ(actual.count(name), 1U) << "not exported: " << name;
+    for (const std::string& name : actual)
+        EXPECT_EQ(expected.count(name), 1U) << "exported: " << name;
+}
+
+TEST(Exports, LogLevelIsInitialisedData)
+{
+    int found = 0;
+    for (const std::string& line : tool("nm -D --defined-only")) {
+        if (!contains(line + "\n", " _log_level\n"))
+            continue;
+        EXPECT_TRUE(contains(line, " D ")) << line;
+        found++;
+    }
+    EXPECT_EQ(found, 1);
+}
+
+// Names in quotes of readelf's dynamic section: "(NEEDED) Shared library: [libc.so.6]".
+Names dynamicNames(const std::string& tag)
+{
+    Names names;
+    for (const std::string& line : tool("readelf -d -W"))
+        if (contains(line, "(" + tag + ")"))
+            names.insert(line.substr(line.find('[') + 1, line.find(']') - line.find('[') - 1));
+    return names;
+}
+
+TEST(Needed, IsTheStandardRuntimeAlone)
+{
+    Names allowed = {"libc.so.6", "libstdc++.so.6",       "libgcc_s.so.1",
+                     "libm.so.6", "ld-linux-x86-64.so.2", "ld-linux-aarch64.so.1"};
+    if (SANITIZED)
+        allowed.insert({"libasan.so.8", "libubsan.so.1"});
+    const Names needed = dynamicNames("NEEDED");
+    for (const std::string& name : needed)
+        EXPECT_EQ(allowed.count(name), 1U) << name;
+    EXPECT_EQ(needed.count("libc.so.6"), 1U);
+    EXPECT_EQ(needed.count("libstdc++.so.6"), 1U);
+}
+
+TEST(Needed, HasNoSearchPath)
+{
+    EXPECT_EQ(dynamicNames("RPATH"), Names{});
+    EXPECT_EQ(dynamicNames("RUNPATH"), Names{});
+    EXPECT_EQ(dynamicNames("SONAME"), Names{"libCorvane_plugin.so"});
+}
+
+TEST(Hardening, BindsNowAndSealsItsTables)
+{
+    bool relro = false;
+    bool stack = false;
+    for (const std::string& line : tool("readelf -l -W")) {
+        relro = relro || contains(line, "GNU_RELRO");
+        if (contains(line, "GNU_STACK")) {
+            stack = true;
+            EXPECT_TRUE(contains(line, " RW ")) << "executable stack: " << line;
+        }
+    }
+    EXPECT_TRUE(relro);
+    EXPECT_TRUE(stack);
+
+    bool now = false;
+    for (const std::string& line : tool("readelf -d -W")) {
+        now = now || contains(line, "BIND_NOW") || contains(line, "Flags: NOW");
+        EXPECT_FALSE(contains(line, "(TEXTREL)"));
+    }
+    EXPECT_TRUE(now);
+}
+
+TEST(Hardening, ChecksStackAndBuffers)
+{
+    if (SANITIZED)
+        GTEST_SKIP() << "NOT TESTED: the sanitizers take the place of fortified calls";
+    Names used;
+    for (const std::string& line : tool("nm -D --undefined-only")) {
+        std::string name = line.substr(line.rfind(' ') + 1);
+        used.insert(name.substr(0, name.find('@')));
+    }
+    EXPECT_EQ(used.count("__stack_chk_fail"), 1U);
+#if !defined(__clang__)  // which does not fortify calls with variable arguments
+    EXPECT_EQ(used.count("__snprintf_chk"), 1U);
+    EXPECT_EQ(used.count("__syslog_chk"), 1U);
+    EXPECT_EQ(used.count("syslog"), 0U);
+#endif
+}
+
+#if defined(__aarch64__)
+TEST(Hardening, ProtectsBranches)
+{
+    std::string properties;
+    for (const std::string& line : tool("readelf -n -W"))
+        properties += line;
+    EXPECT_TRUE(contains(properties, "BTI"));
+    EXPECT_TRUE(contains(properties, "PAC"));
+}
+#endif
+
+TEST(Paths, AreRelativeToTheCheckout)
+{
+    std::ifstream file(LIBRARY, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    ASSERT_FALSE(bytes.empty());
+    // A sanitizer's reports keep the compiler's own paths.
+    EXPECT_TRUE(SANITIZED || !contains(bytes, CORVANE_SOURCE_DIR "/src"));
+    EXPECT_TRUE(contains(bytes, std::string("./src/Corvane_plugin.cpp") + '\0'));
+    EXPECT_TRUE(contains(bytes, std::string("./src/log.cpp") + '\0'));
+}
+
+// ---- Binding
+
+class Binding : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        hostCalls = 0;
+        void* library = dlopen(LIBRARY.c_str(), RTLD_NOW | RTLD_NOLOAD);
+        ASSERT_NE(library, nullptr);
+        // The loader finds the host's functions first.
+        for (const char* name : {"log_open", "log_get_level", "_Z12encodeupdatePhiS_S_"}) {
+            void* first = dlsym(RTLD_DEFAULT, name);
+            ASSERT_NE(first, nullptr) << name;
+            ASSERT_NE(first, dlsym(library, name)) << name;
+        }
+        dlclose(library);
+    }
+};
+
+// A function of the library's own that the loader binds would be taken over by a host.
+// Data is shared on purpose: the level, and the classes' tables.
+TEST_F(Binding, LeavesNoOwnFunctionToTheLoader)
+{
+    if (SANITIZED)
+        GTEST_SKIP() << "NOT TESTED: the sanitizers refer to functions in their own ways";
+    Names functions;
+    for (const std::string& line : tool("nm -D --defined-only")) {
+        std::istringstream fields(line);
+        std::string address, type, name;
+        fields >> address >> type >> name;
+        if (type == "T" || type == "W" || type == "i")
+            functions.insert(name);
+    }
+    EXPECT_GT(functions.size(), 100U);
+    bool level = false;
+    for (const std::string& line : tool("readelf -r -W")) {
+        std::istringstream fields(line);
+        for (std::string field; fields >> field;) {
+            EXPECT_EQ(functions.count(field), 0U) << line;
+            level = level || field == "_log_level";
+        }
+    }
+    EXPECT_TRUE(level) << "the level is not shared with the host";
+}
+
+TEST_F(Binding, EncodingStaysInTheLibrary)
+{
+    char out[8] = {};
+    unsigned length = 0;
+    EXPECT_EQ(CV_Base64Encode(reinterpret_cast<const unsigned char*>("foob"), 4, out, &length, 0),
+              0);
+    EXPECT_EQ(std::string(out, length), "Zm9vYg==");
+    EXPECT_EQ(hostCalls, 0);
+}
+
+TEST_F(Binding, DecodingStaysInTheLibrary)
+{
+    unsigned char out[8] = {};
+    unsigned length = 0;
+    EXPECT_EQ(CV_Base64Decode("Zm9vYg==", 8, out, &length), 0);
+    EXPECT_EQ(std::string(out, out + length), "foob");
+    EXPECT_EQ(hostCalls, 0);
+}
+
+TEST_F(Binding, DumpsStayInTheLibrary)
+{
+    StdoutCapture output;
+    log_set_level(5);
+    print_hex_buf("key", "A", 1);
+    log_set_level(4);
+    EXPECT_TRUE(contains(output.text(), "0x00000000:  41 "));
+    EXPECT_EQ(hostCalls, 0);
+}
+
+TEST_F(Binding, RequestsStayInTheLibrary)
+{
+    support::PluginHost host;
+    host.init();
+    host.request("QZaven_crypto_hmac",
+                 {{"strHashAlg", "1"}, {"strKey", "a2V5"}, {"strdata", "Zm9v"}});
+    const size_t place = host.journal.place("aven_crypto_hmac");
+    ASSERT_NE(place, doubles::Journal::npos);
+    EXPECT_EQ(host.journal.calls[place]["params.key"].bytes, "key");
+    ASSERT_EQ(host.params.ret.size(), 2U);
+    EXPECT_NE(host.params.ret[0].second, "host");
+    EXPECT_EQ(host.params.ret[1].second, "0");
+    host.free();
+    EXPECT_EQ(hostCalls, 0);
+}
+
+TEST_F(Binding, TheHostKeepsItsOwnFunctions)
+{
+    log_open("x", false);
+    EXPECT_EQ(log_get_level("debug"), 1002);
+    EXPECT_EQ(base64_encode(nullptr, 0), "host");
+    EXPECT_EQ(hostCalls, 3);
+}
+
+TEST_F(Binding, SharesTheLogLevel)
+{
+    log_set_level(-7);
+    EXPECT_EQ(_log_level, -7);
+
+    StdoutCapture output;
+    _log_level = 5;
+    print_hex_dump(6, "A", 1);
+    _log_level = 4;
+    print_hex_dump(6, "B", 1);
+    EXPECT_EQ(output.text(), "0x00000000:  41" + std::string(47, ' ') + "A\n");
+}
+
+}  // namespace

@@ -1,0 +1,198 @@
+// The sources as an integrator takes them: the headers compile alone as C and as C++, and
+// one compiler command builds the plug-in.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const std::string SOURCES = std::string(CORVANE_SOURCE_DIR) + "/src";
+
+// A directory that goes away with its contents.
+class Scratch {
+public:
+    Scratch()
+    {
+        char path[] = "/tmp/corvane_headers_XXXXXX";
+        if (mkdtemp(path) == nullptr)
+            abort();
+        m_path = path;
+    }
+    ~Scratch()
+    {
+        const std::string command = "rm -rf " + m_path;
+        if (system(command.c_str()) != 0)
+            perror("cannot remove the scratch directory");
+    }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+
+    std::string write(const std::string& name, const std::string& text) const
+    {
+        std::ofstream(m_path + "/" + name) << text;
+        return m_path + "/" + name;
+    }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+struct Outcome {
+    int status;
+    std::string output;  // of both streams
+};
+
+Outcome run(const std::string& command)
+{
+    Outcome outcome = {-1, ""};
+    FILE* output = popen(("{ " + command + "; } 2>&1").c_str(), "r");
+    if (output == nullptr)
+        return outcome;
+    char part[4096];
+    for (size_t got; (got = fread(part, 1, sizeof part, output)) > 0;)
+        outcome.output.append(part, got);
+    outcome.status = pclose(output);
+    return outcome;
+}
+
+bool installed(const std::string& compiler)
+{
+    return run("command -v " + compiler).status == 0;
+}
+
+struct Language {
+    const char* name;
+    const char* compiler;
+    const char* options;
+    const char* suffix;
+};
+
+const Language LANGUAGES[] = {
+    {"GccC11", "gcc", "-std=c11", ".c"},
+    {"GccCpp17", "g++", "-std=c++17 -Wconversion -Wshadow", ".cpp"},
+    {"ClangC11", "clang", "-std=c11", ".c"},
+    {"ClangCpp17", "clang++", "-std=c++17 -Wconversion -Wshadow", ".cpp"},
+};
+
+class Headers : public testing::TestWithParam<Language> {
+protected:
+    void SetUp() override
+    {
+        if (!installed(GetParam().compiler))
+            GTEST_SKIP() << "NOT TESTED: there is no " << GetParam().compiler;
+    }
+    // Compiles a text, any warning being an error.
+    void compile(const std::string& text)
+    {
+        const std::string source = scratch.write(std::string("source") + GetParam().suffix, text);
+        const Outcome outcome =
+            run(std::string(GetParam().compiler) + " " + GetParam().options +
+                " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I'" + SOURCES + "' " + source);
+        EXPECT_EQ(outcome.status, 0) << text << outcome.output;
+    }
+
+    Scratch scratch;
+};
+
+const char* const C_HEADERS[] = {
+    "Corvane_plugin.h", "engine_interface.h", "params_interface.h", "log.h", "base64_stream.h",
+};
+
+TEST_P(Headers, CompileAloneAndTwice)
+{
+    for (const char* header : C_HEADERS) {
+        const std::string line = std::string("#include \"") + header + "\"\n";
+        compile(line + line + "int unit;\n");
+    }
+}
+
+TEST_P(Headers, CompileTogetherInAnyOrder)
+{
+    std::string forwards, backwards;
+    for (const char* header : C_HEADERS) {
+        const std::string line = std::string("#include \"") + header + "\"\n";
+        forwards = forwards + line;
+        backwards = line + backwards;
+    }
+    compile(forwards + "int unit;\n");
+    compile(backwards + "int unit;\n");
+}
+
+TEST_P(Headers, DeclareWhatAHostCalls)
+{
+    compile(
+        "#include \"Corvane_plugin.h\"\n"
+        "#include \"log.h\"\n"
+        "#include \"base64_stream.h\"\n"
+        "int (*init)(void) = Corvane_plugin_Init;\n"
+        "int (*request)(const char*, unsigned int) = Corvane_plugin_Request;\n"
+        "int (*release)(void) = Corvane_plugin_Free;\n"
+        "void (*open_log)(const char*, bool) = log_open;\n"
+        "int (*get_level)(const char*) = log_get_level;\n"
+        "void (*set_level)(int) = log_set_level;\n"
+        "void (*close_log)(void) = log_close;\n"
+        "int* level = &_log_level;\n"
+        "int (*encode)(const unsigned char*, unsigned int, char*, unsigned int*, int) =\n"
+        "    CV_Base64Encode;\n"
+        "int (*decode)(const char*, unsigned int, unsigned char*, unsigned int*) =\n"
+        "    CV_Base64Decode;\n");
+}
+
+std::string languageName(const testing::TestParamInfo<Language>& language)
+{
+    return language.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Compilers, Headers, testing::ValuesIn(LANGUAGES), languageName);
+
+// A host in C that is linked to the library and prints what it gets from it.
+const char* const HOST =
+    "#include <stdio.h>\n"
+    "#include \"Corvane_plugin.h\"\n"
+    "#include \"base64_stream.h\"\n"
+    "#include \"log.h\"\n"
+    "int main(void)\n"
+    "{\n"
+    "    char text[8] = {0};\n"
+    "    unsigned int length = 0;\n"
+    "    int code = CV_Base64Encode((const unsigned char*)\"foo\", 3, text, &length, 0);\n"
+    "    printf(\"%d %u %s\\n\", code, length, text);\n"
+    "    printf(\"%d %d\\n\", _log_level, log_get_level(\"DEBUG\"));\n"
+    "    log_set_level(-1);\n"
+    "    printf(\"%d\\n\", _log_level);\n"
+    "    printf(\"%d\\n\", Corvane_plugin_Request(\"QZaVen_GetVersion\", 17));\n"
+    "    printf(\"%d\\n\", Corvane_plugin_Free());\n"
+    "    return 0;\n"
+    "}\n";
+
+TEST(PlainBuild, OneCommandBuildsAWorkingPlugin)
+{
+    if (!installed("g++") || !installed("gcc"))
+        GTEST_SKIP() << "NOT TESTED: there is no g++";
+    Scratch scratch;
+    const std::string library = scratch.file("libplain.so");
+    Outcome built = run("g++ -std=c++17 -O2 -shared -fPIC '" + SOURCES + "'/*.cpp -o " + library);
+    ASSERT_EQ(built.status, 0) << built.output;
+    EXPECT_EQ(built.output, "");
+
+    const std::string host = scratch.file("host");
+    built = run("gcc -std=c11 -I'" + SOURCES + "' " + scratch.write("host.c", HOST) + " " +
+                library + " -o " + host);
+    ASSERT_EQ(built.status, 0) << built.output;
+
+    const Outcome outcome = run(host);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output,
+              "0 4 Zm9v\n"
+              "4 5\n"
+              "-1\n"
+              "0\n"
+              "0\n");
+}
+
+}  // namespace
