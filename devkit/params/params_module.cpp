@@ -38,8 +38,11 @@ struct ThreadStores {
 //
 // Every call holds `lifetime` shared; unloading takes it exclusively. At process exit
 // other threads may still be calling: they are answered PARAMS_CLOSED from then on.
+// The lock itself favours calls; `turn`, held while waiting for it, lets unloading come
+// to its turn among threads that call without a pause.
 pthread_key_t key;
 bool isOpen = false;
+std::mutex turn;
 std::shared_mutex lifetime;
 std::mutex listMutex;
 ThreadStores* list = nullptr;
@@ -55,12 +58,18 @@ void unlink(ThreadStores* stores)
         stores->next->previous = stores->previous;
 }
 
+std::shared_lock<std::shared_mutex> enter()
+{
+    const std::lock_guard<std::mutex> waiting(turn);
+    return std::shared_lock<std::shared_mutex>(lifetime);
+}
+
 // Runs when a thread ends.
 void freeThreadStores(void* stores)
 {
     ThreadStores* own = static_cast<ThreadStores*>(stores);
 
-    const std::shared_lock<std::shared_mutex> alive(lifetime);
+    const std::shared_lock<std::shared_mutex> alive = enter();
     if (!isOpen)
         return;  // unloading has freed them
     {
@@ -77,6 +86,7 @@ __attribute__((constructor)) void openStores()
 
 __attribute__((destructor)) void closeStores()
 {
+    const std::lock_guard<std::mutex> waiting(turn);
     const std::unique_lock<std::shared_mutex> alone(lifetime);
 
     if (!isOpen)
@@ -126,7 +136,7 @@ template <class Body>
 int serve(Body body) noexcept
 {
     try {
-        const std::shared_lock<std::shared_mutex> alive(lifetime);
+        const std::shared_lock<std::shared_mutex> alive = enter();
         require(isOpen, PARAMS_CLOSED);
         body(threadStores());
         return PARAMS_OK;

@@ -5,13 +5,14 @@
 #include <new>
 
 extern "C" {
-// The C library's own entries, and those of the address sanitizer where it runs.
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* memory, size_t size);
-__attribute__((weak)) void* __interceptor_malloc(size_t size);
-__attribute__((weak)) void* __interceptor_calloc(size_t count, size_t size);
-__attribute__((weak)) void* __interceptor_realloc(void* memory, size_t size);
+// The C library's own entries, and those of the address sanitizer where it runs. They
+// throw nothing, or else the calls below would not be jumps.
+void* __libc_malloc(size_t size) noexcept;
+void* __libc_calloc(size_t count, size_t size) noexcept;
+void* __libc_realloc(void* memory, size_t size) noexcept;
+__attribute__((weak)) void* __interceptor_malloc(size_t size) noexcept;
+__attribute__((weak)) void* __interceptor_calloc(size_t count, size_t size) noexcept;
+__attribute__((weak)) void* __interceptor_realloc(void* memory, size_t size) noexcept;
 }
 
 namespace {

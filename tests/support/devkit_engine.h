@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -121,6 +122,8 @@ private:
     std::vector<unsigned char> m_bytes;
 };
 
+using Sizes = std::initializer_list<size_t>;
+
 inline std::string fromHex(const std::string& hex)
 {
     std::string bytes;
@@ -133,8 +136,8 @@ inline std::string toHex(const std::string& bytes)
 {
     std::string hex;
     char digits[3];
-    for (unsigned char b : bytes) {
-        snprintf(digits, sizeof digits, "%02x", b);
+    for (char b : bytes) {
+        snprintf(digits, sizeof digits, "%02x", static_cast<unsigned char>(b));
         hex += digits;
     }
     return hex;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <climits>
 #include <functional>
+#include <locale>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -484,6 +485,23 @@ inline void expectOutput(const std::string& request, const Pairs& good, const st
 
 // ---- What holds for every request
 
+// A host's C++ locale that writes 1.234.567.
+class GroupingLocale {
+public:
+    GroupingLocale() : m_previous(std::locale::global(std::locale(std::locale(), new Digits))) {}
+    GroupingLocale(const GroupingLocale&) = delete;
+    GroupingLocale& operator=(const GroupingLocale&) = delete;
+    ~GroupingLocale() { std::locale::global(m_previous); }
+
+private:
+    struct Digits : std::numpunct<char> {
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+
+    std::locale m_previous;
+};
+
 struct Handler {
     std::string request;
     Pairs parameters;        // of a request that succeeds
@@ -493,8 +511,8 @@ struct Handler {
     std::vector<std::string> results = {"Data", "errorCode"};  // written on failure
     std::string engineUnbound = "";  // the engine calls without a parameter module
     int codeIfLacking = NOT_LOADED;
-    size_t allocation = 0;  // the output buffer of the request, if it is allocated
-    int codeIfUnallocated = NO_MEMORY;
+    size_t allocation = 0;          // of AllocatedOutput
+    bool writesUnencodable = true;  // of EncodedOutput
 
     Pairs failed(int code) const { return failure(code, results); }
 };
@@ -525,6 +543,13 @@ TEST_P(HandlerFrame, NothingIsLeftForTheNextRequest)
     plugin.play(handler.request, handler.parameters);
     plugin.engine.forget();
     plugin.engine.sessions.next = FIRST_SESSION;
+    EXPECT_EQ(handler.transcript, plugin.play(handler.request, handler.parameters));
+}
+
+TEST_P(HandlerFrame, LocaleOfTheHostChangesNothing)
+{
+    Plugin plugin;
+    const GroupingLocale locale;
     EXPECT_EQ(handler.transcript, plugin.play(handler.request, handler.parameters));
 }
 
@@ -662,6 +687,14 @@ TEST_P(EngineCodes, CodeOfEachCallIsPassedThrough)
     }
 }
 
+TEST_P(EngineCodes, CodeHasNoDigitGroups)
+{
+    Plugin plugin;
+    const GroupingLocale locale;
+    plugin.engine.on(handler.calls.back()).code = -1234567;
+    EXPECT_EQ(handler.failed(-1234567), plugin.reply(handler.request, handler.parameters));
+}
+
 TEST_P(EngineCodes, OutputOfAFailingCallIsDropped)
 {
     Plugin plugin;
@@ -674,16 +707,46 @@ TEST_P(EngineCodes, OutputOfAFailingCallIsDropped)
     EXPECT_EQ(handler.failed(-7), plugin.reply(handler.request, handler.parameters));
 }
 
-TEST_P(EngineCodes, OutputBufferThatCannotBeAllocatedIsReported)
+// Requests that encode the engine's output. The code is 0 by then, and most write the
+// output as the engine left it if it cannot be encoded.
+class EncodedOutput : public HandlerFrame {};
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(EncodedOutput);
+
+TEST_P(EncodedOutput, FailureToEncodeEndsWithCodeZero)
 {
     SKIP_WITHOUT_ALLOCATION_FAULTS();
-    if (handler.allocation == 0)
-        return;  // the output is on the stack, or there is none
+    Plugin plugin;
+    std::unique_ptr<AllocationFault> fault;
+    // Encoded, it is the first text of 24 bytes or more after the engine's call.
+    const std::string output = "output as it was.";
+    doubles::Step& step = plugin.engine.on(handler.calls.back());
+    plugin.engine.onQuery(handler.calls.back()).reported = static_cast<long long>(output.size());
+    step.output = output;
+    step.during = [&] {
+        fault.reset(new AllocationFault(AllocationFault::atLeast(plugin.journal, 24)));
+    };
+    bool struck = false;
+    plugin.params.on("AddRetParams").during = [&] { struck = fault->struck(); };
+    const Pairs reply = plugin.reply(handler.request, handler.parameters);
+    fault.reset();
+    EXPECT_TRUE(struck);
+    EXPECT_EQ(handler.writesUnencodable ? output : "", reply.at(0).second);
+    EXPECT_EQ("0", reply.at(1).second);
+}
+
+// Requests whose output buffer is allocated, in the size told by `allocation`, and
+// tested.
+class AllocatedOutput : public HandlerFrame {};
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(AllocatedOutput);
+
+TEST_P(AllocatedOutput, FailedAllocationIsReported)
+{
+    SKIP_WITHOUT_ALLOCATION_FAULTS();
     Plugin plugin;
     EXPECT_TRUE(requestWithFault(plugin, handler.request, handler.parameters, [&] {
         return new AllocationFault(AllocationFault::exactly(plugin.journal, handler.allocation));
     }));
-    EXPECT_EQ(handler.failed(handler.codeIfUnallocated), plugin.resultsWritten());
+    EXPECT_EQ(handler.failed(NO_MEMORY), plugin.resultsWritten());
     for (const Call& call : plugin.journal.calls)
         if (call.function == handler.calls.back()) {
             EXPECT_TRUE(call["out"].null);  // at most the query was made

@@ -1,0 +1,89 @@
+// The callers' buffers, checked.
+#ifndef AVEN_BUFFERS_H
+#define AVEN_BUFFERS_H
+
+#include <openssl/crypto.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "errors.h"
+
+struct Bytes {
+    const unsigned char* data;  // never null
+    size_t size;
+};
+
+// Null is allowed with length 0 only.
+inline Bytes input(const unsigned char* data, uint32_t size)
+{
+    static constexpr unsigned char none = 0;
+    require(data != nullptr || size == 0, AVEN_E_NULL_POINTER);
+    return {size == 0 ? &none : data, size};
+}
+
+template <class Block>
+const Block& parameterBlock(const void* params)
+{
+    require(params != nullptr, AVEN_E_NULL_POINTER);
+    return *static_cast<const Block*>(params);
+}
+
+// An output buffer and its in/out length. After a failed call the length is 0, or what
+// is needed if the buffer was too small.
+class Output {
+public:
+    Output(unsigned char* data, uint32_t* length) : data_(data), length_(length)
+    {
+        require(length != nullptr, AVEN_E_NULL_POINTER);
+        capacity_ = *length;
+        *length = 0;
+    }
+
+    // Whether the caller asks for the length alone: null with a capacity of 0.
+    bool isQuery() const { return data_ == nullptr && capacity_ == 0; }
+
+    // Room for `size` bytes.
+    unsigned char* room(size_t size)
+    {
+        require(isQuery() || data_ != nullptr, AVEN_E_NULL_POINTER);
+        if (size > capacity_) {
+            setLength(size);
+            throw Failure{AVEN_E_BUFFER_TOO_SMALL};
+        }
+        require(data_ != nullptr, AVEN_E_NULL_POINTER);
+        return data_;
+    }
+
+    void setLength(size_t size)
+    {
+        require(size <= UINT32_MAX, AVEN_E_INPUT_TOO_LONG);
+        *length_ = static_cast<uint32_t>(size);
+    }
+
+private:
+    unsigned char* data_;
+    uint32_t* length_;
+    uint32_t capacity_;
+};
+
+// Wipes decrypted bytes at the end of the scope, unless they turned out to be good.
+class WipeUnlessKept {
+public:
+    WipeUnlessKept(unsigned char* data, size_t size) : data_(data), size_(size) {}
+    ~WipeUnlessKept()
+    {
+        if (data_ != nullptr)
+            OPENSSL_cleanse(data_, size_);
+    }
+    WipeUnlessKept(const WipeUnlessKept&) = delete;
+    WipeUnlessKept& operator=(const WipeUnlessKept&) = delete;
+
+    void keep() { data_ = nullptr; }
+
+private:
+    unsigned char* data_;
+    size_t size_;
+};
+
+#endif

@@ -1,0 +1,197 @@
+#include "engine.h"
+
+#include <openssl/rand.h>
+
+#include <cstdio>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+
+#include "exports.h"
+#include "serve.h"
+
+namespace {
+
+const CipherInfo ciphers[] = {
+    {"SM4", 16, 16},           // 1
+    {"AES-128", 16, 16},       // 2
+    {"AES-192", 24, 16},       // 3
+    {"AES-256", 32, 16},       // 4
+    {"ARIA-256", 32, 16},      // 5
+    {"CAMELLIA-256", 32, 16},  // 6
+    {"DES-EDE3", 24, 8},       // 7
+};
+
+const char* const modes[] = {"ECB", "CBC", "CFB", "OFB", "CTR", "GCM"};  // 1 to 6
+
+const HashInfo hashes[] = {
+    {"SM3", 32},       // 1
+    {"SHA1", 20},      // 2
+    {"SHA2-224", 28},  // 3
+    {"SHA2-256", 32},  // 4
+    {"SHA2-384", 48},  // 5
+    {"SHA2-512", 64},  // 6
+};
+
+// Calls hold `lifetime` shared, starting and stopping take it exclusively. The lock
+// itself favours calls; `turn`, held while waiting for it, lets the others come to
+// their turn among threads that call without a pause. None of the three has a
+// destructor, so that a process may exit while other threads still call.
+std::mutex turn;
+std::shared_mutex lifetime;
+const Engine* running = nullptr;
+
+std::shared_lock<std::shared_mutex> enter()
+{
+    const std::lock_guard<std::mutex> waiting(turn);
+    return std::shared_lock<std::shared_mutex>(lifetime);
+}
+
+std::unique_lock<std::shared_mutex> enterAlone()
+{
+    const std::lock_guard<std::mutex> waiting(turn);
+    return std::unique_lock<std::shared_mutex>(lifetime);
+}
+
+void stop()
+{
+    const std::unique_lock<std::shared_mutex> alone = enterAlone();
+    delete running;
+    running = nullptr;
+}
+
+// Stops the engine of a host that never cleaned up: at unloading, and at exit before
+// libcrypto's own clean-up, which is why it is registered behind that one.
+void stopAtUnload()
+{
+    struct Stopper {
+        ~Stopper() { stop(); }
+    };
+    // Loading the error texts changes nothing for the host, and without any option
+    // libcrypto may return before it has registered its clean-up.
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+    static const Stopper stopper;
+}
+
+void logBanner()
+{
+    logLine("*** DEVELOPMENT ENGINE - NOT FOR PRODUCTION USE *** %s", aven_version());
+}
+
+}  // namespace
+
+const CipherInfo& cipherInfo(int number)
+{
+    require(number >= AVEN_CIPHER_SM4 && number <= AVEN_CIPHER_3DES, AVEN_E_CIPHER_NUMBER);
+    return ciphers[number - 1];
+}
+
+const HashInfo& hashInfo(int number)
+{
+    require(number >= AVEN_HASH_SM3 && number <= AVEN_HASH_SHA512, AVEN_E_HASH_NUMBER);
+    return hashes[number - 1];
+}
+
+Engine::Engine() : library_(OSSL_LIB_CTX_new())
+{
+    require(library_ != nullptr, AVEN_E_START);
+    provider_.reset(OSSL_PROVIDER_load(library(), "default"));
+    require(provider_ != nullptr, AVEN_E_START);
+
+    // Some combinations do not exist, but each cipher has its plain modes.
+    for (int c = 0; c < CIPHERS; ++c) {
+        for (int m = 0; m < MODES; ++m) {
+            const std::string name = std::string(ciphers[c].name) + "-" + modes[m];
+            ciphers_[c][m].reset(EVP_CIPHER_fetch(library(), name.c_str(), nullptr));
+        }
+        for (int m = AVEN_MODE_ECB; m <= AVEN_MODE_OFB; ++m)
+            require(ciphers_[c][m - 1] != nullptr, AVEN_E_START);
+    }
+
+    for (const HashInfo& hash : hashes) {
+        const Owned<EVP_MD_free, EVP_MD> digest(EVP_MD_fetch(library(), hash.name, nullptr));
+        require(digest != nullptr, AVEN_E_START);
+    }
+
+    hmac_.reset(EVP_MAC_fetch(library(), "HMAC", nullptr));
+    cmac_.reset(EVP_MAC_fetch(library(), "CMAC", nullptr));
+    x963Kdf_.reset(EVP_KDF_fetch(library(), "X963KDF", nullptr));
+    primary_ = RAND_get0_primary(library());
+    require(hmac_ != nullptr && cmac_ != nullptr && x963Kdf_ != nullptr, AVEN_E_START);
+    require(primary_ != nullptr, AVEN_E_RANDOM);
+}
+
+const EVP_CIPHER* Engine::cipher(int number, int mode) const
+{
+    return ciphers_[number - 1][mode - 1].get();
+}
+
+void Engine::random(unsigned char* out, size_t size) const
+{
+    constexpr unsigned int strength = 256;
+    require(EVP_RAND_generate(primary_, out, size, strength, 0, nullptr, 0) == 1, AVEN_E_RANDOM);
+}
+
+EngineUse::EngineUse() : alive_(enter()), engine_(running)
+{
+    require(engine_ != nullptr, AVEN_E_NOT_INITIALISED);
+    ERR_set_mark();
+}
+
+EngineUse::~EngineUse()
+{
+    ERR_pop_to_mark();
+}
+
+int aven_global_init(void)
+{
+    return guarded("aven_global_init", [] {
+        const std::unique_lock<std::shared_mutex> alone = enterAlone();
+        if (running != nullptr)
+            return;
+
+        stopAtUnload();
+        ERR_set_mark();
+        try {
+            running = new Engine;
+        } catch (...) {
+            ERR_pop_to_mark();
+            throw;
+        }
+        ERR_pop_to_mark();
+        logBanner();
+    });
+}
+
+int aven_global_cleanup(void)
+{
+    return guarded("aven_global_cleanup", [] {
+        stop();
+        logClose();
+    });
+}
+
+int aven_global_set_logger(const char* target)
+{
+    return guarded("aven_global_set_logger", [target] {
+        require(target != nullptr, AVEN_E_NULL_POINTER);
+        require(logOpen(target), AVEN_E_LOG_TARGET);
+
+        const std::shared_lock<std::shared_mutex> alive = enter();
+        if (running != nullptr)
+            logBanner();  // the host set the log after starting the engine
+    });
+}
+
+const char* aven_version(void)
+{
+    static const struct Version {
+        char text[128];
+        Version()
+        {
+            snprintf(text, sizeof text, "SoftModuleaven development engine 1.0.0 (%s)",
+                     OpenSSL_version(OPENSSL_VERSION));
+        }
+    } version;
+    return version.text;
+}

@@ -1,0 +1,15 @@
+// The engine's log: single lines, each written at once, never with secrets.
+#ifndef AVEN_ENGINE_LOG_H
+#define AVEN_ENGINE_LOG_H
+
+// Sends the log to `target`, which is opened to append: "/dev/stderr" and
+// "/dev/stdout" mean the process's own streams, "" means no log. Returns whether the
+// target could be opened; if not, the log stays where it was.
+bool logOpen(const char* target);
+
+void logClose();
+
+// Writes one line, without its line end; drops it if there is no log.
+__attribute__((format(printf, 1, 2))) void logLine(const char* format, ...);
+
+#endif

@@ -1,0 +1,298 @@
+/*
+ * The development engine's numbers, result codes and formats. They are its own
+ * choice: another engine behind the same 34 functions numbers differently. C11 and
+ * C++17.
+ *
+ * Formats
+ *   ECB, CBC      padding 0: the data's length must be a multiple of the block; 1:
+ *                 PKCS#7 (RFC 5652, 6.3). Other modes never pad: there both values
+ *                 of the padding number mean the same.
+ *   IV            CBC, CFB, OFB, CTR: one block. ECB: none. GCM: 1 to 128 bytes, 12
+ *                 are customary.
+ *   CFB           feedback of a whole block. CTR counts in the whole block, high
+ *                 byte first.
+ *   GCM           SP 800-38D, for every cipher with a 128-bit block; tag of 4 to 16
+ *                 bytes, in an argument of its own.
+ *   3DES          keys of 24 bytes, parity bits ignored. No CTR and no GCM.
+ *   HMAC, CMAC    RFC 2104, SP 800-38B; the whole value, not truncated.
+ *   KDF           ANSI X9.63, which is the one of GB/T 32918.4 too: blocks
+ *                 hash(input || 32-bit counter from 1), without shared info.
+ *   White-box SM4 plain SM4-CBC with PKCS#7. No white-box protection whatever.
+ *   Keys          PEM, Base64 of PEM, or Base64 of DER. Private: PKCS#8, plain or
+ *                 encrypted (PBES2 and the like), SEC 1 with its curve, PKCS#1.
+ *                 Public: SubjectPublicKeyInfo, or an X.509 certificate. SM2 keys
+ *                 are id-ecPublicKey on the named curve 1.2.156.10197.1.301. PEM may
+ *                 have text before its block, but only blanks behind it. A password
+ *                 for a key that is not encrypted is ignored, as is a certificate's.
+ *   RSA           2048 to 4096 bits. OAEP: see AVEN_RSA_OAEP.
+ *   SM2           GB/T 32918.4 with SM3. ASN.1: SEQUENCE { x INTEGER, y INTEGER, C3
+ *                 OCTET STRING, C2 OCTET STRING }, with no_c1c3c2 C2 before C3. Raw:
+ *                 04 || x || y || C3 || C2, with no_c1c3c2 C2 before C3.
+ *   Envelopes     DER, one recipient, named by issuer and serial number; up to 64
+ *                 recipients, and BER, are read.
+ *                 RSA: CMS (RFC 5652), AuthEnvelopedData (RFC 5083) in GCM. The
+ *                 content key travels under RSAES-OAEP as above; OAEP with other
+ *                 hashes and PKCS#1 v1.5 are read, too.
+ *                   SM4, ARIA-256   all modes
+ *                   AES             all modes but CTR
+ *                   CAMELLIA-256    all modes
+ *                   3DES            CBC
+ *                 SM2: EnvelopedData of GM/T 0010. SM4 in all modes but GCM.
+ *   Base64        RFC 4648 alphabet with "+" and "/". Encoding pads and breaks no
+ *                 lines. Decoding skips blanks, tabs and line ends, and takes text
+ *                 with its "=" or without any.
+ */
+#ifndef AVEN_ENGINE_NUMBERS_H
+#define AVEN_ENGINE_NUMBERS_H
+
+#include "engine_interface.h"
+
+/* Cipher numbers: SymmCipherParams.alg, MacParams.alg (CMAC), EnvelopeParams.alg and
+   the type of aven_crypto_gen_symmkey. */
+enum {
+    AVEN_CIPHER_SM4 = 1,          /* key 16, block 16 */
+    AVEN_CIPHER_AES_128 = 2,      /* key 16, block 16 */
+    AVEN_CIPHER_AES_192 = 3,      /* key 24, block 16 */
+    AVEN_CIPHER_AES_256 = 4,      /* key 32, block 16 */
+    AVEN_CIPHER_ARIA_256 = 5,     /* key 32, block 16 */
+    AVEN_CIPHER_CAMELLIA_256 = 6, /* key 32, block 16 */
+    AVEN_CIPHER_3DES = 7          /* key 24 (three keys), block 8 */
+};
+
+/* Mode numbers: SymmCipherParams.mode, EnvelopeParams.mode. The contract has
+   AVEN_MODE_GCM, which is 6. */
+enum {
+    AVEN_MODE_ECB = AVEN_MODE_WITHOUT_IV, /* 1 */
+    AVEN_MODE_CBC = 2,
+    AVEN_MODE_CFB = 3,
+    AVEN_MODE_OFB = 4,
+    AVEN_MODE_CTR = 5
+};
+
+/* Padding numbers: SymmCipherParams.padding. */
+enum { AVEN_PADDING_NONE = 0, AVEN_PADDING_PKCS7 = 1 };
+
+/* Hash numbers: MacParams.alg (HMAC) and the first argument of aven_crypto_kdf, which
+   alone takes the default. */
+enum {
+    AVEN_HASH_DEFAULT = 0, /* SM3 */
+    AVEN_HASH_SM3 = 1,
+    AVEN_HASH_SHA1 = 2,
+    AVEN_HASH_SHA224 = 3,
+    AVEN_HASH_SHA256 = 4,
+    AVEN_HASH_SHA384 = 5,
+    AVEN_HASH_SHA512 = 6
+};
+
+enum {
+    AVEN_GCM_IV_MAX = 128,
+    AVEN_GCM_TAG_MIN = 4,
+    AVEN_GCM_TAG_MAX = 16,
+    AVEN_KDF_MAX = 1 << 30 /* bytes, of input and of output */
+};
+
+/* Key pair types: the first argument of aven_keypair_unmarshal. */
+enum {
+    AVEN_KEY_ANY = 0, /* whatever the key text says */
+    AVEN_KEY_SM2 = 1,
+    AVEN_KEY_RSA = 3
+};
+
+/* RSA padding numbers: PkeyCipherParams.rsa_padding_e. */
+enum {
+    AVEN_RSA_OAEP = 0, /* RFC 8017 with SHA-256, also in MGF1, and no label */
+    AVEN_RSA_PKCS1 = 1 /* RFC 8017, PKCS#1 v1.5 */
+};
+
+enum {
+    AVEN_RSA_BITS_MIN = 2048,
+    AVEN_RSA_BITS_MAX = 4096,
+    AVEN_ENVELOPE_RECIPIENTS_MAX = 64 /* read; each may cost a use of the key */
+};
+
+/*
+ * The engine's result codes, one row each: X(name, code, text, likely cause, what to
+ * do). aven_strerror returns the text.
+ */
+/* clang-format off */
+#define AVEN_ENGINE_ERRORS(X)                                                             \
+    X(AVEN_E_NOT_INITIALISED, -30001, "engine is not initialised",                        \
+      "aven_global_init was not called, has failed, or aven_global_cleanup came first",   \
+      "call aven_global_init and check its result")                                       \
+    X(AVEN_E_NULL_POINTER, -30002, "null pointer where bytes or a length are required",   \
+      "an input, a parameter block, an output buffer or its length is null",              \
+      "pass valid pointers; null input is fine with length 0 only")                       \
+    X(AVEN_E_BUFFER_TOO_SMALL, -30003, "output buffer is too small",                      \
+      "the capacity passed in is below the result's length",                              \
+      "offer the length that the call has stored")                                        \
+    X(AVEN_E_INPUT_TOO_LONG, -30004, "input is too long",                                 \
+      "the result's length would not fit in 32 bits, or the algorithm's limit is passed", \
+      "send the data in smaller pieces")                                                  \
+    X(AVEN_E_INPUT_EMPTY, -30005, "input is empty",                                       \
+      "key derivation has nothing to derive from",                                        \
+      "pass at least one byte")                                                           \
+    X(AVEN_E_OUTPUT_LENGTH, -30006, "requested output length is not possible",            \
+      "key derivation was asked for no bytes or for more than 2^30",                      \
+      "ask for 1 to 2^30 bytes")                                                          \
+    X(AVEN_E_NO_MEMORY, -30007, "out of memory",                                          \
+      "the process has no memory left for the call",                                      \
+      "free memory and repeat the call")                                                  \
+    X(AVEN_E_INTERNAL, -30008, "internal error of the cryptographic library",             \
+      "libcrypto refused a call that should work",                                        \
+      "report it with the engine's and libcrypto's versions")                             \
+    X(AVEN_E_NOT_SUPPORTED, -30009, "function is not supported yet",                      \
+      "this version of the development engine lacks the function",                        \
+      "use a later version or another engine")                                            \
+    X(AVEN_E_START, -30010, "engine could not be started",                                \
+      "libcrypto's default provider or one of its algorithms is missing",                 \
+      "install a complete OpenSSL 3")                                                     \
+    X(AVEN_E_RANDOM, -30011, "random generator failed",                                   \
+      "the system's source of randomness is not available",                               \
+      "check that getrandom works in this environment")                                   \
+    X(AVEN_E_LOG_TARGET, -30012, "log target could not be opened",                        \
+      "the path does not exist or may not be written",                                    \
+      "pass a writable path, /dev/stderr, or an empty text for no log")                   \
+    X(AVEN_E_BASE64_CHARACTER, -30020, "character outside the Base64 alphabet",           \
+      "the text is not Base64, or is in the URL-safe alphabet",                           \
+      "rewrite \"-\" to \"+\" and \"_\" to \"/\" before the call")                        \
+    X(AVEN_E_BASE64_ENDING, -30021, "Base64 text ends wrongly",                           \
+      "the text is cut, has wrong padding, or has bits set behind its last byte",         \
+      "send the text as the encoder produced it")                                         \
+    X(AVEN_E_CIPHER_NUMBER, -30030, "unknown cipher number",                              \
+      "the cipher number is outside 1 to 7",                                              \
+      "see the cipher numbers in engine_numbers.h")                                       \
+    X(AVEN_E_MODE_NUMBER, -30031, "unknown cipher mode number",                           \
+      "the mode number is outside 1 to 6",                                                \
+      "see the mode numbers in engine_numbers.h")                                         \
+    X(AVEN_E_PADDING_NUMBER, -30032, "unknown padding number",                            \
+      "the padding number is neither 0 nor 1",                                            \
+      "pass 0 for no padding or 1 for PKCS#7")                                            \
+    X(AVEN_E_HASH_NUMBER, -30033, "unknown hash number",                                  \
+      "the hash number is outside 1 to 6 (key derivation: 0 to 6)",                       \
+      "see the hash numbers in engine_numbers.h")                                         \
+    X(AVEN_E_WHITEBOX_KIND, -30034, "unknown kind of white-box cipher",                   \
+      "the first argument is not 1",                                                      \
+      "pass 1")                                                                           \
+    X(AVEN_E_COMBINATION, -30035, "cipher is not available in this mode",                 \
+      "3DES was asked for CTR or GCM",                                                    \
+      "take another mode, or a cipher with a 128-bit block")                              \
+    X(AVEN_E_KEY_LENGTH, -30040, "wrong key length",                                      \
+      "the key does not have the cipher's length, or a MAC key is empty",                 \
+      "check the key and its encoding")                                                   \
+    X(AVEN_E_IV_LENGTH, -30041, "wrong IV length",                                        \
+      "the IV is not one block long (GCM: 1 to 128 bytes; ECB: none)",                    \
+      "check the IV and its encoding")                                                    \
+    X(AVEN_E_DATA_LENGTH, -30042, "data length does not suit the cipher mode",            \
+      "ECB or CBC data is not a multiple of the block (encrypted data, or no padding)",   \
+      "use padding, or check that the data is whole")                                     \
+    X(AVEN_E_TAG_LENGTH, -30043, "wrong tag length",                                      \
+      "a GCM tag must have 4 to 16 bytes",                                                \
+      "pass the tag and its length as encryption gave them")                              \
+    X(AVEN_E_NOT_AUTHENTICATED, -30044, "mode does not authenticate",                     \
+      "a tag or additional data was passed with a mode other than GCM",                   \
+      "take GCM, or pass null and 0")                                                     \
+    X(AVEN_E_BAD_PADDING, -30045, "decrypted data is not padded correctly",               \
+      "wrong key or IV, damaged data, or data that was encrypted without padding",        \
+      "check key, IV, padding and data")                                                  \
+    X(AVEN_E_TAG_MISMATCH, -30046, "authentication failed",                               \
+      "data, additional data, tag, IV or key is not what was encrypted",                  \
+      "treat the data as forged or damaged")                                              \
+    X(AVEN_E_KEY_TYPE, -30050, "unknown key pair type",                                   \
+      "the type is none of 0, 1 and 3",                                                   \
+      "pass 1 for SM2, 3 for RSA, or 0 for whatever the key is")                          \
+    X(AVEN_E_KEY_KIND, -30051, "key is not of the named type",                            \
+      "an RSA key was named as SM2, or an SM2 key as RSA",                                \
+      "pass the key's own type, or 0")                                                    \
+    X(AVEN_E_KEY_ALGORITHM, -30052, "key is neither SM2 nor RSA",                         \
+      "a key on another curve, an RSA-PSS key, or another algorithm altogether",          \
+      "make a key on the SM2 curve or a plain RSA key")                                   \
+    X(AVEN_E_RSA_SIZE, -30053, "RSA key has the wrong size",                              \
+      "the modulus has fewer than 2048 or more than 4096 bits",                           \
+      "make an RSA key of 2048 to 4096 bits")                                             \
+    X(AVEN_E_KEY_MISSING, -30054, "no key",                                               \
+      "neither a private nor a public key was passed, or no certificate",                 \
+      "pass the text of one")                                                             \
+    X(AVEN_E_KEY_TEXT, -30055, "key or certificate cannot be read",                       \
+      "the text is none of the accepted forms, or is cut or damaged",                     \
+      "see the forms in engine_numbers.h")                                                \
+    X(AVEN_E_KEY_TRAILING, -30056, "more follows behind the key or certificate",          \
+      "a second PEM block, or bytes behind the end of the DER",                           \
+      "pass one key or certificate and nothing behind it")                                \
+    X(AVEN_E_KEY_ROLE, -30057, "key text is of another role",                             \
+      "a public key or certificate where a private key goes, or the reverse",             \
+      "check which text goes where")                                                      \
+    X(AVEN_E_KEY_INVALID, -30058, "key's values do not make a key",                       \
+      "the point is not on the curve, or the numbers do not fit each other",              \
+      "the key is damaged: export it again")                                              \
+    X(AVEN_E_KEY_MISMATCH, -30059, "private and public key do not belong together",       \
+      "the texts come from two different keys",                                           \
+      "pass the two halves of one key, or one of them alone")                             \
+    X(AVEN_E_PASSWORD_MISSING, -30060, "private key is encrypted, but there is no password", \
+      "the password is null",                                                             \
+      "pass the key's password")                                                          \
+    X(AVEN_E_PASSWORD_WRONG, -30061, "private key does not open with this password",      \
+      "wrong password, or the encrypted key is damaged",                                  \
+      "check the password")                                                               \
+    X(AVEN_E_KEY_ENCRYPTION, -30062, "private key is encrypted in an unsupported way",    \
+      "encrypted PEM older than PKCS#8, or a cipher that libcrypto's default provider lacks", \
+      "convert it: openssl pkcs8 -topk8 -v2 aes-256-cbc")                                 \
+    X(AVEN_E_HANDLE, -30063, "not a handle of this kind",                                 \
+      "the handle is freed, foreign, or of another kind, or the engine was restarted since", \
+      "pass a handle that the engine gave out and that is not freed")                     \
+    X(AVEN_E_KEY_NOT_PRIVATE, -30064, "key pair has no private key",                      \
+      "the key pair was made from a public key",                                          \
+      "make the key pair from the private key")                                           \
+    X(AVEN_E_RSA_PADDING, -30065, "unknown RSA padding number",                           \
+      "the padding number is neither 0 nor 1",                                            \
+      "pass 0 for OAEP or 1 for PKCS#1 v1.5")                                             \
+    X(AVEN_E_SM2_FORM, -30066, "unknown SM2 ciphertext form",                             \
+      "a flag of the form is neither 0 nor 1",                                            \
+      "pass 0 or 1 in both flags")                                                        \
+    X(AVEN_E_SM2_FORM_DIFFERS, -30067, "SM2 ciphertext's form does not match",            \
+      "the ciphertext is raw instead of ASN.1 or the reverse, or C1C2C3 instead of C1C3C2 or the reverse", \
+      "pass the flags with which it was encrypted")                                       \
+    X(AVEN_E_DECRYPTION, -30068, "ciphertext does not decrypt",                           \
+      "wrong key, wrong padding number, or damaged ciphertext",                           \
+      "check key, padding number and ciphertext")                                         \
+    X(AVEN_E_ENVELOPE_ALGORITHM, -30070, "envelopes have no such cipher and mode",        \
+      "the combination has no object identifier, or does not go with the kind of the key", \
+      "see the envelope formats in engine_numbers.h")                                     \
+    X(AVEN_E_ENVELOPE_TEXT, -30071, "envelope cannot be read",                            \
+      "the bytes are cut, damaged, or something other than an envelope",                  \
+      "send the envelope as it was made, in DER")                                         \
+    X(AVEN_E_ENVELOPE_TRAILING, -30072, "more follows behind the envelope",               \
+      "bytes were added at the end",                                                      \
+      "send the envelope and nothing behind it")                                          \
+    X(AVEN_E_ENVELOPE_UNKNOWN, -30073, "envelope uses an algorithm that is not supported", \
+      "its content cipher, parameters or key transport are none that this engine knows",  \
+      "see the envelope formats in engine_numbers.h")                                     \
+    X(AVEN_E_ENVELOPE_DIFFERS, -30074, "envelope's cipher and mode are not the named ones", \
+      "it was made with another cipher or mode",                                          \
+      "name the cipher and mode with which it was made")                                  \
+    X(AVEN_E_ENVELOPE_RECIPIENT, -30075, "envelope has no recipient with this kind of key", \
+      "an SM2 key for an envelope to RSA keys, or the reverse",                           \
+      "open it with the recipient's key")                                                 \
+    X(AVEN_E_ENVELOPE_OPEN, -30076, "envelope does not open with this key",               \
+      "wrong key, or damaged envelope",                                                   \
+      "check the key and the envelope")
+/* clang-format on */
+
+#define AVEN_ENGINE_ERROR_CODE(name, code, text, cause, remedy) name = (code),
+enum { AVEN_ENGINE_ERRORS(AVEN_ENGINE_ERROR_CODE) AVEN_OK = 0 };
+#undef AVEN_ENGINE_ERROR_CODE
+
+/*
+ * The plug-in's own codes, which its clients see in the same place: X(code, text).
+ * aven_strerror knows them too.
+ */
+/* clang-format off */
+#define AVEN_PLUGIN_ERRORS(X)                                                             \
+    X(-20000, "plug-in: output buffer could not be allocated")                            \
+    X(-20001, "plug-in: required parameter is missing or empty")                          \
+    X(-20002, "plug-in: streaming Base64 input ends inside a group")                      \
+    X(-20084, "plug-in: parameter value is outside its allowed set or range")             \
+    X(-20215, "plug-in: library could not be opened, or the engine is not loaded or lacks the function") \
+    X(-20216, "plug-in: function of the parameter module is missing")
+/* clang-format on */
+
+#endif

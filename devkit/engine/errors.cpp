@@ -1,0 +1,34 @@
+#include "errors.h"
+
+#include "exports.h"
+
+const char* errorName(int code)
+{
+    switch (code) {
+#define NAME(name, value, text, cause, remedy) \
+    case value:                                \
+        return #name;
+        AVEN_ENGINE_ERRORS(NAME)
+#undef NAME
+    }
+    return "unknown";
+}
+
+const char* aven_strerror(int code)
+{
+    switch (code) {
+        case AVEN_OK:
+            return "success";
+#define TEXT(name, value, text, cause, remedy) \
+    case value:                                \
+        return text;
+            AVEN_ENGINE_ERRORS(TEXT)
+#undef TEXT
+#define TEXT(value, text) \
+    case value:           \
+        return text;
+            AVEN_PLUGIN_ERRORS(TEXT)
+#undef TEXT
+    }
+    return "unknown error code: neither the development engine's nor the plug-in's";
+}

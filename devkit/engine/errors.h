@@ -1,0 +1,21 @@
+// How the engine's functions fail. The codes are in engine_numbers.h.
+#ifndef AVEN_ERRORS_H
+#define AVEN_ERRORS_H
+
+#include "engine_numbers.h"
+
+// Ends a call with a code; the frame of every exported function (serve.h) returns it.
+struct Failure {
+    int code;
+};
+
+inline void require(bool ok, int code)
+{
+    if (!ok)
+        throw Failure{code};
+}
+
+// The symbolic name of one of the engine's codes, or "unknown".
+const char* errorName(int code);
+
+#endif

@@ -1,0 +1,28 @@
+// The texts in which keys and certificates come, down to the DER inside.
+#ifndef AVEN_KEY_FORMS_H
+#define AVEN_KEY_FORMS_H
+
+#include "secret_bytes.h"
+
+enum class KeyForm {
+    pkcs8,           // PrivateKeyInfo, RFC 5208
+    encryptedPkcs8,  // EncryptedPrivateKeyInfo, RFC 5208
+    sec1,            // ECPrivateKey, RFC 5915
+    pkcs1,           // RSAPrivateKey, RFC 8017
+    publicKey,       // SubjectPublicKeyInfo, RFC 5280
+    certificate      // RFC 5280
+};
+
+struct KeyBlock {
+    KeyForm form;
+    SecretBytes der;  // one DER value, whole, with nothing behind it
+};
+
+// Unwraps PEM, Base64 of PEM or Base64 of DER. What is inside the DER's outermost
+// value is looked at no further than needed to tell the forms apart.
+KeyBlock unwrapKeyText(Bytes text);
+
+// The same for DER as it is.
+KeyBlock unwrapKeyDer(Bytes der);
+
+#endif

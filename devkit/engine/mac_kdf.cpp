@@ -1,0 +1,90 @@
+#include <openssl/core_names.h>
+#include <openssl/params.h>
+
+#include <string>
+
+#include "buffers.h"
+#include "engine.h"
+#include "exports.h"
+#include "serve.h"
+
+namespace {
+
+// libcrypto's parameters take texts as writable.
+OSSL_PARAM textParam(const char* name, const char* text)
+{
+    return OSSL_PARAM_construct_utf8_string(name, const_cast<char*>(text), 0);
+}
+
+// Writes the MAC of `in`, which has `size` bytes. `choice` names the hash or cipher.
+void mac(EVP_MAC* kind, OSSL_PARAM choice, Bytes key, Bytes in, unsigned char* out, size_t size)
+{
+    const Owned<EVP_MAC_CTX_free, EVP_MAC_CTX> context(EVP_MAC_CTX_new(kind));
+    require(context != nullptr, AVEN_E_NO_MEMORY);
+    const OSSL_PARAM params[] = {choice, OSSL_PARAM_construct_end()};
+    size_t written = 0;
+    require(EVP_MAC_init(context.get(), key.data, key.size, params) == 1 &&
+                EVP_MAC_update(context.get(), in.data, in.size) == 1 &&
+                EVP_MAC_final(context.get(), out, &written, size) == 1 && written == size,
+            AVEN_E_INTERNAL);
+}
+
+}  // namespace
+
+int aven_crypto_hmac(const void* params, const unsigned char* in, uint32_t in_len,
+                     unsigned char* out, uint32_t* out_len)
+{
+    return serve("aven_crypto_hmac", [&](const Engine& engine) {
+        Output output(out, out_len);
+        const MacParams& p = parameterBlock<MacParams>(params);
+        const Bytes key = input(p.key, p.key_len);
+        const Bytes data = input(in, in_len);
+
+        const HashInfo& hash = hashInfo(p.alg);
+        require(key.size > 0, AVEN_E_KEY_LENGTH);
+        mac(engine.hmac(), textParam(OSSL_MAC_PARAM_DIGEST, hash.name), key, data,
+            output.room(hash.size), hash.size);
+        output.setLength(hash.size);
+    });
+}
+
+int aven_crypto_cmac(const void* params, const unsigned char* in, uint32_t in_len,
+                     unsigned char* out, uint32_t* out_len)
+{
+    return serve("aven_crypto_cmac", [&](const Engine& engine) {
+        Output output(out, out_len);
+        const MacParams& p = parameterBlock<MacParams>(params);
+        const Bytes key = input(p.key, p.key_len);
+        const Bytes data = input(in, in_len);
+
+        const CipherInfo& cipher = cipherInfo(p.alg);
+        require(key.size == cipher.keyLength, AVEN_E_KEY_LENGTH);
+        const std::string cbc = std::string(cipher.name) + "-CBC";
+        mac(engine.cmac(), textParam(OSSL_MAC_PARAM_CIPHER, cbc.c_str()), key, data,
+            output.room(cipher.block), cipher.block);
+        output.setLength(cipher.block);
+    });
+}
+
+int aven_crypto_kdf(int alg, const unsigned char* in, uint32_t in_len, uint32_t out_len,
+                    unsigned char* out)
+{
+    return serve("aven_crypto_kdf", [&](const Engine& engine) {
+        const Bytes secret = input(in, in_len);
+        require(out != nullptr, AVEN_E_NULL_POINTER);
+
+        const HashInfo& hash = hashInfo(alg == AVEN_HASH_DEFAULT ? AVEN_HASH_SM3 : alg);
+        require(secret.size > 0, AVEN_E_INPUT_EMPTY);
+        require(secret.size <= AVEN_KDF_MAX, AVEN_E_INPUT_TOO_LONG);
+        require(out_len > 0 && out_len <= AVEN_KDF_MAX, AVEN_E_OUTPUT_LENGTH);
+
+        const Owned<EVP_KDF_CTX_free, EVP_KDF_CTX> context(EVP_KDF_CTX_new(engine.x963Kdf()));
+        require(context != nullptr, AVEN_E_NO_MEMORY);
+        const OSSL_PARAM params[] = {
+            textParam(OSSL_KDF_PARAM_DIGEST, hash.name),
+            OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SECRET,
+                                              const_cast<unsigned char*>(secret.data), secret.size),
+            OSSL_PARAM_construct_end()};
+        require(EVP_KDF_derive(context.get(), out, out_len, params) == 1, AVEN_E_INTERNAL);
+    });
+}

@@ -1,0 +1,46 @@
+// The white-box functions. They offer the interface of a white-box cipher and plain
+// SM4-CBC with PKCS#7 behind it: the key is as exposed as in any other cipher call.
+
+#include "exports.h"
+#include "serve.h"
+#include "symmetric.h"
+
+namespace {
+
+CipherSpec whiteboxSpec(int kind, Bytes key, Bytes iv)
+{
+    require(kind == 1, AVEN_E_WHITEBOX_KIND);
+    const CipherSpec spec = {AVEN_CIPHER_SM4,  AVEN_MODE_CBC, AVEN_PADDING_PKCS7, key, iv,
+                             input(nullptr, 0)};
+    checkSpec(spec);
+    return spec;
+}
+
+}  // namespace
+
+int aven_wbsm4_encrypt(int kind, const unsigned char* key, uint32_t key_len,
+                       const unsigned char* iv, uint32_t iv_len, const unsigned char* in,
+                       uint32_t in_len, unsigned char* out, uint32_t* out_len)
+{
+    return serve("aven_wbsm4_encrypt", [&](const Engine& engine) {
+        Output output(out, out_len);
+        const CipherSpec spec = whiteboxSpec(kind, input(key, key_len), input(iv, iv_len));
+        const Bytes data = input(in, in_len);
+
+        const size_t needed = encryptedLength(spec, data.size);
+        output.setLength(encrypt(engine, spec, data, output.room(needed)));
+    });
+}
+
+int aven_wbsm4_decrypt(int kind, const unsigned char* key, uint32_t key_len,
+                       const unsigned char* iv, uint32_t iv_len, const unsigned char* in,
+                       uint32_t in_len, unsigned char* out, uint32_t* out_len)
+{
+    return serve("aven_wbsm4_decrypt", [&](const Engine& engine) {
+        Output output(out, out_len);
+        const CipherSpec spec = whiteboxSpec(kind, input(key, key_len), input(iv, iv_len));
+        const Bytes data = input(in, in_len);
+
+        output.setLength(decrypt(engine, spec, data, output.room(data.size)));
+    });
+}

@@ -1,0 +1,457 @@
+// The development engine's start and stop, log, texts, threads and unloading.
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <set>
+#include <thread>
+
+#include "support/devkit_engine.h"
+
+namespace {
+
+using support::DevkitEngine;
+using support::Fenced;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool sanitized = true;  // memory is held back, and everything is slower
+#else
+constexpr bool sanitized = false;
+#endif
+
+std::string fileText(const std::string& path)
+{
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+struct TemporaryFile {
+    TemporaryFile() { close(mkstemp(path)); }
+    ~TemporaryFile() { unlink(path); }
+    char path[32] = "/tmp/engine-log-XXXXXX";
+};
+
+size_t count(const std::string& text, const std::string& piece)
+{
+    size_t n = 0;
+    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1))
+        ++n;
+    return n;
+}
+
+int generateKey(DevkitEngine& engine)
+{
+    Fenced key(32);
+    return engine.aven_crypto_gen_symmkey(AVEN_CIPHER_AES_256, key.data(), &key.len);
+}
+
+// A bit of everything; returns the first code that is not 0.
+int useEverything(DevkitEngine& engine)
+{
+    const std::string key = support::pattern(16), iv = support::pattern(12, 2);
+    const auto bytes = [](const std::string& text) {
+        return reinterpret_cast<const unsigned char*>(text.data());
+    };
+    unsigned char out[300], back[300], tag[16];
+    uint32_t len = sizeof out, backLen = sizeof back;
+    SymmCipherParams cipher = {};
+    cipher.alg = AVEN_CIPHER_SM4;
+    cipher.mode = AVEN_MODE_GCM;
+    cipher.key = bytes(key);
+    cipher.key_len = 16;
+    cipher.iv = bytes(iv);
+    cipher.iv_len = 12;
+    const unsigned char data[100] = {1, 2, 3};
+    if (int code = engine.aven_crypto_encrypt(&cipher, data, 100, out, &len, 16, tag))
+        return code;
+    if (int code = engine.aven_crypto_decrypt(&cipher, out, len, tag, 16, back, &backLen))
+        return code;
+    if (backLen != 100 || memcmp(back, data, 100) != 0)
+        return 1;
+    tag[0] ^= 1;
+    if (engine.aven_crypto_decrypt(&cipher, out, 100, tag, 16, back, &(backLen = 300)) !=
+        AVEN_E_TAG_MISMATCH)
+        return 2;
+    MacParams mac = {};
+    mac.alg = 1;
+    mac.key = bytes(key);
+    mac.key_len = 16;
+    if (int code = engine.aven_crypto_hmac(&mac, data, 100, out, &(len = 300)))
+        return code;
+    if (int code = engine.aven_crypto_cmac(&mac, data, 100, out, &(len = 300)))
+        return code;
+    if (int code = engine.aven_crypto_kdf(0, data, 100, 200, out))
+        return code;
+    if (int code = engine.aven_crypto_base64_encode(data, 100, out, &(len = 300)))
+        return code;
+    return generateKey(engine);
+}
+
+// ---- Start and stop
+
+TEST(EngineLifecycle, NothingWorksBeforeInitAndAfterCleanup)
+{
+    DevkitEngine engine;
+    const auto refusesAll = [&] {
+        EXPECT_EQ(useEverything(engine), AVEN_E_NOT_INITIALISED);
+        EXPECT_EQ(generateKey(engine), AVEN_E_NOT_INITIALISED);
+        EXPECT_EQ(engine.aven_crypto_base64_encode(nullptr, 0, nullptr, nullptr),
+                  AVEN_E_NOT_INITIALISED);
+        EXPECT_EQ(engine.aven_ke_new(nullptr), AVEN_E_NOT_INITIALISED);
+        EXPECT_EQ(
+            engine.aven_wbsm4_decrypt(1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr),
+            AVEN_E_NOT_INITIALISED);
+    };
+    refusesAll();
+    EXPECT_EQ(engine.aven_global_init(), 0);
+    EXPECT_EQ(useEverything(engine), 0);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+    refusesAll();
+}
+
+TEST(EngineLifecycle, InitAndCleanupAnyNumberOfTimes)
+{
+    DevkitEngine engine;
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+    for (int round = 0; round < 5; ++round) {
+        EXPECT_EQ(engine.aven_global_init(), 0);
+        EXPECT_EQ(engine.aven_global_init(), 0);
+        EXPECT_EQ(useEverything(engine), 0);
+        EXPECT_EQ(engine.aven_global_cleanup(), 0);  // one ends it, however many inits
+        EXPECT_EQ(generateKey(engine), AVEN_E_NOT_INITIALISED);
+        EXPECT_EQ(engine.aven_global_cleanup(), 0);
+    }
+}
+
+TEST(EngineLifecycle, LeavesTheHostsErrorQueueAlone)
+{
+    DevkitEngine engine;
+    ERR_clear_error();
+    ERR_raise(ERR_LIB_USER, 77);
+    const unsigned long before = ERR_peek_last_error();
+    EXPECT_EQ(engine.aven_global_init(), 0);
+    EXPECT_EQ(useEverything(engine), 0);
+    unsigned char data[32] = {}, out[64];
+    uint32_t len = sizeof out;
+    EXPECT_EQ(engine.aven_wbsm4_decrypt(1, data, 16, data, 16, data, 32, out, &len),
+              AVEN_E_BAD_PADDING);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+    EXPECT_EQ(ERR_get_error(), before);
+    EXPECT_EQ(ERR_get_error(), 0u);
+}
+
+TEST(EngineLifecycle, FunctionsToComeSaySo)
+{
+    DevkitEngine engine;
+    ASSERT_EQ(engine.aven_global_init(), 0);
+    EXPECT_EQ(engine.aven_keypair_free(nullptr), 0);
+    EXPECT_EQ(engine.aven_certificate_free(nullptr), 0);
+    void* object = nullptr;
+    EXPECT_EQ(engine.aven_ke_new(&object), AVEN_E_NOT_SUPPORTED);
+    EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+}
+
+// ---- Texts
+
+TEST(EngineTexts, VersionNamesADevelopmentEngine)
+{
+    DevkitEngine engine;
+    const std::string version = engine.aven_version();
+    EXPECT_NE(version.find("development engine"), std::string::npos) << version;
+    EXPECT_NE(version.find("OpenSSL 3"), std::string::npos) << version;
+    EXPECT_EQ(engine.aven_version(), engine.aven_version());
+}
+
+TEST(EngineTexts, EveryCodeHasATextOfItsOwn)
+{
+    DevkitEngine engine;
+    std::set<std::string> texts = {engine.aven_strerror(0)};
+    std::set<int> codes = {0};
+    const auto isNew = [&](int code, const char* text) {
+        EXPECT_STREQ(engine.aven_strerror(code), text);
+        EXPECT_TRUE(texts.insert(text).second) << text;
+        EXPECT_TRUE(codes.insert(code).second) << code;
+    };
+#define ENGINE_ROW(name, code, text, cause, remedy) \
+    isNew(code, text);                              \
+    EXPECT_LE(code, -30001);                        \
+    EXPECT_NE(std::string(cause), "");              \
+    EXPECT_NE(std::string(remedy), "");
+    AVEN_ENGINE_ERRORS(ENGINE_ROW)
+#undef ENGINE_ROW
+#define PLUGIN_ROW(code, text) isNew(code, text);
+    AVEN_PLUGIN_ERRORS(PLUGIN_ROW)
+#undef PLUGIN_ROW
+    for (int code : {-20000, -20001, -20002, -20084, -20215, -20216})
+        EXPECT_EQ(codes.count(code), 1u) << code;
+    for (int code : {1, -1, -20003, -30000, INT32_MAX, INT32_MIN}) {
+        const std::string text = engine.aven_strerror(code);
+        EXPECT_EQ(text.find("unknown error code"), 0u) << text;
+    }
+}
+
+TEST(EngineTexts, ReadmeListsEveryCode)
+{
+    const std::string readme = fileText(CORVANE_SOURCE_DIR "/devkit/engine/README.md");
+    size_t codes = 0;
+    const auto listed = [&](const std::string& row) {
+        EXPECT_EQ(count(readme, row), 1u) << row;
+        ++codes;
+    };
+#define ROW(name, code, text, cause, remedy) \
+    listed("| " #code " | `" #name "` | " text " | " cause " | " remedy " |\n");
+    AVEN_ENGINE_ERRORS(ROW)
+#undef ROW
+    EXPECT_EQ(count(readme, "\n| -30"), codes);  // and no others
+}
+
+// ---- The log
+
+TEST(EngineLog, BannerComesWithWhicheverIsSecond)
+{
+    const char* const banner = "DEVELOPMENT ENGINE - NOT FOR PRODUCTION USE";
+    DevkitEngine engine;
+    TemporaryFile first, second;
+    ASSERT_EQ(engine.aven_global_init(), 0);
+    EXPECT_EQ(engine.aven_global_set_logger(first.path), 0);
+    EXPECT_EQ(count(fileText(first.path), banner), 1u);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+
+    EXPECT_EQ(engine.aven_global_set_logger(second.path), 0);
+    EXPECT_EQ(fileText(second.path), "");
+    ASSERT_EQ(engine.aven_global_init(), 0);
+    EXPECT_EQ(count(fileText(second.path), banner), 1u);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+    EXPECT_EQ(count(fileText(first.path), banner), 1u);
+}
+
+TEST(EngineLog, AppendsOneLinePerFailureWithoutSecrets)
+{
+    DevkitEngine engine;
+    TemporaryFile log;
+    std::ofstream(log.path) << "kept\n";
+    ASSERT_EQ(engine.aven_global_init(), 0);
+    ASSERT_EQ(engine.aven_global_set_logger(log.path), 0);
+    const char secret[] = "fifteen secrets";
+    MacParams params = {};
+    params.alg = AVEN_CIPHER_SM4;
+    params.key = reinterpret_cast<const unsigned char*>(secret);
+    params.key_len = 15;
+    unsigned char out[80];
+    uint32_t len = sizeof out;
+    EXPECT_EQ(engine.aven_crypto_cmac(&params, params.key, 15, out, &len), AVEN_E_KEY_LENGTH);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+
+    const std::string text = fileText(log.path);
+    EXPECT_EQ(text.find("kept\n"), 0u);
+    EXPECT_EQ(count(text, "\n"), 3u) << text;
+    EXPECT_NE(text.find("aven_crypto_cmac: -30040 AVEN_E_KEY_LENGTH\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("fifteen"), std::string::npos);
+}
+
+TEST(EngineLog, TargetsAreChecked)
+{
+    DevkitEngine engine;
+    TemporaryFile log;
+    ASSERT_EQ(engine.aven_global_init(), 0);
+    ASSERT_EQ(engine.aven_global_set_logger(log.path), 0);
+    EXPECT_EQ(engine.aven_global_set_logger(nullptr), AVEN_E_NULL_POINTER);
+    EXPECT_EQ(engine.aven_global_set_logger("/nonexistent/log"), AVEN_E_LOG_TARGET);
+    EXPECT_NE(fileText(log.path).find("AVEN_E_LOG_TARGET"), std::string::npos);  // still there
+    const std::string before = fileText(log.path);
+    EXPECT_EQ(engine.aven_global_set_logger(""), 0);
+    EXPECT_EQ(engine.aven_crypto_gen_symmkey(1, nullptr, nullptr), AVEN_E_NULL_POINTER);
+    EXPECT_EQ(fileText(log.path), before);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+}
+
+TEST(EngineLog, StandardErrorSharesItsPosition)
+{
+    TemporaryFile file;
+    const int saved = dup(STDERR_FILENO);
+    const int target = open(file.path, O_WRONLY | O_TRUNC);
+    dup2(target, STDERR_FILENO);
+    close(target);
+    {
+        DevkitEngine engine;
+        engine.aven_global_init();
+        ASSERT_EQ(write(STDERR_FILENO, "before\n", 7), 7);
+        EXPECT_EQ(engine.aven_global_set_logger("/dev/stderr"), 0);
+        ASSERT_EQ(write(STDERR_FILENO, "behind\n", 7), 7);
+        engine.aven_global_cleanup();
+    }
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    const std::string text = fileText(file.path);
+    EXPECT_EQ(text.find("before\n"), 0u);
+    EXPECT_EQ(text.find("behind\n"), text.size() - 7) << text;
+    EXPECT_EQ(count(text, "\n"), 3u) << text;
+}
+
+// ---- Threads
+
+TEST(EngineThreads, EightAtOnceWhileOthersStartAndStop)
+{
+    DevkitEngine engine;
+    ASSERT_EQ(engine.aven_global_init(), 0);
+    std::atomic<bool> stop{false};
+    std::atomic<int> unexpected{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&] {
+            while (!stop) {
+                const int code = useEverything(engine);
+                // The engine may stop between the tagged calls.
+                if (code != 0 && code != AVEN_E_NOT_INITIALISED && code != 2)
+                    ++unexpected;
+            }
+        });
+    }
+    for (int round = 0; round < 20; ++round) {
+        usleep(2000);
+        EXPECT_EQ(engine.aven_global_cleanup(), 0);
+        EXPECT_EQ(engine.aven_global_init(), 0);
+    }
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(unexpected, 0);
+    EXPECT_EQ(useEverything(engine), 0);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+}
+
+// ---- Unloading
+
+bool isLoaded()
+{
+    void* handle = dlopen(CORVANE_ENGINE_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
+    if (handle == nullptr)
+        return false;
+    dlclose(handle);
+    return true;
+}
+
+size_t residentBytes()
+{
+    size_t total = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+size_t openFiles()
+{
+    size_t n = 0;
+    for (int fd = 0; fd < 256; ++fd)
+        n += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+    return n;
+}
+
+// Runs `round` many times; memory and open files must not grow after the first ones.
+void staysFlat(int rounds, const std::function<void()>& round)
+{
+    for (int i = 0; i < rounds / 4; ++i)
+        round();
+    const size_t memory = residentBytes();
+    const size_t files = openFiles();
+    for (int i = 0; i < rounds; ++i)
+        round();
+    EXPECT_EQ(openFiles(), files);
+    if (!sanitized) {
+        EXPECT_LT(residentBytes(), memory + (512u << 10));
+    }
+}
+
+TEST(EngineUnload, RoundsWithCleanupStayFlat)
+{
+    staysFlat(sanitized ? 50 : 2000, [] {
+        {
+            DevkitEngine engine;
+            ASSERT_EQ(engine.aven_global_init(), 0);
+            ASSERT_EQ(engine.aven_global_set_logger("/dev/null"), 0);
+            ASSERT_EQ(useEverything(engine), 0);
+            ASSERT_EQ(engine.aven_global_cleanup(), 0);
+        }
+        ASSERT_FALSE(isLoaded());
+    });
+}
+
+TEST(EngineUnload, RoundsWithoutCleanupStayFlat)
+{
+    staysFlat(sanitized ? 50 : 500, [] {
+        {
+            DevkitEngine engine;
+            ASSERT_EQ(engine.aven_global_init(), 0);
+            ASSERT_EQ(engine.aven_global_set_logger("/dev/null"), 0);
+            ASSERT_EQ(useEverything(engine), 0);
+        }
+        ASSERT_FALSE(isLoaded());
+    });
+}
+
+TEST(EngineUnload, RoundsWithAThreadOfTheirOwnStayFlat)
+{
+    staysFlat(sanitized ? 50 : 500, [] {
+        {
+            DevkitEngine engine;
+            ASSERT_EQ(engine.aven_global_init(), 0);
+            std::thread([&] { EXPECT_EQ(useEverything(engine), 0); }).join();
+            ASSERT_EQ(engine.aven_global_cleanup(), 0);
+        }
+        ASSERT_FALSE(isLoaded());
+    });
+}
+
+TEST(EngineUnload, AThreadThatUsedItMayEndLater)
+{
+    std::atomic<int> step{0};
+    auto engine = std::make_unique<DevkitEngine>();
+    ASSERT_EQ(engine->aven_global_init(), 0);
+    std::thread user([&] {
+        EXPECT_EQ(useEverything(*engine), 0);
+        step = 1;
+        while (step != 2)
+            std::this_thread::yield();
+    });
+    while (step != 1)
+        std::this_thread::yield();
+    engine.reset();
+    EXPECT_FALSE(isLoaded());
+    step = 2;
+    user.join();
+}
+
+// The process may end while the engine runs and while threads call it.
+TEST(EngineUnload, ProcessMayExitWithoutCleanup)
+{
+    for (bool withThreads : {false, true}) {
+        const pid_t child = fork();
+        if (child == 0) {
+            DevkitEngine& engine = *new DevkitEngine;
+            if (engine.aven_global_init() != 0 || useEverything(engine) != 0)
+                _exit(9);
+            if (withThreads) {
+                for (int t = 0; t < 8; ++t) {
+                    std::thread([&engine] {
+                        for (;;)
+                            generateKey(engine);
+                    }).detach();
+                }
+                usleep(10000);
+            }
+            exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << withThreads;
+    }
+}
+
+}  // namespace
