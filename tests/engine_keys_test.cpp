@@ -353,7 +353,7 @@ TEST_F(Keys, TextsThatAreNoKeysAreRefused)
         EXPECT_EQ(readCertificate(row.text), row.code) << row.text;
     }
     EXPECT_EQ(readPrivate(toBase64(fromHex("3006020100020100"))), AVEN_E_KEY_TEXT);
-    EXPECT_EQ(readPrivate(toBase64(fromHex("3006020101040100"))), AVEN_E_KEY_TEXT);
+    EXPECT_EQ(readPrivate(toBase64(fromHex("3006020101040100"))), AVEN_E_KEY_ALGORITHM);
     EXPECT_EQ(readPublic(toBase64(fromHex("300530000301ff"))), AVEN_E_KEY_TEXT);
     EXPECT_EQ(readCertificate(toBase64(fromHex("300430003000"))), AVEN_E_KEY_TEXT);
 }

@@ -467,7 +467,7 @@ TEST_F(EngineCalls, BuffersHaveTheirCapacityAndAreZeroFilled)
         if (!hasBuffer(row))
             continue;
         SCOPED_TRACE(row.what);
-        for (const size_t inLen : {0, 1, 10, 127, 1000, 65536, 300000}) {
+        for (const size_t inLen : {0U, 1U, 10U, 127U, 1000U, 65536U, 300000U}) {
             SCOPED_TRACE(inLen);
             start();
             Exchange x(std::string(inLen, 'i'));

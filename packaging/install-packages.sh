@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that are named and missing; says nothing if none is.
+# Needs root or sudo only when there is something to install.
+set -euo pipefail
+
+missing=()
+for package in "$@"; do
+    dpkg-query -W -f '${Status}\n' "$package" 2>/dev/null | grep -q '^install ok installed$' ||
+        missing+=("$package")
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || {
+        echo "These packages are missing, and neither root nor sudo is at hand: ${missing[*]}" >&2
+        exit 1
+    }
+    as_root=(sudo)
+fi
+
+echo "Installing: ${missing[*]}"
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! { "${as_root[@]}" apt-get update &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+    tail -n 20 "$log" >&2
+    echo "The packages could not be installed." >&2
+    exit 1
+fi

@@ -1,0 +1,8 @@
+# The Debian 12 packages behind each task; sourced by run.sh and test.sh.
+
+build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev openssl)
+
+test_packages=(libgtest-dev googletest binutils locales)
+
+# The stages of `./test.sh all`.
+all_packages=(clang clang-format libclang-rt-14-dev valgrind)

@@ -1,0 +1,404 @@
+// The dispatcher: names and function IDs, and the frame around each handler.
+#include <cctype>
+#include <climits>
+#include <set>
+#include <type_traits>
+
+#include "WebOperateAvenSoftModule.h"
+#include "module_CorvaneParams.h"
+#include "support/allocation_fault.h"
+#include "support/plugin_test.h"
+
+using support::engineDouble;
+using support::paramsDouble;
+using support::paramsLacking;
+using support::PluginHost;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+// What a request does when the host has stored no parameters: which it asks for, and
+// what it answers. No two requests that read the same answer from the same function.
+const struct Row {
+    const char* name;
+    Names read;
+    Pairs results;
+    const char* engineCall;  // made even so
+} rows[] = {
+    {"QZaVen_GetVersion", {}, {{"Data", "engine double 1.0"}, {"errorCode", "0"}}, "aven_version"},
+    {"QZaVen_strerror", {"strErr"}, {{"Data", ""}}, nullptr},
+    {"QZaven_crypto_base64_encode", {"strIn"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
+    {"QZaven_crypto_base64_Decode", {"strIn"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
+    {"QZaven_ke_new", {}, {{"Data", "1582628864"}, {"errorCode", "0"}}, "aven_ke_new"},
+    {"QZaven_ke_free", {"strKe"}, {{"errorCode", "-20001"}}, nullptr},
+    {"QZaven_ke_set_public_key",
+     {"strKe", "strSig_key", "strEnc_key", "strPassword"},
+     {{"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_ke_set_certificate",
+     {"strKe", "strSig_cert", "strEnc_cert", "strPassword"},
+     {{"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_ke_set_root_certificate",
+     {"strKe", "strCa_file", "strCa_path"},
+     {{"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_ke_client_hello", {"strKe"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
+    {"QZaven_ke_client_key_exchange",
+     {"strKe", "strSrvr_rand", "strSrvr_sig_cert", "strSrvr_enc_cert", "strSrvr_sign"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_ke_encrypt", {"strKe", "strdata"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
+    {"QZaven_ke_decrypt", {"strKe", "strcipher"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
+    {"QZaven_ke_hmac", {"strKe", "strdata"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
+    {"QZaven_ke_cmac", {"strKe", "strdata"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
+    {"QZaven_crypto_public_encrypt",
+     {"strKeyPairType", "strpk", "strRsaPaddingE", "strnoAsn1", "strnoc1c3c2", "strdata"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_crypto_private_decrypt",
+     {"strKeyPairType", "strsk", "strPassword", "strRsaPaddingE", "strnoAsn1", "strnoc1c3c2",
+      "strdata"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_crypto_encrypt",
+     {"strCipherAlg", "strMode", "strCipherPadding", "strKey", "strIV", "straad", "strdata",
+      "strgcmTagLen"},
+     {{"Data", ""}, {"errorCode", "-20001"}, {"gcmOutTag", ""}},
+     nullptr},
+    {"QZaven_crypto_decrypt",
+     {"strCipherAlg", "strMode", "strCipherPadding", "strKey", "strIV", "straad", "strtag",
+      "strdata"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_crypto_gen_symmkey",
+     {"strCipherAlg"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_crypto_hmac",
+     {"strHashAlg", "strKey", "strdata"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_crypto_cmac",
+     {"strCipherAlg", "strKey", "strdata"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_crypto_kdf",
+     {"HashType", "srcdata", "OutLen"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_crypto_envelope_encrypt",
+     {"strdata", "strpk", "strCipherAlg", "strMode"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     "aven_certificate_free"},
+    {"QZaven_crypto_envelope_decrypt",
+     {"strEncdata", "strKeyPairType", "strsk", "strCipherAlg", "strMode"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     "aven_keypair_free"},
+    {"QZaven_wbsm4_encrypt",
+     {"strKey", "strIV", "strdata"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+    {"QZaven_wbsm4_decrypt",
+     {"strKey", "strIV", "strdata"},
+     {{"Data", ""}, {"errorCode", "-20001"}},
+     nullptr},
+};
+
+// The engine function of each request that reads the same parameters as another, with
+// parameters that bring it there.
+const Pairs SESSION = {{"strKe", "16"}, {"strdata", "QUJD"}, {"strcipher", "QUJD"}};
+const Pairs WHITE_BOX = {{"strKey", "MDEyMzQ1Njc4OWFiY2RlZg=="},
+                         {"strIV", "MDEyMzQ1Njc4OWFiY2RlZg=="},
+                         {"strdata", "QUJD"}};
+const struct {
+    const char* name;
+    const char* engineCall;
+    Pairs parameters;
+} twins[] = {
+    {"QZaven_crypto_base64_encode", "aven_crypto_base64_encode", {{"strIn", "QUJD"}}},
+    {"QZaven_crypto_base64_Decode", "aven_crypto_base64_decode", {{"strIn", "QUJD"}}},
+    {"QZaven_ke_free", "aven_ke_free", SESSION},
+    {"QZaven_ke_client_hello", "aven_ke_client_hello", SESSION},
+    {"QZaven_ke_encrypt", "aven_ke_encrypt", SESSION},
+    {"QZaven_ke_decrypt", "aven_ke_decrypt", SESSION},
+    {"QZaven_ke_hmac", "aven_ke_hmac", SESSION},
+    {"QZaven_ke_cmac", "aven_ke_cmac", SESSION},
+    {"QZaven_wbsm4_encrypt", "aven_wbsm4_encrypt", WHITE_BOX},
+    {"QZaven_wbsm4_decrypt", "aven_wbsm4_decrypt", WHITE_BOX},
+};
+
+class Dispatch : public PluginTest {};
+
+}  // namespace
+
+static_assert(std::size(rows) == 27, "one row for each request");
+
+TEST(FunctionId, IsThePlaceInTheTable)
+{
+    CWebOperateAvenSoftModule handler;
+    for (size_t i = 0; i < std::size(rows); ++i)
+        EXPECT_EQ(static_cast<int>(i), handler.GetFunctionID(rows[i].name)) << rows[i].name;
+}
+
+TEST(FunctionId, NamesAreMatchedWholeAndExactly)
+{
+    CWebOperateAvenSoftModule handler;
+    for (const Row& row : rows) {
+        const std::string name = row.name;
+        std::string lower = name;
+        std::string upper = name;
+        for (size_t i = 0; i < name.size(); ++i) {
+            lower[i] = static_cast<char>(tolower(name[i]));
+            upper[i] = static_cast<char>(toupper(name[i]));
+        }
+        for (const std::string& other :
+             {lower, upper, name + " ", " " + name, name + std::string(1, '\0'), name + "x",
+              name.substr(1), name.substr(2), name.substr(0, name.size() - 1)})
+            EXPECT_EQ(-1, handler.GetFunctionID(other)) << other;
+    }
+    for (const char* other : {"", "QZ", "qzaven_ke_new", "QZaVen_ke_new", "QZaven_GetVersion",
+                              "QZaven_strerror", "QZaven_crypto_base64_decode"})
+        EXPECT_EQ(-1, handler.GetFunctionID(other)) << other;
+}
+
+TEST_F(Dispatch, EachNameRunsItsHandler)
+{
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(row.results, request(row.name));
+        EXPECT_EQ(row.read, host.parametersRead());
+        EXPECT_EQ(row.engineCall == nullptr ? Names() : Names{row.engineCall},
+                  journal.functions("aven_"));
+        EXPECT_EQ("", params.custom);
+    }
+}
+
+TEST_F(Dispatch, TwinRequestsCallTheirOwnEngineFunction)
+{
+    for (const auto& twin : twins) {
+        SCOPED_TRACE(twin.name);
+        request(twin.name, twin.parameters);
+        const std::set<std::string> called = [this] {
+            const Names names = journal.functions("aven_");
+            return std::set<std::string>(names.begin(), names.end());
+        }();
+        EXPECT_EQ(std::set<std::string>{twin.engineCall}, called);
+    }
+}
+
+TEST_F(Dispatch, ResultsAreEmptiedFirstAndParametersLast)
+{
+    Names names;
+    for (const Row& row : rows)
+        names.push_back(row.name);
+    names.push_back("no such request");
+    for (const std::string& name : names) {
+        SCOPED_TRACE(name);
+        request(name, {{"strKe", "1"}, {"unread", "value"}});
+        const Names calls = journal.functions();
+        ASSERT_GE(calls.size(), 5U);
+        EXPECT_EQ((Names{"syslog", "ClearRetParams", "ClearRetCustomParam"}),
+                  Names(calls.begin(), calls.begin() + 3));
+        EXPECT_EQ((Names{"ClearHttpParams", "syslog"}), Names(calls.end() - 2, calls.end()));
+        for (const char* once : {"ClearRetParams", "ClearRetCustomParam", "ClearHttpParams"})
+            EXPECT_EQ(1U, journal.count(once)) << once;
+        EXPECT_EQ(Pairs(), params.http);
+    }
+}
+
+TEST_F(Dispatch, UnknownNameWritesNothing)
+{
+    EXPECT_EQ(Pairs(), request("QZaven_ke_new ", {{"strKe", "1"}}));
+    EXPECT_EQ(Pairs(), host.resultsWritten());
+    EXPECT_EQ(Names(), host.parametersRead());
+    EXPECT_EQ(Names(), journal.functions("aven_"));
+}
+
+TEST_F(Dispatch, OtherFunctionIdsRunNothing)
+{
+    for (const int id : {-1, -2, 27, 28, INT_MIN, INT_MAX}) {
+        SCOPED_TRACE(id);
+        journal.calls.clear();
+        params.http = {{"strIn", "x"}};
+        params.ret = {{"stale", "x"}};
+        CWebOperateAvenSoftModule handler;
+        handler.SetFunctionID(id);
+
+        EXPECT_EQ("", handler.Request());
+        EXPECT_EQ((Names{"ClearRetParams", "ClearRetCustomParam", "ClearHttpParams"}),
+                  journal.functions());
+        EXPECT_EQ(Pairs(), params.ret);
+        EXPECT_EQ(Pairs(), params.http);
+    }
+}
+
+TEST_F(Dispatch, RequestReturnsTheEmptyTextThroughTheBaseToo)
+{
+    CWebOperateAvenSoftModule handler;
+    handler.SetFunctionID(0);
+    CWebServerBase& base = handler;
+
+    EXPECT_EQ("", base.Request());
+    EXPECT_EQ((Pairs{{"Data", "engine double 1.0"}, {"errorCode", "0"}}), params.ret);
+}
+
+TEST_F(Dispatch, ReturnRequestEmptiesTheParametersAndIgnoresTheResult)
+{
+    CWebOperateAvenSoftModule handler;
+    for (const bool throws : {false, true}) {
+        journal.calls.clear();
+        params.on("ClearHttpParams").code = 5;
+        params.on("ClearHttpParams").throws = throws;
+        EXPECT_EQ("", handler.ReturnRequest());
+        EXPECT_EQ(Names{"ClearHttpParams"}, journal.functions());
+    }
+}
+
+TEST_F(Dispatch, FailingModuleCallsAroundTheHandlerAreIgnored)
+{
+    for (const char* function : {"ClearRetParams", "ClearRetCustomParam", "ClearHttpParams"}) {
+        for (const bool throws : {false, true}) {
+            SCOPED_TRACE(function);
+            params.forget();
+            params.on(function).code = 5;
+            params.on(function).throws = throws;
+            host.request("QZaVen_GetVersion");
+
+            EXPECT_EQ((Pairs{{"Data", "engine double 1.0"}, {"errorCode", "0"}}),
+                      host.resultsWritten());
+            EXPECT_EQ(1U, journal.count("ClearHttpParams"));
+            EXPECT_EQ(2U, journal.count("syslog"));
+        }
+    }
+    params.forget();
+}
+
+TEST_F(Dispatch, ResultThatCannotBeStoredIsLostWithoutNotice)
+{
+    for (const bool throws : {false, true}) {
+        params.forget();
+        params.on("AddRetParams", "Data").code = 5;
+        params.on("AddRetParams", "Data").throws = throws;
+        EXPECT_EQ((Pairs{{"errorCode", "0"}}), request("QZaVen_GetVersion"));
+        EXPECT_EQ((Pairs{{"Data", "engine double 1.0"}, {"errorCode", "0"}}),
+                  host.resultsWritten());
+    }
+}
+
+TEST_F(Dispatch, ThrowingReadIsTheEmptyText)
+{
+    params.onQuery("GetHttpParams").code = 1;  // thrown before a length is stored
+    params.onQuery("GetHttpParams").throws = true;
+    EXPECT_EQ((Pairs{{"Data", ""}, {"errorCode", "-20001"}}),
+              request("QZaven_crypto_base64_encode", {{"strIn", "abc"}}));
+}
+
+TEST(DispatchUnbound, WithoutAModuleNothingIsWrittenAndNothingFails)
+{
+    *CorvaneParamsClass::getInstance() = CorvaneParamsClass();  // as freshly loaded
+    PluginHost host(engineDouble(), "");
+    host.init();
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(0,
+                  host.requestBytes(row.name, static_cast<unsigned>(std::string(row.name).size())));
+        EXPECT_EQ(row.engineCall == nullptr ? Names() : Names{row.engineCall},
+                  host.journal.functions("aven_"));
+        EXPECT_EQ("", host.printed);
+    }
+    host.free();
+}
+
+// What one request leaves behind in front of a module that lacks a function.
+TEST(DispatchPartlyBound, OnlyTheMissingFunctionIsMissed)
+{
+    const Pairs parameters = {{"strIn", "abc"}};
+    const Pairs stale = {{"stale", "result of an earlier request"}};
+    const Pairs success = {{"Data", "abc"}, {"errorCode", "0"}};
+    const Pairs missing = {{"Data", ""}, {"errorCode", "-20001"}};
+    for (const std::string& function : doubles::paramsFunctions()) {
+        SCOPED_TRACE(function);
+        PluginHost host(engineDouble(), paramsLacking(function));
+        host.init();
+        Pairs expected = function == "GetHttpParams"  ? missing
+                         : function == "AddRetParams" ? Pairs()
+                                                      : success;
+        if (function == "ClearRetParams")
+            expected.insert(expected.begin(), stale[0]);
+
+        EXPECT_EQ(expected, host.request("QZaven_crypto_base64_encode", parameters));
+        EXPECT_EQ(function == "ClearHttpParams" ? parameters : Pairs(), host.params.http);
+        EXPECT_EQ(function == "ClearRetCustomParam" ? "custom text of an earlier request" : "",
+                  host.params.custom);
+        EXPECT_EQ(0U, host.journal.count(function));
+        host.free();
+    }
+}
+
+// Memory that runs out anywhere in a request must not get past the entry point, and must
+// not keep the host's next request from being served.
+TEST_F(Dispatch, NoAllocationFailureEscapesARequest)
+{
+    SKIP_WITHOUT_ALLOCATION_FAULTS();
+    const Pairs every = {
+        {"strErr", "-20001"},
+        {"strIn", "aGVsbG8td29ybGQ_"},
+        {"strKe", "1582628864"},
+        {"strSig_key", "c2lnbmF0dXJlIGtleSBvZiB0aGUgY2xpZW50"},
+        {"strEnc_key", "ZW5jcnlwdGlvbiBrZXkgb2YgdGhlIGNsaWVudA=="},
+        {"strPassword", "a password that is not short"},
+        {"strCa_file", "/some/where/certificates/ca.pem"},
+        {"strdata", "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVy"},
+        {"strcipher", "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVy"},
+        {"strKeyPairType", "1"},
+        {"strpk", "cHVibGljIGtleSBvciBjZXJ0aWZpY2F0ZQ=="},
+        {"strsk", "cHJpdmF0ZSBrZXkgdGhhdCBpcyBub3Qgc2hvcnQ="},
+        {"strCipherAlg", "1"},
+        {"strMode", "6"},
+        {"strKey", "MDEyMzQ1Njc4OWFiY2RlZg=="},
+        {"strIV", "MDEyMzQ1Njc4OWFiY2RlZg=="},
+        {"straad", "YWRkaXRpb25hbCBkYXRhIHRoYXQgaXMgbm90IHNob3J0"},
+        {"strtag", "MDEyMzQ1Njc4OWFiY2RlZg=="},
+        {"strHashAlg", "1"},
+        {"HashType", "1"},
+        {"srcdata", "what a key is derived from, not short"},
+        {"OutLen", "48"},
+        {"strEncdata", "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVy"},
+    };
+    host.logLevel() = 3;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string name = row.name;
+        bool struck = true;
+        size_t n = 1;
+        for (; struck && n < 1000; ++n) {
+            params.http = every;
+            params.ret.clear();
+            journal.calls.clear();
+            {
+                const auto fault = support::AllocationFault::nth(journal, n);
+                ASSERT_NO_THROW(host.find<int (*)(const char*, unsigned)>("Corvane_plugin_Request")(
+                    name.data(), static_cast<unsigned>(name.size())))
+                    << "allocation " << n;
+                struck = fault.struck();
+            }
+            ASSERT_EQ(Pairs(), params.http) << "allocation " << n;
+        }
+        EXPECT_GT(n, 3U) << "no allocation failed";
+        EXPECT_FALSE(struck);
+    }
+    host.logLevel() = 4;
+    request("QZaven_ke_free", {{"strKe", "16"}});
+    engine.keypairs.live.clear();
+}
+
+static_assert(std::is_abstract_v<CWebServerBase>);
+static_assert(std::has_virtual_destructor_v<CWebServerBase>);
+static_assert(std::is_base_of_v<CWebServerBase, CWebOperateAvenSoftModule>);
+static_assert(std::is_convertible_v<CWebOperateAvenSoftModule*, CWebServerBase*>);
+// The virtual table's pointer, a map, a text and a list; then two 32-bit numbers.
+static_assert(sizeof(CWebServerBase) == sizeof(void*) + sizeof(std::map<std::string, std::string>) +
+                                            sizeof(std::string) + sizeof(std::list<std::string>));
+static_assert(sizeof(CWebOperateAvenSoftModule) == sizeof(CWebServerBase) + 8);
