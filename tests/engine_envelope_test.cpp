@@ -121,7 +121,7 @@ TEST_F(Envelope, OpensInEveryPossibleCombination)
                              std::to_string(mode));
                 const bool possible = std::string(name) == "sm2" ? isPossibleForSm2(alg, mode)
                                                                  : isPossible(alg, mode);
-                for (size_t size : {0, 1, 7, 8, 15, 16, 17, 1000}) {
+                for (size_t size : std::initializer_list<size_t>{0, 1, 7, 8, 15, 16, 17, 1000}) {
                     const std::string text = pattern(size);
                     const Result sealed = seal(holder, alg, mode, text);
                     ASSERT_EQ(sealed.code, possible ? 0 : AVEN_E_ENVELOPE_ALGORITHM);
@@ -164,7 +164,7 @@ TEST_F(Envelope, OfTheEngineOpensWithOpenssl)
         for (const Combination& c : combinations) {
             if (c.openssl == nullptr)
                 continue;
-            for (size_t size : {1, 16, 5000}) {
+            for (size_t size : std::initializer_list<size_t>{1, 16, 5000}) {
                 SCOPED_TRACE(std::string(c.openssl) + " " + std::to_string(size));
                 const std::string text = pattern(size);
                 openssl().write("envelope", seal(holder, c.alg, c.mode, text).out);
@@ -566,7 +566,7 @@ TEST_F(Envelope, CapacitiesAreHeeded)
         EXPECT_EQ(less.len, whole.len);
     }
     EXPECT_EQ(open(key, 1, AVEN_MODE_CFB, whole.out, 100).out, text);
-    for (size_t capacity : {0, 1, 99}) {
+    for (size_t capacity : std::initializer_list<size_t>{0, 1, 99}) {
         const Result less = open(key, 1, AVEN_MODE_CFB, whole.out, capacity);
         EXPECT_EQ(less.code, AVEN_E_BUFFER_TOO_SMALL);
         EXPECT_EQ(less.len, 100U);

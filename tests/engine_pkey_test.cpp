@@ -240,8 +240,8 @@ TEST_F(PublicKey, Sm2OpensInEveryFormAndFits)
 {
     void* key = privateKey("sm2");
     for (const How& how : sm2Forms) {
-        for (size_t size :
-             {1, 2, 16, 31, 32, 33, 94, 95, 96, 127, 128, 255, 256, 65535, 65536, 300000}) {
+        for (size_t size : std::initializer_list<size_t>{1, 2, 16, 31, 32, 33, 94, 95, 96, 127, 128,
+                                                         255, 256, 65535, 65536, 300000}) {
             SCOPED_TRACE(size);
             const std::string text = pattern(size);
             const Result sealed = encrypt(key, how, text, size + 129);  // what type 1 is offered
@@ -257,7 +257,7 @@ TEST_F(PublicKey, Sm2OpensInEveryFormAndFits)
 TEST_F(PublicKey, Sm2OfTheEngineOpensWithOpenssl)
 {
     void* key = publicKey("sm2");
-    for (size_t size : {1, 19, 32, 1000, 100000}) {
+    for (size_t size : std::initializer_list<size_t>{1, 19, 32, 1000, 100000}) {
         const std::string text = pattern(size);
         openssl().write("sealed", encrypt(key, {}, text).out);
         EXPECT_EQ(
@@ -271,7 +271,7 @@ TEST_F(PublicKey, Sm2OfTheEngineOpensWithOpenssl)
 TEST_F(PublicKey, Sm2OfOpensslOpensWithTheEngine)
 {
     void* key = privateKey("sm2");
-    for (size_t size : {2, 19, 32, 1000, 100000}) {
+    for (size_t size : std::initializer_list<size_t>{2, 19, 32, 1000, 100000}) {
         const std::string text = pattern(size);
         openssl().write("text", text);
         const std::string sealed = openssl().make(
@@ -283,7 +283,8 @@ TEST_F(PublicKey, Sm2OfOpensslOpensWithTheEngine)
 TEST_F(PublicKey, AnotherSm2FormIsNamedAsTheCause)
 {
     void* key = privateKey("sm2");
-    for (size_t size : {1, 32, 64, 1000}) {  // with 32, C2 and C3 are of one size
+    for (size_t size :
+         std::initializer_list<size_t>{1, 32, 64, 1000}) {  // with 32, C2 and C3 are of one size
         for (const How& made : sm2Forms) {
             const std::string sealed = encrypt(key, made, pattern(size)).out;
             for (const How& named : sm2Forms) {
@@ -403,7 +404,7 @@ TEST_F(PublicKey, CapacitiesAreHeeded)
             EXPECT_EQ(less.len, whole.len);
         }
         EXPECT_EQ(decrypt(key, how, whole.out, 20).out, text);
-        for (size_t capacity : {0, 1, 19}) {
+        for (size_t capacity : std::initializer_list<size_t>{0, 1, 19}) {
             const Result less = decrypt(key, how, whole.out, capacity);
             EXPECT_EQ(less.code, AVEN_E_BUFFER_TOO_SMALL);
             EXPECT_EQ(less.len, 20U);

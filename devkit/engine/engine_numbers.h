@@ -129,7 +129,7 @@ enum {
       "the result's length would not fit in 32 bits, or the algorithm's limit is passed", \
       "send the data in smaller pieces")                                                  \
     X(AVEN_E_INPUT_EMPTY, -30005, "input is empty",                                       \
-      "key derivation has nothing to derive from",                                        \
+      "nothing to derive a key from, or to encrypt with SM2",                             \
       "pass at least one byte")                                                           \
     X(AVEN_E_OUTPUT_LENGTH, -30006, "requested output length is not possible",            \
       "key derivation was asked for no bytes or for more than 2^30",                      \
