@@ -1,18 +1,19 @@
 #include "base64.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstddef>
 #include <cwctype>
-#include <string_view>
+
+#include "base64_kernel_tables.h"
+#include "base64_kernels.h"
 
 namespace {
 
-// A character's place is its sextet.
-constexpr std::string_view base64_chars =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
-    "abcdefghijklmnopqrstuvwxyz"
-    "0123456789+/";
+// Bytes of text that pass through a buffer on the stack at a time on their way into a
+// string, which would zero its memory first if it were sized beforehand.
+constexpr size_t CHUNK = 8192;
+static_assert(CHUNK % 64 == 0, "a whole number of steps of every kernel");
 
 // The sextet of a character outside the alphabet: what the missing place (-1) leaves in
 // 8 bits. The decoder meets it only where a locale counts further bytes as letters.
@@ -23,93 +24,136 @@ constexpr std::array<unsigned char, 256> makeSextets()
     std::array<unsigned char, 256> sextets = {};
     for (unsigned char& sextet : sextets)
         sextet = NO_PLACE;
-    for (size_t i = 0; i < base64_chars.size(); ++i)
-        sextets[static_cast<unsigned char>(base64_chars[i])] = static_cast<unsigned char>(i);
+    for (unsigned char i = 0; i < 64; ++i)
+        sextets[static_cast<unsigned char>(base64_chars[i])] = i;
     return sextets;
 }
 
 constexpr std::array<unsigned char, 256> sextets = makeSextets();
 
-// Appends the `count` + 1 characters that hold `count` bytes, 1 to 3, and the padding.
-template <class Text>
-void appendEncoded(Text& text, unsigned b0, unsigned b1, unsigned b2, size_t count)
+// Writes the four characters of the last group, of 1 or 2 bytes.
+void encodeLast(const unsigned char* in, size_t len, Base64Alphabet alphabet, char* out)
 {
-    using Char = typename Text::value_type;
-    const auto place = [](unsigned sextet) { return static_cast<Char>(base64_chars[sextet]); };
-
-    text += place(b0 >> 2);
-    text += place(((b0 & 3) << 4) + (b1 >> 4));
-    text += count > 1 ? place(((b1 & 15) << 2) + (b2 >> 6)) : Char('=');
-    text += count > 2 ? place(b2 & 63) : Char('=');
+    const unsigned char group[3] = {in[0], len > 1 ? in[1] : static_cast<unsigned char>(0), 0};
+    base64_kernel_scalar()->encode[alphabet](group, sizeof group, out);
+    if (len == 1)
+        out[2] = '=';
+    out[3] = '=';
 }
 
-template <class Text, class Element>
-Text encode(const Element* input, size_t len)
+std::string encode(const unsigned char* in, size_t len, Base64Alphabet alphabet)
 {
-    const auto byte = [input](size_t i) { return static_cast<unsigned>(input[i] & 0xFF); };
-    const size_t whole = len - len % 3;
-    Text text;
+    constexpr size_t step = CHUNK / 4 * 3;
+    char chunk[CHUNK];
+    std::string text;
 
     text.reserve((len + 2) / 3 * 4);
-    for (size_t i = 0; i < whole; i += 3)
-        appendEncoded(text, byte(i), byte(i + 1), byte(i + 2), 3);
-    if (len - whole == 1)
-        appendEncoded(text, byte(whole), 0, 0, 1);
-    if (len - whole == 2)
-        appendEncoded(text, byte(whole), byte(whole + 1), 0, 2);
+    while (len >= 3) {
+        const size_t room = std::min(len, step);
+        size_t taken = base64_kernel->encode[alphabet](in, room, chunk);
+        taken += base64_kernel_scalar()->encode[alphabet](in + taken, room - taken,
+                                                          chunk + taken / 3 * 4);
+        text.append(chunk, taken / 3 * 4);
+        in += taken;
+        len -= taken;
+    }
+    if (len > 0) {
+        encodeLast(in, len, alphabet, chunk);
+        text.append(chunk, 4);
+    }
     return text;
 }
 
-// Appends the first `count` of the three bytes that four sextets hold.
-template <class Text>
-void appendDecoded(Text& bytes, const unsigned char (&s)[4], size_t count)
+// Decodes whole groups up to the first that has anything but 64 characters in it.
+// Returns the number of characters taken; `out` has room for 3 bytes for each 4.
+size_t decodeGroups(const unsigned char* in, size_t len, Base64Alphabet alphabet,
+                    unsigned char* out)
 {
-    using Char = typename Text::value_type;
-    const unsigned char decoded[3] = {
-        static_cast<unsigned char>((s[0] << 2) + ((s[1] & 0x30) >> 4)),
-        static_cast<unsigned char>(((s[1] & 0x0F) << 4) + ((s[2] & 0x3C) >> 2)),
-        static_cast<unsigned char>(((s[2] & 0x03) << 6) + s[3]),
-    };
-
-    for (size_t i = 0; i < count; ++i)
-        bytes += static_cast<Char>(decoded[i]);
+    const size_t taken = base64_kernel->decode[alphabet](in, len, out);
+    return taken +
+           base64_kernel_scalar()->decode[alphabet](in + taken, len - taken, out + taken / 4 * 3);
 }
 
-template <class Text, class Accepts>
-Text decode(const Text& text, Accepts accepts)
+// Decodes by the full rules, a character at a time: `next` gives the sextet of each, or
+// a negative number where decoding ends; `put` takes each byte.
+template <class Next, class Put>
+void decodeRest(Next next, Put put)
 {
-    Text bytes;
-    unsigned char group[4] = {};
+    unsigned s[4] = {};
     size_t filled = 0;
+    const auto putGroup = [&](size_t bytes) {
+        if (bytes > 0)
+            put(static_cast<unsigned char>((s[0] << 2) + ((s[1] & 0x30) >> 4)));
+        if (bytes > 1)
+            put(static_cast<unsigned char>(((s[1] & 0x0F) << 4) + ((s[2] & 0x3C) >> 2)));
+        if (bytes > 2)
+            put(static_cast<unsigned char>(((s[2] & 0x03) << 6) + s[3]));
+    };
 
-    bytes.reserve(text.size() / 4 * 3 + 2);
-    for (const auto c : text) {
-        if (c == '=' || !accepts(c))
-            break;
-        group[filled++] = sextets[static_cast<unsigned char>(c)];
+    for (int sextet = next(); sextet >= 0; sextet = next()) {
+        s[filled++] = static_cast<unsigned>(sextet);
         if (filled == 4) {
-            appendDecoded(bytes, group, 3);
+            putGroup(3);
             filled = 0;
         }
     }
-    if (filled > 1) {
-        for (size_t i = filled; i < 4; ++i)
-            group[i] = 0;
-        appendDecoded(bytes, group, filled - 1);
-    }
-    return bytes;
+    std::fill(s + filled, s + 4, 0u);
+    putGroup(filled > 0 ? filled - 1 : 0);
+}
+
+// The sextet of a character, or -1 if it ends decoding.
+int sextetOf(unsigned char c)
+{
+    return c != '=' && is_base64(c) ? sextets[c] : -1;
 }
 
 }  // namespace
 
 std::string base64_encode(const unsigned char* bytes, unsigned int len)
 {
-    return encode<std::string>(bytes, len);
+    return encode(bytes, len, BASE64_STANDARD);
+}
+
+std::string base64_encode_url(const unsigned char* bytes, size_t len)
+{
+    return encode(bytes, len, BASE64_URL);
 }
 
 std::string base64_decode(const std::string& text)
 {
-    return decode(text, [](char c) { return is_base64(static_cast<unsigned char>(c)); });
+    const auto* in = reinterpret_cast<const unsigned char*>(text.data());
+    const size_t len = text.length();
+    unsigned char chunk[CHUNK / 4 * 3];
+    std::string bytes;
+    size_t i = 0;
+
+    bytes.reserve(len / 4 * 3 + 2);
+    while (const size_t taken =
+               decodeGroups(in + i, std::min(len - i, CHUNK), BASE64_STANDARD, chunk)) {
+        bytes.append(reinterpret_cast<const char*>(chunk), taken / 4 * 3);
+        i += taken;
+    }
+    decodeRest([&] { return i < len ? sextetOf(in[i++]) : -1; },
+               [&](unsigned char b) { bytes += static_cast<char>(b); });
+    return bytes;
+}
+
+void base64_decode_url(std::string& text)
+{
+    auto* const bytes = reinterpret_cast<unsigned char*>(text.data());
+    const size_t len = text.length();
+    size_t i = decodeGroups(bytes, len, BASE64_URL, bytes);
+    size_t decoded = i / 4 * 3;
+
+    decodeRest(
+        [&] {
+            if (i == len)
+                return -1;
+            const unsigned char c = bytes[i++];
+            return sextetOf(c == '-' ? '+' : c == '_' ? '/' : c);
+        },
+        [&](unsigned char b) { bytes[decoded++] = b; });
+    text.resize(decoded);
 }
 
 bool is_base64(unsigned char c)
@@ -119,12 +163,32 @@ bool is_base64(unsigned char c)
 
 std::wstring base64_encode_w(const unsigned int* chars, unsigned int len)
 {
-    return encode<std::wstring>(chars, len);
+    std::wstring text;
+    text.reserve((size_t{len} + 2) / 3 * 4);
+    for (size_t i = 0; i < len; i += 3) {
+        const size_t count = std::min<size_t>(len - i, 3);
+        unsigned char group[3];
+        for (size_t k = 0; k < count; ++k)
+            group[k] = static_cast<unsigned char>(chars[i + k]);
+        for (const char c : base64_encode(group, static_cast<unsigned int>(count)))
+            text += static_cast<wchar_t>(c);
+    }
+    return text;
 }
 
 std::wstring base64_decode_w(const std::wstring& text)
 {
-    return decode(text, [](wchar_t c) { return is_base64_w(static_cast<unsigned int>(c)); });
+    std::wstring bytes;
+    size_t i = 0;
+    decodeRest(
+        [&] {
+            if (i == text.length() || text[i] == L'=' ||
+                !is_base64_w(static_cast<unsigned int>(text[i])))
+                return -1;
+            return static_cast<int>(sextets[static_cast<unsigned char>(text[i++])]);
+        },
+        [&](unsigned char b) { bytes += static_cast<wchar_t>(b); });
+    return bytes;
 }
 
 bool is_base64_w(unsigned int wc)

@@ -4,6 +4,7 @@
 #ifndef CORVANE_BASE64_H
 #define CORVANE_BASE64_H
 
+#include <cstddef>
 #include <string>
 
 #pragma GCC visibility push(default)
@@ -17,6 +18,13 @@ std::string base64_encode(const unsigned char* bytes, unsigned int len);
 std::string base64_decode(const std::string& text);
 
 #pragma GCC visibility pop
+
+// For the request handlers: URL-safe Base64, which has "-" and "_" in place of "+" and
+// "/". Decoding takes either form, also mixed, and works in place: it turns the text
+// into its bytes. Both are what base64_encode and base64_decode give with these
+// characters exchanged behind and before them.
+std::string base64_encode_url(const unsigned char* bytes, size_t len);
+void base64_decode_url(std::string& text);
 
 // Whether the decoder accepts a character: isalnum in the process's locale, "+" or
 // "/". A letter that a locale adds to ASCII decodes like sextet value 255.

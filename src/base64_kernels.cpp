@@ -1,0 +1,19 @@
+#include "base64_kernels.h"
+
+#include <initializer_list>
+
+namespace {
+
+const Base64Kernel* fastestKernel()
+{
+    for (const auto kernel :
+         {base64_kernel_avx512, base64_kernel_avx2, base64_kernel_ssse3, base64_kernel_neon}) {
+        if (kernel() != nullptr)
+            return kernel();
+    }
+    return base64_kernel_scalar();
+}
+
+}  // namespace
+
+const Base64Kernel* base64_kernel = fastestKernel();
