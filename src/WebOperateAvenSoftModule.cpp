@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "WebServerBase_replace.h"
 #include "base64.h"
 #include "engine_binding_text.h"
 #include "engine_interface.h"
@@ -100,26 +101,27 @@ bool optionalDigitIn(const std::string& text, const char* digits, int32_t& value
 // URL-safe to standard Base64; text in the standard alphabet stays as it is.
 std::string toStandardAlphabet(std::string text)
 {
-    std::replace(text.begin(), text.end(), '-', '+');
-    std::replace(text.begin(), text.end(), '_', '/');
+    replaceBytes(text.data(), text.length(), '-', '+');
+    replaceBytes(text.data(), text.length(), '_', '/');
     return text;
 }
 
 std::string toUrlAlphabet(std::string text)
 {
-    std::replace(text.begin(), text.end(), '+', '-');
-    std::replace(text.begin(), text.end(), '/', '_');
+    replaceBytes(text.data(), text.length(), '+', '-');
+    replaceBytes(text.data(), text.length(), '/', '_');
     return text;
 }
 
 std::string fromUrlBase64(std::string text)
 {
-    return base64_decode(toStandardAlphabet(std::move(text)));
+    base64_decode_url(text);
+    return text;
 }
 
 std::string toUrlBase64(const std::string& data)
 {
-    return toUrlAlphabet(base64_encode(bytes(data), size32(data)));
+    return base64_encode_url(bytes(data), data.length());
 }
 
 // The algorithm and mode of an engine block, checked in this order.

@@ -2,7 +2,6 @@
 
 #include <iconv.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -11,6 +10,7 @@
 #include <memory>
 #include <utility>
 
+#include "WebServerBase_replace.h"
 #include "module_CorvaneParams.h"
 
 // The assertions on malformed escapes end the process in release builds too.
@@ -51,10 +51,18 @@ struct ClosePipe {
     void operator()(FILE* pipe) const { pclose(pipe); }
 };
 
-bool isAsciiAlnum(unsigned char c)
-{
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-}
+// The bytes that a URI component keeps as they are, in every locale.
+struct KeptBytes {
+    bool kept[256] = {};
+
+    constexpr KeptBytes()
+    {
+        for (const char c :
+             "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.~!*'()")
+            kept[static_cast<unsigned char>(c)] = c != '\0';
+    }
+};
+constexpr KeptBytes uriBytes;
 
 // Prints why iconv stopped; errno must still hold it.
 void printConversionFailure()
@@ -230,7 +238,7 @@ int CWebServerBase::Utf8ToGbk(std::string& in, std::string& out)
 void CWebServerBase::ReplaceInChar(char* buf, int len, char from, char to)
 {
     if (buf != nullptr && len >= 1)
-        std::replace(buf, buf + len, from, to);
+        replaceBytes(buf, static_cast<size_t>(len), from, to);
 }
 
 void CWebServerBase::URLDataDecode(char* buf, int len)
@@ -265,16 +273,21 @@ unsigned char CWebServerBase::FromHex(unsigned char c)
 
 std::string CWebServerBase::EncodeURIComponent(const std::string& s)
 {
+    size_t escapes = 0;
+    for (const char character : s)
+        escapes += !uriBytes.kept[static_cast<unsigned char>(character)];
+
     std::string escaped;
+    escaped.reserve(s.length() + 2 * escapes);
     for (const char character : s) {
         const auto c = static_cast<unsigned char>(character);
-        if (isAsciiAlnum(c) || (c != '\0' && strchr("-_.~!*'()", c) != nullptr)) {
+        if (uriBytes.kept[c]) {
             escaped += character;
             continue;
         }
-        escaped += '%';
-        escaped += static_cast<char>(ToHex(c >> 4));
-        escaped += static_cast<char>(ToHex(c & 15));
+        const char escape[3] = {'%', static_cast<char>(ToHex(c >> 4)),
+                                static_cast<char>(ToHex(c & 15))};
+        escaped.append(escape, sizeof escape);
     }
     return escaped;
 }

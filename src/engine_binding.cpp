@@ -98,6 +98,12 @@ struct FixedBuffer {
     std::string text() const { return written(data, len, Capacity); }
 };
 
+// Frees a text's memory before its end.
+void letGo(std::string& text)
+{
+    std::string().swap(text);
+}
+
 bool isTagged(const void* params)
 {
     return params != nullptr && static_cast<const SymmCipherParams*>(params)->mode == AVEN_MODE_GCM;
@@ -153,9 +159,12 @@ public:
     }
 
     // A call whose last arguments are a heap buffer of `capacity` bytes and its length.
+    // `in` is an input that nobody needs once the engine has had it: its memory is let
+    // go before the output is copied, so that large inputs and outputs are not held at
+    // once. (The arguments point into it until then.)
     template <class Function, class... Args>
-    int fill(std::string& out, size_t capacity, NoMemory noMemory, const char* text,
-             Function function, Args... args)
+    int fill(std::string& out, std::string& in, size_t capacity, NoMemory noMemory,
+             const char* text, Function function, Args... args)
     {
         return run(function != nullptr, [&] {
             OutBuffer buf(capacity);
@@ -165,6 +174,7 @@ public:
                 return noMemory == NoMemory::Returned ? AVEN_NO_MEMORY : 0;
             }
             check(function(args..., buf.data(), &buf.len), text);
+            letGo(in);
             out = buf.text();
             return 0;
         });
@@ -177,8 +187,9 @@ public:
     {
         return run(function != nullptr, [&] {
             uint32_t needed = 0;
+            std::string nothing;
             check(function(args..., nullptr, &needed), text);
-            return fill(out, needed, NoMemory::Unreported, text, function, args...);
+            return fill(out, nothing, needed, NoMemory::Unreported, text, function, args...);
         });
     }
 
@@ -359,14 +370,16 @@ int CSoftMoudle_aven::aven_ke_client_key_exchange(std::string ke, std::string sr
 
 int CSoftMoudle_aven::aven_ke_encrypt(std::string ke, std::string in, std::string& out)
 {
-    return Call(*this).fill(out, withMargin(in, 64), NoMemory::Unreported, "Error, aven_ke_encrypt",
-                            paven_ke_encrypt, handleOf(std::move(ke)), bytes(in), size32(in));
+    return Call(*this).fill(out, in, withMargin(in, 64), NoMemory::Unreported,
+                            "Error, aven_ke_encrypt", paven_ke_encrypt, handleOf(std::move(ke)),
+                            bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_ke_decrypt(std::string ke, std::string in, std::string& out)
 {
-    return Call(*this).fill(out, withMargin(in, 64), NoMemory::Unreported, "Error, aven_ke_decrypt",
-                            paven_ke_decrypt, handleOf(std::move(ke)), bytes(in), size32(in));
+    return Call(*this).fill(out, in, withMargin(in, 64), NoMemory::Unreported,
+                            "Error, aven_ke_decrypt", paven_ke_decrypt, handleOf(std::move(ke)),
+                            bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_ke_hmac(std::string ke, std::string in, std::string& out)
@@ -385,7 +398,7 @@ int CSoftMoudle_aven::aven_crypto_public_encrypt(const void* params, std::string
                                                  std::string& out)
 {
     const size_t margin = keyType == KEY_TYPE_SMALL_MARGIN ? 129 : 528;
-    return Call(*this).fill(out, withMargin(in, margin), NoMemory::Returned,
+    return Call(*this).fill(out, in, withMargin(in, margin), NoMemory::Returned,
                             "Error, aven_crypto_public_encrypt", paven_crypto_public_encrypt,
                             params, bytes(in), size32(in));
 }
@@ -393,7 +406,7 @@ int CSoftMoudle_aven::aven_crypto_public_encrypt(const void* params, std::string
 int CSoftMoudle_aven::aven_crypto_private_decrypt(const void* params, std::string in,
                                                   std::string& out)
 {
-    return Call(*this).fill(out, withMargin(in, 16), NoMemory::Returned,
+    return Call(*this).fill(out, in, withMargin(in, 16), NoMemory::Returned,
                             "Error, aven_crypto_private_decrypt", paven_crypto_private_decrypt,
                             params, bytes(in), size32(in));
 }
@@ -427,7 +440,7 @@ int CSoftMoudle_aven::aven_crypto_decrypt(const void* params, std::string in, st
                                           std::string& out)
 {
     const bool tagged = isTagged(params);
-    return Call(*this).fill(out, withMargin(in, 64), NoMemory::Returned,
+    return Call(*this).fill(out, in, withMargin(in, 64), NoMemory::Returned,
                             "Error, aven_crypto_decrypt", paven_crypto_decrypt, params, bytes(in),
                             size32(in), tagged ? bytes(tag) : nullptr, tagged ? size32(tag) : 0);
 }
@@ -440,14 +453,14 @@ int CSoftMoudle_aven::aven_crypto_gen_symmkey(int type, std::string& out)
 
 int CSoftMoudle_aven::aven_crypto_hmac(const void* params, std::string in, std::string& out)
 {
-    return Call(*this).fill(out, 80, NoMemory::Returned, "Error, aven_crypto_hmac",
+    return Call(*this).fill(out, in, 80, NoMemory::Returned, "Error, aven_crypto_hmac",
                             paven_crypto_hmac, params, bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_crypto_cmac(const void* params, std::string in, std::string& out)
 {
     // The text names the HMAC twin; it never leaves the call.
-    return Call(*this).fill(out, 80, NoMemory::Returned, "Error, aven_crypto_hmac",
+    return Call(*this).fill(out, in, 80, NoMemory::Returned, "Error, aven_crypto_hmac",
                             paven_crypto_cmac, params, bytes(in), size32(in));
 }
 
@@ -468,7 +481,7 @@ int CSoftMoudle_aven::aven_crypto_kdf(int alg, std::string in, int keyLen, std::
 int CSoftMoudle_aven::aven_crypto_envelope_encrypt(const void* params, std::string in,
                                                    std::string& out)
 {
-    return Call(*this).fill(out, withMargin(in, 3072), NoMemory::ReturnedAndStored,
+    return Call(*this).fill(out, in, withMargin(in, 3072), NoMemory::ReturnedAndStored,
                             "aven_crypto_pkcs7_encrypt error", paven_crypto_pkcs7_encrypt, params,
                             bytes(in), size32(in));
 }
@@ -476,7 +489,7 @@ int CSoftMoudle_aven::aven_crypto_envelope_encrypt(const void* params, std::stri
 int CSoftMoudle_aven::aven_crypto_envelope_decrypt(const void* params, std::string in,
                                                    std::string& out)
 {
-    return Call(*this).fill(out, withMargin(in, 64), NoMemory::ReturnedAndStored,
+    return Call(*this).fill(out, in, withMargin(in, 64), NoMemory::ReturnedAndStored,
                             "paven_crypto_pkcs7_decrypt error", paven_crypto_pkcs7_decrypt, params,
                             bytes(in), size32(in));
 }
@@ -516,7 +529,8 @@ int CSoftMoudle_aven::aven_certificate_free(void* certificate)
 int CSoftMoudle_aven::aven_wbsm4_encrypt(std::string key, std::string iv, std::string& in,
                                          std::string& out)
 {
-    return Call(*this).fill(out, withMargin(in, 32), NoMemory::Returned,
+    std::string nothing;  // `in` is the caller's
+    return Call(*this).fill(out, nothing, withMargin(in, 32), NoMemory::Returned,
                             "paven_wbsm4_encrypt error", paven_wbsm4_encrypt, WHITE_BOX_KIND,
                             bytes(key), size32(key), bytes(iv), size32(iv), bytes(in), size32(in));
 }
@@ -525,7 +539,8 @@ int CSoftMoudle_aven::aven_wbsm4_decrypt(std::string key, std::string iv, std::s
                                          std::string& out)
 {
     // No margin, unlike encryption: the plaintext is never longer than its ciphertext.
-    return Call(*this).fill(out, withMargin(in, 0), NoMemory::Returned, "paven_wbsm4_decrypt error",
-                            paven_wbsm4_decrypt, WHITE_BOX_KIND, bytes(key), size32(key), bytes(iv),
-                            size32(iv), bytes(in), size32(in));
+    std::string nothing;
+    return Call(*this).fill(out, nothing, withMargin(in, 0), NoMemory::Returned,
+                            "paven_wbsm4_decrypt error", paven_wbsm4_decrypt, WHITE_BOX_KIND,
+                            bytes(key), size32(key), bytes(iv), size32(iv), bytes(in), size32(in));
 }
