@@ -9,6 +9,7 @@ packaging/install-packages.sh "${build_packages[@]}"
 build=build/release
 [ -f $build/build.ninja ] || cmake --preset release -DCORVANE_TESTS=OFF >/dev/null
 if ! cmake --build $build --target Corvane_plugin CorvaneParamsModule SoftModuleaven corvane-host \
+    corvane-ke-peer \
     >$build/build.log 2>&1; then
     tail -n 60 $build/build.log >&2
     exit 1

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "exports.h"
+#include "faults.h"
 #include "serve.h"
 
 namespace {
@@ -73,9 +74,22 @@ void stopAtUnload()
     static const Stopper stopper;
 }
 
+const char* versionText()
+{
+    static const struct Version {
+        char text[128];
+        Version()
+        {
+            snprintf(text, sizeof text, "SoftModuleaven development engine 1.0.0 (%s)",
+                     OpenSSL_version(OPENSSL_VERSION));
+        }
+    } version;
+    return version.text;
+}
+
 void logBanner()
 {
-    logLine("*** DEVELOPMENT ENGINE - NOT FOR PRODUCTION USE *** %s", aven_version());
+    logLine("*** DEVELOPMENT ENGINE - NOT FOR PRODUCTION USE *** %s", versionText());
 }
 
 }  // namespace
@@ -108,17 +122,19 @@ Engine::Engine() : library_(OSSL_LIB_CTX_new())
             require(ciphers_[c][m - 1] != nullptr, AVEN_E_START);
     }
 
-    for (const HashInfo& hash : hashes) {
-        const Owned<EVP_MD_free, EVP_MD> digest(EVP_MD_fetch(library(), hash.name, nullptr));
-        require(digest != nullptr, AVEN_E_START);
-    }
-
     hmac_.reset(EVP_MAC_fetch(library(), "HMAC", nullptr));
     cmac_.reset(EVP_MAC_fetch(library(), "CMAC", nullptr));
     x963Kdf_.reset(EVP_KDF_fetch(library(), "X963KDF", nullptr));
     primary_ = RAND_get0_primary(library());
     require(hmac_ != nullptr && cmac_ != nullptr && x963Kdf_ != nullptr, AVEN_E_START);
     require(primary_ != nullptr, AVEN_E_RANDOM);
+
+    for (int h = 0; h < HASHES; ++h)
+        hmacs_[h] = prepareHmac(hmac(), hashes[h].name);
+    for (int c = 0; c < CIPHERS; ++c) {
+        const std::string cbc = std::string(ciphers[c].name) + "-CBC";
+        cmacs_[c] = prepareCmac(cmac(), cbc.c_str(), ciphers[c].keyLength);
+    }
 }
 
 const EVP_CIPHER* Engine::cipher(int number, int mode) const
@@ -145,11 +161,13 @@ EngineUse::~EngineUse()
 
 int aven_global_init(void)
 {
-    return guarded("aven_global_init", [] {
+    return guarded("aven_global_init", nullptr, [] {
         const std::unique_lock<std::shared_mutex> alone = enterAlone();
         if (running != nullptr)
             return;
 
+        logFaults();
+        require(faultsReadable(), AVEN_E_FAULTS);
         stopAtUnload();
         ERR_set_mark();
         try {
@@ -165,7 +183,7 @@ int aven_global_init(void)
 
 int aven_global_cleanup(void)
 {
-    return guarded("aven_global_cleanup", [] {
+    return guarded("aven_global_cleanup", nullptr, [] {
         stop();
         logClose();
     });
@@ -173,9 +191,10 @@ int aven_global_cleanup(void)
 
 int aven_global_set_logger(const char* target)
 {
-    return guarded("aven_global_set_logger", [target] {
+    return guarded("aven_global_set_logger", nullptr, [target] {
         require(target != nullptr, AVEN_E_NULL_POINTER);
         require(logOpen(target), AVEN_E_LOG_TARGET);
+        logFaults();
 
         const std::shared_lock<std::shared_mutex> alive = enter();
         if (running != nullptr)
@@ -185,13 +204,5 @@ int aven_global_set_logger(const char* target)
 
 const char* aven_version(void)
 {
-    static const struct Version {
-        char text[128];
-        Version()
-        {
-            snprintf(text, sizeof text, "SoftModuleaven development engine 1.0.0 (%s)",
-                     OpenSSL_version(OPENSSL_VERSION));
-        }
-    } version;
-    return version.text;
+    return faultFor("aven_version") ? nullptr : versionText();
 }

@@ -16,6 +16,7 @@
 
 #include "errors.h"
 #include "handle_table.h"
+#include "mac.h"
 
 // Owns a libcrypto object: Owned<EVP_MAC_CTX_free, EVP_MAC_CTX>.
 template <auto Free>
@@ -55,6 +56,11 @@ public:
 
     EVP_MAC* hmac() const { return hmac_.get(); }
     EVP_MAC* cmac() const { return cmac_.get(); }
+
+    // Ready for any key. The number must be valid.
+    const EVP_MAC_CTX* preparedHmac(int hash) const { return hmacs_[hash - 1].get(); }
+    const EVP_MAC_CTX* preparedCmac(int cipher) const { return cmacs_[cipher - 1].get(); }
+
     EVP_KDF* x963Kdf() const { return x963Kdf_.get(); }
 
     // Fills `out` from the context's primary generator, which is locked and reseeds
@@ -70,12 +76,15 @@ public:
 private:
     static constexpr int CIPHERS = 7;
     static constexpr int MODES = 6;
+    static constexpr int HASHES = 6;
 
     Owned<OSSL_LIB_CTX_free, OSSL_LIB_CTX> library_;  // first: all else lives in it
     Owned<OSSL_PROVIDER_unload, OSSL_PROVIDER> provider_;
     Owned<EVP_CIPHER_free, EVP_CIPHER> ciphers_[CIPHERS][MODES];
     Owned<EVP_MAC_free, EVP_MAC> hmac_;
     Owned<EVP_MAC_free, EVP_MAC> cmac_;
+    MacContext hmacs_[HASHES];
+    MacContext cmacs_[CIPHERS];
     Owned<EVP_KDF_free, EVP_KDF> x963Kdf_;
     EVP_RAND_CTX* primary_ = nullptr;     // the library context's
     mutable HandleTable handles_{*this};  // last: goes first

@@ -27,6 +27,29 @@ int openTarget(const char* target)
     return open(target, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
 }
 
+// `fallback` takes the line if there is no log; -1 drops it.
+void writeLine(int fallback, const char* format, va_list arguments)
+{
+    const std::lock_guard<std::mutex> guard(logMutex);
+    const int file = logFile >= 0 ? logFile : fallback;
+    if (file < 0)
+        return;
+
+    char line[512];
+    const time_t now = time(nullptr);
+    tm utc = {};
+    gmtime_r(&now, &utc);
+    size_t length = strftime(line, sizeof line, "%Y-%m-%dT%H:%M:%SZ SoftModuleaven: ", &utc);
+    if (vsnprintf(line + length, sizeof line - 1 - length, format, arguments) > 0)
+        length += strlen(line + length);
+    line[length++] = '\n';
+
+    const int saved = errno;  // logging changes nothing for the caller
+    while (write(file, line, length) < 0 && errno == EINTR) {
+    }
+    errno = saved;
+}
+
 void replaceFile(int file)
 {
     const std::lock_guard<std::mutex> guard(logMutex);
@@ -62,26 +85,16 @@ void logClose()
 
 void logLine(const char* format, ...)
 {
-    const std::lock_guard<std::mutex> guard(logMutex);
-    if (logFile < 0)
-        return;
-
-    char line[512];
-    const time_t now = time(nullptr);
-    tm utc = {};
-    gmtime_r(&now, &utc);
-    size_t length = strftime(line, sizeof line, "%Y-%m-%dT%H:%M:%SZ SoftModuleaven: ", &utc);
-
     va_list arguments;
     va_start(arguments, format);
-    const int text = vsnprintf(line + length, sizeof line - 1 - length, format, arguments);
+    writeLine(-1, format, arguments);
     va_end(arguments);
-    if (text > 0)
-        length += strlen(line + length);
-    line[length++] = '\n';
+}
 
-    const int saved = errno;  // logging changes nothing for the caller
-    while (write(logFile, line, length) < 0 && errno == EINTR) {
-    }
-    errno = saved;
+void logLoud(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    writeLine(STDERR_FILENO, format, arguments);
+    va_end(arguments);
 }

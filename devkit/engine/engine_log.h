@@ -12,4 +12,7 @@ void logClose();
 // Writes one line, without its line end; drops it if there is no log.
 __attribute__((format(printf, 1, 2))) void logLine(const char* format, ...);
 
+// The same, but to standard error if there is no log.
+__attribute__((format(printf, 1, 2))) void logLoud(const char* format, ...);
+
 #endif

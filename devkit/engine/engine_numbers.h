@@ -38,6 +38,8 @@
  *                   CAMELLIA-256    all modes
  *                   3DES            CBC
  *                 SM2: EnvelopedData of GM/T 0010. SM4 in all modes but GCM.
+ *   Key exchange  two certificates, in the manner of TLCP (GB/T 38636-2020): see
+ *                 KEY_EXCHANGE.md.
  *   Base64        RFC 4648 alphabet with "+" and "/". Encoding pads and breaks no
  *                 lines. Decoding skips blanks, tabs and line ends, and takes text
  *                 with its "=" or without any.
@@ -110,6 +112,12 @@ enum {
     AVEN_ENVELOPE_RECIPIENTS_MAX = 64 /* read; each may cost a use of the key */
 };
 
+/* Key exchange; see KEY_EXCHANGE.md. */
+enum {
+    AVEN_KE_SESSIONS_MAX = 1024, /* alive at once */
+    AVEN_KE_MESSAGE_MAX = 256    /* bytes of the client's key exchange */
+};
+
 /*
  * The engine's result codes, one row each: X(name, code, text, likely cause, what to
  * do). aven_strerror returns the text.
@@ -140,9 +148,6 @@ enum {
     X(AVEN_E_INTERNAL, -30008, "internal error of the cryptographic library",             \
       "libcrypto refused a call that should work",                                        \
       "report it with the engine's and libcrypto's versions")                             \
-    X(AVEN_E_NOT_SUPPORTED, -30009, "function is not supported yet",                      \
-      "this version of the development engine lacks the function",                        \
-      "use a later version or another engine")                                            \
     X(AVEN_E_START, -30010, "engine could not be started",                                \
       "libcrypto's default provider or one of its algorithms is missing",                 \
       "install a complete OpenSSL 3")                                                     \
@@ -152,6 +157,9 @@ enum {
     X(AVEN_E_LOG_TARGET, -30012, "log target could not be opened",                        \
       "the path does not exist or may not be written",                                    \
       "pass a writable path, /dev/stderr, or an empty text for no log")                   \
+    X(AVEN_E_FAULTS, -30013, "faults on request are malformed",                           \
+      "the environment variable CORVANE_ENGINE_FAULTS does not read as README.md describes",\
+      "mend or remove the variable; the log names the entry")                             \
     X(AVEN_E_BASE64_CHARACTER, -30020, "character outside the Base64 alphabet",           \
       "the text is not Base64, or is in the URL-safe alphabet",                           \
       "rewrite \"-\" to \"+\" and \"_\" to \"/\" before the call")                        \
@@ -274,7 +282,52 @@ enum {
       "open it with the recipient's key")                                                 \
     X(AVEN_E_ENVELOPE_OPEN, -30076, "envelope does not open with this key",               \
       "wrong key, or damaged envelope",                                                   \
-      "check the key and the envelope")
+      "check the key and the envelope")                                                   \
+    X(AVEN_E_KE_SESSIONS, -30080, "too many key-exchange sessions",                       \
+      "1024 sessions are alive, perhaps because they are not freed",                      \
+      "free sessions that are no longer used")                                            \
+    X(AVEN_E_KE_TOO_EARLY, -30081, "key-exchange session has not come this far",          \
+      "no trusted roots before the hello, no hello before the key exchange, or no key exchange before the channel",\
+      "keep the order: set roots, client hello, client key exchange, channel")            \
+    X(AVEN_E_KE_TOO_LATE, -30082, "key-exchange session is past this",                    \
+      "settings are fixed by the hello, and hello and key exchange happen once",          \
+      "make a new session")                                                               \
+    X(AVEN_E_KE_ROOTS_OPEN, -30083, "trusted roots cannot be opened",                     \
+      "the file or directory does not exist, is of another kind, or may not be read",     \
+      "check the paths as the host's process sees them")                                  \
+    X(AVEN_E_KE_ROOTS_NONE, -30084, "no trusted root certificate",                        \
+      "neither file nor directory was named, or they hold no certificate",                \
+      "name a file or directory with certificates in PEM or DER")                         \
+    X(AVEN_E_KE_SERVER_RANDOM, -30085, "server's random has the wrong length",            \
+      "it does not have 32 bytes",                                                        \
+      "pass the server's random as the server sent it")                                   \
+    X(AVEN_E_KE_UNTRUSTED, -30086, "server's certificate does not lead to a trusted root",\
+      "its issuer is not among the roots or may not issue, or a signature on the way is too weak; the log says which",\
+      "set the server's root and the certificates between")                               \
+    X(AVEN_E_KE_EXPIRED, -30087, "server's certificate or an issuer's has expired",       \
+      "the log says which one",                                                           \
+      "renew the certificate, or set this machine's clock")                               \
+    X(AVEN_E_KE_NOT_YET_VALID, -30088, "server's certificate or an issuer's is not valid yet",\
+      "the log says which one",                                                           \
+      "wait for its time, or set this machine's clock")                                   \
+    X(AVEN_E_KE_CERTIFICATE_FORGED, -30089, "issuer's signature on server's certificate is wrong",\
+      "damaged or forged, another issuer of the same name, or an SM2 signature with an ID other than the default one",\
+      "use the certificate as it was issued; openssl needs -sigopt distid:1234567812345678")\
+    X(AVEN_E_KE_USAGE, -30090, "server's certificate is for another use",                 \
+      "its key usage is missing or another, or the two certificates were swapped",        \
+      "signing needs digitalSignature, encryption keyEncipherment or dataEncipherment")   \
+    X(AVEN_E_KE_KINDS, -30091, "server's certificates are of two kinds",                  \
+      "one key is SM2, the other RSA",                                                    \
+      "pass two certificates of one kind")                                                \
+    X(AVEN_E_KE_SIGNATURE, -30092, "server's signature is wrong",                         \
+      "it was made with another key, or over other randoms or another certificate",       \
+      "pass the values that belong to this session's hello")                              \
+    X(AVEN_E_KE_RSA_SIZE, -30093, "server's RSA encryption key is too large",             \
+      "the key-exchange message has room for 256 bytes, a 2048-bit key's ciphertext",     \
+      "give the server an encryption certificate with a 2048-bit key")                    \
+    X(AVEN_E_KE_MESSAGE, -30094, "channel message is too short",                          \
+      "it has fewer than the 28 bytes of nonce and tag",                                  \
+      "pass the message as the other side sent it")
 /* clang-format on */
 
 #define AVEN_ENGINE_ERROR_CODE(name, code, text, cause, remedy) name = (code),

@@ -115,13 +115,13 @@ const ContentCipher& namedCipher(const EnvelopeParams& params)
     return *cipher;
 }
 
-CipherSpec specOf(const ContentCipher& cipher, Bytes key, Bytes iv)
+CipherSetup setupOf(const ContentCipher& cipher, Bytes key, Bytes iv)
 {
     // Other modes than ECB and CBC take no notice of the padding.
-    const CipherSpec spec = {cipher.cipher, cipher.mode, AVEN_PADDING_PKCS7,
-                             key,           iv,          input(nullptr, 0)};
-    checkSpec(spec);
-    return spec;
+    const CipherSetup setup = {cipher.cipher, cipher.mode, AVEN_PADDING_PKCS7,
+                               key,           iv,          input(nullptr, 0)};
+    checkSetup(setup);
+    return setup;
 }
 
 // ---- Sealing.
@@ -204,8 +204,8 @@ Outer::Owner seal(const Engine& engine, const ContentCipher& cipher, const Certi
     engine.random(key.data(), key.size());
     std::vector<unsigned char> iv(ivLength(cipher));
     engine.random(iv.data(), iv.size());
-    const CipherSpec spec =
-        specOf(cipher, view(key), input(iv.data(), static_cast<uint32_t>(iv.size())));
+    const CipherSetup setup =
+        setupOf(cipher, view(key), input(iv.data(), static_cast<uint32_t>(iv.size())));
 
     Outer::Owner outer = Outer::make();
     EnvelopeForm& envelope = *outer->envelope;
@@ -214,12 +214,12 @@ Outer::Owner seal(const Engine& engine, const ContentCipher& cipher, const Certi
     writeRecipient(engine, certificate, view(key), version, envelope);
 
     setObject(envelope.content->type, isSm2 ? GM_DATA : CMS_DATA);
-    writeContentAlgorithm(cipher, spec.iv, envelope.content->algorithm);
-    unsigned char* content = makeRoom(envelope.content->content, encryptedLength(spec, in.size));
+    writeContentAlgorithm(cipher, setup.iv, envelope.content->algorithm);
+    unsigned char* content = makeRoom(envelope.content->content, encryptedLength(setup, in.size));
     if (hasTag)
-        gcmSeal(engine, spec, in, content, makeRoom(envelope.tag, ENVELOPE_TAG), ENVELOPE_TAG);
+        gcmSeal(engine, setup, in, content, makeRoom(envelope.tag, ENVELOPE_TAG), ENVELOPE_TAG);
     else
-        encrypt(engine, spec, in, content);
+        encrypt(engine, setup, in, content);
     return outer;
 }
 
@@ -313,14 +313,14 @@ void checkParts(const OuterForm& outer, const ContentAlgorithm& algorithm)
 
 // Decrypts the content into `out`, which has room for as many bytes as it has. Padding
 // and tag fail alike.
-size_t openContent(const Engine& engine, const CipherSpec& spec, const EnvelopeForm& envelope,
+size_t openContent(const Engine& engine, const CipherSetup& setup, const EnvelopeForm& envelope,
                    unsigned char* out)
 {
     const Bytes content = contentOf(envelope.content->content);
     try {
-        if (spec.mode != AVEN_MODE_GCM)
-            return decrypt(engine, spec, content, out);
-        gcmOpen(engine, spec, content, contentOf(envelope.tag), out);
+        if (setup.mode != AVEN_MODE_GCM)
+            return decrypt(engine, setup, content, out);
+        gcmOpen(engine, setup, content, contentOf(envelope.tag), out);
         return content.size;
     } catch (const Failure& failure) {
         if (failure.code == AVEN_E_BAD_PADDING || failure.code == AVEN_E_TAG_MISMATCH)
@@ -347,10 +347,10 @@ void open(const Engine& engine, const ContentCipher& named, const Key& key, Byte
     SecretBytes contentKey(cipherInfo(named.cipher).keyLength);
     engine.random(contentKey.data(), contentKey.size());
     const bool found = findContentKey(engine, key, envelope, contentKey);
-    const CipherSpec spec =
-        specOf(named, view(contentKey),
-               input(algorithm.iv.data(), static_cast<uint32_t>(algorithm.iv.size())));
-    const size_t written = openContent(engine, spec, envelope, to);
+    const CipherSetup setup =
+        setupOf(named, view(contentKey),
+                input(algorithm.iv.data(), static_cast<uint32_t>(algorithm.iv.size())));
+    const size_t written = openContent(engine, setup, envelope, to);
     require(found, AVEN_E_ENVELOPE_OPEN);
     wipe.keep();
     output.setLength(written);
@@ -361,29 +361,30 @@ void open(const Engine& engine, const ContentCipher& named, const Key& key, Byte
 int aven_crypto_pkcs7_encrypt(const void* params, const unsigned char* in, uint32_t in_len,
                               unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_pkcs7_encrypt", [&](const Engine& engine) {
-        Output output(out, out_len);
-        const EnvelopeParams& p = parameterBlock<EnvelopeParams>(params);
-        const Bytes data = input(in, in_len);
-        const std::shared_ptr<const Certificate> certificate = certificateOf(engine, p.certificate);
+    return serve("aven_crypto_pkcs7_encrypt", out, out_len,
+                 [&](const Engine& engine, Output& output) {
+                     const EnvelopeParams& p = parameterBlock<EnvelopeParams>(params);
+                     const Bytes data = input(in, in_len);
+                     const std::shared_ptr<const Certificate> certificate =
+                         certificateOf(engine, p.certificate);
 
-        const Outer::Owner envelope = seal(engine, namedCipher(p), *certificate, data);
-        const size_t size = Outer::sizeOf(*envelope);
-        Outer::writeTo(*envelope, output.room(size));
-        output.setLength(size);
-    });
+                     const Outer::Owner envelope = seal(engine, namedCipher(p), *certificate, data);
+                     const size_t size = Outer::sizeOf(*envelope);
+                     Outer::writeTo(*envelope, output.room(size));
+                     output.setLength(size);
+                 });
 }
 
 int aven_crypto_pkcs7_decrypt(const void* params, const unsigned char* in, uint32_t in_len,
                               unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_pkcs7_decrypt", [&](const Engine& engine) {
-        Output output(out, out_len);
-        const EnvelopeParams& p = parameterBlock<EnvelopeParams>(params);
-        const Bytes data = input(in, in_len);
-        const std::shared_ptr<const KeyPair> keyPair = keyPairOf(engine, p.keypair);
-        require(keyPair->isPrivate, AVEN_E_KEY_NOT_PRIVATE);
+    return serve("aven_crypto_pkcs7_decrypt", out, out_len,
+                 [&](const Engine& engine, Output& output) {
+                     const EnvelopeParams& p = parameterBlock<EnvelopeParams>(params);
+                     const Bytes data = input(in, in_len);
+                     const std::shared_ptr<const KeyPair> keyPair = keyPairOf(engine, p.keypair);
+                     require(keyPair->isPrivate, AVEN_E_KEY_NOT_PRIVATE);
 
-        open(engine, namedCipher(p), keyPair->key, data, output);
-    });
+                     open(engine, namedCipher(p), keyPair->key, data, output);
+                 });
 }

@@ -1,6 +1,7 @@
 #include "errors.h"
 
 #include "exports.h"
+#include "faults.h"
 
 const char* errorName(int code)
 {
@@ -16,6 +17,8 @@ const char* errorName(int code)
 
 const char* aven_strerror(int code)
 {
+    if (faultFor("aven_strerror"))
+        return nullptr;
     switch (code) {
         case AVEN_OK:
             return "success";

@@ -8,27 +8,27 @@
 namespace {
 
 // libcrypto's own GCM, for the ciphers for which it has one.
-CipherContext startNative(const EVP_CIPHER* cipher, const CipherSpec& spec, bool encrypting)
+CipherContext startNative(const EVP_CIPHER* cipher, const CipherSetup& setup, bool encrypting)
 {
     CipherContext context(EVP_CIPHER_CTX_new());
     require(context != nullptr, AVEN_E_NO_MEMORY);
     const int direction = encrypting ? 1 : 0;
-    const int ivLength = static_cast<int>(spec.iv.size);
+    const int ivLength = static_cast<int>(setup.iv.size);
     // The length must be known before the IV is passed.
     require(
         EVP_CipherInit_ex2(context.get(), cipher, nullptr, nullptr, direction, nullptr) == 1 &&
             EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_IVLEN, ivLength, nullptr) == 1 &&
-            EVP_CipherInit_ex2(context.get(), nullptr, spec.key.data, spec.iv.data, direction,
+            EVP_CipherInit_ex2(context.get(), nullptr, setup.key.data, setup.iv.data, direction,
                                nullptr) == 1,
         AVEN_E_INTERNAL);
-    update(context.get(), spec.aad, nullptr);
+    update(context.get(), setup.aad, nullptr);
     return context;
 }
 
-void sealNative(const EVP_CIPHER* cipher, const CipherSpec& spec, Bytes in, unsigned char* out,
+void sealNative(const EVP_CIPHER* cipher, const CipherSetup& setup, Bytes in, unsigned char* out,
                 unsigned char* tag, size_t tagLength)
 {
-    const CipherContext context = startNative(cipher, spec, true);
+    const CipherContext context = startNative(cipher, setup, true);
     const size_t written = update(context.get(), in, out);
     int last = 0;
     require(EVP_CipherFinal_ex(context.get(), out + written, &last) == 1 &&
@@ -37,10 +37,10 @@ void sealNative(const EVP_CIPHER* cipher, const CipherSpec& spec, Bytes in, unsi
             AVEN_E_INTERNAL);
 }
 
-bool openNative(const EVP_CIPHER* cipher, const CipherSpec& spec, Bytes in, Bytes tag,
+bool openNative(const EVP_CIPHER* cipher, const CipherSetup& setup, Bytes in, Bytes tag,
                 unsigned char* out)
 {
-    const CipherContext context = startNative(cipher, spec, false);
+    const CipherContext context = startNative(cipher, setup, false);
     const size_t written = update(context.get(), in, out);
 
     unsigned char expected[AVEN_GCM_TAG_MAX];  // libcrypto wants it writable
@@ -55,12 +55,12 @@ bool openNative(const EVP_CIPHER* cipher, const CipherSpec& spec, Bytes in, Byte
 // GCM over a plain block cipher, with libcrypto's GHASH and counter handling.
 class BlockGcm {
 public:
-    BlockGcm(const EVP_CIPHER* ecb, const CipherSpec& spec) : blocks_{start(ecb, spec.key)}
+    BlockGcm(const EVP_CIPHER* ecb, const CipherSetup& setup) : blocks_{start(ecb, setup.key)}
     {
         gcm_.reset(CRYPTO_gcm128_new(&blocks_, encryptBlock));
         require(gcm_ != nullptr, AVEN_E_NO_MEMORY);
-        CRYPTO_gcm128_setiv(gcm_.get(), spec.iv.data, spec.iv.size);
-        require(CRYPTO_gcm128_aad(gcm_.get(), spec.aad.data, spec.aad.size) == 0,
+        CRYPTO_gcm128_setiv(gcm_.get(), setup.iv.data, setup.iv.size);
+        require(CRYPTO_gcm128_aad(gcm_.get(), setup.aad.data, setup.aad.size) == 0,
                 AVEN_E_INPUT_TOO_LONG);
     }
     BlockGcm(const BlockGcm&) = delete;
@@ -151,24 +151,25 @@ private:
 
 }  // namespace
 
-void gcmSeal(const Engine& engine, const CipherSpec& spec, Bytes in, unsigned char* out,
+void gcmSeal(const Engine& engine, const CipherSetup& setup, Bytes in, unsigned char* out,
              unsigned char* tag, size_t tagLength)
 {
-    const EVP_CIPHER* native = engine.cipher(spec.cipher, AVEN_MODE_GCM);
+    const EVP_CIPHER* native = engine.cipher(setup.cipher, AVEN_MODE_GCM);
     if (native != nullptr)
-        sealNative(native, spec, in, out, tag, tagLength);
+        sealNative(native, setup, in, out, tag, tagLength);
     else
-        BlockGcm(engine.cipher(spec.cipher, AVEN_MODE_ECB), spec).seal(in, out, tag, tagLength);
+        BlockGcm(engine.cipher(setup.cipher, AVEN_MODE_ECB), setup).seal(in, out, tag, tagLength);
 }
 
-void gcmOpen(const Engine& engine, const CipherSpec& spec, Bytes in, Bytes tag, unsigned char* out)
+void gcmOpen(const Engine& engine, const CipherSetup& setup, Bytes in, Bytes tag,
+             unsigned char* out)
 {
-    const EVP_CIPHER* native = engine.cipher(spec.cipher, AVEN_MODE_GCM);
+    const EVP_CIPHER* native = engine.cipher(setup.cipher, AVEN_MODE_GCM);
     WipeUnlessKept wipe(out, in.size);
     const bool good =
         native != nullptr
-            ? openNative(native, spec, in, tag, out)
-            : BlockGcm(engine.cipher(spec.cipher, AVEN_MODE_ECB), spec).open(in, tag, out);
+            ? openNative(native, setup, in, tag, out)
+            : BlockGcm(engine.cipher(setup.cipher, AVEN_MODE_ECB), setup).open(in, tag, out);
     require(good, AVEN_E_TAG_MISMATCH);
     wipe.keep();
 }

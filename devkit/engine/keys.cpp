@@ -419,7 +419,7 @@ template <class Object>
 int freeHandle(const char* function, const void* handle)
 {
     if (handle == nullptr)
-        return AVEN_OK;
+        return guarded(function, nullptr, [] {});
     return serve(function, [handle](const Engine& engine) {
         require(engine.handles().remove<Object>(handle) != nullptr, AVEN_E_HANDLE);
     });
@@ -496,9 +496,7 @@ int aven_keypair_unmarshal(int type, const unsigned char* private_key, uint32_t 
                            const unsigned char* public_key, uint32_t public_key_len,
                            const char* password, void** keypair)
 {
-    return serve("aven_keypair_unmarshal", [&](const Engine& engine) {
-        require(keypair != nullptr, AVEN_E_NULL_POINTER);
-        *keypair = nullptr;
+    return serve("aven_keypair_unmarshal", keypair, [&](const Engine& engine) {
         require(type == AVEN_KEY_ANY || type == AVEN_KEY_SM2 || type == AVEN_KEY_RSA,
                 AVEN_E_KEY_TYPE);
         const Bytes privateText = input(private_key, private_key_len);
@@ -511,7 +509,7 @@ int aven_keypair_unmarshal(int type, const unsigned char* private_key, uint32_t 
         require(type == AVEN_KEY_ANY || type == key.kind, AVEN_E_KEY_KIND);
         if (isPrivate && publicText.size > 0)
             require(samePublicKey(key, readPublicKey(engine, publicText)), AVEN_E_KEY_MISMATCH);
-        *keypair = engine.handles().add(std::make_shared<KeyPair>(std::move(key), isPrivate));
+        return std::make_shared<KeyPair>(std::move(key), isPrivate);
     });
 }
 
@@ -523,12 +521,10 @@ int aven_keypair_free(void* keypair)
 int aven_certificate_unmarshal(const unsigned char* cert, uint32_t cert_len, const char*,
                                void** certificate)
 {
-    return serve("aven_certificate_unmarshal", [&](const Engine& engine) {
-        require(certificate != nullptr, AVEN_E_NULL_POINTER);
-        *certificate = nullptr;
+    return serve("aven_certificate_unmarshal", certificate, [&](const Engine& engine) {
         const Bytes text = input(cert, cert_len);
         require(text.size > 0, AVEN_E_KEY_MISSING);
-        *certificate = engine.handles().add(readCertificate(engine, text));
+        return readCertificate(engine, text);
     });
 }
 

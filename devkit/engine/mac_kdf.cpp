@@ -1,11 +1,10 @@
 #include <openssl/core_names.h>
 #include <openssl/params.h>
 
-#include <string>
-
 #include "buffers.h"
 #include "engine.h"
 #include "exports.h"
+#include "mac.h"
 #include "serve.h"
 
 namespace {
@@ -16,34 +15,19 @@ OSSL_PARAM textParam(const char* name, const char* text)
     return OSSL_PARAM_construct_utf8_string(name, const_cast<char*>(text), 0);
 }
 
-// Writes the MAC of `in`, which has `size` bytes. `choice` names the hash or cipher.
-void mac(EVP_MAC* kind, OSSL_PARAM choice, Bytes key, Bytes in, unsigned char* out, size_t size)
-{
-    const Owned<EVP_MAC_CTX_free, EVP_MAC_CTX> context(EVP_MAC_CTX_new(kind));
-    require(context != nullptr, AVEN_E_NO_MEMORY);
-    const OSSL_PARAM params[] = {choice, OSSL_PARAM_construct_end()};
-    size_t written = 0;
-    require(EVP_MAC_init(context.get(), key.data, key.size, params) == 1 &&
-                EVP_MAC_update(context.get(), in.data, in.size) == 1 &&
-                EVP_MAC_final(context.get(), out, &written, size) == 1 && written == size,
-            AVEN_E_INTERNAL);
-}
-
 }  // namespace
 
 int aven_crypto_hmac(const void* params, const unsigned char* in, uint32_t in_len,
                      unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_hmac", [&](const Engine& engine) {
-        Output output(out, out_len);
+    return serve("aven_crypto_hmac", out, out_len, [&](const Engine& engine, Output& output) {
         const MacParams& p = parameterBlock<MacParams>(params);
         const Bytes key = input(p.key, p.key_len);
         const Bytes data = input(in, in_len);
 
         const HashInfo& hash = hashInfo(p.alg);
         require(key.size > 0, AVEN_E_KEY_LENGTH);
-        mac(engine.hmac(), textParam(OSSL_MAC_PARAM_DIGEST, hash.name), key, data,
-            output.room(hash.size), hash.size);
+        mac(engine.preparedHmac(p.alg), key, data, output.room(hash.size), hash.size);
         output.setLength(hash.size);
     });
 }
@@ -51,17 +35,14 @@ int aven_crypto_hmac(const void* params, const unsigned char* in, uint32_t in_le
 int aven_crypto_cmac(const void* params, const unsigned char* in, uint32_t in_len,
                      unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_cmac", [&](const Engine& engine) {
-        Output output(out, out_len);
+    return serve("aven_crypto_cmac", out, out_len, [&](const Engine& engine, Output& output) {
         const MacParams& p = parameterBlock<MacParams>(params);
         const Bytes key = input(p.key, p.key_len);
         const Bytes data = input(in, in_len);
 
         const CipherInfo& cipher = cipherInfo(p.alg);
         require(key.size == cipher.keyLength, AVEN_E_KEY_LENGTH);
-        const std::string cbc = std::string(cipher.name) + "-CBC";
-        mac(engine.cmac(), textParam(OSSL_MAC_PARAM_CIPHER, cbc.c_str()), key, data,
-            output.room(cipher.block), cipher.block);
+        mac(engine.preparedCmac(p.alg), key, data, output.room(cipher.block), cipher.block);
         output.setLength(cipher.block);
     });
 }

@@ -42,30 +42,30 @@ void put(Output& output, const Result& result)
 int aven_crypto_public_encrypt(const void* params, const unsigned char* in, uint32_t in_len,
                                unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_public_encrypt", [&](const Engine& engine) {
-        Output output(out, out_len);
-        const Request request(engine, parameterBlock<PkeyCipherParams>(params));
-        const Bytes data = input(in, in_len);
+    return serve("aven_crypto_public_encrypt", out, out_len,
+                 [&](const Engine& engine, Output& output) {
+                     const Request request(engine, parameterBlock<PkeyCipherParams>(params));
+                     const Bytes data = input(in, in_len);
 
-        if (request.key().kind == AVEN_KEY_RSA)
-            put(output, rsaEncrypt(engine, request.key(), request.rsaPadding, data));
-        else
-            put(output, sm2Encrypt(engine, request.key(), request.sm2Form, data));
-    });
+                     if (request.key().kind == AVEN_KEY_RSA)
+                         put(output, rsaEncrypt(engine, request.key(), request.rsaPadding, data));
+                     else
+                         put(output, sm2Encrypt(engine, request.key(), request.sm2Form, data));
+                 });
 }
 
 int aven_crypto_private_decrypt(const void* params, const unsigned char* in, uint32_t in_len,
                                 unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_private_decrypt", [&](const Engine& engine) {
-        Output output(out, out_len);
-        const Request request(engine, parameterBlock<PkeyCipherParams>(params));
-        require(request.keyPair->isPrivate, AVEN_E_KEY_NOT_PRIVATE);
-        const Bytes data = input(in, in_len);
+    return serve("aven_crypto_private_decrypt", out, out_len,
+                 [&](const Engine& engine, Output& output) {
+                     const Request request(engine, parameterBlock<PkeyCipherParams>(params));
+                     require(request.keyPair->isPrivate, AVEN_E_KEY_NOT_PRIVATE);
+                     const Bytes data = input(in, in_len);
 
-        if (request.key().kind == AVEN_KEY_RSA)
-            put(output, rsaDecrypt(engine, request.key(), request.rsaPadding, data));
-        else
-            put(output, sm2Decrypt(engine, request.key(), request.sm2Form, data));
-    });
+                     if (request.key().kind == AVEN_KEY_RSA)
+                         put(output, rsaDecrypt(engine, request.key(), request.rsaPadding, data));
+                     else
+                         put(output, sm2Decrypt(engine, request.key(), request.sm2Form, data));
+                 });
 }

@@ -7,13 +7,13 @@
 
 namespace {
 
-CipherSpec whiteboxSpec(int kind, Bytes key, Bytes iv)
+CipherSetup whiteboxSetup(int kind, Bytes key, Bytes iv)
 {
     require(kind == 1, AVEN_E_WHITEBOX_KIND);
-    const CipherSpec spec = {AVEN_CIPHER_SM4,  AVEN_MODE_CBC, AVEN_PADDING_PKCS7, key, iv,
-                             input(nullptr, 0)};
-    checkSpec(spec);
-    return spec;
+    const CipherSetup setup = {AVEN_CIPHER_SM4,  AVEN_MODE_CBC, AVEN_PADDING_PKCS7, key, iv,
+                               input(nullptr, 0)};
+    checkSetup(setup);
+    return setup;
 }
 
 }  // namespace
@@ -22,13 +22,12 @@ int aven_wbsm4_encrypt(int kind, const unsigned char* key, uint32_t key_len,
                        const unsigned char* iv, uint32_t iv_len, const unsigned char* in,
                        uint32_t in_len, unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_wbsm4_encrypt", [&](const Engine& engine) {
-        Output output(out, out_len);
-        const CipherSpec spec = whiteboxSpec(kind, input(key, key_len), input(iv, iv_len));
+    return serve("aven_wbsm4_encrypt", out, out_len, [&](const Engine& engine, Output& output) {
+        const CipherSetup setup = whiteboxSetup(kind, input(key, key_len), input(iv, iv_len));
         const Bytes data = input(in, in_len);
 
-        const size_t needed = encryptedLength(spec, data.size);
-        output.setLength(encrypt(engine, spec, data, output.room(needed)));
+        const size_t needed = encryptedLength(setup, data.size);
+        output.setLength(encrypt(engine, setup, data, output.room(needed)));
     });
 }
 
@@ -36,11 +35,10 @@ int aven_wbsm4_decrypt(int kind, const unsigned char* key, uint32_t key_len,
                        const unsigned char* iv, uint32_t iv_len, const unsigned char* in,
                        uint32_t in_len, unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_wbsm4_decrypt", [&](const Engine& engine) {
-        Output output(out, out_len);
-        const CipherSpec spec = whiteboxSpec(kind, input(key, key_len), input(iv, iv_len));
+    return serve("aven_wbsm4_decrypt", out, out_len, [&](const Engine& engine, Output& output) {
+        const CipherSetup setup = whiteboxSetup(kind, input(key, key_len), input(iv, iv_len));
         const Bytes data = input(in, in_len);
 
-        output.setLength(decrypt(engine, spec, data, output.room(data.size)));
+        output.setLength(decrypt(engine, setup, data, output.room(data.size)));
     });
 }

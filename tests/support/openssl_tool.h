@@ -5,6 +5,7 @@
 
 #include <openssl/evp.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -29,6 +30,8 @@ public:
     OpensslTool& operator=(const OpensslTool&) = delete;
     ~OpensslTool()
     {
+        if (getpid() != m_owner)
+            return;  // in a forked process that exits
         std::error_code ignored;
         std::filesystem::remove_all(m_directory, ignored);
     }
@@ -53,6 +56,8 @@ public:
         return read(file);
     }
 
+    std::string path(const std::string& file) const { return m_directory + "/" + file; }
+
     std::string read(const std::string& file) const
     {
         std::ifstream in(m_directory + "/" + file, std::ios::binary);
@@ -69,6 +74,7 @@ public:
 
 private:
     std::string m_directory;
+    pid_t m_owner = getpid();
 };
 
 // The test program's, so that a key is made once.
