@@ -158,6 +158,7 @@ TEST(EngineFaults, EveryFunctionCanBringNothing)
 #undef ROW
     const Requested faults(text);
     DevkitEngine engine;
+    testing::internal::CaptureStderr();
     const auto brings = [](auto function, const char* name, bool hasLength, bool hasHandle) {
         uint32_t length = 99;
         void* handle = &length;
@@ -170,6 +171,7 @@ TEST(EngineFaults, EveryFunctionCanBringNothing)
            count(#params, "void** ") == 1);
     AVEN_ENGINE_FUNCTIONS(ROW)
 #undef ROW
+    EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "brings no result\n"), 34u);
 }
 
 TEST(EngineFaults, EveryCodeFunctionCanReturnACode)
@@ -182,6 +184,7 @@ TEST(EngineFaults, EveryCodeFunctionCanReturnACode)
 #undef ROW
     const Requested faults(text);
     DevkitEngine engine;
+    testing::internal::CaptureStderr();
     const auto returnsCode = [](auto function, const char* name) {
         uint32_t length = 99;
         void* handle = nullptr;
@@ -198,6 +201,7 @@ TEST(EngineFaults, EveryCodeFunctionCanReturnACode)
 #undef ROW
     EXPECT_EQ(engine.aven_global_set_logger(nullptr), -4711);
     EXPECT_EQ(engine.aven_global_set_logger(nullptr), AVEN_E_NULL_POINTER);
+    EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "returns -4711\n"), 32u);
 }
 
 // ---- The log

@@ -540,13 +540,13 @@ TEST_F(EngineLimits, LargestLengthsAreRefused)
     const ServerAnswer answer = server(KeyKind::rsa).answer(hello);
 
     // With the length that is stored: 0, or what would be needed.
-    const auto refused = [&](int line, int expected, uint32_t needed, auto function,
-                             auto... arguments) {
+    const auto refused = [&](int line, int expected, uint32_t needed, const auto& call) {
         len = sizeof out;
-        EXPECT_EQ(function(arguments...), expected) << "line " << line;
+        EXPECT_EQ(call(), expected) << "line " << line;
         EXPECT_EQ(len, needed) << "line " << line;
     };
-#define REFUSED(...) refused(__LINE__, __VA_ARGS__)
+#define REFUSED(expected, needed, function, ...) \
+    refused(__LINE__, expected, needed, [&] { return function(__VA_ARGS__); })
     uint32_t* n = &len;
     REFUSED(AVEN_E_INPUT_TOO_LONG, 0, engine.aven_crypto_base64_encode, in, MOST, out, n);
     REFUSED(AVEN_E_BASE64_CHARACTER, 0, engine.aven_crypto_base64_decode, in, MOST, out, n);
