@@ -322,10 +322,10 @@ struct Ended {
 
 Ended callRequest(const std::string& faults, const std::string& arguments)
 {
-    const std::string host = std::string(CORVANE_HOST_PROGRAM) + " --plugin " +
-                             CORVANE_PLUGIN_LIBRARY + " --params " + CORVANE_PARAMS_LIBRARY +
-                             " --engine " + CORVANE_ENGINE_LIBRARY + " call " + arguments + " >" +
-                             openssl().path("host-out") + " 2>" + openssl().path("host-err");
+    const std::string host =
+        "'" CORVANE_HOST_PROGRAM "' --plugin '" CORVANE_PLUGIN_LIBRARY
+        "' --params '" CORVANE_PARAMS_LIBRARY "' --engine '" CORVANE_ENGINE_LIBRARY "' call " +
+        arguments + " >" + openssl().path("host-out") + " 2>" + openssl().path("host-err");
     const Requested requested(faults);
     Ended ended;
     ended.code = WEXITSTATUS(system(host.c_str()));

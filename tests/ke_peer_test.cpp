@@ -60,7 +60,7 @@ protected:
 
     int run(const std::string& arguments) const
     {
-        return runCommand(CORVANE_KE_PEER_PROGRAM " " + arguments);
+        return runCommand("'" CORVANE_KE_PEER_PROGRAM "' " + arguments);
     }
 
     // The one line that the program prints when it succeeds.
@@ -253,7 +253,9 @@ TEST_F(Peer, TalksWithTheHostThroughPlugInAndEngine)
     for (const char* kind : {"", " --rsa"}) {
         const std::string build =
             std::filesystem::path(CORVANE_HOST_PROGRAM).parent_path().parent_path().parent_path();
-        EXPECT_EQ(runCommand(CORVANE_SOURCE_DIR "/devkit/peer/exchange.sh " + build + kind), 0)
+        EXPECT_EQ(
+            runCommand("'" CORVANE_SOURCE_DIR "/devkit/peer/exchange.sh' '" + build + "'" + kind),
+            0)
             << read("out") << read("err");
         EXPECT_EQ(read("out"),
                   "ok      key exchange\nok      client to server\nok      server to client\n"
