@@ -4,8 +4,8 @@
 # AArch64 machine; the counts repeat exactly.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-. bench/packages.sh
-packaging/install-packages.sh "${aarch64_packages[@]}"
+. packaging/packages.sh
+packaging/install-packages.sh g++ "${aarch64_packages[@]}"
 
 made=$(mktemp -d)
 trap 'rm -rf "$made"' EXIT

@@ -6,8 +6,10 @@ add_compile_options(
   $<$<COMPILE_LANGUAGE:CXX>:-Wshadow>
   -fstack-protector-strong
   -fstack-clash-protection
-  # Source paths start at the checkout's root, wherever it lies.
+  # Paths in the output start at the checkout's root, and at the build tree's, wherever
+  # they lie: two builds give the same bytes.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.
+  -ffile-prefix-map=${PROJECT_BINARY_DIR}=.
 )
 add_link_options(-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 

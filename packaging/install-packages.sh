@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are named and missing; says nothing if none is.
+# Installs the Debian packages that are named and missing; says nothing if none is. A name may
+# end in an architecture (libssl-dev:arm64), which is then added to those of the machine.
 # Needs root or sudo only when there is something to install.
 set -euo pipefail
 
@@ -20,6 +21,12 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 echo "Installing: ${missing[*]}"
+for package in "${missing[@]}"; do
+    case $package in
+    *:*) dpkg --print-foreign-architectures | grep -qx "${package##*:}" ||
+        "${as_root[@]}" dpkg --add-architecture "${package##*:}" ;;
+    esac
+done
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 if ! { "${as_root[@]}" apt-get update &&

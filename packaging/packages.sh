@@ -5,4 +5,7 @@ build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
 test_packages=(libgtest-dev googletest binutils clang locales python3-cryptography-vectors)
 
 # The stages of `./test.sh all`.
-all_packages=(clang-format libclang-rt-14-dev valgrind)
+all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python3 valgrind)
+
+# Building for 64-bit ARM and running it in emulation. The last are of that architecture.
+aarch64_packages=(g++-aarch64-linux-gnu qemu-user libssl-dev:arm64 libstdc++6:arm64)

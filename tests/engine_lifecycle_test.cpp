@@ -1,6 +1,5 @@
 // The development engine's start and stop, log, texts, threads and unloading.
 #include <fcntl.h>
-#include <malloc.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <sys/wait.h>
@@ -9,24 +8,18 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <set>
 #include <thread>
 
 #include "support/engine_everything.h"
+#include "support/rounds.h"
 
 namespace {
 
 using support::DevkitEngine;
 using support::Everything;
 using support::Fenced;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool sanitized = true;  // memory is held back, and everything is slower
-#else
-constexpr bool sanitized = false;
-#endif
 
 std::string fileText(const std::string& path)
 {
@@ -297,52 +290,11 @@ bool isLoaded()
     return true;
 }
 
-// What must not grow from round to round.
-struct Held {
-    size_t resident = 0;   // bytes of the process in memory
-    size_t allocated = 0;  // bytes that malloc has given out
-    size_t files = 0;      // open ones
-
-    static Held now()
-    {
-        Held held;
-        size_t total = 0;
-        std::ifstream("/proc/self/statm") >> total >> held.resident;
-        held.resident *= static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        const struct mallinfo2 info = mallinfo2();
-        held.allocated = info.uordblks + info.hblkhd;
-        for (int fd = 0; fd < 256; ++fd)
-            held.files += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
-        return held;
-    }
-};
-
-// Runs `round` so many times or as often as the environment asks for; nothing must grow after
-// the first quarter. CORVANE_ENGINE_ROUNDS=10000 is the long run.
-void staysFlat(int rounds, const std::function<void()>& round)
+// CORVANE_ENGINE_ROUNDS=10000 is the long run.
+template <class Round>
+void staysFlat(int rounds, Round round)
 {
-    if (const char* asked = getenv("CORVANE_ENGINE_ROUNDS"))
-        rounds = atoi(asked);
-    else if (sanitized)
-        rounds = 20;
-    ASSERT_GE(rounds, 4);
-    Held first;
-    for (int i = 0; i < rounds; ++i) {
-        round();
-        if ((i + 1) % (rounds / 4) != 0)
-            continue;
-        const Held held = Held::now();
-        if (first.files == 0)
-            first = held;
-        printf("round %5d: %zu KiB resident, %zu bytes allocated, %zu files\n", i + 1,
-               held.resident >> 10, held.allocated, held.files);
-        EXPECT_EQ(held.files, first.files);
-        if (!sanitized) {  // else memory is held back
-            EXPECT_LT(held.resident, first.resident + (512u << 10));
-            // Threads make the figure waver a little; less than a byte a round is none.
-            EXPECT_LT(held.allocated, first.allocated + 4096 + static_cast<size_t>(rounds));
-        }
-    }
+    support::staysFlat("CORVANE_ENGINE_ROUNDS", rounds, round);
 }
 
 enum class Cleanup { yes, no };

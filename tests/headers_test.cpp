@@ -60,9 +60,18 @@ Outcome run(const std::string& command)
     return outcome;
 }
 
+// The compiler for this program's architecture.
+std::string compilerCommand(const std::string& name)
+{
+    const std::string target = CORVANE_TOOLCHAIN;
+    if (target.empty() || name.compare(0, 5, "clang") != 0)
+        return target + name;
+    return name + " --target=" + target.substr(0, target.size() - 1);
+}
+
 bool installed(const std::string& compiler)
 {
-    return run("command -v " + compiler).status == 0;
+    return run("command -v " + compilerCommand(compiler)).status == 0;
 }
 
 struct Language {
@@ -91,7 +100,7 @@ protected:
     {
         const std::string source = scratch.write(std::string("source") + GetParam().suffix, text);
         const Outcome outcome =
-            run(std::string(GetParam().compiler) + " " + GetParam().options +
+            run(compilerCommand(GetParam().compiler) + " " + GetParam().options +
                 " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I'" + SOURCES + "' " + source);
         EXPECT_EQ(outcome.status, 0) << text << outcome.output;
     }
@@ -176,16 +185,17 @@ TEST(PlainBuild, OneCommandBuildsAWorkingPlugin)
         GTEST_SKIP() << "NOT TESTED: there is no g++";
     Scratch scratch;
     const std::string library = scratch.file("libplain.so");
-    Outcome built = run("g++ -std=c++17 -O2 -shared -fPIC '" + SOURCES + "'/*.cpp -o " + library);
+    Outcome built = run(compilerCommand("g++") + " -std=c++17 -O2 -shared -fPIC '" + SOURCES +
+                        "'/*.cpp -o " + library);
     ASSERT_EQ(built.status, 0) << built.output;
     EXPECT_EQ(built.output, "");
 
     const std::string host = scratch.file("host");
-    built = run("gcc -std=c11 -I'" + SOURCES + "' " + scratch.write("host.c", HOST) + " " +
-                library + " -o " + host);
+    built = run(compilerCommand("gcc") + " -std=c11 -I'" + SOURCES + "' " +
+                scratch.write("host.c", HOST) + " " + library + " -o " + host);
     ASSERT_EQ(built.status, 0) << built.output;
 
-    const Outcome outcome = run(host);
+    const Outcome outcome = run(CORVANE_EMULATOR " " + host);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output,
               "0 4 Zm9v\n"

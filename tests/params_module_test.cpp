@@ -11,21 +11,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "../devkit/params/params_module.h"
+#include "support/rounds.h"
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool sanitized = true;  // memory is held back, and huge requests abort
-#else
-constexpr bool sanitized = false;
-#endif
 
 class Module {
 public:
@@ -343,7 +337,7 @@ TEST_F(ParamsModule, NoMemoryIsACodeAndKeepsTheOldValue)
     EXPECT_EQ(m.AddHttpParams(text, 1, text, LONG_MAX), PARAMS_NO_MEMORY);
     EXPECT_EQ(m.ChangeHttpParams(text, 1, text, LONG_MAX), PARAMS_NO_MEMORY);
     EXPECT_EQ(m.SetRetCustomParam(text, LONG_MAX), PARAMS_NO_MEMORY);
-    if (!sanitized) {
+    if (!support::sanitized) {
         EXPECT_EQ(m.AddHttpParams(text, 1, text, 1L << 46), PARAMS_NO_MEMORY);
     }
     EXPECT_EQ(get(m.GetHttpParams, "n"), "old");
@@ -394,49 +388,24 @@ bool isLoaded()
     return true;
 }
 
-size_t residentBytes()
+TEST(ParamsModuleUnload, RoundsStayFlat)
 {
-    size_t total = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> total >> resident;
-    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
-
-TEST(ParamsModuleUnload, TenThousandRoundsStayFlat)
-{
-    const auto round = [] {
+    support::staysFlat("CORVANE_PARAMS_ROUNDS", 10000, [] {
         {
             Module m;
             add(m.AddHttpParams, "n", std::string(20000, 'x'));
             add(m.AddRetParams, "n", std::string(20000, 'x'));
         }
         ASSERT_FALSE(isLoaded());
-    };
-    const int rounds = sanitized ? 200 : 10000;
-    for (int i = 0; i < rounds / 10; ++i)
-        round();
-    const size_t before = residentBytes();
-    for (int i = 0; i < rounds; ++i)
-        round();
-    if (!sanitized) {
-        EXPECT_LT(residentBytes(), before + (512u << 10));
-    }
+    });
 }
 
 TEST(ParamsModuleUnload, ThreadsThatEndLeaveNothing)
 {
     Module m;
-    const auto round = [&] {
+    support::staysFlat("CORVANE_PARAMS_ROUNDS", 2000, [&] {
         std::thread([&] { add(m.AddHttpParams, "n", std::string(50000, 'x')); }).join();
-    };
-    const int rounds = sanitized ? 50 : 2000;
-    for (int i = 0; i < rounds / 10; ++i)
-        round();
-    const size_t before = residentBytes();
-    for (int i = 0; i < rounds; ++i)
-        round();
-    if (!sanitized) {
-        EXPECT_LT(residentBytes(), before + (512u << 10));
-    }
+    });
 }
 
 TEST(ParamsModuleUnload, AThreadThatUsedItMayEndLater)

@@ -18,35 +18,78 @@
 
 namespace support {
 
-// One at a time, as the plug-in's state is the process's; used from one thread.
+// The files. The plug-in opens module and engine by their bare names, and finds them loaded; one
+// without a path is left to it.
+struct HostLibraries {
+    std::string params = CORVANE_PARAMS_LIBRARY;
+    std::string engine = CORVANE_ENGINE_LIBRARY;
+    std::string plugin = CORVANE_PLUGIN_LIBRARY;
+    int flags = RTLD_NOW | RTLD_LOCAL;
+};
+
+// One at a time, as the plug-in's state is the process's.
 class DevkitHost {
 public:
     using Parameters = std::vector<std::pair<std::string, std::string>>;
     using Results = std::map<std::string, std::string>;
 
-    DevkitHost()
+    DevkitHost() : DevkitHost(HostLibraries()) { init(); }
+    // Loads the libraries and does no more.
+    explicit DevkitHost(const HostLibraries& libraries)
+        : m_params(open(libraries.params, libraries.flags)),
+          m_engine(open(libraries.engine, libraries.flags)),
+          m_plugin(open(libraries.plugin, libraries.flags))
     {
+        if (m_params != nullptr) {
 #define RESOLVE(name, parameters) resolve(m_params, name, #name);
-        CORVANE_PARAMS_FUNCTIONS(RESOLVE)
+            CORVANE_PARAMS_FUNCTIONS(RESOLVE)
 #undef RESOLVE
+        }
         resolve(m_plugin, m_init, "Corvane_plugin_Init");
         resolve(m_plugin, m_request, "Corvane_plugin_Request");
         resolve(m_plugin, m_free, "Corvane_plugin_Free");
-        initWithoutEngineLog();
     }
     DevkitHost(const DevkitHost&) = delete;
     DevkitHost& operator=(const DevkitHost&) = delete;
     ~DevkitHost()
     {
-        m_free();
-        dlclose(m_plugin);
-        dlclose(m_engine);
-        dlclose(m_params);
+        free();
+        for (void* library : {m_plugin, m_engine, m_params})
+            if (library != nullptr)
+                dlclose(library);
     }
 
-    // Stores the parameters, sends the request and reads all of its results.
-    Results request(const std::string& name, const Parameters& parameters)
+    // The engine copies the standard error stream's descriptor for its log, which has a
+    // line for every refused call: thousands where a test is about refusals.
+    int init()
     {
+        fflush(stderr);
+        const int saved = dup(STDERR_FILENO);
+        const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (saved < 0 || nowhere < 0)
+            stop("no descriptors");
+        dup2(nowhere, STDERR_FILENO);
+        const int result = m_init();
+        dup2(saved, STDERR_FILENO);
+        close(nowhere);
+        close(saved);
+        return result;
+    }
+
+    // May be called again.
+    int free()
+    {
+        return m_free();
+    }
+
+    // Stores the parameters, sends the request and reads all of its results; none without a
+    // module. For any number of threads at once, since the module keeps its stores per thread.
+    Results request(const std::string& name, const Parameters& parameters) const
+    {
+        if (m_params == nullptr) {
+            m_request(name.data(), static_cast<unsigned int>(name.size()));
+            return {};
+        }
         check(ClearHttpParams());
         for (const auto& [key, value] : parameters)
             check(AddHttpParams(bytes(key), size(key), bytes(value), size(value)));
@@ -68,9 +111,11 @@ public:
     }
 
 private:
-    static void* open(const char* path)
+    static void* open(const std::string& path, int flags)
     {
-        void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+        if (path.empty())
+            return nullptr;
+        void* library = dlopen(path.c_str(), flags);
         if (library == nullptr)
             stop(dlerror());
         return library;
@@ -106,26 +151,9 @@ private:
         return static_cast<long>(text.size());
     }
 
-    // The engine copies the standard error stream's descriptor for its log, which has a
-    // line for every refused call: thousands where a test is about refusals.
-    void initWithoutEngineLog()
-    {
-        fflush(stderr);
-        const int saved = dup(STDERR_FILENO);
-        const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (saved < 0 || nowhere < 0)
-            stop("no descriptors");
-        dup2(nowhere, STDERR_FILENO);
-        m_init();
-        dup2(saved, STDERR_FILENO);
-        close(nowhere);
-        close(saved);
-    }
-
-    // The plug-in opens the first two by their bare names, and finds them loaded.
-    void* m_params = open(CORVANE_PARAMS_LIBRARY);
-    void* m_engine = open(CORVANE_ENGINE_LIBRARY);
-    void* m_plugin = open(CORVANE_PLUGIN_LIBRARY);
+    void* m_params;
+    void* m_engine;
+    void* m_plugin;
 
 #define DECLARE(name, parameters) int(*name) parameters = nullptr;
     CORVANE_PARAMS_FUNCTIONS(DECLARE)

@@ -3,6 +3,7 @@
 #include <openssl/crypto.h>
 #include <openssl/pem.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -105,12 +106,15 @@ struct TrafficSetting::Content {
     Keys sm2{KeyKind::sm2, directory};
     Keys rsa{KeyKind::rsa, directory};
     mutable std::mutex keyPairs;
+    pid_t owner = getpid();
 
     Content() = default;
     Content(const Content&) = delete;
     Content& operator=(const Content&) = delete;
     ~Content()
     {
+        if (getpid() != owner)
+            return;  // in a forked process that exits
         std::error_code ignored;
         std::filesystem::remove_all(directory, ignored);
     }
@@ -923,6 +927,7 @@ void TrafficClient::Work::envelopeDecrypt()
                                    {"strCipherAlg", number(cipher)},
                                    {"strMode", number(mode)},
                                    {"strEncdata", urlBase64(envelope)}};
+    const int another = cipher % 7 + 1;
     if (isToErr())
         return err(name, parameters,
                    {{"strKeyPairType", "", MISSING},
@@ -933,7 +938,9 @@ void TrafficClient::Work::envelopeDecrypt()
                     {"strMode", "0", INVALID},
                     {"strKeyPairType", m_setting.sm2.type, AVEN_E_KEY_KIND},
                     {"strsk", keys.publicText, AVEN_E_KEY_ROLE},
-                    {"strCipherAlg", number(cipher % 7 + 1), AVEN_E_ENVELOPE_DIFFERS},
+                    {"strCipherAlg", number(another),
+                     isEnvelope(keys.kind, another, mode) ? AVEN_E_ENVELOPE_DIFFERS
+                                                          : AVEN_E_ENVELOPE_ALGORITHM},
                     {"strEncdata", urlBase64(envelope + "!"), AVEN_E_ENVELOPE_TRAILING},
                     {"strEncdata", urlBase64(envelope.substr(0, envelope.size() - 1)),
                      AVEN_E_ENVELOPE_TEXT}});

@@ -1,0 +1,258 @@
+// A long run of mixed requests through the plug-in, the reference parameter module and the
+// development engine; every answer is checked.
+//
+//   build/release/tests/soak [--seconds N | --requests N] [--threads N] [--seed N]
+//
+// Runs for 60 seconds in one thread unless told otherwise. Prints the requests by name, wrong
+// answers, the rate, and memory and open descriptors over the run. Ends with 0 only if all of
+// these hold:
+//   - requests of all 27 names were sent,
+//   - no answer was wrong; else the seed to repeat it with is printed,
+//   - no more descriptors are open at the end than when the clients started,
+//   - memory does not grow: once a third of the run is over, the line fitted to the resident
+//     memory rises by less than 256 KiB for each thread, or by less than 32 KiB in a million
+//     requests. The same holds for what malloc has given out.
+// So a run of ten million requests in one thread notices a byte lost in every 27 requests.
+#include <malloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include "support/held.h"
+#include "support/traffic.h"
+
+namespace {
+
+using support::DevkitHost;
+using support::Held;
+using support::TrafficClient;
+using support::TrafficCount;
+using support::TrafficSetting;
+using Clock = std::chrono::steady_clock;
+
+constexpr int MOMENTS = 30;  // at which memory is measured
+constexpr int WARM_UP = 10;  // of them
+constexpr double ALLOWED_PER_THREAD = 256 << 10;
+constexpr double ALLOWED_PER_MILLION = 32 << 10;
+
+struct Plan {
+    uint64_t seconds = 60;
+    uint64_t requests = 0;  // if not 0, instead of the seconds
+    uint64_t threads = 1;
+    uint64_t seed = std::random_device()();
+};
+
+[[noreturn]] void usage()
+{
+    fprintf(stderr, "usage: soak [--seconds N | --requests N] [--threads N] [--seed N]\n");
+    exit(2);
+}
+
+Plan planOf(int argc, char** argv)
+{
+    Plan plan;
+    const std::pair<const char*, uint64_t*> options[] = {{"--seconds", &plan.seconds},
+                                                         {"--requests", &plan.requests},
+                                                         {"--threads", &plan.threads},
+                                                         {"--seed", &plan.seed}};
+    for (int i = 1; i < argc; i += 2) {
+        const auto option =
+            std::find_if(std::begin(options), std::end(options),
+                         [&](const auto& known) { return strcmp(known.first, argv[i]) == 0; });
+        if (option == std::end(options) || i + 1 == argc || argv[i + 1][0] < '0' ||
+            argv[i + 1][0] > '9')
+            usage();
+        char* end = nullptr;
+        errno = 0;
+        *option->second = strtoull(argv[i + 1], &end, 10);
+        if (*end != '\0' || errno != 0)
+            usage();
+    }
+    if (plan.threads == 0 || plan.threads > 1024 || (plan.seconds == 0 && plan.requests == 0))
+        usage();
+    return plan;
+}
+
+struct Moment {
+    double seconds;
+    uint64_t sent;
+    Held held;
+};
+
+// The clients, each in a thread of its own.
+class Run {
+public:
+    explicit Run(const Plan& plan) : m_plan(plan), m_counts(plan.threads)
+    {
+        for (uint32_t number = 0; number < plan.threads; ++number)
+            m_threads.emplace_back([this, number] { work(number); });
+    }
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+
+    // Until the plan is fulfilled.
+    std::vector<Moment> watch()
+    {
+        std::vector<Moment> moments;
+        while (moments.size() < MOMENTS) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            showProgress();
+            if (done() * MOMENTS >= static_cast<double>(moments.size() + 1))
+                moments.push_back({seconds(), m_sent, Held::now()});
+        }
+        m_stop = true;
+        for (std::thread& thread : m_threads)
+            thread.join();
+        m_seconds = seconds();
+        if (isatty(STDERR_FILENO) != 0)
+            fprintf(stderr, "\r%*s\r", 60, "");
+        return moments;
+    }
+
+    TrafficCount total() const
+    {
+        TrafficCount total;
+        for (const TrafficCount& count : m_counts)
+            total.add(count);
+        return total;
+    }
+    double rate() const { return static_cast<double>(total().sent) / m_seconds; }
+    double duration() const { return m_seconds; }
+
+private:
+    void work(uint32_t number)
+    {
+        TrafficClient client(m_host, m_setting, number, m_plan.seed, 1);
+        client.actInEveryWay();
+        uint64_t reported = 0;
+        while (!m_stop) {
+            client.act();
+            m_sent += client.count().sent - reported;
+            reported = client.count().sent;
+        }
+        client.leave();
+        m_counts[number] = client.count();
+    }
+
+    double seconds() const { return std::chrono::duration<double>(Clock::now() - m_start).count(); }
+
+    // The part of the plan that is fulfilled; 1 for all of it.
+    double done() const
+    {
+        return m_plan.requests != 0
+                   ? static_cast<double>(m_sent) / static_cast<double>(m_plan.requests)
+                   : seconds() / static_cast<double>(m_plan.seconds);
+    }
+
+    void showProgress()
+    {
+        if (isatty(STDERR_FILENO) == 0 || seconds() < m_nextProgress)
+            return;
+        m_nextProgress = seconds() + 3;
+        fprintf(stderr, "\r%5.1f %%, %" PRIu64 " requests, %.0f s", 100 * done(), m_sent.load(),
+                seconds());
+    }
+
+    const Plan& m_plan;
+    TrafficSetting m_setting;
+    DevkitHost m_host;
+    Clock::time_point m_start = Clock::now();
+    std::vector<TrafficCount> m_counts;
+    std::vector<std::thread> m_threads;
+    std::atomic<uint64_t> m_sent{0};
+    std::atomic<bool> m_stop{false};
+    double m_nextProgress = 3;
+    double m_seconds = 0;
+};
+
+// By which a figure rises with each request: the median of the slopes between any two moments
+// (Theil and Sen's line), as requests under way lift it for a moment now and then.
+double slope(const std::vector<Moment>& moments, size_t Held::*figure)
+{
+    std::vector<double> slopes;
+    for (size_t i = WARM_UP; i < moments.size(); ++i) {
+        for (size_t j = i + 1; j < moments.size(); ++j) {
+            const auto sent = static_cast<double>(moments[j].sent - moments[i].sent);
+            const double bytes = static_cast<double>(moments[j].held.*figure) -
+                                 static_cast<double>(moments[i].held.*figure);
+            if (sent > 0)
+                slopes.push_back(bytes / sent);
+        }
+    }
+    if (slopes.empty())
+        return 0;
+    const auto median = slopes.begin() + static_cast<std::ptrdiff_t>(slopes.size() / 2);
+    std::nth_element(slopes.begin(), median, slopes.end());
+    return *median;
+}
+
+// Says how a figure has changed and returns whether that is allowed.
+bool staysFlat(const char* what, const Plan& plan, const std::vector<Moment>& moments,
+               size_t Held::*figure)
+{
+    const double rise = slope(moments, figure);
+    const auto measured = static_cast<double>(moments.back().sent - moments[WARM_UP].sent);
+    const bool flat = rise * measured < ALLOWED_PER_THREAD * static_cast<double>(plan.threads) ||
+                      rise * 1e6 < ALLOWED_PER_MILLION;
+    printf("%s: %+.0f bytes per million requests, measured over %.0f%s\n", what, rise * 1e6,
+           measured, flat ? "" : ": GROWS");
+    return flat;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const Plan plan = planOf(argc, argv);
+    // Else the allocator keeps the memory of the largest payloads for each thread, and the figures
+    // rise until every thread has had one.
+    mallopt(M_MMAP_THRESHOLD, 128 << 10);
+    printf("seed %" PRIu64 ", %" PRIu64 " threads\n", plan.seed, plan.threads);
+    fflush(stdout);
+
+    Run run(plan);
+    const std::vector<Moment> moments = run.watch();
+    const Held last = Held::now();
+    const TrafficCount total = run.total();
+
+    for (const auto& [name, times] : total.sentByName)
+        printf("%12" PRIu64 "  %s\n", times, name.c_str());
+    printf("%12" PRIu64 "  requests of %zu names in %.0f s, %.0f in a second\n", total.sent,
+           total.sentByName.size(), run.duration(), run.rate());
+
+    printf("\n     seconds      requests   KiB resident   KiB allocated   descriptors\n");
+    for (size_t i = WARM_UP - 1; i < moments.size(); i += 5)
+        printf("%12.0f  %12" PRIu64 "  %13zu  %14zu  %12zu\n", moments[i].seconds, moments[i].sent,
+               moments[i].held.resident >> 10, moments[i].held.allocated >> 10,
+               moments[i].held.descriptors);
+    bool good = staysFlat("resident", plan, moments, &Held::resident);
+    good = staysFlat("allocated", plan, moments, &Held::allocated) && good;
+
+    const size_t first = moments.front().held.descriptors;
+    printf("descriptors: %zu at the start, %zu at the end%s\n", first, last.descriptors,
+           last.descriptors > first ? ": GROWS" : "");
+    good = good && last.descriptors <= first;
+
+    if (total.sentByName.size() != support::REQUEST_NAMES) {
+        printf("NOT all of the %zu names were sent\n", support::REQUEST_NAMES);
+        good = false;
+    }
+    printf("wrong answers: %" PRIu64 "\n", total.wrong);
+    for (const std::string& complaint : total.complaints)
+        printf("  %s\n", complaint.c_str());
+    if (total.wrong != 0) {
+        printf("to repeat: --seed %" PRIu64 " --threads %" PRIu64 "\n", plan.seed, plan.threads);
+        good = false;
+    }
+    puts(good ? "passed" : "FAILED");
+    return good ? 0 : 1;
+}

@@ -1,0 +1,643 @@
+#include "support/oracle.h"
+
+#include <openssl/asn1.h>
+#include <openssl/bio.h>
+#include <openssl/cms.h>
+#include <openssl/core_names.h>
+#include <openssl/params.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include "../devkit/engine/engine_numbers.h"
+
+namespace support::oracle {
+
+namespace {
+
+template <auto Function>
+struct Freer {
+    template <class Object>
+    void operator()(Object* object) const
+    {
+        Function(object);
+    }
+};
+template <class Object, auto Function>
+using Owned = std::unique_ptr<Object, Freer<Function>>;
+
+using CipherContext = Owned<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
+using MacContext = Owned<EVP_MAC_CTX, EVP_MAC_CTX_free>;
+using KeyContext = Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
+using Bio = Owned<BIO, BIO_free_all>;
+using Cms = Owned<CMS_ContentInfo, CMS_ContentInfo_free>;
+using Integer = Owned<ASN1_INTEGER, ASN1_INTEGER_free>;
+using OctetString = Owned<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>;
+
+void require(bool ok, const char* what)
+{
+    if (!ok)
+        throw std::runtime_error(std::string("oracle: ") + what);
+}
+
+const unsigned char* bytesOf(const std::string& text)
+{
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+unsigned char* bytesOf(std::string& text)
+{
+    return reinterpret_cast<unsigned char*>(text.data());
+}
+
+int sizeOf(const std::string& text)
+{
+    return static_cast<int>(text.size());
+}
+
+// ---- Algorithms by number. They are fetched once: by name for each use would take libcrypto
+// longer than the use.
+
+struct CipherFamily {
+    const char* name;
+    size_t keySize;
+    size_t blockSize;
+};
+
+constexpr int CIPHERS = 7;
+constexpr int MODES = 5;  // without GCM
+constexpr int HASHES = 6;
+
+const CipherFamily FAMILIES[CIPHERS] = {
+    {"SM4", 16, 16},      {"AES-128", 16, 16},      {"AES-192", 24, 16}, {"AES-256", 32, 16},
+    {"ARIA-256", 32, 16}, {"CAMELLIA-256", 32, 16}, {"DES-EDE3", 24, 8},
+};
+const char* const MODE_NAMES[] = {"ECB", "CBC", "CFB", "OFB", "CTR", "GCM"};
+const char* const HASH_NAMES[HASHES] = {"SM3",      "SHA1",     "SHA2-224",
+                                        "SHA2-256", "SHA2-384", "SHA2-512"};
+
+constexpr size_t BLOCK = 16;
+
+const CipherFamily& familyOf(int cipher)
+{
+    require(cipher >= 1 && cipher <= CIPHERS, "no such cipher");
+    return FAMILIES[cipher - 1];
+}
+
+std::string cipherName(int cipher, int mode)
+{
+    return std::string(familyOf(cipher).name) + "-" + MODE_NAMES[mode - 1];
+}
+
+// Has a key already, since libcrypto copies no CMAC without one.
+MacContext preparedMac(const char* kind, const char* parameter, std::string algorithm,
+                       size_t keySize)
+{
+    const Owned<EVP_MAC, EVP_MAC_free> mac(EVP_MAC_fetch(nullptr, kind, nullptr));
+    MacContext context(EVP_MAC_CTX_new(mac.get()));
+    const OSSL_PARAM parameters[] = {
+        OSSL_PARAM_construct_utf8_string(parameter, algorithm.data(), algorithm.size()),
+        OSSL_PARAM_construct_end(),
+    };
+    const std::string key(keySize, '\0');
+    require(context != nullptr &&
+                EVP_MAC_init(context.get(), bytesOf(key), key.size(), parameters) == 1,
+            "no such MAC");
+    return context;
+}
+
+struct Algorithms {
+    std::array<std::array<Owned<EVP_CIPHER, EVP_CIPHER_free>, MODES>, CIPHERS> ciphers;
+    std::array<Owned<EVP_MD, EVP_MD_free>, HASHES> hashes;
+    std::array<MacContext, HASHES> hmacs;  // to be copied
+    std::array<MacContext, CIPHERS> cmacs;
+
+    Algorithms()
+    {
+        for (int cipher = 1; cipher <= CIPHERS; ++cipher) {
+            const auto row = static_cast<size_t>(cipher - 1);
+            for (int mode = 1; mode <= MODES; ++mode)
+                ciphers[row][static_cast<size_t>(mode - 1)].reset(
+                    EVP_CIPHER_fetch(nullptr, cipherName(cipher, mode).c_str(), nullptr));
+            cmacs[row] = preparedMac("CMAC", OSSL_MAC_PARAM_CIPHER,
+                                     cipherName(cipher, AVEN_MODE_CBC), keySize(cipher));
+        }
+        for (size_t hash = 0; hash < HASHES; ++hash) {
+            hashes[hash].reset(EVP_MD_fetch(nullptr, HASH_NAMES[hash], nullptr));
+            hmacs[hash] = preparedMac("HMAC", OSSL_MAC_PARAM_DIGEST, HASH_NAMES[hash], BLOCK);
+        }
+    }
+};
+
+const Algorithms& algorithms()
+{
+    static const Algorithms all;
+    return all;
+}
+
+size_t hashIndex(int hash)
+{
+    require(hash >= AVEN_HASH_DEFAULT && hash <= HASHES, "no such hash");
+    return static_cast<size_t>(hash == AVEN_HASH_DEFAULT ? AVEN_HASH_SM3 : hash) - 1;
+}
+
+std::string mac(const MacContext& prepared, const std::string& key, const std::string& data)
+{
+    const MacContext context(EVP_MAC_CTX_dup(prepared.get()));
+    unsigned char out[EVP_MAX_MD_SIZE];
+    size_t size = 0;
+    require(context != nullptr &&
+                EVP_MAC_init(context.get(), bytesOf(key), key.size(), nullptr) == 1 &&
+                EVP_MAC_update(context.get(), bytesOf(data), data.size()) == 1 &&
+                EVP_MAC_final(context.get(), out, &size, sizeof out) == 1,
+            "no MAC");
+    return std::string(reinterpret_cast<char*>(out), size);
+}
+
+// ---- GCM as SP 800-38D writes it, over a cipher's single blocks
+
+// Bits from the highest of the first byte on.
+struct Block {
+    uint64_t high = 0;
+    uint64_t low = 0;
+};
+
+uint64_t wordAt(const std::string& bytes, size_t at)
+{
+    uint64_t word = 0;
+    for (size_t i = 0; i < 8; ++i) {
+        const size_t place = at + i;
+        word = word << 8 | (place < bytes.size() ? bytesOf(bytes)[place] : 0u);
+    }
+    return word;
+}
+
+// Behind the text's end are zeros.
+Block blockAt(const std::string& bytes, size_t at)
+{
+    return {wordAt(bytes, at), wordAt(bytes, at + 8)};
+}
+
+void append(std::string& bytes, uint64_t word, int size)
+{
+    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8)
+        bytes += static_cast<char>(word >> shift & 0xFF);
+}
+
+Block product(Block x, Block y)
+{
+    Block z;
+    for (int bit = 0; bit < 128; ++bit) {
+        const uint64_t word = bit < 64 ? x.high : x.low;
+        const uint64_t taken = 0 - (word >> (63 - bit % 64) & 1);
+        z.high ^= y.high & taken;
+        z.low ^= y.low & taken;
+        const uint64_t carry = 0 - (y.low & 1);
+        y.low = y.low >> 1 | y.high << 63;
+        y.high = y.high >> 1 ^ (carry & 0xE100000000000000);
+    }
+    return z;
+}
+
+class Ghash {
+public:
+    explicit Ghash(Block key) : m_key(key) {}
+
+    void take(Block block)
+    {
+        m_sum.high ^= block.high;
+        m_sum.low ^= block.low;
+        m_sum = product(m_sum, m_key);
+    }
+    void take(const std::string& bytes)
+    {
+        for (size_t at = 0; at < bytes.size(); at += BLOCK)
+            take(blockAt(bytes, at));
+    }
+    std::string sum() const
+    {
+        std::string bytes;
+        append(bytes, m_sum.high, 8);
+        append(bytes, m_sum.low, 8);
+        return bytes;
+    }
+
+private:
+    Block m_key;
+    Block m_sum;
+};
+
+// `data` under the blocks that encrypt the counters from `first` on.
+std::string countered(CipherSetup ecb, const std::string& prefix, uint32_t first,
+                      const std::string& data)
+{
+    const size_t blocks = (data.size() + BLOCK - 1) / BLOCK;
+    std::string counters;
+    counters.reserve(blocks * BLOCK);
+    for (size_t i = 0; i < blocks; ++i) {
+        counters += prefix;
+        append(counters, first + static_cast<uint32_t>(i), 4);
+    }
+    std::string out = encrypt(ecb, counters);
+    out.resize(data.size());
+    for (size_t i = 0; i < data.size(); ++i)
+        out[i] = static_cast<char>(out[i] ^ data[i]);
+    return out;
+}
+
+// ---- SM2 ciphertexts
+
+constexpr size_t COORDINATE = 32;
+constexpr size_t DIGEST = 32;
+
+struct Sm2Parts {
+    std::string x, y;  // C1
+    std::string digest, data;
+};
+
+class DerReader {
+public:
+    explicit DerReader(const std::string& bytes) : m_at(bytesOf(bytes)), m_end(m_at + bytes.size())
+    {
+        long size = 0;
+        int tag = 0, kind = 0;
+        const int flags = ASN1_get_object(&m_at, &size, &tag, &kind, m_end - m_at);
+        require((flags & 0x80) == 0 && tag == V_ASN1_SEQUENCE && m_at + size == m_end,
+                "no sequence");
+    }
+
+    std::string coordinate()
+    {
+        const Integer integer(d2i_ASN1_INTEGER(nullptr, &m_at, m_end - m_at));
+        require(integer != nullptr, "no integer");
+        const Owned<BIGNUM, BN_free> number(ASN1_INTEGER_to_BN(integer.get(), nullptr));
+        std::string bytes(COORDINATE, '\0');
+        require(number != nullptr && BN_bn2binpad(number.get(), bytesOf(bytes), COORDINATE) > 0,
+                "no coordinate");
+        return bytes;
+    }
+
+    std::string octets()
+    {
+        const OctetString octets(d2i_ASN1_OCTET_STRING(nullptr, &m_at, m_end - m_at));
+        require(octets != nullptr, "no octet string");
+        return std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(octets.get())),
+                           static_cast<size_t>(ASN1_STRING_length(octets.get())));
+    }
+
+    bool isAtEnd() const { return m_at == m_end; }
+
+private:
+    const unsigned char* m_at;
+    const unsigned char* m_end;
+};
+
+// What an i2d function writes.
+template <class Object, class Write>
+std::string der(const Object* object, Write write)
+{
+    const int size = write(object, nullptr);
+    require(object != nullptr && size > 0, "no DER");
+    std::string bytes(static_cast<size_t>(size), '\0');
+    unsigned char* at = bytesOf(bytes);
+    write(object, &at);
+    return bytes;
+}
+
+std::string integerDer(const std::string& coordinate)
+{
+    const Owned<BIGNUM, BN_free> number(
+        BN_bin2bn(bytesOf(coordinate), sizeOf(coordinate), nullptr));
+    const Integer integer(BN_to_ASN1_INTEGER(number.get(), nullptr));
+    return der(integer.get(), i2d_ASN1_INTEGER);
+}
+
+std::string octetsDer(const std::string& bytes)
+{
+    const OctetString octets(ASN1_OCTET_STRING_new());
+    require(octets != nullptr &&
+                ASN1_OCTET_STRING_set(octets.get(), bytesOf(bytes), sizeOf(bytes)) == 1,
+            "no octet string");
+    return der(octets.get(), i2d_ASN1_OCTET_STRING);
+}
+
+std::string sequence(const std::string& content)
+{
+    const int size = ASN1_object_size(1, sizeOf(content), V_ASN1_SEQUENCE);
+    std::string bytes(static_cast<size_t>(size) - content.size(), '\0');
+    unsigned char* at = bytesOf(bytes);
+    ASN1_put_object(&at, 1, sizeOf(content), V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
+    return bytes + content;
+}
+
+Sm2Parts readSm2(const std::string& encrypted, const PublicKeyForm& form)
+{
+    Sm2Parts parts;
+    std::string& first = form.c1c3c2 ? parts.digest : parts.data;
+    std::string& second = form.c1c3c2 ? parts.data : parts.digest;
+    if (form.asn1) {
+        DerReader reader(encrypted);
+        parts.x = reader.coordinate();
+        parts.y = reader.coordinate();
+        first = reader.octets();
+        second = reader.octets();
+        require(reader.isAtEnd(), "more in the sequence");
+        return parts;
+    }
+    const size_t head = 1 + 2 * COORDINATE;
+    require(encrypted.size() >= head + DIGEST && encrypted[0] == 4, "no raw ciphertext");
+    parts.x = encrypted.substr(1, COORDINATE);
+    parts.y = encrypted.substr(1 + COORDINATE, COORDINATE);
+    first = encrypted.substr(head, form.c1c3c2 ? DIGEST : encrypted.size() - head - DIGEST);
+    second = encrypted.substr(head + first.size());
+    return parts;
+}
+
+std::string writeSm2(const Sm2Parts& parts, const PublicKeyForm& form)
+{
+    const std::string& first = form.c1c3c2 ? parts.digest : parts.data;
+    const std::string& second = form.c1c3c2 ? parts.data : parts.digest;
+    if (form.asn1)
+        return sequence(integerDer(parts.x) + integerDer(parts.y) + octetsDer(first) +
+                        octetsDer(second));
+    return '\4' + parts.x + parts.y + first + second;
+}
+
+constexpr PublicKeyForm LIBCRYPTO_FORM = {true, true, true};
+
+// ---- libcrypto's public-key calls
+
+bool isRsa(const EVP_PKEY* key)
+{
+    return EVP_PKEY_is_a(key, "RSA") == 1;
+}
+
+void setOaep(EVP_PKEY_CTX* context)
+{
+    require(EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_OAEP_PADDING) == 1 &&
+                EVP_PKEY_CTX_set_rsa_oaep_md(context, EVP_sha256()) == 1 &&
+                EVP_PKEY_CTX_set_rsa_mgf1_md(context, EVP_sha256()) == 1,
+            "no OAEP");
+}
+
+using StartKeyUse = int (*)(EVP_PKEY_CTX*);
+using UseKey = int (*)(EVP_PKEY_CTX*, unsigned char*, size_t*, const unsigned char*, size_t);
+
+std::string used(EVP_PKEY* key, const PublicKeyForm& form, const std::string& in, StartKeyUse start,
+                 UseKey use)
+{
+    const KeyContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));
+    require(context != nullptr && start(context.get()) == 1, "the key has no such use");
+    if (isRsa(key) && form.oaep)
+        setOaep(context.get());
+    else if (isRsa(key))
+        require(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1, "no PKCS#1");
+    size_t size = 0;
+    require(use(context.get(), nullptr, &size, bytesOf(in), in.size()) == 1, "no size");
+    std::string out(size, '\0');
+    require(use(context.get(), bytesOf(out), &size, bytesOf(in), in.size()) == 1,
+            "the key does not take it");
+    out.resize(size);
+    return out;
+}
+
+// ---- Memory
+
+Bio reading(const std::string& bytes)
+{
+    Bio bio(BIO_new_mem_buf(bytes.data(), sizeOf(bytes)));
+    require(bio != nullptr, "no memory");
+    return bio;
+}
+
+Bio writing()
+{
+    Bio bio(BIO_new(BIO_s_mem()));
+    require(bio != nullptr, "no memory");
+    return bio;
+}
+
+std::string textOf(const Bio& bio)
+{
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio.get(), &data);
+    return std::string(data, static_cast<size_t>(size));
+}
+
+}  // namespace
+
+// ---- Text forms
+
+std::string urlBase64(const std::string& bytes)
+{
+    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
+    const int size = EVP_EncodeBlock(bytesOf(text), bytesOf(bytes), sizeOf(bytes));
+    text.resize(static_cast<size_t>(size));
+    std::replace(text.begin(), text.end(), '+', '-');
+    std::replace(text.begin(), text.end(), '/', '_');
+    return text;
+}
+
+std::string fromUrlBase64(const std::string& url)
+{
+    std::string text = url;
+    std::replace(text.begin(), text.end(), '-', '+');
+    std::replace(text.begin(), text.end(), '_', '/');
+    const auto padding = static_cast<size_t>(std::count(text.begin(), text.end(), '='));
+    std::string bytes(text.size() / 4 * 3, '\0');
+    const int size = EVP_DecodeBlock(bytesOf(bytes), bytesOf(text), sizeOf(text));
+    require(text.size() % 4 == 0 && size == sizeOf(bytes) && padding <= 2, "no Base64");
+    bytes.resize(bytes.size() - padding);
+    return bytes;
+}
+
+std::string escapedTwice(const std::string& bytes)
+{
+    constexpr char digits[] = "0123456789ABCDEF";
+    std::string text;
+    for (const char character : bytes) {
+        const auto c = static_cast<unsigned char>(character);
+        const bool isLetter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+        if (isLetter || (c >= '0' && c <= '9') || (c != 0 && strchr("-_.~!*'()", c) != nullptr)) {
+            text += character;
+        } else {
+            text += "%25";
+            text += digits[c >> 4];
+            text += digits[c & 15];
+        }
+    }
+    return text;
+}
+
+// ---- Ciphers
+
+size_t keySize(int cipher)
+{
+    return familyOf(cipher).keySize;
+}
+
+size_t blockSize(int cipher)
+{
+    return familyOf(cipher).blockSize;
+}
+
+std::string encrypt(const CipherSetup& setup, const std::string& data)
+{
+    require(setup.key.size() == keySize(setup.cipher) && setup.mode >= 1 && setup.mode <= MODES,
+            "no such cipher");
+    const EVP_CIPHER* cipher =
+        algorithms()
+            .ciphers[static_cast<size_t>(setup.cipher - 1)][static_cast<size_t>(setup.mode - 1)]
+            .get();
+    const CipherContext context(EVP_CIPHER_CTX_new());
+    require(context != nullptr && cipher != nullptr &&
+                EVP_EncryptInit_ex2(context.get(), cipher, bytesOf(setup.key),
+                                    setup.iv.empty() ? nullptr : bytesOf(setup.iv), nullptr) == 1 &&
+                EVP_CIPHER_CTX_set_padding(context.get(), setup.padded ? 1 : 0) == 1,
+            "no cipher");
+    std::string out(data.size() + EVP_MAX_BLOCK_LENGTH, '\0');
+    int size = 0, last = 0;
+    require(
+        EVP_EncryptUpdate(context.get(), bytesOf(out), &size, bytesOf(data), sizeOf(data)) == 1 &&
+            EVP_EncryptFinal_ex(context.get(), bytesOf(out) + size, &last) == 1,
+        "it does not encrypt");
+    out.resize(static_cast<size_t>(size + last));
+    return out;
+}
+
+Sealed sealGcm(const CipherSetup& setup, const std::string& data, size_t tagSize)
+{
+    const CipherSetup ecb = {setup.cipher, AVEN_MODE_ECB, false, setup.key, "", ""};
+    const Block key = blockAt(encrypt(ecb, std::string(BLOCK, '\0')), 0);
+
+    std::string start = setup.iv + std::string("\0\0\0\1", 4);
+    if (setup.iv.size() != 12) {
+        Ghash hash(key);
+        hash.take(setup.iv);
+        hash.take(Block{0, uint64_t{setup.iv.size()} * 8});
+        start = hash.sum();
+    }
+    const std::string prefix = start.substr(0, 12);
+    const auto counter = static_cast<uint32_t>(wordAt(start, 8));
+
+    Sealed sealed;
+    sealed.data = countered(ecb, prefix, counter + 1, data);
+    Ghash hash(key);
+    hash.take(setup.aad);
+    hash.take(sealed.data);
+    hash.take(Block{uint64_t{setup.aad.size()} * 8, uint64_t{data.size()} * 8});
+    sealed.tag = countered(ecb, prefix, counter, hash.sum()).substr(0, tagSize);
+    return sealed;
+}
+
+// ---- MACs and key derivation
+
+std::string hmac(int hash, const std::string& key, const std::string& data)
+{
+    return mac(algorithms().hmacs[hashIndex(hash)], key, data);
+}
+
+std::string cmac(int cipher, const std::string& key, const std::string& data)
+{
+    require(key.size() == keySize(cipher), "a key of another length");
+    return mac(algorithms().cmacs[static_cast<size_t>(cipher - 1)], key, data);
+}
+
+std::string kdf(int hash, const std::string& data, size_t length)
+{
+    const EVP_MD* md = algorithms().hashes[hashIndex(hash)].get();
+    std::string out;
+    for (uint32_t counter = 1; out.size() < length; ++counter) {
+        std::string in = data;
+        append(in, counter, 4);
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        unsigned size = 0;
+        require(EVP_Digest(in.data(), in.size(), digest, &size, md, nullptr) == 1, "no digest");
+        out.append(reinterpret_cast<char*>(digest), size);
+    }
+    out.resize(length);
+    return out;
+}
+
+// ---- Public keys
+
+std::string privatePem(EVP_PKEY* key, const char* password)
+{
+    const Bio bio = writing();
+    const int size = password == nullptr ? 0 : static_cast<int>(strlen(password));
+    require(PEM_write_bio_PKCS8PrivateKey(bio.get(), key,
+                                          password == nullptr ? nullptr : EVP_aes_256_cbc(),
+                                          password, size, nullptr, nullptr) == 1,
+            "no private key");
+    return textOf(bio);
+}
+
+std::string publicPem(EVP_PKEY* key)
+{
+    const Bio bio = writing();
+    require(PEM_write_bio_PUBKEY(bio.get(), key) == 1, "no public key");
+    return textOf(bio);
+}
+
+std::string publicEncrypt(EVP_PKEY* key, const PublicKeyForm& form, const std::string& data)
+{
+    const std::string out = used(key, form, data, EVP_PKEY_encrypt_init, EVP_PKEY_encrypt);
+    return isRsa(key) ? out : writeSm2(readSm2(out, LIBCRYPTO_FORM), form);
+}
+
+std::string privateDecrypt(EVP_PKEY* key, const PublicKeyForm& form, const std::string& encrypted)
+{
+    const std::string in =
+        isRsa(key) ? encrypted : writeSm2(readSm2(encrypted, form), LIBCRYPTO_FORM);
+    return used(key, form, in, EVP_PKEY_decrypt_init, EVP_PKEY_decrypt);
+}
+
+// ---- Envelopes
+
+bool knowsEnvelope(int cipher, int mode)
+{
+    return mode != AVEN_MODE_GCM ||
+           (cipher != AVEN_CIPHER_SM4 && cipher != AVEN_CIPHER_CAMELLIA_256);
+}
+
+std::string sealEnvelope(X509* certificate, int cipher, int mode, bool oaep,
+                         const std::string& data)
+{
+    // CMS needs the ciphers that know their object identifiers.
+    const EVP_CIPHER* content = EVP_get_cipherbyname(cipherName(cipher, mode).c_str());
+    require(content != nullptr, "no such cipher");
+    const Cms cms(CMS_encrypt(nullptr, nullptr, content, CMS_BINARY | CMS_PARTIAL));
+    require(cms != nullptr, "no envelope");
+    CMS_RecipientInfo* recipient =
+        CMS_add1_recipient_cert(cms.get(), certificate, CMS_BINARY | CMS_KEY_PARAM);
+    require(recipient != nullptr, "no recipient");
+    if (oaep)
+        setOaep(CMS_RecipientInfo_get0_pkey_ctx(recipient));
+    const Bio in = reading(data);
+    const Bio out = writing();
+    require(CMS_final(cms.get(), in.get(), nullptr, CMS_BINARY) == 1 &&
+                i2d_CMS_bio(out.get(), cms.get()) == 1,
+            "it does not seal");
+    return textOf(out);
+}
+
+std::string openEnvelope(EVP_PKEY* key, const std::string& envelope)
+{
+    const Bio in = reading(envelope);
+    const Bio out = writing();
+    const Cms cms(d2i_CMS_bio(in.get(), nullptr));
+    require(cms != nullptr, "no envelope");
+    require(CMS_decrypt(cms.get(), key, nullptr, nullptr, out.get(), CMS_BINARY) == 1,
+            "the envelope does not open");
+    return textOf(out);
+}
+
+}  // namespace support::oracle
