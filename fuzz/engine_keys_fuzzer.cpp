@@ -110,6 +110,18 @@ void checkUse(Role role, void* keypair)
     HOLDS(role == PRIVATE ? opened.bytes == "text" : opened.code == AVEN_E_KEY_NOT_PRIVATE);
 }
 
+// What libcrypto reads as a private key too, and that the halves of it belong together.
+void checkHalves(const std::string& der)
+{
+    const unsigned char* p = fuzz::bytesOf(der);
+    const Parsed<EVP_PKEY> key = {d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(der.size())),
+                                  EVP_PKEY_free};
+    const Parsed<EVP_PKEY_CTX> context = {
+        key.value == nullptr ? nullptr : EVP_PKEY_CTX_new_from_pkey(nullptr, key.value, nullptr),
+        EVP_PKEY_CTX_free};
+    HOLDS(key.value == nullptr || EVP_PKEY_pairwise_check(context.value) == 1);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
@@ -125,7 +137,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const char* const passwords[] = {nullptr, PASSWORD, "other"};
     const char* const password = passwords[input.pick(3)];
     const bool isDer = input.pick(2) == 1;
-    const std::string text = isDer ? fuzz::base64Of(input.rest()) : input.rest();
+    const std::string bytes = input.rest();
+    const std::string text = isDer ? fuzz::base64Of(bytes) : bytes;
 
     KeyPair keypair;
     const int code = read(role, AVEN_KEY_ANY, text, password, &keypair.value);
@@ -135,6 +148,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
 
     checkUse(role, keypair.value);
+    if (isDer && role == PRIVATE)
+        checkHalves(bytes);
     const int sm2 = codeFor(role, AVEN_KEY_SM2, text, password);
     const int rsa = codeFor(role, AVEN_KEY_RSA, text, password);
     HOLDS((sm2 == AVEN_OK && rsa == AVEN_E_KEY_KIND) || (sm2 == AVEN_E_KEY_KIND && rsa == AVEN_OK));

@@ -464,23 +464,42 @@ TEST_F(Keys, Sm2NumbersOutOfRangeAreRefused)
     EXPECT_EQ(readPrivate(sec1(otherScalar, SM2_POINT)), AVEN_E_KEY_INVALID);
 }
 
+// Where the last byte of each number of an RSAPrivateKey (RFC 8017, A.1.2) lies: version, n,
+// e, d, p, q, dp, dq, q's inverse.
+std::vector<size_t> lastBytes(const std::string& der)
+{
+    std::vector<size_t> places;
+    const auto byteAt = [&](size_t at) { return static_cast<unsigned char>(der.at(at)); };
+    for (size_t at = 4; at < der.size();) {
+        size_t length = byteAt(at + 1);
+        at += 2;
+        if (length > 128) {
+            const size_t bytes = length - 128;
+            length = 0;
+            for (size_t i = 0; i < bytes; ++i)
+                length = length << 8 | byteAt(at++);
+        }
+        at += length;
+        places.push_back(at - 1);
+    }
+    return places;
+}
+
 TEST_F(Keys, RsaNumbersThatDoNotFitAreRefused)
 {
-    // The modulus lies behind the headers of the whole and of the version.
-    std::string der = derOf(convert("rsa -traditional", privatePem("rsa2048")));
-    const size_t modulus = 4 + 3 + 4 + 1;
-    der[modulus + 100] = static_cast<char>(der[modulus + 100] ^ 1);
-    EXPECT_EQ(readPrivate(toBase64(der)), AVEN_E_KEY_INVALID);
-    der[modulus + 100] = static_cast<char>(der[modulus + 100] ^ 1);
+    const std::string der = derOf(convert("rsa -traditional", privatePem("rsa2048")));
     EXPECT_EQ(readPrivate(toBase64(der)), 0);
+    const std::vector<size_t> places = lastBytes(der);
+    ASSERT_EQ(places.size(), 9u);
+    for (size_t number = 1; number < places.size(); ++number) {
+        std::string changed = der;
+        changed[places[number]] = static_cast<char>(changed[places[number]] ^ 2);
+        EXPECT_EQ(readPrivate(toBase64(changed)), AVEN_E_KEY_INVALID) << "number " << number;
+    }
 
-    const size_t privateExponent = modulus + 256 + 5 + 4 + 1;
-    der[privateExponent + 100] = static_cast<char>(der[privateExponent + 100] ^ 1);
-    EXPECT_EQ(readPrivate(toBase64(der)), AVEN_E_KEY_INVALID);
-
-    der = derOf(publicPem("rsa2048"));
-    der.back() = static_cast<char>(der.back() ^ 1);  // the exponent becomes even
-    EXPECT_EQ(readPublic(toBase64(der)), AVEN_E_KEY_INVALID);
+    std::string publicDer = derOf(publicPem("rsa2048"));
+    publicDer.back() = static_cast<char>(publicDer.back() ^ 1);  // the exponent becomes even
+    EXPECT_EQ(readPublic(toBase64(publicDer)), AVEN_E_KEY_INVALID);
 }
 
 // ---- Handles.

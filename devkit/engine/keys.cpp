@@ -136,15 +136,17 @@ void checkRsaPublic(const BIGNUM* n, const BIGNUM* e)
     require(exponentBits >= 2 && exponentBits <= 64, AVEN_E_KEY_INVALID);
 }
 
-// Whether d undoes e modulo `prime` - 1.
-bool invertsModulo(const BIGNUM* prime, const RsaPrivateForm& form, BN_CTX* numbers)
+// Whether d undoes e modulo `prime` - 1, and `exponent` is d modulo that.
+bool fitsPrime(const BIGNUM* prime, const BIGNUM* exponent, const RsaPrivateForm& form,
+               BN_CTX* numbers)
 {
     const Number modulus(BN_dup(prime));
-    const Number product(BN_secure_new());
-    require(modulus != nullptr && product != nullptr, AVEN_E_NO_MEMORY);
+    const Number result(BN_secure_new());
+    require(modulus != nullptr && result != nullptr, AVEN_E_NO_MEMORY);
     return BN_sub_word(modulus.get(), 1) == 1 && !BN_is_zero(modulus.get()) &&
-           BN_mod_mul(product.get(), form.d, form.e, modulus.get(), numbers) == 1 &&
-           BN_is_one(product.get());
+           BN_mod_mul(result.get(), form.d, form.e, modulus.get(), numbers) == 1 &&
+           BN_is_one(result.get()) && BN_nnmod(result.get(), form.d, modulus.get(), numbers) == 1 &&
+           BN_cmp(result.get(), exponent) == 0;
 }
 
 // Testing the factors for primality would take longer than all uses of the key.
@@ -157,8 +159,11 @@ void checkRsaPrivate(const Engine& engine, const RsaPrivateForm& form)
     const Number product(BN_secure_new());
     require(numbers != nullptr && product != nullptr, AVEN_E_NO_MEMORY);
     require(BN_mul(product.get(), form.p, form.q, numbers.get()) == 1, AVEN_E_INTERNAL);
-    require(BN_cmp(product.get(), form.n) == 0 && invertsModulo(form.p, form, numbers.get()) &&
-                invertsModulo(form.q, form, numbers.get()),
+    require(BN_cmp(product.get(), form.n) == 0 && fitsPrime(form.p, form.dp, form, numbers.get()) &&
+                fitsPrime(form.q, form.dq, form, numbers.get()) &&
+                BN_cmp(form.qInverse, form.p) < 0 &&
+                BN_mod_mul(product.get(), form.q, form.qInverse, form.p, numbers.get()) == 1 &&
+                BN_is_one(product.get()),
             AVEN_E_KEY_INVALID);
 }
 
