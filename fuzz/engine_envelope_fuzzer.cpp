@@ -1,6 +1,6 @@
-// Envelopes: what is sealed opens to the same, a changed envelope with a tag never to
-// anything else, and any bytes may be offered for opening. Input: a byte each for the key's
-// kind, cipher and mode, and the room that is missing; three for a change; then the bytes.
+// Envelopes: what is sealed opens to the same, not with another key, and with a tag and one
+// byte changed to nothing else. Any bytes may be offered for opening. Input: a byte each for the
+// key's kind, cipher and mode, and the room that is missing; three for a change; then the bytes.
 
 #include <algorithm>
 
@@ -15,6 +15,7 @@ namespace {
 constexpr size_t ROOM = 3072;
 
 void* keypairs[2];  // SM2, RSA
+void* otherKeypairs[2];
 void* certificates[2];
 
 Outcome use(decltype(aven_crypto_pkcs7_encrypt)* function, const EnvelopeParams& params,
@@ -35,6 +36,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     for (const std::string name : {"sm2", "rsa"}) {
         HOLDS(fuzz::readPrivateKey(0, fuzz::keyFile(name + ".key"), nullptr, &keypairs[kind]) ==
               AVEN_OK);
+        HOLDS(fuzz::readPrivateKey(0, fuzz::keyFile(name + "_other.key"), nullptr,
+                                   &otherKeypairs[kind]) == AVEN_OK);
         HOLDS(fuzz::readCertificate(fuzz::keyFile(name + ".crt"), &certificates[kind]) == AVEN_OK);
         ++kind;
     }
@@ -67,6 +70,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     const Outcome opened = open(sealed.bytes, sealed.bytes.size());
     HOLDS(isSuccess(opened) && opened.bytes == bytes);
+    params.keypair = otherKeypairs[kind];
+    HOLDS(open(sealed.bytes, sealed.bytes.size()).code == AVEN_E_ENVELOPE_OPEN);
+    params.keypair = keypairs[kind];
     const Outcome forged = open(damage.in(sealed.bytes), sealed.bytes.size());
     if (params.mode == AVEN_MODE_GCM)  // the recipient's name, for one, is not protected
         HOLDS(!isSuccess(forged) || forged.bytes == bytes);

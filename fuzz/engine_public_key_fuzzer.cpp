@@ -60,11 +60,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const Outcome tooSmall =
             use(aven_crypto_public_encrypt, params, bytes, sealed.bytes.size() - 8);
         HOLDS(tooSmall.code == AVEN_E_BUFFER_TOO_SMALL);
+        PkeyCipherParams other = params;
+        other.no_asn1 = 1 - params.no_asn1;
+        HOLDS(isRsa || decrypt(other, sealed.bytes).code == AVEN_E_SM2_FORM_DIFFERS);
     } else {
         const bool isBadNumber =
             params.rsa_padding_e == 2 || params.no_asn1 == 2 || params.no_c1c3c2 == 2;
         HOLDS(isBadNumber || (isRsa ? bytes.size() > 190 : bytes.empty()));
     }
-    decrypt(params, bytes);
+    const int code = decrypt(params, bytes).code;
+    HOLDS(code == AVEN_OK || code == AVEN_E_DECRYPTION || code == AVEN_E_SM2_FORM_DIFFERS ||
+          code == AVEN_E_SM2_FORM || code == AVEN_E_RSA_PADDING);
     return 0;
 }

@@ -55,7 +55,7 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
 
 Output::Output() : descriptor_(-1) {}
 
-void Output::write(std::string_view text)
+void Output::write(std::string_view text) const
 {
     written += text;
 }
@@ -184,7 +184,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     options.keepGoing = input.pick(2) == 1;
     options.force = true;
     const std::string script = input.rest();
-    const size_t first = script.find_first_not_of(" \t\n\v\f\r");
+    const size_t first = script.find_first_not_of(" \t\n\r");
     const bool isArray = first != std::string::npos && script[first] == '[';
 
     sent.clear();

@@ -56,7 +56,8 @@ inline std::string base64Decoded(const std::string& text)
     std::string bytes;
     uint32_t bits = 0;
     int count = 0;
-    for (size_t i = 0; i < lengthOfAlphabet(text); ++i) {
+    const size_t length = lengthOfAlphabet(text);
+    for (size_t i = 0; i < length; ++i) {
         bits = bits << 6 | static_cast<uint32_t>(sextetOf(text[i]));
         count += 6;
         if (count < 8)

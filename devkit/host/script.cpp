@@ -6,6 +6,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string_view>
 
 #include "catalogue.h"
 #include "exchange.h"
@@ -200,7 +201,10 @@ void runArray(const Json& steps, Runner& runner, Output& output)
 
 void run(std::istream& in, Runner& runner, Output& output)
 {
-    if ((in >> std::ws).peek() != '[')
+    constexpr std::string_view blanks = " \t\n\r";  // those of JSON
+    while (in.good() && blanks.find(static_cast<char>(in.peek())) != blanks.npos)
+        in.get();
+    if (in.peek() != '[')
         return runLines(in, runner, output);
     const std::string text{std::istreambuf_iterator<char>(in), {}};
     runArray(parse(text), runner, output);
