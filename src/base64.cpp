@@ -97,7 +97,6 @@ void decodeRest(Next next, Put put)
             filled = 0;
         }
     }
-    std::fill(s + filled, s + 4, 0u);
     putGroup(filled > 0 ? filled - 1 : 0);
 }
 

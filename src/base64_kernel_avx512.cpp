@@ -16,7 +16,7 @@ struct alignas(64) SpreadOrder {
     unsigned char at[64] = {};
     constexpr SpreadOrder()
     {
-        for (int i = 0; i < 16; ++i) {
+        for (size_t i = 0; i < 16; ++i) {
             at[4 * i] = static_cast<unsigned char>(3 * i + 1);
             at[4 * i + 1] = static_cast<unsigned char>(3 * i);
             at[4 * i + 2] = static_cast<unsigned char>(3 * i + 2);
@@ -31,7 +31,7 @@ struct alignas(64) PackOrder {
     unsigned char at[64] = {};
     constexpr PackOrder()
     {
-        for (int i = 0; i < 16; ++i) {
+        for (size_t i = 0; i < 16; ++i) {
             at[3 * i] = static_cast<unsigned char>(4 * i + 2);
             at[3 * i + 1] = static_cast<unsigned char>(4 * i + 1);
             at[3 * i + 2] = static_cast<unsigned char>(4 * i);
@@ -49,9 +49,9 @@ struct alignas(64) Sextets {
         for (unsigned char& sextet : of)
             sextet = 0x80;
         for (int i = 0; i < 64; ++i) {
-            of[static_cast<int>(base64_chars[i])] = static_cast<unsigned char>(i);
+            of[static_cast<unsigned char>(base64_chars[i])] = static_cast<unsigned char>(i);
             if (Url)
-                of[static_cast<int>(base64_url_chars[i])] = static_cast<unsigned char>(i);
+                of[static_cast<unsigned char>(base64_url_chars[i])] = static_cast<unsigned char>(i);
         }
     }
 };

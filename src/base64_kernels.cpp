@@ -4,7 +4,7 @@
 
 namespace {
 
-const Base64Kernel* fastestKernel()
+const Base64Kernel* fastestKernel() noexcept
 {
     for (const auto kernel :
          {base64_kernel_avx512, base64_kernel_avx2, base64_kernel_ssse3, base64_kernel_neon}) {

@@ -128,7 +128,6 @@ public:
     template <class Body>
     int run(bool available, Body body)
     {
-        m_binding.m_errorCode = 0;
         if (!m_binding.isLoad() || !available)
             return AVEN_NOT_LOADED;
 

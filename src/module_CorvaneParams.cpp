@@ -30,7 +30,7 @@ alignas(CorvaneParamsClass) unsigned char instanceMemory[sizeof(CorvaneParamsCla
 
 CorvaneParamsClass* CorvaneParamsClass::insModule = new (instanceMemory) CorvaneParamsClass;
 
-CorvaneParamsClass::CorvaneParamsClass() : m_handle(nullptr)
+CorvaneParamsClass::CorvaneParamsClass() noexcept : m_handle(nullptr)
 {
     forgetFunctions();
 }

@@ -13,7 +13,7 @@ constexpr int PARAMS_FUNCTION_MISSING = -20216;  // the module lacks the functio
 // not run beside any other call.
 class __attribute__((visibility("default"))) CorvaneParamsClass {
 public:
-    CorvaneParamsClass();
+    CorvaneParamsClass() noexcept;
 
     // The one instance; never null.
     static CorvaneParamsClass* getInstance();

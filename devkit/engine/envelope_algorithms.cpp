@@ -90,7 +90,7 @@ const ASN1_OBJECT* identifierOf(const X509_ALGOR* algorithm)
 void set(X509_ALGOR* out, ASN1_OBJECT* object, int type, StringOwner value)
 {
     require(X509_ALGOR_set0(out, object, type, value.get()) == 1, AVEN_E_NO_MEMORY);
-    value.release();
+    (void)value.release();
 }
 
 StringOwner stringOf(int type, Bytes content)

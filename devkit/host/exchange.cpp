@@ -31,7 +31,7 @@ Outcome exchange(HostSession& session, const RequestInfo* request, const std::st
 {
     if (request != nullptr)
         for (const std::string& complaint : complaints(*request, parameters))
-            tell("warning: " + name + ": " + complaint);
+            tell(std::string("warning: ").append(name).append(": ").append(complaint));
 
     Reply reply = session.send(name, parameters);
     Outcome outcome;

@@ -213,13 +213,15 @@ Pairs HostSession::readResults()
 
     Pairs results;
     for (int i = 0; i < count; ++i) {
-        const LoadError refused("the parameter module does not give result " + std::to_string(i) +
-                                " of " + std::to_string(count));
+        const auto refused = [&] {
+            return LoadError("the parameter module does not give result " + std::to_string(i) +
+                             " of " + std::to_string(count));
+        };
         long nameLength = 0;
         long valueLength = 0;
         if (GetRetParamFromIndex_(i, nullptr, &nameLength, nullptr, &valueLength) != 0 ||
             nameLength < 0 || valueLength < 0)
-            throw refused;
+            throw refused();
 
         std::string name(static_cast<size_t>(nameLength) + 1, '\0');
         std::string value(static_cast<size_t>(valueLength) + 1, '\0');
@@ -227,7 +229,7 @@ Pairs HostSession::readResults()
         const long valueRoom = valueLength;
         if (GetRetParamFromIndex_(i, name.data(), &nameLength, value.data(), &valueLength) != 0 ||
             nameLength < 0 || nameLength > nameRoom || valueLength < 0 || valueLength > valueRoom)
-            throw refused;
+            throw refused();
 
         name.resize(static_cast<size_t>(nameLength));
         value.resize(static_cast<size_t>(valueLength));

@@ -37,13 +37,13 @@ Output::Output() : descriptor_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))
     }
 }
 
-void Output::write(std::string_view text)
+void Output::write(std::string_view text) const
 {
     if (!writeAll(descriptor_, text))
         failToWrite("to standard output");
 }
 
-void Output::write(std::string_view text, const std::string& path)
+void Output::write(std::string_view text, const std::string& path) const
 {
     if (path.empty())
         return write(text);
@@ -60,7 +60,7 @@ void Output::write(std::string_view text, const std::string& path)
         failToWrite(path);
 }
 
-void Output::giveBack()
+void Output::giveBack() const
 {
     dup2(descriptor_, STDOUT_FILENO);
 }

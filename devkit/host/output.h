@@ -20,12 +20,12 @@ public:
     Output& operator=(const Output&) = delete;
 
     // Whole or not at all as far as the program is concerned: throws a UsageError.
-    void write(std::string_view text);
+    void write(std::string_view text) const;
     // The same to a file, which is made or replaced; an empty path means this output.
-    void write(std::string_view text, const std::string& path);
+    void write(std::string_view text, const std::string& path) const;
 
     // Gives descriptor 1 back, for a program that takes this one's place.
-    void giveBack();
+    void giveBack() const;
 
 private:
     int descriptor_;
