@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the tests.
 #   ./test.sh       the fast suite
-#   ./test.sh all   also formatting, Clang, sanitizers and valgrind
+#   ./test.sh all   also static analysis, Clang, sanitizers, valgrind, 64-bit ARM in
+#                   emulation, coverage, fuzzers, a minute of load, reproducibility
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 . packaging/packages.sh
@@ -32,60 +33,81 @@ stage() {
     fi
 }
 
-# Configures and builds a preset; further arguments go to the configuration. Shows the
-# compiler's output only if it fails.
-build_preset() {
+# Runs a command and shows its output only if it fails.
+quietly() {
     local log=build/$1.log
     mkdir -p build
-    if ! { cmake --preset "$1" -DCORVANE_TESTS=ON "${@:2}" && cmake --build "build/$1"; } >"$log" 2>&1; then
+    if ! "${@:2}" >"$log" 2>&1; then
         tail -n 60 "$log"
         return 1
     fi
+}
+
+# Configures a preset and builds it, or only the targets that are named behind it.
+build_preset() {
+    quietly "$1-configuration" cmake --preset "$1" &&
+        quietly "$1" cmake --build "build/$1" --target "${@:2}"
 }
 
 run_ctest() {
     ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j "$(nproc)" "${@:2}"
 }
 
-fast_suite() {
-    build_preset release && run_ctest release
+# Builds a preset and runs all of its tests.
+tests_of() {
+    build_preset "$1" all && run_ctest "$1"
 }
 
 formatting() {
     git ls-files -z '*.cpp' '*.h' '*.c' | xargs -0 clang-format --dry-run -Werror
 }
 
-clang_build() {
-    build_preset clang && run_ctest clang
+# What ships and the devkit. Clang's tool takes the compiler's options from its preset.
+static_analysis() {
+    cppcheck -j "$(nproc)" --quiet --std=c++17 --language=c++ --library=posix --library=gnu \
+        --enable=warning,performance,portability --suppressions-list=.cppcheck-suppressions \
+        --error-exitcode=1 -I src -I devkit/engine -I devkit/params -I devkit/peer src devkit &&
+        quietly clang-configuration cmake --preset clang &&
+        git ls-files -z 'src/*.cpp' 'devkit/*.cpp' |
+        quietly clang-tidy xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang
 }
 
-sanitizers() {
-    build_preset asan && run_ctest asan
+# Where threads meet: the parameter module, the engine, requests at once.
+thread_sanitizer() {
+    local tests=(concurrency_test engine_threads_test engine_key_exchange_test)
+    build_preset tsan "${tests[@]}" && run_ctest tsan -R "^($(IFS='|' && echo "${tests[*]}"))$"
 }
 
 # The programs that run against the test doubles; those with real cryptography would
 # only test its library.
 valgrind_doubles() {
-    local program programs status=0
+    local programs
     programs=$(ctest --test-dir build/release -L doubles -N | sed -n 's/^ *Test *#[0-9]*: //p')
-    [ -n "$programs" ] || return 1
-    for program in $programs; do
-        printf '%s\n' "$program"
+    [ -n "$programs" ] && xargs -P "$(nproc)" -I '{}' \
         valgrind --quiet --error-exitcode=99 --leak-check=full \
-            --errors-for-leak-kinds=definite,indirect \
-            "build/release/tests/$program" --gtest_brief=1 || status=1
-    done
-    return $status
+        --errors-for-leak-kinds=definite,indirect build/release/tests/{} --gtest_brief=1 \
+        <<<"$programs"
+}
+
+soak() {
+    build/release/tests/soak --seconds 60 --threads "$(nproc)"
 }
 
 packaging/install-packages.sh "${build_packages[@]}" "${test_packages[@]}"
-stage "tests" fast_suite
+stage "tests" tests_of release
 if [ "${1-}" = all ]; then
-    packaging/install-packages.sh "${all_packages[@]}"
+    packaging/install-packages.sh "${all_packages[@]}" "${aarch64_packages[@]}"
     stage "formatting" formatting
-    stage "clang" clang_build
-    stage "address and undefined behaviour sanitizers" sanitizers
+    stage "static analysis" static_analysis
+    stage "Clang" tests_of clang
+    stage "address and undefined behaviour sanitizers" tests_of asan
+    stage "thread sanitizer" thread_sanitizer
     stage "valgrind" valgrind_doubles
+    stage "64-bit ARM" tests_of aarch64
+    stage "coverage" tests/coverage.sh
+    stage "fuzzers" fuzz/run.sh 30
+    stage "load" soak
+    stage "reproducible builds" tests/reproducible.sh
 fi
 
 printf '\n'

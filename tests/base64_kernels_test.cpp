@@ -83,6 +83,7 @@ class Kernel : public ::testing::TestWithParam<std::tuple<const Base64Kernel*, B
 protected:
     const Base64Kernel* kernel = std::get<0>(GetParam());
     const Base64Alphabet alphabet = std::get<1>(GetParam());
+    const bool isScalar = kernel == base64_kernel_scalar();  // takes all whole groups
 
     // Encodes from a buffer of exactly the input's size into one of exactly the room
     // that the kernel may use, `shift` bytes behind an aligned address.
@@ -97,7 +98,7 @@ protected:
             kernel->encode[alphabet](from.get() + shift, in.size(), to.get() + shift);
         ASSERT_EQ(0u, taken % 3) << in.size();
         ASSERT_LE(taken, in.size());
-        ASSERT_GT(taken + 64, in.size()) << "leaves more than a step";
+        ASSERT_GT(taken + (isScalar ? 3 : 64), in.size()) << "leaves more than a step";
         ASSERT_EQ(modelEncode(in, alphabet).substr(0, taken / 3 * 4),
                   std::string(to.get() + shift, taken / 3 * 4))
             << in.size() << " bytes at " << shift;
@@ -118,7 +119,7 @@ protected:
             const size_t taken = kernel->decode[alphabet](from.get() + shift, text.size(), out);
             ASSERT_EQ(0u, taken % 4) << text;
             ASSERT_LE(taken, clean) << text;
-            ASSERT_GT(taken + 128, clean) << "leaves more than a step: " << text;
+            ASSERT_GT(taken + (isScalar ? 4 : 128), clean) << "leaves more than a step: " << text;
             ASSERT_EQ(Bytes(expected.begin(), expected.begin() + static_cast<long>(taken / 4 * 3)),
                       Bytes(out, out + taken / 4 * 3))
                 << text << " at " << shift;

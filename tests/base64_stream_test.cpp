@@ -153,6 +153,24 @@ public:
     std::string text;
 };
 
+// Leaves a freed block behind that is not all zero; the next one of its size has its place.
+void leaveUsedBlock(size_t size)
+{
+    auto* block = static_cast<volatile unsigned char*>(malloc(size));
+    for (size_t i = 0; i < size; i++)
+        block[i] = CANARY;
+    free(const_cast<unsigned char*>(block));
+}
+
+TEST(EncodeState, IsClearedButForItsColumn)
+{
+    leaveUsedBlock(12);
+    Encoder encoder;
+    ASSERT_NE(encoder.state, nullptr);
+    const unsigned char cleared[8] = {};
+    EXPECT_EQ(memcmp(encoder.state, cleared, sizeof cleared), 0);
+}
+
 TEST(EncodeState, BeginsEmptyInColumnOne)
 {
     Encoder encoder;
@@ -192,6 +210,16 @@ TEST(EncodeState, CountsColumnsUpTo76)
     EXPECT_EQ(encoder.text.find('\n'), std::string::npos);
 }
 
+TEST(EncodeState, CountsTheLastGroupToo)
+{
+    for (const size_t groups : {0U, 1U, 18U, 19U, 20U}) {
+        Encoder encoder;
+        encoder.update(std::string(3 * groups + 1, 'x'));
+        EXPECT_EQ(encoder.finish(), 4);
+        EXPECT_EQ(encoder.column(), static_cast<int>(1 + 4 * (groups + 1) % 76)) << groups;
+    }
+}
+
 TEST(EncodeState, LeavesTheColumnForPendingBytes)
 {
     Encoder encoder;
@@ -205,6 +233,13 @@ TEST(EncodeFinish, WritesNothingWithoutPendingBytes)
     encoder.update("abc");
     unsigned char out[4] = {CANARY, CANARY, CANARY, CANARY};
     EXPECT_EQ(encodefinish(out, encoder.state), 0);
+    EXPECT_EQ(std::count(out, out + 4, CANARY), 4);
+}
+
+TEST(EncodeFinish, WritesNothingWithoutAState)
+{
+    unsigned char out[4] = {CANARY, CANARY, CANARY, CANARY};
+    EXPECT_EQ(encodefinish(out, nullptr), 0);
     EXPECT_EQ(std::count(out, out + 4, CANARY), 4);
 }
 
@@ -312,6 +347,15 @@ TEST(EncodeUpdate, TakesNothingOfAnInputThatItsResultCannotCount)
     EXPECT_EQ(encoder.text, "Zg==");
 }
 
+TEST(EncodeUpdate, TakesNothingWithoutAState)
+{
+    unsigned char in[] = "foobar";
+    unsigned char out[8];
+    std::fill_n(out, sizeof out, CANARY);
+    EXPECT_EQ(encodeupdate(in, 6, out, nullptr), 0);
+    EXPECT_EQ(std::count(out, out + sizeof out, CANARY), 8);
+}
+
 TEST(EncodeUpdate, TakesNothingOfANegativeLength)
 {
     Encoder encoder;
@@ -411,6 +455,7 @@ public:
 
 TEST(DecodeState, BeginsZeroed)
 {
+    leaveUsedBlock(8);
     unsigned char* state = nullptr;
     ASSERT_EQ(decodeini(&state), 0);
     ASSERT_NE(state, nullptr);
@@ -447,6 +492,28 @@ TEST(DecodeFinish, TakesANullState)
     EXPECT_EQ(decodefinish(out, &state), 0);
     EXPECT_EQ(state, nullptr);
     EXPECT_EQ(out[0], CANARY);
+}
+
+TEST(DecodeFinish, TakesANullPointerToTheState)
+{
+    unsigned char out[3] = {CANARY, CANARY, CANARY};
+    EXPECT_EQ(decodefinish(out, nullptr), 0);
+    EXPECT_EQ(std::count(out, out + 3, CANARY), 3);
+}
+
+// The host holds the state as bytes and may have written into it.
+TEST(DecodeFinish, CopiesNothingForACountThatNoStateHas)
+{
+    for (const int32_t count : {4, 5, INT_MAX, 0, -1, INT_MIN}) {
+        unsigned char* state = nullptr;
+        ASSERT_EQ(decodeini(&state), 0);
+        memcpy(state, &count, sizeof count);
+        unsigned char out[8];
+        std::fill_n(out, sizeof out, CANARY);
+        EXPECT_EQ(decodefinish(out, &state), 0) << count;
+        EXPECT_EQ(state, nullptr) << count;
+        EXPECT_EQ(std::count(out, out + sizeof out, CANARY), 8) << count;
+    }
 }
 
 TEST(DecodeUpdate, ReturnsZeroForANullStateOrInput)

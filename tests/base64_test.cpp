@@ -303,6 +303,13 @@ TEST_F(WideLocale, DecodesTheLowBytesOfForeignLetters)
     EXPECT_EQ(base64_decode_w(L"\u015a\u016d\u0139\u0176"), L"foo");
 }
 
+// The low byte of U+0100, a letter too, is in no place of the alphabet and counts as 255.
+TEST_F(WideLocale, DecodesOtherLettersAs255)
+{
+    EXPECT_EQ(base64_decode_w(L"\u0100AAA"), std::wstring(L"\xfc\0\0", 3));
+    EXPECT_EQ(base64_decode_w(L"AAA\u0100"), std::wstring(L"\0\0\xff", 3));
+}
+
 TEST(Base64DecodeWide, EndsAtALetterThatTheLocaleDoesNotKnow)
 {
     EXPECT_EQ(base64_decode_w(L"Zm9v\u015am9v"), L"foo");

@@ -8,6 +8,7 @@
 #include <random>
 
 #include "engine_binding.h"
+#include "support/allocation_fault.h"
 #include "support/plugin_test.h"
 
 using support::engineDouble;
@@ -379,6 +380,19 @@ TEST_F(EngineLoad, HandleTextIsSignedDecimal)
     expectAll();
     std::locale::global(previous);
     EXPECT_EQ(0, engine.get_ErrorCode()) << "uses nothing of the object";
+}
+
+// Texts of more than 15 characters need memory.
+TEST_F(EngineLoad, HandleTextIsEmptyWithoutMemory)
+{
+    SKIP_WITHOUT_ALLOCATION_FAULTS();
+    std::string text = "before";
+    {
+        const auto fault = support::AllocationFault::nth(journal, 1);
+        EXPECT_NO_THROW(text = engine.GetStrForInt(LONG_MIN));
+        EXPECT_TRUE(fault.struck());
+    }
+    EXPECT_EQ("", text);
 }
 
 TEST_F(EngineLoad, HandleTextIsReadAsFarAsItIsANumber)

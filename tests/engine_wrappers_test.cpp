@@ -1072,6 +1072,24 @@ TEST_F(EngineCalls, TagIsWrittenInModeSixOnly)
     }
 }
 
+TEST_F(EngineCalls, WithoutABlockThereIsNoTag)
+{
+    std::string out;
+    std::string tag = "before";
+    EXPECT_EQ(0, engine.aven_crypto_encrypt(nullptr, "in", out, tag, 12));
+    const auto& encrypted = journal.only("aven_crypto_encrypt");
+    EXPECT_EQ(0, encrypted["tag_len"].number);
+    EXPECT_TRUE(encrypted["tag"].null);
+    EXPECT_EQ("before", tag);
+    EXPECT_EQ("in", out);
+
+    journal.calls.clear();
+    EXPECT_EQ(0, engine.aven_crypto_decrypt(nullptr, "in", "tag", out));
+    const auto& decrypted = journal.only("aven_crypto_decrypt");
+    EXPECT_EQ(0, decrypted["tag_len"].number);
+    EXPECT_TRUE(decrypted["tag"].null);
+}
+
 TEST_F(EngineCalls, TagHasTheLengthAskedForWhateverTheEngineWrote)
 {
     const struct {
@@ -1092,20 +1110,24 @@ TEST_F(EngineCalls, TagHasTheLengthAskedForWhateverTheEngineWrote)
     }
 }
 
-TEST_F(EngineCalls, TagBeyondItsBufferIsNotRead)
+TEST_F(EngineCalls, TagBeyondItsBufferIsNeitherOfferedNorRead)
 {
     for (const int tagLen : {513, 1024, 1 << 20, INT_MAX}) {
         std::string out;
         std::string tag;
+        journal.calls.clear();
         EXPECT_EQ(0, engine.aven_crypto_encrypt(&gcm, "in", out, tag, tagLen));
+        EXPECT_EQ(512, journal.only("aven_crypto_encrypt")["tag_len"].number) << tagLen;
         EXPECT_LE(tag.size(), 512U) << tagLen;
         EXPECT_EQ("in", out);
     }
     for (const int tagLen : {-1, INT_MIN}) {
         std::string out;
         std::string tag = "before";
+        journal.calls.clear();
         EXPECT_NO_THROW(engine.aven_crypto_encrypt(&gcm, "in", out, tag, tagLen));
-        EXPECT_LE(tag.size(), 512U) << tagLen;
+        EXPECT_EQ(0, journal.only("aven_crypto_encrypt")["tag_len"].number) << tagLen;
+        EXPECT_EQ("", tag) << tagLen;
     }
 }
 

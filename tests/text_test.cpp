@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -80,6 +81,16 @@ TEST_F(ReplaceInChar, TouchesNothingBehindTheLength)
     exact[0] = '-';
     handler.ReplaceInChar(exact.get(), 1, '-', '+');
     EXPECT_EQ(exact[0], '+');
+}
+
+// It goes by 16 bytes at a time and takes the rest one by one.
+TEST_F(ReplaceInChar, ReplacesAnyLengthAndNothingBehindIt)
+{
+    for (size_t length = 0; length <= 70; ++length) {
+        std::string text(length + 16, '-');
+        handler.ReplaceInChar(text.data(), static_cast<int>(length), '-', '+');
+        EXPECT_EQ(text, std::string(length, '+') + std::string(16, '-')) << length;
+    }
 }
 
 using UrlData = Text;
@@ -461,6 +472,32 @@ TEST_F(RunCmd, WaitsForTheCommand)
     unlink(path);
 }
 
+// Its output ends long before the command does.
+TEST_F(RunCmd, WaitsForACommandThatHasClosedItsOutput)
+{
+    char path[] = "/tmp/corvane_test_XXXXXX";
+    int file = mkstemp(path);
+    ASSERT_GE(file, 0);
+    close(file);
+    EXPECT_EQ(handler.runCmd(std::string("echo begun; exec >&-; sleep 0.2; rm ") + path),
+              "begun\n");
+    EXPECT_NE(access(path, F_OK), 0);
+    unlink(path);
+}
+
+TEST_F(RunCmd, LeavesNoProcessAndNoOpenFileBehind)
+{
+    int before = dup(STDIN_FILENO);
+    ASSERT_GE(before, 0);
+    close(before);
+    for (const char* command : {"true", "echo abc", "head -c 20000 /dev/zero", "exit 3"})
+        handler.runCmd(command);
+    int after = dup(STDIN_FILENO);
+    close(after);
+    EXPECT_EQ(after, before) << "the lowest number that is free";
+    EXPECT_LE(waitpid(-1, nullptr, WNOHANG), 0) << "a child that nobody has waited for";
+}
+
 TEST_F(RunCmd, PrintsThatACommandCannotBeStarted)
 {
     // A pipe needs two more files than the process has.
@@ -594,6 +631,14 @@ TEST_F(LocaleLatin1, AddsLettersThatCountAs255)
     EXPECT_EQ(base64_decode("Zm9v\xa7"
                             "AAAZm9v"),
               "foo");
+    // In each place the bits count that a sextet has there; the last has all eight.
+    EXPECT_EQ(base64_decode("A\xe9"
+                            "AA"),
+              std::string("\x03\xf0\0", 3));
+    EXPECT_EQ(base64_decode("AA\xe9"
+                            "A"),
+              std::string("\0\x0f\xc0", 3));
+    EXPECT_EQ(base64_decode("AAA\xe9"), std::string("\0\0\xff", 3));
 }
 
 TEST_F(LocaleLatin1, LeavesNumbersAlone)
