@@ -72,6 +72,14 @@ static_analysis() {
         quietly clang-tidy xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang
 }
 
+# The plug-in's own tests are built by Clang for the coverage; here are all others.
+clang_and_coverage() {
+    . tests/support/plugin_programs.sh
+    tests/coverage.sh && quietly coverage cmake --build build/coverage &&
+        LLVM_PROFILE_FILE=/dev/null run_ctest coverage \
+            -E "^($(IFS='|' && echo "${plugin_programs[*]}"))$"
+}
+
 # Where threads meet: the parameter module, the engine, requests at once.
 thread_sanitizer() {
     local tests=(concurrency_test engine_threads_test engine_key_exchange_test)
@@ -99,12 +107,12 @@ if [ "${1-}" = all ]; then
     packaging/install-packages.sh "${all_packages[@]}" "${aarch64_packages[@]}"
     stage "formatting" formatting
     stage "static analysis" static_analysis
-    stage "Clang" tests_of clang
+    stage "Clang and coverage" clang_and_coverage
     stage "address and undefined behaviour sanitizers" tests_of asan
     stage "thread sanitizer" thread_sanitizer
     stage "valgrind" valgrind_doubles
+    stage "Base64 kernels" tests/kernels.sh
     stage "64-bit ARM" tests_of aarch64
-    stage "coverage" tests/coverage.sh
     stage "fuzzers" fuzz/run.sh 30
     stage "load" soak
     stage "reproducible builds" tests/reproducible.sh

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the fuzzers and runs them, two at a time, each in a corpus of its own that starts
-# with its seeds.
+# Builds the fuzzers and runs them, two for each processor at a time, each in a corpus of its
+# own that starts with its seeds.
 #   fuzz/run.sh SECONDS           each for so many seconds
 #   fuzz/run.sh SECONDS NAME...   only these, e.g. base64 engine_keys
 # One row for each: executions, edges covered, corpus size, findings. Fails if there is a
@@ -38,7 +38,7 @@ for name in "${names[@]}"; do
     }
 done
 # A row's worth of output only if it fails.
-if ! cmake --build "$build" -j 2 --target "${names[@]/%/_fuzzer}" >"$build/build.log" 2>&1; then
+if ! cmake --build "$build" --target "${names[@]/%/_fuzzer}" >"$build/build.log" 2>&1; then
     tail -n 60 "$build/build.log"
     exit 1
 fi
@@ -72,7 +72,7 @@ export seconds build results findings
 
 printf '%-22s %12s %8s %8s %9s\n' fuzzer executions edges corpus findings
 status=0
-printf '%s\0' "${names[@]}" | xargs -0 -P 2 -I '{}' bash -c 'fuzz_one "$1"' fuzz_one '{}' || status=1
+printf '%s\0' "${names[@]}" | xargs -0 -P $((2 * $(nproc))) -I '{}' bash -c 'fuzz_one "$1"' fuzz_one '{}' || status=1
 [ "$status" -ne 0 ] || exit 0
 
 echo

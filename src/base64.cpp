@@ -10,8 +10,8 @@
 
 namespace {
 
-// Bytes of text that pass through a buffer on the stack at a time on their way into a
-// string, which would zero its memory first if it were sized beforehand.
+// Characters of text at a time. A string zeroes what it grows by, so it grows by little at
+// a time: the memory is in the cache when the kernel then writes to it.
 constexpr size_t CHUNK = 8192;
 static_assert(CHUNK % 64 == 0, "a whole number of steps of every kernel");
 
@@ -44,22 +44,24 @@ void encodeLast(const unsigned char* in, size_t len, Base64Alphabet alphabet, ch
 std::string encode(const unsigned char* in, size_t len, Base64Alphabet alphabet)
 {
     constexpr size_t step = CHUNK / 4 * 3;
-    char chunk[CHUNK];
     std::string text;
 
     text.reserve((len + 2) / 3 * 4);
     while (len >= 3) {
-        const size_t room = std::min(len, step);
-        size_t taken = base64_kernel->encode[alphabet](in, room, chunk);
-        taken += base64_kernel_scalar()->encode[alphabet](in + taken, room - taken,
-                                                          chunk + taken / 3 * 4);
-        text.append(chunk, taken / 3 * 4);
-        in += taken;
-        len -= taken;
+        const size_t groups = std::min(len, step) / 3;
+        const size_t start = text.length();
+        text.resize(start + groups * 4);
+        char* const out = text.data() + start;
+        const size_t taken = base64_kernel->encode[alphabet](in, groups * 3, out);
+        base64_kernel_scalar()->encode[alphabet](in + taken, groups * 3 - taken,
+                                                 out + taken / 3 * 4);
+        in += groups * 3;
+        len -= groups * 3;
     }
     if (len > 0) {
-        encodeLast(in, len, alphabet, chunk);
-        text.append(chunk, 4);
+        char last[4];
+        encodeLast(in, len, alphabet, last);
+        text.append(last, sizeof last);
     }
     return text;
 }
@@ -122,15 +124,17 @@ std::string base64_decode(const std::string& text)
 {
     const auto* in = reinterpret_cast<const unsigned char*>(text.data());
     const size_t len = text.length();
-    unsigned char chunk[CHUNK / 4 * 3];
     std::string bytes;
     size_t i = 0;
 
     bytes.reserve(len / 4 * 3 + 2);
-    while (const size_t taken =
-               decodeGroups(in + i, std::min(len - i, CHUNK), BASE64_STANDARD, chunk)) {
-        bytes.append(reinterpret_cast<const char*>(chunk), taken / 4 * 3);
-        i += taken;
+    for (size_t taken = CHUNK; taken == CHUNK; i += taken) {
+        const size_t room = std::min(len - i, CHUNK);
+        const size_t start = bytes.length();
+        bytes.resize(start + room / 4 * 3);
+        taken = decodeGroups(in + i, room, BASE64_STANDARD,
+                             reinterpret_cast<unsigned char*>(bytes.data() + start));
+        bytes.resize(start + taken / 4 * 3);
     }
     decodeRest([&] { return i < len ? sextetOf(in[i++]) : -1; },
                [&](unsigned char b) { bytes += static_cast<char>(b); });

@@ -1,5 +1,5 @@
-// The inner loops of the string codec. Each kernel takes the bulk of an input and leaves
-// the rest, and everything unusual, to base64.cpp. All kernels give the same bytes.
+// The inner loops of the Base64 codecs. Each kernel takes the bulk of an input and leaves
+// the rest, and everything unusual, to its callers. All kernels give the same bytes.
 #ifndef CORVANE_BASE64_KERNELS_H
 #define CORVANE_BASE64_KERNELS_H
 

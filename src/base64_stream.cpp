@@ -7,6 +7,8 @@
 #include <cstring>
 #include <memory>
 
+#include "base64_kernels.h"
+
 namespace {
 
 constexpr char alphabet[] =
@@ -78,6 +80,14 @@ size_t encode(const unsigned char* in, size_t inLen, unsigned char* out, Encoder
         ++filled;
     }
     for (size_t i = 0; i < inLen; ++i) {
+        if (filled == 0) {
+            const size_t taken = base64_kernel->encode[BASE64_STANDARD](
+                in + i, inLen - i, reinterpret_cast<char*>(out + written));
+            written += taken / 3 * 4;
+            i += taken;
+            if (i == inLen)
+                break;
+        }
         group[filled++] = in[i];
         if (filled == 3) {
             putGroup(group, out + written);
@@ -89,6 +99,19 @@ size_t encode(const unsigned char* in, size_t inLen, unsigned char* out, Encoder
     state.pendingCount = static_cast<int32_t>(filled);
     advanceColumn(state, written);
     return written;
+}
+
+// Decodes whole groups of the 64 characters, as many as the kernel takes at once; returns the
+// number of characters. Through a buffer, as a kernel may write what does not count, and
+// `out` may have room for no more than what does.
+size_t decodeGroups(const unsigned char* in, size_t inLen, unsigned char* out)
+{
+    constexpr size_t CHUNK = 2048;
+    unsigned char bytes[CHUNK / 4 * 3];
+    const size_t taken =
+        base64_kernel->decode[BASE64_STANDARD](in, inLen < CHUNK ? inLen : CHUNK, bytes);
+    memcpy(out, bytes, taken / 4 * 3);
+    return taken;
 }
 
 // decodeupdate without a limit on the length.
@@ -105,6 +128,15 @@ size_t decode(const unsigned char* in, size_t inLen, unsigned char* out, Decoder
     state.pendingCount = 0;
 
     for (size_t i = 0; i < inLen; ++i) {
+        while (filled == 0) {
+            const size_t taken = decodeGroups(in + i, inLen - i, out + written);
+            if (taken == 0)
+                break;
+            written += taken / 4 * 3;
+            i += taken;
+        }
+        if (i == inLen)
+            break;
         if (reverse.place[in[i]] == 0 && in[i] != 'A')
             continue;
         group[filled++] = in[i];

@@ -24,7 +24,7 @@ mkdir -p "$build"
 # The compiler's output only if it fails.
 if ! { cmake -G Ninja -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug \
     -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
-    -DCORVANE_DEVKIT=OFF -DCORVANE_TESTS=ON \
+    -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DCORVANE_TESTS=ON \
     "-DCMAKE_PROJECT_corvane_INCLUDE=$PWD/tests/coverage.cmake" &&
     cmake --build "$build" -j "$(nproc)" --target "${plugin_programs[@]}"; } >"$build/build.log" 2>&1; then
     tail -n 60 "$build/build.log"

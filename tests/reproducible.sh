@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the libraries twice, from copies of the checkout at different places into build
-# trees at different places, and compares every byte of them.
+# Builds the libraries a second time, from a copy of the checkout at another place into a
+# build tree at another place, and compares every byte with those of build/release.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -10,25 +10,25 @@ libraries=(src/libCorvane_plugin.so devkit/params/libCorvaneParamsModule.so
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-# Copies the checkout to one directory and builds it in another.
-build_at() {
-    local source=$scratch/$1 build=$scratch/$2 log=$scratch/log
-    mkdir -p "$source"
-    git ls-files -z --cached --others --exclude-standard | xargs -0 cp --parents -t "$source"
-    if ! { cmake -S "$source" --preset release -B "$build" -DCORVANE_TESTS=OFF &&
-        cmake --build "$build" --target Corvane_plugin CorvaneParamsModule SoftModuleaven; } \
-        >"$log" 2>&1; then
-        tail -n 30 "$log"
+# Builds a checkout in a directory; shows the output only if that fails.
+build() {
+    if ! { cmake -S "$1" --preset release -B "$2" &&
+        cmake --build "$2" --target Corvane_plugin CorvaneParamsModule SoftModuleaven; } \
+        >"$scratch/log" 2>&1; then
+        tail -n 30 "$scratch/log"
         exit 1
     fi
 }
 
-build_at first first/build/release
-build_at 'second one' elsewhere
+copy="$scratch/another place"
+mkdir "$copy"
+git ls-files -z --cached --others --exclude-standard | xargs -0 cp --parents -t "$copy"
+build . build/release
+build "$copy" "$scratch/elsewhere"
 
 status=0
 for library in "${libraries[@]}"; do
-    one=$(sha256sum <"$scratch/first/build/release/$library")
+    one=$(sha256sum <"build/release/$library")
     other=$(sha256sum <"$scratch/elsewhere/$library")
     if [ "$one" = "$other" ]; then
         echo "same bytes  ${one%% *}  $library"
