@@ -5,18 +5,19 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iterator>
+#include <string_view>
 #include <utility>
 #include <vector>
 
-#include "WebServerBase_replace.h"
 #include "base64.h"
+#include "base64_kernels.h"
 #include "engine_binding_text.h"
 #include "engine_interface.h"
 
 namespace {
 
 struct RequestRow {
-    const char* name;
+    std::string_view name;
     void (CWebOperateAvenSoftModule::*handler)();
 };
 
@@ -58,9 +59,9 @@ static_assert(std::size(requests) == 27);
 // The values that requests take.
 constexpr int CIPHER_ALGS = 7;  // symmetric algorithms are numbered from 1
 constexpr int HASH_ALGS = 6;
-constexpr char MODES[] = "123456";
-constexpr char FLAGS[] = "01";
-constexpr char KEY_PAIR_TYPES[] = "13";
+constexpr std::string_view MODES = "123456";
+constexpr std::string_view FLAGS = "01";
+constexpr std::string_view KEY_PAIR_TYPES = "13";
 
 // Fails the request with `value` unless `ok`: the handler's catch-all takes over.
 void require(bool ok, int& code, int value)
@@ -84,16 +85,16 @@ bool inRange(int value, int low, int high)
 
 // A number that must be the whole text and one of the digits: no blank, no sign, no
 // leading zero, no zero byte behind it.
-bool digitIn(const std::string& text, const char* digits, int32_t& value)
+bool digitIn(const std::string& text, std::string_view digits, int32_t& value)
 {
-    if (text.length() != 1 || std::string(digits).find(text[0]) == std::string::npos)
+    if (text.length() != 1 || digits.find(text[0]) == digits.npos)
         return false;
     value = text[0] - '0';
     return true;
 }
 
 // The same for an optional number; an empty text leaves `value` as it is.
-bool optionalDigitIn(const std::string& text, const char* digits, int32_t& value)
+bool optionalDigitIn(const std::string& text, std::string_view digits, int32_t& value)
 {
     return text.empty() || digitIn(text, digits, value);
 }
@@ -101,15 +102,15 @@ bool optionalDigitIn(const std::string& text, const char* digits, int32_t& value
 // URL-safe to standard Base64; text in the standard alphabet stays as it is.
 std::string toStandardAlphabet(std::string text)
 {
-    replaceBytes(text.data(), text.length(), '-', '+');
-    replaceBytes(text.data(), text.length(), '_', '/');
+    base64_kernel->replace(text.data(), text.length(), '-', '+');
+    base64_kernel->replace(text.data(), text.length(), '_', '/');
     return text;
 }
 
 std::string toUrlAlphabet(std::string text)
 {
-    replaceBytes(text.data(), text.length(), '+', '-');
-    replaceBytes(text.data(), text.length(), '/', '_');
+    base64_kernel->replace(text.data(), text.length(), '+', '-');
+    base64_kernel->replace(text.data(), text.length(), '/', '_');
     return text;
 }
 

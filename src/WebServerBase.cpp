@@ -10,7 +10,7 @@
 #include <memory>
 #include <utility>
 
-#include "WebServerBase_replace.h"
+#include "base64_kernels.h"
 #include "module_CorvaneParams.h"
 
 // The assertions on malformed escapes end the process in release builds too.
@@ -51,18 +51,27 @@ struct ClosePipe {
     void operator()(FILE* pipe) const { pclose(pipe); }
 };
 
-// The bytes that a URI component keeps as they are, in every locale.
-struct KeptBytes {
-    bool kept[256] = {};
+// What stands in a URI component for each byte: itself, or "%" and two upper-case digits. In
+// every locale.
+struct UriText {
+    char characters[4];  // one to spare, so that they are copied at once
+    unsigned char length;
+};
+struct UriTexts {
+    UriText of[256] = {};
 
-    constexpr KeptBytes()
+    constexpr UriTexts()
     {
-        for (const char c :
-             "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.~!*'()")
-            kept[static_cast<unsigned char>(c)] = c != '\0';
+        constexpr char digits[] = "0123456789ABCDEF";
+        for (unsigned i = 0; i < 256; ++i)
+            of[i] = {{'%', digits[i >> 4], digits[i & 15], '\0'}, 3};
+        constexpr char kept[] =
+            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.~!*'()";
+        for (size_t i = 0; kept[i] != '\0'; ++i)
+            of[static_cast<unsigned char>(kept[i])] = {{kept[i], '\0', '\0', '\0'}, 1};
     }
 };
-constexpr KeptBytes uriBytes;
+constexpr UriTexts uriTexts;
 
 // Prints why iconv stopped; errno must still hold it.
 void printConversionFailure()
@@ -238,7 +247,7 @@ int CWebServerBase::Utf8ToGbk(std::string& in, std::string& out)
 void CWebServerBase::ReplaceInChar(char* buf, int len, char from, char to)
 {
     if (buf != nullptr && len >= 1)
-        replaceBytes(buf, static_cast<size_t>(len), from, to);
+        base64_kernel->replace(buf, static_cast<size_t>(len), from, to);
 }
 
 void CWebServerBase::URLDataDecode(char* buf, int len)
@@ -273,22 +282,19 @@ unsigned char CWebServerBase::FromHex(unsigned char c)
 
 std::string CWebServerBase::EncodeURIComponent(const std::string& s)
 {
-    size_t escapes = 0;
-    for (const char character : s)
-        escapes += !uriBytes.kept[static_cast<unsigned char>(character)];
+    size_t length = 0;
+    for (const char c : s)
+        length += uriTexts.of[static_cast<unsigned char>(c)].length;
 
-    std::string escaped;
-    escaped.reserve(s.length() + 2 * escapes);
-    for (const char character : s) {
-        const auto c = static_cast<unsigned char>(character);
-        if (uriBytes.kept[c]) {
-            escaped += character;
-            continue;
-        }
-        const char escape[3] = {'%', static_cast<char>(ToHex(c >> 4)),
-                                static_cast<char>(ToHex(c & 15))};
-        escaped.append(escape, sizeof escape);
+    constexpr size_t spare = sizeof(UriText::characters) - 1;
+    std::string escaped(length + spare, '\0');
+    char* out = escaped.data();
+    for (const char c : s) {
+        const UriText& text = uriTexts.of[static_cast<unsigned char>(c)];
+        memcpy(out, text.characters, sizeof text.characters);
+        out += text.length;
     }
+    escaped.resize(length);
     return escaped;
 }
 
@@ -312,7 +318,8 @@ std::string CWebServerBase::DecodeURIComponent(const std::string& s)
 
 std::string CWebServerBase::JsonUrlEncode(std::string s)
 {
-    return EncodeURIComponent(EncodeURIComponent(s));
+    s = EncodeURIComponent(s);  // which lets the text before go
+    return EncodeURIComponent(s);
 }
 
 std::string CWebServerBase::JsonUrlDecode(std::string s)

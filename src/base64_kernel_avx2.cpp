@@ -6,6 +6,7 @@
 #include <immintrin.h>
 
 #include "base64_kernel_tables.h"
+#include "replace_bytes.h"
 
 #define TARGET __attribute__((target("avx2")))
 
@@ -89,12 +90,25 @@ TARGET size_t decode(const unsigned char* in, size_t len, unsigned char* out)
     return i;
 }
 
+TARGET void replace(char* buf, size_t len, char from, char to)
+{
+    size_t i = 0;
+
+    for (; i + 32 <= len; i += 32) {
+        const auto at = reinterpret_cast<__m256i*>(buf + i);
+        const __m256i bytes = _mm256_loadu_si256(at);
+        const __m256i hits = _mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(from));
+        _mm256_storeu_si256(at, _mm256_blendv_epi8(bytes, _mm256_set1_epi8(to), hits));
+    }
+    replaceBytes(buf + i, len - i, from, to);
+}
+
 }  // namespace
 
 const Base64Kernel* base64_kernel_avx2()
 {
     static constexpr Base64Kernel kernel = {
-        "avx2", {encode<false>, encode<true>}, {decode<false>, decode<true>}};
+        "avx2", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replace};
     return __builtin_cpu_supports("avx2") ? &kernel : nullptr;
 }
 

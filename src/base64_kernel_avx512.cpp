@@ -5,6 +5,7 @@
 #include <immintrin.h>
 
 #include "base64_kernel_tables.h"
+#include "replace_bytes.h"
 
 #define TARGET __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi")))
 
@@ -115,12 +116,24 @@ TARGET size_t decode(const unsigned char* in, size_t len, unsigned char* out)
     return i;
 }
 
+TARGET void replace(char* buf, size_t len, char from, char to)
+{
+    size_t i = 0;
+
+    for (; i + 64 <= len; i += 64) {
+        const __m512i bytes = load(buf + i);
+        const __mmask64 hits = _mm512_cmpeq_epi8_mask(bytes, _mm512_set1_epi8(from));
+        _mm512_storeu_si512(buf + i, _mm512_mask_blend_epi8(hits, bytes, _mm512_set1_epi8(to)));
+    }
+    replaceBytes(buf + i, len - i, from, to);
+}
+
 }  // namespace
 
 const Base64Kernel* base64_kernel_avx512()
 {
     static constexpr Base64Kernel kernel = {
-        "avx512", {encode<false>, encode<true>}, {decode<false>, decode<true>}};
+        "avx512", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replace};
     return __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512bw") &&
                    __builtin_cpu_supports("avx512vl")
                ? &kernel

@@ -5,6 +5,7 @@
 #include <arm_neon.h>
 
 #include "base64_kernel_tables.h"
+#include "replace_bytes.h"
 
 namespace {
 
@@ -123,7 +124,7 @@ size_t decode(const unsigned char* in, size_t len, unsigned char* out)
 const Base64Kernel* base64_kernel_neon()
 {
     static constexpr Base64Kernel kernel = {
-        "neon", {encode<false>, encode<true>}, {decode<false>, decode<true>}};
+        "neon", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replaceBytes};
     return &kernel;
 }
 

@@ -5,6 +5,7 @@
 
 #include "base64_kernel_tables.h"
 #include "base64_kernels.h"
+#include "replace_bytes.h"
 
 namespace {
 
@@ -87,6 +88,6 @@ size_t decode(const unsigned char* in, size_t len, unsigned char* out)
 const Base64Kernel* base64_kernel_scalar()
 {
     static constexpr Base64Kernel kernel = {
-        "scalar", {encode<false>, encode<true>}, {decode<false>, decode<true>}};
+        "scalar", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replaceBytes};
     return &kernel;
 }

@@ -5,6 +5,7 @@
 #include <immintrin.h>
 
 #include "base64_kernel_tables.h"
+#include "replace_bytes.h"
 
 #define TARGET __attribute__((target("ssse3")))
 
@@ -93,7 +94,7 @@ TARGET size_t decode(const unsigned char* in, size_t len, unsigned char* out)
 const Base64Kernel* base64_kernel_ssse3()
 {
     static constexpr Base64Kernel kernel = {
-        "ssse3", {encode<false>, encode<true>}, {decode<false>, decode<true>}};
+        "ssse3", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replaceBytes};
     return __builtin_cpu_supports("ssse3") ? &kernel : nullptr;
 }
 

@@ -22,6 +22,9 @@ struct Base64Kernel {
     // the room for the rest of the input: `out` has 3 bytes for each 4 characters of
     // `len`. It may be `in` itself.
     size_t (*decode[2])(const unsigned char* in, size_t len, unsigned char* out);
+
+    // Exchanges one byte for another.
+    void (*replace)(char* buf, size_t len, char from, char to);
 };
 
 // Null where the processor, or the target of the build, lacks the instructions. The

@@ -427,6 +427,7 @@ int CSoftMoudle_aven::aven_crypto_encrypt(const void* params, std::string in, st
                                  static_cast<int>(tagBuf.len), tagged ? tagBuf.data : nullptr),
             "Error, aven_crypto_encrypt");
 
+        letGo(in);
         std::string outText = buf.text();  // both texts are there before either is handed over
         if (tagged)
             tag = tagBuf.text();

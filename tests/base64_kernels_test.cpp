@@ -199,6 +199,22 @@ TEST_P(Kernel, AgreesWithTheScalarOneOnLargeInputs)
     }
 }
 
+TEST_P(Kernel, ReplacesInEverySizeAtEveryAlignment)
+{
+    for (size_t len = 0; len <= 300; ++len) {
+        std::string text(len + 1, 'x');  // one more, to be left alone
+        std::string expected = text;
+        for (size_t i = 0; i <= len; ++i) {
+            text[i] = i % 3 == 0 || i == len ? '\xFF' : static_cast<char>(i);
+            expected[i] = text[i] == '\xFF' && i < len ? '+' : text[i];
+        }
+        const size_t shift = len % 64;
+        std::string shifted = std::string(shift, '\xFF') + text;
+        kernel->replace(shifted.data() + shift, len, '\xFF', '+');
+        ASSERT_EQ(std::string(shift, '\xFF') + expected, shifted) << len;
+    }
+}
+
 // The whole codec with each kernel in turn.
 TEST_P(Kernel, GivesTheSameTextsAndBytesThroughTheCodec)
 {

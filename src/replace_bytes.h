@@ -1,7 +1,7 @@
 // Exchanging one byte for another, 16 at a time: GCC 12 makes a byte loop of
 // std::replace and of an if, ten times slower.
-#ifndef CORVANE_WEBSERVERBASE_REPLACE_H
-#define CORVANE_WEBSERVERBASE_REPLACE_H
+#ifndef CORVANE_REPLACE_BYTES_H
+#define CORVANE_REPLACE_BYTES_H
 
 #include <cstddef>
 #include <cstring>
