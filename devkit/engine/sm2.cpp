@@ -69,9 +69,9 @@ public:
     {
         if (asn1) {
             form_ = Sm2Cipher::read(in, AVEN_E_DECRYPTION, AVEN_E_DECRYPTION);
-            // Fails if they are longer.
-            require(BN_bn2binpad(form_->x, parts_.x, COORDINATE) == COORDINATE &&
-                        BN_bn2binpad(form_->y, parts_.y, COORDINATE) == COORDINATE,
+            // -1 if they are longer.
+            require(BN_bn2binpad(form_->x, parts_.x, COORDINATE) > 0 &&
+                        BN_bn2binpad(form_->y, parts_.y, COORDINATE) > 0,
                     AVEN_E_DECRYPTION);
             return;
         }
