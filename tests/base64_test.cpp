@@ -254,6 +254,25 @@ TEST(Base64Decode, FollowsTheStoppingRulesForRandomText)
     }
 }
 
+// Long texts are worked on in parts, whose ends must not show.
+TEST(Base64, AgreesWithOpenSslAroundPowersOfTwo)
+{
+    std::mt19937 random(55);
+    for (size_t power = 1024; power <= 131072; power *= 2) {
+        for (const size_t near : {power, power / 4 * 3}) {
+            for (size_t size = near - 4; size <= near + 4; ++size) {
+                const std::string bytes = randomBytes(random, size);
+                std::string text = encode(bytes);
+                ASSERT_EQ(text, opensslEncode(bytes)) << size;
+                ASSERT_EQ(base64_decode(text), bytes) << size;
+
+                text[near - 1] = '!';
+                ASSERT_EQ(base64_decode(text), bytes.substr(0, (near - 1) * 6 / 8)) << size;
+            }
+        }
+    }
+}
+
 TEST(Base64Decode, ReturnsLargeInputs)
 {
     std::mt19937 random(54);
