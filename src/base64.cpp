@@ -12,7 +12,7 @@ namespace {
 
 // Characters of text at a time. A string zeroes what it grows by, so it grows by little at
 // a time: the memory is in the cache when the kernel then writes to it.
-constexpr size_t CHUNK = 32768;
+constexpr size_t CHUNK = 16384;
 static_assert(CHUNK % 64 == 0, "a whole number of steps of every kernel");
 
 // The sextet of a character outside the alphabet: what the missing place (-1) leaves in
