@@ -10,20 +10,35 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 packaging/install-packages.sh qemu-user
 
 build=${1-build/release}
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
+results=$(mktemp -d)
+trap 'rm -rf "$results"' EXIT
 
 # The first kernel in the order of choice that a processor has.
 chosen() {
-    qemu-x86_64 -cpu "$1" "$build/tests/base64_kernels_test" --gtest_list_tests >"$log" 2>/dev/null
+    qemu-x86_64 -cpu "$1" "$build/tests/base64_kernels_test" --gtest_list_tests \
+        >"$results/kernels" 2>/dev/null
     for kernel in avx512 avx2 ssse3 scalar; do
-        if grep -q "/$kernel" "$log"; then
+        if grep -q "/$kernel" "$results/kernels"; then
             echo $kernel
             return
         fi
     done
 }
 
+# Runs a program on a processor; its output counts only if it fails. (The emulator says on
+# standard error which features of the processor it has not got.)
+run_on() {
+    local processor=$1 program=$2 log=$results/$1-$2
+    if ! qemu-x86_64 -cpu "$processor" "$build/tests/$program" --gtest_brief=1 >"$log" 2>&1; then
+        echo "FAILED  $program on $processor"
+        tail -n 30 "$log"
+        return 1
+    fi
+}
+export -f run_on
+export build results
+
+programs=("${plugin_programs[@]}" concurrency_test)
 status=0
 for pair in qemu64:scalar Nehalem:ssse3 Haswell:avx2; do
     processor=${pair%:*} kernel=${pair#*:}
@@ -31,17 +46,11 @@ for pair in qemu64:scalar Nehalem:ssse3 Haswell:avx2; do
         echo "FAILED  $processor does not lead to the kernel $kernel"
         exit 1
     }
-    failed=0
-    for program in "${plugin_programs[@]}" concurrency_test; do
-        # The emulator says of some features that it has not got them.
-        if ! qemu-x86_64 -cpu "$processor" "$build/tests/$program" --gtest_brief=1 \
-            >"$log" 2>&1; then
-            echo "FAILED  $program with $kernel"
-            tail -n 30 "$log"
-            failed=$((failed + 1))
-        fi
-    done
-    echo "$kernel ($processor): $((${#plugin_programs[@]} + 1 - failed)) programs passed, $failed failed"
-    [ $failed -eq 0 ] || status=1
+    if printf '%s\0' "${programs[@]}" |
+        xargs -0 -P "$(nproc)" -I '{}' bash -c 'run_on "$@"' run_on "$processor" '{}'; then
+        echo "$kernel ($processor): ${#programs[@]} programs passed"
+    else
+        status=1
+    fi
 done
 exit $status
