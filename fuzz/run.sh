@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the fuzzers and runs them, two for each processor at a time, each in a corpus of its
+# Builds the fuzzers and runs them, three for each processor at a time, each in a corpus of its
 # own that starts with its seeds.
 #   fuzz/run.sh SECONDS           each for so many seconds
 #   fuzz/run.sh SECONDS NAME...   only these, e.g. base64 engine_keys
@@ -72,7 +72,7 @@ export seconds build results findings
 
 printf '%-22s %12s %8s %8s %9s\n' fuzzer executions edges corpus findings
 status=0
-printf '%s\0' "${names[@]}" | xargs -0 -P $((2 * $(nproc))) -I '{}' bash -c 'fuzz_one "$1"' fuzz_one '{}' || status=1
+printf '%s\0' "${names[@]}" | xargs -0 -P $((3 * $(nproc))) -I '{}' bash -c 'fuzz_one "$1"' fuzz_one '{}' || status=1
 [ "$status" -ne 0 ] || exit 0
 
 echo
