@@ -3,6 +3,7 @@
 // refused.
 #include <thread>
 
+#include "support/held.h"
 #include "support/openssl_tool.h"
 
 namespace {
@@ -419,7 +420,7 @@ TEST_F(Envelope, ACutOneIsReportedWhereverItIsCut)
     for (const char* name : {"rsa2048", "sm2"}) {
         void* key = privateKey(name);
         const std::string envelope = seal(certificate(name), 1, AVEN_MODE_CBC, "hello").out;
-        for (size_t size = 0; size < envelope.size(); ++size) {
+        for (size_t size = 0; size < envelope.size(); size += support::EVERY_PLACE) {
             ASSERT_EQ(open(key, 1, AVEN_MODE_CBC, envelope.substr(0, size)).code,
                       AVEN_E_ENVELOPE_TEXT)
                 << size;
@@ -435,7 +436,7 @@ TEST_F(Envelope, ADamagedOneNeverOpensToAnotherTextInGcm)
     void* key = privateKey("rsa2048");
     for (int alg : {AVEN_CIPHER_SM4, AVEN_CIPHER_AES_256}) {
         std::string envelope = seal(certificate("rsa2048"), alg, AVEN_MODE_GCM, "hello").out;
-        for (size_t i = 0; i < envelope.size(); ++i) {
+        for (size_t i = 0; i < envelope.size(); i += support::EVERY_PLACE) {
             for (int bit : {static_cast<int>(i % 8), static_cast<int>((i + 3) % 8)}) {
                 const char flip = static_cast<char>(1 << bit);
                 envelope[i] = static_cast<char>(envelope[i] ^ flip);
@@ -462,7 +463,7 @@ TEST_F(Envelope, ADamagedOneDoesNoHarm)
     for (const char* name : {"rsa2048", "sm2"}) {
         void* key = privateKey(name);
         std::string envelope = seal(certificate(name), 1, AVEN_MODE_CBC, "hello").out;
-        for (size_t i = 0; i < envelope.size(); ++i) {
+        for (size_t i = 0; i < envelope.size(); i += support::EVERY_PLACE) {
             const char flip = static_cast<char>(1 << i % 8);
             envelope[i] = static_cast<char>(envelope[i] ^ flip);
             open(key, 1, AVEN_MODE_CBC, envelope);

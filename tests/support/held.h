@@ -24,6 +24,9 @@ constexpr bool sanitized = false;
 // Whether this runs in an emulator, which makes programs slower and keeps memory of its own.
 constexpr bool emulated = sizeof CORVANE_EMULATOR > 1;
 
+// The step of loops that damage a message at every place: in an emulator at every seventh.
+constexpr size_t EVERY_PLACE = emulated ? 7 : 1;
+
 struct Held {
     size_t resident = 0;     // bytes of the process in memory, an emulator's too
     size_t allocated = 0;    // bytes that malloc has given out; 0 with a sanitizer's malloc
