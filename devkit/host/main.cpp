@@ -46,6 +46,9 @@ ExitCode run(int argc, char** argv)
     addScript(app, program);
     addList(app, program);
     addDescribe(app, program);
+    addExplain(app, program);
+    addOpenApi(app, program);
+    addCompletion(app, program);
 
     try {
         app.parse(argc, argv);
