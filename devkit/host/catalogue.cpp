@@ -107,7 +107,7 @@ constexpr int MISSING = -20001, RANGE = -20084, MEMORY = -20000, ENGINE = -20215
 
 const std::vector<RequestInfo> requests = {
     {"QZaVen_GetVersion",               "Engine",   "The engine's version text.",
-        {}, {plain, code}, {ENGINE}},
+        {}, {plain, code}, {}},
     {"QZaVen_strerror",                 "Engine",   "The engine's text for an error code. Writes no errorCode.",
         {strErr}, {plain}, {}},
     {"QZaven_crypto_base64_encode",     "Base64",   "Bytes to URL-safe Base64, by the engine.",

@@ -156,7 +156,7 @@ _corvane_host()
         esac
     done
     case ${COMPREPLY[0]-} in
-    *=) compopt -o nospace 2>/dev/null ;;
+    *=) compopt -o nospace 2>/dev/null || : ;;
     esac
 }
 complete -o default -F _corvane_host corvane-host
