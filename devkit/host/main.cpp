@@ -1,4 +1,4 @@
-// corvane-host: sends requests to the plug-in from the command line.
+// corvane-host: sends requests to the plug-in from the command line, or serves them.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
@@ -12,6 +12,10 @@
 #include "host_session.h"
 #include "output.h"
 #include "script.h"
+#include "serve/secrets.h"
+#include "serve/serve.h"
+#include "serve/worker.h"
+#include "serve/worker_process.h"
 #include "values.h"
 
 namespace {
@@ -46,6 +50,8 @@ public:
 private:
     int call();
     int script();
+    void serve();
+    void work();
     void list();
     void describeOne();
     std::unique_ptr<HostSession> openSession();
@@ -57,6 +63,7 @@ private:
     LibraryPaths paths_;
     CallOptions callOptions_;
     ScriptOptions scriptOptions_;
+    ServeOptions serveOptions_;
     ListOptions listOptions_;
 };
 
@@ -131,6 +138,28 @@ int Program::script()
     return runScript(scriptOptions_, *session, output_) ? SUCCESS : REFUSED;
 }
 
+void Program::serve()
+{
+    std::vector<std::string> worker = {argv_[0]};
+    for (const auto& [option, path] : {std::pair("--plugin", paths_.plugin),
+                                       {"--params", paths_.params},
+                                       {"--engine", paths_.engine}})
+        if (!path.empty())
+            worker.insert(worker.end(), {option, path});
+    worker.emplace_back("worker");
+    ::serve(serveOptions_, std::move(worker), output_);
+}
+
+// The other side of serve(): one of its processes.
+void Program::work()
+{
+    tieToParent();
+    const Undumpable undumpable;
+    const auto session = openSession();
+    bareNames_.removeFolder();
+    Worker(*session).serve(workerSocket);
+}
+
 void Program::list()
 {
     if (!listOptions_.json)
@@ -194,6 +223,10 @@ int Program::run(int argc)
     script->add_flag("--time", scriptOptions_.time, "Tell the time of each request call");
     script->add_flag("--force", scriptOptions_.force, "Send names that are not in the catalogue");
 
+    CLI::App* serve = app.add_subcommand("serve", "Serve requests by HTTP");
+    addOptions(*serve, serveOptions_);
+    CLI::App* worker = app.add_subcommand("worker")->group("");
+
     CLI::App* list = app.add_subcommand("list", "List the requests and their parameters");
     list->add_flag("--json", listOptions_.json, "As JSON");
 
@@ -207,6 +240,10 @@ int Program::run(int argc)
             return this->call();
         if (script->parsed())
             return this->script();
+        if (serve->parsed())
+            this->serve();
+        if (worker->parsed())
+            work();
         if (list->parsed())
             this->list();
         if (one->parsed())
