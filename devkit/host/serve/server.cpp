@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -777,7 +778,7 @@ void Server::onCompleted(void* self, MHD_Connection* /*handle*/, void** context,
         {"status", exchange->status},
         {"received", exchange->received},
         {"sent", exchange->sent},
-        {"milliseconds", Seconds(Clock::now() - exchange->start).count() * 1000},
+        {"milliseconds", std::round(Seconds(Clock::now() - exchange->start).count() * 1e6) / 1e3},
         {"whole", how == MHD_REQUEST_TERMINATED_COMPLETED_OK}};
     if (exchange->route != nullptr && exchange->route->target == Target::Request) {
         const std::string name = exchange->path.substr(strlen(exchange->route->path));

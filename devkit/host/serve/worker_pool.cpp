@@ -279,7 +279,7 @@ void WorkerPool::stop(Seconds grace)
     for (size_t slot = 0; slot < slots_.size(); ++slot) {
         const pid_t pid = slots_[slot].info.pid;
         if (slots_[slot].process)
-            end(slot, Ending::Died);
+            end(slot, Ending::NotServed);
         if (pid > 0)
             waitpid(pid, nullptr, 0);
     }
