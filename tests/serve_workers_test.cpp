@@ -88,10 +88,10 @@ TEST(ServeWorkers, AHangIsEndedAndTold)
     const HttpAnswer answer = first.answer();
     EXPECT_EQ(504, answer.status);
     EXPECT_EQ("worker_timeout", answer.code());
-    Pending second(host);
-    EXPECT_EQ("0", second.answer().result("errorCode"));
     for (const pid_t worker : before)
         kill(worker, SIGCONT);
+    Pending second(host);
+    EXPECT_EQ("0", second.answer().result("errorCode"));
     EXPECT_EQ(2U, host.workers().size());
 }
 

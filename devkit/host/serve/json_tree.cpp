@@ -58,8 +58,11 @@ public:
     }
     // The parser's message quotes what it read.
     bool parse_error(size_t position, const std::string& /*token*/,
-                     const nlohmann::detail::exception& /*error*/) override
+                     const nlohmann::detail::exception& error) override
     {
+        constexpr int numberOutOfRange = 406;
+        if (error.id == numberOutOfRange)
+            throw Refusal("wrong_type", where(), "a number is too large");
         throw Refusal("malformed", where(),
                       "the body is not JSON; reading stopped at byte " + std::to_string(position));
     }

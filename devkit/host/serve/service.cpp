@@ -178,7 +178,8 @@ void Service::checkFiles(Part& part, const std::optional<std::string>& upload,
 
 void Service::checkRoom(size_t parts) const
 {
-    if (pool_.queued() + parts > options_.queue + pool_.size())
+    const size_t free = pool_.ready() - pool_.busy();
+    if (pool_.queued() + parts > options_.queue + free)
         throw Refusal("busy", "", "too many requests wait for a worker");
 }
 
