@@ -322,11 +322,16 @@ HttpAnswer ServedHost::batch(const Json& requests) const
                Json{{"requests", requests}}.dump());
 }
 
+double rowOf(const std::string& metrics, const std::string& row)
+{
+    const std::string lines = "\n" + metrics;
+    const size_t at = lines.find("\n" + row + " ");
+    return at == std::string::npos ? -1 : atof(lines.c_str() + at + row.size() + 2);
+}
+
 double ServedHost::metric(const std::string& row) const
 {
-    const std::string body = "\n" + get("/metrics").body;
-    const size_t at = body.find("\n" + row + " ");
-    return at == std::string::npos ? -1 : atof(body.c_str() + at + row.size() + 2);
+    return rowOf(get("/metrics").body, row);
 }
 
 std::vector<pid_t> ServedHost::workers(size_t count) const

@@ -108,6 +108,9 @@ private:
     std::string token_;
 };
 
+// A row's value in the text of metrics; -1 without it.
+double rowOf(const std::string& metrics, const std::string& row);
+
 std::string readWhole(const std::filesystem::path& path);
 void writeWhole(const std::filesystem::path& path, const std::string& bytes);
 
