@@ -44,6 +44,8 @@ ExitCode run(int argc, char** argv)
 
     addCall(app, program);
     addScript(app, program);
+    addServe(app, program);
+    addWorker(app, program);
     addList(app, program);
     addDescribe(app, program);
     addExplain(app, program);

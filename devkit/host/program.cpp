@@ -6,7 +6,7 @@ std::unique_ptr<HostSession> Program::openSession()
     try {
         return std::make_unique<HostSession>(chosen);
     } catch (const BareNameError&) {
-        bareNames_.startAgain(chosen, argv_, output);
+        bareNames.startAgain(chosen, argv_, output);
         throw;
     }
 }

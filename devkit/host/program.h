@@ -24,12 +24,12 @@ public:
     std::unique_ptr<HostSession> openSession();
 
     Output output;
-    LibraryPaths paths;           // as given
+    LibraryPaths paths;  // as given
+    BareNames bareNames;
     ExitCode exitCode = SUCCESS;  // set by the subcommand
 
 private:
     char** argv_;
-    BareNames bareNames_;
 };
 
 #endif

@@ -11,6 +11,8 @@ void addCall(CLI::App& app, Program& program);
 void addScript(CLI::App& app, Program& program);
 void addList(CLI::App& app, Program& program);
 void addDescribe(CLI::App& app, Program& program);
+void addServe(CLI::App& app, Program& program);
+void addWorker(CLI::App& app, Program& program);  // for serve alone
 void addExplain(CLI::App& app, Program& program);
 void addOpenApi(CLI::App& app, Program& program);
 void addCompletion(CLI::App& app, Program& program);
