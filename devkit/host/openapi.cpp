@@ -3,6 +3,7 @@
 #include <string>
 
 #include "catalogue.h"
+#include "peer_steps.h"
 
 namespace {
 
@@ -186,27 +187,7 @@ Json batchPath()
                                body, answerOf("An answer for each", answers))}};
 }
 
-// The bundled other side of a key exchange. Each step's members are all required.
-const struct PeerStep {
-    const char* name;
-    const char* summary;
-    std::vector<const char*> members;
-    std::vector<const char*> results;
-} peerSteps[] = {
-    {"root", "The root certificate, which the client must trust.", {}, {"root"}},
-    {"answer",
-     "Answers a client hello.",
-     {"hello"},
-     {"exchange", "strSrvr_rand", "strSrvr_sig_cert", "strSrvr_enc_cert", "strSrvr_sign", "root"}},
-    {"finish",
-     "Takes the client's message; then both sides have keys.",
-     {"exchange", "message"},
-     {}},
-    {"encrypt", "Encrypts for the client.", {"exchange", "data"}, {"Data"}},
-    {"decrypt", "Decrypts what the client encrypted.", {"exchange", "data"}, {"Data"}},
-    {"hmac", "HMAC with the exchange's keys.", {"exchange", "data"}, {"Data"}},
-    {"cmac", "CMAC with the exchange's keys.", {"exchange", "data"}, {"Data"}},
-};
+// ---- The bundled other side of a key exchange.
 
 Json texts(const std::vector<const char*>& names)
 {
@@ -268,7 +249,7 @@ Json schemas()
 
     const Json error = object(
         {{"code", {{"type", "string"}, {"description", "A number, or a word of the host's"}}},
-         {"source", {{"type", "string"}, {"enum", {"plug-in", "engine", "host"}}}},
+         {"source", {{"type", "string"}, {"enum", {"plug-in", "engine", "host", "peer"}}}},
          {"name", text()},
          {"field", {{"type", {"string", "null"}}}},
          {"text", text()},
@@ -309,7 +290,7 @@ Json openApi()
                                                   {"version", "requests", "codes"})));
     paths["/v1/status"] = readPath("status", "Workers, sessions, limits.",
                                    answerOf("The status", {{"type", "object"}}));
-    for (const PeerStep& step : peerSteps)
+    for (const PeerStep& step : peerSteps())
         paths[std::string("/v1/peer/") + step.name] = peerPath(step);
     paths["/livez"] =
         openPath("livez", "Whether the host runs.", "application/json", reference("Health"));

@@ -9,7 +9,9 @@
 #include <nlohmann/json.hpp>
 
 #include "codec.h"
+#include "serve/worker_process.h"
 #include "state_file.h"
+#include "worker.h"
 
 namespace {
 
@@ -119,6 +121,10 @@ const struct Step {
 void run(const CLI::App& app, const Options& options)
 {
     const std::string name = app.get_subcommands().front()->get_name();
+    if (name == "worker") {
+        tieToParent();
+        return PeerWorker().serve(workerSocket);
+    }
     if (name == "make-certs")
         return makeCertificates(options);
     if (name == "answer")
@@ -143,6 +149,8 @@ int runCommandLine(int argc, char** argv)
         "make-certs", "Make a root, a signing and an encryption certificate with their keys");
     certificates->add_option("directory", options.directory, "Where to")->required();
     certificates->add_flag("--rsa", options.rsa, "RSA of 2048 bits instead of SM2");
+
+    app.add_subcommand("worker")->group("");  // for corvane-host serve
 
     const auto addStep = [&](const char* name, const char* text, const char* value) {
         CLI::App* step = app.add_subcommand(name, text);

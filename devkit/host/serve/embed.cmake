@@ -1,4 +1,4 @@
-#Writes a table of files as a source of the program : cmake - DOUT = ... - DFILES = "a;b" - P.
+# Writes a table of files as a source of the program: cmake -DOUT=... -DFILES="a;b" -P.
 
 set(rows "")
 set(arrays "")
@@ -30,15 +30,14 @@ endforeach()
 file(WRITE "${OUT}" "#include \"serve/console_files.h\"
 
 namespace {
-    $
-    {
-        arrays
-    }
+
+${arrays}
 }  // namespace
 
 const std::vector<ConsoleFile>& consoleFiles()
 {
-    static const std::vector<ConsoleFile> files = {${rows}};
+    static const std::vector<ConsoleFile> files = {
+${rows}    };
     return files;
 }
 ")

@@ -29,6 +29,7 @@ void addOptions(CLI::App& command, ServeOptions& options)
     command.add_option("--tls-key", options.tlsKey, "Private key, PEM")->type_name("FILE");
     command.add_option("--ca-folder", options.caFolder, "Folder whose files clients may name")
         ->type_name("FOLDER");
+    command.add_flag("--no-peer", options.noPeer, "Do not offer the key exchange's other side");
 
     number("--body-bytes", options.bodyBytes, "Largest body");
     number("--parameter-bytes", options.parameterBytes, "Largest parameter; 0: as the body");

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <optional>
 
 #include "access.h"
@@ -15,6 +16,8 @@
 #include "secrets.h"
 #include "server.h"
 #include "service.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -41,6 +44,17 @@ Descriptor takeSignals()
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
     return Descriptor(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+}
+
+// The key exchange's other side is beside this program, in its build tree too.
+std::string peerProgram()
+{
+    std::error_code ignored;
+    const fs::path home = fs::read_symlink("/proc/self/exe", ignored).parent_path();
+    for (const char* place : {"corvane-ke-peer", "../peer/corvane-ke-peer"})
+        if (fs::exists(home / place, ignored))
+            return home / place;
+    return "";
 }
 
 // A new token is shown, and one that a person looks at. Service logs are kept.
@@ -79,6 +93,10 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
         if (!std::exchange(isReady, true))
             sd_notify(0, "READY=1");
     });
+    const std::string peer = options.noPeer ? "" : peerProgram();
+    if (!peer.empty())
+        service.offerPeer(
+            {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds)});
     Server server(loop, options, service, metrics, log, token ? &*token : nullptr);
     output.write(greeting(token ? &*token : nullptr, server.url(),
                           token && (token->isNew() || output.isTerminal())));

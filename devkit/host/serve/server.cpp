@@ -51,7 +51,7 @@ constexpr const char* securityHeaders[][2] = {
 
 // ---- Routes.
 
-enum class Target { Request, Batch, Catalogue, Status, Live, Ready, Metrics, OpenApi };
+enum class Target { Request, Batch, Peer, Catalogue, Status, Live, Ready, Metrics, OpenApi };
 
 struct Route {
     const char* path;  // one that ends in "/" takes a name behind it
@@ -64,6 +64,7 @@ struct Route {
 constexpr Route routes[] = {
     {"/v1/requests/", "/v1/requests/{name}", "POST", true, Target::Request},
     {"/v1/batch", "/v1/batch", "POST", true, Target::Batch},
+    {"/v1/peer/", "/v1/peer/{step}", "POST", true, Target::Peer},
     {"/v1/catalogue", "/v1/catalogue", "GET", true, Target::Catalogue},
     {"/v1/status", "/v1/status", "GET", true, Target::Status},
     {"/livez", "/livez", "GET", false, Target::Live},
@@ -669,6 +670,9 @@ void Server::dispatch(Exchange& exchange)
                                     exchange.body, done);
         case Target::Batch:
             return service_.batch(type, exchange.body, done);
+        case Target::Peer:
+            return service_.peer(exchange.path.substr(strlen(exchange.route->path)), type,
+                                 exchange.body, done);
         case Target::Ready:
             return service_.probe(done);
         case Target::Catalogue:

@@ -1,11 +1,14 @@
 #include "service.h"
 
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <cstdlib>
 
 #include "codec.h"
 #include "descriptions.h"
 #include "exchange.h"
+#include "peer_steps.h"
 #include "secrets.h"
 #include "session_requests.h"
 #include "values.h"
@@ -13,8 +16,6 @@
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-constexpr const char* version = "1.0.0";
 
 // How often a new session is tried elsewhere when its worker ends before it began.
 constexpr unsigned mostAttempts = 3;
@@ -26,12 +27,6 @@ const Pairs probeParameters = {{"strHashAlg", "4"},
                                {"strdata", "d2hhdCBkbyB5YSB3YW50IGZvciBub3RoaW5nPw=="}};
 constexpr const char* probeAnswer = "W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=";
 
-Json warningOf(const std::string& complaint)
-{
-    return {{"field", complaint.substr(0, complaint.find(' '))}, {"text", complaint}};
-}
-
-template <class Complaint>
 Json warningOf(const Complaint& complaint)
 {
     return {{"field", complaint.field}, {"text", complaint.text}};
@@ -123,6 +118,28 @@ Service::Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool,
             [this](WorkerLife life) { sessions_.endAllOf(life, "its worker process ended"); })
 {
     endIdleSessions();
+}
+
+void Service::offerPeer(PoolOptions pool)
+{
+    peer_.emplace(
+        loop_, std::move(pool), [] {}, [](WorkerLife) {});
+}
+
+void Service::collectChildren()
+{
+    for (pid_t pid; (pid = waitpid(-1, nullptr, WNOHANG)) > 0;) {
+        pool_.childEnded(pid);
+        if (peer_)
+            peer_->childEnded(pid);
+    }
+}
+
+void Service::stop(Seconds grace)
+{
+    if (peer_)
+        peer_->stop(Seconds(0));
+    pool_.stop(grace);
 }
 
 // ---- Checks.
@@ -228,6 +245,36 @@ void Service::batch(const std::string& contentType, std::string_view body, Done 
                  if (--gathering->missing == 0)
                      done(answerOf(Json{{"answers", std::move(gathering->answers)}}));
              });
+}
+
+void Service::peer(const std::string& step, const std::string& contentType, std::string_view body,
+                   Done done)
+{
+    const PeerStep* known = findPeerStep(step);
+    if (!peer_ || known == nullptr)
+        throw Refusal("not_found", "",
+                      peer_ ? "the peer has no such step" : "there is no peer at this host");
+
+    Task task;
+    task.request.name = known->name;
+    for (Field& field : readBody(contentType, body, limits_)) {
+        if (field.isBytes)
+            throw Refusal("wrong_type", field.where, "the peer takes texts of Base64");
+        task.request.parameters.emplace_back(std::move(field.name), std::move(field.value));
+    }
+    for (const char* member : known->members)
+        if (findValue(task.request.parameters, member) == nullptr)
+            throw Refusal("malformed", member, std::string(member) + " is missing");
+
+    task.done = [this, done = std::move(done)](Ending ending, WireReply& reply, WorkerLife) {
+        if (ending != Ending::Answered || reply.kind != WireReply::Answer)
+            return done(answerOf(refusalOf(ending, reply)));
+        Json json = answerTo(reply, Json::array());
+        if (!reply.ok)
+            json["error"]["source"] = "peer";
+        done(answerOf(json));
+    };
+    peer_->submit(std::move(task));
 }
 
 void Service::submit(Part part, std::optional<WorkerLife> bound,
@@ -394,7 +441,7 @@ Json Service::status() const
                            {"sessions", sessions_.countOf(slot)},
                            {"requests", info.served}});
     }
-    return {{"version", version},
+    return {{"version", CORVANE_VERSION},
             {"uptime_seconds", static_cast<long>(Seconds(Clock::now() - start_).count())},
             {"engine", pool_.version()},
             {"workers", workers},
@@ -408,7 +455,7 @@ Json Service::status() const
               {"sessions_per_worker", options_.sessions},
               {"session_idle_seconds", options_.sessionSeconds},
               {"request_seconds", options_.requestSeconds}}},
-            {"peer", false}};
+            {"peer", peer_.has_value()}};
 }
 
 std::string Service::metricsText() const

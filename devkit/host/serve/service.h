@@ -33,11 +33,17 @@ public:
     Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool, Metrics& metrics,
             std::function<void()> onReady);
 
+    // Offers the other side of a key exchange too, by a process of its own.
+    void offerPeer(PoolOptions pool);
+
     // Everything is checked before anything is sent; throws a Refusal then. Otherwise
     // `done` is called once, perhaps from within the call.
     void request(const std::string& name, const std::string& contentType, std::string_view body,
                  Done done);
     void batch(const std::string& contentType, std::string_view body, Done done);
+    // A step of the peer; see peer_steps.h.
+    void peer(const std::string& step, const std::string& contentType, std::string_view body,
+              Done done);
 
     // A request with a known answer, not more often than once a second.
     void probe(Done done);
@@ -45,8 +51,9 @@ public:
     nlohmann::ordered_json status() const;
     std::string metricsText() const;
 
-    void collectChildren() { pool_.collectChildren(); }
-    void stop(Seconds grace) { pool_.stop(grace); }
+    // Children of the program that have ended are collected; call on SIGCHLD.
+    void collectChildren();
+    void stop(Seconds grace);
 
 private:
     using Json = nlohmann::ordered_json;
@@ -86,6 +93,7 @@ private:
     bool isProbing_ = false;
     Clock::time_point probed_;
     Answer lastProbe_;
+    std::optional<WorkerPool> peer_;
     WorkerPool pool_;  // the last: its end tells all tasks
 };
 

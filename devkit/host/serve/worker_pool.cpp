@@ -248,17 +248,16 @@ WorkerPool::WorkerInfo WorkerPool::info(size_t slot) const
     return slots_[slot].info;
 }
 
-void WorkerPool::collectChildren()
+void WorkerPool::childEnded(pid_t pid)
 {
-    for (pid_t pid; (pid = waitpid(-1, nullptr, WNOHANG)) > 0;)
-        for (size_t slot = 0; slot < slots_.size(); ++slot)
-            if (slots_[slot].info.pid == pid) {
-                // What it sent before its end counts.
-                onEvents(slot, EPOLLIN);
-                if (slots_[slot].info.pid == pid)
-                    end(slot, Ending::Died);
-                break;
-            }
+    for (size_t slot = 0; slot < slots_.size(); ++slot)
+        if (slots_[slot].info.pid == pid) {
+            // What it sent before its end counts.
+            onEvents(slot, EPOLLIN);
+            if (slots_[slot].info.pid == pid)
+                end(slot, Ending::Died);
+            return;
+        }
 }
 
 void WorkerPool::stop(Seconds grace)

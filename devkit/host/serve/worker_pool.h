@@ -77,8 +77,8 @@ public:
     size_t size() const { return slots_.size(); }
     WorkerInfo info(size_t slot) const;
 
-    // Children of the program that have ended are collected; call on SIGCHLD.
-    void collectChildren();
+    // A child of the program has ended; others' are passed over.
+    void childEnded(pid_t pid);
     // Ends the workers: politely, and after the time by force. Waiting tasks are told.
     void stop(Seconds grace);
 

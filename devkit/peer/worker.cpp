@@ -1,0 +1,128 @@
+#include "worker.h"
+
+#include <openssl/rand.h>
+
+#include <array>
+
+#include "codec.h"
+
+namespace {
+
+// For trying: the oldest exchange makes room for a new one.
+constexpr size_t MOST_EXCHANGES = 256;
+
+std::string valueOf(const WireRequest& request, const char* name)
+{
+    const std::string* value = nullptr;
+    for (const auto& [given, text] : request.parameters)
+        if (given == name)
+            value = &text;
+    if (value == nullptr)
+        throw PeerError(std::string(name) + " is missing");
+    return *value;
+}
+
+std::string bytesOf(const WireRequest& request, const char* name)
+{
+    const auto bytes = fromBase64(valueOf(request, name));
+    if (!bytes)
+        throw PeerError(std::string(name) + " is not Base64");
+    return *bytes;
+}
+
+std::string makeToken()
+{
+    std::array<unsigned char, 18> random{};
+    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1)
+        throw PeerError("no random bytes");
+    return toUrlBase64({reinterpret_cast<const char*>(random.data()), random.size()});
+}
+
+}  // namespace
+
+PeerWorker::PeerWorker() : root_(makeRoot(rootPlan(), KeyKind::sm2))
+{
+    server_ = {makeCredential(signingPlan(), KeyKind::sm2, root_),
+               makeCredential(encryptionPlan(), KeyKind::sm2, root_)};
+}
+
+PeerWorker::Exchange& PeerWorker::find(const std::string& token)
+{
+    for (Exchange& exchange : exchanges_)
+        if (exchange.token == token)
+            return exchange;
+    throw PeerError("there is no such exchange: it has ended or never was");
+}
+
+Pairs PeerWorker::begin(const std::string& hello)
+{
+    const ServerAnswer made = answerHello(server_, hello);
+    if (exchanges_.size() == MOST_EXCHANGES)
+        exchanges_.pop_front();
+    exchanges_.push_back({makeToken(), hello, made.random, std::nullopt});
+    return {{"exchange", exchanges_.back().token},
+            {"strSrvr_rand", toUrlBase64(made.random)},
+            {"strSrvr_sig_cert", toUrlBase64(made.signingCertificate)},
+            {"strSrvr_enc_cert", toUrlBase64(made.encryptionCertificate)},
+            {"strSrvr_sign", toUrlBase64(made.signature)},
+            {"root", toUrlBase64(toPem(root_.certificate.get()))}};
+}
+
+Pairs PeerWorker::answer(const WireRequest& request)
+{
+    if (request.name == "root")
+        return {{"root", toUrlBase64(toPem(root_.certificate.get()))}};
+    if (request.name == "answer")
+        return begin(bytesOf(request, "hello"));
+
+    Exchange& exchange = find(valueOf(request, "exchange"));
+    if (request.name == "finish") {
+        if (exchange.keys)
+            throw PeerError("the exchange is finished already");
+        exchange.keys = acceptKeyExchange(server_, exchange.hello, exchange.random,
+                                          bytesOf(request, "message"));
+        return {};
+    }
+    if (!exchange.keys)
+        throw PeerError("there are no keys yet: \"finish\" derives them");
+    const std::string data = bytesOf(request, "data");
+    if (request.name == "encrypt")
+        return {{"Data", toUrlBase64(sealMessage(*exchange.keys, data))}};
+    if (request.name == "decrypt")
+        return {{"Data", toUrlBase64(openMessage(*exchange.keys, data))}};
+    if (request.name == "hmac")
+        return {{"Data", toUrlBase64(channelHmac(*exchange.keys, data))}};
+    if (request.name == "cmac")
+        return {{"Data", toUrlBase64(channelCmac(*exchange.keys, data))}};
+    throw PeerError("there is no such step");
+}
+
+void PeerWorker::serve(int socket)
+{
+    WireReply ready;
+    ready.kind = WireReply::Ready;
+    ready.text = "corvane-ke-peer";
+    if (!writeFrame(socket, encode(ready)))
+        return;
+
+    std::string frame;
+    std::vector<Descriptor> files;
+    while (readFrame(socket, frame, files)) {
+        const auto request = decodeRequest(frame);
+        if (!request)
+            return;
+        WireReply reply;
+        reply.code = "peer_refused";
+        try {
+            reply.results = answer(*request);
+            reply.ok = true;
+        } catch (const PeerError& e) {
+            reply.text = e.what();
+        } catch (const Failure&) {
+            reply.text = "libcrypto failed";
+        }
+        if (!writeFrame(socket, encode(reply)))
+            return;
+        files.clear();
+    }
+}

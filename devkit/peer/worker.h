@@ -1,0 +1,37 @@
+// The peer as a worker of `corvane-host serve`: the steps of peer_steps.h, with exchanges
+// that live in this process alone.
+#ifndef CORVANE_PEER_WORKER_H
+#define CORVANE_PEER_WORKER_H
+
+#include <deque>
+#include <optional>
+#include <string>
+
+#include "ke_server.h"
+#include "wire.h"
+
+class PeerWorker {
+public:
+    PeerWorker();
+
+    // Tells that it is ready and serves until the socket ends.
+    void serve(int socket);
+
+private:
+    struct Exchange {
+        std::string token;
+        std::string hello;
+        std::string random;
+        std::optional<ChannelKeys> keys;
+    };
+
+    Pairs answer(const WireRequest& request);
+    Pairs begin(const std::string& hello);
+    Exchange& find(const std::string& token);
+
+    Credential root_;
+    ServerCredentials server_;
+    std::deque<Exchange> exchanges_;  // the oldest first
+};
+
+#endif
