@@ -46,6 +46,14 @@ private:
     HttpConnection connection_;
 };
 
+void killAndWait(const ServedHost& host, pid_t worker)
+{
+    const double before = host.metric("corvane_worker_restarts_total");
+    kill(worker, SIGKILL);
+    EXPECT_TRUE(
+        eventually([&] { return host.metric("corvane_worker_restarts_total") == before + 1; }));
+}
+
 void waitUntilBusy(const ServedHost& host, double count)
 {
     EXPECT_TRUE(eventually([&] { return host.metric("corvane_workers_busy") == count; }));
@@ -100,8 +108,7 @@ TEST(ServeWorkers, OneThatDiesIdleIsReplacedAtOnce)
     NEEDS_WORKERS();
     ServedHost host;
     const std::vector<pid_t> before = host.workers();
-    kill(before[0], SIGKILL);
-    EXPECT_TRUE(eventually([&] { return host.metric("corvane_worker_restarts_total") == 1; }));
+    killAndWait(host, before[0]);
     const std::vector<pid_t> after = host.workers();
     EXPECT_EQ(2U, after.size());
     EXPECT_EQ(0, std::count(after.begin(), after.end(), before[0]));
@@ -226,7 +233,7 @@ TEST(ServeWorkers, ALibraryOfAnotherNameLeavesNoFolderBehind)
                      "--engine", folder / "other.so"});
     const std::vector<pid_t> workers = host.workers();
     EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
-    kill(workers[0], SIGKILL);
+    killAndWait(host, workers[0]);
     host.workers();
     EXPECT_TRUE(eventually([&] { return fs::is_empty(folder / "tmp"); }));
     EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
@@ -252,7 +259,7 @@ TEST(ServeWorkers, HoldNothingOfTheFront)
     connection.send(host.text("GET", "/livez"));
     connection.receive();
     const std::vector<pid_t> before = host.workers();
-    kill(before[0], SIGKILL);
+    killAndWait(host, before[0]);
     for (const pid_t worker : host.workers()) {
         size_t sockets = 0;
         for (const auto& entry :

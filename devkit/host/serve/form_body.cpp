@@ -134,21 +134,18 @@ Fields readMultipart(std::string_view body, const std::string& boundary, size_t 
 
 std::optional<std::string> headerParameter(std::string_view value, std::string_view name)
 {
-    size_t at = value.find(';');
-    while (at < value.size()) {
-        value = trimmed(value.substr(at + 1));
-        const size_t equals = value.find_first_of("=;");
+    for (size_t at = value.find(';'); at != std::string_view::npos; at = value.find(';')) {
+        value.remove_prefix(at + 1);
+        const size_t equals = value.find('=');
+        if (equals > value.find(';'))
+            continue;  // a word alone
         if (equals == std::string_view::npos)
             return std::nullopt;
         const bool isIt = equalIgnoringCase(trimmed(value.substr(0, equals)), name);
-        if (value[equals] == ';') {
-            at = equals;
-            continue;
-        }
-        value.remove_prefix(equals + 1);
+        value = trimmed(value.substr(equals + 1));
 
         std::string found;
-        if (!value.empty() && value.front() == '"') {
+        if (value.substr(0, 1) == "\"") {
             size_t end = 1;
             for (; end < value.size() && value[end] != '"'; ++end) {
                 // Browsers escape nothing but the quote, and that as %22; others this way.
@@ -159,10 +156,9 @@ std::optional<std::string> headerParameter(std::string_view value, std::string_v
             }
             if (end >= value.size())
                 return std::nullopt;
-            at = value.find(';', end);
+            value.remove_prefix(end + 1);
         } else {
-            at = value.find(';');
-            found = std::string(trimmed(value.substr(0, at)));
+            found = std::string(trimmed(value.substr(0, value.find(';'))));
         }
         if (isIt)
             return found;

@@ -6,8 +6,10 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "catalogue.h"
 
@@ -16,6 +18,19 @@ inline void wipe(std::string& text)
 {
     explicit_bzero(text.data(), text.size());
     text.clear();
+}
+
+// As append, but leaves no copy behind when the text must move to grow.
+inline void appendSecret(std::string& text, std::string_view more)
+{
+    if (text.capacity() - text.size() < more.size()) {
+        std::string larger;
+        larger.reserve(std::max(2 * text.capacity(), text.size() + more.size()));
+        larger += text;
+        wipe(text);
+        text.swap(larger);
+    }
+    text += more;
 }
 
 inline void wipe(Pairs& pairs)

@@ -6,12 +6,14 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <optional>
 
 #include "access.h"
 #include "access_log.h"
+#include "exchange.h"
 #include "metrics.h"
 #include "secrets.h"
 #include "server.h"
@@ -24,14 +26,22 @@ namespace {
 // Workers that are idle end at once; this is for the engine's cleaning up.
 constexpr Seconds workersGrace{2};
 
-// As many as the system allows: each connection takes one.
-void raiseDescriptorLimit()
+// What front and workers take beside connections, and files for requests.
+constexpr size_t otherDescriptors = 128;
+
+// Each connection takes a descriptor: as many as the system allows.
+size_t possibleConnections(size_t wanted)
 {
     rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return;
+        return wanted;
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
+    const size_t possible =
+        std::max<size_t>(limit.rlim_max, 2 * otherDescriptors) - otherDescriptors;
+    if (possible < wanted)
+        tell("there are descriptors for " + std::to_string(possible) + " connections only");
+    return std::min(possible, wanted);
 }
 
 // Keeps the signals for the descriptor that is returned.
@@ -73,7 +83,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
 {
     const Undumpable undumpable;
     checkOptions(options);
-    raiseDescriptorLimit();
+    options.connections = possibleConnections(options.connections);
     const Descriptor signals = takeSignals();
 
     std::optional<BearerToken> token;

@@ -299,7 +299,7 @@ Server::Server(EventLoop& loop, const ServeOptions& options, Service& service, M
 {
     listen();
 
-    unsigned flags = MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_TURBO;
+    unsigned flags = MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME;
     std::vector<MHD_OptionItem> items = {
         {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(&onConnection), this},
         {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(&onUri), this},
@@ -534,7 +534,7 @@ MHD_Result Server::take(Exchange& exchange, const char* method, const char* data
             cutOff(connection, &refusal);
             return MHD_NO;
         }
-        exchange.body.append(data, *size);
+        appendSecret(exchange.body, {data, *size});
         bodyBytes_ += *size;
         *size = 0;
         return MHD_YES;
@@ -644,8 +644,6 @@ void Server::checkBody(Exchange& exchange)
                       "the body has more than " + std::to_string(options_.bodyBytes) + " bytes");
     if (bodyBytes_ + bytes > mostBodies * options_.bodyBytes)
         throw Refusal("busy", "", "the bodies of other requests take all memory there is for them");
-    // Not more than was promised: growing would leave unwiped copies behind.
-    exchange.body.reserve(bytes);
 }
 
 void Server::dispatch(Exchange& exchange)

@@ -348,7 +348,8 @@ void Service::sendNewSession(Part part, const PartDone& done)
     const std::string token = part.wire.session;
     const unsigned attempts = part.attempts + 1;
     Json warnings = part.warnings;
-    submit(std::move(part), chosen, [=, &info](Ending ending, WireReply& reply, WorkerLife life) {
+    const WorkerLife life = *chosen;
+    submit(std::move(part), life, [=, &info](Ending ending, WireReply& reply, WorkerLife /*life*/) {
         if (ending == Ending::Answered && reply.kind == WireReply::Answer && reply.ok)
             sessions_.add(token, life);
         else
