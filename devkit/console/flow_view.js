@@ -11,7 +11,7 @@ import { currentStatus } from './status.js';
 import { sameBytes, textOf } from './values.js';
 
 // Long enough to see the steps go by, short enough not to wait for them.
-const PAUSE = 120;  // milliseconds
+const PAUSE = 60;  // milliseconds
 
 const SHOWN_CHARACTERS = 600;
 
@@ -28,7 +28,7 @@ function valueText(value) {
 function valueRows(title, values) {
     const rows = Object.entries(values).map(([name, value]) => [name, valueText(value)]);
     if (rows.length === 0) return null;
-    return el('div', { class: 'flow-values' }, el('h4', {}, title),
+    return el('div', { class: 'flow-values' }, el('h3', {}, title),
         el('dl', {}, rows.map(([name, text]) => [
             el('dt', {}, el('code', {}, name)),
             el('dd', {}, el('span', { class: 'mono' },
@@ -50,7 +50,7 @@ class Step {
         this.number = number;
         this.element = el('li', { class: 'step' }, this.marker,
             el('div', { class: 'step-body' },
-                el('h3', {}, t(step.title), this.state),
+                el('h2', {}, t(step.title), this.state),
                 el('p', {}, t(step.text)),
                 el('p', { class: 'step-where' }, request || peer || local || null, this.time),
                 this.outcome));
@@ -85,7 +85,7 @@ class Step {
         this.time.textContent = duration(outcome.microseconds);
         if (step.refused) return this.expectRefusal(sent, outcome);
         if (!outcome.ok) {
-            this.show('failed', errorCard(outcome.error, 'h4'), this.values(sent, outcome.results));
+            this.show('failed', errorCard(outcome.error, 'h3'), this.values(sent, outcome.results));
             return false;
         }
         step.keep?.(outcome.results, s);
@@ -105,7 +105,7 @@ class Step {
 
     expectRefusal(sent, outcome) {
         const right = !outcome.ok && outcome.error.name === this.step.refused;
-        const card = outcome.error ? errorCard(outcome.error, 'h4') : el('p', {}, t('It was not refused.'));
+        const card = outcome.error ? errorCard(outcome.error, 'h3') : el('p', {}, t('It was not refused.'));
         this.show(right ? 'done' : 'failed',
             right ? el('p', { class: 'expected' }, t('Refused, as it must be.')) : null, card,
             this.values(sent, outcome.results));

@@ -162,7 +162,7 @@ export class RequestView {
             this.state.outcome = await exchange(this.request, parameters);
             this.drawAnswer();
             announce(outcomeText(this.state.outcome));
-            this.answer.parentElement.scrollIntoView({ block: 'nearest', behavior: 'smooth' });
+            this.answer.parentElement.scrollIntoView({ block: 'nearest' });
         } finally {
             this.sending = false;
             this.send.removeAttribute('aria-busy');

@@ -123,7 +123,8 @@ function useAs(from, result, onUse) {
 function drawResult(request, result, sent, onUse) {
     const value = new ShownValue(result.form, sent);
     const headingId = newId('result');
-    const heading = el('h3', { id: headingId }, sentence(result.meaning), ' ', el('code', {}, result.name));
+    const [title] = sentence(result.meaning).split(/; |；/);
+    const heading = el('h3', { id: headingId }, title, ' ', el('code', {}, result.name));
     if (value.sent === '')
         return el('section', { class: 'value', 'aria-labelledby': headingId, data: { result: result.name } },
             heading, el('p', { class: 'muted' }, t('empty')));
@@ -159,13 +160,13 @@ export function errorCard(error, level = 'h3') {
         [t('Meaning'), error.text],
         [t('Likely cause'), error.cause],
         [t('What to do'), error.remedy],
-        [t('Field'), error.field],
     ].filter(([, text]) => text);
+    const field = error.field ? [el('dt', {}, t('Field')), el('dd', {}, el('code', {}, error.field))] : [];
     return el('section', { class: 'error-card', data: { code: error.code } },
         el(level, {}, el('span', { class: 'code' }, error.code), ' ',
             el('span', {}, error.name || '')),
         el('p', { class: 'source' }, sources[error.source] ?? t('refused by the host, before any request ran')),
-        el('dl', {}, rows.map(([term, text]) => [el('dt', {}, term), el('dd', {}, sentence(text))]).flat()));
+        el('dl', {}, rows.map(([term, text]) => [el('dt', {}, term), el('dd', {}, sentence(text))]).flat(), field));
 }
 
 function duration(microseconds) {
