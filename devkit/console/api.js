@@ -34,7 +34,7 @@ export function takeTokenFromAddress() {
 
 const unreachable = {
     code: 'unreachable',
-    source: 'host',
+    source: 'page',
     text: 'The host does not answer.',
     cause: 'It has ended, or the connection to it is cut.',
     remedy: 'Start it again with “corvane-host serve”, then repeat the call.',
@@ -42,7 +42,7 @@ const unreachable = {
 
 const unreadable = {
     code: 'unreadable',
-    source: 'host',
+    source: 'page',
     text: 'The answer cannot be read.',
     cause: 'Something other than corvane-host answers at this address.',
     remedy: 'Check the address, and what stands between browser and host.',

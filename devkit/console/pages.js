@@ -37,12 +37,15 @@ export class StartView {
 
 const STATES = { idle: 'idle', busy: 'busy', starting: 'starting' };
 
-// "1 h 2 min", of seconds.
+// "1 h 2 min 3 s", of seconds.
 function span(seconds) {
-    if (seconds < 60) return t('{count} s', { count: seconds });
-    const minutes = Math.floor(seconds / 60);
-    if (minutes < 60) return t('{count} min', { count: minutes });
-    return t('{hours} h {minutes} min', { hours: Math.floor(minutes / 60), minutes: minutes % 60 });
+    const parts = [
+        [Math.floor(seconds / 3600), '{count} h'],
+        [Math.floor(seconds / 60) % 60, '{count} min'],
+        [seconds % 60, '{count} s'],
+    ];
+    const first = parts.findIndex(([count]) => count > 0);
+    return parts.slice(first < 0 ? 2 : first).map(([count, text]) => t(text, { count })).join(' ');
 }
 
 const LIMITS = {

@@ -155,7 +155,12 @@ function drawResult(request, result, sent, onUse) {
 
 // The card of an error: of plug-in or engine, or of the exchange with the host.
 export function errorCard(error, level = 'h3') {
-    const sources = { 'plug-in': t('refused by the plug-in'), engine: t('refused by the engine') };
+    const sources = {
+        'plug-in': t('refused by the plug-in'),
+        engine: t('refused by the engine'),
+        host: t('reported by the host'),
+        page: t('noticed by this page'),
+    };
     const rows = [
         [t('Meaning'), error.text],
         [t('Likely cause'), error.cause],
@@ -165,20 +170,18 @@ export function errorCard(error, level = 'h3') {
     return el('section', { class: 'error-card', data: { code: error.code } },
         el(level, {}, el('span', { class: 'code' }, error.code), ' ',
             el('span', {}, error.name || '')),
-        el('p', { class: 'source' }, sources[error.source] ?? t('refused by the host, before any request ran')),
+        el('p', { class: 'source' }, sources[error.source] ?? ''),
         el('dl', {}, rows.map(([term, text]) => [el('dt', {}, term), el('dd', {}, sentence(text))]).flat(), field));
 }
 
-function duration(microseconds) {
+export function duration(microseconds) {
     if (microseconds === undefined || microseconds === null) return '';
     return microseconds < 10000
         ? t('{count} µs', { count: number(Math.round(microseconds)) })
         : t('{count} ms', { count: number(Math.round(microseconds / 1000)) });
 }
 
-export { duration };
-
-// `outcome`: {ok, results, error, microseconds}. Strange results, which the catalogue lacks, are
+// `outcome`: {ok, results, error, microseconds, status}. Strange results, which the catalogue lacks, are
 // shown as texts.
 export function drawOutcome(request, outcome, onUse) {
     const known = (name) => request.results.find((result) => result.name === name) ??
@@ -190,7 +193,7 @@ export function drawOutcome(request, outcome, onUse) {
     const head = el('div', { class: 'outcome-head' },
         outcome.ok
             ? el('span', { class: 'badge ok' }, icon('check'), t('Success'))
-            : el('span', { class: 'badge bad' }, icon('cross'), t('Refused')),
+            : el('span', { class: 'badge bad' }, icon('cross'), outcome.status === 0 ? t('No answer') : t('Refused')),
         el('span', { class: 'muted' }, duration(outcome.microseconds)));
     const error = outcome.error ? errorCard(outcome.error) : null;
     const nothing = outcome.ok && values.length === 0

@@ -1,5 +1,5 @@
-// Chinese texts, by the English ones: the console's own first, then those of the host's catalogue.
-// A test lists what is missing.
+// Chinese texts, by the English ones: the console's own, those of the host's catalogue, and those
+// of the host's refusals. A test lists what is missing.
 
 const own = {
     // Frame and navigation.
@@ -112,8 +112,9 @@ const own = {
     'Field': '字段',
     'refused by the plug-in': '被插件拒绝',
     'refused by the engine': '被引擎拒绝',
-    'refused by the host, before any request ran': '被主机拒绝，没有执行任何请求',
-    'no answer': '没有应答',
+    'reported by the host': '由主机报告',
+    'noticed by this page': '由此页面发现',
+    'No answer': '没有应答',
     '{count} µs': '{count} 微秒',
     '{count} ms': '{count} 毫秒',
     'The host does not answer.': '主机没有应答。',
@@ -144,8 +145,7 @@ const own = {
     'starting': '启动中',
     '{count} s': '{count} 秒',
     '{count} min': '{count} 分钟',
-    '{hours} h {minutes} min': '{hours} 小时 {minutes} 分钟',
-    'Limits': '限制',
+    '{count} h': '{count} 小时',
     'Bytes in one call': '一次调用的字节数',
     'Parameters in one call': '一次调用的参数个数',
     'Calls in one batch': '一批中的调用次数',
@@ -614,6 +614,75 @@ const catalogue = {
     'pass the message as the other side sent it': '按对方发来的原样传入消息',
 };
 
+const refusals = {
+    'the request is not of its form': '请求的形式有误',
+    'see docs/serving.md and /openapi.json': '见 docs/serving.md 和 /openapi.json',
+    'a value has a type that the parameter does not take': '值的类型不是该参数所接受的',
+    'send a string, an integer, or {"text"}, {"base64"} or {"hex"} with a string':
+        '发送字符串、整数，或带字符串的 {"text"}、{"base64"}、{"hex"}',
+    'text is not in the encoding that it claims': '文本与所声明的编码不符',
+    'send UTF-8 in JSON, and whole Base64, hex and percent-escapes': 'JSON 用 UTF-8，Base64、十六进制和百分号转义要完整',
+    'a name is given twice': '同一名称给出了两次',
+    'give each name once': '每个名称只给一次',
+    'there are more parameters or requests than are taken': '参数或请求的个数超过限制',
+    'see the limits in /v1/status': '见 /v1/status 中的限制',
+    "the name does not lead to a file below the host's folder": '该名称不指向主机目录下的文件',
+    'name a file below the folder that the host was started with, or upload the file':
+        '给出主机启动时所指目录下的文件名，或上传文件',
+    'the token is missing or wrong': '缺少令牌，或令牌有误',
+    'send "Authorization: Bearer TOKEN" with the token from the host\'s token file':
+        '发送“Authorization: Bearer TOKEN”，令牌取自主机的令牌文件',
+    'the Host header names a host that is not allowed': 'Host 头所指的主机不被允许',
+    'use the address that the host prints, or start it with --allow-host': '使用主机显示的地址，或用 --allow-host 启动',
+    'the request comes from a page of another origin': '请求来自另一来源的页面',
+    "use the host's own console, or start it with --allow-origin": '使用主机自带的控制台，或用 --allow-origin 启动',
+    'there is nothing at this path': '此路径下没有内容',
+    'see /openapi.json for the paths': '路径见 /openapi.json',
+    'no request has this name': '没有此名称的请求',
+    'see /v1/catalogue for the names': '名称见 /v1/catalogue',
+    'the path does not take this method': '此路径不接受该方法',
+    'use a method of the Allow header': '使用 Allow 头列出的方法',
+    'the request did not arrive whole in time': '请求没有及时完整到达',
+    'send it faster, or start the host with a longer --read-seconds': '更快地发送，或用更长的 --read-seconds 启动主机',
+    'the key-exchange session has ended or never was': '密钥交换会话已结束，或从未存在',
+    'begin a new one with QZaven_ke_new': '用 QZaven_ke_new 开始新的会话',
+    'the body is larger than the host takes': '正文超过主机所接受的大小',
+    'send less, or start the host with a larger --body-bytes': '减少数据，或用更大的 --body-bytes 启动主机',
+    'a parameter is larger than the host takes': '参数超过主机所接受的大小',
+    'send less, or start the host with a larger --parameter-bytes': '减少数据，或用更大的 --parameter-bytes 启动主机',
+    'the body is of a type that the host does not read': '主机不读取此类型的正文',
+    'send application/json, application/x-www-form-urlencoded or multipart/form-data':
+        '发送 application/json、application/x-www-form-urlencoded 或 multipart/form-data',
+    'this address sends more than its share': '此地址发送得太多',
+    'wait as Retry-After says': '按 Retry-After 等待',
+    'the headers are larger or more than the host takes': '头部的大小或个数超过主机的限制',
+    'send fewer or shorter headers': '减少或缩短头部',
+    'the process that served the request ended in it': '处理请求的进程中途结束了',
+    "try again; the host's log and the engine's may tell why": '请重试；主机和引擎的日志或许说明原因',
+    'the host has as much to do as it takes': '主机已满负荷',
+    'the host is stopping': '主机正在停止',
+    'there is no token': '没有令牌',
+    'the token is wrong': '令牌有误',
+    'the request took too long and was ended': '请求用时太长，已被终止',
+    'no process was free for the request in time': '没有进程及时空出来处理请求',
+    'too many requests wait for a worker': '等待工作进程的请求太多',
+    'there are as many sessions as the host takes': '会话数已达主机上限',
+    'this address sends too many requests': '此地址发送的请求太多',
+    'the host was started without --ca-folder; files can only be uploaded':
+        '主机启动时没有 --ca-folder；只能上传文件',
+    "a file is named from the host's folder, without \"..\"": '文件名以主机目录为起点，不含“..”',
+    'its worker process ended': '它的工作进程已结束',
+    'it is not known here': '此处不知道它',
+    'it was freed': '它已被释放',
+    'it was idle for too long': '它闲置太久',
+    'its worker does not know it': '它的工作进程不知道它',
+    "there is no such file below the host's folder": '主机目录下没有这个文件',
+    "there is no such folder below the host's folder": '主机目录下没有这个目录',
+    'try again later': '请稍后再试',
+    'the request took longer than the host allows': '请求用时超过主机所允许的',
+    'send less, or start the host with a longer --request-seconds': '减少数据，或用更长的 --request-seconds 启动主机',
+};
+
 // Names are the same in both languages.
 const names = [
     'SM2', 'SM3', 'SM4', 'RSA', 'OAEP', 'PKCS#1 v1.5', 'PKCS#7', 'ASN.1', 'C1C3C2', 'C1C2C3',
@@ -622,7 +691,7 @@ const names = [
     'SHA-1', 'SHA-224', 'SHA-256', 'SHA-384', 'SHA-512',
 ];
 
-export const chinese = { ...own, ...catalogue, ...Object.fromEntries(names.map((name) => [name, name])) };
+export const chinese = { ...own, ...catalogue, ...refusals, ...Object.fromEntries(names.map((name) => [name, name])) };
 
 // Texts in which the host names a field or a number; {1} and so on are what the pattern found,
 // translated in turn.
@@ -633,4 +702,8 @@ export const chinesePatterns = [
     [/^(\S+) must be (\d+) to (\d+)$/, '{1} 必须在 {2} 到 {3} 之间'],
     [/^(\S+) must be (\d+) bytes$/, '{1} 必须是 {2} 字节'],
     [/^(\S+) must be one of (.+)$/, '{1} 必须是以下之一：{2}'],
+    [/^there is no such session: (.+)$/, '没有这个会话：{1}'],
+    [/^(\S+) takes a string, not bytes$/, '{1} 接受字符串，不接受字节'],
+    [/^(\S+) has more than (\d+) bytes$/, '{1} 多于 {2} 字节'],
+    [/^the body has more than (\d+) bytes$/, '正文多于 {1} 字节'],
 ];
