@@ -77,16 +77,8 @@ export function getStatus() {
 }
 
 // Parameters are values of the API, {name: value}.
-export function requestBody(parameters) {
-    return JSON.stringify(parameters);
-}
-
-export function requestPath(name) {
-    return `/v1/requests/${encodeURIComponent(name)}`;
-}
-
 export function sendRequest(name, parameters) {
-    return call('POST', requestPath(name), requestBody(parameters));
+    return call('POST', `/v1/requests/${encodeURIComponent(name)}`, JSON.stringify(parameters));
 }
 
 export function sendToPeer(step, body) {

@@ -1,14 +1,10 @@
 // What the host says about its requests and codes. All that the page knows of them comes from
 // here, so that it suits whatever host it was served by.
 
-let content = { version: '', requests: [], codes: [] };
+let content = { requests: [] };
 
 export function setCatalogue(json) {
     content = json;
-}
-
-export function version() {
-    return content.version;
 }
 
 export function requests() {
@@ -31,10 +27,6 @@ export function groups() {
         byName.get(request.group).push(request);
     }
     return [...byName];
-}
-
-export function findCode(code) {
-    return content.codes.find((row) => row.code === code);
 }
 
 // The value that a request's parameter has for a name, such as "AES-256": engines number

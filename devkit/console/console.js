@@ -114,6 +114,10 @@ function draw() {
     page.replaceChildren(skip, header(),
         ...(signedIn ? [el('div', { class: 'body' }, navigation.draw(token() === '' ? null : leave), main)] : [main]));
     if (signedIn) {
+        // Also a link to the view that is open anyway.
+        navigation.list.addEventListener('click', (event) => {
+            if (event.target.closest('a')) showMenu(false);
+        });
         drawPill();
         open();
     }

@@ -25,7 +25,6 @@ const icons = {
     menu: 'M2 4h12 M2 8h12 M2 12h12',
     check: 'M3 8.5 6.5 12 13 4.5',
     cross: 'M4 4l8 8 M12 4l-8 8',
-    dice: 'M3 3h10v10H3z M6 6h.01 M10 10h.01 M10 6h.01 M6 10h.01',
     theme: 'M8 2.5a5.5 5.5 0 1 0 0 11z M8 2.5a5.5 5.5 0 0 1 0 11',
     arrow: 'M6 3.5 10.5 8 6 12.5',
 };

@@ -3,10 +3,10 @@
 
 import { Failure, sendToPeer } from './api.js';
 import { findRequest } from './catalogue.js';
-import { announce, el, icon, newId } from './dom.js';
+import { el, icon, newId } from './dom.js';
 import { t } from './i18n.js';
 import { exchange } from './request_view.js';
-import { copyButton, duration, errorCard } from './result.js';
+import { duration, errorCard } from './result.js';
 import { currentStatus } from './status.js';
 import { sameBytes, textOf } from './values.js';
 

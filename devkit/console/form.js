@@ -1,7 +1,7 @@
 // The form of a request, made from the catalogue: one field for each parameter, checked while it
 // is filled in. What is filled in lives in the entries; a form can be drawn from them anew.
 
-import { announce, el, icon, newId } from './dom.js';
+import { announce, el, newId } from './dom.js';
 import { applies, convertEntry, entryBytes, entryValue, fault, fieldKind, isEmpty, isRequired,
     takesRandom, takesUpload } from './entries.js';
 import { byteCount, sentence, t } from './i18n.js';
@@ -239,11 +239,15 @@ export class RequestForm {
             .map((field) => ({ parameter: field.parameter, entry: field.entry }));
     }
 
-    // The call's parameters for the API, or null if a value stands for nothing yet.
+    // Whether each value stands for something.
+    isSendable() {
+        return this.fields.every((field) => !field.fault()?.stops);
+    }
+
+    // The call's parameters for the API; the form must be sendable.
     parameters() {
-        const values = this.given().map(({ parameter, entry }) =>
-            [parameter.name, entryValue(parameter, entry)]);
-        return values.some(([, value]) => value === null) ? null : Object.fromEntries(values);
+        return Object.fromEntries(this.given().map(({ parameter, entry }) =>
+            [parameter.name, entryValue(parameter, entry)]));
     }
 
     // Puts the host's warnings at their fields; those without a field are returned.

@@ -109,7 +109,7 @@ export class RequestView {
 
     drawLines() {
         const given = this.form.given();
-        if (this.form.parameters() === null) {
+        if (!this.form.isSendable()) {
             this.lines.replaceChildren(el('p', { class: 'muted' }, t('A value cannot be sent yet: see the form.')));
             return;
         }
@@ -150,6 +150,8 @@ export class RequestView {
     async dispatch() {
         if (this.sending) return;
         const parameters = this.form.parameters();
+        // "Send anyway" goes, and must not take the focus with it.
+        if (this.attention.contains(document.activeElement)) this.send.focus();
         this.attention.replaceChildren();
         const limit = bodyLimit();
         if (limit !== null && JSON.stringify(parameters).length > limit) {

@@ -8,8 +8,9 @@ import { segments } from './form.js';
 import { byteCount, number, sentence, t } from './i18n.js';
 import { isPrintable, resultBytes, textOf, toBase64, toHex } from './values.js';
 
-// Longer values are cut on the page; copies and files hold them whole.
-const SHOWN_CHARACTERS = 6000;
+// Longer values are cut on the page; copies and files hold them whole. A multiple of three, so
+// that Base64 is cut between its groups.
+const SHOWN_BYTES = 3000;
 
 export function button(text, iconName, onClick, attributes = {}) {
     return el('button', { type: 'button', class: 'button small', ...attributes, on: { click: onClick } },
@@ -37,10 +38,6 @@ function save(name, bytes) {
     setTimeout(() => URL.revokeObjectURL(url), 10000);
 }
 
-function cut(text) {
-    return text.length > SHOWN_CHARACTERS ? `${text.slice(0, SHOWN_CHARACTERS)}…` : text;
-}
-
 // A value in the three forms in which it can be shown. `sent` is the text of the answer itself.
 class ShownValue {
     constructor(form, sent) {
@@ -65,6 +62,17 @@ class ShownValue {
         if (this.bytes === null) return this.sent;
         if (form === 'hex') return toHex(this.bytes);
         return form === 'base64' ? toBase64(this.bytes) : this.text;
+    }
+
+    // The same, cut to what the page shows.
+    shown(form) {
+        if (this.bytes === null || form === 'text') {
+            const text = this.as('text');
+            return text.length > SHOWN_BYTES ? `${text.slice(0, SHOWN_BYTES)}…` : text;
+        }
+        if (this.bytes.length <= SHOWN_BYTES) return this.as(form);
+        const start = this.bytes.subarray(0, SHOWN_BYTES);
+        return `${form === 'hex' ? toHex(start) : toBase64(start)}…`;
     }
 }
 
@@ -131,7 +139,7 @@ function drawResult(request, result, sent, onUse) {
 
     let form = value.preferred();
     const shown = el('pre', { class: 'value-text', tabindex: 0, 'aria-labelledby': headingId });
-    const draw = () => { shown.textContent = cut(value.as(form)); };
+    const draw = () => { shown.textContent = value.shown(form); };
     draw();
     const forms = value.forms();
     const handle = result.form === 'handle';

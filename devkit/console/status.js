@@ -19,14 +19,13 @@ export function bodyLimit() {
     return latest?.limits?.body_bytes ?? null;
 }
 
-export async function refreshStatus() {
+async function refreshStatus() {
     try {
         latest = await getStatus();
         reachable = true;
     } catch (failure) {
-        if (!(failure instanceof Failure)) throw failure;
+        if (!(failure instanceof Failure) || failure.status === 401) throw failure;
         reachable = failure.status !== 0;
-        if (failure.status === 401) stopWatching();
     }
     listener();
 }

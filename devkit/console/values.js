@@ -21,8 +21,12 @@ export function isPrintable(text) {
     return !/[\u0000-\u0008\u000b\u000c\u000e-\u001f\u007f-\u009f]/.test(text);
 }
 
+const HEX = Array.from({ length: 256 }, (_, byte) => byte.toString(16).padStart(2, '0'));
+
 export function toHex(bytes) {
-    return Array.from(bytes, (byte) => byte.toString(16).padStart(2, '0')).join('');
+    let digits = '';
+    for (const byte of bytes) digits += HEX[byte];
+    return digits;
 }
 
 // Blanks, line ends and colons between digits are for people.
