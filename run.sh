@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Builds what is missing and runs the main job on a real file.
+#   ./run.sh                    every request, through all four layers
+#   ./run.sh serve [OPTION]...  the host as a service (docs/serving.md)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 . packaging/packages.sh
@@ -15,4 +17,7 @@ if ! cmake --build $build --target Corvane_plugin CorvaneParamsModule SoftModule
     exit 1
 fi
 
+if [ "${1-}" = serve ]; then
+    exec $build/devkit/host/corvane-host "$@"
+fi
 exec devkit/demo.sh $build

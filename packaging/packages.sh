@@ -1,6 +1,7 @@
 # The Debian 12 packages behind each task; sourced by run.sh and test.sh.
 
-build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev openssl)
+build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
+    libmicrohttpd-dev libsystemd-dev openssl)
 
 test_packages=(libgtest-dev googletest binutils clang locales python3-cryptography-vectors)
 
@@ -11,4 +12,5 @@ all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python
 browser_packages=(chromium curl fonts-noto-cjk nodejs)
 
 # Building for 64-bit ARM and running it in emulation. The last are of that architecture.
-aarch64_packages=(g++-aarch64-linux-gnu qemu-user libssl-dev:arm64 libstdc++6:arm64)
+aarch64_packages=(g++-aarch64-linux-gnu qemu-user libssl-dev:arm64 libstdc++6:arm64
+    libmicrohttpd-dev:arm64 libsystemd-dev:arm64)

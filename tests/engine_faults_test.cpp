@@ -1,9 +1,11 @@
 // Faults on request: what the environment variable asks for, what calls do then, and what
 // a client of the plug-in sees.
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
@@ -204,6 +206,45 @@ TEST(EngineFaults, EveryCodeFunctionCanReturnACode)
     EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "returns -4711\n"), 32u);
 }
 
+// ---- Calls that do not return
+
+// Calls aven_version in a process of its own, with standard error in `log`.
+pid_t callVersion(const std::string& faults, const std::string& log)
+{
+    const pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    const int file = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    dup2(file, STDERR_FILENO);
+    const Requested requested(faults);
+    DevkitEngine engine;
+    engine.aven_version();
+    _exit(0);
+}
+
+TEST(EngineFaults, CrashEndsTheProcess)
+{
+    const pid_t pid = callVersion("aven_version:1=crash", openssl().path("crash"));
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+    EXPECT_EQ(count(openssl().read("crash"), "*** FAULT ON REQUEST *** aven_version crashes"), 1u);
+}
+
+TEST(EngineFaults, HangNeverReturns)
+{
+    openssl().write("hang", "");
+    const pid_t pid = callVersion("aven_version:1=hang", openssl().path("hang"));
+    int status = 0;
+    while (count(openssl().read("hang"), "*** FAULT ON REQUEST *** aven_version hangs") == 0 &&
+           waitpid(pid, &status, WNOHANG) == 0)
+        usleep(1000);
+    usleep(20'000);  // that it would need to return
+    EXPECT_EQ(waitpid(pid, &status, WNOHANG), 0);
+    kill(pid, SIGKILL);
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+}
+
 // ---- The log
 
 TEST(EngineFaults, LogSaysThatTheyAreOnAndWhenTheyStrike)
@@ -264,6 +305,7 @@ TEST(EngineFaults, MalformedTextKeepsTheEngineFromStarting)
         {"aven_crypto_encrypt:1=1 ", 1},
         {"aven_crypto_encrypt:1=2147483648", 1},
         {"aven_crypto_encrypt:1=Empty", 1},
+        {"aven_crypto_encrypt:1=crashes", 1},
         {"aven_crypto_encrypt:1=1=1", 1},
         {" aven_crypto_encrypt:1=1", 1},
         {"aven_crypto_encryp:1=1", 1},

@@ -1,5 +1,7 @@
 #include "faults.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <atomic>
 #include <charconv>
@@ -78,6 +80,10 @@ bool parseRequest(std::string_view text, Request& request)
 
     if (text == "empty")
         return true;
+    if (text == "crash" || text == "hang") {
+        request.fault.kind = text == "crash" ? Fault::Crashes : Fault::Hangs;
+        return true;
+    }
     return request.function->returnsCode && parseNumber(text, request.fault.code) &&
            request.fault.code != 0;
 }
@@ -119,11 +125,21 @@ std::optional<Fault> countedFault(const char* function)
     if (striking == nullptr)
         return std::nullopt;
 
-    if (striking->fault.code == 0)
+    const Fault& fault = striking->fault;
+    if (fault.kind == Fault::Crashes) {
+        logLoud("*** FAULT ON REQUEST *** %s crashes", function);
+        abort();
+    }
+    if (fault.kind == Fault::Hangs) {
+        logLoud("*** FAULT ON REQUEST *** %s hangs", function);
+        for (;;)
+            pause();
+    }
+    if (fault.code == 0)
         logLoud("*** FAULT ON REQUEST *** %s brings no result", function);
     else
-        logLoud("*** FAULT ON REQUEST *** %s returns %d", function, striking->fault.code);
-    return striking->fault;
+        logLoud("*** FAULT ON REQUEST *** %s returns %d", function, fault.code);
+    return fault;
 }
 
 bool faultsReadable()

@@ -1,5 +1,5 @@
-// Faults on request: calls that fail, or bring no result, because the environment variable
-// CORVANE_ENGINE_FAULTS asks for it. README.md describes its text.
+// Faults on request: calls that fail, bring no result, or never return, because the
+// environment variable CORVANE_ENGINE_FAULTS asks for it. README.md describes its text.
 //
 // The variable is read once, when the library is loaded, so that the functions that come
 // before aven_global_init can fail too. Nothing changes afterwards but the counts of calls.
@@ -11,12 +11,14 @@
 // Whether any fault may strike; never written after loading.
 extern bool faultsOn;
 
-// What a fault has a call return instead of doing its work.
+// What a fault has a call do instead of its work.
 struct Fault {
-    int code;  // 0: success, with no bytes
+    enum Kind { Returns, Crashes, Hangs } kind = Returns;
+    int code = 0;  // that it returns; 0: success, with no bytes
 };
 
 // Counts this call of an exported function and says in the log whether a fault strikes it.
+// Does not return if it is to crash or to hang.
 std::optional<Fault> countedFault(const char* function);
 
 inline std::optional<Fault> faultFor(const char* function)

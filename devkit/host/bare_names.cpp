@@ -55,8 +55,14 @@ BareNames::BareNames() : folder_(variable(marker))
 
 BareNames::~BareNames()
 {
+    removeFolder();
+}
+
+void BareNames::removeFolder()
+{
     if (!folder_.empty())
         removeLinks(folder_);
+    folder_.clear();
 }
 
 void BareNames::startAgain(const LibraryPaths& paths, char** argv, Output& output)

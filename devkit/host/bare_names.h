@@ -21,6 +21,10 @@ public:
     BareNames(const BareNames&) = delete;
     BareNames& operator=(const BareNames&) = delete;
 
+    // Removes the folder earlier, once the libraries are loaded: for a process that may
+    // end without its destructors.
+    void removeFolder();
+
     // Returns only if starting again is of no use: the program was started that way
     // already. Throws a LoadError if it cannot be done.
     void startAgain(const LibraryPaths& paths, char** argv, Output& output);

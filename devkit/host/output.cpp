@@ -60,6 +60,11 @@ void Output::write(std::string_view text, const std::string& path) const
         failToWrite(path);
 }
 
+bool Output::isTerminal() const
+{
+    return isatty(descriptor_) == 1;
+}
+
 void Output::giveBack() const
 {
     dup2(descriptor_, STDOUT_FILENO);

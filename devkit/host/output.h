@@ -24,6 +24,9 @@ public:
     // The same to a file, which is made or replaced; an empty path means this output.
     void write(std::string_view text, const std::string& path) const;
 
+    // Whether a person reads it.
+    bool isTerminal() const;
+
     // Gives descriptor 1 back, for a program that takes this one's place.
     void giveBack() const;
 

@@ -1,0 +1,32 @@
+// corvane-host list: the requests and their parameters.
+#include <memory>
+
+#include "commands.h"
+#include "descriptions.h"
+#include "values.h"
+
+namespace {
+
+struct ListOptions {
+    bool json = false;
+    bool markdown = false;
+};
+
+std::string listed(const ListOptions& options)
+{
+    if (options.json)
+        return write(catalogueJson()["requests"], 2) + "\n";
+    return options.markdown ? requestsDocument() : listRequests();
+}
+
+}  // namespace
+
+void addList(CLI::App& app, Program& program)
+{
+    const auto options = std::make_shared<ListOptions>();
+    CLI::App* command = app.add_subcommand("list", "List the requests and their parameters");
+    CLI::Option* json = command->add_flag("--json", options->json, "As JSON");
+    command->add_flag("--markdown", options->markdown, "As a document: docs/requests.md")
+        ->excludes(json);
+    command->callback([options, &program] { program.output.write(listed(*options)); });
+}

@@ -1,0 +1,35 @@
+// What all subcommands share: the program's output, its libraries and its exit code.
+#ifndef CORVANE_HOST_PROGRAM_H
+#define CORVANE_HOST_PROGRAM_H
+
+#include <memory>
+
+#include "bare_names.h"
+#include "host_session.h"
+#include "output.h"
+
+enum ExitCode {
+    SUCCESS = 0,
+    REFUSED = 1,  // by the plug-in or the engine
+    USAGE = 2,    // or a file that cannot be read or written
+    LOADING = 3,
+};
+
+class Program {
+public:
+    explicit Program(char** argv) : argv_(argv) {}
+
+    // Loads the chosen libraries. May start the program again, so that standard input
+    // must not have been read. Throws a LoadError.
+    std::unique_ptr<HostSession> openSession();
+
+    Output output;
+    LibraryPaths paths;  // as given
+    BareNames bareNames;
+    ExitCode exitCode = SUCCESS;  // set by the subcommand
+
+private:
+    char** argv_;
+};
+
+#endif

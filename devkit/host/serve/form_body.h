@@ -1,0 +1,18 @@
+// The two forms of HTML as bodies: application/x-www-form-urlencoded (WHATWG URL, section
+// 5.1) and multipart/form-data (RFC 7578).
+#ifndef CORVANE_HOST_SERVE_FORM_BODY_H
+#define CORVANE_HOST_SERVE_FORM_BODY_H
+
+#include "request_body.h"
+
+// Names are checked, and that none is given twice. Both throw a Refusal.
+Fields readUrlEncoded(std::string_view body, size_t mostFields);
+Fields readMultipart(std::string_view body, const std::string& boundary, size_t mostFields);
+
+// A parameter of a header's value, without quotes: boundary of a Content-Type. Names are
+// compared without regard to case.
+std::optional<std::string> headerParameter(std::string_view value, std::string_view name);
+bool equalIgnoringCase(std::string_view a, std::string_view b);
+std::string_view trimmed(std::string_view text);
+
+#endif

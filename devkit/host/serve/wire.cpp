@@ -1,0 +1,258 @@
+#include "wire.h"
+
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr size_t lengthSize = 4;
+
+class Writer {
+public:
+    Writer() : bytes_(lengthSize, '\0') {}
+
+    void number(size_t value)
+    {
+        for (unsigned shift = 0; shift < 32; shift += 8)
+            bytes_ += static_cast<char>(value >> shift & 0xFF);
+    }
+    void text(const std::string& value)
+    {
+        number(value.size());
+        bytes_ += value;
+    }
+    void pairs(const Pairs& values)
+    {
+        number(values.size());
+        for (const auto& [name, value] : values) {
+            text(name);
+            text(value);
+        }
+    }
+    // So that no unwiped copy is left behind by growing.
+    void reserve(const Pairs& values)
+    {
+        size_t size = 1024;
+        for (const auto& [name, value] : values)
+            size += name.size() + value.size() + 8;
+        bytes_.reserve(size);
+    }
+    std::string take()
+    {
+        const size_t size = bytes_.size() - lengthSize;
+        for (size_t i = 0; i < lengthSize; ++i)
+            bytes_[i] = static_cast<char>(size >> (8 * i) & 0xFF);
+        return std::move(bytes_);
+    }
+
+private:
+    std::string bytes_;
+};
+
+size_t numberAt(std::string_view bytes)
+{
+    size_t value = 0;
+    for (size_t i = 0; i < lengthSize; ++i)
+        value |= static_cast<size_t>(static_cast<unsigned char>(bytes[i])) << (8 * i);
+    return value;
+}
+
+// Behind the end everything is empty, and `whole` false.
+class Reader {
+public:
+    explicit Reader(std::string_view bytes) : rest_(bytes) {}
+
+    size_t number()
+    {
+        const std::string_view bytes = take(lengthSize);
+        return bytes.size() == lengthSize ? numberAt(bytes) : 0;
+    }
+    std::string text() { return std::string(take(number())); }
+    Pairs pairs()
+    {
+        Pairs values;
+        for (size_t count = number(); count > 0 && good_; --count) {
+            std::string name = text();
+            values.emplace_back(std::move(name), text());
+        }
+        return values;
+    }
+    bool whole() const { return good_ && rest_.empty(); }
+
+private:
+    std::string_view take(size_t size)
+    {
+        if (size > rest_.size()) {
+            good_ = false;
+            rest_ = {};
+        }
+        const std::string_view bytes = rest_.substr(0, good_ ? size : 0);
+        rest_.remove_prefix(bytes.size());
+        return bytes;
+    }
+
+    std::string_view rest_;
+    bool good_ = true;
+};
+
+union Control {
+    cmsghdr header;
+    char bytes[CMSG_SPACE(mostFiles * sizeof(int))];
+};
+
+// Takes over the descriptors that came beside a message.
+void takeFiles(msghdr& message, std::vector<Descriptor>& files)
+{
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
+            continue;
+        const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int number;
+            memcpy(&number, CMSG_DATA(header) + i * sizeof number, sizeof number);
+            files.emplace_back(number);
+        }
+    }
+}
+
+bool readAll(int socket, char* bytes, size_t size, std::vector<Descriptor>& files)
+{
+    while (size > 0) {
+        iovec part = {bytes, size};
+        Control control = {};
+        msghdr message = {};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = &control;
+        message.msg_controllen = sizeof control;
+        const ssize_t count = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return false;
+        takeFiles(message, files);
+        bytes += count;
+        size -= static_cast<size_t>(count);
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string encode(const WireRequest& request)
+{
+    Writer writer;
+    writer.reserve(request.parameters);
+    writer.text(request.name);
+    writer.text(request.session);
+    writer.pairs(request.parameters);
+    writer.number(request.files.size());
+    for (const std::string& name : request.files)
+        writer.text(name);
+    return writer.take();
+}
+
+std::string encode(const WireReply& reply)
+{
+    Writer writer;
+    writer.reserve(reply.results);
+    writer.number(reply.kind);
+    writer.number(reply.ok ? 1 : 0);
+    writer.number(static_cast<size_t>(std::min(reply.microseconds * 10, 4e9)));
+    writer.text(reply.code);
+    writer.text(reply.text);
+    writer.pairs(reply.results);
+    return writer.take();
+}
+
+std::optional<WireRequest> decodeRequest(std::string_view frame)
+{
+    Reader reader(frame);
+    WireRequest request;
+    request.name = reader.text();
+    request.session = reader.text();
+    request.parameters = reader.pairs();
+    const size_t files = reader.number();
+    if (files > mostFiles)
+        return std::nullopt;
+    for (size_t i = 0; i < files; ++i)
+        request.files.push_back(reader.text());
+    if (!reader.whole())
+        return std::nullopt;
+    return request;
+}
+
+std::optional<WireReply> decodeReply(std::string_view frame)
+{
+    Reader reader(frame);
+    WireReply reply;
+    const size_t kind = reader.number();
+    reply.kind = static_cast<WireReply::Kind>(kind);
+    reply.ok = reader.number() == 1;
+    reply.microseconds = static_cast<double>(reader.number()) / 10;
+    reply.code = reader.text();
+    reply.text = reader.text();
+    reply.results = reader.pairs();
+    if (!reader.whole() || kind > WireReply::Failed)
+        return std::nullopt;
+    return reply;
+}
+
+std::optional<size_t> frameSize(std::string_view bytes)
+{
+    if (bytes.size() < lengthSize)
+        return std::nullopt;
+    return lengthSize + numberAt(bytes);
+}
+
+ssize_t sendSome(int socket, std::string_view bytes, const std::vector<Descriptor>& files)
+{
+    iovec part = {const_cast<char*>(bytes.data()), bytes.size()};
+    Control control = {};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    if (!files.empty()) {
+        message.msg_control = &control;
+        message.msg_controllen = CMSG_SPACE(files.size() * sizeof(int));
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(files.size() * sizeof(int));
+        for (size_t i = 0; i < files.size(); ++i) {
+            const int number = files[i].get();
+            memcpy(CMSG_DATA(header) + i * sizeof number, &number, sizeof number);
+        }
+    }
+    return sendmsg(socket, &message, MSG_NOSIGNAL);
+}
+
+bool readFrame(int socket, std::string& frame, std::vector<Descriptor>& files)
+{
+    files.clear();
+    std::array<char, lengthSize> length;
+    if (!readAll(socket, length.data(), length.size(), files))
+        return false;
+    const size_t size = numberAt({length.data(), length.size()});
+    if (size > longestFrame)
+        return false;
+    frame.resize(size);
+    return readAll(socket, frame.data(), size, files);
+}
+
+bool writeFrame(int socket, std::string_view frame)
+{
+    while (!frame.empty()) {
+        const ssize_t count = sendSome(socket, frame, {});
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return false;
+        frame.remove_prefix(static_cast<size_t>(count));
+    }
+    return true;
+}

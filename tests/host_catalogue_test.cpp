@@ -1,0 +1,417 @@
+// The catalogue of requests and codes, held against the plug-in, and what is made from it.
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "support/held.h"
+#include "support/host_program.h"
+#include "support/openssl_tool.h"
+
+namespace {
+
+using namespace support;
+
+using HostCatalogue = Host;
+using HostExplains = Host;
+using HostDocuments = Host;
+
+// ---- Against the plug-in.
+
+Json catalogue(const Ended& listed)
+{
+    EXPECT_EQ(SUCCESS, listed.code);
+    return listed.json();
+}
+
+TEST_F(HostCatalogue, HasAllRequestsInOrder)
+{
+    // "?" marks an optional parameter, "*" one that depends on the mode.
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"QZaVen_GetVersion", ""},
+        {"QZaVen_strerror", "strErr"},
+        {"QZaven_crypto_base64_encode", "strIn"},
+        {"QZaven_crypto_base64_Decode", "strIn"},
+        {"QZaven_ke_new", ""},
+        {"QZaven_ke_free", "strKe"},
+        {"QZaven_ke_set_public_key", "strKe strSig_key? strEnc_key? strPassword?"},
+        {"QZaven_ke_set_certificate", "strKe strSig_cert? strEnc_cert? strPassword?"},
+        {"QZaven_ke_set_root_certificate", "strKe strCa_file strCa_path?"},
+        {"QZaven_ke_client_hello", "strKe"},
+        {"QZaven_ke_client_key_exchange",
+         "strKe strSrvr_rand? strSrvr_sig_cert? strSrvr_enc_cert? strSrvr_sign?"},
+        {"QZaven_ke_encrypt", "strKe strdata?"},
+        {"QZaven_ke_decrypt", "strKe strcipher?"},
+        {"QZaven_ke_hmac", "strKe strdata?"},
+        {"QZaven_ke_cmac", "strKe strdata?"},
+        {"QZaven_crypto_public_encrypt",
+         "strKeyPairType? strpk strRsaPaddingE? strnoAsn1? strnoc1c3c2? strdata"},
+        {"QZaven_crypto_private_decrypt",
+         "strKeyPairType? strsk strPassword? strRsaPaddingE? strnoAsn1? strnoc1c3c2? strdata"},
+        {"QZaven_crypto_encrypt",
+         "strCipherAlg strMode strCipherPadding? strKey strIV* straad* strdata strgcmTagLen?"},
+        {"QZaven_crypto_decrypt",
+         "strCipherAlg strMode strCipherPadding? strKey strIV* straad* strtag* strdata"},
+        {"QZaven_crypto_gen_symmkey", "strCipherAlg"},
+        {"QZaven_crypto_hmac", "strHashAlg strKey strdata"},
+        {"QZaven_crypto_cmac", "strCipherAlg strKey strdata"},
+        {"QZaven_crypto_kdf", "HashType srcdata OutLen"},
+        {"QZaven_crypto_envelope_encrypt", "strdata strpk strCipherAlg strMode"},
+        {"QZaven_crypto_envelope_decrypt", "strEncdata strKeyPairType strsk strCipherAlg strMode"},
+        {"QZaven_wbsm4_encrypt", "strKey strIV strdata"},
+        {"QZaven_wbsm4_decrypt", "strKey strIV strdata"},
+    };
+    std::vector<std::pair<std::string, std::string>> listed;
+    const std::string text = run({"list"}).out;
+    for (const Json& request : catalogue(run({"list", "--json"}))) {
+        const std::string name = request["name"];
+        EXPECT_TRUE(holds(text, "  " + name + "\n"));
+        EXPECT_EQ(request, run({"describe", name, "--json"}).json());
+        const std::string description = run({"describe", name}).out;
+        std::string parameters;
+        for (const Json& parameter : request["parameters"]) {
+            const std::string need = parameter["need"];
+            EXPECT_TRUE(holds(description, parameter["name"])) << description;
+            parameters += (parameters.empty() ? "" : " ") + parameter["name"].get<std::string>() +
+                          (need == "required"   ? ""
+                           : need == "optional" ? "?"
+                                                : "*");
+        }
+        listed.emplace_back(name, parameters);
+    }
+    EXPECT_EQ(27U, listed.size());
+    EXPECT_EQ(expected, listed);
+}
+
+// A value that the catalogue allows. Keys are no real ones.
+Json allowedValue(const Json& parameter)
+{
+    if (parameter.contains("range"))
+        return parameter["range"][1];
+    if (parameter.contains("oneOf"))
+        return parameter["oneOf"].back();
+    return parameter["form"] == "text" || parameter["form"] == "handle" ? "7"
+                                                                        : "b64:0123456789abcdef";
+}
+
+Json allowedParameters(const Json& request)
+{
+    Json parameters = Json::object();
+    for (const Json& parameter : request["parameters"])
+        parameters[parameter["name"].get<std::string>()] = allowedValue(parameter);
+    return parameters;
+}
+
+Json step(const Json& request, const Json& parameters)
+{
+    return {{"request", request["name"]}, {"params", parameters}, {"allowFailure", true}};
+}
+
+// Sends the steps; each must fail with `code`, or give an empty text if it has no code.
+void expectAll(const Ended& ended, const Json& steps, const std::string& code)
+{
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    const Json answers = ended.json();
+    ASSERT_EQ(steps.size(), answers.size());
+    ASSERT_GT(steps.size(), 0U);
+    for (size_t i = 0; i < steps.size(); ++i) {
+        const Json results = answers[i]["results"];
+        if (steps[i]["request"] == "QZaVen_strerror")
+            EXPECT_EQ((Json{{"Data", ""}}), results);
+        else
+            EXPECT_EQ(code, results["errorCode"]) << steps[i];
+    }
+}
+
+TEST_F(HostCatalogue, RequiredParametersAreRequired)
+{
+    Json steps = Json::array();
+    for (const Json& request : catalogue(run({"list", "--json"})))
+        for (const Json& parameter : request["parameters"]) {
+            if (parameter["need"] == "optional")
+                continue;
+            Json parameters = allowedParameters(request);  // the last mode, which needs all
+            parameters.erase(parameter["name"].get<std::string>());
+            steps.push_back(step(request, parameters));
+            parameters[parameter["name"].get<std::string>()] = "";
+            steps.push_back(step(request, parameters));
+        }
+    expectAll(script(steps.dump()), steps, "-20001");
+}
+
+TEST_F(HostCatalogue, ValuesBesideTheAllowedOnesAreRefused)
+{
+    // The envelopes read a certificate or a key before they check numbers.
+    const OpensslTool openssl;
+    openssl.run("req -x509 -newkey rsa:2048 -nodes -subj /CN=test -keyout key.pem -out cert.pem");
+    const std::map<std::string, Json> readKeysFirst = {
+        {"QZaven_crypto_envelope_encrypt", {{"strpk", "b64:@" + openssl.path("cert.pem")}}},
+        {"QZaven_crypto_envelope_decrypt", {{"strsk", "b64:@" + openssl.path("key.pem")}}}};
+    Json steps = Json::array();
+    for (const Json& request : catalogue(run({"list", "--json"})))
+        for (const Json& parameter : request["parameters"]) {
+            const std::string name = parameter["name"];
+            Json wrong = Json::array();
+            if (parameter.contains("range"))
+                wrong = {parameter["range"][0].get<int>() - 1,
+                         parameter["range"][1].get<int>() + 1};
+            if (parameter.contains("oneOf"))
+                wrong = {"9", "01", " 1", "1 ", "x"};
+            if (parameter.contains("bytes"))
+                wrong = {"b64:0123456789abcde", "b64:0123456789abcdefg"};
+            for (const Json& value : wrong) {
+                Json parameters = allowedParameters(request);
+                const auto key = readKeysFirst.find(request["name"]);
+                if (key != readKeysFirst.end())
+                    parameters.update(key->second);
+                parameters[name] = value;
+                steps.push_back(step(request, parameters));
+            }
+        }
+    expectAll(script(steps.dump()), steps, "-20084");
+}
+
+// Whatever becomes of it, an allowed value is not refused as one outside its set.
+TEST_F(HostCatalogue, AllowedValuesAreTaken)
+{
+    Json steps = Json::array();
+    for (const Json& request : catalogue(run({"list", "--json"})))
+        for (const Json& parameter : request["parameters"]) {
+            const Json values = parameter.contains("range")
+                                    ? parameter["range"]
+                                    : parameter.value("oneOf", Json::array());
+            for (const Json& value : values) {
+                Json parameters = allowedParameters(request);
+                parameters[parameter["name"].get<std::string>()] = value;
+                steps.push_back(step(request, parameters));
+            }
+        }
+    const Ended ended = script(steps.dump());
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    EXPECT_FALSE(holds(ended.err, "warning")) << ended.err;
+    for (const Json& answer : ended.json()) {
+        EXPECT_NE("-20084", answer["results"]["errorCode"]) << answer;
+        EXPECT_NE("-20001", answer["results"]["errorCode"]) << answer;
+    }
+}
+
+TEST_F(HostCatalogue, ResultsAreThoseThatArrive)
+{
+    Json steps = Json::array();
+    const Json requests = catalogue(run({"list", "--json"}));
+    for (const Json& request : requests)
+        steps.push_back(step(request, allowedParameters(request)));
+    const Ended ended = script(steps.dump());
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    const Json answers = ended.json();
+    ASSERT_EQ(requests.size(), answers.size());
+    for (size_t i = 0; i < requests.size(); ++i) {
+        Arguments expected;
+        for (const Json& result : requests[i]["results"])
+            expected.push_back(result["name"]);
+        Arguments arrived;
+        for (const auto& [name, value] : answers[i]["results"].items())
+            arrived.push_back(name);
+        EXPECT_EQ(expected, arrived) << requests[i]["name"];
+    }
+}
+
+// ---- Codes.
+
+std::set<int> numbers(const Json& list)
+{
+    return list.get<std::set<int>>();
+}
+
+TEST_F(HostCatalogue, CodesFollowFromTheParameters)
+{
+    size_t refusing = 0;
+    for (const Json& request : catalogue(run({"list", "--json"}))) {
+        bool required = false;
+        bool bounded = false;
+        for (const Json& parameter : request["parameters"]) {
+            required |= parameter["need"] != "optional";
+            bounded |= parameter.contains("range") || parameter.contains("oneOf") ||
+                       parameter.contains("bytes");
+        }
+        // The one reports no code, the other 0 whatever happens.
+        if (request["group"] == "Engine") {
+            EXPECT_EQ(std::set<int>{}, numbers(request["codes"]));
+            continue;
+        }
+        EXPECT_EQ(required, numbers(request["codes"]).count(-20001) == 1) << request["name"];
+        EXPECT_EQ(bounded, numbers(request["codes"]).count(-20084) == 1) << request["name"];
+        EXPECT_EQ(1U, numbers(request["codes"]).count(-20215)) << request["name"];
+        refusing += bounded ? 1 : 0;
+    }
+    EXPECT_EQ(12U, refusing);
+}
+
+// One engine for each function that is missing: every request meets the one it needs.
+TEST_F(HostCatalogue, AnEngineThatLacksAFunctionIsToldByEachRequestsCode)
+{
+    const Json requests = catalogue(run({"list", "--json"}));
+    Json steps = Json::array();
+    for (const Json& request : requests)
+        steps.push_back(step(request, allowedParameters(request)));
+
+    std::map<std::string, std::set<int>> seen;
+    size_t engines = 0;
+    for (const auto& lacks : fs::directory_iterator(CORVANE_DOUBLES_DIR "/lacks")) {
+        const std::string function = lacks.path().filename();
+        if (function.compare(0, 5, "aven_") != 0 || function == "aven_global_init")
+            continue;
+        ++engines;
+        const std::string name = '\0' + function + '\0';
+        std::string other = name;
+        other[1] = 'x';
+        const std::string library = patched(engine, name, other);
+        const Ended ended = run({"--engine", library, "script", file("script", steps.dump())});
+        ASSERT_EQ(SUCCESS, ended.code) << function << "\n" << ended.err;
+        for (const Json& answer : ended.json())
+            if (answer["results"].contains("errorCode"))
+                seen[answer["request"]].insert(
+                    std::stoi(answer["results"]["errorCode"].get<std::string>()));
+    }
+    EXPECT_EQ(33U, engines);
+    for (const Json& request : requests) {
+        const std::string name = request["name"];
+        if (numbers(request["codes"]).empty())
+            continue;
+        EXPECT_EQ(1U, seen[name].count(-20215)) << name;
+        for (const int code : seen[name])
+            EXPECT_TRUE(code == 0 || code <= -30000 || numbers(request["codes"]).count(code) != 0)
+                << name << " gave " << code;
+    }
+}
+
+TEST_F(HostExplains, EveryCodeWithCauseAndRemedy)
+{
+    const Json codes = run({"explain", "--json"}).json();
+    EXPECT_GT(codes.size(), 60U);
+    std::set<int> seen;
+    for (const Json& row : codes) {
+        const std::string number = row["code"].dump();
+        EXPECT_TRUE(seen.insert(row["code"].get<int>()).second) << number;
+        EXPECT_TRUE(row["source"] == "plug-in" || row["source"] == "engine") << row;
+        for (const char* member : {"name", "text", "cause", "remedy"})
+            EXPECT_NE("", row[member]) << row;
+        // What the engine says of itself.
+        const Ended ended = call({"QZaVen_strerror", "strErr=" + number, "--raw", "Data"});
+        EXPECT_EQ(row["text"], ended.out);
+    }
+    EXPECT_EQ(1U, seen.count(-20216));
+}
+
+TEST_F(HostExplains, ACodeWithAndWithoutItsSign)
+{
+    const Ended ended = run({"explain", "-20084"});
+    EXPECT_EQ(SUCCESS, ended.code) << ended.err;
+    EXPECT_TRUE(holds(ended.out, "PARAM_INVALID")) << ended.out;
+    EXPECT_TRUE(holds(ended.out, "what to do")) << ended.out;
+    EXPECT_EQ(ended.out, run({"explain", "20084"}).out);
+    EXPECT_EQ(-20084, run({"explain", "20084", "--json"}).json()["code"]);
+    EXPECT_TRUE(holds(run({"explain"}).out, "-30046"));
+}
+
+TEST_F(HostExplains, WhatIsNoCodeIsAnError)
+{
+    for (const char* wrong : {"0", "7", "-1", "x", "-20084x", "99999999999999999999"}) {
+        const Ended ended = run({"explain", wrong});
+        EXPECT_EQ(USAGE, ended.code) << wrong;
+        EXPECT_EQ("", ended.out) << wrong;
+    }
+}
+
+// ---- Documents.
+
+TEST_F(HostDocuments, RequestsDocumentIsTheCatalogues)
+{
+    EXPECT_EQ(readFile(CORVANE_SOURCE_DIR "/docs/requests.md"), run({"list", "--markdown"}).out)
+        << "corvane-host list --markdown >docs/requests.md";
+}
+
+TEST_F(HostDocuments, OpenApiHasEveryRequestWithItsParameters)
+{
+    const Json document = run({"openapi"}).json();
+    EXPECT_EQ("3.1.0", document["openapi"]);
+    size_t found = 0;
+    for (const Json& request : run({"list", "--json"}).json()) {
+        const std::string path = "/v1/requests/" + request["name"].get<std::string>();
+        ASSERT_TRUE(document["paths"].contains(path)) << path;
+        const Json& post = document["paths"][path]["post"];
+        EXPECT_EQ(request["name"], post["operationId"]);
+        const Json& schema = post["requestBody"]["content"]["application/json"]["schema"];
+        EXPECT_EQ(request["parameters"].size(), schema["properties"].size()) << path;
+        Json required = Json::array();
+        for (const Json& parameter : request["parameters"]) {
+            EXPECT_TRUE(schema["properties"].contains(parameter["name"])) << parameter;
+            if (parameter["required"].get<bool>())
+                required.push_back(parameter["name"]);
+        }
+        EXPECT_EQ(required, schema["required"]) << path;
+        ++found;
+    }
+    EXPECT_EQ(27U, found);
+}
+
+TEST_F(HostDocuments, ConditionsAndSecretsAreForPrograms)
+{
+    const Json request = run({"describe", "QZaven_crypto_encrypt", "--json"}).json();
+    EXPECT_EQ(17, request["id"]);
+    std::map<std::string, Json> parameters;
+    for (const Json& parameter : request["parameters"])
+        parameters[parameter["name"]] = parameter;
+    EXPECT_EQ((Json{{"parameter", "strMode"}, {"isNot", "1"}}),
+              parameters["strIV"]["requiredWhen"]);
+    EXPECT_EQ((Json{{"parameter", "strMode"}, {"is", "6"}}), parameters["straad"]["requiredWhen"]);
+    EXPECT_FALSE(parameters["strKey"].contains("requiredWhen"));
+    EXPECT_EQ((Json{{"value", "4"}, {"text", "AES-256"}}),
+              parameters["strCipherAlg"]["choices"][3]);
+    EXPECT_EQ(true, parameters["strKey"]["secret"]);
+    EXPECT_EQ(true, parameters["strdata"]["secret"]);
+    EXPECT_EQ(false, parameters["strMode"]["secret"]);
+    EXPECT_EQ(false, parameters["strgcmTagLen"]["secret"]);
+}
+
+// ---- Completion, in the shell that it is for.
+
+class Completion : public Host {
+protected:
+    std::string complete(const std::string& line) const
+    {
+        const std::string program =
+            file("complete", run({"completion"}).out +
+                                 "\nCOMP_LINE=$1 COMP_POINT=${#1}\n_corvane_host\n"
+                                 "printf '%s' \"${COMPREPLY[*]}\" >\"$0.out\"\n");
+        const std::string command = "bash -eu '" + program + "' '" + line + "'";
+        EXPECT_EQ(0, system(command.c_str())) << line;
+        return readFile(program + ".out");
+    }
+};
+
+TEST_F(Completion, FollowsTheLine)
+{
+    EXPECT_EQ("describe", complete("corvane-host de"));
+    EXPECT_EQ("QZaven_wbsm4_encrypt QZaven_wbsm4_decrypt", complete("corvane-host call QZaven_wb"));
+    EXPECT_EQ("QZaven_crypto_kdf", complete("corvane-host --plugin call describe QZaven_crypto_k"));
+    EXPECT_EQ("strHashAlg= strKey= strdata=", complete("corvane-host call QZaven_crypto_hmac "));
+    EXPECT_EQ("1 3", complete("corvane-host call QZaven_crypto_public_encrypt strKeyPairType="));
+    EXPECT_EQ("3", complete("corvane-host call QZaven_crypto_public_encrypt strKeyPairType=3"));
+    EXPECT_EQ("", complete("corvane-host call QZaven_crypto_hmac strKey="));
+    EXPECT_EQ("--json --markdown", complete("corvane-host list --").substr(7));
+    EXPECT_EQ("-20215 -20216", complete("corvane-host explain -202"));
+    EXPECT_EQ("", complete("corvane-host list "));
+    EXPECT_EQ("", complete("corvane-host nothing QZaven_wb"));
+}
+
+TEST_F(Completion, OffersEverySubcommand)
+{
+    const std::string help = run({"--help"}).out;
+    std::istringstream offered(complete("corvane-host "));
+    size_t count = 0;
+    for (std::string name; offered >> name; ++count)
+        EXPECT_TRUE(holds(help, "\n  " + name + " ")) << name << "\n" << help;
+    EXPECT_GE(count, 7U);
+}
+
+}  // namespace

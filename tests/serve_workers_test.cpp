@@ -1,0 +1,274 @@
+// What becomes of requests when the processes that serve them die, hang or do not start.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "support/held.h"
+#include "support/served_host.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using support::eventually;
+using support::HttpAnswer;
+using support::HttpConnection;
+using support::Json;
+using support::ServedHost;
+
+#define NEEDS_WORKERS()    \
+    if (support::emulated) \
+    GTEST_SKIP() << "worker processes do not start in the emulator"
+
+const char* const path = "/v1/requests/QZaven_crypto_kdf";
+const Json kdf = {{"HashType", 4}, {"srcdata", "s"}, {"OutLen", 16}};
+
+// A request that is on its way while other things happen.
+class Pending {
+public:
+    explicit Pending(const ServedHost& host, const std::string& name = "QZaven_crypto_kdf",
+                     const Json& parameters = kdf)
+        : connection_(host.port())
+    {
+        connection_.send(host.text("POST", "/v1/requests/" + name,
+                                   {{"Content-Type", "application/json"}}, parameters.dump()));
+    }
+    HttpAnswer answer() { return connection_.receive(); }
+
+private:
+    HttpConnection connection_;
+};
+
+void waitUntilBusy(const ServedHost& host, double count)
+{
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_workers_busy") == count; }));
+}
+
+TEST(ServeWorkers, ACrashCostsOnlyTheRequestInIt)
+{
+    NEEDS_WORKERS();
+    ServedHost host({"--workers", "1"});
+    const pid_t worker = host.workers(1).at(0);
+    kill(worker, SIGSTOP);
+    Pending inIt(host);
+    waitUntilBusy(host, 1);
+    Pending behindIt(host);
+    Pending last(host);
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_queue") == 2; }));
+    kill(worker, SIGKILL);
+
+    const HttpAnswer failed = inIt.answer();
+    EXPECT_EQ(502, failed.status);
+    EXPECT_EQ("worker_failed", failed.code());
+    EXPECT_EQ("0", behindIt.answer().result("errorCode"));
+    EXPECT_EQ("0", last.answer().result("errorCode"));
+    EXPECT_EQ(1, host.metric("corvane_worker_restarts_total"));
+    EXPECT_EQ(1, host.metric(
+                     "corvane_requests_total{name=\"QZaven_crypto_kdf\",code=\"worker_failed\"}"));
+    const std::vector<pid_t> now = host.workers(1);
+    ASSERT_EQ(1U, now.size());
+    EXPECT_NE(worker, now[0]);
+}
+
+TEST(ServeWorkers, AHangIsEndedAndTold)
+{
+    NEEDS_WORKERS();
+    ServedHost host({"--request-seconds", "0.3"});
+    const std::vector<pid_t> before = host.workers();
+    for (const pid_t worker : before)
+        kill(worker, SIGSTOP);
+    Pending first(host);
+    const HttpAnswer answer = first.answer();
+    EXPECT_EQ(504, answer.status);
+    EXPECT_EQ("worker_timeout", answer.code());
+    for (const pid_t worker : before)
+        kill(worker, SIGCONT);
+    Pending second(host);
+    EXPECT_EQ("0", second.answer().result("errorCode"));
+    EXPECT_EQ(2U, host.workers().size());
+}
+
+TEST(ServeWorkers, OneThatDiesIdleIsReplacedAtOnce)
+{
+    NEEDS_WORKERS();
+    ServedHost host;
+    const std::vector<pid_t> before = host.workers();
+    kill(before[0], SIGKILL);
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_worker_restarts_total") == 1; }));
+    const std::vector<pid_t> after = host.workers();
+    EXPECT_EQ(2U, after.size());
+    EXPECT_EQ(0, std::count(after.begin(), after.end(), before[0]));
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(200, host.request("QZaven_crypto_kdf", kdf).status);
+}
+
+TEST(ServeWorkers, SessionsEndWithTheirWorker)
+{
+    NEEDS_WORKERS();
+    ServedHost host;
+    const std::vector<pid_t> workers = host.workers();
+    std::vector<std::string> tokens;
+    for (int i = 0; i < 4; ++i)
+        tokens.push_back(host.request("QZaven_ke_new").result("Data"));
+    EXPECT_EQ(2, host.status()["workers"][0]["sessions"]);
+
+    // One that waits for the worker of its session is told so, and sent nowhere else.
+    kill(workers[0], SIGSTOP);
+    std::vector<std::unique_ptr<Pending>> pending;
+    for (const std::string& token : tokens) {
+        const Json parameters = {{"strKe", token}};
+        pending.push_back(std::make_unique<Pending>(host, "QZaven_ke_client_hello", parameters));
+    }
+    waitUntilBusy(host, 1);
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_queue") == 1; }));
+    kill(workers[0], SIGKILL);
+    std::multiset<int> statuses;
+    for (const auto& one : pending)
+        statuses.insert(one->answer().status);
+    EXPECT_EQ((std::multiset<int>{200, 200, 410, 502}), statuses);
+
+    EXPECT_EQ(2, host.metric("corvane_sessions"));
+    size_t gone = 0;
+    for (const std::string& token : tokens) {
+        const HttpAnswer answer = host.request("QZaven_ke_free", {{"strKe", token}});
+        if (answer.status != 410)
+            continue;
+        ++gone;
+        EXPECT_NE(std::string::npos,
+                  answer.json()["error"]["text"].get<std::string>().find("worker process ended"));
+    }
+    EXPECT_EQ(2U, gone);
+}
+
+TEST(ServeWorkers, AllOtherAnswersAreRightWhileWorkersAreKilled)
+{
+    NEEDS_WORKERS();
+    ServedHost host({"--rate", "0"});
+    const std::string right = host.request("QZaven_crypto_kdf", kdf).result("Data");
+    ASSERT_NE("", right);
+    std::atomic<bool> isOver = false;
+    std::atomic<int> good = 0;
+    std::atomic<int> failed = 0;
+    std::atomic<int> wrong = 0;
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 3; ++i)
+        clients.emplace_back([&] {
+            HttpConnection connection(host.port());
+            const std::string request =
+                host.text("POST", path, {{"Content-Type", "application/json"}}, kdf.dump());
+            while (!isOver) {
+                connection.send(request);
+                const HttpAnswer answer = connection.receive();
+                if (answer.status == 200 && answer.result("Data") == right)
+                    ++good;
+                else if (answer.status == 502)
+                    ++failed;
+                else
+                    ++wrong;
+            }
+        });
+    const int rounds = 10;
+    for (int i = 0; i < rounds; ++i) {
+        const int before = good;
+        const std::vector<pid_t> workers = support::childrenOf(host.pid());
+        if (!workers.empty())
+            kill(workers[static_cast<size_t>(i) % workers.size()], SIGKILL);
+        EXPECT_TRUE(eventually([&] { return good > before + 20; }));
+    }
+    isOver = true;
+    for (std::thread& client : clients)
+        client.join();
+    EXPECT_EQ(0, wrong);
+    EXPECT_LE(failed, rounds);
+    EXPECT_GT(good, 20 * rounds);
+}
+
+TEST(ServeWorkers, AnEngineThatDoesNotLoadIsTriedAgainMoreAndMoreSlowly)
+{
+    NEEDS_WORKERS();
+    ServedHost host({"--workers", "1", "--request-seconds", "1"}, {},
+                    {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
+                     "--engine", "/nonexistent/libSoftModuleaven.so"});
+    const HttpAnswer ready = host.get("/readyz");
+    EXPECT_EQ(503, ready.status);
+    const HttpAnswer answer = host.request("QZaven_crypto_kdf", kdf);
+    EXPECT_EQ(503, answer.status);
+    EXPECT_EQ("busy", answer.code());
+    EXPECT_EQ(200, host.get("/livez").status);
+    // After 0.1, 0.2, 0.4, 0.8 and 1.6 seconds: in the two that have passed not more.
+    const double restarts = host.metric("corvane_worker_restarts_total");
+    EXPECT_GE(restarts, 2);
+    EXPECT_LE(restarts, 20);
+    EXPECT_NE(std::string::npos, host.errors().find("/nonexistent/libSoftModuleaven.so"));
+    EXPECT_EQ(0, host.stop());
+}
+
+TEST(ServeWorkers, ALibraryOfAnotherNameLeavesNoFolderBehind)
+{
+    NEEDS_WORKERS();
+    std::string name = (fs::temp_directory_path() / "serve_names_XXXXXX").string();
+    const fs::path folder = mkdtemp(name.data());
+    fs::create_directories(folder / "tmp");
+    std::string bytes = support::readWhole(CORVANE_ENGINE_LIBRARY);
+    for (size_t at = 0; (at = bytes.find("libSoftModuleaven.so", at)) != std::string::npos;)
+        bytes.replace(at, 20, "libSoftModuleother.so", 20);
+    support::writeWhole(folder / "other.so", bytes);
+
+    ServedHost host({}, {"TMPDIR=" + (folder / "tmp").string()},
+                    {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
+                     "--engine", folder / "other.so"});
+    const std::vector<pid_t> workers = host.workers();
+    EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
+    kill(workers[0], SIGKILL);
+    host.workers();
+    EXPECT_TRUE(eventually([&] { return fs::is_empty(folder / "tmp"); }));
+    EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
+    host.stop();
+    fs::remove_all(folder);
+}
+
+TEST(ServeWorkers, EndWithTheFront)
+{
+    NEEDS_WORKERS();
+    ServedHost host;
+    const std::vector<pid_t> workers = host.workers();
+    host.stop(SIGKILL);
+    for (const pid_t worker : workers)
+        EXPECT_TRUE(eventually([&] { return kill(worker, 0) != 0; }));
+}
+
+TEST(ServeWorkers, HoldNothingOfTheFront)
+{
+    NEEDS_WORKERS();
+    ServedHost host;
+    HttpConnection connection(host.port());
+    connection.send(host.text("GET", "/livez"));
+    connection.receive();
+    const std::vector<pid_t> before = host.workers();
+    kill(before[0], SIGKILL);
+    for (const pid_t worker : host.workers()) {
+        size_t sockets = 0;
+        for (const auto& entry :
+             fs::directory_iterator("/proc/" + std::to_string(worker) + "/fd")) {
+            std::error_code gone;
+            const std::string target = fs::read_symlink(entry.path(), gone);
+            EXPECT_EQ(std::string::npos, target.find("token")) << target;
+            EXPECT_EQ(std::string::npos, target.find("access.log")) << target;
+            sockets += target.compare(0, 7, "socket:") == 0 ? 1 : 0;
+        }
+        EXPECT_EQ(1U, sockets);
+        // No core dumps.
+        EXPECT_NE(std::string::npos,
+                  support::readWhole("/proc/" + std::to_string(worker) + "/limits")
+                      .find("Max core file size        0                    0"));
+    }
+}
+
+}  // namespace

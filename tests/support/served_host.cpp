@@ -1,0 +1,385 @@
+#include "support/served_host.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+
+namespace support {
+
+namespace {
+
+// Against hangs alone.
+constexpr int patienceMilliseconds = 60000;
+
+pid_t startHost(const std::vector<std::string>& arguments, const std::vector<std::string>& more,
+                const std::string& out, const std::string& err)
+{
+    std::vector<char*> argv = {const_cast<char*>(CORVANE_HOST_PROGRAM)};
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    std::vector<char*> environment;
+    for (char** variable = environ; *variable != nullptr; ++variable)
+        environment.push_back(*variable);
+    for (const std::string& variable : more)
+        environment.push_back(const_cast<char*>(variable.c_str()));
+    environment.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environment.data()) != 0)
+        throw std::runtime_error("the host does not start");
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+fs::path makeFolder()
+{
+    std::string name = (fs::temp_directory_path() / "served_host_XXXXXX").string();
+    return mkdtemp(name.data());
+}
+
+int exitCodeOf(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+std::string readWhole(const fs::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void writeWhole(const fs::path& path, const std::string& bytes)
+{
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+bool eventually(const std::function<bool()>& holds)
+{
+    const auto start = std::chrono::steady_clock::now();
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() - start > std::chrono::minutes(1))
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+std::pair<int, std::string> runHost(const std::vector<std::string>& arguments)
+{
+    const fs::path folder = makeFolder();
+    const pid_t pid = startHost(arguments, {}, folder / "out", folder / "err");
+    int status = 0;
+    waitpid(pid, &status, 0);
+    const std::string errors = readWhole(folder / "err");
+    fs::remove_all(folder);
+    return {exitCodeOf(status), errors};
+}
+
+std::vector<pid_t> childrenOf(pid_t pid)
+{
+    std::vector<pid_t> children;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        const std::string stat = readWhole(entry.path() / "stat");
+        const size_t end = stat.rfind(')');
+        char state = 'Z';
+        int parent = -1;
+        if (end != std::string::npos &&
+            sscanf(stat.c_str() + end, ") %c %d", &state, &parent) == 2 && parent == pid &&
+            state != 'Z')
+            children.push_back(atoi(name.c_str()));
+    }
+    std::sort(children.begin(), children.end());
+    return children;
+}
+
+// ---- HTTP.
+
+std::string HttpAnswer::code() const
+{
+    const Json whole = json();
+    if (!whole.is_object() || !whole.contains("error") || !whole["error"].is_object())
+        return "";
+    return whole["error"].value("code", "");
+}
+
+std::string HttpAnswer::result(const std::string& name) const
+{
+    const Json whole = json();
+    if (!whole.is_object() || !whole.contains("results") || !whole["results"].contains(name) ||
+        !whole["results"][name].is_string())
+        return "";
+    return whole["results"][name];
+}
+
+HttpConnection::HttpConnection(int port) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        close(socket_);
+        socket_ = -1;
+    }
+}
+
+HttpConnection::~HttpConnection()
+{
+    if (socket_ >= 0)
+        close(socket_);
+}
+
+bool HttpConnection::send(const std::string& bytes) const
+{
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t count =
+            ::send(socket_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (count <= 0)
+            return false;
+        sent += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+bool HttpConnection::receiveMore()
+{
+    pollfd waiting = {socket_, POLLIN, 0};
+    if (poll(&waiting, 1, patienceMilliseconds) <= 0)
+        return false;
+    std::array<char, 65536> buffer;
+    const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
+    if (count <= 0)
+        return false;
+    bytes_.append(buffer.data(), static_cast<size_t>(count));
+    return true;
+}
+
+HttpAnswer HttpConnection::receive(bool hasBody)
+{
+    HttpAnswer answer;
+    size_t end;
+    while ((end = bytes_.find("\r\n\r\n")) == std::string::npos)
+        if (!receiveMore())
+            return answer;
+
+    size_t at = bytes_.find("\r\n") + 2;
+    const int status = atoi(bytes_.substr(bytes_.find(' ') + 1, 3).c_str());
+    while (at < end + 2) {
+        const size_t next = bytes_.find("\r\n", at);
+        const std::string line = bytes_.substr(at, next - at);
+        const size_t colon = line.find(": ");
+        std::string name = line.substr(0, colon);
+        std::transform(name.begin(), name.end(), name.begin(),
+                       [](unsigned char c) { return static_cast<char>(tolower(c)); });
+        if (colon != std::string::npos)
+            answer.headers[name] = line.substr(colon + 2);
+        at = next + 2;
+    }
+    bytes_.erase(0, end + 4);
+    if (status == 100)
+        return receive(hasBody);
+
+    const size_t size = answer.headers.count("content-length") != 0 && hasBody && status != 304
+                            ? std::stoul(answer.headers["content-length"])
+                            : 0;
+    while (bytes_.size() < size)
+        if (!receiveMore())
+            return answer;
+    answer.status = status;
+    answer.body = bytes_.substr(0, size);
+    bytes_.erase(0, size);
+    return answer;
+}
+
+bool HttpConnection::isEnded()
+{
+    while (bytes_.empty())
+        if (!receiveMore())
+            return true;
+    return false;
+}
+
+// ---- The host.
+
+ServedHost::ServedHost(const Options& options, const Options& environment, const Options& libraries)
+    : folder_(makeFolder())
+{
+    const auto has = [&](const std::string& name) {
+        return std::find(options.begin(), options.end(), name) != options.end();
+    };
+    Options arguments = libraries;
+    if (libraries.empty())
+        arguments = {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
+                     "--engine", CORVANE_ENGINE_LIBRARY};
+    arguments.insert(arguments.end(), {"serve", "--listen", "127.0.0.1:0"});
+    if (!has("--workers"))
+        arguments.insert(arguments.end(), {"--workers", "2"});
+    if (!has("--token-file") && !has("--no-auth"))
+        arguments.insert(arguments.end(), {"--token-file", path("token")});
+    if (!has("--access-log"))
+        arguments.insert(arguments.end(), {"--access-log", path("access.log")});
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    pid_ = startHost(arguments, environment, path("out"), path("err"));
+
+    const bool listens = eventually([this] {
+        const std::string out = output();
+        return std::count(out.begin(), out.end(), '\n') >= 2 || hasEnded();
+    });
+    const std::string out = output();
+    const size_t at = out.find("listening on http");
+    if (!listens || at == std::string::npos)
+        throw std::runtime_error("the host does not listen: " + errors());
+    port_ = atoi(out.c_str() + out.find(':', out.find("//", at)) + 1);
+    const size_t mark = out.find("#token=");
+    if (mark != std::string::npos)
+        token_ = out.substr(mark + 7, out.find('\n', mark) - mark - 7);
+}
+
+ServedHost::~ServedHost()
+{
+    stop();
+    fs::remove_all(folder_);
+}
+
+std::string ServedHost::text(const std::string& method, const std::string& target,
+                             const HttpHeaders& headers, const std::string& body) const
+{
+    HttpHeaders all = headers;
+    const auto add = [&](const std::string& name, const std::string& value) {
+        const bool given = std::any_of(headers.begin(), headers.end(),
+                                       [&](const auto& header) { return header.first == name; });
+        if (!given)
+            all.emplace_back(name, value);
+    };
+    add("Host", host());
+    if (!token_.empty())
+        add("Authorization", "Bearer " + token_);
+    if (!body.empty())
+        add("Content-Length", std::to_string(body.size()));
+    std::string out = method + " " + target + " HTTP/1.1\r\n";
+    for (const auto& [name, value] : all)
+        if (!value.empty())
+            out.append(name).append(": ").append(value).append("\r\n");
+    return out + "\r\n" + body;
+}
+
+HttpAnswer ServedHost::raw(const std::string& bytes) const
+{
+    HttpConnection connection(port_);
+    connection.send(bytes);
+    return connection.receive();
+}
+
+HttpAnswer ServedHost::ask(const std::string& method, const std::string& target,
+                           const HttpHeaders& headers, const std::string& body) const
+{
+    HttpConnection connection(port_);
+    connection.send(text(method, target, headers, body));
+    return connection.receive(method != "HEAD");
+}
+
+HttpAnswer ServedHost::request(const std::string& name, const Json& parameters) const
+{
+    return ask("POST", "/v1/requests/" + name, {{"Content-Type", "application/json"}},
+               parameters.dump());
+}
+
+HttpAnswer ServedHost::batch(const Json& requests) const
+{
+    return ask("POST", "/v1/batch", {{"Content-Type", "application/json"}},
+               Json{{"requests", requests}}.dump());
+}
+
+double rowOf(const std::string& metrics, const std::string& row)
+{
+    const std::string lines = "\n" + metrics;
+    const size_t at = lines.find("\n" + row + " ");
+    return at == std::string::npos ? -1 : atof(lines.c_str() + at + row.size() + 2);
+}
+
+double ServedHost::metric(const std::string& row) const
+{
+    return rowOf(get("/metrics").body, row);
+}
+
+std::vector<pid_t> ServedHost::workers(size_t count) const
+{
+    eventually([&] { return metric("corvane_workers_ready") == static_cast<double>(count); });
+    return childrenOf(pid_);
+}
+
+void ServedHost::signal(int number) const
+{
+    kill(pid_, number);
+}
+
+bool ServedHost::hasEnded()
+{
+    int status = 0;
+    if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        exitCode_ = exitCodeOf(status);
+    }
+    return pid_ < 0;
+}
+
+int ServedHost::stop(int number)
+{
+    if (!hasEnded())
+        signal(number);
+    return wait();
+}
+
+int ServedHost::wait()
+{
+    if (!eventually([this] { return hasEnded(); })) {
+        signal(SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+    return exitCode_;
+}
+
+std::string ServedHost::output() const
+{
+    return readWhole(path("out"));
+}
+
+std::string ServedHost::errors() const
+{
+    return readWhole(path("err"));
+}
+
+}  // namespace support

@@ -1,0 +1,128 @@
+// corvane-host as a service, with what a test does to it: start, ask, look at its
+// processes, stop. The client sends bytes as they are given, odd ones too.
+#ifndef CORVANE_TESTS_SERVED_HOST_H
+#define CORVANE_TESTS_SERVED_HOST_H
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace support {
+
+using Json = nlohmann::ordered_json;
+
+struct HttpAnswer {
+    int status = 0;                              // 0: the connection ended without an answer
+    std::map<std::string, std::string> headers;  // names in lower case
+    std::string body;
+
+    Json json() const { return Json::parse(body, nullptr, false); }
+    // The host's or the plug-in's code, or "".
+    std::string code() const;
+    std::string result(const std::string& name) const;
+};
+
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
+class HttpConnection {
+public:
+    explicit HttpConnection(int port);
+    ~HttpConnection();
+    HttpConnection(const HttpConnection&) = delete;
+    HttpConnection& operator=(const HttpConnection&) = delete;
+
+    // False if the other side has ended the connection.
+    bool send(const std::string& bytes) const;
+    // The next answer. To a HEAD request there is no body.
+    HttpAnswer receive(bool hasBody = true);
+    // Whether the other side ends the connection, without another answer.
+    bool isEnded();
+    int descriptor() const { return socket_; }
+
+private:
+    bool receiveMore();
+
+    int socket_;
+    std::string bytes_;
+};
+
+class ServedHost {
+public:
+    using Options = std::vector<std::string>;
+
+    // With two workers, a token and a log in a folder of its own, unless the options say
+    // otherwise. Waits until it listens.
+    explicit ServedHost(const Options& options = {}, const Options& environment = {},
+                        const Options& libraries = {});
+    ~ServedHost();
+    ServedHost(const ServedHost&) = delete;
+    ServedHost& operator=(const ServedHost&) = delete;
+
+    int port() const { return port_; }
+    pid_t pid() const { return pid_; }
+    const std::string& token() const { return token_; }
+    std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
+    std::string path(const std::string& name) const { return (folder_ / name).string(); }
+
+    // A whole request, with Host and token unless they are given ("" leaves one out).
+    std::string text(const std::string& method, const std::string& target,
+                     const HttpHeaders& headers = {}, const std::string& body = "") const;
+    HttpAnswer ask(const std::string& method, const std::string& target,
+                   const HttpHeaders& headers = {}, const std::string& body = "") const;
+    HttpAnswer get(const std::string& target) const { return ask("GET", target); }
+    // A request to the plug-in, its parameters as JSON.
+    HttpAnswer request(const std::string& name, const Json& parameters = Json::object()) const;
+    HttpAnswer batch(const Json& requests) const;
+    // The bytes alone, over a connection of their own.
+    HttpAnswer raw(const std::string& bytes) const;
+
+    Json status() const { return get("/v1/status").json(); }
+    // A row of the metrics; -1 without it.
+    double metric(const std::string& row) const;
+
+    // Its children, once `count` of them run and can serve.
+    std::vector<pid_t> workers(size_t count = 2) const;
+
+    void signal(int number) const;
+    // Whether it has ended by itself.
+    bool hasEnded();
+    // Ends it and gives its exit code, -1 for a signal's.
+    int stop(int number = 15);
+    int wait();
+
+    // What it has written so far.
+    std::string output() const;
+    std::string errors() const;
+
+private:
+    std::filesystem::path folder_;
+    pid_t pid_ = -1;
+    int exitCode_ = -1;
+    int port_ = 0;
+    std::string token_;
+};
+
+// A row's value in the text of metrics; -1 without it.
+double rowOf(const std::string& metrics, const std::string& row);
+
+std::string readWhole(const std::filesystem::path& path);
+void writeWhole(const std::filesystem::path& path, const std::string& bytes);
+
+// Runs the program to its end: its exit code, and what it wrote to standard error.
+std::pair<int, std::string> runHost(const std::vector<std::string>& arguments);
+
+// Waits until something holds; false if it does not within a minute.
+bool eventually(const std::function<bool()>& holds);
+
+// The children of a process.
+std::vector<pid_t> childrenOf(pid_t pid);
+
+}  // namespace support
+
+#endif
