@@ -1,0 +1,86 @@
+// The host's HTTP interface. Each call gives the host's JSON or throws a Failure, whatever
+// happened. The token lives in sessionStorage alone: it ends with the tab.
+
+const STORED = 'corvane.token';
+
+// The exchange with the host failed: {status, error: {code, text, cause, remedy, field}, warnings}.
+// Status 0: the host did not answer.
+export class Failure extends Error {
+    constructor(status, error, warnings = []) {
+        super(error.text);
+        this.status = status;
+        this.error = error;
+        this.warnings = warnings;
+    }
+}
+
+export function token() {
+    return sessionStorage.getItem(STORED) ?? '';
+}
+
+export function setToken(value) {
+    if (value === '') sessionStorage.removeItem(STORED);
+    else sessionStorage.setItem(STORED, value);
+}
+
+// Moves a token from the address (#token=...) into the storage, out of sight and history.
+export function takeTokenFromAddress() {
+    const match = location.hash.match(/^#token=([^&]+)/);
+    if (!match) return false;
+    setToken(decodeURIComponent(match[1]));
+    history.replaceState(null, '', location.pathname);
+    return true;
+}
+
+const unreachable = {
+    code: 'unreachable',
+    source: 'page',
+    text: 'The host does not answer.',
+    cause: 'It has ended, or the connection to it is cut.',
+    remedy: 'Start it again with “corvane-host serve”, then repeat the call.',
+};
+
+const unreadable = {
+    code: 'unreadable',
+    source: 'page',
+    text: 'The answer cannot be read.',
+    cause: 'Something other than corvane-host answers at this address.',
+    remedy: 'Check the address, and what stands between browser and host.',
+};
+
+async function call(method, path, body) {
+    const headers = {};
+    if (token() !== '') headers.Authorization = `Bearer ${token()}`;
+    if (body !== undefined) headers['Content-Type'] = 'application/json';
+    let response;
+    try {
+        response = await fetch(path, { method, headers, body, cache: 'no-store' });
+    } catch {
+        throw new Failure(0, unreachable);
+    }
+    let json;
+    try {
+        json = await response.json();
+    } catch {
+        throw new Failure(response.status, unreadable);
+    }
+    if (!response.ok) throw new Failure(response.status, json.error ?? unreadable, json.warnings);
+    return json;
+}
+
+export function getCatalogue() {
+    return call('GET', '/v1/catalogue');
+}
+
+export function getStatus() {
+    return call('GET', '/v1/status');
+}
+
+// Parameters are values of the API, {name: value}.
+export function sendRequest(name, parameters) {
+    return call('POST', `/v1/requests/${encodeURIComponent(name)}`, JSON.stringify(parameters));
+}
+
+export function sendToPeer(step, body) {
+    return call('POST', `/v1/peer/${step}`, JSON.stringify(body));
+}

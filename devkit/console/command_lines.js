@@ -1,0 +1,100 @@
+// The same call for a shell: with curl over HTTP, and with corvane-host without it. Values are
+// written as they were given; the bearer token is left to the variable TOKEN. Lines suit bash.
+
+import { entryValue, fieldKind, travelsAsBase64 } from './entries.js';
+import { bareHex, fromBase64, fromHex, isPrintable, textOf, toBase64, toHex, utf8 } from './values.js';
+
+// A word that the shell takes as it is.
+export function quote(text) {
+    if (/^[A-Za-z0-9_.,:/@%+=-]+$/.test(text)) return text;
+    if (isPrintable(text)) return `'${text.replace(/'/g, `'\\''`)}'`;
+    const escaped = text.replace(/[\\']/g, '\\$&').replace(/[\u0000-\u001f\u007f-\u009f]/gu,
+        (character) => toHex(utf8(character)).replace(/../g, '\\x$&'));
+    return `$'${escaped}'`;
+}
+
+// A file's name where the tool would take "-" and the like for something else.
+function fileArgument(name) {
+    return `./${name}`;
+}
+
+const multiline = (words) => words.join(' \\\n  ');
+
+// A value for curl's -F or --form-string, or null if a form cannot carry it.
+function formPart(parameter, entry) {
+    if (entry.how === 'file') {
+        const name = fileArgument(entry.file.name).replace(/["\\]/g, '\\$&');
+        return ['-F', quote(`${parameter.name}=@"${name}"`)];
+    }
+    const value = entryValue(parameter, entry);
+    if (typeof value === 'string')
+        return value.includes('\0') ? null : ['--form-string', quote(`${parameter.name}=${value}`)];
+    if (!travelsAsBase64(parameter)) return null;
+    const bytes = 'hex' in value ? fromHex(value.hex) : fromBase64(value.base64);
+    return ['--form-string', quote(`${parameter.name}=${toBase64(bytes)}`)];
+}
+
+// `given` is [{parameter, entry}]. Files go as files if all else fits into a form; otherwise
+// everything goes as JSON.
+export function curlLine(origin, requestName, given) {
+    const head = [
+        `curl -sS ${quote(`${origin}/v1/requests/${requestName}`)}`,
+        '-H "Authorization: Bearer $TOKEN"',
+    ];
+    const parts = given.map(({ parameter, entry }) => formPart(parameter, entry));
+    if (given.some(({ entry }) => entry.how === 'file') && !parts.includes(null))
+        return multiline([...head, ...parts.map((words) => words.join(' '))]);
+
+    const values = given.map(({ parameter, entry }) => [parameter.name, entryValue(parameter, entry)]);
+    return multiline([...head, "-H 'Content-Type: application/json'",
+        `--data-raw ${quote(JSON.stringify(Object.fromEntries(values)))}`]);
+}
+
+// A text argument of corvane-host, guarded where it begins like one of its other forms.
+function asText(text) {
+    return /^(b64:|hex:|text:|@)/.test(text) ? `text:${text}` : text;
+}
+
+function hostArgument(parameter, entry) {
+    const argument = (value) => quote(`${parameter.name}=${value}`);
+    if (fieldKind(parameter) !== 'bytes')
+        return argument(entry.how === 'file' ? fileArgument(entry.file.name) : asText(entry.text));
+
+    const encoded = travelsAsBase64(parameter);
+    if (entry.how === 'file') return argument(`${encoded ? 'b64:' : ''}@${fileArgument(entry.file.name)}`);
+    if (entry.how === 'text') {
+        // No argument can hold a null character.
+        if (entry.text.includes('\0')) return fromPipe(parameter, toBase64(utf8(entry.text)));
+        return argument(encoded ? `b64:${guarded(entry.text)}` : asText(entry.text));
+    }
+    const bytes = entry.how === 'hex' ? fromHex(entry.text) : fromBase64(entry.text);
+    if (encoded) {
+        if (bytes === null) return argument(asText(entry.text));
+        return argument(entry.how === 'hex' ? `hex:${bareHex(entry.text)}` : urlSafe(bytes));
+    }
+    if (bytes === null) return argument(asText(entry.text));
+    const text = textOf(bytes);
+    if (text === null || text.includes('\0')) return fromPipe(parameter, toBase64(bytes));
+    return argument(asText(text));
+}
+
+// Behind "b64:" only these two mean something.
+function guarded(text) {
+    return /^(text:|@)/.test(text) ? `text:${text}` : text;
+}
+
+function urlSafe(bytes) {
+    return toBase64(bytes).replace(/\+/g, '-').replace(/\//g, '_');
+}
+
+function fromPipe(parameter, base64) {
+    return `${quote(parameter.name)}=@<(printf %s ${quote(base64)} | base64 -d)`;
+}
+
+// Null for a request of a key-exchange session: that lives in one process, and `call` ends with
+// its request.
+export function hostLine(request, given) {
+    if (request.parameters.some((parameter) => parameter.form === 'handle')) return null;
+    return multiline([`corvane-host call ${quote(request.name)}`,
+        ...given.map(({ parameter, entry }) => hostArgument(parameter, entry))]);
+}

@@ -1,0 +1,229 @@
+// The console: puts page, catalogue and host together. Views are chosen by the address behind "#":
+// #/request/NAME, #/flow/ID, #/history, #/status, or nothing for the start page.
+
+import { Failure, getCatalogue, setToken, takeTokenFromAddress, token } from './api.js';
+import { findRequest, setCatalogue } from './catalogue.js';
+import { announce, el, icon } from './dom.js';
+import { findFlow } from './flows.js';
+import { FlowView } from './flow_view.js';
+import { chooseLanguage, currentLanguage, setLanguage, t } from './i18n.js';
+import { forgetEverything } from './memory.js';
+import { Navigation } from './navigation.js';
+import { HistoryView, SignInView, StartView, StatusView } from './pages.js';
+import { RequestView } from './request_view.js';
+import { currentStatus, stopWatching, watchStatus } from './status.js';
+
+const THEME = 'corvane.theme';
+const THEMES = ['auto', 'light', 'dark'];
+
+const page = document.getElementById('console');
+const navigation = new Navigation();
+let main = null;
+let pill = null;
+let view = null;
+let signedIn = false;
+
+// --- Theme: the system's, unless another was chosen.
+
+function theme() {
+    const stored = localStorage.getItem(THEME);
+    return THEMES.includes(stored) ? stored : 'auto';
+}
+
+function showTheme() {
+    document.documentElement.dataset.theme = theme();
+}
+
+function nextTheme() {
+    localStorage.setItem(THEME, THEMES[(THEMES.indexOf(theme()) + 1) % THEMES.length]);
+    showTheme();
+}
+
+function themeText() {
+    return { auto: t('Colours: as the system'), light: t('Colours: light'), dark: t('Colours: dark') }[theme()];
+}
+
+// --- What stands at the head of every view.
+
+function drawPill() {
+    const { status, reachable } = currentStatus();
+    const ready = status?.workers.filter((worker) => worker.state !== 'starting').length ?? 0;
+    let state = 'waiting';
+    let text = t('Asking the host…');
+    if (!reachable) [state, text] = ['bad', t('Host does not answer')];
+    else if (status && ready === 0) [state, text] = ['bad', t('No worker is ready')];
+    else if (status) {
+        state = ready === status.workers.length ? 'ok' : 'waiting';
+        text = t('{ready} of {all} workers ready', { ready, all: status.workers.length });
+    }
+    pill.dataset.state = state;
+    pill.replaceChildren(el('span', { class: 'dot', 'aria-hidden': 'true' }), el('span', { class: 'pill-text' }, text));
+    if (view instanceof StatusView) view.refresh();
+}
+
+function header() {
+    const menu = el('button', { type: 'button', class: 'button icon-button menu-button', 'aria-controls': 'navigation',
+        'aria-expanded': 'false', 'aria-label': t('Requests'), on: { click: () => showMenu(!menuShown()) } }, icon('menu'));
+    const themeButton = el('button', { type: 'button', class: 'button icon-button', 'aria-label': themeText(), title: themeText(), on: {
+        click: () => {
+            nextTheme();
+            themeButton.setAttribute('aria-label', themeText());
+            themeButton.title = themeText();
+            announce(themeText());
+        },
+    } }, icon('theme'));
+    const other = currentLanguage() === 'zh' ? ['en', 'English'] : ['zh', '中文'];
+    const languageButton = el('button', { type: 'button', class: 'button', id: 'language', lang: other[0], on: {
+        click: () => {
+            setLanguage(other[0]);
+            draw();
+            document.getElementById('language').focus();
+        },
+    } }, other[1]);
+    pill = el('a', { class: 'pill', href: '#/status' });
+    return el('header', { class: 'top' },
+        signedIn ? menu : null,
+        el('a', { class: 'brand', href: '#/' }, el('span', { class: 'brand-mark', 'aria-hidden': 'true' }, 'C'), 'Corvane',
+            el('span', { class: 'brand-more' }, t('console'))),
+        el('div', { class: 'top-end' },
+            signedIn ? pill : null,
+            languageButton, themeButton));
+}
+
+// On narrow screens the list is behind a button.
+function menuShown() {
+    return page.classList.contains('menu-shown');
+}
+
+function showMenu(shown) {
+    page.classList.toggle('menu-shown', shown);
+    page.querySelector('.menu-button')?.setAttribute('aria-expanded', String(shown));
+    if (shown) navigation.search.focus();
+}
+
+function draw() {
+    showTheme();
+    main = el('main', { id: 'main', tabindex: -1 });
+    const skip = el('a', { class: 'skip', href: '#main', on: {
+        click: (event) => {
+            event.preventDefault();
+            main.querySelector('h1').focus();
+        },
+    } }, t('Skip to the content'));
+    page.classList.toggle('signed-in', signedIn);
+    page.replaceChildren(skip, header(),
+        ...(signedIn ? [el('div', { class: 'body' }, navigation.draw(token() === '' ? null : leave), main)] : [main]));
+    if (signedIn) {
+        // Also a link to the view that is open anyway.
+        navigation.list.addEventListener('click', (event) => {
+            if (event.target.closest('a')) showMenu(false);
+        });
+        drawPill();
+        open();
+    }
+}
+
+// --- Views.
+
+function viewOf(address) {
+    const [, kind, name] = address.match(/^#\/(\w+)\/?([\w-]*)$/) ?? [];
+    if (kind === 'request' && findRequest(name)) return new RequestView(name, go);
+    if (kind === 'flow' && findFlow(name)) return new FlowView(findFlow(name));
+    if (kind === 'history') return new HistoryView();
+    if (kind === 'status') return new StatusView();
+    return new StartView();
+}
+
+function show(next) {
+    view = next;
+    main.replaceChildren(view.draw());
+    document.title = `${view.title} – ${t('Corvane console')}`;
+}
+
+function open() {
+    show(viewOf(location.hash));
+    navigation.mark(location.hash);
+}
+
+// Opens a view by its address; with a parameter's name, its field has the focus then.
+function go(address, field = '') {
+    if (location.hash === address) open();
+    else {
+        history.pushState(null, '', address);
+        open();
+    }
+    window.scrollTo(0, 0);
+    if (field !== '') view.form.focus(field);
+    else main.querySelector('h1').focus();
+}
+
+// --- Coming and leaving.
+
+function signIn(failure) {
+    signedIn = false;
+    stopWatching();
+    draw();
+    show(new SignInView(failure, start));
+    main.querySelector('form').elements[0].focus();
+}
+
+function leave() {
+    setToken('');
+    forgetEverything();
+    signIn(null);
+}
+
+async function start() {
+    try {
+        setCatalogue(await getCatalogue());
+    } catch (failure) {
+        if (!(failure instanceof Failure)) throw failure;
+        // Without a token nothing was tried yet that could have failed.
+        const unknown = failure.status === 401 && token() === '';
+        if (failure.status === 401) setToken('');
+        signIn(unknown ? null : failure);
+        return;
+    }
+    signedIn = true;
+    draw();
+    await watchStatus(drawPill);
+    // The first status tells whether there is a peer.
+    if (view instanceof StartView || (view instanceof FlowView && !view.running)) open();
+}
+
+// A token that the host no longer takes, wherever it shows.
+window.addEventListener('unhandledrejection', (event) => {
+    if (!(event.reason instanceof Failure) || event.reason.status !== 401) return;
+    event.preventDefault();
+    setToken('');
+    signIn(event.reason);
+});
+
+window.addEventListener('hashchange', () => {
+    if (takeTokenFromAddress()) {
+        start();
+        return;
+    }
+    if (!signedIn) return;
+    showMenu(false);
+    open();
+    window.scrollTo(0, 0);
+    main.querySelector('h1').focus();
+});
+
+document.addEventListener('keydown', (event) => {
+    const typing = event.target.closest('input, textarea, select');
+    if (event.key === '/' && !typing && signedIn) {
+        event.preventDefault();
+        showMenu(true);
+        navigation.search.focus();
+    }
+    if (event.key === 'Escape' && menuShown()) {
+        showMenu(false);
+        page.querySelector('.menu-button').focus();
+    }
+});
+
+takeTokenFromAddress();
+chooseLanguage();
+start();

@@ -1,0 +1,56 @@
+// Makes elements. Texts go in as text nodes, so that nothing from outside becomes markup.
+
+const SVG = 'http://www.w3.org/2000/svg';
+
+// Attributes: `on` holds listeners, `data` data attributes; true and false set and leave out.
+export function el(tag, attributes = {}, ...children) {
+    const element = document.createElement(tag);
+    for (const [name, value] of Object.entries(attributes)) {
+        if (value === false || value === null || value === undefined) continue;
+        if (name === 'on')
+            for (const [event, listener] of Object.entries(value))
+                element.addEventListener(event, listener);
+        else if (name === 'data') Object.assign(element.dataset, value);
+        else if (name === 'value') element.value = value;
+        else element.setAttribute(name, value === true ? '' : value);
+    }
+    element.append(...children.flat().filter((child) => child !== null && child !== undefined));
+    return element;
+}
+
+const icons = {
+    copy: 'M5 5V2h9v9h-3 M2 5h9v9H2z',
+    download: 'M8 2v8 M4.5 7 8 10.5 11.5 7 M2.5 13.5h11',
+    send: 'M2.5 8h10 M8.5 4l4 4-4 4',
+    menu: 'M2 4h12 M2 8h12 M2 12h12',
+    check: 'M3 8.5 6.5 12 13 4.5',
+    cross: 'M4 4l8 8 M12 4l-8 8',
+    theme: 'M8 2.5a5.5 5.5 0 1 0 0 11z M8 2.5a5.5 5.5 0 0 1 0 11',
+    arrow: 'M6 3.5 10.5 8 6 12.5',
+};
+
+export function icon(name) {
+    const svg = document.createElementNS(SVG, 'svg');
+    svg.setAttribute('viewBox', '0 0 16 16');
+    svg.setAttribute('class', 'icon');
+    svg.setAttribute('aria-hidden', 'true');
+    const path = document.createElementNS(SVG, 'path');
+    path.setAttribute('d', icons[name]);
+    svg.append(path);
+    return svg;
+}
+
+let lastId = 0;
+
+export function newId(prefix) {
+    lastId += 1;
+    return `${prefix}-${lastId}`;
+}
+
+// Says something to screen readers without moving the focus.
+export function announce(text) {
+    const region = document.getElementById('announcements');
+    region.textContent = '';
+    // A change is only noticed once the emptied region was seen.
+    setTimeout(() => { region.textContent = text; }, 50);
+}

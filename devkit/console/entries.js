@@ -1,0 +1,145 @@
+// An entry is what a person gave for one parameter: {how, text, file}. `how` is text, hex,
+// base64 or file; `file` is {name, bytes} or null. These functions turn entries into bytes and
+// into values of the API, and say what is wrong with them. Nothing here touches the page.
+
+import { bareBase64, bareHex, fromBase64, fromHex, textOf, toBase64, toHex, utf8 } from './values.js';
+import { t } from './i18n.js';
+
+export function emptyEntry(how = 'text') {
+    return { how, text: '', file: null };
+}
+
+export function isEmpty(entry) {
+    return entry.how === 'file' ? entry.file === null : entry.text === '';
+}
+
+// The bytes that an entry stands for, or null if it stands for none.
+export function entryBytes(entry) {
+    switch (entry.how) {
+        case 'file':
+            return entry.file && entry.file.bytes;
+        case 'hex':
+            return fromHex(entry.text);
+        case 'base64':
+            return fromBase64(entry.text);
+        default:
+            return utf8(entry.text);
+    }
+}
+
+// The same bytes in another form, as far as that can show them.
+export function convertEntry(entry, how) {
+    if (isEmpty(entry) || how === 'file') return { ...entry, how };
+    const bytes = entryBytes(entry);
+    if (bytes === null || bytes.length > 65536) return { ...emptyEntry(how), file: entry.file };
+    if (how === 'hex') return { how, text: toHex(bytes), file: null };
+    if (how === 'base64') return { how, text: toBase64(bytes), file: null };
+    return { how, text: textOf(bytes) ?? '', file: null };
+}
+
+// Forms whose values are Base64 of bytes on their way to the plug-in.
+export function travelsAsBase64(parameter) {
+    return parameter.form === 'base64' || parameter.form === 'key-text';
+}
+
+// What kind of field a parameter needs: choice, number, handle, path, password or bytes.
+export function fieldKind(parameter) {
+    if (parameter.choices || parameter.oneOf) return 'choice';
+    if (parameter.range) return 'number';
+    if (parameter.form === 'handle' || parameter.form === 'path') return parameter.form;
+    if (/password/i.test(parameter.name)) return 'password';
+    return 'bytes';
+}
+
+// Whether a path may be an uploaded file: one that names a file, not a folder.
+export function takesUpload(parameter) {
+    return parameter.form === 'path' && /file$/i.test(parameter.name);
+}
+
+// Whether random bytes make sense: keys, initial values.
+export function takesRandom(parameter) {
+    return parameter.form === 'base64' && /\bkey\b|initial value/.test(parameter.meaning);
+}
+
+// Whether a condition of the catalogue ({parameter, is} or {parameter, isNot}) holds.
+function holds(condition, valueOf) {
+    const value = valueOf(condition.parameter);
+    return 'is' in condition ? value === condition.is : value !== condition.isNot;
+}
+
+// Whether a parameter has a use beside the other values. One with a condition has none where the
+// condition fails: it is then ignored.
+export function applies(parameter, valueOf) {
+    return !parameter.requiredWhen || holds(parameter.requiredWhen, valueOf);
+}
+
+export function isRequired(parameter, valueOf) {
+    return parameter.required ||
+        (parameter.requiredWhen !== undefined && holds(parameter.requiredWhen, valueOf));
+}
+
+// The value of the API for an entry that is not empty; null if there is none.
+export function entryValue(parameter, entry) {
+    const kind = fieldKind(parameter);
+    if (kind === 'path' && entry.how === 'file') return { base64: toBase64(entry.file.bytes) };
+    if (kind !== 'bytes') return entry.text;
+    switch (entry.how) {
+        case 'file':
+            return { base64: toBase64(entry.file.bytes) };
+        case 'hex':
+            return fromHex(entry.text) && { hex: bareHex(entry.text).toLowerCase() };
+        case 'base64':
+            // What is not Base64 is sent as it is: the host says what it thinks of it.
+            return fromBase64(entry.text) ? { base64: bareBase64(entry.text) } : entry.text;
+        default:
+            return travelsAsBase64(parameter) ? { base64: toBase64(utf8(entry.text)) } : entry.text;
+    }
+}
+
+function hexFault(text) {
+    const digits = bareHex(text);
+    const wrong = digits.match(/[^0-9a-fA-F]/u);
+    if (wrong) return t('“{character}” is not a hex digit.', { character: wrong[0] });
+    return t('Hex has two digits for each byte; here is one too many or too few.');
+}
+
+function base64Fault(text) {
+    const wrong = text.match(/[^\sA-Za-z0-9+/_=-]/u);
+    if (wrong) return t('“{character}” is not a Base64 character.', { character: wrong[0] });
+    return t('This Base64 text is cut or ends wrongly.');
+}
+
+function numberFault([low, high], text) {
+    if (!/^-?\d+$/.test(text)) return t('Must be a whole number from {low} to {high}.', { low, high });
+    if (Number(text) < low || Number(text) > high)
+        return t('Must be {low} to {high}; it is {value}.', { low, high, value: text });
+    return '';
+}
+
+function pathFault(text) {
+    if (text.startsWith('/')) return t('Must be a name below the host’s folder, without “/” at its beginning.');
+    if (text.split('/').includes('..')) return t('Must not contain “..”.');
+    return '';
+}
+
+// What is wrong with an entry: {text, stops}, or null. With `stops` it stands for nothing that
+// could be sent; all else the host may be asked to judge.
+export function fault(parameter, entry, valueOf) {
+    if (isEmpty(entry)) {
+        if (!isRequired(parameter, valueOf)) return null;
+        return { text: t('Required, and still empty.'), stops: false };
+    }
+    const refused = (text) => (text === '' ? null : { text, stops: false });
+    const kind = fieldKind(parameter);
+    if (kind === 'number') return refused(numberFault(parameter.range, entry.text));
+    if (kind === 'path' && entry.how !== 'file') return refused(pathFault(entry.text));
+    if (kind !== 'bytes') return null;
+
+    const bytes = entryBytes(entry);
+    if (bytes === null && entry.how === 'hex') return { text: hexFault(entry.text), stops: true };
+    if (bytes === null) return refused(base64Fault(entry.text));
+    if (parameter.bytes !== undefined && bytes.length !== parameter.bytes)
+        return refused(t('Must have {count} bytes; it has {size}.',
+            { count: parameter.bytes, size: bytes.length }));
+    return null;
+}

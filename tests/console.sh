@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# The console's tests: its functions in Node, its page in headless Chromium against a running
+# host. Usage: tests/console.sh [BUILD_DIRECTORY]; pictures end up in its console-screenshots.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+. packaging/packages.sh
+
+packaging/install-packages.sh "${browser_packages[@]}"
+# Other makers' nodejs brings npm along and does not go with Debian's.
+command -v npm >/dev/null || packaging/install-packages.sh npm
+
+CORVANE_BUILD=$(realpath "${1-build/release}")
+export CORVANE_BUILD
+cd tests/console
+npm ci --silent --no-audit --no-fund
+exec node --test --test-reporter=spec values.test.mjs texts.test.mjs console.test.mjs
