@@ -20,24 +20,16 @@ std::string loaderMessage()
     return message != nullptr ? message : "unknown reason";
 }
 
-// Where a library lies from the program's folder: beside it, in the build tree, and in
-// an installation's bin/ and lib/.
-std::string usualPlace(const char* name, const char* buildFolder)
-{
-    std::error_code ignored;
-    const fs::path home = fs::read_symlink("/proc/self/exe", ignored).parent_path();
-    for (const char* folder : {".", buildFolder, "../lib/corvane", "../lib"}) {
-        const fs::path candidate = home / folder / name;
-        if (fs::exists(candidate, ignored))
-            return candidate.lexically_normal();
-    }
-    return name;
-}
-
 // A given path always means a file, also when it has no slash.
-std::string chosen(const std::string& given, const char* name, const char* buildFolder)
+std::string chosen(const std::string& given, const char* name)
 {
-    return given.empty() ? usualPlace(name, buildFolder) : fs::absolute(given).string();
+    if (!given.empty())
+        return fs::absolute(given);
+    std::error_code ignored;
+    for (const std::string& place : usualPlaces(name))
+        if (fs::exists(place, ignored))
+            return place;
+    return name;
 }
 
 // Gathers what is written to standard output, descriptor 1, while it exists.
@@ -95,11 +87,24 @@ long lengthOf(const std::string& text)
 
 }  // namespace
 
+std::vector<std::string> usualPlaces(const std::string& name)
+{
+    const char* buildFolder = name == pluginName   ? "../../src"
+                              : name == paramsName ? "../params"
+                                                   : "../engine";
+    std::error_code ignored;
+    const fs::path home = fs::read_symlink("/proc/self/exe", ignored).parent_path();
+    std::vector<std::string> places;
+    for (const char* folder : {".", buildFolder, "../lib/corvane", "../lib"})
+        places.push_back((home / folder / name).lexically_normal());
+    return places;
+}
+
 LibraryPaths withDefaults(LibraryPaths paths)
 {
-    paths.plugin = chosen(paths.plugin, pluginName, "../../src");
-    paths.params = chosen(paths.params, paramsName, "../params");
-    paths.engine = chosen(paths.engine, engineName, "../engine");
+    paths.plugin = chosen(paths.plugin, pluginName);
+    paths.params = chosen(paths.params, paramsName);
+    paths.engine = chosen(paths.engine, engineName);
     return paths;
 }
 

@@ -11,5 +11,6 @@ void addCall(CLI::App& app, Program& program);
 void addScript(CLI::App& app, Program& program);
 void addList(CLI::App& app, Program& program);
 void addDescribe(CLI::App& app, Program& program);
+void addDoctor(CLI::App& app, Program& program);
 
 #endif
