@@ -335,17 +335,29 @@ enum { AVEN_ENGINE_ERRORS(AVEN_ENGINE_ERROR_CODE) AVEN_OK = 0 };
 #undef AVEN_ENGINE_ERROR_CODE
 
 /*
- * The plug-in's own codes, which its clients see in the same place: X(code, text).
- * aven_strerror knows them too.
+ * The plug-in's own codes, which its clients see in the same place, in rows of the same
+ * shape. aven_strerror knows them too.
  */
 /* clang-format off */
 #define AVEN_PLUGIN_ERRORS(X)                                                             \
-    X(-20000, "plug-in: output buffer could not be allocated")                            \
-    X(-20001, "plug-in: required parameter is missing or empty")                          \
-    X(-20002, "plug-in: streaming Base64 input ends inside a group")                      \
-    X(-20084, "plug-in: parameter value is outside its allowed set or range")             \
-    X(-20215, "plug-in: library could not be opened, or the engine is not loaded or lacks the function") \
-    X(-20216, "plug-in: function of the parameter module is missing")
+    X(AVEN_NO_MEMORY, -20000, "plug-in: output buffer could not be allocated",            \
+      "the host's process has no memory for the engine's output",                         \
+      "send smaller data, or give the process more memory")                               \
+    X(PARAM_MISSING, -20001, "plug-in: required parameter is missing or empty",           \
+      "a required parameter was not stored under its exact name, or is empty",            \
+      "give every required parameter; names are case-sensitive")                          \
+    X(BASE64_INCOMPLETE, -20002, "plug-in: streaming Base64 input ends inside a group",   \
+      "the text was cut: the number of its characters is not a multiple of four",         \
+      "pass the whole text; no request gives this code, only the exported decoder does")  \
+    X(PARAM_INVALID, -20084, "plug-in: parameter value is outside its allowed set or range", \
+      "a number is out of range, or a flag, mode or type is none of its allowed digits",  \
+      "see the parameter's allowed values; blanks and leading zeros do not pass in flags")\
+    X(AVEN_NOT_LOADED, -20215, "plug-in: library could not be opened, or the engine is not loaded or lacks the function", \
+      "the crypto engine was not found, or is older than the plug-in; or Init was not called", \
+      "check the loader's path and what Init printed; corvane-host doctor names what is missing") \
+    X(PARAMS_FUNCTION_MISSING, -20216, "plug-in: function of the parameter module is missing", \
+      "the host's parameter module is older than the plug-in, or another library of its name", \
+      "install the right parameter module; corvane-host doctor names what is missing")
 /* clang-format on */
 
 #endif

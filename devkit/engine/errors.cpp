@@ -26,10 +26,6 @@ const char* aven_strerror(int code)
     case value:                                \
         return text;
             AVEN_ENGINE_ERRORS(TEXT)
-#undef TEXT
-#define TEXT(value, text) \
-    case value:           \
-        return text;
             AVEN_PLUGIN_ERRORS(TEXT)
 #undef TEXT
     }

@@ -32,7 +32,21 @@ constexpr Allowed size(size_t bytes)
 constexpr Form T = Form::Text, H = Form::Handle, P = Form::Path, B = Form::Base64, K = Form::KeyText;
 constexpr Need must = Need::Always, may = Need::Never;
 
-constexpr Parameter
+const Choices
+    pairTypes   = {{"1", "SM2"}, {"3", "RSA"}},
+    rsaPaddings = {{"0", "OAEP"}, {"1", "PKCS#1 v1.5"}},
+    sm2Forms    = {{"0", "ASN.1"}, {"1", "raw bytes"}},
+    sm2Orders   = {{"0", "C1C3C2"}, {"1", "C1C2C3"}},
+    ciphers     = {{"1", "SM4"}, {"2", "AES-128"}, {"3", "AES-192"}, {"4", "AES-256"},
+                   {"5", "ARIA-256"}, {"6", "Camellia-256"}, {"7", "3DES"}},
+    modes       = {{"1", "ECB"}, {"2", "CBC"}, {"3", "CFB"}, {"4", "OFB"}, {"5", "CTR"}, {"6", "GCM"}},
+    paddings    = {{"0", "none"}, {"1", "PKCS#7"}},
+    hashes      = {{"1", "SM3"}, {"2", "SHA-1"}, {"3", "SHA-224"}, {"4", "SHA-256"},
+                   {"5", "SHA-384"}, {"6", "SHA-512"}},
+    hashesOrDefault = {{"0", "default (SM3)"}, {"1", "SM3"}, {"2", "SHA-1"}, {"3", "SHA-224"},
+                       {"4", "SHA-256"}, {"5", "SHA-384"}, {"6", "SHA-512"}};
+
+const Parameter
     strErr        = {"strErr",           T, must, any,              "",   "error code, as in an errorCode result"},
     strIn         = {"strIn",            T, must, any,              "",   "the bytes, as they are"},
     strInBase64   = {"strIn",            B, must, any,              "",   "the text to decode"},
@@ -52,21 +66,21 @@ constexpr Parameter
     channelData   = {"strdata",          B, may,  any,              "",   "the data"},
     channelCipher = {"strcipher",        B, may,  any,              "",   "the ciphertext"},
 
-    pairType      = {"strKeyPairType",   T, may,  oneOf("13"),      "0",  "key pair; development engine: 1 SM2, 3 RSA, absent: as the key says"},
-    pairTypeMust  = {"strKeyPairType",   T, must, oneOf("13"),      "",   "key pair; development engine: 1 SM2, 3 RSA"},
+    pairType      = {"strKeyPairType",   T, may,  oneOf("13"),      "0",  "type of the key pair; absent: as the key says", pairTypes},
+    pairTypeMust  = {"strKeyPairType",   T, must, oneOf("13"),      "",   "type of the key pair", pairTypes},
     publicKey     = {"strpk",            K, must, any,              "",   "public key"},
     privateKey    = {"strsk",            K, must, any,              "",   "private key"},
     certificate   = {"strpk",            K, must, any,              "",   "recipient's certificate"},
-    rsaPadding    = {"strRsaPaddingE",   T, may,  oneOf("01"),      "0",  "RSA padding; development engine: 0 OAEP, 1 PKCS#1"},
-    noAsn1        = {"strnoAsn1",        T, may,  oneOf("01"),      "0",  "SM2: 1 for ciphertext without ASN.1"},
-    noC1C3C2      = {"strnoc1c3c2",      T, may,  oneOf("01"),      "0",  "SM2: 1 for another order than C1C3C2"},
+    rsaPadding    = {"strRsaPaddingE",   T, may,  oneOf("01"),      "0",  "padding of RSA", rsaPaddings},
+    noAsn1        = {"strnoAsn1",        T, may,  oneOf("01"),      "0",  "form of SM2 ciphertext", sm2Forms},
+    noC1C3C2      = {"strnoc1c3c2",      T, may,  oneOf("01"),      "0",  "order of the parts of SM2 ciphertext", sm2Orders},
     data          = {"strdata",          B, must, any,              "",   "the data"},
     dataText      = {"strdata",          T, must, any,              "",   "the data, as it is"},
     envelope      = {"strEncdata",       B, must, any,              "",   "the envelope"},
 
-    cipherAlg     = {"strCipherAlg",     T, must, range(1, 7),      "",   "cipher; development engine: 1 SM4, 2 to 4 AES-128/192/256, 5 ARIA-256, 6 Camellia-256, 7 3DES"},
-    mode          = {"strMode",          T, must, oneOf("123456"),  "",   "mode: 1 takes no IV, 6 is GCM; development engine: 1 ECB, 2 CBC, 3 CFB, 4 OFB, 5 CTR"},
-    padding       = {"strCipherPadding", T, may,  oneOf("01"),      "0",  "1 to pad the data"},
+    cipherAlg     = {"strCipherAlg",     T, must, range(1, 7),      "",   "the cipher", ciphers},
+    mode          = {"strMode",          T, must, oneOf("123456"),  "",   "the cipher's mode; 1 takes no IV, 6 has a tag", modes},
+    padding       = {"strCipherPadding", T, may,  oneOf("01"),      "0",  "padding of the data", paddings},
     key           = {"strKey",           B, must, any,              "",   "the key"},
     key16         = {"strKey",           B, must, size(16),         "",   "the key"},
     iv            = {"strIV",            B, Need::UnlessMode1, any, "",   "initial value; ignored in mode 1"},
@@ -75,8 +89,8 @@ constexpr Parameter
     tagLength     = {"strgcmTagLen",     T, may,  range(4, 16),     "16", "length of the tag in bytes; mode 6 only"},
     tag           = {"strtag",           B, Need::InMode6,     any, "",   "the tag; mode 6 only"},
 
-    hashAlg       = {"strHashAlg",       T, must, range(1, 6),      "",   "hash; development engine: 1 SM3, 2 SHA-1, 3 SHA-224, 4 SHA-256, 5 SHA-384, 6 SHA-512"},
-    hashType      = {"HashType",         T, must, range(0, 6),      "",   "hash, as strHashAlg, or 0 for the engine's default"},
+    hashAlg       = {"strHashAlg",       T, must, range(1, 6),      "",   "the hash", hashes},
+    hashType      = {"HashType",         T, must, range(0, 6),      "",   "the hash; 0 for the engine's default", hashesOrDefault},
     srcdata       = {"srcdata",          T, must, any,              "",   "the secret to derive from, as it is"},
     outLen        = {"OutLen",           T, must, range(0, 65535),  "",   "length of the derived key in bytes"};
 
@@ -88,104 +102,73 @@ const Result
     escaped = {"Data",      Form::Escaped, "the bytes"},
     gcmTag  = {"gcmOutTag", Form::Base64,  "the tag; empty unless mode is 6"};
 
+// The plug-in's own codes; error_codes.cpp has their texts.
+constexpr int MISSING = -20001, RANGE = -20084, MEMORY = -20000, ENGINE = -20215;
+
 const std::vector<RequestInfo> requests = {
     {"QZaVen_GetVersion",               "Engine",   "The engine's version text.",
-        {}, {plain, code}},
+        {}, {plain, code}, {ENGINE}},
     {"QZaVen_strerror",                 "Engine",   "The engine's text for an error code. Writes no errorCode.",
-        {strErr}, {plain}},
+        {strErr}, {plain}, {}},
     {"QZaven_crypto_base64_encode",     "Base64",   "Bytes to URL-safe Base64, by the engine.",
-        {strIn}, {base64, code}},
+        {strIn}, {base64, code}, {MISSING, ENGINE}},
     {"QZaven_crypto_base64_Decode",     "Base64",   "Base64 of either alphabet to bytes, by the engine.",
-        {strInBase64}, {escaped, code}},
+        {strInBase64}, {escaped, code}, {MISSING, ENGINE}},
 
     {"QZaven_ke_new",                   "Key-exchange session", "Creates a session.",
-        {}, {handle, code}},
+        {}, {handle, code}, {ENGINE}},
     {"QZaven_ke_free",                  "Key-exchange session", "Frees a session.",
-        {strKe}, {code}},
+        {strKe}, {code}, {MISSING, ENGINE}},
     {"QZaven_ke_set_public_key",        "Key-exchange session", "Sets the client's keys.",
-        {strKe, strSigKey, strEncKey, strPassword}, {code}},
+        {strKe, strSigKey, strEncKey, strPassword}, {code}, {MISSING, ENGINE}},
     {"QZaven_ke_set_certificate",       "Key-exchange session", "Sets the client's certificates.",
-        {strKe, strSigCert, strEncCert, strPassword}, {code}},
+        {strKe, strSigCert, strEncCert, strPassword}, {code}, {MISSING, ENGINE}},
     {"QZaven_ke_set_root_certificate",  "Key-exchange session", "Sets the trusted roots.",
-        {strKe, strCaFile, strCaPath}, {code}},
+        {strKe, strCaFile, strCaPath}, {code}, {MISSING, ENGINE}},
     {"QZaven_ke_client_hello",          "Key-exchange session", "Makes the client hello, at most 32 bytes.",
-        {strKe}, {base64, code}},
+        {strKe}, {base64, code}, {MISSING, ENGINE}},
     {"QZaven_ke_client_key_exchange",   "Key-exchange session", "Takes the server's answer and makes the client's message, at most 256 bytes.",
-        {strKe, strSrvrRand, strSrvrSig, strSrvrEnc, strSrvrSign}, {base64, code}},
+        {strKe, strSrvrRand, strSrvrSig, strSrvrEnc, strSrvrSign}, {base64, code}, {MISSING, ENGINE}},
 
     {"QZaven_ke_encrypt",               "Key-exchange channel", "Encrypts with the session's keys.",
-        {strKe, channelData}, {base64, code}},
+        {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
     {"QZaven_ke_decrypt",               "Key-exchange channel", "Decrypts with the session's keys.",
-        {strKe, channelCipher}, {base64, code}},
+        {strKe, channelCipher}, {base64, code}, {MISSING, ENGINE}},
     {"QZaven_ke_hmac",                  "Key-exchange channel", "HMAC with the session's keys.",
-        {strKe, channelData}, {base64, code}},
+        {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
     {"QZaven_ke_cmac",                  "Key-exchange channel", "CMAC with the session's keys.",
-        {strKe, channelData}, {base64, code}},
+        {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
 
     {"QZaven_crypto_public_encrypt",    "Public key", "Encrypts with a public key.",
-        {pairType, publicKey, rsaPadding, noAsn1, noC1C3C2, data}, {base64, code}},
+        {pairType, publicKey, rsaPadding, noAsn1, noC1C3C2, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_private_decrypt",   "Public key", "Decrypts with a private key.",
-        {pairType, privateKey, strPassword, rsaPadding, noAsn1, noC1C3C2, data}, {base64, code}},
+        {pairType, privateKey, strPassword, rsaPadding, noAsn1, noC1C3C2, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
 
     {"QZaven_crypto_encrypt",           "Symmetric cipher", "Encrypts; mode 6 makes a tag too.",
-        {cipherAlg, mode, padding, key, iv, aad, data, tagLength}, {base64, code, gcmTag}},
+        {cipherAlg, mode, padding, key, iv, aad, data, tagLength}, {base64, code, gcmTag}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_decrypt",           "Symmetric cipher", "Decrypts; mode 6 checks the tag.",
-        {cipherAlg, mode, padding, key, iv, aad, tag, data}, {base64, code}},
+        {cipherAlg, mode, padding, key, iv, aad, tag, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_gen_symmkey",       "Symmetric cipher", "Makes a key for a cipher.",
-        {cipherAlg}, {base64, code}},
+        {cipherAlg}, {base64, code}, {MISSING, RANGE, ENGINE}},
 
     {"QZaven_crypto_hmac",              "MAC and key derivation", "HMAC.",
-        {hashAlg, key, data}, {base64, code}},
+        {hashAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_cmac",              "MAC and key derivation", "CMAC.",
-        {cipherAlg, key, data}, {base64, code}},
+        {cipherAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_kdf",               "MAC and key derivation", "Derives a key.",
-        {hashType, srcdata, outLen}, {base64, code}},
+        {hashType, srcdata, outLen}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
 
     {"QZaven_crypto_envelope_encrypt",  "Envelope", "Seals data for the holder of a certificate.",
-        {dataText, certificate, cipherAlg, mode}, {base64, code}},
+        {dataText, certificate, cipherAlg, mode}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_envelope_decrypt",  "Envelope", "Opens an envelope.",
-        {envelope, pairTypeMust, privateKey, cipherAlg, mode}, {escaped, code}},
+        {envelope, pairTypeMust, privateKey, cipherAlg, mode}, {escaped, code}, {MISSING, RANGE, MEMORY, ENGINE}},
 
     {"QZaven_wbsm4_encrypt",            "White-box SM4", "Encrypts.",
-        {key16, iv16, data}, {base64, code}},
+        {key16, iv16, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_wbsm4_decrypt",            "White-box SM4", "Decrypts.",
-        {key16, iv16, data}, {base64, code}},
+        {key16, iv16, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
 };
 // clang-format on
-
-const char* formName(Form form)
-{
-    switch (form) {
-        case Form::Text:
-            return "text";
-        case Form::Handle:
-            return "handle";
-        case Form::Path:
-            return "path";
-        case Form::Base64:
-            return "base64";
-        case Form::KeyText:
-            return "key-text";
-        case Form::Escaped:
-            return "escaped";
-    }
-    return "";
-}
-
-const char* needText(Need need)
-{
-    switch (need) {
-        case Need::Always:
-            return "required";
-        case Need::Never:
-            return "optional";
-        case Need::UnlessMode1:
-            return "required unless strMode is 1";
-        case Need::InMode6:
-            return "required if strMode is 6";
-    }
-    return "";
-}
 
 bool isNeeded(Need need, const Pairs& parameters)
 {
@@ -203,24 +186,6 @@ bool isNeeded(Need need, const Pairs& parameters)
     return false;
 }
 
-std::string allowedText(const Allowed& allowed)
-{
-    switch (allowed.kind) {
-        case Allowed::Any:
-            return "";
-        case Allowed::Range:
-            return std::to_string(allowed.low) + " to " + std::to_string(allowed.high);
-        case Allowed::Size:
-            return std::to_string(allowed.size) + " bytes";
-        case Allowed::OneOf:
-            break;
-    }
-    std::string list = "one of";
-    for (const char* digit = allowed.digits; *digit != '\0'; ++digit)
-        list += std::string(" ") + *digit;
-    return list;
-}
-
 // A value's own fault, or "".
 std::string fault(const Parameter& parameter, const std::string& value)
 {
@@ -228,7 +193,7 @@ std::string fault(const Parameter& parameter, const std::string& value)
     if (parameter.form == Form::Base64 || parameter.form == Form::KeyText) {
         const auto decodedSize = base64Size(value);
         if (!decodedSize)
-            return "is not Base64; write b64:... to have it encoded";
+            return "is not Base64 (URL-safe)";
         if (allowed.kind == Allowed::Size && *decodedSize != allowed.size)
             return "must be " + allowedText(allowed);
     }
@@ -260,24 +225,6 @@ size_t editDistance(const std::string& a, const std::string& b)
         }
     }
     return row.back();
-}
-
-std::string pad(std::string text, size_t width)
-{
-    text.resize(std::max(text.size(), width), ' ');
-    return text;
-}
-
-// "required, 1 to 7, text" and the like.
-std::string traits(const Parameter& parameter)
-{
-    std::string line = needText(parameter.need);
-    const std::string values = allowedText(parameter.allowed);
-    if (!values.empty())
-        line += ", " + values;
-    if (*parameter.ifAbsent != '\0')
-        line += ", default " + std::string(parameter.ifAbsent);
-    return line + ", " + formName(parameter.form);
 }
 
 }  // namespace
@@ -320,25 +267,37 @@ std::string nearestRequest(const std::string& name)
         ->name;
 }
 
-std::vector<std::string> complaints(const RequestInfo& request, const Pairs& parameters)
+const Parameter* findParameter(const RequestInfo& request, const std::string& name)
 {
-    std::vector<std::string> list;
-    for (const auto& given : parameters) {
-        const bool known =
-            std::any_of(request.parameters.begin(), request.parameters.end(),
-                        [&](const Parameter& parameter) { return parameter.name == given.first; });
-        if (!known)
-            list.push_back(given.first + " is not a parameter of " + request.name);
-    }
+    for (const Parameter& parameter : request.parameters)
+        if (parameter.name == name)
+            return &parameter;
+    return nullptr;
+}
+
+bool isSecret(const Parameter& parameter)
+{
+    const Allowed::Kind kind = parameter.allowed.kind;
+    return kind != Allowed::Range && kind != Allowed::OneOf && parameter.form != Form::Path;
+}
+
+std::vector<Complaint> complaints(const RequestInfo& request, const Pairs& parameters)
+{
+    std::vector<Complaint> list;
+    const auto complain = [&](const std::string& name, const std::string& what) {
+        list.push_back({name, name + " " + what});
+    };
+    for (const auto& given : parameters)
+        if (findParameter(request, given.first) == nullptr)
+            complain(given.first, std::string("is not a parameter of ") + request.name);
     for (const Parameter& parameter : request.parameters) {
         const std::string* value = findValue(parameters, parameter.name);
         if (value != nullptr && !value->empty()) {
             const std::string found = fault(parameter, *value);
             if (!found.empty())
-                list.push_back(std::string(parameter.name) + " " + found);
+                complain(parameter.name, found);
         } else if (isNeeded(parameter.need, parameters)) {
-            list.push_back(std::string(parameter.name) + " is missing (" +
-                           needText(parameter.need) + ")");
+            complain(parameter.name, std::string("is missing (") + needText(parameter.need) + ")");
         }
     }
     return list;
@@ -355,70 +314,54 @@ bool succeeded(const RequestInfo* request, const Pairs& results)
     return written != nullptr && *written == "0";
 }
 
-std::string describe(const RequestInfo& request)
+const char* formName(Form form)
 {
-    std::string out = std::string(request.name) + "\n  " + request.summary + "\n";
-    if (request.parameters.empty())
-        out += "  takes no parameters\n";
-    for (const Parameter& parameter : request.parameters) {
-        out += "  " + pad(parameter.name, 18) + traits(parameter) + "\n";
-        out += std::string(20, ' ') + parameter.meaning + "\n";
+    switch (form) {
+        case Form::Text:
+            return "text";
+        case Form::Handle:
+            return "handle";
+        case Form::Path:
+            return "path";
+        case Form::Base64:
+            return "base64";
+        case Form::KeyText:
+            return "key-text";
+        case Form::Escaped:
+            return "escaped";
     }
-    out += "  results\n";
-    for (const Result& result : request.results)
-        out += "  " + pad(result.name, 18) + formName(result.form) + ": " + result.meaning + "\n";
-    return out;
+    return "";
 }
 
-std::string listRequests()
+const char* needText(Need need)
 {
-    std::string out;
-    std::string group;
-    for (const RequestInfo& request : requests) {
-        if (group != request.group) {
-            group = request.group;
-            out += (out.empty() ? "" : "\n") + group + "\n";
-        }
-        out += "  " + std::string(request.name) + "\n";
-        for (const Parameter& parameter : request.parameters)
-            out += "      " + pad(parameter.name, 18) + traits(parameter) + "\n";
+    switch (need) {
+        case Need::Always:
+            return "required";
+        case Need::Never:
+            return "optional";
+        case Need::UnlessMode1:
+            return "required unless strMode is 1";
+        case Need::InMode6:
+            return "required if strMode is 6";
     }
-    return out;
+    return "";
 }
 
-nlohmann::ordered_json toJson(const RequestInfo& request)
+std::string allowedText(const Allowed& allowed)
 {
-    using Json = nlohmann::ordered_json;
-
-    Json parameters = Json::array();
-    for (const Parameter& parameter : request.parameters) {
-        const Allowed& allowed = parameter.allowed;
-        Json row = {{"name", parameter.name},
-                    {"form", formName(parameter.form)},
-                    {"need", needText(parameter.need)}};
-        if (allowed.kind == Allowed::Range)
-            row["range"] = {allowed.low, allowed.high};
-        if (allowed.kind == Allowed::Size)
-            row["bytes"] = allowed.size;
-        if (allowed.kind == Allowed::OneOf) {
-            row["oneOf"] = Json::array();
-            for (const char* digit = allowed.digits; *digit != '\0'; ++digit)
-                row["oneOf"].push_back(std::string(1, *digit));
-        }
-        if (*parameter.ifAbsent != '\0')
-            row["default"] = parameter.ifAbsent;
-        row["meaning"] = parameter.meaning;
-        parameters.push_back(row);
+    switch (allowed.kind) {
+        case Allowed::Any:
+            return "";
+        case Allowed::Range:
+            return std::to_string(allowed.low) + " to " + std::to_string(allowed.high);
+        case Allowed::Size:
+            return std::to_string(allowed.size) + " bytes";
+        case Allowed::OneOf:
+            break;
     }
-
-    Json results = Json::array();
-    for (const Result& result : request.results)
-        results.push_back(
-            {{"name", result.name}, {"form", formName(result.form)}, {"meaning", result.meaning}});
-
-    return {{"name", request.name},
-            {"group", request.group},
-            {"summary", request.summary},
-            {"parameters", parameters},
-            {"results", results}};
+    std::string list = "one of";
+    for (const char* digit = allowed.digits; *digit != '\0'; ++digit)
+        list += std::string(" ") + *digit;
+    return list;
 }

@@ -1,9 +1,9 @@
-// The catalogue: every request that the plug-in serves, with its parameters and
-// results. Lists, help, parameter checks and the decoding of results come from it.
+// The catalogue: every request that the plug-in serves, with its parameters, results and
+// codes. Lists, help, documents, forms, parameter checks and the decoding of results come
+// from it; error_codes.h has the codes' texts.
 #ifndef CORVANE_HOST_CATALOGUE_H
 #define CORVANE_HOST_CATALOGUE_H
 
-#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,6 +36,13 @@ struct Allowed {
     size_t size;         // Size: of the decoded bytes
 };
 
+// What the development engine takes a value for. Another engine may number otherwise.
+struct Choice {
+    const char* value;
+    const char* text;
+};
+using Choices = std::vector<Choice>;
+
 struct Parameter {
     const char* name;
     Form form;
@@ -43,7 +50,12 @@ struct Parameter {
     Allowed allowed;
     const char* ifAbsent;  // the value that an absent parameter stands for, or ""
     const char* meaning;
+    Choices choices = {};
 };
+
+// Whether a value is to be kept out of what people see by the way: all but numbers and
+// paths may hold keys or plaintext.
+bool isSecret(const Parameter& parameter);
 
 struct Result {
     const char* name;
@@ -57,6 +69,7 @@ struct RequestInfo {
     const char* summary;
     std::vector<Parameter> parameters;  // in the order in which the plug-in reads them
     std::vector<Result> results;        // in the order in which it writes them
+    std::vector<int> codes;             // its own that it may write; the engine's come on top
 };
 
 // All requests, in the order of their function IDs, 0 to 26.
@@ -68,16 +81,24 @@ const Result* findResult(const RequestInfo& request, const std::string& name);
 // The known name that is nearest to a mistyped one.
 std::string nearestRequest(const std::string& name);
 
-// What looks wrong with the parameters of a request: unknown ones, missing ones,
-// values outside their form or set. Values themselves are not quoted.
-std::vector<std::string> complaints(const RequestInfo& request, const Pairs& parameters);
+const Parameter* findParameter(const RequestInfo& request, const std::string& name);
+
+// What looks wrong with a parameter. The text names the field, never its value.
+struct Complaint {
+    std::string field;
+    std::string text;
+};
+
+// What looks wrong with the parameters of a request: unknown ones, missing ones, values
+// outside their form or set.
+std::vector<Complaint> complaints(const RequestInfo& request, const Pairs& parameters);
 
 // Whether the results tell of success.
 bool succeeded(const RequestInfo* request, const Pairs& results);
 
-// The requests as a person or a program reads them.
-std::string describe(const RequestInfo& request);
-std::string listRequests();
-nlohmann::ordered_json toJson(const RequestInfo& request);
+// How forms, needs and sets are called.
+const char* formName(Form form);
+const char* needText(Need need);
+std::string allowedText(const Allowed& allowed);  // "" if any
 
 #endif

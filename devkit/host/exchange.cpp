@@ -26,13 +26,17 @@ const RequestInfo* requestByName(const std::string& name, bool force)
     return request;
 }
 
+void warn(const RequestInfo* request, const Pairs& parameters)
+{
+    if (request == nullptr)
+        return;
+    for (const Complaint& complaint : complaints(*request, parameters))
+        tell(std::string("warning: ").append(request->name).append(": ").append(complaint.text));
+}
+
 Outcome exchange(HostSession& session, const RequestInfo* request, const std::string& name,
                  const Pairs& parameters)
 {
-    if (request != nullptr)
-        for (const std::string& complaint : complaints(*request, parameters))
-            tell(std::string("warning: ").append(name).append(": ").append(complaint));
-
     Reply reply = session.send(name, parameters);
     Outcome outcome;
     outcome.results = std::move(reply.results);

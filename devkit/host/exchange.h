@@ -19,8 +19,10 @@ struct Outcome {
 // UsageError with the nearest name for an unknown one.
 const RequestInfo* requestByName(const std::string& name, bool force);
 
-// Sends a request, after warnings about its parameters to standard error, and asks the
-// engine what a failure means. `request` may be null.
+// Warnings about the parameters of a request, to standard error. `request` may be null.
+void warn(const RequestInfo* request, const Pairs& parameters);
+
+// Sends a request and asks the engine what a failure means. `request` may be null.
 Outcome exchange(HostSession& session, const RequestInfo* request, const std::string& name,
                  const Pairs& parameters);
 

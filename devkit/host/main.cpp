@@ -47,6 +47,9 @@ ExitCode run(int argc, char** argv)
     addList(app, program);
     addDescribe(app, program);
     addDoctor(app, program);
+    addExplain(app, program);
+    addOpenApi(app, program);
+    addCompletion(app, program);
 
     try {
         app.parse(argc, argv);

@@ -90,7 +90,9 @@ private:
         if (!step.id.empty() && results_.count(step.id) != 0)
             throw UsageError("id " + step.id + " is taken");
         const RequestInfo* request = requestByName(step.request, options_.force);
-        const Outcome outcome = exchange(session_, request, step.request, parameters(step));
+        const Pairs given = parameters(step);
+        warn(request, given);
+        const Outcome outcome = exchange(session_, request, step.request, given);
         if (!step.id.empty())
             results_[step.id] = outcome.results;
 

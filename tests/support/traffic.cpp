@@ -413,12 +413,10 @@ void TrafficClient::Work::version()
 
 void TrafficClient::Work::errorText()
 {
-    static const std::pair<int, const char*> texts[] = {{0, "success"},
+    static const std::pair<int, const char*> texts[] = {
+        {0, "success"},
 #define ROW(name, code, text, cause, remedy) {code, text},
-                                                        AVEN_ENGINE_ERRORS(ROW)
-#undef ROW
-#define ROW(code, text) {code, text},
-                                                            AVEN_PLUGIN_ERRORS(ROW)
+        AVEN_ENGINE_ERRORS(ROW) AVEN_PLUGIN_ERRORS(ROW)
 #undef ROW
     };
     const char* const name = "QZaVen_strerror";

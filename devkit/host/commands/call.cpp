@@ -55,6 +55,7 @@ ExitCode call(Program& program, const CallOptions& options)
     for (auto& [name, value] : parameters)
         value = reader.read(name, value, asWritten);
 
+    warn(request, parameters);
     const Outcome outcome = exchange(*session, request, options.request, parameters);
     if (options.raw.empty()) {
         auto json = toJson(outcome.results);

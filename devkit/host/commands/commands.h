@@ -12,5 +12,8 @@ void addScript(CLI::App& app, Program& program);
 void addList(CLI::App& app, Program& program);
 void addDescribe(CLI::App& app, Program& program);
 void addDoctor(CLI::App& app, Program& program);
+void addExplain(CLI::App& app, Program& program);
+void addOpenApi(CLI::App& app, Program& program);
+void addCompletion(CLI::App& app, Program& program);
 
 #endif

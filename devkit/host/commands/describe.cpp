@@ -2,8 +2,8 @@
 #include <memory>
 #include <string>
 
-#include "catalogue.h"
 #include "commands.h"
+#include "descriptions.h"
 #include "exchange.h"
 #include "values.h"
 

@@ -1,27 +1,32 @@
 // corvane-host list: the requests and their parameters.
 #include <memory>
 
-#include "catalogue.h"
 #include "commands.h"
+#include "descriptions.h"
 #include "values.h"
 
 namespace {
 
-std::string listAsJson()
+struct ListOptions {
+    bool json = false;
+    bool markdown = false;
+};
+
+std::string listed(const ListOptions& options)
 {
-    auto json = nlohmann::ordered_json::array();
-    for (const RequestInfo& request : catalogue())
-        json.push_back(toJson(request));
-    return write(json, 2) + "\n";
+    if (options.json)
+        return write(catalogueJson()["requests"], 2) + "\n";
+    return options.markdown ? requestsDocument() : listRequests();
 }
 
 }  // namespace
 
 void addList(CLI::App& app, Program& program)
 {
-    const auto json = std::make_shared<bool>(false);
+    const auto options = std::make_shared<ListOptions>();
     CLI::App* command = app.add_subcommand("list", "List the requests and their parameters");
-    command->add_flag("--json", *json, "As JSON");
-    command->callback(
-        [json, &program] { program.output.write(*json ? listAsJson() : listRequests()); });
+    CLI::Option* json = command->add_flag("--json", options->json, "As JSON");
+    command->add_flag("--markdown", options->markdown, "As a document: docs/requests.md")
+        ->excludes(json);
+    command->callback([options, &program] { program.output.write(listed(*options)); });
 }

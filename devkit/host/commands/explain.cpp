@@ -1,0 +1,54 @@
+// corvane-host explain: an error code in words.
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "commands.h"
+#include "descriptions.h"
+#include "values.h"
+
+namespace {
+
+struct ExplainOptions {
+    std::string code;
+    bool json = false;
+};
+
+// The whole text must be a number. The minus sign may be left out: all codes have one.
+const ErrorCode& rowOf(const std::string& text)
+{
+    char* end = nullptr;
+    const long number = strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0')
+        throw UsageError("an error code is a number, as in an errorCode result");
+    if (number == 0)
+        throw UsageError("0 is success");
+    const ErrorCode* row = findErrorCode(static_cast<int>(number < 0 ? number : -number));
+    if (row == nullptr)
+        throw UsageError(text +
+                         " is neither the plug-in's nor the development engine's; "
+                         "another engine has its own codes, see QZaVen_strerror");
+    return *row;
+}
+
+std::string allAsJson()
+{
+    return write(catalogueJson()["codes"], 2) + "\n";
+}
+
+}  // namespace
+
+void addExplain(CLI::App& app, Program& program)
+{
+    const auto options = std::make_shared<ExplainOptions>();
+    CLI::App* command = app.add_subcommand(
+        "explain", "Explain an error code: its meaning, likely cause and remedy");
+    command->add_option("code", options->code, "As in errorCode; none: list all");
+    command->add_flag("--json", options->json, "As JSON");
+    command->callback([options, &program] {
+        if (options->code.empty())
+            return program.output.write(options->json ? allAsJson() : listErrorCodes());
+        const ErrorCode& row = rowOf(options->code);
+        program.output.write(options->json ? write(toJson(row), 2) + "\n" : explain(row));
+    });
+}

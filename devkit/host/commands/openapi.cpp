@@ -1,0 +1,12 @@
+// corvane-host openapi: the HTTP interface for other programs.
+#include "openapi.h"
+
+#include "commands.h"
+#include "values.h"
+
+void addOpenApi(CLI::App& app, Program& program)
+{
+    CLI::App* command =
+        app.add_subcommand("openapi", "Print the HTTP interface as an OpenAPI 3.1 document");
+    command->callback([&program] { program.output.write(write(openApi(), 2) + "\n"); });
+}

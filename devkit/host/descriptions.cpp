@@ -1,0 +1,246 @@
+#include "descriptions.h"
+
+#include <algorithm>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string pad(std::string text, size_t width)
+{
+    text.resize(std::max(text.size(), width), ' ');
+    return text;
+}
+
+// "required, 1 to 7, text" and the like.
+std::string traits(const Parameter& parameter)
+{
+    std::string line = needText(parameter.need);
+    const std::string values = allowedText(parameter.allowed);
+    if (!values.empty())
+        line += ", " + values;
+    if (*parameter.ifAbsent != '\0')
+        line += ", default " + std::string(parameter.ifAbsent);
+    return line + ", " + formName(parameter.form);
+}
+
+// "1 SM4, 2 AES-128" and so on; "" for a parameter without named values.
+std::string choicesText(const Choices& choices)
+{
+    std::string line;
+    for (const Choice& choice : choices)
+        line += (line.empty() ? "" : ", ") + std::string(choice.value) + " " + choice.text;
+    return line;
+}
+
+std::string codesText(const std::vector<int>& codes)
+{
+    std::string line;
+    for (const int code : codes)
+        line += (line.empty() ? "" : ", ") + std::to_string(code);
+    return line;
+}
+
+// When a parameter with a condition is required; see Need.
+Json condition(Need need)
+{
+    if (need == Need::UnlessMode1)
+        return {{"parameter", "strMode"}, {"isNot", "1"}};
+    return {{"parameter", "strMode"}, {"is", "6"}};
+}
+
+Json toJson(const Parameter& parameter)
+{
+    Json row = {{"name", parameter.name},
+                {"form", formName(parameter.form)},
+                {"need", needText(parameter.need)},
+                {"required", parameter.need == Need::Always}};
+    if (parameter.need == Need::UnlessMode1 || parameter.need == Need::InMode6)
+        row["requiredWhen"] = condition(parameter.need);
+
+    const Allowed& allowed = parameter.allowed;
+    if (allowed.kind == Allowed::Range)
+        row["range"] = {allowed.low, allowed.high};
+    if (allowed.kind == Allowed::Size)
+        row["bytes"] = allowed.size;
+    if (allowed.kind == Allowed::OneOf)
+        for (const char* digit = allowed.digits; *digit != '\0'; ++digit)
+            row["oneOf"].push_back(std::string(1, *digit));
+    for (const Choice& choice : parameter.choices)
+        row["choices"].push_back({{"value", choice.value}, {"text", choice.text}});
+
+    if (*parameter.ifAbsent != '\0')
+        row["default"] = parameter.ifAbsent;
+    row["secret"] = isSecret(parameter);
+    row["meaning"] = parameter.meaning;
+    return row;
+}
+
+// What a parameter may be, for a table's cell.
+std::string valuesCell(const Parameter& parameter)
+{
+    std::string cell = choicesText(parameter.choices);
+    if (cell.empty())
+        cell = allowedText(parameter.allowed);
+    if (*parameter.ifAbsent != '\0')
+        cell += (cell.empty() ? "" : "; ") + std::string("default ") + parameter.ifAbsent;
+    return cell;
+}
+
+std::string row(std::initializer_list<std::string> cells)
+{
+    std::string line = "|";
+    for (const std::string& cell : cells)
+        line += (cell.empty() ? "" : " " + cell) + " |";
+    return line + "\n";
+}
+
+std::string code(const std::string& text)
+{
+    return "`" + text + "`";
+}
+
+std::string section(const RequestInfo& request)
+{
+    std::string out = "### " + std::string(request.name) + "\n\n" + request.summary + "\n";
+    if (!request.parameters.empty())
+        out += "\n| parameter | need | form | values | meaning |\n|---|---|---|---|---|\n";
+    for (const Parameter& parameter : request.parameters)
+        out += row({code(parameter.name), needText(parameter.need), formName(parameter.form),
+                    valuesCell(parameter), parameter.meaning});
+    out += "\n| result | form | meaning |\n|---|---|---|\n";
+    for (const Result& result : request.results)
+        out += row({code(result.name), formName(result.form), result.meaning});
+    if (!request.codes.empty())
+        out += "\nIts own codes: " + codesText(request.codes) + ".\n";
+    return out + "\n";
+}
+
+}  // namespace
+
+std::string describe(const RequestInfo& request)
+{
+    const auto more = [](const std::string& text) { return std::string(20, ' ') + text + "\n"; };
+    std::string out = std::string(request.name) + "\n  " + request.summary + "\n";
+    if (request.parameters.empty())
+        out += "  takes no parameters\n";
+    for (const Parameter& parameter : request.parameters) {
+        out += "  " + pad(parameter.name, 18) + traits(parameter) + "\n";
+        out += more(parameter.meaning);
+        if (!parameter.choices.empty())
+            out += more("development engine: " + choicesText(parameter.choices));
+    }
+    out += "  results\n";
+    for (const Result& result : request.results)
+        out += "  " + pad(result.name, 18) + formName(result.form) + ": " + result.meaning + "\n";
+    if (!request.codes.empty())
+        out += "  its own codes\n    " + codesText(request.codes) +
+               "; `corvane-host explain CODE` says more\n";
+    return out;
+}
+
+std::string listRequests()
+{
+    std::string out;
+    std::string group;
+    for (const RequestInfo& request : catalogue()) {
+        if (group != request.group) {
+            group = request.group;
+            out += (out.empty() ? "" : "\n") + group + "\n";
+        }
+        out += "  " + std::string(request.name) + "\n";
+        for (const Parameter& parameter : request.parameters)
+            out += "      " + pad(parameter.name, 18) + traits(parameter) + "\n";
+    }
+    return out;
+}
+
+std::string explain(const ErrorCode& code)
+{
+    return std::to_string(code.code) + " " + code.name + " (" +
+           (code.source == std::string("engine") ? "development engine" : code.source) + ")\n  " +
+           code.text + "\n  likely cause  " + code.cause + "\n  what to do    " + code.remedy +
+           "\n";
+}
+
+std::string listErrorCodes()
+{
+    std::string out;
+    for (const ErrorCode& row : errorCodes())
+        out += pad(std::to_string(row.code), 8) + row.text + "\n";
+    return out;
+}
+
+Json toJson(const RequestInfo& request)
+{
+    Json parameters = Json::array();
+    for (const Parameter& parameter : request.parameters)
+        parameters.push_back(toJson(parameter));
+
+    Json results = Json::array();
+    for (const Result& result : request.results)
+        results.push_back(
+            {{"name", result.name}, {"form", formName(result.form)}, {"meaning", result.meaning}});
+
+    return {{"id", &request - catalogue().data()},
+            {"name", request.name},
+            {"group", request.group},
+            {"summary", request.summary},
+            {"parameters", parameters},
+            {"results", results},
+            {"codes", request.codes}};
+}
+
+Json toJson(const ErrorCode& code)
+{
+    return {{"code", code.code}, {"name", code.name},   {"source", code.source},
+            {"text", code.text}, {"cause", code.cause}, {"remedy", code.remedy}};
+}
+
+Json catalogueJson()
+{
+    Json requests = Json::array();
+    for (const RequestInfo& request : catalogue())
+        requests.push_back(toJson(request));
+    Json codes = Json::array();
+    for (const ErrorCode& code : errorCodes())
+        codes.push_back(toJson(code));
+    return {{"version", CORVANE_VERSION}, {"requests", requests}, {"codes", codes}};
+}
+
+std::string requestsDocument()
+{
+    std::string out = R"(# The requests
+
+<!-- Made by `corvane-host list --markdown`; the tests compare. Change the catalogue. -->
+
+A request has a name, text parameters and text results. Forms of values:
+
+| form | bytes |
+|---|---|
+| text | as they are |
+| base64 | URL-safe Base64 with padding; parameters may be in the standard alphabet |
+| key-text | Base64 of a key or certificate, PEM or DER |
+| escaped | percent-escaped twice |
+| handle | the decimal text of a key-exchange session; `corvane-host serve` gives a token instead |
+| path | a file or folder of the host |
+
+An empty value counts as a missing one. `errorCode` is 0, one of the plug-in's own codes or
+the engine's, which is passed on unchanged. Values that have names here have them in the
+development engine; another engine may number otherwise.
+
+)";
+    std::string group;
+    for (const RequestInfo& request : catalogue()) {
+        if (group != request.group) {
+            group = request.group;
+            out += "## " + group + "\n\n";
+        }
+        out += section(request);
+    }
+    out +=
+        "## Codes\n\n| code | source | text | likely cause | what to do |\n|---|---|---|---|---|\n";
+    for (const ErrorCode& code : errorCodes())
+        out += row({std::to_string(code.code), code.source, code.text, code.cause, code.remedy});
+    return out;
+}
