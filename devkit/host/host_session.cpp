@@ -74,6 +74,13 @@ private:
     int saved_;
 };
 
+using Clock = std::chrono::steady_clock;
+
+double microsecondsBetween(Clock::time_point from, Clock::time_point to)
+{
+    return std::chrono::duration<double, std::micro>(to - from).count();
+}
+
 // The parameter module takes pointers to non-const bytes, which it does not change.
 char* bytes(const std::string& text)
 {
@@ -194,18 +201,20 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
         HostSession& session;
         ~EmptyAtEnd() { session.emptyStores(); }
     } emptyAtEnd{*this};
+    const auto start = Clock::now();
     emptyStores();
-
     for (const auto& [key, value] : parameters)
         if (AddHttpParams_(bytes(key), lengthOf(key), bytes(value), lengthOf(value)) != 0)
             throw LoadError("the parameter module refuses the parameter " + key);
 
     Reply reply;
-    const auto start = std::chrono::steady_clock::now();
+    const auto stored = Clock::now();
     request_(name.data(), static_cast<unsigned int>(name.size()));
-    const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - start;
-    reply.microseconds = time.count();
+    const auto answered = Clock::now();
     reply.results = readResults();
+    reply.storeMicroseconds = microsecondsBetween(start, stored);
+    reply.microseconds = microsecondsBetween(stored, answered);
+    reply.readMicroseconds = microsecondsBetween(answered, Clock::now());
     return reply;
 }
 

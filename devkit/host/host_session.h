@@ -40,8 +40,10 @@ LibraryPaths withDefaults(LibraryPaths paths);
 std::vector<std::string> usualPlaces(const std::string& name);
 
 struct Reply {
-    Pairs results;            // all of them, in the module's order
-    double microseconds = 0;  // of the request call alone
+    Pairs results;                 // all of them, in the module's order
+    double microseconds = 0;       // of the request call alone
+    double storeMicroseconds = 0;  // of what comes before it, the parameters
+    double readMicroseconds = 0;   // of what comes behind it, the results
 };
 
 // One per process, as the plug-in's state is the process's; used from one thread. The

@@ -46,6 +46,7 @@ ExitCode run(int argc, char** argv)
     addScript(app, program);
     addList(app, program);
     addDescribe(app, program);
+    addBench(app, program);
     addDoctor(app, program);
     addExplain(app, program);
     addOpenApi(app, program);

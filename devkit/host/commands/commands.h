@@ -11,6 +11,7 @@ void addCall(CLI::App& app, Program& program);
 void addScript(CLI::App& app, Program& program);
 void addList(CLI::App& app, Program& program);
 void addDescribe(CLI::App& app, Program& program);
+void addBench(CLI::App& app, Program& program);
 void addDoctor(CLI::App& app, Program& program);
 void addExplain(CLI::App& app, Program& program);
 void addOpenApi(CLI::App& app, Program& program);
