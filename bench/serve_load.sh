@@ -24,7 +24,8 @@ nginx=
 server=
 finish() {
     for process in $server $nginx; do
-        kill "$process" 2>/dev/null && wait "$process" || true
+        kill "$process" 2>/dev/null || continue
+        wait "$process" || true
     done
     rm -rf "$work"
 }

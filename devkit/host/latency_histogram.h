@@ -51,7 +51,7 @@ private:
         return ((uint64_t{bucket - 128 * shift} + 1) << shift) - 1;
     }
 
-    std::array<uint64_t, 128 * 58> counts_ = {};
+    std::array<uint64_t, size_t{128}* 58> counts_ = {};
     uint64_t total_ = 0;
     uint64_t max_ = 0;
 };

@@ -73,7 +73,7 @@ public:
         warmUp(options);
         ProgressBar progress;
         const auto start = Clock::now();
-        for (double elapsed = 0; !isDone(options, elapsed); elapsed = seconds_) {
+        while (!isDone(options)) {
             const auto before = Clock::now();
             const Reply reply = session_.send(request_.name, parameters_);
             const auto after = Clock::now();
@@ -136,9 +136,9 @@ private:
             session_.send(request_.name, parameters_);
     }
 
-    bool isDone(const BenchOptions& options, double elapsed) const
+    bool isDone(const BenchOptions& options) const
     {
-        return options.count == 0 ? elapsed >= options.seconds : times_.total() >= options.count;
+        return options.count == 0 ? seconds_ >= options.seconds : times_.total() >= options.count;
     }
 
     void countFailure(const Pairs& results)

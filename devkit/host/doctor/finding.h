@@ -15,7 +15,7 @@ struct Finding {
     std::string name;  // of what was checked
     Status status = Status::Ok;
     std::string detail;
-    std::string hint = "";  // what to do, if something is to be done
+    std::string hint = {};  // what to do, if something is to be done
     bool loading = false;   // a failure because of which a host cannot load the libraries
 };
 

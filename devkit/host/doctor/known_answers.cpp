@@ -20,7 +20,7 @@ namespace {
 struct Verdict {
     Status status;
     std::string detail;
-    std::string hint = "";
+    std::string hint = {};
 };
 
 Verdict fine(const std::string& detail)
