@@ -2,3 +2,4 @@
 # sourced by the scripts here.
 
 bench_packages=(libbenchmark-dev softhsm2 libp11-kit-dev python3)
+serve_load_packages=(wrk nginx-light curl python3)

@@ -127,6 +127,17 @@ std::optional<std::string> fromBase64(std::string_view text)
     return bytes;
 }
 
+std::string toHex(std::string_view bytes)
+{
+    constexpr const char* digits = "0123456789abcdef";
+    std::string text;
+    for (const char c : bytes) {
+        const auto byte = static_cast<uint8_t>(c);
+        text += {digits[byte >> 4], digits[byte & 15]};
+    }
+    return text;
+}
+
 std::optional<std::string> fromHex(std::string_view text)
 {
     std::string bytes;

@@ -18,7 +18,8 @@ std::optional<std::string> fromBase64(std::string_view text);
 // How many bytes the text stands for, without decoding it.
 std::optional<size_t> base64Size(std::string_view text);
 
-// Hex digits, two for a byte, of either case.
+// Hex digits, two for a byte; of either case, where they are read.
+std::string toHex(std::string_view bytes);
 std::optional<std::string> fromHex(std::string_view text);
 
 // Undoes percent-escapes (RFC 3986, section 2.1) once.

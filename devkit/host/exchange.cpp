@@ -41,6 +41,8 @@ Outcome exchange(HostSession& session, const RequestInfo* request, const std::st
     Outcome outcome;
     outcome.results = std::move(reply.results);
     outcome.microseconds = reply.microseconds;
+    outcome.storeMicroseconds = reply.storeMicroseconds;
+    outcome.readMicroseconds = reply.readMicroseconds;
     outcome.ok = succeeded(request, outcome.results);
     if (outcome.ok)
         return outcome;

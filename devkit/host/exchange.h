@@ -9,7 +9,9 @@
 
 struct Outcome {
     Pairs results;
-    double microseconds = 0;
+    double microseconds = 0;  // these three as in Reply
+    double storeMicroseconds = 0;
+    double readMicroseconds = 0;
     bool ok = false;
     std::string code;  // of a failure; empty if the plug-in wrote none
     std::string text;  // the failure's, in the engine's words or the host's

@@ -20,24 +20,16 @@ std::string loaderMessage()
     return message != nullptr ? message : "unknown reason";
 }
 
-// Where a library lies from the program's folder: beside it, in the build tree, and in
-// an installation's bin/ and lib/.
-std::string usualPlace(const char* name, const char* buildFolder)
-{
-    std::error_code ignored;
-    const fs::path home = fs::read_symlink("/proc/self/exe", ignored).parent_path();
-    for (const char* folder : {".", buildFolder, "../lib/corvane", "../lib"}) {
-        const fs::path candidate = home / folder / name;
-        if (fs::exists(candidate, ignored))
-            return candidate.lexically_normal();
-    }
-    return name;
-}
-
 // A given path always means a file, also when it has no slash.
-std::string chosen(const std::string& given, const char* name, const char* buildFolder)
+std::string chosen(const std::string& given, const char* name)
 {
-    return given.empty() ? usualPlace(name, buildFolder) : fs::absolute(given).string();
+    if (!given.empty())
+        return fs::absolute(given);
+    std::error_code ignored;
+    for (const std::string& place : usualPlaces(name))
+        if (fs::exists(place, ignored))
+            return place;
+    return name;
 }
 
 // Gathers what is written to standard output, descriptor 1, while it exists.
@@ -82,6 +74,13 @@ private:
     int saved_;
 };
 
+using Clock = std::chrono::steady_clock;
+
+double microsecondsBetween(Clock::time_point from, Clock::time_point to)
+{
+    return std::chrono::duration<double, std::micro>(to - from).count();
+}
+
 // The parameter module takes pointers to non-const bytes, which it does not change.
 char* bytes(const std::string& text)
 {
@@ -95,11 +94,24 @@ long lengthOf(const std::string& text)
 
 }  // namespace
 
+std::vector<std::string> usualPlaces(const std::string& name)
+{
+    const char* buildFolder = name == pluginName   ? "../../src"
+                              : name == paramsName ? "../params"
+                                                   : "../engine";
+    std::error_code ignored;
+    const fs::path home = fs::read_symlink("/proc/self/exe", ignored).parent_path();
+    std::vector<std::string> places;
+    for (const char* folder : {".", buildFolder, "../lib/corvane", "../lib"})
+        places.push_back((home / folder / name).lexically_normal());
+    return places;
+}
+
 LibraryPaths withDefaults(LibraryPaths paths)
 {
-    paths.plugin = chosen(paths.plugin, pluginName, "../../src");
-    paths.params = chosen(paths.params, paramsName, "../params");
-    paths.engine = chosen(paths.engine, engineName, "../engine");
+    paths.plugin = chosen(paths.plugin, pluginName);
+    paths.params = chosen(paths.params, paramsName);
+    paths.engine = chosen(paths.engine, engineName);
     return paths;
 }
 
@@ -189,18 +201,20 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
         HostSession& session;
         ~EmptyAtEnd() { session.emptyStores(); }
     } emptyAtEnd{*this};
+    const auto start = Clock::now();
     emptyStores();
-
     for (const auto& [key, value] : parameters)
         if (AddHttpParams_(bytes(key), lengthOf(key), bytes(value), lengthOf(value)) != 0)
             throw LoadError("the parameter module refuses the parameter " + key);
 
     Reply reply;
-    const auto start = std::chrono::steady_clock::now();
+    const auto stored = Clock::now();
     request_(name.data(), static_cast<unsigned int>(name.size()));
-    const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - start;
-    reply.microseconds = time.count();
+    const auto answered = Clock::now();
     reply.results = readResults();
+    reply.storeMicroseconds = microsecondsBetween(start, stored);
+    reply.microseconds = microsecondsBetween(stored, answered);
+    reply.readMicroseconds = microsecondsBetween(answered, Clock::now());
     return reply;
 }
 

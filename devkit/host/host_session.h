@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "catalogue.h"
 #include "params_interface.h"
@@ -34,9 +35,15 @@ struct LibraryPaths {
 
 LibraryPaths withDefaults(LibraryPaths paths);
 
+// The files that are looked for, in this order, before a library is left to the loader:
+// beside the program, in its build tree, and in lib/ beside an installation's bin/.
+std::vector<std::string> usualPlaces(const std::string& name);
+
 struct Reply {
-    Pairs results;            // all of them, in the module's order
-    double microseconds = 0;  // of the request call alone
+    Pairs results;                 // all of them, in the module's order
+    double microseconds = 0;       // of the request call alone
+    double storeMicroseconds = 0;  // of what comes before it, the parameters
+    double readMicroseconds = 0;   // of what comes behind it, the results
 };
 
 // One per process, as the plug-in's state is the process's; used from one thread. The

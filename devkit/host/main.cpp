@@ -48,6 +48,8 @@ ExitCode run(int argc, char** argv)
     addWorker(app, program);
     addList(app, program);
     addDescribe(app, program);
+    addBench(app, program);
+    addDoctor(app, program);
     addExplain(app, program);
     addOpenApi(app, program);
     addCompletion(app, program);

@@ -2,11 +2,10 @@
 
 std::unique_ptr<HostSession> Program::openSession()
 {
-    const LibraryPaths chosen = withDefaults(paths);
     try {
-        return std::make_unique<HostSession>(chosen);
+        return std::make_unique<HostSession>(withDefaults(paths));
     } catch (const BareNameError&) {
-        bareNames.startAgain(chosen, argv_, output);
+        startAgain();
         throw;
     }
 }

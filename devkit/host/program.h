@@ -23,6 +23,10 @@ public:
     // must not have been read. Throws a LoadError.
     std::unique_ptr<HostSession> openSession();
 
+    // Starts the program again, so that the libraries answer to their bare names (see
+    // bare_names.h). Returns if that has been done.
+    void startAgain() { bareNames.startAgain(withDefaults(paths), argv_, output); }
+
     Output output;
     LibraryPaths paths;  // as given
     BareNames bareNames;

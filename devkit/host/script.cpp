@@ -10,6 +10,7 @@
 
 #include "catalogue.h"
 #include "exchange.h"
+#include "parameters.h"
 #include "values.h"
 
 namespace {
@@ -22,18 +23,6 @@ struct Step {
     Json params = Json::object();
     bool allowFailure = false;
 };
-
-// The parser's own messages quote the text, which may be secret.
-Json parse(const std::string& text)
-{
-    try {
-        return Json::parse(text);
-    } catch (const Json::parse_error& e) {
-        throw UsageError("not JSON at byte " + std::to_string(e.byte));
-    } catch (const Json::exception&) {
-        throw UsageError("a number is out of range");
-    }
-}
 
 bool isIdentifier(const std::string& id)
 {
@@ -118,9 +107,7 @@ private:
     {
         Pairs pairs;
         for (const auto& [name, value] : step.params.items()) {
-            if (!value.is_string() && !value.is_number_integer())
-                throw UsageError(name + ": a value must be a text or an integer");
-            const std::string written = value.is_string() ? value.get<std::string>() : value.dump();
+            const std::string written = writtenValue(name, value);
             const auto expand = [&, &parameter = name](const std::string& text) {
                 return expandReferences(parameter, text);
             };
@@ -173,7 +160,7 @@ void runLines(std::istream& in, Runner& runner, Output& output)
 {
     for (std::string line; !runner.mustStop() && std::getline(in, line);)
         if (line.find_first_not_of(" \t\r") != std::string::npos)
-            output.write(write(runner.run(parse(line)), -1) + "\n");
+            output.write(write(runner.run(parseJson(line)), -1) + "\n");
 }
 
 void runArray(const Json& steps, Runner& runner, Output& output)
@@ -209,7 +196,7 @@ void run(std::istream& in, Runner& runner, Output& output)
     if (in.peek() != '[')
         return runLines(in, runner, output);
     const std::string text{std::istreambuf_iterator<char>(in), {}};
-    runArray(parse(text), runner, output);
+    runArray(parseJson(text), runner, output);
 }
 
 }  // namespace

@@ -1,44 +1,70 @@
 // corvane-host call: one request, its results as JSON.
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "catalogue.h"
+#include "codec.h"
 #include "commands.h"
 #include "exchange.h"
+#include "parameters.h"
+#include "trace.h"
 #include "values.h"
 
 namespace {
 
 struct CallOptions {
     std::string request;
-    std::vector<std::string> params;
+    WrittenParameters parameters;
     std::string raw;
     std::string file;
+    bool hex = false;
     bool time = false;
+    bool trace = false;
     bool force = false;
 };
 
-std::string asWritten(const std::string& text)
+std::unique_ptr<HostSession> openSession(Program& program, bool trace)
 {
-    return text;
+    const auto start = std::chrono::steady_clock::now();
+    auto session = program.openSession();
+    const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - start;
+    if (trace)
+        traceLoading(time.count());
+    return session;
 }
 
-// Splits name=value arguments. One without "=" is not quoted: it may be a value.
-Pairs splitArguments(const std::vector<std::string>& arguments)
+// The bytes that results stand for, as hex digits. Codes and sessions are no bytes.
+Pairs inHex(const RequestInfo* request, Pairs results)
 {
-    Pairs pairs;
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        const size_t equals = arguments[i].find('=');
-        if (equals == std::string::npos || equals == 0)
-            throw UsageError("parameter " + std::to_string(i + 1) + " is not written name=value");
-        const std::string name = arguments[i].substr(0, equals);
-        if (findValue(pairs, name) != nullptr)
-            throw UsageError(name + " is given twice");
-        pairs.emplace_back(name, arguments[i].substr(equals + 1));
+    for (auto& [name, value] : results) {
+        const Result* known = request == nullptr ? nullptr : findResult(*request, name);
+        const Form form = known == nullptr ? Form::Text : known->form;
+        if (name == "errorCode" || form == Form::Handle)
+            continue;
+        if (const auto bytes = decodeResult(form, value))
+            value = toHex(*bytes);
+        else
+            tell("warning: the result " + name + " is not of its form, and not in hex");
     }
-    return pairs;
+    return results;
+}
+
+void writeResults(const Program& program, const CallOptions& options, const RequestInfo* request,
+                  const Outcome& outcome)
+{
+    if (options.raw.empty()) {
+        auto json = toJson(options.hex ? inHex(request, outcome.results) : outcome.results);
+        if (options.time)
+            json["microseconds"] = outcome.microseconds;
+        program.output.write(write(json, 2) + "\n", options.file);
+    } else if (outcome.ok) {
+        const std::string bytes = resultBytes(request, outcome, options.raw);
+        program.output.write(options.hex ? toHex(bytes) + "\n" : bytes, options.file);
+    }
+    if (options.time && !options.raw.empty())
+        fprintf(stderr, "microseconds: %.1f\n", outcome.microseconds);
 }
 
 ExitCode call(Program& program, const CallOptions& options)
@@ -46,27 +72,20 @@ ExitCode call(Program& program, const CallOptions& options)
     const RequestInfo* request = requestByName(options.request, options.force);
     if (request != nullptr && !options.raw.empty() && findResult(*request, options.raw) == nullptr)
         throw UsageError(options.request + " has no result " + options.raw);
-    Pairs parameters = splitArguments(options.params);
+    options.parameters.check();
 
     // Before the values are read: opening may start the program again, and standard
     // input can be read only once.
-    const auto session = program.openSession();
-    ValueReader reader(true);
-    for (auto& [name, value] : parameters)
-        value = reader.read(name, value, asWritten);
-
+    const auto session = openSession(program, options.trace);
+    const Pairs parameters = options.parameters.read();
     warn(request, parameters);
+    if (options.trace)
+        traceParameters(request, options.request, parameters);
+
     const Outcome outcome = exchange(*session, request, options.request, parameters);
-    if (options.raw.empty()) {
-        auto json = toJson(outcome.results);
-        if (options.time)
-            json["microseconds"] = outcome.microseconds;
-        program.output.write(write(json, 2) + "\n", options.file);
-    } else if (outcome.ok) {
-        program.output.write(resultBytes(request, outcome, options.raw), options.file);
-    }
-    if (options.time && !options.raw.empty())
-        fprintf(stderr, "microseconds: %.1f\n", outcome.microseconds);
+    if (options.trace)
+        traceOutcome(request, outcome);
+    writeResults(program, options, request, outcome);
 
     if (outcome.ok)
         return SUCCESS;
@@ -82,11 +101,14 @@ void addCall(CLI::App& app, Program& program)
     CLI::App* command =
         app.add_subcommand("call", "Send one request and print its results as JSON");
     command->add_option("request", options->request, "Name of the request")->required();
-    command->add_option("parameters", options->params, "name=value ...");
+    options->parameters.addTo(*command);
     command->add_option("--raw", options->raw, "Write only this result, decoded")
         ->type_name("RESULT");
     command->add_option("-o,--output", options->file, "Write to a file")->type_name("FILE");
+    command->add_flag("--hex", options->hex, "Results' bytes as hex digits");
     command->add_flag("--time", options->time, "Tell the time of the request call");
+    command->add_flag("--trace", options->trace,
+                      "Tell parameters, results and times; of what may be secret, the length");
     command->add_flag("--force", options->force, "Send a name that is not in the catalogue");
     command->callback([options, &program] { program.exitCode = call(program, *options); });
 }

@@ -13,6 +13,8 @@ void addList(CLI::App& app, Program& program);
 void addDescribe(CLI::App& app, Program& program);
 void addServe(CLI::App& app, Program& program);
 void addWorker(CLI::App& app, Program& program);  // for serve alone
+void addBench(CLI::App& app, Program& program);
+void addDoctor(CLI::App& app, Program& program);
 void addExplain(CLI::App& app, Program& program);
 void addOpenApi(CLI::App& app, Program& program);
 void addCompletion(CLI::App& app, Program& program);

@@ -1,0 +1,207 @@
+// corvane-host bench: how fast a request is in one process.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "catalogue.h"
+#include "commands.h"
+#include "exchange.h"
+#include "latency_histogram.h"
+#include "parameters.h"
+#include "values.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct BenchOptions {
+    std::string request;
+    WrittenParameters parameters;
+    double seconds = 5;
+    uint64_t count = 0;  // 0: as many as the seconds allow
+    bool json = false;
+};
+
+double secondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// A line on a terminal, and nothing elsewhere.
+class ProgressBar {
+public:
+    ~ProgressBar()
+    {
+        if (drawn_)
+            fputs("\r\033[K", stderr);
+    }
+
+    void show(double share, uint64_t requests)
+    {
+        if (!onTerminal_ || Clock::now() < next_)
+            return;
+        next_ = Clock::now() + std::chrono::milliseconds(100);
+        drawn_ = true;
+        constexpr int width = 40;
+        std::string bar(static_cast<size_t>(width * std::min(1.0, share)), '#');
+        bar.resize(width, '.');
+        fprintf(stderr, "\r[%s] %3.0f %%  %llu requests", bar.c_str(), 100 * std::min(1.0, share),
+                static_cast<unsigned long long>(requests));
+        fflush(stderr);
+    }
+
+private:
+    const bool onTerminal_ = isatty(STDERR_FILENO) == 1;
+    bool drawn_ = false;
+    Clock::time_point next_ = Clock::now();
+};
+
+class Bench {
+public:
+    Bench(HostSession& session, const RequestInfo& request, const Pairs& parameters)
+        : session_(session), request_(request), parameters_(parameters)
+    {
+    }
+
+    // A time is that of storing the parameters, the request call and reading the results.
+    void run(const BenchOptions& options)
+    {
+        warmUp(options);
+        ProgressBar progress;
+        const auto start = Clock::now();
+        while (!isDone(options)) {
+            const auto before = Clock::now();
+            const Reply reply = session_.send(request_.name, parameters_);
+            const auto after = Clock::now();
+            times_.add(static_cast<uint64_t>(std::chrono::nanoseconds(after - before).count()));
+            seconds_ = std::chrono::duration<double>(after - start).count();
+            countFailure(reply.results);
+            progress.show(options.count == 0 ? seconds_ / options.seconds
+                                             : static_cast<double>(times_.total()) /
+                                                   static_cast<double>(options.count),
+                          times_.total());
+        }
+    }
+
+    uint64_t failed() const { return failed_; }
+
+    std::string asText() const
+    {
+        char text[400];
+        snprintf(text, sizeof text,
+                 "%s: %llu requests in %.2f s, %llu failed\n"
+                 "%.0f requests per second\n"
+                 "microseconds: p50 %.1f, p90 %.1f, p99 %.1f, p99.9 %.1f, max %.1f\n",
+                 request_.name, static_cast<unsigned long long>(times_.total()), seconds_,
+                 static_cast<unsigned long long>(failed_), perSecond(), microseconds(0.5),
+                 microseconds(0.9), microseconds(0.99), microseconds(0.999), microseconds(1));
+        std::string all = text;
+        for (const auto& [code, count] : codes_)
+            all += "failed with " + (code.empty() ? "no code" : code) + ": " +
+                   std::to_string(count) + "\n";
+        return all;
+    }
+
+    nlohmann::ordered_json asJson() const
+    {
+        auto codes = nlohmann::ordered_json::object();
+        for (const auto& [code, count] : codes_)
+            codes[code] = count;
+        return {{"request", request_.name},
+                {"seconds", seconds_},
+                {"requests", times_.total()},
+                {"failed", failed_},
+                {"perSecond", perSecond()},
+                {"microseconds",
+                 {{"p50", microseconds(0.5)},
+                  {"p90", microseconds(0.9)},
+                  {"p99", microseconds(0.99)},
+                  {"p99.9", microseconds(0.999)},
+                  {"max", microseconds(1)}}},
+                {"codes", codes}};
+    }
+
+private:
+    // A tenth of the run, a second at most.
+    void warmUp(const BenchOptions& options)
+    {
+        const auto start = Clock::now();
+        const double seconds = std::min(1.0, options.count == 0 ? options.seconds / 10 : 1.0);
+        const uint64_t count = options.count == 0 ? UINT64_MAX : options.count / 10;
+        for (uint64_t i = 0; i < count && secondsSince(start) < seconds; ++i)
+            session_.send(request_.name, parameters_);
+    }
+
+    bool isDone(const BenchOptions& options) const
+    {
+        return options.count == 0 ? seconds_ >= options.seconds : times_.total() >= options.count;
+    }
+
+    void countFailure(const Pairs& results)
+    {
+        if (succeeded(&request_, results))
+            return;
+        ++failed_;
+        const std::string* code = findValue(results, "errorCode");
+        ++codes_[code == nullptr ? "" : *code];
+    }
+
+    double perSecond() const
+    {
+        return seconds_ > 0 ? static_cast<double>(times_.total()) / seconds_ : 0;
+    }
+
+    double microseconds(double share) const
+    {
+        return static_cast<double>(times_.percentile(share)) / 1000;
+    }
+
+    HostSession& session_;
+    const RequestInfo& request_;
+    const Pairs& parameters_;
+    LatencyHistogram times_;
+    double seconds_ = 0;
+    uint64_t failed_ = 0;
+    std::map<std::string, uint64_t> codes_;
+};
+
+ExitCode bench(Program& program, const BenchOptions& options)
+{
+    const RequestInfo* request = requestByName(options.request, false);
+    options.parameters.check();
+    const auto session = program.openSession();
+    const Pairs parameters = options.parameters.read();
+
+    // One to tell what a failure means.
+    warn(request, parameters);
+    const Outcome first = exchange(*session, request, options.request, parameters);
+    if (!first.ok)
+        tell(failureLine(options.request, first));
+
+    Bench bench(*session, *request, parameters);
+    bench.run(options);
+    program.output.write(options.json ? write(bench.asJson(), 2) + "\n" : bench.asText());
+    return bench.failed() == 0 ? SUCCESS : REFUSED;
+}
+
+}  // namespace
+
+void addBench(CLI::App& app, Program& program)
+{
+    const auto options = std::make_shared<BenchOptions>();
+    CLI::App* command = app.add_subcommand("bench", "Measure how fast one request is");
+    command->add_option("request", options->request, "Name of the request")->required();
+    options->parameters.addTo(*command);
+    CLI::Option* seconds =
+        command->add_option("--seconds", options->seconds, "How long to send (default 5)")
+            ->check(CLI::Range(0.01, 86400.0));
+    command->add_option("--count", options->count, "How many to send instead")
+        ->check(CLI::PositiveNumber)
+        ->excludes(seconds);
+    command->add_flag("--json", options->json, "As JSON");
+    command->callback([options, &program] { program.exitCode = bench(program, *options); });
+}

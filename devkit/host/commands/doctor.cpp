@@ -1,0 +1,136 @@
+// corvane-host doctor: whether the libraries work here, and what to do if not.
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "commands.h"
+#include "doctor/isolation.h"
+#include "doctor/known_answers.h"
+#include "doctor/library_checks.h"
+#include "doctor/surroundings.h"
+#include "values.h"
+
+namespace {
+
+struct DoctorOptions {
+    bool json = false;
+    unsigned seconds = 30;
+};
+
+void append(Findings& findings, const Findings& more)
+{
+    findings.insert(findings.end(), more.begin(), more.end());
+}
+
+size_t count(const Findings& findings, Status status)
+{
+    return static_cast<size_t>(
+        std::count_if(findings.begin(), findings.end(),
+                      [&](const Finding& finding) { return finding.status == status; }));
+}
+
+bool cannotLoad(const Findings& findings)
+{
+    return std::any_of(findings.begin(), findings.end(), [](const Finding& finding) {
+        return finding.status == Status::Fail && finding.loading;
+    });
+}
+
+Findings examine(const std::vector<LibraryChoice>& libraries, Subject& subject,
+                 std::chrono::seconds limit)
+{
+    Findings findings = {checkSystem(), checkSearchPath()};
+    std::vector<Check> loading;
+    for (const LibraryChoice& library : libraries) {
+        append(findings, checkFile(library));
+        if (library.look.fault.empty())
+            loading.push_back(libraryCheck(library));
+    }
+    append(findings, checkLogTargets());
+    append(findings, runIsolated(loading, limit));
+
+    if (!cannotLoad(findings))
+        append(findings, runIsolated({startCheck(subject)}, limit));
+    if (cannotLoad(findings)) {
+        findings.push_back({"requests", Status::Note, "not tried, as the libraries do not start"});
+        return findings;
+    }
+    std::vector<Check> requests = requestChecks(subject);
+    requests.push_back(endCheck(subject));
+    append(findings, runIsolated(requests, limit));
+    return findings;
+}
+
+const char* statusName(Status status)
+{
+    return status == Status::Ok ? "ok" : status == Status::Note ? "note" : "FAIL";
+}
+
+// A message of a library may have several lines.
+std::string inOneLine(std::string text)
+{
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c >= '\0' && c < ' '; }, ' ');
+    return text;
+}
+
+std::string asText(const Findings& findings)
+{
+    std::string text;
+    for (const Finding& finding : findings) {
+        std::string status = statusName(finding.status);
+        std::string name = finding.name;
+        status.resize(6, ' ');
+        name.resize(std::max<size_t>(name.size() + 2, 34), ' ');
+        text += status + name + inOneLine(finding.detail) + "\n";
+        if (!finding.hint.empty())
+            text += "      -> " + inOneLine(finding.hint) + "\n";
+    }
+    return text + "\n" + std::to_string(findings.size()) +
+           " checks: " + std::to_string(count(findings, Status::Ok)) + " ok, " +
+           std::to_string(count(findings, Status::Note)) + " to note, " +
+           std::to_string(count(findings, Status::Fail)) + " failed\n";
+}
+
+std::string asJson(const Findings& findings)
+{
+    auto checks = nlohmann::ordered_json::array();
+    for (const Finding& finding : findings)
+        checks.push_back({{"name", finding.name},
+                          {"status", statusName(finding.status)},
+                          {"detail", finding.detail},
+                          {"hint", finding.hint}});
+    return write({{"checks", checks}, {"ok", count(findings, Status::Fail) == 0}}, 2) + "\n";
+}
+
+ExitCode doctor(Program& program, const DoctorOptions& options)
+{
+    const std::vector<LibraryChoice> libraries = chooseLibraries(program.paths);
+    if (std::any_of(libraries.begin(), libraries.end(), [](const LibraryChoice& library) {
+            return library.look.fault.empty() && hasForeignName(library);
+        }))
+        program.startAgain();
+
+    Subject subject(withDefaults(program.paths));
+    const Findings findings = examine(libraries, subject, std::chrono::seconds(options.seconds));
+    program.output.write(options.json ? asJson(findings) : asText(findings));
+    if (cannotLoad(findings))
+        return LOADING;
+    return count(findings, Status::Fail) == 0 ? SUCCESS : REFUSED;
+}
+
+}  // namespace
+
+void addDoctor(CLI::App& app, Program& program)
+{
+    const auto options = std::make_shared<DoctorOptions>();
+    CLI::App* command =
+        app.add_subcommand("doctor", "Look whether the libraries work here, and what is wrong");
+    command->add_flag("--json", options->json, "As JSON");
+    command
+        ->add_option("--seconds", options->seconds,
+                     "Time for the checks that one process makes (default 30)")
+        ->check(CLI::Range(1, 3600));
+    command->callback([options, &program] { program.exitCode = doctor(program, *options); });
+}

@@ -1,0 +1,579 @@
+#include "doctor/known_answers.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "catalogue.h"
+#include "codec.h"
+#include "doctor/samples.h"
+#include "exchange.h"
+#include "output.h"
+
+namespace {
+
+struct Verdict {
+    Status status;
+    std::string detail;
+    std::string hint = {};
+};
+
+Verdict fine(const std::string& detail)
+{
+    return {Status::Ok, detail};
+}
+
+// A request failed that had to succeed.
+struct Refused {
+    std::string request;
+    std::string code;
+    std::string text;
+};
+
+std::string fromHexText(std::string_view digits)
+{
+    return fromHex(digits).value();
+}
+
+std::string base64OfHex(std::string_view digits)
+{
+    return toUrlBase64(fromHexText(digits));
+}
+
+// Sends requests for the tests.
+class Client {
+public:
+    explicit Client(HostSession& session) : session_(session) {}
+
+    Outcome ask(const std::string& name, const Pairs& parameters = {})
+    {
+        return exchange(session_, findRequest(name), name, parameters);
+    }
+
+    // The bytes of a result. Throws Refused.
+    std::string bytes(const std::string& name, const Pairs& parameters,
+                      const std::string& result = "Data")
+    {
+        return bytesOf(name, get(name, parameters), result);
+    }
+
+    Outcome get(const std::string& name, const Pairs& parameters)
+    {
+        Outcome outcome = ask(name, parameters);
+        if (!outcome.ok)
+            throw Refused{name, outcome.code, outcome.text};
+        return outcome;
+    }
+
+    static std::string bytesOf(const std::string& name, const Outcome& outcome,
+                               const std::string& result)
+    {
+        return resultBytes(findRequest(name), outcome, result);
+    }
+
+    // Nothing if it was refused.
+    std::optional<std::string> tryBytes(const std::string& name, const Pairs& parameters)
+    {
+        try {
+            return bytes(name, parameters);
+        } catch (const Refused&) {
+            return std::nullopt;
+        }
+    }
+
+    bool hasDevelopmentEngine()
+    {
+        return ask("QZaVen_GetVersion").results.at(0).second.find("development engine") !=
+               std::string::npos;
+    }
+
+private:
+    HostSession& session_;
+};
+
+using Test = std::function<Verdict(Client&)>;
+
+// What to say of an answer that may be the known one. `consistent` tells whether it makes
+// sense otherwise, and is asked only if it is another one.
+Verdict judge(Client& client, bool known, const std::string& source,
+              const std::function<bool()>& consistent)
+{
+    if (known)
+        return fine("the answer of " + source);
+    if (!consistent())
+        return {Status::Fail, "the answer is not that of " + source + ", nor does it come back",
+                "the engine computes wrongly: replace it"};
+    if (client.hasDevelopmentEngine())
+        return {Status::Fail, "the answer is not that of " + source,
+                "the development engine computes wrongly: build it again"};
+    return {Status::Note, "not the answer of " + source + ", but a consistent one",
+            "this engine may give its numbers another meaning: see its documentation"};
+}
+
+// A key-exchange session, freed at the end.
+class KeySession {
+public:
+    explicit KeySession(Client& client)
+        : client_(client), handle_(client.bytes("QZaven_ke_new", {}))
+    {
+    }
+    ~KeySession()
+    {
+        if (!freed_)
+            client_.ask("QZaven_ke_free", {{"strKe", handle_}});
+    }
+    KeySession(const KeySession&) = delete;
+    KeySession& operator=(const KeySession&) = delete;
+
+    const std::string& handle() const { return handle_; }
+
+    Pairs with(Pairs more) const
+    {
+        more.emplace(more.begin(), "strKe", handle_);
+        return more;
+    }
+
+    void free()
+    {
+        freed_ = true;
+        client_.get("QZaven_ke_free", {{"strKe", handle_}});
+    }
+
+    // The sample certificate as the only root, in a file without a name.
+    void setRoots()
+    {
+        std::string base64 = toBase64(fromBase64(samples::rsaCertificate).value());
+        std::string pem = "-----BEGIN CERTIFICATE-----\n";
+        for (size_t at = 0; at < base64.size(); at += 64)
+            pem += base64.substr(at, 64) + "\n";
+        pem += "-----END CERTIFICATE-----\n";
+
+        const int file = memfd_create("roots", MFD_CLOEXEC);
+        const bool written =
+            write(file, pem.data(), pem.size()) == static_cast<ssize_t>(pem.size());
+        const std::string path = "/proc/self/fd/" + std::to_string(file);
+        const Outcome outcome =
+            client_.ask("QZaven_ke_set_root_certificate", with({{"strCa_file", path}}));
+        close(file);
+        if (!written || !outcome.ok)
+            throw Refused{"QZaven_ke_set_root_certificate", outcome.code, outcome.text};
+    }
+
+    std::string hello() { return client_.bytes("QZaven_ke_client_hello", with({})); }
+
+private:
+    Client& client_;
+    std::string handle_;
+    bool freed_ = false;
+};
+
+// ---- Engine and Base64.
+
+Verdict version(Client& client)
+{
+    const std::string text = client.bytes("QZaVen_GetVersion", {});
+    return text.empty() ? Verdict{Status::Note, "the engine has no version text"} : fine(text);
+}
+
+Verdict errorText(Client& client)
+{
+    const auto text = client.tryBytes("QZaVen_strerror", {{"strErr", "-20001"}});
+    if (!text)
+        return {Status::Note, "the engine has no text for -20001",
+                "corvane-host explain has one for the plug-in's codes"};
+    return fine("-20001 is \"" + *text + "\"");
+}
+
+// RFC 4648, section 10, and both characters in which its alphabets differ.
+const std::string plain = "foobar\xFB\xFF\xBF";
+constexpr const char* encoded = "Zm9vYmFy-_-_";
+
+Verdict base64Encode(Client& client)
+{
+    const Outcome outcome = client.get("QZaven_crypto_base64_encode", {{"strIn", plain}});
+    if (*findValue(outcome.results, "Data") == encoded)
+        return fine("the answer of RFC 4648");
+    return {Status::Fail, "the text is not that of RFC 4648", "the engine is broken: replace it"};
+}
+
+Verdict base64Decode(Client& client)
+{
+    if (client.bytes("QZaven_crypto_base64_Decode", {{"strIn", encoded}}) == plain)
+        return fine("the answer of RFC 4648");
+    return {Status::Fail, "the bytes are not those of RFC 4648",
+            "the engine is broken: replace it"};
+}
+
+// ---- Key exchange, as far as it goes without the other side.
+
+Verdict keNew(Client& client)
+{
+    const KeySession session(client);
+    return session.handle().empty()
+               ? Verdict{Status::Fail, "success without a session", "replace the engine"}
+               : fine("a session");
+}
+
+Verdict keFree(Client& client)
+{
+    KeySession session(client);
+    session.free();
+    return fine("freed");
+}
+
+Verdict keSetKeys(Client& client)
+{
+    const KeySession session(client);
+    client.get("QZaven_ke_set_public_key", session.with({{"strSig_key", samples::sm2PrivateKey},
+                                                         {"strEnc_key", samples::sm2PrivateKey}}));
+    return fine("takes an SM2 key, PKCS#8");
+}
+
+Verdict keSetCertificates(Client& client)
+{
+    const KeySession session(client);
+    client.get("QZaven_ke_set_certificate",
+               session.with({{"strSig_cert", samples::rsaCertificate},
+                             {"strEnc_cert", samples::rsaCertificate}}));
+    return fine("takes an X.509 certificate");
+}
+
+Verdict keSetRoots(Client& client)
+{
+    KeySession(client).setRoots();
+    return fine("takes a file with a root certificate, PEM");
+}
+
+Verdict keHello(Client& client)
+{
+    KeySession first(client);
+    KeySession second(client);
+    first.setRoots();
+    second.setRoots();
+    const std::string hello = first.hello();
+    if (hello.empty() || hello.size() > 32)
+        return {Status::Fail, "a hello of " + std::to_string(hello.size()) + " bytes",
+                "it must have 1 to 32: replace the engine"};
+    if (hello == second.hello())
+        return {Status::Fail, "two sessions say the same hello",
+                "the engine's random numbers are none: replace it"};
+    return fine(std::to_string(hello.size()) + " bytes, others in each session");
+}
+
+// What must be refused, with a code of the engine's.
+Verdict mustRefuse(const Outcome& outcome, const std::string& what)
+{
+    if (outcome.code == "-20215")
+        return {Status::Fail, "refused with -20215: the engine lacks the function",
+                "take an engine that has it"};
+    if (!outcome.ok)
+        return fine("refuses " + what + ": " + outcome.code + ", " + outcome.text);
+    const std::string* data = findValue(outcome.results, "Data");
+    if (data != nullptr && data->empty())
+        return {Status::Note, "neither result nor error code for " + what,
+                "a host must take empty Data for a failure"};
+    return {Status::Fail, "succeeds with " + what, "do not use this engine's key exchange"};
+}
+
+Verdict keExchange(Client& client)
+{
+    KeySession session(client);
+    session.setRoots();
+    session.hello();
+    const std::string zeros = toUrlBase64(std::string(32, '\0'));
+    return mustRefuse(client.ask("QZaven_ke_client_key_exchange",
+                                 session.with({{"strSrvr_rand", zeros},
+                                               {"strSrvr_sig_cert", samples::rsaCertificate},
+                                               {"strSrvr_enc_cert", samples::rsaCertificate},
+                                               {"strSrvr_sign", zeros}})),
+                      "a server without a valid signature");
+}
+
+// The channel, whose keys come from the other side.
+Test keChannel(const std::string& name)
+{
+    return [name](Client& client) {
+        const KeySession session(client);
+        const std::string data = toUrlBase64(samples::message);
+        return mustRefuse(client.ask(name, session.with({{"strdata", data}, {"strcipher", data}})),
+                          "a session without keys");
+    };
+}
+
+// ---- Public key and envelope.
+
+Verdict publicEncrypt(Client& client)
+{
+    const std::string sealed =
+        client.bytes("QZaven_crypto_public_encrypt", {{"strKeyPairType", "1"},
+                                                      {"strpk", samples::sm2PublicKey},
+                                                      {"strdata", toUrlBase64(samples::message)}});
+    const std::string opened =
+        client.bytes("QZaven_crypto_private_decrypt", {{"strKeyPairType", "1"},
+                                                       {"strsk", samples::sm2PrivateKey},
+                                                       {"strdata", toUrlBase64(sealed)}});
+    if (opened != samples::message)
+        return {Status::Fail, "does not decrypt to what was encrypted", "replace the engine"};
+    return fine("SM2: decrypts to what was encrypted");
+}
+
+Verdict privateDecrypt(Client& client)
+{
+    const auto opened =
+        client.tryBytes("QZaven_crypto_private_decrypt", {{"strKeyPairType", "1"},
+                                                          {"strsk", samples::sm2PrivateKey},
+                                                          {"strdata", samples::sm2Ciphertext}});
+    return judge(client, opened == samples::message, "openssl, SM2",
+                 [&] { return publicEncrypt(client).status == Status::Ok; });
+}
+
+const Pairs aes256Cbc = {{"strCipherAlg", "4"}, {"strMode", "2"}};
+
+Pairs joined(Pairs pairs, const Pairs& more)
+{
+    pairs.insert(pairs.end(), more.begin(), more.end());
+    return pairs;
+}
+
+std::optional<std::string> openEnvelope(Client& client, const std::string& envelope)
+{
+    return client.tryBytes(
+        "QZaven_crypto_envelope_decrypt",
+        joined(
+            {{"strEncdata", envelope}, {"strKeyPairType", "3"}, {"strsk", samples::rsaPrivateKey}},
+            aes256Cbc));
+}
+
+Verdict envelopeEncrypt(Client& client)
+{
+    const std::string sealed = client.bytes(
+        "QZaven_crypto_envelope_encrypt",
+        joined({{"strdata", samples::message}, {"strpk", samples::rsaCertificate}}, aes256Cbc));
+    if (openEnvelope(client, toUrlBase64(sealed)) != samples::message)
+        return {Status::Fail, "does not open to what was sealed", "replace the engine"};
+    return fine("RSA: opens to what was sealed");
+}
+
+Verdict envelopeDecrypt(Client& client)
+{
+    return judge(client, openEnvelope(client, samples::rsaEnvelope) == samples::message,
+                 "openssl, CMS", [&] { return envelopeEncrypt(client).status == Status::Ok; });
+}
+
+// ---- Symmetric ciphers.
+
+// SM4-GCM of RFC 8998, appendix A.1.
+const Pairs sm4Gcm = {
+    {"strCipherAlg", "1"},
+    {"strMode", "6"},
+    {"strKey", base64OfHex("0123456789abcdeffedcba9876543210")},
+    {"strIV", base64OfHex("00001234567800000000abcd")},
+    {"straad", base64OfHex("feedfacedeadbeeffeedfacedeadbeefabaddad2")},
+};
+const std::string gcmPlain = fromHexText(
+    "aaaaaaaaaaaaaaaabbbbbbbbbbbbbbbbccccccccccccccccdddddddddddddddd"
+    "eeeeeeeeeeeeeeeeffffffffffffffffeeeeeeeeeeeeeeeeaaaaaaaaaaaaaaaa");
+const std::string gcmCipher = fromHexText(
+    "17f399f08c67d5ee19d0dc9969c4bb7d5fd46fd3756489069157b282bb200735"
+    "d82710ca5c22f0ccfa7cbf93d496ac15a56834cbcf98c397b4024a2691233b8d");
+const std::string gcmTag = fromHexText("83de3541e4c2b58177e065a9bf7b62ec");
+
+struct Sealed {
+    std::string bytes;
+    std::string tag;
+};
+
+Sealed sealGcm(Client& client)
+{
+    const std::string name = "QZaven_crypto_encrypt";
+    const Outcome outcome = client.get(name, joined(sm4Gcm, {{"strdata", toUrlBase64(gcmPlain)}}));
+    return {Client::bytesOf(name, outcome, "Data"), Client::bytesOf(name, outcome, "gcmOutTag")};
+}
+
+std::optional<std::string> openGcm(Client& client, const Sealed& sealed)
+{
+    return client.tryBytes("QZaven_crypto_decrypt",
+                           joined(sm4Gcm, {{"strtag", toUrlBase64(sealed.tag)},
+                                           {"strdata", toUrlBase64(sealed.bytes)}}));
+}
+
+Verdict encrypt(Client& client)
+{
+    const Sealed sealed = sealGcm(client);
+    return judge(client, sealed.bytes == gcmCipher && sealed.tag == gcmTag, "RFC 8998, SM4-GCM",
+                 [&] { return openGcm(client, sealed) == gcmPlain; });
+}
+
+Verdict decrypt(Client& client)
+{
+    Sealed sealed = {gcmCipher, gcmTag};
+    const bool known = openGcm(client, sealed) == gcmPlain;
+    if (!known)
+        sealed = sealGcm(client);
+    Sealed damaged = sealed;
+    damaged.bytes.at(0) ^= 1;
+    if (openGcm(client, damaged))
+        return {Status::Fail, "opens what was changed", "do not use this engine's GCM"};
+    return judge(client, known, "RFC 8998, SM4-GCM",
+                 [&] { return openGcm(client, sealed) == gcmPlain; });
+}
+
+Verdict generateKey(Client& client)
+{
+    const Pairs sm4 = {{"strCipherAlg", "1"}};
+    const std::string key = client.bytes("QZaven_crypto_gen_symmkey", sm4);
+    if (key.empty() || key == client.bytes("QZaven_crypto_gen_symmkey", sm4))
+        return {Status::Fail, "two keys are the same",
+                "the engine's random numbers are none: replace it"};
+    if (key.size() == 16)
+        return fine("16 bytes, others each time");
+    return judge(client, false, "SM4, 16 bytes", [] { return true; });
+}
+
+// In white-box SM4 and with the samples: CBC with PKCS#7.
+const Pairs whiteBox = {
+    {"strKey", base64OfHex("0123456789abcdeffedcba9876543210")},
+    {"strIV", base64OfHex("000102030405060708090a0b0c0d0e0f")},
+};
+
+std::optional<std::string> whiteBoxOpen(Client& client, const std::string& sealed)
+{
+    return client.tryBytes("QZaven_wbsm4_decrypt",
+                           joined(whiteBox, {{"strdata", toUrlBase64(sealed)}}));
+}
+
+Verdict whiteBoxEncrypt(Client& client)
+{
+    const std::string sealed = client.bytes(
+        "QZaven_wbsm4_encrypt", joined(whiteBox, {{"strdata", toUrlBase64(samples::message)}}));
+    return judge(client, sealed == fromHexText(samples::sm4Ciphertext), "openssl, SM4-CBC",
+                 [&] { return whiteBoxOpen(client, sealed) == samples::message; });
+}
+
+Verdict whiteBoxDecrypt(Client& client)
+{
+    const auto opened = whiteBoxOpen(client, fromHexText(samples::sm4Ciphertext));
+    return judge(client, opened == samples::message, "openssl, SM4-CBC",
+                 [&] { return whiteBoxEncrypt(client).status != Status::Fail; });
+}
+
+// ---- MAC and key derivation, which have no inverse: the same again must come out.
+
+Verdict repeatable(Client& client, const std::string& name, const Pairs& parameters,
+                   const std::string& expected, const std::string& source)
+{
+    const std::string bytes = client.bytes(name, parameters);
+    return judge(client, bytes == fromHexText(expected), source,
+                 [&] { return !bytes.empty() && bytes == client.bytes(name, parameters); });
+}
+
+Verdict hmac(Client& client)
+{
+    return repeatable(client, "QZaven_crypto_hmac",
+                      {{"strHashAlg", "4"},
+                       {"strKey", toUrlBase64("Jefe")},
+                       {"strdata", toUrlBase64("what do ya want for nothing?")}},
+                      "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843",
+                      "RFC 4231, HMAC-SHA-256");
+}
+
+Verdict cmac(Client& client)
+{
+    return repeatable(client, "QZaven_crypto_cmac",
+                      {{"strCipherAlg", "2"},
+                       {"strKey", base64OfHex("2b7e151628aed2a6abf7158809cf4f3c")},
+                       {"strdata", base64OfHex("6bc1bee22e409f96e93d7e117393172a")}},
+                      "070a16b46b4d4144f79bdd9dd04a287c", "RFC 4493, AES-128-CMAC");
+}
+
+// Computed with: openssl kdf -keylen 16 -kdfopt digest:SHA256 -kdfopt "secret:..." X963KDF
+Verdict kdf(Client& client)
+{
+    return repeatable(client, "QZaven_crypto_kdf",
+                      {{"HashType", "4"}, {"srcdata", samples::message}, {"OutLen", "16"}},
+                      "d2392f275651ac0f83983b2ebdb99f75", "ANSI X9.63 with SHA-256");
+}
+
+// ---- All of them.
+
+struct KnownAnswer {
+    std::string request;
+    Test test;
+};
+
+const KnownAnswer knownAnswers[] = {
+    {"QZaVen_GetVersion", version},
+    {"QZaVen_strerror", errorText},
+    {"QZaven_crypto_base64_encode", base64Encode},
+    {"QZaven_crypto_base64_Decode", base64Decode},
+    {"QZaven_ke_new", keNew},
+    {"QZaven_ke_free", keFree},
+    {"QZaven_ke_set_public_key", keSetKeys},
+    {"QZaven_ke_set_certificate", keSetCertificates},
+    {"QZaven_ke_set_root_certificate", keSetRoots},
+    {"QZaven_ke_client_hello", keHello},
+    {"QZaven_ke_client_key_exchange", keExchange},
+    {"QZaven_ke_encrypt", keChannel("QZaven_ke_encrypt")},
+    {"QZaven_ke_decrypt", keChannel("QZaven_ke_decrypt")},
+    {"QZaven_ke_hmac", keChannel("QZaven_ke_hmac")},
+    {"QZaven_ke_cmac", keChannel("QZaven_ke_cmac")},
+    {"QZaven_crypto_public_encrypt", publicEncrypt},
+    {"QZaven_crypto_private_decrypt", privateDecrypt},
+    {"QZaven_crypto_encrypt", encrypt},
+    {"QZaven_crypto_decrypt", decrypt},
+    {"QZaven_crypto_gen_symmkey", generateKey},
+    {"QZaven_crypto_hmac", hmac},
+    {"QZaven_crypto_cmac", cmac},
+    {"QZaven_crypto_kdf", kdf},
+    {"QZaven_crypto_envelope_encrypt", envelopeEncrypt},
+    {"QZaven_crypto_envelope_decrypt", envelopeDecrypt},
+    {"QZaven_wbsm4_encrypt", whiteBoxEncrypt},
+    {"QZaven_wbsm4_decrypt", whiteBoxDecrypt},
+};
+
+Verdict run(const KnownAnswer& known, Client& client)
+{
+    try {
+        return known.test(client);
+    } catch (const Refused& refused) {
+        const std::string where =
+            refused.request == known.request ? "refused" : refused.request + " refuses";
+        return {Status::Fail, where + " with " + refused.code + ": " + refused.text,
+                refused.code == "-20215"
+                    ? "take an engine that has the function"
+                    : "corvane-host explain " + refused.code +
+                          "; this engine may give its numbers another meaning"};
+    } catch (const UsageError& e) {
+        return {Status::Fail, e.what(), "replace the engine"};
+    }
+}
+
+Check requestCheck(Subject& subject, const std::string& request)
+{
+    return {request, [&subject, request](const Tell& tell) {
+                for (const KnownAnswer& known : knownAnswers) {
+                    if (known.request != request)
+                        continue;
+                    Client client(subject.session());
+                    const Verdict verdict = run(known, client);
+                    tell({request, verdict.status, verdict.detail, verdict.hint});
+                    return;
+                }
+                tell({request, Status::Fail, "there is no test", "write one"});
+            }};
+}
+
+}  // namespace
+
+std::vector<Check> requestChecks(Subject& subject)
+{
+    std::vector<Check> checks;
+    for (const RequestInfo& request : catalogue())
+        checks.push_back(requestCheck(subject, request.name));
+    return checks;
+}

@@ -1,0 +1,39 @@
+// Checks that load the libraries.
+#ifndef CORVANE_HOST_LIBRARY_CHECKS_H
+#define CORVANE_HOST_LIBRARY_CHECKS_H
+
+#include <memory>
+#include <vector>
+
+#include "doctor/isolation.h"
+#include "doctor/surroundings.h"
+#include "host_session.h"
+
+// The libraries under test, loaded by the first check of a process that needs them.
+class Subject {
+public:
+    explicit Subject(const LibraryPaths& paths) : paths_(paths) {}
+
+    HostSession& session()
+    {
+        if (session_ == nullptr)
+            session_ = std::make_unique<HostSession>(paths_);
+        return *session_;
+    }
+    void end() { session_.reset(); }
+
+private:
+    LibraryPaths paths_;
+    std::unique_ptr<HostSession> session_;
+};
+
+// Loads one library and looks its functions up; the plug-in's log level too.
+Check libraryCheck(const LibraryChoice& library);
+
+// Has the plug-in bind and initialise the others.
+Check startCheck(Subject& subject);
+
+// Has it clean up.
+Check endCheck(Subject& subject);
+
+#endif

@@ -1,0 +1,182 @@
+#include "doctor/library_file.h"
+
+#include <elf.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+#if defined(__x86_64__)
+constexpr unsigned ownMachine = EM_X86_64;
+#elif defined(__aarch64__)
+constexpr unsigned ownMachine = EM_AARCH64;
+#else
+#error "name this machine"
+#endif
+
+std::string machineName(unsigned machine)
+{
+    switch (machine) {
+        case EM_X86_64:
+            return "x86-64";
+        case EM_AARCH64:
+            return "64-bit ARM";
+        case EM_386:
+            return "32-bit x86";
+        case EM_ARM:
+            return "32-bit ARM";
+        case EM_RISCV:
+            return "RISC-V";
+        default:
+            return "machine number " + std::to_string(machine);
+    }
+}
+
+struct Fault {
+    std::string what;
+    std::string remedy;
+};
+
+constexpr const char* copyAgain = "copy or build it again, and compare the sizes";
+
+// Reads within the file's bounds only.
+class Reader {
+public:
+    explicit Reader(const std::string& path)
+        // Not waiting for the other end of a pipe.
+        : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
+    {
+        if (file_ < 0)
+            throw Fault{path + ": " + std::generic_category().message(errno),
+                        "check the path and the permissions of file and folders"};
+        struct stat status;
+        if (fstat(file_, &status) != 0 || !S_ISREG(status.st_mode)) {
+            close(file_);
+            throw Fault{path + " is a folder or device, not a file", "give the library's file"};
+        }
+        size_ = static_cast<uint64_t>(status.st_size);
+    }
+    ~Reader() { close(file_); }
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+    uint64_t size() const { return size_; }
+
+    bool reads(void* to, uint64_t count, uint64_t at) const
+    {
+        return at <= size_ && count <= size_ - at &&
+               pread(file_, to, count, static_cast<off_t>(at)) == static_cast<ssize_t>(count);
+    }
+
+private:
+    int file_;
+    uint64_t size_ = 0;
+};
+
+Elf64_Ehdr readHeader(const Reader& file)
+{
+    if (file.size() == 0)
+        throw Fault{"is empty", copyAgain};
+    Elf64_Ehdr header;
+    if (!file.reads(header.e_ident, EI_NIDENT, 0) || memcmp(header.e_ident, ELFMAG, SELFMAG) != 0)
+        throw Fault{"is no library: it does not begin as an ELF file", copyAgain};
+
+    const char* buildForThis = "take the library that is built for this machine";
+    if (header.e_ident[EI_CLASS] != ELFCLASS64)
+        throw Fault{"is a 32-bit library; this program is for " + machineName(ownMachine),
+                    buildForThis};
+    if (!file.reads(&header, sizeof header, 0))
+        throw Fault{"is cut: not even its header is whole", copyAgain};
+    if (header.e_machine != ownMachine)
+        throw Fault{"is for " + machineName(header.e_machine) + "; this program is for " +
+                        machineName(ownMachine),
+                    buildForThis};
+    if (header.e_type != ET_DYN)
+        throw Fault{"is an ELF file, but no shared library", "give the library's file"};
+    return header;
+}
+
+// Throws if the file is shorter than its header says.
+std::vector<Elf64_Phdr> readSegments(const Reader& file, const Elf64_Ehdr& header)
+{
+    const auto mustReach = [&](uint64_t at, uint64_t count) {
+        if (at > file.size() || count > file.size() - at)
+            throw Fault{"is cut: it has " + std::to_string(file.size()) + " bytes and needs " +
+                            std::to_string(at + count),
+                        copyAgain};
+    };
+    // The table of sections is the last thing in a file as linkers write it.
+    mustReach(header.e_shoff, uint64_t{header.e_shnum} * header.e_shentsize);
+
+    std::vector<Elf64_Phdr> segments(header.e_phnum);
+    mustReach(header.e_phoff, segments.size() * sizeof(Elf64_Phdr));
+    file.reads(segments.data(), segments.size() * sizeof(Elf64_Phdr), header.e_phoff);
+    for (const Elf64_Phdr& segment : segments)
+        if (segment.p_type != PT_NULL)
+            mustReach(segment.p_offset, segment.p_filesz);
+    return segments;
+}
+
+// The string at an address in memory, from the segment that holds it.
+std::string readString(const Reader& file, const std::vector<Elf64_Phdr>& segments,
+                       uint64_t address)
+{
+    std::string text;
+    for (const Elf64_Phdr& segment : segments) {
+        if (segment.p_type != PT_LOAD || address < segment.p_vaddr ||
+            address - segment.p_vaddr >= segment.p_filesz)
+            continue;
+        uint64_t at = segment.p_offset + (address - segment.p_vaddr);
+        for (char c; text.size() < 4096 && file.reads(&c, 1, at) && c != '\0'; ++at)
+            text += c;
+        break;
+    }
+    return text;
+}
+
+std::string readSoname(const Reader& file, const std::vector<Elf64_Phdr>& segments)
+{
+    const auto dynamic =
+        std::find_if(segments.begin(), segments.end(),
+                     [](const Elf64_Phdr& segment) { return segment.p_type == PT_DYNAMIC; });
+    if (dynamic == segments.end())
+        throw Fault{"is an ELF file, but no shared library", "give the library's file"};
+
+    uint64_t strings = 0;
+    uint64_t soname = 0;
+    Elf64_Dyn entry;
+    for (uint64_t at = 0; at + sizeof entry <= dynamic->p_filesz; at += sizeof entry) {
+        if (!file.reads(&entry, sizeof entry, dynamic->p_offset + at) || entry.d_tag == DT_NULL)
+            break;
+        if (entry.d_tag == DT_STRTAB)
+            strings = entry.d_un.d_ptr;
+        if (entry.d_tag == DT_SONAME)
+            soname = entry.d_un.d_val;
+    }
+    return soname == 0 ? "" : readString(file, segments, strings + soname);
+}
+
+}  // namespace
+
+LibraryFile inspectLibrary(const std::string& path)
+{
+    LibraryFile library;
+    library.machine = machineName(ownMachine);
+    try {
+        const Reader file(path);
+        library.size = file.size();
+        const Elf64_Ehdr header = readHeader(file);
+        library.soname = readSoname(file, readSegments(file, header));
+    } catch (const Fault& fault) {
+        library.fault = fault.what;
+        library.remedy = fault.remedy;
+    }
+    return library;
+}
