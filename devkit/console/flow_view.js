@@ -28,7 +28,7 @@ function valueText(value) {
 function valueRows(title, values) {
     const rows = Object.entries(values).map(([name, value]) => [name, valueText(value)]);
     if (rows.length === 0) return null;
-    return el('div', { class: 'flow-values' }, el('h3', {}, title),
+    return el('div', { class: 'flow-values' }, title === '' ? null : el('h3', {}, title),
         el('dl', {}, rows.map(([name, text]) => [
             el('dt', {}, el('code', {}, name)),
             el('dd', {}, el('span', { class: 'mono' },
@@ -65,9 +65,14 @@ class Step {
         this.outcome.replaceChildren(...content.filter(Boolean));
     }
 
+    // What came back is what the next steps live on; what was sent is known from before.
     values(sent, received) {
-        return el('details', {}, el('summary', {}, t('Values')),
-            valueRows(t('Sent'), sent), valueRows(t('Came back'), received));
+        const { errorCode, ...results } = received;
+        const rows = valueRows('', sent);
+        return [
+            valueRows(t('Came back'), results),
+            rows && el('details', {}, el('summary', {}, t('What was sent')), rows),
+        ];
     }
 
     // Whether the step went as it should.
@@ -77,7 +82,7 @@ class Step {
         if (step.compare) return this.compare(s);
         if (step.local) {
             const made = await step.local(s);
-            this.show('done', el('details', {}, el('summary', {}, t('Values')), valueRows(t('Made'), made)));
+            this.show('done', valueRows(t('Made'), made));
             return true;
         }
         const sent = step.send(s);
@@ -86,11 +91,11 @@ class Step {
         if (step.request) this.time.textContent = duration(outcome.microseconds);
         if (step.refused) return this.expectRefusal(sent, outcome);
         if (!outcome.ok) {
-            this.show('failed', errorCard(outcome.error, 'h3'), this.values(sent, outcome.results));
+            this.show('failed', errorCard(outcome.error, 'h3'), ...this.values(sent, {}));
             return false;
         }
         step.keep?.(outcome.results, s);
-        this.show('done', this.values(sent, outcome.results));
+        this.show('done', ...this.values(sent, outcome.results));
         return true;
     }
 
@@ -109,7 +114,7 @@ class Step {
         const card = outcome.error ? errorCard(outcome.error, 'h3') : el('p', {}, t('It was not refused.'));
         this.show(right ? 'done' : 'failed',
             right ? el('p', { class: 'expected' }, t('Refused, as it must be.')) : null, card,
-            this.values(sent, outcome.results));
+            ...this.values(sent, {}));
         return right;
     }
 
@@ -141,7 +146,8 @@ export class FlowView {
         const on = { input: (event) => { this.inputs[input.name] = event.target.value; } };
         let control = el('textarea', { id, rows: 1, value, on });
         if (input.options) {
-            control = el('select', { id, on }, input.options.map((option) => el('option', { value: option }, t(option))));
+            control = el('select', { id, on },
+                input.options.map((option) => el('option', { value: option }, t(option))));
             control.value = value;
         }
         return el('div', { class: input.options ? 'field' : 'field wide' },
@@ -162,7 +168,8 @@ export class FlowView {
         const { status } = currentStatus();
         if (flow.needsPeer && status && !status.peer)
             return el('div', { class: 'flow-view' }, head,
-                el('p', { class: 'card' }, t('This host runs without the bundled peer, so there is no other side to talk to. Start it without “--no-peer”.')));
+                el('p', { class: 'card' },
+                    t('This host runs without the bundled peer, so there is no other side to talk to. Start it without “--no-peer”.')));
 
         this.list = el('ol', { class: 'steps' });
         this.verdict = el('div', { class: 'flow-verdict', role: 'status' });
