@@ -119,6 +119,8 @@ struct Server::Exchange {
     }
     ~Exchange() { wipe(body); }
 
+    // Its own owner until it is over: an answer that comes later finds that out.
+    std::shared_ptr<Exchange> self;
     Connection& connection;
     MHD_Connection* const handle;
     std::string id = makeId();
@@ -339,12 +341,15 @@ void* Server::onUri(void* self, const char* uri, MHD_Connection* handle)
         MHD_get_connection_info(handle, MHD_CONNECTION_INFO_SOCKET_CONTEXT)->socket_context);
     const std::string_view whole = uri;
     const size_t query = whole.find('?');
-    auto* exchange = new Exchange(connection, handle);
+    auto exchange = std::make_shared<Exchange>(connection, handle);
+    exchange->self = exchange;
     exchange->path = std::string(whole.substr(0, query));
     exchange->hasQuery = query != std::string_view::npos;
-    connection.exchange = exchange;
+    connection.exchange = exchange.get();
+    // Time once more for what is behind the first line.
+    connection.deadline = after(Seconds(server.options_.readSeconds));
     ++server.active_;
-    return exchange;
+    return exchange.get();
 }
 
 MHD_Result Server::onRequest(void* self, MHD_Connection* /*handle*/, const char* /*url*/,
@@ -474,14 +479,17 @@ void Server::checkBody(Exchange& exchange)
 
 void Server::dispatch(Exchange& exchange)
 {
-    const auto done = [this, &exchange](Answer answer) {
+    const auto done = [this, weak = std::weak_ptr(exchange.self)](Answer answer) {
+        const std::shared_ptr<Exchange> waiting = weak.lock();
+        if (waiting == nullptr)
+            return;
         if (draining_ && answer.code == "busy")
             answer = answerOf(Refusal("draining", "", "the host stopped before the request began"));
-        exchange.answer = std::move(answer);
-        if (!exchange.isSuspended)
+        waiting->answer = std::move(answer);
+        if (!waiting->isSuspended)
             return;
-        exchange.isSuspended = false;
-        MHD_resume_connection(exchange.handle);
+        waiting->isSuspended = false;
+        MHD_resume_connection(waiting->handle);
     };
     if (exchange.file != nullptr) {
         exchange.answer = Answer();
@@ -576,10 +584,10 @@ void Server::onCompleted(void* self, MHD_Connection* /*handle*/, void** context,
                          MHD_RequestTerminationCode how)
 {
     Server& server = *static_cast<Server*>(self);
-    const std::unique_ptr<Exchange> exchange(static_cast<Exchange*>(*context));
-    *context = nullptr;
-    if (exchange == nullptr)
+    if (*context == nullptr)
         return;
+    const std::shared_ptr<Exchange> exchange = std::move(static_cast<Exchange*>(*context)->self);
+    *context = nullptr;
     server.bodyBytes_ -= exchange->body.size();
     --server.active_;
     Connection& connection = exchange->connection;

@@ -286,8 +286,8 @@ void WorkerPool::stop(Seconds grace)
 
     const auto deadline = after(grace);
     for (Slot& place : slots_) {
-        while (place.info.pid > 0 && waitpid(place.info.pid, nullptr, WNOHANG) == 0 &&
-               Clock::now() < deadline)
+        while (place.info.everReady && place.info.pid > 0 &&
+               waitpid(place.info.pid, nullptr, WNOHANG) == 0 && Clock::now() < deadline)
             usleep(2000);
     }
     for (size_t slot = 0; slot < slots_.size(); ++slot) {
