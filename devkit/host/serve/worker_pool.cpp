@@ -268,6 +268,7 @@ void WorkerPool::collectChildren()
         for (size_t slot = 0; slot < slots_.size(); ++slot)
             if (slots_[slot].info.pid == pid) {
                 // What it sent before its end counts.
+                slots_[slot].process->setCollected();
                 onEvents(slot, EPOLLIN);
                 if (slots_[slot].info.pid == pid)
                     end(slot, Ending::Died);
@@ -285,16 +286,19 @@ void WorkerPool::stop(Seconds grace)
             place.process->hangUp();
 
     const auto deadline = after(grace);
-    for (Slot& place : slots_) {
-        while (place.info.everReady && place.info.pid > 0 &&
-               waitpid(place.info.pid, nullptr, WNOHANG) == 0 && Clock::now() < deadline)
-            usleep(2000);
-    }
     for (size_t slot = 0; slot < slots_.size(); ++slot) {
-        const pid_t pid = slots_[slot].info.pid;
-        if (slots_[slot].process)
-            end(slot, Ending::NotServed);
-        if (pid > 0)
+        Slot& place = slots_[slot];
+        if (!place.process)
+            continue;
+        const pid_t pid = place.info.pid;
+        bool isCollected = false;
+        while (place.info.everReady && !(isCollected = waitpid(pid, nullptr, WNOHANG) == pid) &&
+               Clock::now() < deadline)
+            usleep(2000);
+        if (isCollected)
+            place.process->setCollected();
+        end(slot, Ending::NotServed);
+        if (!isCollected)
             waitpid(pid, nullptr, 0);
     }
     std::deque<Waiting> shared = std::move(shared_);
