@@ -1,6 +1,7 @@
 // What becomes of requests when the processes that serve them die, hang or do not start.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -215,6 +216,22 @@ TEST(ServeWorkers, AnEngineThatDoesNotLoadIsTriedAgainMoreAndMoreSlowly)
     EXPECT_LE(restarts, 20);
     EXPECT_NE(std::string::npos, host.errors().find("/nonexistent/libSoftModuleaven.so"));
     EXPECT_EQ(0, host.stop());
+}
+
+TEST(ServeWorkers, AStartThatHangsIsEnded)
+{
+    NEEDS_WORKERS();
+    std::string name = (fs::temp_directory_path() / "serve_hangs_XXXXXX").string();
+    const fs::path folder = mkdtemp(name.data());
+    // Nobody writes into it, so that opening it does not end.
+    ASSERT_EQ(0, mkfifo((folder / "engine.so").c_str(), 0600));
+    ServedHost host({"--workers", "1", "--request-seconds", "0.2"}, {},
+                    {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
+                     "--engine", folder / "engine.so"});
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_worker_restarts_total") >= 2; }));
+    EXPECT_EQ(503, host.get("/readyz").status);
+    EXPECT_EQ(0, host.stop());
+    fs::remove_all(folder);
 }
 
 TEST(ServeWorkers, ALibraryOfAnotherNameLeavesNoFolderBehind)

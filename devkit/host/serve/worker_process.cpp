@@ -49,7 +49,8 @@ WorkerProcess::WorkerProcess(const std::string& program, const std::vector<std::
 
 WorkerProcess::~WorkerProcess()
 {
-    kill(pid_, SIGKILL);
+    if (pid_ > 0)
+        kill(pid_, SIGKILL);
     wipe(outgoing_);
     wipe(incoming_);
 }

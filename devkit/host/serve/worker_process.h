@@ -23,6 +23,8 @@ public:
     WorkerProcess(const WorkerProcess&) = delete;
     WorkerProcess& operator=(const WorkerProcess&) = delete;
 
+    // It has ended and its exit status is collected: the number may be another's now.
+    void setCollected() { pid_ = -1; }
     pid_t pid() const { return pid_; }
     int socket() const { return socket_.get(); }
 
