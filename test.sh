@@ -2,7 +2,8 @@
 # Builds and runs the tests.
 #   ./test.sh       the fast suite
 #   ./test.sh all   also static analysis, Clang, sanitizers, valgrind, 64-bit ARM in
-#                   emulation, coverage, fuzzers, a minute of load, reproducibility, a browser
+#                   emulation, coverage, fuzzers, a minute of load, the console in a browser,
+#                   reproducibility
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 . packaging/packages.sh
@@ -119,8 +120,8 @@ if [ "${1-}" = all ]; then
     stage "64-bit ARM" tests_of aarch64
     stage "fuzzers" fuzz/run.sh 30
     stage "load" soak
+    stage "console" tests/console.sh
     stage "reproducible builds" tests/reproducible.sh
-    stage "browser" tests/console.sh
 fi
 
 printf '\n'

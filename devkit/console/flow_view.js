@@ -45,7 +45,7 @@ class Step {
         this.outcome = el('div', {});
         const request = step.request &&
             el('a', { href: `#/request/${step.request}` }, el('code', {}, step.request));
-        const peer = step.peer && el('span', { class: 'tag' }, t('peer: {step}', { step: step.peer }));
+        const peer = step.peer && el('span', { class: 'tag' }, t('the peer'), ' ', el('code', {}, step.peer));
         const local = step.local && el('span', { class: 'tag' }, t('in the browser'));
         this.number = number;
         this.element = el('li', { class: 'step' }, this.marker,
@@ -82,7 +82,8 @@ class Step {
         }
         const sent = step.send(s);
         const outcome = step.request ? await exchange(findRequest(step.request), sent) : await this.ask(sent);
-        this.time.textContent = duration(outcome.microseconds);
+        // The peer's time is not the plug-in's, and is not measured.
+        if (step.request) this.time.textContent = duration(outcome.microseconds);
         if (step.refused) return this.expectRefusal(sent, outcome);
         if (!outcome.ok) {
             this.show('failed', errorCard(outcome.error, 'h3'), this.values(sent, outcome.results));

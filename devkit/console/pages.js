@@ -159,7 +159,7 @@ export class SignInView {
             },
         } },
         again ? null : [el('label', { for: 'token' }, t('Token of the host')), input,
-            el('p', { class: 'muted' }, t('“corvane-host serve” prints it, and the file that keeps it, when it starts. The address that it prints signs you in by itself.'))],
+            el('p', { class: 'muted' }, t('“corvane-host serve” names the file that holds it when it starts. An address with “#token=…” signs you in by itself.'))],
         el('div', { class: 'form-actions' },
             el('button', { type: 'submit', class: 'button primary' }, icon('arrow'), again ? t('Try again') : t('Sign in'))));
         return el('div', { class: 'sign-in-view' },

@@ -167,6 +167,7 @@ export function errorCard(error, level = 'h3') {
         'plug-in': t('refused by the plug-in'),
         engine: t('refused by the engine'),
         host: t('reported by the host'),
+        peer: t('refused by the peer'),
         page: t('noticed by this page'),
     };
     const rows = [

@@ -31,8 +31,8 @@ const own = {
     'No answer yet': '尚无应答',
     'Try again': '重试',
     'Token of the host': '主机的令牌',
-    '“corvane-host serve” prints it, and the file that keeps it, when it starts. The address that it prints signs you in by itself.':
-        '“corvane-host serve”启动时会显示令牌及保存它的文件。用它显示的地址打开即可直接登录。',
+    '“corvane-host serve” names the file that holds it when it starts. An address with “#token=…” signs you in by itself.':
+        '“corvane-host serve”启动时会显示保存令牌的文件。带有“#token=…”的地址可直接登录。',
 
     // Form.
     'Parameters': '参数',
@@ -113,6 +113,7 @@ const own = {
     'refused by the plug-in': '被插件拒绝',
     'refused by the engine': '被引擎拒绝',
     'reported by the host': '由主机报告',
+    'refused by the peer': '被对端拒绝',
     'noticed by this page': '由此页面发现',
     'No answer': '没有应答',
     '{count} µs': '{count} 微秒',
@@ -165,7 +166,7 @@ const own = {
     'done': '完成',
     'failed': '失败',
     'in the browser': '在浏览器中',
-    'peer: {step}': '对端：{step}',
+    'the peer': '对端',
     'Values': '值',
     'Sent': '发送',
     'Came back': '返回',
