@@ -342,7 +342,9 @@ std::vector<pid_t> ServedHost::workers(size_t count) const
 
 void ServedHost::signal(int number) const
 {
-    kill(pid_, number);
+    // A number below 1 would be many processes.
+    if (pid_ > 0)
+        kill(pid_, number);
 }
 
 bool ServedHost::hasEnded()
