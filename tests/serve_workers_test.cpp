@@ -265,7 +265,7 @@ TEST(ServeWorkers, EndWithTheFront)
     const std::vector<pid_t> workers = host.workers();
     host.stop(SIGKILL);
     for (const pid_t worker : workers)
-        EXPECT_TRUE(eventually([&] { return kill(worker, 0) != 0; }));
+        EXPECT_TRUE(eventually([&] { return !support::isRunning(worker); }));
 }
 
 TEST(ServeWorkers, HoldNothingOfTheFront)
