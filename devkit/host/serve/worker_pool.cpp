@@ -267,7 +267,6 @@ void WorkerPool::childEnded(pid_t pid)
     for (size_t slot = 0; slot < slots_.size(); ++slot)
         if (slots_[slot].info.pid == pid) {
             // What it sent before its end counts.
-            slots_[slot].process->setCollected();
             onEvents(slot, EPOLLIN);
             if (slots_[slot].info.pid == pid)
                 end(slot, Ending::Died);
@@ -294,8 +293,6 @@ void WorkerPool::stop(Seconds grace)
         while (place.info.everReady && !(isCollected = waitpid(pid, nullptr, WNOHANG) == pid) &&
                Clock::now() < deadline)
             usleep(2000);
-        if (isCollected)
-            place.process->setCollected();
         end(slot, Ending::NotServed);
         if (!isCollected)
             waitpid(pid, nullptr, 0);

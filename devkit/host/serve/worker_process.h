@@ -23,8 +23,6 @@ public:
     WorkerProcess(const WorkerProcess&) = delete;
     WorkerProcess& operator=(const WorkerProcess&) = delete;
 
-    // It has ended and its exit status is collected: the number may be another's now.
-    void setCollected() { pid_ = -1; }
     pid_t pid() const { return pid_; }
     int socket() const { return socket_.get(); }
 
@@ -45,6 +43,7 @@ public:
 private:
     Descriptor socket_;
     pid_t pid_ = -1;
+    Descriptor process_;  // for signals: a number may be another process's by then
     std::string outgoing_;
     size_t sent_ = 0;
     std::vector<Descriptor> files_;
