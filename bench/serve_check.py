@@ -67,13 +67,14 @@ def client():
                 wrong.append(f"status {status}: {answer['error']}")
 
 
-def children():
-    """The host's workers."""
+def workers():
+    """The host's workers; it has other children too."""
     found = []
     for name in os.listdir("/proc"):
         try:
-            with open(f"/proc/{name}/stat") as stat:
-                if int(stat.read().rsplit(")", 1)[1].split()[1]) == host:
+            with open(f"/proc/{name}/stat") as stat, open(f"/proc/{name}/cmdline") as line:
+                parent = int(stat.read().rsplit(")", 1)[1].split()[1])
+                if parent == host and line.read().startswith("corvane-host\0worker"):
                     found.append(int(name))
         except (OSError, ValueError, IndexError):
             pass  # no process, or one that has just ended
@@ -105,7 +106,7 @@ def killer():
     start = time.monotonic()
     while len(kills) < seconds:
         time.sleep(max(0, start + len(kills) + 1 - time.monotonic()))
-        victims = children()
+        victims = workers()
         victim = victims[len(kills) % len(victims)]
         killed = time.monotonic()
         os.kill(victim, signal.SIGKILL)

@@ -63,8 +63,8 @@ load() {
         function ms(time) {
             return time ~ /us$/ ? time / 1000 : time ~ /ms$/ ? time + 0 : time * 1000
         }
-        /50%/ { p50 = ms($2) }
-        /99%/ { p99 = ms($2) }
+        $1 == "50%" { p50 = ms($2) }
+        $1 == "99%" { p99 = ms($2) }
         /Requests\/sec/ { rate = $2 }
         /Non-2xx/ { failed = $NF }
         /Socket errors/ { gsub(",", ""); failed += $4 + $6 + $8 + $10 }

@@ -9,7 +9,7 @@ test_packages=(libgtest-dev googletest binutils clang locales python3-cryptograp
 all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python3 valgrind)
 
 # The console's tests in a browser; the fonts are for Chinese on the pictures.
-browser_packages=(chromium curl fonts-noto-cjk nodejs)
+browser_packages=(chromium curl fonts-wqy-microhei nodejs)
 
 # Building for 64-bit ARM and running it in emulation. The last are of that architecture.
 aarch64_packages=(g++-aarch64-linux-gnu qemu-user libssl-dev:arm64 libstdc++6:arm64

@@ -1,6 +1,7 @@
 // What becomes of requests when the processes that serve them die, hang or do not start.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -108,10 +109,10 @@ TEST(ServeWorkers, OneThatDiesIdleIsReplacedAtOnce)
     NEEDS_WORKERS();
     ServedHost host;
     const std::vector<pid_t> before = host.workers();
-    killAndWait(host, before[0]);
+    killAndWait(host, before.at(0));
     const std::vector<pid_t> after = host.workers();
     EXPECT_EQ(2U, after.size());
-    EXPECT_EQ(0, std::count(after.begin(), after.end(), before[0]));
+    EXPECT_EQ(0, std::count(after.begin(), after.end(), before.at(0)));
     for (int i = 0; i < 20; ++i)
         EXPECT_EQ(200, host.request("QZaven_crypto_kdf", kdf).status);
 }
@@ -127,7 +128,7 @@ TEST(ServeWorkers, SessionsEndWithTheirWorker)
     EXPECT_EQ(2, host.status()["workers"][0]["sessions"]);
 
     // One that waits for the worker of its session is told so, and sent nowhere else.
-    kill(workers[0], SIGSTOP);
+    kill(workers.at(0), SIGSTOP);
     std::vector<std::unique_ptr<Pending>> pending;
     for (const std::string& token : tokens) {
         const Json parameters = {{"strKe", token}};
@@ -135,7 +136,7 @@ TEST(ServeWorkers, SessionsEndWithTheirWorker)
     }
     waitUntilBusy(host, 1);
     EXPECT_TRUE(eventually([&] { return host.metric("corvane_queue") == 1; }));
-    kill(workers[0], SIGKILL);
+    kill(workers.at(0), SIGKILL);
     std::multiset<int> statuses;
     for (const auto& one : pending)
         statuses.insert(one->answer().status);
@@ -217,6 +218,22 @@ TEST(ServeWorkers, AnEngineThatDoesNotLoadIsTriedAgainMoreAndMoreSlowly)
     EXPECT_EQ(0, host.stop());
 }
 
+TEST(ServeWorkers, AStartThatHangsIsEnded)
+{
+    NEEDS_WORKERS();
+    std::string name = (fs::temp_directory_path() / "serve_hangs_XXXXXX").string();
+    const fs::path folder = mkdtemp(name.data());
+    // Nobody writes into it, so that opening it does not end.
+    ASSERT_EQ(0, mkfifo((folder / "engine.so").c_str(), 0600));
+    ServedHost host({"--workers", "1", "--request-seconds", "0.2"}, {},
+                    {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
+                     "--engine", folder / "engine.so"});
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_worker_restarts_total") >= 2; }));
+    EXPECT_EQ(503, host.get("/readyz").status);
+    EXPECT_EQ(0, host.stop());
+    fs::remove_all(folder);
+}
+
 TEST(ServeWorkers, ALibraryOfAnotherNameLeavesNoFolderBehind)
 {
     NEEDS_WORKERS();
@@ -233,7 +250,7 @@ TEST(ServeWorkers, ALibraryOfAnotherNameLeavesNoFolderBehind)
                      "--engine", folder / "other.so"});
     const std::vector<pid_t> workers = host.workers();
     EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
-    killAndWait(host, workers[0]);
+    killAndWait(host, workers.at(0));
     host.workers();
     EXPECT_TRUE(eventually([&] { return fs::is_empty(folder / "tmp"); }));
     EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
@@ -248,7 +265,7 @@ TEST(ServeWorkers, EndWithTheFront)
     const std::vector<pid_t> workers = host.workers();
     host.stop(SIGKILL);
     for (const pid_t worker : workers)
-        EXPECT_TRUE(eventually([&] { return kill(worker, 0) != 0; }));
+        EXPECT_TRUE(eventually([&] { return !support::isRunning(worker); }));
 }
 
 TEST(ServeWorkers, HoldNothingOfTheFront)
@@ -259,7 +276,7 @@ TEST(ServeWorkers, HoldNothingOfTheFront)
     connection.send(host.text("GET", "/livez"));
     connection.receive();
     const std::vector<pid_t> before = host.workers();
-    killAndWait(host, before[0]);
+    killAndWait(host, before.at(0));
     for (const pid_t worker : host.workers()) {
         size_t sockets = 0;
         for (const auto& entry :

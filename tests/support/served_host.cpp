@@ -103,6 +103,13 @@ std::pair<int, std::string> runHost(const std::vector<std::string>& arguments)
     return {exitCodeOf(status), errors};
 }
 
+bool isRunning(pid_t pid)
+{
+    const std::string stat = readWhole("/proc/" + std::to_string(pid) + "/stat");
+    const size_t end = stat.rfind(')');
+    return end != std::string::npos && stat.compare(end, 3, ") Z") != 0;
+}
+
 std::vector<pid_t> childrenOf(pid_t pid)
 {
     std::vector<pid_t> children;
@@ -342,7 +349,9 @@ std::vector<pid_t> ServedHost::workers(size_t count) const
 
 void ServedHost::signal(int number) const
 {
-    kill(pid_, number);
+    // A number below 1 would be many processes.
+    if (pid_ > 0)
+        kill(pid_, number);
 }
 
 bool ServedHost::hasEnded()

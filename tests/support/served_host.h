@@ -120,6 +120,9 @@ std::pair<int, std::string> runHost(const std::vector<std::string>& arguments);
 // Waits until something holds; false if it does not within a minute.
 bool eventually(const std::function<bool()>& holds);
 
+// Whether a process exists and has not ended, collected or not.
+bool isRunning(pid_t pid);
+
 // The children of a process.
 std::vector<pid_t> childrenOf(pid_t pid);
 

@@ -15,12 +15,12 @@
 #include <iterator>
 #include <system_error>
 
-#include "console_files.h"
 #include "descriptions.h"
 #include "exchange.h"
-#include "form_body.h"
+#include "headers.h"
 #include "openapi.h"
 #include "output.h"
+#include "routes.h"
 #include "secrets.h"
 #include "values.h"
 
@@ -29,8 +29,6 @@ namespace {
 // The library keeps a connection's headers and a part of its body in so many bytes, and
 // answers by itself to one whose headers do not fit.
 constexpr size_t connectionMemory = size_t{64} << 10;
-constexpr size_t longestHeaders = size_t{16} << 10;
-constexpr size_t mostHeaders = 64;
 
 // Bodies that are kept at once, as a multiple of the largest one.
 constexpr size_t mostBodies = 16;
@@ -48,56 +46,6 @@ constexpr const char* securityHeaders[][2] = {
     {"Cross-Origin-Resource-Policy", "same-origin"},
     {"Cross-Origin-Opener-Policy", "same-origin"},
 };
-
-// ---- Routes.
-
-enum class Target { Request, Batch, Peer, Catalogue, Status, Live, Ready, Metrics, OpenApi };
-
-struct Route {
-    const char* path;  // one that ends in "/" takes a name behind it
-    const char* pattern;
-    const char* method;
-    bool needsToken;
-    Target target;
-};
-
-constexpr Route routes[] = {
-    {"/v1/requests/", "/v1/requests/{name}", "POST", true, Target::Request},
-    {"/v1/batch", "/v1/batch", "POST", true, Target::Batch},
-    {"/v1/peer/", "/v1/peer/{step}", "POST", true, Target::Peer},
-    {"/v1/catalogue", "/v1/catalogue", "GET", true, Target::Catalogue},
-    {"/v1/status", "/v1/status", "GET", true, Target::Status},
-    {"/livez", "/livez", "GET", false, Target::Live},
-    {"/readyz", "/readyz", "GET", false, Target::Ready},
-    {"/metrics", "/metrics", "GET", true, Target::Metrics},
-    {"/openapi.json", "/openapi.json", "GET", false, Target::OpenApi},
-};
-
-bool startsWith(const std::string& text, std::string_view beginning)
-{
-    return text.compare(0, beginning.size(), beginning) == 0;
-}
-
-// The path as it was written: nothing is decoded, so nothing can be hidden.
-const Route* findRoute(const std::string& path)
-{
-    for (const Route& route : routes) {
-        const std::string_view whole = route.path;
-        const bool takesName = whole.back() == '/';
-        if (takesName ? startsWith(path, whole) && path.find('/', whole.size()) == std::string::npos
-                      : path == whole)
-            return &route;
-    }
-    return nullptr;
-}
-
-const ConsoleFile* findFile(const std::string& path)
-{
-    for (const ConsoleFile& file : consoleFiles())
-        if (path == file.path || (path == "/index.html" && std::strcmp(file.path, "/") == 0))
-            return &file;
-    return nullptr;
-}
 
 // Of the library's escapes of a path, none.
 size_t keepEscapes(void* /*self*/, MHD_Connection* /*connection*/, char* text)
@@ -134,94 +82,6 @@ std::pair<std::string, std::string> addressOf(const sockaddr* address)
     inet_ntop(AF_INET6, &whole, text.data(), text.size());
     return {number, text.data()};
 }
-
-// RFC 9110, section 5.6.2.
-bool isHeaderName(std::string_view name)
-{
-    return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-               std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
-    });
-}
-
-bool isHeaderValue(std::string_view value)
-{
-    return std::none_of(value.begin(), value.end(), [](char c) {
-        return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F;
-    });
-}
-
-// What the routes and checks look at. Each may be there once.
-struct Headers {
-    std::string host;
-    std::string origin;
-    std::string fetchSite;
-    std::string authorization;
-    std::string contentType;
-    std::string contentLength;
-    std::string contentEncoding;
-    std::string transferEncoding;
-    std::string noneMatch;
-    std::string expect;
-
-    struct Known {
-        const char* name;
-        std::string Headers::*value;
-    };
-    static constexpr Known known[] = {
-        {"Host", &Headers::host},
-        {"Origin", &Headers::origin},
-        {"Sec-Fetch-Site", &Headers::fetchSite},
-        {"Authorization", &Headers::authorization},
-        {"Content-Type", &Headers::contentType},
-        {"Content-Length", &Headers::contentLength},
-        {"Content-Encoding", &Headers::contentEncoding},
-        {"Transfer-Encoding", &Headers::transferEncoding},
-        {"If-None-Match", &Headers::noneMatch},
-        {"Expect", &Headers::expect},
-    };
-
-    ~Headers() { wipe(authorization); }
-};
-
-// Gathers the headers, and what is wrong with them.
-struct HeaderReader {
-    explicit HeaderReader(Headers& into) : headers(into) {}
-
-    Headers& headers;
-    size_t count = 0;
-    size_t bytes = 0;
-    std::string twice;
-    bool isMalformed = false;
-    std::vector<const char*> seen;
-
-    static MHD_Result read(void* self, MHD_ValueKind /*kind*/, const char* name, size_t nameSize,
-                           const char* value, size_t valueSize)
-    {
-        static_cast<HeaderReader*>(self)->add({name, nameSize}, {value, valueSize});
-        return MHD_YES;
-    }
-
-    void add(std::string_view name, std::string_view value)
-    {
-        ++count;
-        bytes += name.size() + value.size() + 4;
-        isMalformed = isMalformed || !isHeaderName(name) || !isHeaderValue(value);
-        for (const auto& known : Headers::known) {
-            if (!equalIgnoringCase(name, known.name))
-                continue;
-            if (std::find(seen.begin(), seen.end(), known.name) != seen.end())
-                twice = known.name;
-            seen.push_back(known.name);
-            headers.*known.value = std::string(trimmed(value));
-        }
-    }
-
-    bool has(const char* name) const
-    {
-        return std::find(seen.begin(), seen.end(), std::string_view(name)) != seen.end();
-    }
-};
 
 void freeBody(void* body)
 {
@@ -260,6 +120,8 @@ struct Server::Exchange {
     }
     ~Exchange() { wipe(body); }
 
+    // Its own owner until it is over: an answer that comes later finds that out.
+    std::shared_ptr<Exchange> self;
     Connection& connection;
     MHD_Connection* const handle;
     std::string id = makeId();
@@ -274,7 +136,6 @@ struct Server::Exchange {
     bool isStarted = false;
     bool isDispatched = false;
     bool isSuspended = false;
-    bool hasBody = false;
     bool mustClose = false;
     std::string body;
     size_t received = 0;
@@ -481,12 +342,15 @@ void* Server::onUri(void* self, const char* uri, MHD_Connection* handle)
         MHD_get_connection_info(handle, MHD_CONNECTION_INFO_SOCKET_CONTEXT)->socket_context);
     const std::string_view whole = uri;
     const size_t query = whole.find('?');
-    auto* exchange = new Exchange(connection, handle);
+    auto exchange = std::make_shared<Exchange>(connection, handle);
+    exchange->self = exchange;
     exchange->path = std::string(whole.substr(0, query));
     exchange->hasQuery = query != std::string_view::npos;
-    connection.exchange = exchange;
+    connection.exchange = exchange.get();
+    // Time once more for what is behind the first line.
+    connection.deadline = after(Seconds(server.options_.readSeconds));
     ++server.active_;
-    return exchange;
+    return exchange.get();
 }
 
 MHD_Result Server::onRequest(void* self, MHD_Connection* /*handle*/, const char* /*url*/,
@@ -510,7 +374,9 @@ MHD_Result Server::take(Exchange& exchange, const char* method, const char* data
         exchange.isStarted = true;
         exchange.method = method;
         try {
-            readHeaders(exchange);
+            exchange.mustClose = true;
+            readHeaders(exchange.handle, exchange.headers);
+            exchange.mustClose = false;
             checkAccess(exchange);
             route(exchange, method);
             checkBody(exchange);
@@ -518,7 +384,7 @@ MHD_Result Server::take(Exchange& exchange, const char* method, const char* data
             exchange.answer = answerOf(refusal);
         }
         // A body that is refused is not waited for.
-        if (exchange.answer && exchange.hasBody) {
+        if (exchange.answer && exchange.headers.hasBody) {
             exchange.mustClose = true;
             return queue(exchange);
         }
@@ -560,42 +426,10 @@ MHD_Result Server::take(Exchange& exchange, const char* method, const char* data
     return queue(exchange);
 }
 
-void Server::readHeaders(Exchange& exchange)
-{
-    HeaderReader reader(exchange.headers);
-    MHD_get_connection_values_n(exchange.handle, MHD_HEADER_KIND, &HeaderReader::read, &reader);
-    const Headers& headers = exchange.headers;
-    const bool isChunked = reader.has("Transfer-Encoding");
-    exchange.hasBody = isChunked || (reader.has("Content-Length") && headers.contentLength != "0");
-
-    // What two readers of the same bytes could take for different requests is refused
-    // whole, and the connection with it.
-    exchange.mustClose = true;
-    if (!reader.twice.empty())
-        throw Refusal("malformed", reader.twice, reader.twice + " is given twice");
-    if (reader.isMalformed)
-        throw Refusal("malformed", "", "a header is not of its form");
-    if (isChunked && reader.has("Content-Length"))
-        throw Refusal("malformed", "Content-Length",
-                      "Content-Length and Transfer-Encoding exclude each other");
-    if (isChunked && !equalIgnoringCase(headers.transferEncoding, "chunked"))
-        throw Refusal("malformed", "Transfer-Encoding", "the body can only be chunked");
-    if (reader.has("Content-Length") &&
-        (headers.contentLength.empty() ||
-         headers.contentLength.find_first_not_of("0123456789") != std::string::npos))
-        throw Refusal("malformed", "Content-Length", "Content-Length is not a number");
-    if (reader.count > mostHeaders || reader.bytes > longestHeaders)
-        throw Refusal("headers_too_large", "",
-                      "there are more than " + std::to_string(mostHeaders) +
-                          " headers, or more than " + std::to_string(longestHeaders) + " bytes");
-    exchange.mustClose = false;
-}
-
 void Server::checkAccess(Exchange& exchange)
 {
     const Headers& headers = exchange.headers;
-    const std::string& path = exchange.path;
-    const bool isApi = startsWith(path, "/v1/") || path == "/v1" || path == "/metrics";
+    const bool isApi = needsToken(exchange.path);
 
     if (!sites_.isHost(headers.host))
         throw Refusal("forbidden_host", "Host", "the host is not known by the name in Host");
@@ -630,15 +464,13 @@ void Server::route(Exchange& exchange, const char* method)
 void Server::checkBody(Exchange& exchange)
 {
     const Headers& headers = exchange.headers;
-    if (!exchange.hasBody)
+    if (!headers.hasBody)
         return;
     if (exchange.route == nullptr || exchange.route->method != std::string_view("POST"))
         throw Refusal("malformed", "", "this path takes no body");
     if (!headers.contentEncoding.empty())
         throw Refusal("unsupported_type", "Content-Encoding", "the body is encoded once more");
-    // More digits than a number of bytes has, or more bytes than are taken.
-    const std::string& length = headers.contentLength;
-    const size_t bytes = length.empty() ? 0 : length.size() > 18 ? SIZE_MAX : std::stoul(length);
+    const size_t bytes = headers.bodySize();
     if (bytes > options_.bodyBytes)
         throw Refusal("too_large", "",
                       "the body has more than " + std::to_string(options_.bodyBytes) + " bytes");
@@ -648,14 +480,17 @@ void Server::checkBody(Exchange& exchange)
 
 void Server::dispatch(Exchange& exchange)
 {
-    const auto done = [this, &exchange](Answer answer) {
+    const auto done = [this, weak = std::weak_ptr(exchange.self)](Answer answer) {
+        const std::shared_ptr<Exchange> waiting = weak.lock();
+        if (waiting == nullptr)
+            return;
         if (draining_ && answer.code == "busy")
             answer = answerOf(Refusal("draining", "", "the host stopped before the request began"));
-        exchange.answer = std::move(answer);
-        if (!exchange.isSuspended)
+        waiting->answer = std::move(answer);
+        if (!waiting->isSuspended)
             return;
-        exchange.isSuspended = false;
-        MHD_resume_connection(exchange.handle);
+        waiting->isSuspended = false;
+        MHD_resume_connection(waiting->handle);
     };
     if (exchange.file != nullptr) {
         exchange.answer = Answer();
@@ -664,13 +499,13 @@ void Server::dispatch(Exchange& exchange)
     const std::string& type = exchange.headers.contentType;
     switch (exchange.route->target) {
         case Target::Request:
-            return service_.request(exchange.path.substr(strlen(exchange.route->path)), type,
-                                    exchange.body, done);
+            return service_.request(nameBehind(*exchange.route, exchange.path), type, exchange.body,
+                                    done);
         case Target::Batch:
             return service_.batch(type, exchange.body, done);
         case Target::Peer:
-            return service_.peer(exchange.path.substr(strlen(exchange.route->path)), type,
-                                 exchange.body, done);
+            return service_.peer(nameBehind(*exchange.route, exchange.path), type, exchange.body,
+                                 done);
         case Target::Ready:
             return service_.probe(done);
         case Target::Catalogue:
@@ -753,10 +588,10 @@ void Server::onCompleted(void* self, MHD_Connection* /*handle*/, void** context,
                          MHD_RequestTerminationCode how)
 {
     Server& server = *static_cast<Server*>(self);
-    const std::unique_ptr<Exchange> exchange(static_cast<Exchange*>(*context));
-    *context = nullptr;
-    if (exchange == nullptr)
+    if (*context == nullptr)
         return;
+    const std::shared_ptr<Exchange> exchange = std::move(static_cast<Exchange*>(*context)->self);
+    *context = nullptr;
     server.bodyBytes_ -= exchange->body.size();
     --server.active_;
     Connection& connection = exchange->connection;
@@ -784,7 +619,7 @@ void Server::onCompleted(void* self, MHD_Connection* /*handle*/, void** context,
         {"milliseconds", std::round(Seconds(Clock::now() - exchange->start).count() * 1e6) / 1e3},
         {"whole", how == MHD_REQUEST_TERMINATED_COMPLETED_OK}};
     if (exchange->route != nullptr && exchange->route->target == Target::Request) {
-        const std::string name = exchange->path.substr(strlen(exchange->route->path));
+        const std::string name = nameBehind(*exchange->route, exchange->path);
         if (findRequest(name) != nullptr)
             entry["request"] = name;
     }

@@ -48,7 +48,6 @@ private:
 
     void listen();
     MHD_Result take(Exchange& exchange, const char* method, const char* data, size_t* size);
-    void readHeaders(Exchange& exchange);
     void checkAccess(Exchange& exchange);
     void checkBody(Exchange& exchange);
     void route(Exchange& exchange, const char* method);

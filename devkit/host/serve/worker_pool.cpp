@@ -16,6 +16,9 @@ namespace {
 // of before, up to this.
 constexpr double longestDelay = 5;
 
+// A worker that dies again and again without having served is not started at once.
+constexpr unsigned mostIdleLives = 5;
+
 }  // namespace
 
 WorkerPool::WorkerPool(EventLoop& loop, PoolOptions options, std::function<void()> onReady,
@@ -50,6 +53,8 @@ void WorkerPool::start(size_t slot)
     place.info.pid = place.process->pid();
     place.watch = loop_.watch(place.process->socket(), EPOLLIN,
                               [this, slot](uint32_t events) { onEvents(slot, events); });
+    place.servedBefore = place.info.served;
+    limitTime(slot);
 }
 
 void WorkerPool::startLater(size_t slot)
@@ -91,6 +96,7 @@ void WorkerPool::onReply(size_t slot, WireReply& reply)
 {
     Slot& place = slots_[slot];
     if (reply.kind == WireReply::Ready && !place.info.everReady) {
+        unlimitTime(place);
         place.info.everReady = true;
         place.info.state = State::Idle;
         place.failedStarts = 0;
@@ -100,21 +106,28 @@ void WorkerPool::onReply(size_t slot, WireReply& reply)
     if (!place.current || reply.kind == WireReply::Ready)
         return end(slot, Ending::Died);
 
-    Task task = takeCurrent(place);
+    Task task = std::move(*place.current);
+    place.current.reset();
+    unlimitTime(place);
     place.info.state = State::Idle;
     ++place.info.served;
     task.done(Ending::Answered, reply, lifeOf(slot));
     wipe(reply.results);
 }
 
-Task WorkerPool::takeCurrent(Slot& place)
+void WorkerPool::limitTime(size_t slot)
 {
-    Task task = std::move(*place.current);
-    place.current.reset();
+    slots_[slot].timer = loop_.at(after(options_.taskTime), [this, slot] {
+        slots_[slot].timer.reset();
+        end(slot, Ending::TimedOut);
+    });
+}
+
+void WorkerPool::unlimitTime(Slot& place)
+{
     if (place.timer)
         loop_.cancel(*place.timer);
     place.timer.reset();
-    return task;
 }
 
 void WorkerPool::end(size_t slot, Ending ending)
@@ -122,6 +135,9 @@ void WorkerPool::end(size_t slot, Ending ending)
     Slot& place = slots_[slot];
     const WorkerLife life = lifeOf(slot);
     const bool wasReady = place.info.everReady;
+    const bool wasIdle = place.info.served == place.servedBefore && !place.current;
+    place.idleLives = wasReady && wasIdle ? place.idleLives + 1 : 0;
+    unlimitTime(place);
     loop_.unwatch(place.watch);
     place.process.reset();
     place.info.pid = -1;
@@ -131,14 +147,15 @@ void WorkerPool::end(size_t slot, Ending ending)
     // Replaced before its tasks are told, which takes no time.
     if (!stopping_) {
         ++place.info.restarts;
-        if (wasReady)
+        if (wasReady && place.idleLives < mostIdleLives)
             start(slot);
         else
             startLater(slot);
     }
 
     if (place.current) {
-        Task task = takeCurrent(place);
+        Task task = std::move(*place.current);
+        place.current.reset();
         tell(task, ending, life);
     }
     std::deque<Waiting> bound = std::move(place.bound);
@@ -198,10 +215,7 @@ void WorkerPool::begin(size_t slot, std::deque<Waiting>& queue)
     --queued_;
 
     place.info.state = State::Busy;
-    place.timer = loop_.at(after(options_.taskTime), [this, slot] {
-        slots_[slot].timer.reset();
-        end(slot, Ending::TimedOut);
-    });
+    limitTime(slot);
     Task& task = *place.current;
     place.process->post(encode(task.request), std::move(task.files));
     task.files.clear();
@@ -270,16 +284,17 @@ void WorkerPool::stop(Seconds grace)
             place.process->hangUp();
 
     const auto deadline = after(grace);
-    for (Slot& place : slots_) {
-        while (place.info.pid > 0 && waitpid(place.info.pid, nullptr, WNOHANG) == 0 &&
+    for (size_t slot = 0; slot < slots_.size(); ++slot) {
+        Slot& place = slots_[slot];
+        if (!place.process)
+            continue;
+        const pid_t pid = place.info.pid;
+        bool isCollected = false;
+        while (place.info.everReady && !(isCollected = waitpid(pid, nullptr, WNOHANG) == pid) &&
                Clock::now() < deadline)
             usleep(2000);
-    }
-    for (size_t slot = 0; slot < slots_.size(); ++slot) {
-        const pid_t pid = slots_[slot].info.pid;
-        if (slots_[slot].process)
-            end(slot, Ending::NotServed);
-        if (pid > 0)
+        end(slot, Ending::NotServed);
+        if (!isCollected)
             waitpid(pid, nullptr, 0);
     }
     std::deque<Waiting> shared = std::move(shared_);

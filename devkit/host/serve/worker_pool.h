@@ -45,7 +45,7 @@ struct PoolOptions {
     std::string program;               // its file
     std::vector<std::string> command;  // its name and arguments
     size_t workers = 1;
-    Seconds taskTime{30};  // for a task, and for its waiting
+    Seconds taskTime{30};  // for a task, for its waiting, and for a worker's start
 };
 
 class WorkerPool {
@@ -95,8 +95,11 @@ private:
         EventLoop::WatchId watch = 0;
         std::deque<Waiting> bound;
         std::optional<Task> current;
-        std::optional<EventLoop::Timer> timer;  // of the current task
+        std::optional<EventLoop::Timer> timer;  // of the start or the current task
         unsigned failedStarts = 0;
+        // Lives one after the other that were ready and ended before they served anything.
+        unsigned idleLives = 0;
+        uint64_t servedBefore = 0;  // this life
     };
 
     void start(size_t slot);
@@ -107,7 +110,8 @@ private:
     void pump();
     void begin(size_t slot, std::deque<Waiting>& queue);
     void giveUp(uint64_t serial);
-    Task takeCurrent(Slot& place);
+    void limitTime(size_t slot);
+    void unlimitTime(Slot& place);
     void tell(Task& task, Ending ending, WorkerLife life);
     WorkerLife lifeOf(size_t slot) const { return {slot, slots_[slot].info.generation}; }
 

@@ -4,6 +4,7 @@
 #include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
 #include <array>
 #include <cerrno>
@@ -45,11 +46,18 @@ WorkerProcess::WorkerProcess(const std::string& program, const std::vector<std::
     posix_spawn_file_actions_destroy(&actions);
     if (failure != 0)
         throw std::system_error(failure, std::generic_category(), "cannot start a worker");
+    // Nobody else collects its exit status, so the number is still its own.
+    process_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
+    if (!process_) {
+        const int reason = errno;
+        kill(pid_, SIGKILL);
+        throw std::system_error(reason, std::generic_category(), "cannot watch a worker");
+    }
 }
 
 WorkerProcess::~WorkerProcess()
 {
-    kill(pid_, SIGKILL);
+    syscall(SYS_pidfd_send_signal, process_.get(), SIGKILL, nullptr, 0);
     wipe(outgoing_);
     wipe(incoming_);
 }

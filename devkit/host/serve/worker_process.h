@@ -43,6 +43,7 @@ public:
 private:
     Descriptor socket_;
     pid_t pid_ = -1;
+    Descriptor process_;  // for signals: a number may be another process's by then
     std::string outgoing_;
     size_t sent_ = 0;
     std::vector<Descriptor> files_;
