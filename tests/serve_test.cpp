@@ -647,4 +647,71 @@ TEST(ServeStart, SpeaksTls)
     fs::remove_all(folder);
 }
 
+// ---- The bundled other side of a key exchange.
+
+class ServePeer : public Serve {
+protected:
+    HttpAnswer step(const ServedHost& host, const std::string& name, const Json& members) const
+    {
+        return host.ask("POST", "/v1/peer/" + name, {{"Content-Type", "application/json"}},
+                        members.dump());
+    }
+};
+
+TEST_F(ServePeer, RefusesWhatIsNoStepOfAnExchange)
+{
+    const ServedHost host;
+    EXPECT_EQ(true, host.status()["peer"]);
+    EXPECT_EQ("not_found", step(host, "nothing", Json::object()).code());
+    EXPECT_EQ(404U, step(host, "nothing", Json::object()).status);
+    const HttpAnswer missing = step(host, "answer", Json::object());
+    EXPECT_EQ(400U, missing.status);
+    EXPECT_EQ("hello", missing.json()["error"]["field"]);
+    EXPECT_EQ("wrong_type", step(host, "answer", {{"hello", {{"hex", "00"}}}}).code());
+
+    for (const auto& [name, members] : std::vector<std::pair<std::string, Json>>{
+             {"answer", {{"hello", "no Base64!"}}},
+             {"answer", {{"hello", "AAAA"}}},
+             {"decrypt", {{"exchange", "forged"}, {"data", "AAAA"}}},
+             {"finish", {{"exchange", ""}, {"message", "AAAA"}}}}) {
+        const HttpAnswer answer = step(host, name, members);
+        EXPECT_EQ(200U, answer.status) << name;
+        EXPECT_EQ("peer_refused", answer.code()) << name << members;
+        EXPECT_EQ("peer", answer.json()["error"]["source"]) << name;
+        EXPECT_EQ(Json::object(), answer.json()["results"]) << name;
+    }
+}
+
+TEST_F(ServePeer, HasNoKeysBeforeTheExchangeIsFinished)
+{
+    const ServedHost host;
+    const Json begun = step(host, "answer", {{"hello", encoded(std::string(32, 'h'))}}).json();
+    EXPECT_EQ(nullptr, begun["error"]);
+    EXPECT_EQ(step(host, "root", Json::object()).json()["results"]["root"],
+              begun["results"]["root"]);
+    EXPECT_EQ("peer_refused",
+              step(host, "encrypt", {{"exchange", begun["results"]["exchange"]}, {"data", "AAAA"}})
+                  .code());
+}
+
+TEST_F(ServePeer, ThatDiesIsReplaced)
+{
+    const ServedHost host;
+    const Json root = step(host, "root", Json::object()).json()["results"]["root"];
+    const pid_t first = host.peer();
+    ASSERT_GT(first, 0);
+    kill(first, SIGKILL);
+    EXPECT_TRUE(eventually([&] { return host.peer() != first; }));
+    const Json again = step(host, "root", Json::object()).json();
+    EXPECT_EQ(nullptr, again["error"]);
+    EXPECT_NE(root, again["results"]["root"]);
+}
+
+TEST_F(ServePeer, CanBeLeftOut)
+{
+    const ServedHost host({"--no-peer"});
+    EXPECT_EQ(false, host.status()["peer"]);
+    EXPECT_EQ(404U, step(host, "root", Json::object()).status);
+}
+
 }  // namespace

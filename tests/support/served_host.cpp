@@ -110,7 +110,7 @@ bool isRunning(pid_t pid)
     return end != std::string::npos && stat.compare(end, 3, ") Z") != 0;
 }
 
-std::vector<pid_t> childrenOf(pid_t pid)
+std::vector<pid_t> childrenOf(pid_t pid, const std::string& command)
 {
     std::vector<pid_t> children;
     for (const auto& entry : fs::directory_iterator("/proc")) {
@@ -123,7 +123,7 @@ std::vector<pid_t> childrenOf(pid_t pid)
         int parent = -1;
         if (end != std::string::npos &&
             sscanf(stat.c_str() + end, ") %c %d", &state, &parent) == 2 && parent == pid &&
-            state != 'Z')
+            state != 'Z' && readWhole(entry.path() / "cmdline").c_str() == command)
             children.push_back(atoi(name.c_str()));
     }
     std::sort(children.begin(), children.end());
@@ -345,6 +345,17 @@ std::vector<pid_t> ServedHost::workers(size_t count) const
 {
     eventually([&] { return metric("corvane_workers_ready") == static_cast<double>(count); });
     return childrenOf(pid_);
+}
+
+pid_t ServedHost::peer() const
+{
+    pid_t pid = -1;
+    eventually([&] {
+        const std::vector<pid_t> found = childrenOf(pid_, "corvane-ke-peer");
+        pid = found.empty() ? -1 : found.front();
+        return pid > 0;
+    });
+    return pid;
 }
 
 void ServedHost::signal(int number) const

@@ -86,8 +86,10 @@ public:
     // A row of the metrics; -1 without it.
     double metric(const std::string& row) const;
 
-    // Its children, once `count` of them run and can serve.
+    // Its workers, once `count` of them run and can serve.
     std::vector<pid_t> workers(size_t count = 2) const;
+    // The process of the key exchange's other side.
+    pid_t peer() const;
 
     void signal(int number) const;
     // Whether it has ended by itself.
@@ -123,8 +125,8 @@ bool eventually(const std::function<bool()>& holds);
 // Whether a process exists and has not ended, collected or not.
 bool isRunning(pid_t pid);
 
-// The children of a process.
-std::vector<pid_t> childrenOf(pid_t pid);
+// The children of a process that were started under this name: its workers.
+std::vector<pid_t> childrenOf(pid_t pid, const std::string& command = "corvane-host");
 
 }  // namespace support
 
