@@ -73,12 +73,6 @@ static_analysis() {
         quietly clang-tidy tests/tidy.sh src devkit/engine devkit/params devkit/peer
 }
 
-# Clang runs the plug-in's own tests, for the coverage, and compiles everything. (It builds
-# the fuzzers too, which run the devkit.)
-clang_and_coverage() {
-    tests/coverage.sh && quietly coverage cmake --build build/coverage
-}
-
 # All programs but the one that compiles headers, which no sanitizer sees.
 address_sanitizer() {
     build_preset asan all && run_ctest asan -E '^headers_test$'
@@ -112,7 +106,7 @@ if [ "${1-}" = all ]; then
         "${browser_packages[@]}"
     stage "formatting" formatting
     stage "static analysis" static_analysis
-    stage "Clang and coverage" clang_and_coverage
+    stage "coverage, by Clang" tests/coverage.sh
     stage "address and undefined behaviour sanitizers" address_sanitizer
     stage "thread sanitizer" thread_sanitizer
     stage "valgrind" valgrind_doubles

@@ -71,7 +71,7 @@ const char* statusName(Status status)
 std::string inOneLine(std::string text)
 {
     std::replace_if(
-        text.begin(), text.end(), [](char c) { return c >= '\0' && c < ' '; }, ' ');
+        text.begin(), text.end(), [](unsigned char c) { return c < 0x20; }, ' ');
     return text;
 }
 
