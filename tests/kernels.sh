@@ -36,7 +36,7 @@ run_on() {
     fi
 }
 export -f run_on
-export build results
+export build results CORVANE_CLIENT_REQUESTS=300
 
 programs=("${plugin_programs[@]}" concurrency_test)
 status=0

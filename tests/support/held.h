@@ -24,9 +24,9 @@ constexpr bool sanitized = false;
 // Whether this runs in an emulator, which makes programs slower and keeps memory of its own.
 constexpr bool emulated = sizeof CORVANE_EMULATOR > 1;
 
-// The step of loops that damage a message at every place: at every seventh where programs are
-// many times slower.
-constexpr size_t EVERY_PLACE = emulated || sanitized ? 7 : 1;
+// The step of loops that damage a message at every place, larger where programs are many times
+// slower.
+constexpr size_t EVERY_PLACE = emulated ? 23 : sanitized ? 7 : 1;
 
 struct Held {
     size_t resident = 0;     // bytes of the process in memory, an emulator's too

@@ -98,7 +98,7 @@ constexpr size_t FEW_VECTORS = 20;
 
 // Files of the form that NIST's programs write: paragraphs of "NAME = value" lines, one
 // vector each. A word alone, such as FAIL, is a field without a value; indented lines
-// show how a value came about. Where programs are slow, long files give every seventh vector.
+// show how a value came about. Where programs are slow, long files give some of their vectors.
 inline std::vector<Vector> readVectors(const std::string& file)
 {
     std::vector<Vector> vectors;
