@@ -19,7 +19,7 @@ void staysFlat(const char* variable, int rounds, Round round)
     if (const char* asked = getenv(variable))
         rounds = atoi(asked);
     else if (sanitized || emulated)
-        rounds = emulated ? 4 : 20;
+        rounds = emulated ? 8 : 20;
     ASSERT_GE(rounds, 4);
 
     Held first;

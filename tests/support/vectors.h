@@ -178,7 +178,7 @@ class Tally {
 public:
     Tally(std::string file, size_t minimum)
         : m_file(std::move(file)),
-          m_minimum(EVERY_PLACE > 1 ? std::max<size_t>(1, minimum / (2 * EVERY_PLACE)) : minimum)
+          m_minimum(EVERY_PLACE > 1 ? std::max<size_t>(1, minimum / (EVERY_PLACE + 1)) : minimum)
     {
     }
     Tally(const Tally&) = delete;
