@@ -236,6 +236,10 @@ void CWebOperateAvenSoftModule::replyCode(int code)
     AddRetStrToParamsMap("errorCode", GetStrErrorForInt(code));
 }
 
+// The handlers. All that may fail stands in the `try`; a failure leaves its code and what
+// there is of the output behind. The results are written after it, at one place and once,
+// and an engine object is freed once, whichever way the `try` ended.
+
 void CWebOperateAvenSoftModule::makeaVen_GetVersion()
 {
     int code = 0;
@@ -245,24 +249,27 @@ void CWebOperateAvenSoftModule::makeaVen_GetVersion()
         out = m_softMoudleAven.aven_version();
         // 0 if the engine is loaded but has no version text.
         require(present(out), code, m_softMoudleAven.get_ErrorCode());
-        reply(std::move(out), 0);
     } catch (...) {
-        reply("", code);
+        out.clear();
     }
+    reply(std::move(out), code);
 }
 
 // Answers with "Data" alone, whatever happens: the text is an explanation of a code, not
 // an outcome of its own.
 void CWebOperateAvenSoftModule::makeaVen_strerror()
 {
+    std::string text;
+
     try {
         std::string error = param("strErr");
         if (!present(error))
             throw "";
-        AddRetStrToParamsMap("Data", m_softMoudleAven.aven_strerror(std::move(error)));
+        text = m_softMoudleAven.aven_strerror(std::move(error));
     } catch (...) {
-        AddRetStrToParamsMap("Data", "");
+        text.clear();
     }
+    AddRetStrToParamsMap("Data", std::move(text));
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_base64_encode()
@@ -276,10 +283,11 @@ void CWebOperateAvenSoftModule::makeaven_crypto_base64_encode()
         code = m_softMoudleAven.aven_crypto_base64_encode(true, std::move(in), out);
         if (code != 0)
             throw "";
-        reply(toUrlAlphabet(std::move(out)), 0);
+        out = toUrlAlphabet(std::move(out));
     } catch (...) {
-        reply("", code);
+        out.clear();
     }
+    reply(std::move(out), code);
 }
 
 // Escapes its output, which may be any bytes; the encoding twin has no need to.
@@ -295,10 +303,11 @@ void CWebOperateAvenSoftModule::makeaven_crypto_base64_Decode()
                                                           out);
         if (code != 0)
             throw "";
-        reply(JsonUrlEncode(std::move(out)), 0);
+        out = JsonUrlEncode(std::move(out));
     } catch (...) {
-        reply("", code);
+        out.clear();
     }
+    reply(std::move(out), code);
 }
 
 // The requests that make something of a session (this one, the client hello and the
@@ -312,10 +321,11 @@ void CWebOperateAvenSoftModule::makeaven_ke_new()
         code = m_softMoudleAven.aven_ke_new(ke);
         if (ke.empty())
             throw "";
-        reply(std::move(ke), 0);
+        code = 0;
     } catch (...) {
-        reply("", code);
+        ke.clear();
     }
+    reply(std::move(ke), code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_free()
@@ -328,10 +338,9 @@ void CWebOperateAvenSoftModule::makeaven_ke_free()
         code = m_softMoudleAven.aven_ke_free(std::move(ke));
         if (code != 0)
             throw "";
-        replyCode(0);
-    } catch (...) {
-        replyCode(code);
+    } catch (...) {  // the code tells it
     }
+    replyCode(code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_set_public_key()
@@ -361,10 +370,9 @@ void CWebOperateAvenSoftModule::setSessionKeys(const char* sigName, const char* 
                                        toStandardAlphabet(std::move(enc)), std::move(password));
         if (code != 0)
             throw "";
-        replyCode(0);
-    } catch (...) {
-        replyCode(code);
+    } catch (...) {  // the code tells it
     }
+    replyCode(code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_set_root_certificate()
@@ -382,10 +390,9 @@ void CWebOperateAvenSoftModule::makeaven_ke_set_root_certificate()
                                                              std::move(caPath));
         if (code != 0)
             throw "";
-        replyCode(0);
-    } catch (...) {
-        replyCode(code);
+    } catch (...) {  // the code tells it
     }
+    replyCode(code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_client_hello()
@@ -399,10 +406,12 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_hello()
         code = m_softMoudleAven.aven_ke_client_hello(std::move(ke), out);
         if (out.empty())
             throw "";
-        reply(toUrlBase64(out), 0);
+        out = toUrlBase64(out);
+        code = 0;
     } catch (...) {
-        reply("", code);
+        out.clear();
     }
+    reply(std::move(out), code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
@@ -423,10 +432,12 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
             fromUrlBase64(std::move(encCert)), fromUrlBase64(std::move(signature)), out);
         if (out.empty())
             throw "";
-        reply(toUrlBase64(out), 0);
+        out = toUrlBase64(out);
+        code = 0;
     } catch (...) {
-        reply("", code);
+        out.clear();
     }
+    reply(std::move(out), code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_encrypt()
@@ -465,10 +476,11 @@ void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperatio
         code = (m_softMoudleAven.*operation)(std::move(ke), std::move(data), out);
         if (out.empty())
             throw "";
-        reply(toUrlBase64(out), 0);
-    } catch (...) {
-        reply(std::move(out), code);
+        out = toUrlBase64(out);
+        code = 0;
+    } catch (...) {  // the output is told as it stands
     }
+    reply(std::move(out), code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_public_encrypt()
@@ -525,12 +537,12 @@ void CWebOperateAvenSoftModule::usePublicKey(ReadKey readKey, BlockOperation ope
         if (code != 0 || out.empty())
             throw "";
 
-        reply(toUrlBase64(out), 0);
-        freeKeypair(keypair);
+        out = toUrlBase64(out);
     } catch (...) {
-        freeKeypair(keypair);
-        reply(std::move(out), code);
+        freeKeypair(std::exchange(keypair, nullptr));  // before the failure is told
     }
+    reply(std::move(out), code);
+    freeKeypair(keypair);
 }
 
 void CWebOperateAvenSoftModule::freeKeypair(void* keypair)
@@ -568,12 +580,10 @@ void CWebOperateAvenSoftModule::makeaven_crypto_encrypt()
 
         out = toUrlBase64(out);
         tag = toUrlBase64(tag);
-        reply(std::move(out), 0);
-        AddRetStrToParamsMap("gcmOutTag", std::move(tag));
-    } catch (...) {
-        reply(std::move(out), code);
-        AddRetStrToParamsMap("gcmOutTag", std::move(tag));
+    } catch (...) {  // both outputs are told as they stand
     }
+    reply(std::move(out), code);
+    AddRetStrToParamsMap("gcmOutTag", std::move(tag));
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
@@ -598,10 +608,10 @@ void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
                                                     out);
         if (code != 0 || out.empty())
             throw "";
-        reply(toUrlBase64(out), 0);
-    } catch (...) {
-        reply(std::move(out), code);
+        out = toUrlBase64(out);
+    } catch (...) {  // the output is told as it stands
     }
+    reply(std::move(out), code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_gen_symmkey()
@@ -618,10 +628,10 @@ void CWebOperateAvenSoftModule::makeaven_crypto_gen_symmkey()
         code = m_softMoudleAven.aven_crypto_gen_symmkey(alg, out);
         if (code != 0 || out.empty())
             throw "";
-        reply(toUrlBase64(out), 0);
-    } catch (...) {
-        reply(std::move(out), code);
+        out = toUrlBase64(out);
+    } catch (...) {  // the output is told as it stands
     }
+    reply(std::move(out), code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_hmac()
@@ -656,10 +666,10 @@ void CWebOperateAvenSoftModule::useMac(const char* algName, int algs, BlockOpera
         code = (m_softMoudleAven.*operation)(&block, std::move(data), out);
         if (code != 0 || out.empty())
             throw "";
-        reply(toUrlBase64(out), 0);
-    } catch (...) {
-        reply(std::move(out), code);
+        out = toUrlBase64(out);
+    } catch (...) {  // the output is told as it stands
     }
+    reply(std::move(out), code);
 }
 
 // Takes its input byte for byte, not as Base64. Hash 0, the engine's default, is allowed
@@ -683,10 +693,10 @@ void CWebOperateAvenSoftModule::makeaven_crypto_kdf()
         code = m_softMoudleAven.aven_crypto_kdf(hash, std::move(source), length, out);
         if (code != 0 || out.empty())
             throw "";
-        reply(toUrlBase64(out), 0);
-    } catch (...) {
-        reply(std::move(out), code);
+        out = toUrlBase64(out);
+    } catch (...) {  // the output is told as it stands
     }
+    reply(std::move(out), code);
 }
 
 // The envelope requests are no mirror images: this one takes plain text and answers in
@@ -717,10 +727,11 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_encrypt()
         code = m_softMoudleAven.aven_crypto_envelope_encrypt(&block, std::move(data), out);
         if (code != 0)
             throw "";
-        reply(toUrlBase64(out), 0);
+        out = toUrlBase64(out);
     } catch (...) {
-        reply("", code);
+        out.clear();
     }
+    reply(std::move(out), code);
     m_softMoudleAven.aven_certificate_free(certificate);
 }
 
@@ -752,10 +763,11 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_decrypt()
         code = m_softMoudleAven.aven_crypto_envelope_decrypt(&block, std::move(envelope), out);
         if (code != 0)
             throw "";
-        reply(JsonUrlEncode(std::move(out)), 0);
+        out = JsonUrlEncode(std::move(out));
     } catch (...) {
-        reply("", code);
+        out.clear();
     }
+    reply(std::move(out), code);
     m_softMoudleAven.aven_keypair_free(keypair);
 }
 
@@ -790,8 +802,8 @@ void CWebOperateAvenSoftModule::useWhiteBox(WhiteBoxOperation operation)
         code = (m_softMoudleAven.*operation)(std::move(key), std::move(iv), data, out);
         if (code != 0 || out.empty())
             throw "";
-        reply(toUrlBase64(out), 0);
-    } catch (...) {
-        reply(std::move(out), code);
+        out = toUrlBase64(out);
+    } catch (...) {  // the output is told as it stands
     }
+    reply(std::move(out), code);
 }

@@ -29,9 +29,20 @@ long lengthOf(const std::string& text)
     return static_cast<long>(text.length());
 }
 
+// Calls the module for something whose failure nobody is told: neither the module's code
+// nor what it throws goes any further.
+template <class Function>
+void ignoreFailure(Function function)
+{
+    try {
+        function();
+    } catch (...) {
+    }
+}
+
 // The two-call read of a value, straight into the text that is returned: the buffer has
 // one byte more than the value and is zero-filled. The module decides how many bytes
-// count, but never more than it announced.
+// count, but never more than it announced. What it throws passes: half a value is none.
 std::string readValue(int (CorvaneParamsClass::*read)(char*, long, char*, long*), std::string name)
 {
     long length = 0;
@@ -105,7 +116,7 @@ CWebServerBase::~CWebServerBase() = default;
 
 std::string CWebServerBase::ReturnRequest()
 {
-    params()._aven_ClearHttpParams();
+    ignoreFailure([] { params()._aven_ClearHttpParams(); });
     return "";
 }
 
@@ -118,7 +129,9 @@ void CWebServerBase::InsertStringValueFromMapParams(std::string name, std::strin
 {
     if (value.empty())
         return;
-    params()._aven_AddHttpParams(name.data(), lengthOf(name), value.data(), lengthOf(value));
+    ignoreFailure([&] {
+        params()._aven_AddHttpParams(name.data(), lengthOf(name), value.data(), lengthOf(value));
+    });
 }
 
 int CWebServerBase::ChangedParamsValueByInputName(std::string name, std::string value)
@@ -136,14 +149,16 @@ void CWebServerBase::AddRetStrToParamsMap(std::string name, std::string value)
 {
     if (name.empty())
         return;
-    params()._aven_AddRetParams(name.data(), lengthOf(name), value.data(), lengthOf(value));
+    ignoreFailure([&] {
+        params()._aven_AddRetParams(name.data(), lengthOf(name), value.data(), lengthOf(value));
+    });
 }
 
 void CWebServerBase::ClearRetParamsMap(int alsoCustom)
 {
-    params()._aven_ClearRetParams();
+    ignoreFailure([] { params()._aven_ClearRetParams(); });
     if (alsoCustom != 0)
-        params()._aven_ClearRetCustomParam();
+        ignoreFailure([] { params()._aven_ClearRetCustomParam(); });
 }
 
 int CWebServerBase::SetRetCustomStr(std::string text)

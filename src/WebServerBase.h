@@ -19,14 +19,16 @@ public:
     std::string ReturnRequest();
 
     // Parameters, through the parameter module. Values may hold any bytes. A read of a
-    // name that is absent gives the empty text, like one of an empty value.
+    // name that is absent gives the empty text, like one of an empty value. What the module
+    // throws leaves the members that return something of the module's; those that return
+    // nothing, and ReturnRequest, drop it.
     std::string GetFindNameStringValueFromMapParams(std::string name);
     void InsertStringValueFromMapParams(std::string name,
                                         std::string value);  // not if value is empty
     int ChangedParamsValueByInputName(std::string name, std::string value);  // the module's code
     std::string GetRetStrToParamsMap(std::string name);
     void AddRetStrToParamsMap(std::string name,
-                              std::string value);  // not if name is empty; never throws
+                              std::string value);  // not if name is empty
     void ClearRetParamsMap(int alsoCustom);
     int SetRetCustomStr(std::string text);  // the module's code
 

@@ -81,7 +81,7 @@ size_t decodeGroups(const unsigned char* in, size_t len, Base64Alphabet alphabet
 template <class Next, class Put>
 void decodeRest(Next next, Put put)
 {
-    unsigned s[4] = {};
+    std::array<unsigned, 4> s = {};
     size_t filled = 0;
     const auto putGroup = [&](size_t bytes) {
         if (bytes > 0)
@@ -96,6 +96,7 @@ void decodeRest(Next next, Put put)
         s[filled++] = static_cast<unsigned>(sextet);
         if (filled == 4) {
             putGroup(3);
+            s = {};  // what is missing of the last group counts as zero
             filled = 0;
         }
     }

@@ -17,15 +17,6 @@ std::string base64_encode(const unsigned char* bytes, unsigned int len);
 // is accepted, a single leftover character gives nothing. Never fails.
 std::string base64_decode(const std::string& text);
 
-#pragma GCC visibility pop
-
-// For the request handlers: URL-safe Base64, which has "-" and "_" in place of "+" and
-// "/". Decoding takes either form, also mixed, and works in place: it turns the text
-// into its bytes. Both are what base64_encode and base64_decode give with these
-// characters exchanged behind and before them.
-std::string base64_encode_url(const unsigned char* bytes, size_t len);
-void base64_decode_url(std::string& text);
-
 // Whether the decoder accepts a character: isalnum in the process's locale, "+" or
 // "/". A letter that a locale adds to ASCII decodes like sextet value 255.
 bool is_base64(unsigned char c);
@@ -36,5 +27,14 @@ bool is_base64(unsigned char c);
 std::wstring base64_encode_w(const unsigned int* chars, unsigned int len);
 std::wstring base64_decode_w(const std::wstring& text);
 bool is_base64_w(unsigned int wc);
+
+#pragma GCC visibility pop
+
+// For the request handlers, and not exported: URL-safe Base64, which has "-" and "_" in
+// place of "+" and "/". Decoding takes either form, also mixed, and works in place: it
+// turns the text into its bytes. Both are what base64_encode and base64_decode give with
+// these characters exchanged behind and before them.
+std::string base64_encode_url(const unsigned char* bytes, size_t len);
+void base64_decode_url(std::string& text);
 
 #endif

@@ -85,9 +85,5 @@ size_t decode(const unsigned char* in, size_t len, unsigned char* out)
 
 }  // namespace
 
-const Base64Kernel* base64_kernel_scalar()
-{
-    static constexpr Base64Kernel kernel = {
-        "scalar", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replaceBytes};
-    return &kernel;
-}
+constexpr Base64Kernel base64_scalar = {
+    "scalar", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replaceBytes};

@@ -2,6 +2,10 @@
 
 #include <initializer_list>
 
+// Initialised as a constant: what runs before the library's constructors may use the codecs
+// too.
+const Base64Kernel* base64_kernel = &base64_scalar;
+
 namespace {
 
 const Base64Kernel* fastestKernel() noexcept
@@ -14,6 +18,9 @@ const Base64Kernel* fastestKernel() noexcept
     return base64_kernel_scalar();
 }
 
-}  // namespace
+__attribute__((constructor)) void chooseKernel() noexcept
+{
+    base64_kernel = fastestKernel();
+}
 
-const Base64Kernel* base64_kernel = fastestKernel();
+}  // namespace

@@ -27,15 +27,21 @@ struct Base64Kernel {
     void (*replace)(char* buf, size_t len, char from, char to);
 };
 
-// Null where the processor, or the target of the build, lacks the instructions. The
-// scalar one is always there and takes all whole groups.
-const Base64Kernel* base64_kernel_scalar();
+// Always there; takes all whole groups.
+extern const Base64Kernel base64_scalar;
+constexpr const Base64Kernel* base64_kernel_scalar()
+{
+    return &base64_scalar;
+}
+
+// Null where the processor, or the target of the build, lacks the instructions.
 const Base64Kernel* base64_kernel_ssse3();
 const Base64Kernel* base64_kernel_avx2();
 const Base64Kernel* base64_kernel_avx512();
 const Base64Kernel* base64_kernel_neon();
 
-// The fastest kernel here, chosen when the library is loaded.
+// The fastest kernel here, chosen by a constructor when the library is loaded; the scalar
+// one before that has run. Never null.
 extern const Base64Kernel* base64_kernel;
 
 #endif

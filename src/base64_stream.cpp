@@ -1,5 +1,6 @@
 #include "base64_stream.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -17,8 +18,10 @@ constexpr char alphabet[] =
     "0123456789+/=";
 
 constexpr int COLUMNS = 76;
-constexpr unsigned char PADDING = 64;             // the place of "="
-constexpr int MAX_ENCODED = INT_MAX / 4 * 3 - 3;  // bytes whose characters an int can count
+constexpr unsigned char PADDING = 64;  // the place of "="
+
+// So many bytes give as many characters as an int can count: whole groups, and what waits.
+constexpr size_t MAX_ENCODED = size_t{INT_MAX} / 4 * 3 + 2;
 
 // The states are blocks of memory that the host holds as bytes; their size and layout
 // are what it may count on.
@@ -68,17 +71,20 @@ void advanceColumn(EncoderState& state, size_t characters)
     state.column = static_cast<int32_t>(column % COLUMNS) + 1;
 }
 
+// How many bytes wait, whatever a state says that was written over.
+size_t waitingIn(const EncoderState& state)
+{
+    return static_cast<size_t>(std::clamp(state.pendingCount, 0, 2));
+}
+
 // encodeupdate without a limit on the length.
 size_t encode(const unsigned char* in, size_t inLen, unsigned char* out, EncoderState& state)
 {
     unsigned char group[3];
-    size_t filled = 0;
+    size_t filled = waitingIn(state);
     size_t written = 0;
 
-    while (filled < 2 && filled < static_cast<size_t>(state.pendingCount)) {
-        group[filled] = state.pending[filled];
-        ++filled;
-    }
+    memcpy(group, state.pending, filled);
     for (size_t i = 0; i < inLen; ++i) {
         if (filled == 0) {
             const size_t taken = base64_kernel->encode[BASE64_STANDARD](
@@ -212,7 +218,7 @@ void encodeini(unsigned char** state)
 
 int encodeupdate(unsigned char* in, int inLen, unsigned char* out, unsigned char* state)
 {
-    if (state == nullptr || inLen > MAX_ENCODED)
+    if (state == nullptr || waitingIn(encoder(state)) + lengthOf(inLen) > MAX_ENCODED)
         return 0;
     return static_cast<int>(encode(in, lengthOf(inLen), out, encoder(state)));
 }

@@ -48,7 +48,8 @@ int CV_Base64Decode(const char* in, unsigned int inLen, unsigned char* out, unsi
 // Encoding in pieces. encodeini stores a new state, or null if there is no memory;
 // the caller releases it with free. encodeupdate returns the number of characters
 // written, at most 4 for each 3 bytes given so far; up to two bytes wait in the state.
-// It takes nothing, and returns 0, for an input too long for its result to count.
+// It takes nothing, and returns 0, for an input too long for its result to count: with
+// those that wait, more than 1,610,612,735 bytes.
 // encodefinish writes the padded last group, 0 or 4 characters.
 void encodeini(unsigned char** state);
 int encodeupdate(unsigned char* in, int inLen, unsigned char* out, unsigned char* state);

@@ -124,7 +124,8 @@ public:
 
     // The frame of every call: no engine, no call; whatever is thrown ends here, and
     // the code held by then is returned. (If the engine lacks the function, the
-    // binding's code stays 0 although the call returns AVEN_NOT_LOADED.)
+    // binding's code stays 0 although the call returns AVEN_NOT_LOADED.) Only `body` may
+    // follow a caller's pointer.
     template <class Body>
     int run(bool available, Body body)
     {
@@ -439,10 +440,13 @@ int CSoftMoudle_aven::aven_crypto_encrypt(const void* params, std::string in, st
 int CSoftMoudle_aven::aven_crypto_decrypt(const void* params, std::string in, std::string tag,
                                           std::string& out)
 {
-    const bool tagged = isTagged(params);
-    return Call(*this).fill(out, in, withMargin(in, 64), NoMemory::Returned,
-                            "Error, aven_crypto_decrypt", paven_crypto_decrypt, params, bytes(in),
-                            size32(in), tagged ? bytes(tag) : nullptr, tagged ? size32(tag) : 0);
+    Call engine(*this);
+    return engine.run(paven_crypto_decrypt != nullptr, [&] {
+        const bool tagged = isTagged(params);
+        return engine.fill(out, in, withMargin(in, 64), NoMemory::Returned,
+                           "Error, aven_crypto_decrypt", paven_crypto_decrypt, params, bytes(in),
+                           size32(in), tagged ? bytes(tag) : nullptr, tagged ? size32(tag) : 0);
+    });
 }
 
 int CSoftMoudle_aven::aven_crypto_gen_symmkey(int type, std::string& out)

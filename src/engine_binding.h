@@ -11,7 +11,7 @@ constexpr int AVEN_NO_MEMORY = -20000;   // the output buffer could not be alloc
 
 // The handle that a text made by CSoftMoudle_aven::GetStrForInt stands for; 0 if the
 // text does not begin with a number.
-long GetPtrForStr(std::string text);
+__attribute__((visibility("default"))) long GetPtrForStr(std::string text);
 
 // The engine and its functions are process-wide; an object holds only the code of its
 // last call. Nothing is locked.

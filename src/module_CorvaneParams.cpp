@@ -7,19 +7,13 @@
 
 namespace {
 
-// Calls a function of the module. What it throws stops here.
+// Calls a function of the module. What it throws passes: there is no code for it.
 template <class... Params, class... Args>
 int forward(int (*function)(Params...), Args... args)
 {
     if (function == nullptr)
         return PARAMS_FUNCTION_MISSING;
-
-    int code = 0;
-    try {
-        code = function(args...);
-    } catch (...) {
-    }
-    return code;
+    return function(args...);
 }
 
 // The instance lives here and not on the heap, so that loading and unloading the

@@ -35,7 +35,7 @@ public:
     void Free();
 
     // Each forwards to the module's function and returns its result, or
-    // PARAMS_FUNCTION_MISSING. 0 if the function throws.
+    // PARAMS_FUNCTION_MISSING. What the function throws passes unchanged.
     int _aven_AddHttpParams(char* name, long nameLen, char* value, long valueLen);
     int _aven_GetHttpParams(char* name, long nameLen, char* value, long* valueLen);
     int _aven_ChangeHttpParams(char* name, long nameLen, char* value, long valueLen);

@@ -11,24 +11,15 @@
 #include <vector>
 
 #include "base64.h"
+#include "support/each_kernel.h"
 
 namespace {
 
 const std::string STANDARD = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 const std::string URL = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
+using support::kernels;
 using Bytes = std::vector<unsigned char>;
-
-std::vector<const Base64Kernel*> kernels()
-{
-    std::vector<const Base64Kernel*> found;
-    for (const auto kernel : {base64_kernel_scalar, base64_kernel_ssse3, base64_kernel_avx2,
-                              base64_kernel_avx512, base64_kernel_neon}) {
-        if (kernel() != nullptr)
-            found.push_back(kernel());
-    }
-    return found;
-}
 
 Bytes randomBytes(size_t len, unsigned seed)
 {

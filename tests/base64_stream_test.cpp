@@ -9,19 +9,24 @@
 
 #include <algorithm>
 #include <climits>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/allocation_fault.h"
+#include "support/each_kernel.h"
 
 namespace {
 
 using support::AllocationFault;
+using support::LONGER_THAN_ANY_VECTOR;
+using support::withEachKernel;
 
 const std::string ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 const unsigned char CANARY = 0xa5;
@@ -40,6 +45,21 @@ std::string randomBytes(std::mt19937& random, size_t size)
     for (char& byte : bytes)
         byte = static_cast<char>(random());
     return bytes;
+}
+
+std::string randomCharacters(std::mt19937& random, size_t size)
+{
+    std::string text(size, '\0');
+    for (char& character : text)
+        character = ALPHABET[random() % ALPHABET.size()];
+    return text;
+}
+
+// The length of a piece of a stream: short, so that groups are cut anywhere, or long enough for
+// each kernel to begin in the middle of a call.
+size_t pieceLength(std::mt19937& random)
+{
+    return random() % (random() % 2 == 0 ? 9 : LONGER_THAN_ANY_VECTOR);
 }
 
 // A copy of some bytes in a block of exactly their size, so that a sanitizer or valgrind
@@ -121,7 +141,7 @@ int32_t int32At(const unsigned char* state, size_t offset)
     return value;
 }
 
-// One encoder stream; the text is collected, and every output block is exact.
+// One encoder stream; the text is collected, and every output block ends where it must.
 class Encoder {
 public:
     Encoder() { encodeini(&state); }
@@ -133,10 +153,12 @@ public:
     {
         Exact in(bytes);
         size_t groups = (static_cast<size_t>(pending()) + bytes.size()) / 3;
-        Exact out(groups * 4, CANARY);
-        int n = encodeupdate(in.data.get(), static_cast<int>(bytes.size()), out.data.get(), state);
+        Exact out(before + groups * 4, CANARY);
+        int n = encodeupdate(in.data.get(), static_cast<int>(bytes.size()), out.data.get() + before,
+                             state);
         EXPECT_EQ(n, static_cast<int>(groups * 4));
-        text += out.text(0, groups * 4);
+        EXPECT_EQ(std::count(out.data.get(), out.data.get() + before, CANARY), before);
+        text += out.text(before, groups * 4);
         return n;
     }
     int finish()
@@ -148,6 +170,8 @@ public:
     }
     int32_t pending() const { return int32At(state, 0); }
     int32_t column() const { return int32At(state, 8); }
+
+    static constexpr int before = 64;  // bytes in front of each output block, to be left alone
 
     unsigned char* state = nullptr;
     std::string text;
@@ -292,18 +316,38 @@ TEST(EncodeUpdate, AgreesWithOpenSslForAllSizes)
 
 TEST(EncodeUpdate, AgreesWithOpenSslForRandomPieces)
 {
-    std::mt19937 random(62);
-    for (int round = 0; round < 3000; round++) {
-        std::string bytes = randomBytes(random, random() % 80);
-        Encoder encoder;
-        for (size_t at = 0; at < bytes.size();) {
-            size_t piece = random() % 9;
-            encoder.update(bytes.substr(at, piece));
-            at += piece;
+    withEachKernel([] {
+        std::mt19937 random(62);
+        for (int round = 0; round < 1000; round++) {
+            std::string bytes = randomBytes(random, random() % (3 * LONGER_THAN_ANY_VECTOR));
+            Encoder encoder;
+            for (size_t at = 0; at < bytes.size();) {
+                size_t piece = pieceLength(random);
+                encoder.update(bytes.substr(at, piece));
+                at += piece;
+            }
+            encoder.finish();
+            ASSERT_EQ(encoder.text, opensslEncode(bytes)) << "round " << round;
         }
-        encoder.finish();
-        ASSERT_EQ(encoder.text, opensslEncode(bytes)) << "round " << round;
-    }
+    });
+}
+
+// Where the kernel writes is not where the call's output begins.
+TEST(EncodeUpdate, PutsPendingBytesBeforeWhatTheKernelTakes)
+{
+    withEachKernel([] {
+        std::mt19937 random(69);
+        for (size_t size = 0; size <= LONGER_THAN_ANY_VECTOR; size++) {
+            for (size_t waiting : {1U, 2U}) {
+                std::string bytes = randomBytes(random, waiting + size);
+                Encoder encoder;
+                encoder.update(bytes.substr(0, waiting));
+                encoder.update(bytes.substr(waiting));
+                encoder.finish();
+                ASSERT_EQ(encoder.text, opensslEncode(bytes)) << waiting << " and " << size;
+            }
+        }
+    });
 }
 
 TEST(EncodeUpdate, ReadsNothingBehindASingleByteAfterAPendingOne)
@@ -345,6 +389,88 @@ TEST(EncodeUpdate, TakesNothingOfAnInputThatItsResultCannotCount)
     EXPECT_EQ(out[0], CANARY);
     encoder.finish();
     EXPECT_EQ(encoder.text, "Zg==");
+}
+
+// What the codec gives before any constructor has run, the libraries' own among them. All of
+// it is zero until then, so that no constructor writes over it.
+constexpr std::string_view EARLY_BYTES =
+    "Long enough for every kernel to have a part of it: at least one whole vector, and then "
+    "a second one, and a third one, and a little bit more.";
+
+struct {
+    int encoded;
+    int decoded;
+    char text[256];
+    unsigned textLength;
+    unsigned char bytes[256];
+    unsigned bytesLength;
+} early;
+
+void useTheCodecEarly(int, char**, char**)
+{
+    early.encoded = CV_Base64Encode(reinterpret_cast<const unsigned char*>(EARLY_BYTES.data()),
+                                    static_cast<unsigned>(EARLY_BYTES.size()), early.text,
+                                    &early.textLength, 0);
+    early.decoded = CV_Base64Decode(early.text, early.textLength, early.bytes, &early.bytesLength);
+}
+
+// The loader calls what is listed here before it initialises the first library.
+__attribute__((section(".preinit_array"), used)) void (*callEarly)(int, char**,
+                                                                   char**) = useTheCodecEarly;
+
+TEST(BeforeConstructors, TheCodecWorks)
+{
+    EXPECT_EQ(early.encoded, 0);
+    EXPECT_EQ(std::string(early.text, early.textLength), opensslEncode(std::string(EARLY_BYTES)));
+    EXPECT_EQ(early.decoded, 0);
+    EXPECT_EQ(std::string(early.bytes, early.bytes + early.bytesLength), EARLY_BYTES);
+}
+
+// How a child ends that tries to encode an input of this length behind the waiting bytes. The
+// input cannot be read, so that none of its gigabytes are touched.
+constexpr int TAKEN = 3;
+constexpr int REFUSED = 4;
+
+[[noreturn]] void encodeUnreadable(const char* waiting, int length)
+{
+    Reserved in(INT_MAX, PROT_NONE);
+    unsigned char out[8];
+    Encoder encoder;
+    encoder.update(waiting);
+    signal(SIGSEGV, [](int) { _exit(TAKEN); });
+    _exit(encodeupdate(in.data(), length, out, encoder.state) == 0 ? REFUSED : 0);
+}
+
+// An int counts 536,870,911 groups; the bytes of one more are too many. Those that wait count.
+TEST(EncodeUpdateDeathTest, TakesAsManyBytesAsItsResultCanCount)
+{
+    if (Reserved(INT_MAX, PROT_NONE).data() == nullptr)
+        GTEST_SKIP() << "NOT TESTED: no address space for 2 GiB";
+    constexpr int most = 536870911 * 3 + 2;
+    for (const char* waiting : {"", "f", "fo"}) {
+        SCOPED_TRACE(waiting);
+        const int room = most - static_cast<int>(strlen(waiting));
+        for (int length : {1, room - 3, room - 1, room})
+            EXPECT_EXIT(encodeUnreadable(waiting, length), testing::ExitedWithCode(TAKEN), "")
+                << length;
+        for (int length : {room + 1, room + 2, room + 3, INT_MAX})
+            EXPECT_EXIT(encodeUnreadable(waiting, length), testing::ExitedWithCode(REFUSED), "")
+                << length;
+    }
+}
+
+// A state is the host's memory. One that was written over gives some text, and no access behind it.
+TEST(EncodeUpdate, HasNeverMoreThanTwoBytesWaiting)
+{
+    for (int32_t count : {-1, INT_MIN, 3, 100, INT_MAX}) {
+        Encoder encoder;
+        memcpy(encoder.state, &count, sizeof count);
+        Exact in("foobar");
+        Exact out(8, CANARY);
+        EXPECT_EQ(encodeupdate(in.data.get(), 6, out.data.get(), encoder.state), 8) << count;
+        EXPECT_EQ(out.text(0, 8), count < 0 ? "Zm9vYmFy" : "AABmb29i") << count;
+        EXPECT_EQ(encoder.pending(), count < 0 ? 0 : 2) << count;
+    }
 }
 
 TEST(EncodeUpdate, TakesNothingWithoutAState)
@@ -643,39 +769,47 @@ TEST(DecodeUpdate, KeepsPendingCharactersThroughEmptyPieces)
 
 TEST(DecodeUpdate, FollowsTheModelForRandomTextInRandomPieces)
 {
-    std::mt19937 random(64);
     const std::string pool = ALPHABET + ALPHABET + "AAAA====\n\r -_.\x80\xff";
-    for (int round = 0; round < 10000; round++) {
-        Decoder decoder;
-        std::string rest;
-        for (size_t pieces = random() % 6; pieces > 0; pieces--) {
-            std::string text;
-            for (size_t size = random() % 14; text.size() < size;)
-                text += random() % 60 == 0 ? '\0' : pool[random() % pool.size()];
-            decoder.update(text);
+    withEachKernel([&] {
+        std::mt19937 random(64);
+        for (int round = 0; round < 5000; round++) {
+            Decoder decoder;
+            std::string rest;
+            for (size_t pieces = random() % 6; pieces > 0; pieces--) {
+                std::string text;
+                for (size_t size = random() % 14; text.size() < size;)
+                    text += random() % 60 == 0 ? '\0' : pool[random() % pool.size()];
+                // Enough in a row for the kernel, at any place of the piece.
+                if (random() % 8 == 0)
+                    text.insert(random() % (text.size() + 1),
+                                randomCharacters(random, random() % LONGER_THAN_ANY_VECTOR));
+                decoder.update(text);
+            }
+            std::string expected = decoder.model.pending;
+            ASSERT_EQ(decoder.finish(rest), static_cast<int>(expected.size()));
+            ASSERT_EQ(rest, expected);
+            ASSERT_FALSE(HasFailure()) << "round " << round;
         }
-        std::string expected = decoder.model.pending;
-        ASSERT_EQ(decoder.finish(rest), static_cast<int>(expected.size()));
-        ASSERT_EQ(rest, expected);
-        ASSERT_FALSE(HasFailure()) << "round " << round;
-    }
+    });
 }
 
 TEST(DecodeUpdate, GivesTheSameBytesHoweverTheTextIsCut)
 {
-    std::mt19937 random(65);
-    for (int round = 0; round < 3000; round++) {
-        std::string bytes = randomBytes(random, random() % 60);
-        std::string text = opensslEncode(bytes);
-        Decoder decoder;
-        for (size_t at = 0; at < text.size();) {
-            size_t piece = random() % 7;
-            decoder.update(text.substr(at, piece));
-            at += piece;
+    withEachKernel([] {
+        std::mt19937 random(65);
+        for (int round = 0; round < 1000; round++) {
+            std::string bytes = randomBytes(random, random() % (2 * LONGER_THAN_ANY_VECTOR));
+            std::string text = opensslEncode(bytes);
+            Decoder decoder;
+            for (size_t at = 0; at < text.size();) {
+                size_t piece = pieceLength(random);
+                decoder.update(text.substr(at, piece));
+                at += piece;
+            }
+            ASSERT_EQ(decoder.bytes, bytes);
+            ASSERT_EQ(decoder.pending(), 0);
         }
-        ASSERT_EQ(decoder.bytes, bytes);
-        ASSERT_EQ(decoder.pending(), 0);
-    }
+    });
 }
 
 TEST(DecodeUpdate, TakesNothingOfANegativeLength)

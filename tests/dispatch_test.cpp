@@ -1,10 +1,14 @@
 // The dispatcher: names and function IDs, and the frame around each handler.
 #include <cctype>
 #include <climits>
+#include <functional>
+#include <new>
 #include <set>
 #include <type_traits>
 
 #include "WebOperateAvenSoftModule.h"
+#include "base64.h"
+#include "engine_binding.h"
 #include "module_CorvaneParams.h"
 #include "support/allocation_fault.h"
 #include "support/plugin_test.h"
@@ -130,6 +134,82 @@ const struct {
 };
 
 class Dispatch : public PluginTest {};
+
+// Parameters with which every request reaches its last engine call.
+const Pairs EVERY = {
+    {"strErr", "-20001"},
+    {"strIn", "aGVsbG8td29ybGQ_"},
+    {"strKe", "1582628864"},
+    {"strSig_key", "c2lnbmF0dXJlIGtleSBvZiB0aGUgY2xpZW50"},
+    {"strEnc_key", "ZW5jcnlwdGlvbiBrZXkgb2YgdGhlIGNsaWVudA=="},
+    {"strPassword", "a password that is not short"},
+    {"strCa_file", "/some/where/certificates/ca.pem"},
+    {"strdata", "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVy"},
+    {"strcipher", "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVy"},
+    {"strKeyPairType", "1"},
+    {"strpk", "cHVibGljIGtleSBvciBjZXJ0aWZpY2F0ZQ=="},
+    {"strsk", "cHJpdmF0ZSBrZXkgdGhhdCBpcyBub3Qgc2hvcnQ="},
+    {"strCipherAlg", "1"},
+    {"strMode", "6"},
+    {"strKey", "MDEyMzQ1Njc4OWFiY2RlZg=="},
+    {"strIV", "MDEyMzQ1Njc4OWFiY2RlZg=="},
+    {"straad", "YWRkaXRpb25hbCBkYXRhIHRoYXQgaXMgbm90IHNob3J0"},
+    {"strtag", "MDEyMzQ1Njc4OWFiY2RlZg=="},
+    {"strHashAlg", "1"},
+    {"HashType", "1"},
+    {"srcdata", "what a key is derived from, not short"},
+    {"OutLen", "48"},
+    {"strEncdata", "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVy"},
+};
+
+// Ways to throw: a class of the library's own, a standard one, and what is no class at all.
+const struct {
+    const char* what;
+    void (*script)(doubles::Step& step);
+} throwers[] = {
+    {"its own class", [](doubles::Step& step) { step.throws = true; }},
+    {"bad_alloc", [](doubles::Step& step) { step.during = [] { throw std::bad_alloc(); }; }},
+    {"a number", [](doubles::Step& step) { step.during = [] { throw 7; }; }},
+};
+
+// Each function of a double, and the first calls of those with two by themselves.
+template <class Double>
+void throwFromEach(Double& script, const Names& functions, const std::function<void()>& expect)
+{
+    for (const std::string& function : functions) {
+        SCOPED_TRACE(function);
+        for (const bool query : {false, true}) {
+            for (const auto& thrower : throwers) {
+                SCOPED_TRACE(thrower.what);
+                script.forget();
+                thrower.script(query ? script.onQuery(function) : script.on(function));
+                expect();
+            }
+        }
+    }
+    script.forget();
+}
+
+// A handler of a host's own, outside the library, that keeps to the plug-in's forms.
+class HostsHandler : public CWebServerBase {
+public:
+    std::string Request() override
+    {
+        const std::string data = GetFindNameStringValueFromMapParams("strdata");
+        const long session = GetPtrForStr(GetFindNameStringValueFromMapParams("strKe"));
+        std::wstring wide = base64_decode_w(std::wstring(data.begin(), data.end()));
+        const std::vector<unsigned int> elements(wide.begin(), wide.end());
+        wide = base64_encode_w(elements.data(), static_cast<unsigned int>(elements.size()));
+
+        AddRetStrToParamsMap("Data", std::string(wide.begin(), wide.end()));
+        AddRetStrToParamsMap("next", m_engine.GetStrForInt(session + 1));
+        AddRetStrToParamsMap("accepted", is_base64('/') && is_base64_w(L'+') ? "yes" : "no");
+        return ReturnRequest();
+    }
+
+private:
+    CSoftMoudle_aven m_engine;
+};
 
 }  // namespace
 
@@ -287,12 +367,26 @@ TEST_F(Dispatch, ResultThatCannotBeStoredIsLostWithoutNotice)
     }
 }
 
-TEST_F(Dispatch, ThrowingReadIsTheEmptyText)
+TEST_F(Dispatch, ExceptionWhileAParameterIsReadEndsTheHandlerWithCodeZero)
 {
-    params.onQuery("GetHttpParams").code = 1;  // thrown before a length is stored
-    params.onQuery("GetHttpParams").throws = true;
-    EXPECT_EQ((Pairs{{"Data", ""}, {"errorCode", "-20001"}}),
-              request("QZaven_crypto_base64_encode", {{"strIn", "abc"}}));
+    for (const bool query : {true, false}) {
+        params.forget();
+        (query ? params.onQuery("GetHttpParams") : params.on("GetHttpParams")).throws = true;
+        EXPECT_EQ((Pairs{{"Data", ""}, {"errorCode", "0"}}),
+                  request("QZaven_crypto_base64_encode", {{"strIn", "abc"}}));
+        EXPECT_EQ(Names(), journal.functions("aven_"));
+    }
+    params.forget();
+}
+
+TEST_F(Dispatch, HandlerOfAHostHasTheFormsOfThePlugins)
+{
+    params.http = {{"strKe", "-17"}, {"strdata", "Zm9vYg=="}};
+    params.ret.clear();
+    HostsHandler handler;
+    EXPECT_EQ("", handler.Request());
+    EXPECT_EQ((Pairs{{"Data", "Zm9vYg=="}, {"next", "-16"}, {"accepted", "yes"}}), params.ret);
+    EXPECT_EQ(Pairs(), params.http);
 }
 
 TEST(DispatchUnbound, WithoutAModuleNothingIsWrittenAndNothingFails)
@@ -337,36 +431,46 @@ TEST(DispatchPartlyBound, OnlyTheMissingFunctionIsMissed)
     }
 }
 
+// Whatever the two libraries throw, and wherever: the entry point returns 0, and what the
+// frame does around a handler is done.
+TEST_F(Dispatch, NoExceptionOfAnotherLibraryEscapesARequest)
+{
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string name = row.name;
+        const auto expect = [&] {
+            params.http = EVERY;
+            params.ret.clear();
+            ASSERT_NO_THROW(
+                EXPECT_EQ(0, host.requestBytes(name.data(), static_cast<unsigned>(name.size()))));
+            EXPECT_EQ("", host.printed);
+            for (const char* once : {"ClearRetParams", "ClearRetCustomParam", "ClearHttpParams"})
+                EXPECT_EQ(1U, journal.count(once)) << once;
+            EXPECT_EQ(2U, journal.count("syslog"));
+            EXPECT_EQ(0, engine.keypairs.strangersFreed + engine.certificates.strangersFreed);
+        };
+        throwFromEach(params, doubles::paramsFunctions(), expect);
+        throwFromEach(engine, doubles::engineFunctions(), expect);
+        EXPECT_TRUE(engine.keypairs.live.empty() && engine.certificates.live.empty());
+    }
+}
+
+TEST_F(Dispatch, NoExceptionOfAnotherLibraryEscapesInitOrFree)
+{
+    const auto expect = [&] {
+        ASSERT_NO_THROW(EXPECT_EQ(0, host.init()));
+        ASSERT_NO_THROW(EXPECT_EQ(0, host.free()));
+    };
+    throwFromEach(params, doubles::paramsFunctions(), expect);
+    throwFromEach(engine, doubles::engineFunctions(), expect);
+    host.init();
+}
+
 // Memory that runs out anywhere in a request must not get past the entry point, and must
 // not keep the host's next request from being served.
 TEST_F(Dispatch, NoAllocationFailureEscapesARequest)
 {
     SKIP_WITHOUT_ALLOCATION_FAULTS();
-    const Pairs every = {
-        {"strErr", "-20001"},
-        {"strIn", "aGVsbG8td29ybGQ_"},
-        {"strKe", "1582628864"},
-        {"strSig_key", "c2lnbmF0dXJlIGtleSBvZiB0aGUgY2xpZW50"},
-        {"strEnc_key", "ZW5jcnlwdGlvbiBrZXkgb2YgdGhlIGNsaWVudA=="},
-        {"strPassword", "a password that is not short"},
-        {"strCa_file", "/some/where/certificates/ca.pem"},
-        {"strdata", "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVy"},
-        {"strcipher", "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVy"},
-        {"strKeyPairType", "1"},
-        {"strpk", "cHVibGljIGtleSBvciBjZXJ0aWZpY2F0ZQ=="},
-        {"strsk", "cHJpdmF0ZSBrZXkgdGhhdCBpcyBub3Qgc2hvcnQ="},
-        {"strCipherAlg", "1"},
-        {"strMode", "6"},
-        {"strKey", "MDEyMzQ1Njc4OWFiY2RlZg=="},
-        {"strIV", "MDEyMzQ1Njc4OWFiY2RlZg=="},
-        {"straad", "YWRkaXRpb25hbCBkYXRhIHRoYXQgaXMgbm90IHNob3J0"},
-        {"strtag", "MDEyMzQ1Njc4OWFiY2RlZg=="},
-        {"strHashAlg", "1"},
-        {"HashType", "1"},
-        {"srcdata", "what a key is derived from, not short"},
-        {"OutLen", "48"},
-        {"strEncdata", "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVy"},
-    };
     host.logLevel() = 3;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -374,7 +478,7 @@ TEST_F(Dispatch, NoAllocationFailureEscapesARequest)
         bool struck = true;
         size_t n = 1;
         for (; struck && n < 1000; ++n) {
-            params.http = every;
+            params.http = EVERY;
             params.ret.clear();
             journal.calls.clear();
             {

@@ -1,5 +1,4 @@
-// Loading the engine, its lifecycle calls and the text forms of handles. Linked to the
-// plug-in's objects: GetPtrForStr is not exported.
+// Loading the engine, its lifecycle calls and the text forms of handles.
 #include <dlfcn.h>
 
 #include <climits>

@@ -1,10 +1,13 @@
 // The calls of the engine binding, one row each. What they have in common is tested over
 // the rows, what a call has of its own behind them.
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <utility>
 
 #include "engine_binding.h"
@@ -51,6 +54,12 @@ struct Exchange {
     std::string out = "output as it was before";
     std::string tag = "tag as it was before";
     void* object = nullptr;
+
+    // Given instead of every block, object and place of an object.
+    std::optional<void*> instead;
+    const void* block(const void* ordinary) const { return instead ? *instead : ordinary; }
+    void* given() const { return instead ? *instead : object; }
+    void** place() { return instead ? static_cast<void**>(*instead) : &object; }
 };
 
 enum Output {
@@ -167,42 +176,42 @@ const Row rows[] = {
      HEAP,
      528,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_public_encrypt(&pkey, std::move(x.in), x.out);
+         return e.aven_crypto_public_encrypt(x.block(&pkey), std::move(x.in), x.out);
      }},
     {"crypto_private_decrypt",
      {"aven_crypto_private_decrypt"},
      HEAP,
      16,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_private_decrypt(&pkey, std::move(x.in), x.out);
+         return e.aven_crypto_private_decrypt(x.block(&pkey), std::move(x.in), x.out);
      }},
     {"crypto_encrypt without tag",
      {"aven_crypto_encrypt"},
      HEAP,
      128,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_encrypt(&modeTwo, std::move(x.in), x.out, x.tag, 16);
+         return e.aven_crypto_encrypt(x.block(&modeTwo), std::move(x.in), x.out, x.tag, 16);
      }},
     {"crypto_encrypt with tag",
      {"aven_crypto_encrypt"},
      HEAP,
      128,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_encrypt(&gcm, std::move(x.in), x.out, x.tag, 16);
+         return e.aven_crypto_encrypt(x.block(&gcm), std::move(x.in), x.out, x.tag, 16);
      }},
     {"crypto_decrypt without tag",
      {"aven_crypto_decrypt"},
      HEAP,
      64,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_decrypt(&modeTwo, std::move(x.in), std::move(x.a), x.out);
+         return e.aven_crypto_decrypt(x.block(&modeTwo), std::move(x.in), std::move(x.a), x.out);
      }},
     {"crypto_decrypt with tag",
      {"aven_crypto_decrypt"},
      HEAP,
      64,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_decrypt(&gcm, std::move(x.in), std::move(x.a), x.out);
+         return e.aven_crypto_decrypt(x.block(&gcm), std::move(x.in), std::move(x.a), x.out);
      }},
     {"crypto_gen_symmkey",
      {"aven_crypto_gen_symmkey"},
@@ -214,39 +223,39 @@ const Row rows[] = {
      HEAP_FIXED,
      80,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_hmac(&mac, std::move(x.in), x.out);
+         return e.aven_crypto_hmac(x.block(&mac), std::move(x.in), x.out);
      }},
     {"crypto_cmac",
      {"aven_crypto_cmac"},
      HEAP_FIXED,
      80,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_cmac(&mac, std::move(x.in), x.out);
+         return e.aven_crypto_cmac(x.block(&mac), std::move(x.in), x.out);
      }},
     {"keypair_read",
      {"aven_keypair_unmarshal"},
      NONE,
      0,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_keypair_read(3, std::move(x.in), std::move(x.a), std::move(x.b), &x.object);
+         return e.aven_keypair_read(3, std::move(x.in), std::move(x.a), std::move(x.b), x.place());
      }},
     {"keypair_free",
      {"aven_keypair_free"},
      NONE,
      0,
-     [](CSoftMoudle_aven& e, Exchange& x) { return e.aven_keypair_free(x.object); }},
+     [](CSoftMoudle_aven& e, Exchange& x) { return e.aven_keypair_free(x.given()); }},
     {"certificate_read",
      {"aven_certificate_unmarshal"},
      NONE,
      0,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_certificate_read(std::move(x.in), std::move(x.a), &x.object);
+         return e.aven_certificate_read(std::move(x.in), std::move(x.a), x.place());
      }},
     {"certificate_free",
      {"aven_certificate_free"},
      NONE,
      0,
-     [](CSoftMoudle_aven& e, Exchange& x) { return e.aven_certificate_free(x.object); }},
+     [](CSoftMoudle_aven& e, Exchange& x) { return e.aven_certificate_free(x.given()); }},
     {"crypto_kdf",
      {"aven_crypto_kdf"},
      KDF,
@@ -259,14 +268,14 @@ const Row rows[] = {
      HEAP,
      3072,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_envelope_encrypt(&envelope, std::move(x.in), x.out);
+         return e.aven_crypto_envelope_encrypt(x.block(&envelope), std::move(x.in), x.out);
      }},
     {"crypto_envelope_decrypt",
      {"aven_crypto_pkcs7_decrypt"},
      HEAP,
      64,
      [](CSoftMoudle_aven& e, Exchange& x) {
-         return e.aven_crypto_envelope_decrypt(&envelope, std::move(x.in), x.out);
+         return e.aven_crypto_envelope_decrypt(x.block(&envelope), std::move(x.in), x.out);
      }},
     {"wbsm4_encrypt",
      {"aven_wbsm4_encrypt"},
@@ -373,6 +382,31 @@ TEST_F(EngineCalls, WithoutAnEngineNothingIsCalled)
         EXPECT_EQ(nullptr, x.object);
         EXPECT_EQ(Functions(), journal.functions());
     }
+}
+
+// Nothing that a pointer points at is looked at before it is known that there is a function to
+// give it to.
+TEST_F(EngineCalls, WithoutAFunctionNoPointerIsFollowed)
+{
+    void* unreadable = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, unreadable);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        for (void* pointer : {unreadable, static_cast<void*>(nullptr)}) {
+            for (const bool loaded : {false, true}) {
+                if (loaded)
+                    load(engineLacking(row.needs.front()));
+                else
+                    engine.unloadLibrary();
+                Exchange x("input");
+                x.instead = pointer;
+
+                EXPECT_EQ(NOT_LOADED, row.call(engine, x));
+                expectUntouched(x);
+            }
+        }
+    }
+    munmap(unreadable, 4096);
 }
 
 TEST_F(EngineCalls, MissingFunctionFailsItsOwnCallsAndNoOthers)

@@ -33,6 +33,20 @@ std::string base64_decode(const std::string&)
     hostCalls++;
     return "host";
 }
+bool is_base64(unsigned char)
+{
+    hostCalls++;
+    return false;
+}
+bool is_base64_w(unsigned int)
+{
+    hostCalls++;
+    return false;
+}
+long GetPtrForStr(std::string)
+{
+    return ++hostCalls;
+}
 void encodeini(unsigned char**)
 {
     hostCalls++;
@@ -162,12 +176,18 @@ const char* const DECORATED[] = {
 
     "base64_encode(unsigned char const*, unsigned int)",
     "base64_decode(text const&)",
+    "is_base64(unsigned char)",
+    "base64_encode_w(unsigned int const*, unsigned int)",
+    "base64_decode_w(wide const&)",
+    "is_base64_w(unsigned int)",
     "encodeini(unsigned char**)",
     "encodeupdate(unsigned char*, int, unsigned char*, unsigned char*)",
     "encodefinish(unsigned char*, unsigned char*)",
     "decodeini(unsigned char**)",
     "decodeupdate(unsigned char*, int, unsigned char*, unsigned char*)",
     "decodefinish(unsigned char*, unsigned char**)",
+
+    "GetPtrForStr(text)",
 
     "hex_dump_to_buffer(void const*, unsigned long, int, int, char*, unsigned long, bool)",
     "print_hex_dump(int, void const*, unsigned long)",
@@ -543,6 +563,9 @@ TEST_F(Binding, RequestsStayInTheLibrary)
     ASSERT_EQ(host.params.ret.size(), 2U);
     EXPECT_NE(host.params.ret[0].second, "host");
     EXPECT_EQ(host.params.ret[1].second, "0");
+    host.request("QZaven_ke_encrypt", {{"strKe", "16"}, {"strdata", "Zm9vYg"}});
+    EXPECT_EQ(host.journal.only("aven_ke_encrypt")["ke"].number, 16);
+    EXPECT_EQ(host.journal.only("aven_ke_encrypt")["in"].bytes, "foob");
     host.free();
     EXPECT_EQ(hostCalls, 0);
 }

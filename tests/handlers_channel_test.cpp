@@ -170,7 +170,7 @@ TEST_P(Channel, BufferThatCannotBeAllocatedEndsWithCodeZero)
     const size_t size = 4000;
     plugin.engine.onQuery(function).reported = size + 64;
     EXPECT_TRUE(requestWithFault(
-        plugin, handler.request, with(handler.parameters, data, base64(std::string(size, 'x'))),
+        plugin, handler.request, with(handler.parameters, data, toBase64(std::string(size, 'x'))),
         [&] { return new AllocationFault(AllocationFault::exactly(plugin.journal, size + 65)); }));
     EXPECT_EQ(failure(0), plugin.resultsWritten());
     for (const Call& call : plugin.journal.calls)
@@ -189,7 +189,7 @@ TEST_P(ChannelCipher, CapacityFollowsTheInput)
     Plugin plugin;
     for (const size_t size : {1u, 10u, 64u, 1000u, 100000u}) {
         plugin.reply(handler.request,
-                     with(handler.parameters, data, base64(std::string(size, 'x'))));
+                     with(handler.parameters, data, toBase64(std::string(size, 'x'))));
         EXPECT_EQ(static_cast<long long>(size) + 64, plugin.journal.only(function)["out"].number);
         EXPECT_TRUE(plugin.journal.only(function)["out"].zeroed);
     }

@@ -344,9 +344,9 @@ TEST(CryptoEnvelopeDecrypt, EachByteIsEscapedOrKept)
     for (size_t i = 0; i < all.size(); ++i)
         all[i] = static_cast<char>(i);
     EXPECT_EQ(success(escapedTwice(all)),
-              plugin.reply(DECRYPT, with(DECRYPTION, "strEncdata", base64(all))));
+              plugin.reply(DECRYPT, with(DECRYPTION, "strEncdata", toBase64(all))));
     EXPECT_EQ(success("a%2520b%252B%252F%253D"),
-              plugin.reply(DECRYPT, with(DECRYPTION, "strEncdata", base64("a b+/="))));
+              plugin.reply(DECRYPT, with(DECRYPTION, "strEncdata", toBase64("a b+/="))));
 }
 
 TEST_P(Envelope, ParameterThatCannotBeStoredEndsWithCodeZero)

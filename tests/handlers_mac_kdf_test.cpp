@@ -38,7 +38,7 @@ Handler derive()
         "read HashType srcdata OutLen\n"
         "aven_crypto_kdf(alg=4, in=\"a text-_of+/more characters\", out[17])\n"
         "Data=\"" +
-            url64(doubles::pattern(17)) +
+            toUrlBase64(doubles::pattern(17)) +
             "\"\n"
             "errorCode=\"0\"\n",
         {"aven_crypto_kdf"}};
@@ -103,9 +103,9 @@ TEST_P(Mac, KeyLengthIsTheDecodedOne)
     EXPECT_EQ(
         16, arriving(plugin, place("strKey", "params.key_len"), "MDEyMzQ1Njc4OWFiY2RlZg==").number);
     EXPECT_EQ(0, arriving(plugin, place("strKey", "params.key_len"), "=").number);
-    EXPECT_EQ(
-        5000,
-        arriving(plugin, place("strKey", "params.key_len"), base64(std::string(5000, 'k'))).number);
+    EXPECT_EQ(5000,
+              arriving(plugin, place("strKey", "params.key_len"), toBase64(std::string(5000, 'k')))
+                  .number);
 }
 
 TEST_P(Mac, OutputBecomesUrlSafeBase64UpTo80Bytes)
@@ -117,7 +117,7 @@ TEST_P(Mac, CapacityIsTheSameForLongInput)
 {
     Plugin plugin;
     plugin.reply(handler.request,
-                 with(handler.parameters, "strdata", base64(std::string(5000, 'x'))));
+                 with(handler.parameters, "strdata", toBase64(std::string(5000, 'x'))));
     EXPECT_EQ(80, plugin.journal.only(function)["out"].number);
     EXPECT_EQ(5000, plugin.journal.only(function)["in_len"].number);
 }
@@ -215,7 +215,7 @@ TEST(CryptoKdf, OutputOfAnyLengthBecomesUrlSafeBase64)
     plugin.engine.on("aven_crypto_kdf").output = bytes;
     for (const size_t length : {1u, 2u, 3u, 16u, 65534u, 65535u}) {
         SCOPED_TRACE(length);
-        EXPECT_EQ(success(url64(bytes.substr(0, length))),
+        EXPECT_EQ(success(toUrlBase64(bytes.substr(0, length))),
                   plugin.reply("QZaven_crypto_kdf",
                                with(derive().parameters, "OutLen", std::to_string(length))));
         EXPECT_TRUE(plugin.journal.only("aven_crypto_kdf")["out"].zeroed);

@@ -318,7 +318,7 @@ TEST_P(PublicKey, KeyIsFreedWhenAnAllocationFailsAfterItWasRead)
     Plugin plugin;
     plugin.engine.on(cipher).output = std::string(handler.allocation - 1, 'x');
     // Base64 of the output is longer than everything before it.
-    const size_t size = base64(*plugin.engine.on(cipher).output).size();
+    const size_t size = toBase64(*plugin.engine.on(cipher).output).size();
     EXPECT_TRUE(requestWithFault(plugin, handler.request, handler.parameters, [&] {
         return new AllocationFault(AllocationFault::atLeast(plugin.journal, size));
     }));

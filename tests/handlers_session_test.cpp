@@ -105,7 +105,7 @@ Handler clientKeyExchange()
                     "srvr_sig_cert=\"sig-certificate\", "
                     "srvr_enc_cert=\"enc-cert\", srvr_sign=\"sign\", out[256])\n"
                     "Data=\"" +
-                        url64(doubles::pattern(200)) +
+                        toUrlBase64(doubles::pattern(200)) +
                         "\"\n"
                         "errorCode=\"0\"\n",
                     {"aven_ke_client_key_exchange"}};
@@ -402,7 +402,7 @@ TEST(KeClientKeyExchange, ServerValuesAreDecoded)
 TEST(KeClientKeyExchange, AbsentServerValuesAreEmptyAndNotNull)
 {
     Plugin plugin;
-    EXPECT_EQ(success(url64(doubles::pattern(200))),
+    EXPECT_EQ(success(toUrlBase64(doubles::pattern(200))),
               plugin.reply("QZaven_ke_client_key_exchange", {{"strKe", "12345"}}));
     EXPECT_EQ(
         "aven_ke_client_key_exchange(ke=12345, srvr_rand=\"\", srvr_sig_cert=\"\", "

@@ -66,7 +66,7 @@ TEST_P(Wbsm4, KeyAndIvDecodeToExactly16Bytes)
     for (const auto& [parameter, argument] : Pairs{{"strKey", "key"}, {"strIV", "iv"}}) {
         const Place place = {handler.request, good, parameter, function, argument};
         for (const size_t size : {1u, 8u, 15u, 17u, 24u, 32u, 33u, 4112u, 65552u})
-            expectRefused(plugin, place, url64(std::string(size, 'k')));
+            expectRefused(plugin, place, toUrlBase64(std::string(size, 'k')));
         for (const std::string& refused :
              {text("="), text("Y"), text("!"), text("0123456789abcdef"),
               text("MDEyMzQ1Njc4OWFi\nY2RlZg=="), text(" MDEyMzQ1Njc4OWFiY2RlZg=="),
@@ -134,7 +134,7 @@ TEST_P(Wbsm4, CapacityFollowsTheInput)
     Plugin plugin;
     const size_t margin = handler.allocation - 1 - 17;
     for (const size_t size : {1u, 16u, 1000u, 100000u}) {
-        plugin.reply(handler.request, with(good, "strdata", base64(std::string(size, 'x'))));
+        plugin.reply(handler.request, with(good, "strdata", toBase64(std::string(size, 'x'))));
         EXPECT_EQ(static_cast<long long>(size + margin),
                   plugin.journal.only(function)["out"].number);
         EXPECT_TRUE(plugin.journal.only(function)["out"].zeroed);

@@ -210,15 +210,23 @@ TEST_P(ReadParam, AnnouncementBeyondMemoryIsAFailureNotACrash)
     }
 }
 
-TEST_P(ReadParam, ExceptionsOfTheModuleAreNotPassedOn)
+// A value of which only a part is known to be there is no value. The frame of the handler
+// takes the exception.
+TEST_P(ReadParam, ExceptionsOfTheModuleAreLeftToTheCaller)
 {
     store() = {{"name", "value"}};
-    params.onQuery(function()).code = 1;
-    params.onQuery(function()).throws = true;
-    EXPECT_NO_THROW(EXPECT_EQ("", read("name")));
+    for (const char* stored : {"name", "absent"}) {
+        params.onQuery(function()).throws = true;
+        EXPECT_THROW(read(stored), doubles::ScriptedException);
+        EXPECT_EQ(Functions{function()}, journal.functions());
+    }
     params.forget();
-    params.on(function()).throws = true;
-    EXPECT_NO_THROW(EXPECT_EQ("value", read("name")));
+    for (const bool writes : {false, true}) {
+        params.on(function()).throws = true;  // behind its work
+        params.on(function()).code = writes ? 0 : 5;
+        EXPECT_THROW(read("name"), doubles::ScriptedException);
+        EXPECT_EQ((Functions{function(), function()}), journal.functions());
+    }
 }
 
 TEST_P(ReadParam, FunctionMissing)
@@ -286,8 +294,8 @@ TEST_F(ParamMaps, ChangePassesEverythingAndReturnsTheModulesResult)
         params.on("ChangeHttpParams").code = code;
         EXPECT_EQ(code, handler.ChangedParamsValueByInputName("name", "x"));
     }
-    params.on("ChangeHttpParams").throws = true;
-    EXPECT_NO_THROW(EXPECT_EQ(0, handler.ChangedParamsValueByInputName("name", "x")));
+    params.on("ChangeHttpParams").throws = true;  // there is no code to return
+    EXPECT_THROW(handler.ChangedParamsValueByInputName("name", "x"), doubles::ScriptedException);
 }
 
 TEST_F(ParamMaps, AddResultPassesAllButEmptyNames)
@@ -366,8 +374,8 @@ TEST_F(ParamMaps, CustomTextIsSetAndTheModulesResultReturned)
         params.on("SetRetCustomParam").code = code;
         EXPECT_EQ(code, handler.SetRetCustomStr("text"));
     }
-    params.on("SetRetCustomParam").throws = true;
-    EXPECT_NO_THROW(EXPECT_EQ(0, handler.SetRetCustomStr("text")));
+    params.on("SetRetCustomParam").throws = true;  // there is no code to return
+    EXPECT_THROW(handler.SetRetCustomStr("text"), doubles::ScriptedException);
 }
 
 TEST(ParamMapsUnbound, ReadsAreEmptyAndWritesAreLost)

@@ -1,0 +1,44 @@
+// The Base64 kernels of this processor, for programs that are linked to the plug-in's objects.
+#ifndef CORVANE_TESTS_EACH_KERNEL_H
+#define CORVANE_TESTS_EACH_KERNEL_H
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "base64_kernels.h"
+
+namespace support {
+
+// From the slowest to the fastest.
+inline std::vector<const Base64Kernel*> kernels()
+{
+    std::vector<const Base64Kernel*> found;
+    for (const auto kernel : {base64_kernel_scalar, base64_kernel_ssse3, base64_kernel_avx2,
+                              base64_kernel_avx512, base64_kernel_neon}) {
+        if (kernel() != nullptr)
+            found.push_back(kernel());
+    }
+    return found;
+}
+
+// More characters, and more bytes, than four steps of any kernel take. (The one of 64-bit ARM
+// has a loop of its own for four.)
+constexpr size_t LONGER_THAN_ANY_VECTOR = 400;
+
+// Runs `body` with each kernel in turn as that of the codecs.
+template <class Body>
+void withEachKernel(Body body)
+{
+    const Base64Kernel* usual = base64_kernel;
+    for (const Base64Kernel* kernel : kernels()) {
+        SCOPED_TRACE(kernel->name);
+        base64_kernel = kernel;
+        body();
+    }
+    base64_kernel = usual;
+}
+
+}  // namespace support
+
+#endif
