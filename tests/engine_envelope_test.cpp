@@ -1,8 +1,11 @@
 // The development engine's envelopes: every cipher and mode, the openssl command in both
 // directions, envelopes of GM/T 0010 taken apart and put together with it, and what is
 // refused.
+#include <openssl/asn1.h>
+
 #include <thread>
 
+#include "support/der.h"
 #include "support/held.h"
 #include "support/openssl_tool.h"
 
@@ -11,13 +14,16 @@ namespace {
 using support::certificateFile;
 using support::certificatePem;
 using support::derOf;
+using support::endless;
 using support::Exact;
 using support::Fenced;
 using support::fromHex;
 using support::keyFile;
+using support::oid;
 using support::openssl;
 using support::pattern;
 using support::privatePem;
+using support::tlv;
 using support::toBase64;
 using support::toHex;
 
@@ -299,72 +305,476 @@ TEST_F(Envelope, ToAnSm2KeyHoldsWhatTheStandardSays)
     }
 }
 
-// An envelope put together with the openssl command alone.
-std::string gmEnvelope(const std::string& sealedKey, const std::string& iv,
-                       const std::string& content, const std::string& transport,
-                       const std::string& cipher)
+// ---- Envelopes of other makers, put together piece by piece.
+
+constexpr int INTEGER = 0x02, OCTETS = 0x04, UTF8 = 0x0C, SEQUENCE = 0x30, SET = 0x31;
+constexpr int CONSTRUCTED = 0x20, CONTEXT_0 = 0x80;
+
+std::string number(int value)
 {
-    openssl().write(
-        "conf",
-        "asn1=SEQUENCE:outer\n"
-        "[outer]\ntype=OID:1.2.156.10197.6.1.4.2.3\nenvelope=EXPLICIT:0,SEQUENCE:env\n"
-        "[env]\nversion=INTEGER:1\nrecipients=SET:recipients\ncontent=SEQUENCE:content\n"
-        "[recipients]\none=SEQUENCE:recipient\n"
-        "[recipient]\nversion=INTEGER:1\nname=SEQUENCE:name\nalg=SEQUENCE:alg\n"
-        "key=FORMAT:HEX,OCTETSTRING:" +
-            toHex(sealedKey) +
-            "\n"
-            "[name]\nissuer=SEQUENCE:nothing\nserial=INTEGER:5\n"
-            "[nothing]\n"
-            "[alg]\noid=OID:" +
-            transport +
-            "\nparameters=NULL\n"
-            "[content]\ntype=OID:1.2.156.10197.6.1.4.2.1\nalg=SEQUENCE:cipher\n"
-            "bytes=IMPLICIT:0," +
-            std::string(content.empty() ? "" : "FORMAT:HEX,") + "OCTETSTRING:" + toHex(content) +
-            "\n"
-            "[cipher]\noid=OID:" +
-            cipher + "\niv=FORMAT:HEX,OCTETSTRING:" + toHex(iv) + "\n");
-    return openssl().make("asn1parse -genconf conf -noout -out envelope", "envelope");
+    return tlv(INTEGER, std::string(1, static_cast<char>(value)));
 }
 
-TEST_F(Envelope, ToAnSm2KeyOfOtherMakersOpens)
+const std::string NOTHING = tlv(0x05, "");
+
+const char* const GM_ENVELOPED = "1.2.156.10197.6.1.4.2.3";
+const char* const GM_DATA = "1.2.156.10197.6.1.4.2.1";
+const char* const CMS_ENVELOPED = "1.2.840.113549.1.7.3";
+const char* const CMS_DATA = "1.2.840.113549.1.7.1";
+const char* const SM2_ENCRYPTION = "1.2.156.10197.1.301.3";
+const char* const SM2_CURVE = "1.2.156.10197.1.301";
+const char* const SM4 = "1.2.156.10197.1.104";
+const char* const SM4_CBC = "1.2.156.10197.1.104.2";
+
+// The algorithm's parameters are DER, or empty if there are none.
+struct RecipientParts {
+    std::string sealedKey;
+    std::string transport = SM2_ENCRYPTION;
+    std::string parameters = NOTHING;
+    int version = 1;
+    std::string name = tlv(SEQUENCE, tlv(SEQUENCE, "") + number(5));
+
+    std::string der() const
+    {
+        return tlv(SEQUENCE, number(version) + name + tlv(SEQUENCE, oid(transport) + parameters) +
+                                 tlv(OCTETS, sealedKey));
+    }
+};
+
+struct EnvelopeParts {
+    std::string recipients;  // one behind the other
+    std::string parameters;
+    std::string content;
+    std::string cipher = SM4_CBC;
+    std::string type = GM_ENVELOPED;
+    std::string contentType = GM_DATA;
+    int version = 1;
+
+    std::string contentDer() const
+    {
+        return tlv(SEQUENCE, oid(contentType) + tlv(SEQUENCE, oid(cipher) + parameters) +
+                                 tlv(CONTEXT_0, content));
+    }
+    std::string der() const
+    {
+        const std::string inner =
+            tlv(SEQUENCE, number(version) + tlv(SET, recipients) + contentDer());
+        return tlv(SEQUENCE, oid(type) + tlv(CONTEXT_0 | CONSTRUCTED, inner));
+    }
+};
+
+// A text as the openssl command seals it, SM4-CBC under SM2, for envelopes in GM/T 0010.
+class OtherMakersEnvelope : public Envelope {
+protected:
+    OtherMakersEnvelope()
+    {
+        openssl().write("text", text);
+        recipient.sealedKey = sealed(contentKey);
+        parts.recipients = recipient.der();
+        parts.parameters = tlv(OCTETS, iv);
+        parts.content = encrypted("cbc");
+    }
+
+    static std::string sealed(const std::string& key)
+    {
+        openssl().write("key", key);
+        return openssl().make("pkeyutl -encrypt -inkey " + keyFile("sm2") + " -in key -out sealed",
+                              "sealed");
+    }
+
+    std::string encrypted(const std::string& mode) const
+    {
+        return openssl().make("enc -sm4-" + mode + " -K " + toHex(contentKey) +
+                                  (mode == "ecb" ? "" : " -iv " + toHex(iv)) +
+                                  " -in text -out content",
+                              "content");
+    }
+
+    // With the recipient as it is now.
+    std::string envelope()
+    {
+        parts.recipients = recipient.der();
+        return parts.der();
+    }
+
+    int code(const std::string& der, int mode = AVEN_MODE_CBC)
+    {
+        return open(privateKey("sm2"), AVEN_CIPHER_SM4, mode, der).code;
+    }
+    void expectRead(const std::string& der, int mode = AVEN_MODE_CBC)
+    {
+        expectOpens(privateKey("sm2"), AVEN_CIPHER_SM4, mode, der, text);
+    }
+
+    const std::string text = pattern(100, 6);
+    const std::string contentKey = pattern(16, 7);
+    const std::string iv = pattern(16, 8);
+    RecipientParts recipient;
+    EnvelopeParts parts;
+};
+
+TEST_F(OtherMakersEnvelope, Opens)
 {
-    const std::string text = pattern(100, 6), contentKey = pattern(16, 7), iv = pattern(16, 8);
-    openssl().write("text", text);
-    openssl().write("key", contentKey);
-    const std::string content = openssl().make(
-        "enc -sm4-cbc -K " + toHex(contentKey) + " -iv " + toHex(iv) + " -in text -out content",
-        "content");
-    const std::string sealedKey = openssl().make(
-        "pkeyutl -encrypt -inkey " + keyFile("sm2") + " -in key -out sealed", "sealed");
-    const std::string sm2 = "1.2.156.10197.1.301.3", sm4 = "1.2.156.10197.1.104.2";
+    expectRead(envelope());
+}
 
-    void* key = privateKey("sm2");
-    const std::string envelope = gmEnvelope(sealedKey, iv, content, sm2, sm4);
-    expectOpens(key, 1, AVEN_MODE_CBC, envelope, text);
+TEST_F(OtherMakersEnvelope, UnknownAlgorithmsAndWrongSizesAreRefused)
+{
+    parts.cipher = "1.2.3.4";
+    EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_UNKNOWN);
+    parts.cipher = SM4_CBC;
+    recipient.transport = "1.2.3.4";
+    EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_UNKNOWN);
+    recipient.transport = SM2_ENCRYPTION;
 
-    const std::string unknown = gmEnvelope(sealedKey, iv, content, sm2, "1.2.3.4");
-    EXPECT_EQ(open(key, 1, AVEN_MODE_CBC, unknown).code, AVEN_E_ENVELOPE_UNKNOWN);
-    const std::string transport = gmEnvelope(sealedKey, iv, content, "1.2.3.4", sm4);
-    EXPECT_EQ(open(key, 1, AVEN_MODE_CBC, transport).code, AVEN_E_ENVELOPE_UNKNOWN);
-    const std::string shortIv = gmEnvelope(sealedKey, iv.substr(1), content, sm2, sm4);
-    EXPECT_EQ(open(key, 1, AVEN_MODE_CBC, shortIv).code, AVEN_E_ENVELOPE_TEXT);
-    const std::string cut = gmEnvelope(sealedKey, iv, content.substr(1), sm2, sm4);
-    EXPECT_EQ(open(key, 1, AVEN_MODE_CBC, cut).code, AVEN_E_ENVELOPE_TEXT);
-    const std::string empty = gmEnvelope(sealedKey, iv, "", sm2, sm4);
-    EXPECT_EQ(open(key, 1, AVEN_MODE_CBC, empty).code, AVEN_E_ENVELOPE_TEXT);
-    // A content key of another size, and a damaged one.
-    openssl().write("key", contentKey.substr(1));
-    const std::string shortKey = gmEnvelope(
-        openssl().make("pkeyutl -encrypt -inkey " + keyFile("sm2") + " -in key -out sealed",
-                       "sealed"),
-        iv, content, sm2, sm4);
-    EXPECT_EQ(open(key, 1, AVEN_MODE_CBC, shortKey).code, AVEN_E_ENVELOPE_OPEN);
-    std::string damaged = sealedKey;
-    damaged.back() = static_cast<char>(damaged.back() ^ 1);
-    EXPECT_EQ(open(key, 1, AVEN_MODE_CBC, gmEnvelope(damaged, iv, content, sm2, sm4)).code,
-              AVEN_E_ENVELOPE_OPEN);
+    const std::string whole = parts.content;
+    for (const std::string& content : {whole.substr(1), std::string()}) {
+        parts.content = content;
+        EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_TEXT);
+    }
+    parts.content = whole;
+    recipient.sealedKey.back() = static_cast<char>(recipient.sealedKey.back() ^ 1);
+    EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_OPEN);
+    recipient.sealedKey = sealed(contentKey.substr(1));
+    EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_OPEN);
+}
+
+TEST_F(OtherMakersEnvelope, KeyEncryptionMayBeNamedByTheCurve)
+{
+    const std::string ecKey = "1.2.840.10045.2.1";
+    const struct {
+        std::string transport;
+        std::string parameters;
+        int code;
+    } rows[] = {
+        {SM2_ENCRYPTION, "", 0},
+        {SM2_ENCRYPTION, NOTHING, 0},
+        {SM2_CURVE, "", 0},
+        {SM2_CURVE, NOTHING, 0},
+        {ecKey, oid(SM2_CURVE), 0},
+        {ecKey, oid("1.2.840.10045.3.1.7"), AVEN_E_ENVELOPE_UNKNOWN},  // another curve
+        {ecKey, "", AVEN_E_ENVELOPE_UNKNOWN},
+        {ecKey, NOTHING, AVEN_E_ENVELOPE_UNKNOWN},
+        {ecKey, tlv(OCTETS, oid(SM2_CURVE)), AVEN_E_ENVELOPE_UNKNOWN},
+        {"1.2.156.10197.1.301.1", "", AVEN_E_ENVELOPE_UNKNOWN},  // signatures
+        {"1.2.156.10197.1.301.2", "", AVEN_E_ENVELOPE_UNKNOWN},  // key exchange
+        {"1.2.156.10197.1.302.3", "", AVEN_E_ENVELOPE_UNKNOWN},  // SM9
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.transport + " " + toHex(row.parameters));
+        recipient.transport = row.transport;
+        recipient.parameters = row.parameters;
+        if (row.code == 0) {
+            expectRead(envelope());
+        } else {
+            EXPECT_EQ(code(envelope()), row.code);
+        }
+    }
+}
+
+TEST_F(OtherMakersEnvelope, RsaKeysAreNoRecipientsUnderTheCurve)
+{
+    recipient.transport = SM2_CURVE;
+    EXPECT_EQ(open(privateKey("rsa2048"), AVEN_CIPHER_SM4, AVEN_MODE_CBC, envelope()).code,
+              AVEN_E_ENVELOPE_RECIPIENT);
+}
+
+TEST_F(OtherMakersEnvelope, Sm4WithoutAModeIsCbc)
+{
+    parts.cipher = SM4;
+    expectRead(envelope());
+    for (int mode : std::initializer_list<int>{1, 3, 4, 5, 6})
+        EXPECT_EQ(code(envelope(), mode), AVEN_E_ENVELOPE_DIFFERS) << mode;
+}
+
+TEST_F(OtherMakersEnvelope, IvIsAnOctetStringOfOneBlock)
+{
+    const std::string refused[] = {
+        "",
+        NOTHING,
+        tlv(OCTETS, ""),
+        tlv(OCTETS, iv.substr(0, 12)),
+        tlv(OCTETS, iv.substr(0, 15)),
+        tlv(OCTETS, iv + iv.substr(0, 1)),
+        tlv(UTF8, iv),
+        tlv(INTEGER, "\x11" + iv.substr(1)),
+        tlv(0x03, iv),      // BIT STRING
+        tlv(SEQUENCE, iv),  // left as it is
+        tlv(SEQUENCE, tlv(OCTETS, iv)),
+        tlv(CONTEXT_0, iv),
+    };
+    for (const char* cipher : {SM4, SM4_CBC}) {
+        parts.cipher = cipher;
+        for (const std::string& parameters : refused) {
+            parts.parameters = parameters;
+            EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_TEXT) << toHex(parameters);
+        }
+    }
+}
+
+TEST_F(OtherMakersEnvelope, EveryModeOfSm4HasItsIdentifier)
+{
+    const struct {
+        const char* mode;
+        const char* cipher;
+        int number;
+    } rows[] = {{"cbc", "1.2.156.10197.1.104.2", AVEN_MODE_CBC},
+                {"ofb", "1.2.156.10197.1.104.3", AVEN_MODE_OFB},
+                {"cfb", "1.2.156.10197.1.104.4", AVEN_MODE_CFB},
+                {"ctr", "1.2.156.10197.1.104.7", AVEN_MODE_CTR}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.mode);
+        parts.cipher = row.cipher;
+        parts.content = encrypted(row.mode);
+        expectRead(envelope(), row.number);
+    }
+    parts.cipher = "1.2.156.10197.1.104.1";
+    parts.content = encrypted("ecb");
+    EXPECT_EQ(code(envelope(), AVEN_MODE_ECB), AVEN_E_ENVELOPE_TEXT);  // with an IV
+    for (const std::string& parameters : {std::string(), NOTHING, tlv(OCTETS, "")}) {
+        parts.parameters = parameters;
+        expectRead(envelope(), AVEN_MODE_ECB);
+    }
+    // CFB of one bit and of one byte, CCM, XTS: SM4 all the same.
+    parts.parameters = tlv(OCTETS, iv);
+    for (const char* mode : {".5", ".6", ".9", ".10"}) {
+        parts.cipher = std::string(SM4) + mode;
+        EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_UNKNOWN) << mode;
+    }
+}
+
+TEST_F(OtherMakersEnvelope, RecipientsMayBeNamedBySubjectKeyIdentifier)
+{
+    recipient.version = 2;
+    const std::string identifier = pattern(20, 9);
+    const std::string names[] = {
+        tlv(CONTEXT_0, identifier),
+        // In pieces.
+        tlv(CONTEXT_0 | CONSTRUCTED,
+            tlv(OCTETS, identifier.substr(0, 7)) + tlv(OCTETS, identifier.substr(7))),
+        endless(CONTEXT_0 | CONSTRUCTED, tlv(OCTETS, identifier)),
+    };
+    for (const std::string& name : names) {
+        SCOPED_TRACE(toHex(name));
+        recipient.name = name;
+        for (const char* transport : {SM2_ENCRYPTION, SM2_CURVE}) {
+            recipient.transport = transport;
+            expectRead(envelope());
+        }
+        EXPECT_EQ(open(privateKey("sm2-other"), AVEN_CIPHER_SM4, AVEN_MODE_CBC, envelope()).code,
+                  AVEN_E_ENVELOPE_OPEN);
+    }
+}
+
+TEST_F(OtherMakersEnvelope, RecipientsWithoutANameAreRefused)
+{
+    const std::string identifier = pattern(20, 9);
+    const std::string names[] = {tlv(OCTETS, identifier),
+                                 tlv(UTF8, identifier),
+                                 number(5),
+                                 NOTHING,
+                                 tlv(0x81, identifier),
+                                 tlv(SET, number(5)),
+                                 tlv(0xA1, tlv(OCTETS, identifier))};
+    for (const std::string& name : names) {
+        recipient.name = name;
+        EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_TEXT) << toHex(name);
+    }
+}
+
+// A sealed key as GM/T 0009 has it, with its parts in another form.
+std::string rawSealedKey(const std::string& der, bool digestFirst)
+{
+    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
+    STACK_OF(ASN1_TYPE)* values = d2i_ASN1_SEQUENCE_ANY(nullptr, &p, static_cast<long>(der.size()));
+    std::string values4[4];
+    for (int i = 0; i < 4; ++i) {
+        const ASN1_STRING* value = sk_ASN1_TYPE_value(values, i)->value.asn1_string;
+        values4[i].assign(reinterpret_cast<const char*>(value->data),
+                          static_cast<size_t>(value->length));
+    }
+    sk_ASN1_TYPE_pop_free(values, ASN1_TYPE_free);
+    const std::string x = std::string(32 - values4[0].size(), '\0') + values4[0];
+    const std::string y = std::string(32 - values4[1].size(), '\0') + values4[1];
+    return "\x04" + x + y + (digestFirst ? values4[2] + values4[3] : values4[3] + values4[2]);
+}
+
+TEST_F(OtherMakersEnvelope, SealedKeyMayBeInAnyForm)
+{
+    const std::string der = recipient.sealedKey;
+    for (bool digestFirst : {true, false}) {
+        recipient.sealedKey = rawSealedKey(der, digestFirst);
+        expectRead(envelope());
+        recipient.sealedKey.back() = static_cast<char>(recipient.sealedKey.back() ^ 1);
+        EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_OPEN);
+    }
+    for (const std::string& wrong : {std::string(), std::string("\x04"), std::string(1, '\0'),
+                                     std::string(97, '\x04'), rawSealedKey(der, true).substr(1)}) {
+        recipient.sealedKey = wrong;
+        EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_OPEN) << toHex(wrong);
+    }
+}
+
+TEST_F(OtherMakersEnvelope, TypesMayBeThoseOfEitherFamily)
+{
+    for (const char* type : {GM_ENVELOPED, CMS_ENVELOPED}) {
+        for (const char* contentType : {GM_DATA, CMS_DATA}) {
+            SCOPED_TRACE(std::string(type) + " " + contentType);
+            parts.type = type;
+            parts.contentType = contentType;
+            expectRead(envelope());
+        }
+        parts.contentType = "1.2.156.10197.6.1.4.2.2";  // signed within
+        EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_UNKNOWN);
+    }
+}
+
+TEST_F(OtherMakersEnvelope, VersionsDoNotMatter)
+{
+    for (int version : {0, 1, 2, 3, 4}) {
+        parts.version = version;
+        recipient.version = version;
+        expectRead(envelope());
+    }
+}
+
+TEST_F(OtherMakersEnvelope, OursIsFoundAmongOthers)
+{
+    RecipientParts other = recipient;
+    other.sealedKey = pattern(120, 3);
+    RecipientParts rsa = other;
+    rsa.transport = "1.2.840.113549.1.1.1";
+    RecipientParts unknown = other;
+    unknown.transport = "1.2.3.4";
+    const std::string others = other.der() + rsa.der() + unknown.der() + tlv(0xA1, pattern(30)) +
+                               tlv(0xA3, "") + rsa.der();
+    for (const std::string& recipients : {recipient.der() + others, others + recipient.der(),
+                                          rsa.der() + recipient.der() + unknown.der()}) {
+        parts.recipients = recipients;
+        expectRead(parts.der());
+    }
+    parts.recipients = rsa.der() + rsa.der();
+    EXPECT_EQ(code(parts.der()), AVEN_E_ENVELOPE_RECIPIENT);
+    parts.recipients = rsa.der() + unknown.der();
+    EXPECT_EQ(code(parts.der()), AVEN_E_ENVELOPE_UNKNOWN);
+    parts.recipients = "";
+    EXPECT_EQ(code(parts.der()), AVEN_E_ENVELOPE_RECIPIENT);
+}
+
+TEST_F(OtherMakersEnvelope, RecipientsAreLimited)
+{
+    RecipientParts rsa = recipient;
+    rsa.transport = "1.2.840.113549.1.1.1";
+    const auto among = [&](int count) {
+        parts.recipients.clear();
+        for (int i = 1; i < count; ++i)
+            parts.recipients += rsa.der();
+        parts.recipients += recipient.der();
+        return parts.der();
+    };
+    expectRead(among(AVEN_ENVELOPE_RECIPIENTS_MAX));
+    EXPECT_EQ(code(among(AVEN_ENVELOPE_RECIPIENTS_MAX + 1)), AVEN_E_ENVELOPE_RECIPIENTS);
+    EXPECT_EQ(code(among(10000)), AVEN_E_ENVELOPE_RECIPIENTS);
+}
+
+TEST_F(OtherMakersEnvelope, ContentMayComeInPieces)
+{
+    const std::string content = parts.content;
+    const std::string algorithm = tlv(SEQUENCE, oid(SM4) + parts.parameters);
+    std::string pieces;
+    for (size_t at = 0; at < content.size(); at += 10)
+        pieces += tlv(OCTETS, content.substr(at, 10));
+    const std::string nested = endless(OCTETS | CONSTRUCTED, tlv(OCTETS, content.substr(0, 50))) +
+                               tlv(OCTETS | CONSTRUCTED, tlv(OCTETS, content.substr(50)));
+
+    for (const std::string& bytes : {pieces, nested, tlv(OCTETS, "") + pieces}) {
+        for (bool isEndless : {false, true}) {
+            const auto wrap = isEndless ? endless : tlv;
+            const std::string sealed =
+                wrap(SEQUENCE, oid(GM_DATA) + algorithm + wrap(CONTEXT_0 | CONSTRUCTED, bytes));
+            const std::string inner =
+                wrap(SEQUENCE, number(1) + wrap(SET, recipient.der()) + sealed);
+            expectRead(wrap(SEQUENCE, oid(GM_ENVELOPED) + wrap(CONTEXT_0 | CONSTRUCTED, inner)));
+        }
+    }
+}
+
+TEST_F(OtherMakersEnvelope, RecipientMayBeBer)
+{
+    const std::string key =
+        tlv(OCTETS, recipient.sealedKey.substr(0, 9)) + tlv(OCTETS, recipient.sealedKey.substr(9));
+    parts.recipients = endless(
+        SEQUENCE, number(1) + endless(SEQUENCE, endless(SEQUENCE, "") + number(5)) +
+                      endless(SEQUENCE, oid(SM2_CURVE)) + endless(OCTETS | CONSTRUCTED, key));
+    expectRead(parts.der());
+}
+
+TEST_F(OtherMakersEnvelope, LengthsThatDoNotEndAreRefused)
+{
+    const std::string whole = envelope();
+    const std::string open0 = std::string(1, '\x30') + std::string("\x80", 1);
+    const std::string body = oid(GM_ENVELOPED) + endless(CONTEXT_0 | CONSTRUCTED, "");
+    const std::string refused[] = {
+        open0 + body,                         // no end
+        open0 + body + std::string(1, '\0'),  // half of one
+        open0,
+        open0 + oid(GM_ENVELOPED) + std::string("\xA0\x80", 2),
+        std::string("\x30\x84\xFF\xFF\xFF\xFF", 6) + whole,  // four gigabytes
+        std::string("\x30\x84\x7F\xFF\xFF\xFF", 6) + whole,
+        std::string("\x30\x88\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", 10) + whole,
+        std::string("\x30\x89", 2) + std::string(9, '\xFF') + whole,
+        std::string("\x04\x80", 2) + whole,  // no constructed value
+        std::string("\x30\xFF", 2) + whole,
+    };
+    for (const std::string& bytes : refused)
+        EXPECT_EQ(code(bytes), AVEN_E_ENVELOPE_TEXT) << toHex(bytes.substr(0, 16));
+}
+
+TEST_F(OtherMakersEnvelope, DepthIsLimited)
+{
+    // Pieces within pieces, to a depth that none needs, and one that ends a stack.
+    const std::string algorithm = tlv(SEQUENCE, oid(SM4) + parts.parameters);
+    for (size_t depth : {100u, 100000u}) {
+        std::string deep;
+        for (size_t i = 0; i < depth; ++i)
+            deep += "\x24\x80";
+        deep += tlv(OCTETS, parts.content);
+        deep += std::string(2 * depth, '\0');
+        const std::string sealed =
+            tlv(SEQUENCE, oid(GM_DATA) + algorithm + tlv(CONTEXT_0 | CONSTRUCTED, deep));
+        const std::string inner = tlv(SEQUENCE, number(1) + tlv(SET, recipient.der()) + sealed);
+        EXPECT_EQ(code(tlv(SEQUENCE, oid(GM_ENVELOPED) + tlv(CONTEXT_0 | CONSTRUCTED, inner))),
+                  AVEN_E_ENVELOPE_TEXT);
+
+        // In the places that are read over, it does no harm.
+        std::string name;
+        for (size_t i = 0; i < depth; ++i)
+            name += "\x30\x80";
+        recipient.name = name + std::string(2 * depth, '\0');
+        recipient.parameters = recipient.name;
+        expectRead(envelope());
+    }
+}
+
+TEST_F(OtherMakersEnvelope, SignedOnesAreRefusedByName)
+{
+    // GM/T 0010 and PKCS#7: hashes behind the recipients, signers behind the content.
+    const std::string hashes = tlv(SET, tlv(SEQUENCE, oid("1.2.156.10197.1.401") + NOTHING));
+    const std::string inner = tlv(SEQUENCE, number(1) + tlv(SET, recipient.der()) + hashes +
+                                                parts.contentDer() + tlv(SET, ""));
+    for (const char* type : {"1.2.156.10197.6.1.4.2.4", "1.2.840.113549.1.7.4"}) {
+        const std::string content = oid(type) + tlv(CONTEXT_0 | CONSTRUCTED, inner);
+        const std::string endlessContent = oid(type) + endless(CONTEXT_0 | CONSTRUCTED, inner);
+        EXPECT_EQ(code(tlv(SEQUENCE, content)), AVEN_E_ENVELOPE_SIGNED);
+        EXPECT_EQ(code(endless(SEQUENCE, endlessContent)), AVEN_E_ENVELOPE_SIGNED);
+        EXPECT_EQ(code(tlv(SEQUENCE, content).substr(0, 100)), AVEN_E_ENVELOPE_TEXT);
+    }
+    // The other types have no name of their own.
+    for (const char* type : {".2", ".5", ".6", ".40"}) {
+        const std::string content =
+            oid("1.2.156.10197.6.1.4.2" + std::string(type)) + tlv(CONTEXT_0 | CONSTRUCTED, inner);
+        EXPECT_EQ(code(tlv(SEQUENCE, content)), AVEN_E_ENVELOPE_TEXT);
+    }
 }
 
 // ---- What is refused.

@@ -1,5 +1,6 @@
 // The development engine's key exchange against the peer and the openssl command: whole
 // exchanges, every fault of a server, order, handles, and the channel.
+#include <openssl/x509v3.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -671,6 +672,186 @@ TEST_F(TrustedRoots, WhatCannotBeReadHasItsCode)
     }
 }
 
+std::string repeated(const std::string& text, int count)
+{
+    std::string all;
+    for (int i = 0; i < count; ++i)
+        all += text;
+    return all;
+}
+
+// The root with another number and a comment that makes its DER so long.
+CertificatePtr rootOfSize(const Credential& root, size_t size, int serial)
+{
+    CertificatePtr certificate(X509_dup(root.certificate.get()), X509_free);
+    ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), serial);
+    const std::unique_ptr<ASN1_IA5STRING, decltype(&ASN1_IA5STRING_free)> comment(
+        ASN1_IA5STRING_new(), ASN1_IA5STRING_free);
+    std::string text(size - 1000, 'x');
+    for (int round = 0; round < 2; ++round) {  // the first tells what is missing
+        ASN1_STRING_set(comment.get(), text.data(), static_cast<int>(text.size()));
+        X509_add1_ext_i2d(certificate.get(), NID_netscape_comment, comment.get(), 0,
+                          X509V3_ADD_REPLACE);
+        unsigned char* der = nullptr;
+        i2d_re_X509_tbs(certificate.get(), &der);
+        OPENSSL_free(der);
+        if (round == 0)
+            text += std::string(size - toDer(certificate.get()).size(), 'x');
+    }
+    EXPECT_EQ(toDer(certificate.get()).size(), size);
+    return certificate;
+}
+
+TEST_F(TrustedRoots, AreLimitedInNumber)
+{
+    const std::string pem = toPem(world.root.certificate.get());
+    const std::string most = folder.write("most", repeated(pem, AVEN_KE_ROOTS_MAX));
+    expectTrusted(most.c_str(), nullptr, world.server);
+    const std::string more = folder.write("more", repeated(pem, AVEN_KE_ROOTS_MAX + 1));
+    EXPECT_EQ(set(more.c_str(), nullptr), AVEN_E_KE_ROOTS_TOO_MANY);
+    const std::string many = folder.write("many", repeated(pem, 20000));
+    EXPECT_EQ(set(many.c_str(), nullptr), AVEN_E_KE_ROOTS_TOO_MANY);
+
+    // Those of file and directory are added.
+    std::filesystem::create_directory(folder.path("some"));
+    for (int i = 0; i < 10; ++i)
+        folder.write("some/" + std::to_string(i), repeated(pem, AVEN_KE_ROOTS_MAX / 10));
+    const std::string directory = folder.path("some");
+    expectTrusted(nullptr, directory.c_str(), world.server);
+    EXPECT_EQ(set(world.rootFile.c_str(), directory.c_str()), AVEN_E_KE_ROOTS_TOO_MANY);
+    folder.write("some/one", pem);
+    EXPECT_EQ(set(nullptr, directory.c_str()), AVEN_E_KE_ROOTS_TOO_MANY);
+}
+
+TEST_F(TrustedRoots, AreLimitedInBytes)
+{
+    const auto file = [&](const std::string& content) {
+        return set(folder.write("file", content).c_str(), nullptr);
+    };
+    const auto der = [&](size_t size) { return toDer(rootOfSize(world.root, size, 1).get()); };
+    EXPECT_EQ(file(der(AVEN_KE_ROOT_BYTES_MAX)), 0);
+    EXPECT_EQ(file(der(AVEN_KE_ROOT_BYTES_MAX + 1)), AVEN_E_KE_ROOTS_TOO_MANY);
+
+    const std::string pem = toPem(world.root.certificate.get());
+    const size_t size = AVEN_KE_ROOT_BYTES_MAX - toDer(world.root.certificate.get()).size();
+    EXPECT_EQ(file(pem + toPem(rootOfSize(world.root, size, 1).get())), 0);
+    EXPECT_EQ(file(pem + toPem(rootOfSize(world.root, size + 1, 1).get())),
+              AVEN_E_KE_ROOTS_TOO_MANY);
+}
+
+TEST_F(TrustedRoots, FilesAreLimitedInBytesTogether)
+{
+    const std::string pem = toPem(world.root.certificate.get());
+    std::filesystem::create_directory(folder.path("some"));
+    const std::string directory = folder.path("some");
+    folder.write("some/root", pem);
+    folder.write("some/text", std::string(AVEN_KE_ROOT_FILE_BYTES_MAX - pem.size(), 'x'));
+    expectTrusted(nullptr, directory.c_str(), world.server);
+    EXPECT_EQ(set(world.rootFile.c_str(), directory.c_str()), AVEN_E_INPUT_TOO_LONG);
+    folder.write("some/more", "x");
+    EXPECT_EQ(set(nullptr, directory.c_str()), AVEN_E_INPUT_TOO_LONG);
+}
+
+TEST_F(TrustedRoots, DirectoryIsLimitedInEntries)
+{
+    std::filesystem::create_directory(folder.path("some"));
+    folder.write("some/root", toPem(world.root.certificate.get()));
+    for (int i = 1; i < AVEN_KE_ROOT_ENTRIES_MAX; ++i)
+        std::filesystem::create_symlink("nowhere", folder.path("some/" + std::to_string(i)));
+    expectTrusted(nullptr, folder.path("some").c_str(), world.server);
+    std::filesystem::create_directory(folder.path("some/inner"));
+    EXPECT_EQ(set(nullptr, folder.path("some").c_str()), AVEN_E_KE_ROOTS_TOO_MANY);
+}
+
+TEST_F(TrustedRoots, OfAllSessionsAreLimitedInBytes)
+{
+    constexpr int most = AVEN_KE_ROOT_BYTES_OF_ALL_MAX / AVEN_KE_ROOT_BYTES_MAX;
+    const auto file = [&](int serial) {
+        return folder.write(std::to_string(serial),
+                            toDer(rootOfSize(world.root, AVEN_KE_ROOT_BYTES_MAX, serial).get()));
+    };
+    std::vector<void*> sessions;
+    for (int i = 0; i < most; ++i)
+        sessions.push_back(newSession(file(i)));
+    EXPECT_EQ(set(file(most).c_str(), nullptr), AVEN_E_KE_ROOTS_MEMORY);
+    EXPECT_EQ(set(world.rootFile.c_str(), nullptr), AVEN_E_KE_ROOTS_MEMORY);
+
+    // Those that another session has cost nothing.
+    for (int i = 0; i < 100; ++i)
+        sessions.push_back(newSession(folder.path("0")));
+    EXPECT_EQ(engine.aven_ke_free(sessions[1]), 0);
+    EXPECT_EQ(set(file(most).c_str(), nullptr), 0);
+    EXPECT_EQ(engine.aven_ke_free(sessions[0]), 0);  // others have the same
+    void* more = newSession(file(most));
+    EXPECT_EQ(set(world.rootFile.c_str(), nullptr), AVEN_E_KE_ROOTS_MEMORY);
+
+    // A session's new roots replace the old ones, which count until then.
+    EXPECT_EQ(engine.aven_ke_free(more), 0);
+    more = newSession(file(most));
+    EXPECT_EQ(engine.aven_ke_set_root_certificate(more, world.rootFile.c_str(), nullptr),
+              AVEN_E_KE_ROOTS_MEMORY);
+    EXPECT_EQ(engine.aven_ke_free(sessions[2]), 0);
+    EXPECT_EQ(engine.aven_ke_set_root_certificate(more, world.rootFile.c_str(), nullptr), 0);
+    EXPECT_EQ(exchange(more, answerHello(world.server, hello(more).out)).code, 0);
+
+    // A restart ends them all.
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+    EXPECT_EQ(engine.aven_global_init(), 0);
+    for (int i = 0; i < most; ++i)
+        newSession(folder.path(std::to_string(i)));
+}
+
+TEST_F(TrustedRoots, AreTheSameOnlyIfEveryCertificateIs)
+{
+    // Two in one block are not two in two.
+    const Credential other = makeRoot(rootPlan(), KeyKind::sm2);
+    X509* root = world.root.certificate.get();
+    const std::string both = toPem(root) + toPem(other.certificate.get());
+    void* ke = newSession(folder.write("both", both));
+    const std::string joined = "-----BEGIN CERTIFICATE-----\n" +
+                               toBase64(toDer(root) + toDer(other.certificate.get())) +
+                               "\n-----END CERTIFICATE-----\n";
+    EXPECT_EQ(set(folder.write("joined", joined).c_str(), nullptr), AVEN_E_KEY_TEXT);
+    expectTrusted(folder.path("both").c_str(), nullptr, world.server);
+    EXPECT_EQ(exchange(ke, answerHello(world.server, hello(ke).out)).code, 0);
+
+    // Sessions with other roots are not trusted with those of the first.
+    EXPECT_EQ(codeWith(world.server, other), AVEN_E_KE_UNTRUSTED);
+}
+
+TEST_F(TrustedRoots, ManyThreadsShareThem)
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20; ++i)
+                expectTrusted(world.rootFile.c_str(), nullptr, world.server);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+TEST_F(TrustedRoots, WayToThemIsLimited)
+{
+    const KeyKind kind = KeyKind::sm2;
+    Credential issuer = world.root;
+    std::string pem = toPem(world.root.certificate.get());
+    for (int between = 0; between <= AVEN_KE_CHAIN_MAX + 1; ++between) {
+        if (between >= AVEN_KE_CHAIN_MAX) {
+            const ServerCredentials server = {makeCredential(signingPlan(), kind, issuer),
+                                              makeCredential(encryptionPlan(), kind, issuer)};
+            void* ke = newSession(folder.write("chain", pem));
+            EXPECT_EQ(exchange(ke, answerHello(server, hello(ke).out)).code,
+                      between > AVEN_KE_CHAIN_MAX ? AVEN_E_KE_UNTRUSTED : 0);
+        }
+        CertificatePlan plan = rootPlan();
+        plan.name = "Issuer " + std::to_string(between);
+        issuer = makeCredential(plan, kind, issuer);
+        pem += toPem(issuer.certificate.get());
+    }
+}
+
 TEST_F(TrustedRoots, FailedCallKeepsThoseBefore)
 {
     void* ke = newSession(world.rootFile);
@@ -748,6 +929,31 @@ TEST_F(ClientIdentity, MalformedTextsAreRefused)
               AVEN_E_NULL_POINTER);
     EXPECT_EQ(engine.aven_ke_set_certificate(ke, nullptr, 0, nullptr, 1, nullptr),
               AVEN_E_NULL_POINTER);
+}
+
+TEST_F(ClientIdentity, SessionsDoNotKeepCertificatesWhole)
+{
+    const CertificatePtr certificate = rootOfSize(worldOf(KeyKind::sm2).root, 48000, 1);
+    const std::string text = toBase64(toDer(certificate.get()));
+    const auto add = [&](int sessions) {
+        for (int i = 0; i < sessions; ++i)
+            EXPECT_EQ(setCertificates(newSession(), text, text), 0);
+        return support::Held::now().allocated;
+    };
+    const size_t before = add(10);
+    EXPECT_LT(add(100), before + 100 * 16384);
+}
+
+TEST_F(ClientIdentity, CostlyPasswordsAreRefused)
+{
+    for (const char* p : {"8", "9"}) {
+        const std::string key = openssl().make(
+            std::string("pkcs8 -topk8 -scrypt -scrypt_N 16384 -scrypt_r 8 -passout pass:word ") +
+                "-scrypt_p " + p + " -in " + keyFile("sm2") + " -out out",
+            "out");
+        EXPECT_EQ(setKeys(newSession(), toBase64(key), "", "word"),
+                  *p == '8' ? 0 : AVEN_E_KEY_COST);
+    }
 }
 
 TEST_F(ClientIdentity, PasswordOpensEncryptedKeys)

@@ -618,15 +618,14 @@ TEST_F(EngineLimits, LargestLengthsAreRefused)
 
     EXPECT_EQ(engine.aven_crypto_kdf(0, in, MOST, 16, out), AVEN_E_INPUT_TOO_LONG);
     EXPECT_EQ(engine.aven_keypair_unmarshal(0, in, MOST, nullptr, 0, nullptr, &handle),
-              AVEN_E_BASE64_CHARACTER);
+              AVEN_E_INPUT_TOO_LONG);
     EXPECT_EQ(engine.aven_keypair_unmarshal(0, nullptr, 0, in, MOST, nullptr, &handle),
-              AVEN_E_BASE64_CHARACTER);
-    EXPECT_EQ(engine.aven_certificate_unmarshal(in, MOST, nullptr, &handle),
-              AVEN_E_BASE64_CHARACTER);
+              AVEN_E_INPUT_TOO_LONG);
+    EXPECT_EQ(engine.aven_certificate_unmarshal(in, MOST, nullptr, &handle), AVEN_E_INPUT_TOO_LONG);
     EXPECT_EQ(engine.aven_ke_set_public_key(fresh, in, MOST, nullptr, 0, nullptr),
-              AVEN_E_BASE64_CHARACTER);
+              AVEN_E_INPUT_TOO_LONG);
     EXPECT_EQ(engine.aven_ke_set_certificate(fresh, in, MOST, nullptr, 0, nullptr),
-              AVEN_E_BASE64_CHARACTER);
+              AVEN_E_INPUT_TOO_LONG);
 }
 
 // ---- Numbers that mean nothing

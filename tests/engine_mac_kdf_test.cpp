@@ -358,21 +358,24 @@ TEST_F(CryptoKdf, PublishedVectors)
               "443024c3dae66b95e6f5670601558f71");
 }
 
-// hash(secret || counter), one block behind the other.
+// hash(secret || counter)
+std::string textbookBlock(const char* hash, const std::string& secret, size_t counter)
+{
+    std::string block = secret;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        block += static_cast<char>(counter >> shift & 0xff);
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    size_t size = 0;
+    EXPECT_EQ(EVP_Q_digest(nullptr, hash, nullptr, block.data(), block.size(), digest, &size), 1);
+    return std::string(reinterpret_cast<char*>(digest), size);
+}
+
+// One block behind the other.
 std::string textbookKdf(const char* hash, const std::string& secret, size_t size)
 {
     std::string out;
-    for (uint32_t counter = 1; out.size() < size; ++counter) {
-        std::string block = secret;
-        for (int shift = 24; shift >= 0; shift -= 8)
-            block += static_cast<char>(counter >> shift & 0xff);
-        unsigned char digest[EVP_MAX_MD_SIZE];
-        size_t digestSize = 0;
-        EXPECT_EQ(
-            EVP_Q_digest(nullptr, hash, nullptr, block.data(), block.size(), digest, &digestSize),
-            1);
-        out.append(reinterpret_cast<char*>(digest), digestSize);
-    }
+    for (size_t counter = 1; out.size() < size; ++counter)
+        out += textbookBlock(hash, secret, counter);
     return out.substr(0, size);
 }
 
@@ -384,6 +387,20 @@ TEST_F(CryptoKdf, EveryHashAgreesWithTheTextbook)
             for (size_t size : {size_t{1}, hash.size - 1, hash.size, hash.size + 1, size_t{65535}})
                 EXPECT_EQ(toHex(derive(engine, hash.number, secret, size)),
                           toHex(textbookKdf(hash.name, secret, size)));
+    }
+}
+
+// The secret is hashed once, however many blocks there are.
+TEST_F(CryptoKdf, LongSecretsGiveLongKeys)
+{
+    const std::string secret = pattern(2 << 20);
+    for (const auto& hash : hashes) {
+        SCOPED_TRACE(hash.name);
+        const std::string key = derive(engine, hash.number, secret, 65535);
+        for (size_t counter : std::initializer_list<size_t>{1, 2, 65535 / hash.size}) {
+            EXPECT_EQ(toHex(key.substr((counter - 1) * hash.size, hash.size)),
+                      toHex(textbookBlock(hash.name, secret, counter)));
+        }
     }
 }
 

@@ -124,9 +124,8 @@ Engine::Engine() : library_(OSSL_LIB_CTX_new())
 
     hmac_.reset(EVP_MAC_fetch(library(), "HMAC", nullptr));
     cmac_.reset(EVP_MAC_fetch(library(), "CMAC", nullptr));
-    x963Kdf_.reset(EVP_KDF_fetch(library(), "X963KDF", nullptr));
     primary_ = RAND_get0_primary(library());
-    require(hmac_ != nullptr && cmac_ != nullptr && x963Kdf_ != nullptr, AVEN_E_START);
+    require(hmac_ != nullptr && cmac_ != nullptr, AVEN_E_START);
     require(primary_ != nullptr, AVEN_E_RANDOM);
 
     for (int h = 0; h < HASHES; ++h)

@@ -8,7 +8,6 @@
 #define AVEN_ENGINE_H
 
 #include <openssl/evp.h>
-#include <openssl/kdf.h>
 #include <openssl/provider.h>
 
 #include <cstddef>
@@ -17,6 +16,7 @@
 #include "errors.h"
 #include "handle_table.h"
 #include "mac.h"
+#include "root_table.h"
 
 // Owns a libcrypto object: Owned<EVP_MAC_CTX_free, EVP_MAC_CTX>.
 template <auto Free>
@@ -61,8 +61,6 @@ public:
     const EVP_MAC_CTX* preparedHmac(int hash) const { return hmacs_[hash - 1].get(); }
     const EVP_MAC_CTX* preparedCmac(int cipher) const { return cmacs_[cipher - 1].get(); }
 
-    EVP_KDF* x963Kdf() const { return x963Kdf_.get(); }
-
     // Fills `out` from the context's primary generator, which is locked and reseeds
     // itself. RAND_bytes_ex would give each calling thread a generator of its own in
     // this context, which libcrypto frees when the thread ends, be it after the
@@ -70,8 +68,9 @@ public:
     // followed by OPENSSL_thread_stop_ex(library()) on the same thread.
     void random(unsigned char* out, size_t size) const;
 
-    // Locked by itself.
+    // Both are locked by themselves.
     HandleTable& handles() const { return handles_; }
+    RootTable& roots() const { return roots_; }
 
 private:
     static constexpr int CIPHERS = 7;
@@ -85,8 +84,8 @@ private:
     Owned<EVP_MAC_free, EVP_MAC> cmac_;
     MacContext hmacs_[HASHES];
     MacContext cmacs_[CIPHERS];
-    Owned<EVP_KDF_free, EVP_KDF> x963Kdf_;
-    EVP_RAND_CTX* primary_ = nullptr;     // the library context's
+    EVP_RAND_CTX* primary_ = nullptr;  // the library context's
+    mutable RootTable roots_;
     mutable HandleTable handles_{*this};  // last: goes first
 };
 

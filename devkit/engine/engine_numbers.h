@@ -37,7 +37,8 @@
  *                   AES             all modes but CTR
  *                   CAMELLIA-256    all modes
  *                   3DES            CBC
- *                 SM2: EnvelopedData of GM/T 0010. SM4 in all modes but GCM.
+ *                 SM2: EnvelopedData of GM/T 0010. SM4 in all modes but GCM. Other
+ *                 makers' identifiers and forms are read, too: README.md has them.
  *   Key exchange  two certificates, in the manner of TLCP (GB/T 38636-2020): see
  *                 KEY_EXCHANGE.md.
  *   Base64        RFC 4648 alphabet with "+" and "/". Encoding pads and breaks no
@@ -109,13 +110,31 @@ enum {
 enum {
     AVEN_RSA_BITS_MIN = 2048,
     AVEN_RSA_BITS_MAX = 4096,
+    AVEN_KEY_TEXT_MAX = 64 << 10,     /* bytes of a key's or certificate's text, or DER */
     AVEN_ENVELOPE_RECIPIENTS_MAX = 64 /* read; each may cost a use of the key */
+};
+
+/* What trying a password on an encrypted private key may cost: about two seconds. */
+enum {
+    AVEN_KEY_ITERATIONS_MAX = 2000000,    /* of PBKDF2 and of PBES1 */
+    AVEN_KEY_SCRYPT_MAX = 1 << 20,        /* N * r * p */
+    AVEN_KEY_SCRYPT_MEMORY_MAX = 32 << 20 /* bytes: 128 * r * (N + p + 2) */
 };
 
 /* Key exchange; see KEY_EXCHANGE.md. */
 enum {
     AVEN_KE_SESSIONS_MAX = 1024, /* alive at once */
-    AVEN_KE_MESSAGE_MAX = 256    /* bytes of the client's key exchange */
+    AVEN_KE_MESSAGE_MAX = 256,   /* bytes of the client's key exchange */
+    AVEN_KE_CHAIN_MAX = 10       /* certificates between a server's and its root */
+};
+
+/* Trusted roots. Certificates count as they are read, also those that occur again. */
+enum {
+    AVEN_KE_ROOTS_MAX = 1000,                /* certificates of a session */
+    AVEN_KE_ROOT_BYTES_MAX = 2 << 20,        /* their DER */
+    AVEN_KE_ROOT_FILE_BYTES_MAX = 16 << 20,  /* what is read for a session */
+    AVEN_KE_ROOT_ENTRIES_MAX = 4096,         /* of a directory */
+    AVEN_KE_ROOT_BYTES_OF_ALL_MAX = 32 << 20 /* DER in all sessions, the same roots once */
 };
 
 /*
@@ -134,8 +153,8 @@ enum {
       "the capacity passed in is below the result's length",                              \
       "offer the length that the call has stored")                                        \
     X(AVEN_E_INPUT_TOO_LONG, -30004, "input is too long",                                 \
-      "the result's length would not fit in 32 bits, or the algorithm's limit is passed", \
-      "send the data in smaller pieces")                                                  \
+      "the result's length would not fit in 32 bits, or a limit in engine_numbers.h is passed", \
+      "send less at once")                                                                \
     X(AVEN_E_INPUT_EMPTY, -30005, "input is empty",                                       \
       "nothing to derive a key from, or to encrypt with SM2",                             \
       "pass at least one byte")                                                           \
@@ -262,6 +281,9 @@ enum {
     X(AVEN_E_DECRYPTION, -30068, "ciphertext does not decrypt",                           \
       "wrong key, wrong padding number, or damaged ciphertext",                           \
       "check key, padding number and ciphertext")                                         \
+    X(AVEN_E_KEY_COST, -30069, "private key's password is too costly to try",             \
+      "more than 2000000 iterations, or scrypt with N * r * p above 2^20 or with more than 32 MiB",\
+      "encrypt the key anew: openssl pkcs8 -topk8 -iter 600000")                          \
     X(AVEN_E_ENVELOPE_ALGORITHM, -30070, "envelopes have no such cipher and mode",        \
       "the combination has no object identifier, or does not go with the kind of the key", \
       "see the envelope formats in engine_numbers.h")                                     \
@@ -283,6 +305,12 @@ enum {
     X(AVEN_E_ENVELOPE_OPEN, -30076, "envelope does not open with this key",               \
       "wrong key, or damaged envelope",                                                   \
       "check the key and the envelope")                                                   \
+    X(AVEN_E_ENVELOPE_SIGNED, -30077, "envelope is a signed one",                         \
+      "its type is signedAndEnvelopedData, which this engine does not open",              \
+      "have the sender make envelopedData; a signature can go inside")                    \
+    X(AVEN_E_ENVELOPE_RECIPIENTS, -30078, "envelope has too many recipients",             \
+      "more than 64 are listed",                                                          \
+      "make several envelopes with fewer recipients each")                                \
     X(AVEN_E_KE_SESSIONS, -30080, "too many key-exchange sessions",                       \
       "1024 sessions are alive, perhaps because they are not freed",                      \
       "free sessions that are no longer used")                                            \
@@ -327,7 +355,13 @@ enum {
       "give the server an encryption certificate with a 2048-bit key")                    \
     X(AVEN_E_KE_MESSAGE, -30094, "channel message is too short",                          \
       "it has fewer than the 28 bytes of nonce and tag",                                  \
-      "pass the message as the other side sent it")
+      "pass the message as the other side sent it")                                       \
+    X(AVEN_E_KE_ROOTS_TOO_MANY, -30095, "too many trusted roots for one session",         \
+      "more than 1000 certificates or 2 MiB of them, or a directory with more than 4096 entries",\
+      "name a file or directory with those roots alone that servers need")                \
+    X(AVEN_E_KE_ROOTS_MEMORY, -30096, "too many different trusted roots in all sessions", \
+      "the sessions that are alive hold 32 MiB of them",                                  \
+      "free sessions that are no longer used, or give all the same roots")
 /* clang-format on */
 
 #define AVEN_ENGINE_ERROR_CODE(name, code, text, cause, remedy) name = (code),

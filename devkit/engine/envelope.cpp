@@ -23,6 +23,9 @@ const char* const CMS_AUTH_ENVELOPED = "1.2.840.113549.1.9.16.1.23";
 const char* const CMS_DATA = "1.2.840.113549.1.7.1";
 const char* const GM_ENVELOPED = "1.2.156.10197.6.1.4.2.3";
 const char* const GM_DATA = "1.2.156.10197.6.1.4.2.1";
+// PKCS#7's and GM/T 0010's envelopes with signatures over the content.
+const char* const CMS_SIGNED_ENVELOPED = "1.2.840.113549.1.7.4";
+const char* const GM_SIGNED_ENVELOPED = "1.2.156.10197.6.1.4.2.4";
 
 // ---- The ASN.1. Parts that are only read over are of any type.
 
@@ -37,17 +40,32 @@ ASN1_SEQUENCE(IssuerAndSerialForm) = {
 } static_ASN1_SEQUENCE_END(IssuerAndSerialForm)
     // clang-format on
 
+    struct RecipientNameForm {
+    int type;  // which of the two, from 0; -1 for none
+    union {
+        ASN1_STRING* issuerAndSerial;  // DER
+        ASN1_OCTET_STRING* keyIdentifier;
+    } value;
+};
+constexpr int ISSUER_AND_SERIAL = 0;
+// clang-format off
+ASN1_CHOICE(RecipientNameForm) = {
+    ASN1_SIMPLE(RecipientNameForm, value.issuerAndSerial, ASN1_SEQUENCE),
+    ASN1_IMP(RecipientNameForm, value.keyIdentifier, ASN1_OCTET_STRING, 0)
+} static_ASN1_CHOICE_END(RecipientNameForm)
+    // clang-format on
+
     // Of the five kinds of recipients the one to whose key the content key is encrypted.
     struct RecipientForm {
     ASN1_INTEGER* version;
-    ASN1_TYPE* recipient;  // written as issuer and serial number
+    RecipientNameForm* name;  // written as issuer and serial number
     X509_ALGOR* algorithm;
     ASN1_OCTET_STRING* key;
 };
 // clang-format off
 ASN1_SEQUENCE(RecipientForm) = {
     ASN1_SIMPLE(RecipientForm, version, ASN1_INTEGER),
-    ASN1_SIMPLE(RecipientForm, recipient, ASN1_ANY),
+    ASN1_SIMPLE(RecipientForm, name, RecipientNameForm),
     ASN1_SIMPLE(RecipientForm, algorithm, X509_ALGOR),
     ASN1_SIMPLE(RecipientForm, key, ASN1_OCTET_STRING)
 } static_ASN1_SEQUENCE_END(RecipientForm)
@@ -144,14 +162,22 @@ void setObject(ASN1_OBJECT*& object, const char* oid)
     object = made;
 }
 
+using StringOwner = Owned<ASN1_STRING_free, ASN1_STRING>;
+
+StringOwner sequenceOf(const std::vector<unsigned char>& der)
+{
+    StringOwner sequence(ASN1_STRING_type_new(V_ASN1_SEQUENCE));
+    require(sequence != nullptr, AVEN_E_NO_MEMORY);
+    setContent(sequence.get(), {der.data(), der.size()});
+    return sequence;
+}
+
 // A sequence's DER as a value of any type. The caller owns it.
 ASN1_TYPE* packed(const std::vector<unsigned char>& der)
 {
     Owned<ASN1_TYPE_free, ASN1_TYPE> value(ASN1_TYPE_new());
-    Owned<ASN1_STRING_free, ASN1_STRING> sequence(ASN1_STRING_type_new(V_ASN1_SEQUENCE));
-    require(value != nullptr && sequence != nullptr, AVEN_E_NO_MEMORY);
-    setContent(sequence.get(), {der.data(), der.size()});
-    ASN1_TYPE_set(value.get(), V_ASN1_SEQUENCE, sequence.release());
+    require(value != nullptr, AVEN_E_NO_MEMORY);
+    ASN1_TYPE_set(value.get(), V_ASN1_SEQUENCE, sequenceOf(der).release());
     return value.release();
 }
 
@@ -166,9 +192,8 @@ void writeRecipient(const Engine& engine, const Certificate& certificate, Bytes 
 
     const Recipient::Owner recipient = Recipient::make();
     setNumber(recipient->version, version);
-    ASN1_TYPE* packedName = packed(IssuerAndSerial::write(*name));
-    ASN1_TYPE_free(recipient->recipient);
-    recipient->recipient = packedName;
+    recipient->name->value.issuerAndSerial = sequenceOf(IssuerAndSerial::write(*name)).release();
+    recipient->name->type = ISSUER_AND_SERIAL;
     writeTransport(certificate.key.kind, recipient->algorithm);
     const std::vector<unsigned char> sealed = sealContentKey(engine, certificate.key, contentKey);
     setContent(recipient->key, {sealed.data(), sealed.size()});
@@ -234,11 +259,9 @@ bool openContentKey(const Engine& engine, const Key& key, const RecipientForm& r
     SecretBytes opened;
     try {
         opened = key.kind == AVEN_KEY_RSA ? rsaDecrypt(engine, key, transport.rsaPadding, sealed)
-                                          : sm2Decrypt(engine, key, SM2_STANDARD_FORM, sealed);
+                                          : sm2DecryptAnyForm(engine, key, sealed);
     } catch (const Failure& failure) {
-        const bool refused =
-            failure.code == AVEN_E_DECRYPTION || failure.code == AVEN_E_SM2_FORM_DIFFERS;
-        if (!refused)
+        if (failure.code != AVEN_E_DECRYPTION)
             throw;
         return false;
     }
@@ -254,7 +277,7 @@ bool findContentKey(const Engine& engine, const Key& key, const EnvelopeForm& en
                     SecretBytes& contentKey)
 {
     const int count = sk_ASN1_TYPE_num(envelope.recipients);
-    require(count <= AVEN_ENVELOPE_RECIPIENTS_MAX, AVEN_E_ENVELOPE_UNKNOWN);
+    require(count <= AVEN_ENVELOPE_RECIPIENTS_MAX, AVEN_E_ENVELOPE_RECIPIENTS);
     bool ofThisKind = false;
     bool ofUnknownKind = false;
 
@@ -293,11 +316,11 @@ void checkParts(const OuterForm& outer, const ContentAlgorithm& algorithm)
     const EnvelopeForm& envelope = *outer.envelope;
     const std::string type = oidOf(outer.type);
     const std::string contentType = oidOf(envelope.content->type);
-    const bool isGm = type == GM_ENVELOPED;
     const bool hasTag = type == CMS_AUTH_ENVELOPED;
 
-    require(isGm || hasTag || type == CMS_ENVELOPED, AVEN_E_ENVELOPE_UNKNOWN);
-    require(contentType == (isGm ? GM_DATA : CMS_DATA), AVEN_E_ENVELOPE_UNKNOWN);
+    // Some makers take one type from GM/T 0010 and the other from PKCS#7.
+    require(hasTag || type == GM_ENVELOPED || type == CMS_ENVELOPED, AVEN_E_ENVELOPE_UNKNOWN);
+    require(contentType == GM_DATA || contentType == CMS_DATA, AVEN_E_ENVELOPE_UNKNOWN);
     require(envelope.content->content != nullptr, AVEN_E_ENVELOPE_UNKNOWN);
     require(isPossibleSize(*algorithm.cipher, contentOf(envelope.content->content).size),
             AVEN_E_ENVELOPE_TEXT);
@@ -329,9 +352,31 @@ size_t openContent(const Engine& engine, const CipherSetup& setup, const Envelop
     }
 }
 
+// Their structure is another, so that they would pass for damaged.
+bool isSignedEnvelope(Bytes in)
+{
+    const unsigned char* p = in.data;
+    long length = 0;
+    int tag = 0;
+    int tagClass = 0;
+    if (in.size > INT32_MAX)
+        return false;
+    // 0x80 marks an error.
+    const int header = ASN1_get_object(&p, &length, &tag, &tagClass, static_cast<long>(in.size));
+    if ((header & 0x80) != 0 || tag != V_ASN1_SEQUENCE || tagClass != V_ASN1_UNIVERSAL)
+        return false;
+    const Owned<ASN1_OBJECT_free, ASN1_OBJECT> type(
+        d2i_ASN1_OBJECT(nullptr, &p, static_cast<long>(in.data + in.size - p)));
+    if (type == nullptr)
+        return false;
+    const std::string oid = oidOf(type.get());
+    return oid == CMS_SIGNED_ENVELOPED || oid == GM_SIGNED_ENVELOPED;
+}
+
 void open(const Engine& engine, const ContentCipher& named, const Key& key, Bytes in,
           Output& output)
 {
+    require(!isSignedEnvelope(in), AVEN_E_ENVELOPE_SIGNED);
     const Outer::Owner outer = Outer::read(in, AVEN_E_ENVELOPE_TEXT, AVEN_E_ENVELOPE_TRAILING);
     const EnvelopeForm& envelope = *outer->envelope;
     const ContentAlgorithm algorithm = readContentAlgorithm(envelope.content->algorithm);

@@ -8,10 +8,13 @@
 namespace {
 
 // The registries' identifiers: GB/T 33560 for SM4, NIST for AES, RFC 5794 for ARIA,
-// NTT for CAMELLIA, RFC 3370 for 3DES.
+// NTT for CAMELLIA, RFC 3370 for 3DES. Where a combination has several, the first is
+// written.
 const ContentCipher contentCiphers[] = {
     {AVEN_CIPHER_SM4, AVEN_MODE_ECB, "1.2.156.10197.1.104.1"},
     {AVEN_CIPHER_SM4, AVEN_MODE_CBC, "1.2.156.10197.1.104.2"},
+    // GM/T 0006 has SM4 without a mode alone. Makers who go by it mean CBC.
+    {AVEN_CIPHER_SM4, AVEN_MODE_CBC, "1.2.156.10197.1.104"},
     {AVEN_CIPHER_SM4, AVEN_MODE_OFB, "1.2.156.10197.1.104.3"},
     {AVEN_CIPHER_SM4, AVEN_MODE_CFB, "1.2.156.10197.1.104.4"},
     {AVEN_CIPHER_SM4, AVEN_MODE_CTR, "1.2.156.10197.1.104.7"},
@@ -151,6 +154,24 @@ RsaPadding readOaep(const X509_ALGOR* algorithm)
     return {AVEN_RSA_OAEP, oaepHash(oaep->hashFunc), oaepMaskHash(oaep->maskGenFunc)};
 }
 
+// SM2 encryption goes by its own identifier, by the curve's, which stands for all of SM2 in
+// GM/T 0006, or by the one in the recipient's certificate.
+bool isSm2(const X509_ALGOR* algorithm)
+{
+    const ASN1_OBJECT* identifier = nullptr;
+    int type = V_ASN1_UNDEF;
+    const void* value = nullptr;
+    X509_ALGOR_get0(&identifier, &type, &value, algorithm);
+    switch (OBJ_obj2nid(identifier)) {
+        case NID_sm2:
+            return true;
+        case NID_X9_62_id_ecPublicKey:
+            return type == V_ASN1_OBJECT &&
+                   OBJ_obj2nid(static_cast<const ASN1_OBJECT*>(value)) == NID_sm2;
+    }
+    return oidOf(identifier) == SM2_ENCRYPTION;
+}
+
 Algorithm::Owner sha256Algorithm()
 {
     Algorithm::Owner algorithm = Algorithm::make();
@@ -226,7 +247,7 @@ ContentAlgorithm readContentAlgorithm(const X509_ALGOR* algorithm)
     const ContentCipher* cipher = nullptr;
     for (const ContentCipher& one : contentCiphers) {
         if (oid == one.oid)
-            cipher = &one;
+            cipher = contentCipher(one.cipher, one.mode);
     }
     require(cipher != nullptr, AVEN_E_ENVELOPE_UNKNOWN);
 
@@ -261,12 +282,11 @@ void writeTransport(int keyKind, X509_ALGOR* out)
 
 Transport readTransport(const X509_ALGOR* algorithm)
 {
-    const ASN1_OBJECT* identifier = identifierOf(algorithm);
-    switch (OBJ_obj2nid(identifier)) {
+    switch (OBJ_obj2nid(identifierOf(algorithm))) {
         case NID_rsaEncryption:
             return {AVEN_KEY_RSA, {AVEN_RSA_PKCS1}};
         case NID_rsaesOaep:
             return {AVEN_KEY_RSA, readOaep(algorithm)};
     }
-    return {oidOf(identifier) == SM2_ENCRYPTION ? AVEN_KEY_SM2 : 0, {AVEN_RSA_OAEP}};
+    return {isSm2(algorithm) ? AVEN_KEY_SM2 : 0, {AVEN_RSA_OAEP}};
 }

@@ -21,7 +21,7 @@ struct ContentCipher {
     const char* oid;
 };
 
-// Null if the combination has no identifier.
+// Null if the combination has no identifier. There is one object for a combination.
 const ContentCipher* contentCipher(int cipher, int mode);
 
 constexpr size_t ENVELOPE_NONCE = 12;  // of GCM, RFC 5084

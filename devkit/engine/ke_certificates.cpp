@@ -19,7 +19,6 @@ namespace fs = std::filesystem;
 
 using Bio = Owned<BIO_free_all, BIO>;
 
-constexpr uintmax_t ROOT_FILE_MAX = 16 << 20;
 // libcrypto's level of 112 bits: no SHA-1, no RSA below 2048 bits.
 constexpr int SECURITY_LEVEL = 2;
 
@@ -39,17 +38,33 @@ void setIssuerId(X509* certificate)
     X509_set0_distinguishing_id(certificate, id.release());
 }
 
-void addRoot(const Engine& engine, X509_STORE* roots, Bytes der)
-{
-    X509* made = X509_new_ex(engine.library(), nullptr);
-    require(made != nullptr, AVEN_E_NO_MEMORY);
-    const unsigned char* p = der.data;
-    // Frees what it was given if it fails.
-    const X509Certificate root(d2i_X509(&made, &p, static_cast<long>(der.size)));
-    require(root != nullptr && p == der.data + der.size, AVEN_E_KEY_TEXT);
-    setIssuerId(root.get());
-    require(X509_STORE_add_cert(roots, root.get()) == 1, AVEN_E_NO_MEMORY);
-}
+// Certificates as they were read. What they cost is bounded before one of them is parsed.
+class RootTexts {
+public:
+    // Room for a file of `size` bytes.
+    SecretBytes fileRoom(uintmax_t size)
+    {
+        require(size <= AVEN_KE_ROOT_FILE_BYTES_MAX - fileBytes_, AVEN_E_INPUT_TOO_LONG);
+        fileBytes_ += static_cast<size_t>(size);
+        return SecretBytes(static_cast<size_t>(size));
+    }
+
+    void add(Bytes der)
+    {
+        require(ders_.size() < AVEN_KE_ROOTS_MAX, AVEN_E_KE_ROOTS_TOO_MANY);
+        require(der.size <= AVEN_KE_ROOT_BYTES_MAX - bytes_, AVEN_E_KE_ROOTS_TOO_MANY);
+        bytes_ += der.size;
+        ders_.emplace_back(der.data, der.data + der.size);
+    }
+
+    const std::vector<std::vector<unsigned char>>& ders() const { return ders_; }
+    size_t bytes() const { return bytes_; }
+
+private:
+    std::vector<std::vector<unsigned char>> ders_;
+    size_t bytes_ = 0;  // of DER
+    size_t fileBytes_ = 0;
+};
 
 // One block of a PEM file. What is no certificate may be a key.
 struct PemBlock {
@@ -78,21 +93,17 @@ struct PemBlock {
     }
 };
 
-// Returns how many certificates there were.
-size_t addPemRoots(const Engine& engine, X509_STORE* roots, Bytes text)
+void addPemRoots(RootTexts& roots, Bytes text)
 {
     const Bio bio(BIO_new_mem_buf(text.data, static_cast<int>(text.size)));
     require(bio != nullptr, AVEN_E_NO_MEMORY);
-    size_t count = 0;
     for (;;) {
         PemBlock block;
         if (!block.read(bio.get()))
-            return count;
+            return;
         const std::string_view label = block.label;
-        if (label != PEM_STRING_X509 && label != PEM_STRING_X509_OLD)
-            continue;
-        addRoot(engine, roots, {block.data, static_cast<size_t>(block.size)});
-        ++count;
+        if (label == PEM_STRING_X509 || label == PEM_STRING_X509_OLD)
+            roots.add({block.data, static_cast<size_t>(block.size)});
     }
 }
 
@@ -109,37 +120,76 @@ bool hasPem(Bytes bytes)
     return text.find("-----BEGIN ") != std::string_view::npos;
 }
 
-size_t addRoots(const Engine& engine, X509_STORE* roots, const fs::path& path)
+void addRoots(RootTexts& roots, const fs::path& path)
 {
     std::error_code error;
     const uintmax_t size = fs::file_size(path, error);
     require(!error, AVEN_E_KE_ROOTS_OPEN);
-    require(size <= ROOT_FILE_MAX, AVEN_E_INPUT_TOO_LONG);
-    SecretBytes content(static_cast<size_t>(size));
+    SecretBytes content = roots.fileRoom(size);
     std::ifstream file(path, std::ios::binary);
     file.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(size));
     require(file.good(), AVEN_E_KE_ROOTS_OPEN);
 
-    if (!looksLikeDer(view(content)))
-        return addPemRoots(engine, roots, view(content));
-    addRoot(engine, roots, view(content));
-    return 1;
+    if (looksLikeDer(view(content)))
+        roots.add(view(content));
+    else
+        addPemRoots(roots, view(content));
 }
 
 // Every file counts, whatever its name, so that the directory needs no index. Links to
 // files are followed, directories inside are not.
-size_t addRootsInDirectory(const Engine& engine, X509_STORE* roots, const fs::path& directory)
+void addRootsInDirectory(RootTexts& roots, const fs::path& directory)
 {
     std::error_code error;
-    size_t count = 0;
+    int entries = 0;
     fs::directory_iterator entry(directory, error);
     for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        require(++entries <= AVEN_KE_ROOT_ENTRIES_MAX, AVEN_E_KE_ROOTS_TOO_MANY);
         std::error_code unreadable;  // a dangling link, for example
         if (entry->is_regular_file(unreadable))
-            count += addRoots(engine, roots, entry->path());
+            addRoots(roots, entry->path());
     }
     require(!error, AVEN_E_KE_ROOTS_OPEN);
-    return count;
+}
+
+// Lengths keep two certificates in one block from being taken for two blocks.
+RootTable::Digest digestOf(const Engine& engine, const RootTexts& roots)
+{
+    const Owned<EVP_MD_free, EVP_MD> hash(EVP_MD_fetch(engine.library(), "SHA2-256", nullptr));
+    const Owned<EVP_MD_CTX_free, EVP_MD_CTX> context(EVP_MD_CTX_new());
+    require(hash != nullptr && context != nullptr, AVEN_E_NO_MEMORY);
+    require(EVP_DigestInit_ex2(context.get(), hash.get(), nullptr) == 1, AVEN_E_INTERNAL);
+    for (const std::vector<unsigned char>& der : roots.ders()) {
+        const size_t size = der.size();
+        require(EVP_DigestUpdate(context.get(), &size, sizeof size) == 1 &&
+                    EVP_DigestUpdate(context.get(), der.data(), size) == 1,
+                AVEN_E_INTERNAL);
+    }
+    RootTable::Digest digest;
+    require(EVP_DigestFinal_ex(context.get(), digest.data(), nullptr) == 1, AVEN_E_INTERNAL);
+    return digest;
+}
+
+using Store = Owned<X509_STORE_free, X509_STORE>;
+
+Store storeOf(const Engine& engine, const RootTexts& roots)
+{
+    Store store(X509_STORE_new());
+    require(store != nullptr, AVEN_E_NO_MEMORY);
+    for (const std::vector<unsigned char>& der : roots.ders()) {
+        X509* made = X509_new_ex(engine.library(), nullptr);
+        require(made != nullptr, AVEN_E_NO_MEMORY);
+        const unsigned char* p = der.data();
+        // Frees what it was given if it fails.
+        const X509Certificate root(d2i_X509(&made, &p, static_cast<long>(der.size())));
+        require(root != nullptr && p == der.data() + der.size(), AVEN_E_KEY_TEXT);
+        setIssuerId(root.get());
+        // The library keeps what it reads of the extensions in the certificate: now, not in
+        // whichever thread comes first.
+        X509_get_extension_flags(root.get());
+        require(X509_STORE_add_cert(store.get(), root.get()) == 1, AVEN_E_NO_MEMORY);
+    }
+    return store;
 }
 
 // ---- The server's certificates.
@@ -171,7 +221,9 @@ void checkTrust(const Engine& engine, const TrustedRoots& roots, X509* certifica
     require(context != nullptr &&
                 X509_STORE_CTX_init(context.get(), roots.get(), certificate, nullptr) == 1,
             AVEN_E_NO_MEMORY);
-    X509_VERIFY_PARAM_set_auth_level(X509_STORE_CTX_get0_param(context.get()), SECURITY_LEVEL);
+    X509_VERIFY_PARAM* rules = X509_STORE_CTX_get0_param(context.get());
+    X509_VERIFY_PARAM_set_auth_level(rules, SECURITY_LEVEL);
+    X509_VERIFY_PARAM_set_depth(rules, AVEN_KE_CHAIN_MAX);
     if (X509_verify_cert(context.get()) == 1)
         return;
 
@@ -199,25 +251,27 @@ void checkUsage(X509* certificate, ServerRole role)
 
 TrustedRoots readTrustedRoots(const Engine& engine, const char* file, const char* directory)
 {
-    TrustedRoots roots(X509_STORE_new());
-    require(roots != nullptr, AVEN_E_NO_MEMORY);
-    size_t count = 0;
+    RootTexts texts;
     if (file != nullptr) {
         std::error_code ignored;
         require(fs::is_regular_file(file, ignored), AVEN_E_KE_ROOTS_OPEN);
-        count = addRoots(engine, roots.get(), file);
-        require(count > 0, AVEN_E_KE_ROOTS_NONE);
+        addRoots(texts, file);
+        require(!texts.ders().empty(), AVEN_E_KE_ROOTS_NONE);
     }
     if (directory != nullptr)
-        count += addRootsInDirectory(engine, roots.get(), directory);
-    require(count > 0, AVEN_E_KE_ROOTS_NONE);
-    return roots;
+        addRootsInDirectory(texts, directory);
+    require(!texts.ders().empty(), AVEN_E_KE_ROOTS_NONE);
+
+    const RootTable::Digest digest = digestOf(engine, texts);
+    if (TrustedRoots roots = engine.roots().find(digest))
+        return roots;
+    return engine.roots().add(digest, storeOf(engine, texts).release(), texts.bytes());
 }
 
 std::shared_ptr<Certificate> readServerCertificate(const Engine& engine, Bytes bytes)
 {
     require(bytes.size > 0, AVEN_E_KEY_MISSING);
-    require(bytes.size <= 2 * KE_CERTIFICATE_MAX, AVEN_E_INPUT_TOO_LONG);
+    require(bytes.size <= AVEN_KEY_TEXT_MAX, AVEN_E_INPUT_TOO_LONG);
     const bool isPem = !looksLikeDer(bytes) && hasPem(bytes);
     return isPem ? readCertificate(engine, bytes) : certificateOfDer(engine, bytes);
 }

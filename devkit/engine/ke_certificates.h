@@ -5,11 +5,9 @@
 
 #include "keys.h"
 
-using TrustedRoots = Owned<X509_STORE_free, X509_STORE>;
-
 // Reads a file and a directory; either may be null. All certificates in PEM, and a file
-// that is one in DER. Intermediate ones may be among them. Throws AVEN_E_KE_ROOTS_OPEN,
-// AVEN_E_KE_ROOTS_NONE and AVEN_E_KEY_TEXT.
+// that is one in DER. Intermediate ones may be among them. Sessions with the same roots share
+// them. Throws AVEN_E_KE_ROOTS_ codes, AVEN_E_INPUT_TOO_LONG and AVEN_E_KEY_TEXT.
 TrustedRoots readTrustedRoots(const Engine& engine, const char* file, const char* directory);
 
 enum class ServerRole { signing, encryption };

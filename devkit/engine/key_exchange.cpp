@@ -47,12 +47,12 @@ enum class Stage {
 // What the client has of its own, for one of the two uses.
 struct ClientIdentity {
     std::shared_ptr<const Key> key;
-    std::shared_ptr<const Certificate> certificate;
+    std::shared_ptr<const Key> certified;  // all that is needed of a certificate
 
     void check() const
     {
-        if (key != nullptr && certificate != nullptr)
-            require(samePublicKey(*key, certificate->key), AVEN_E_KEY_MISMATCH);
+        if (key != nullptr && certified != nullptr)
+            require(samePublicKey(*key, *certified), AVEN_E_KEY_MISMATCH);
     }
 };
 
@@ -100,6 +100,12 @@ std::shared_ptr<const Key> readEitherKey(const Engine& engine, Bytes text, const
     const bool isPublic = form == KeyForm::publicKey || form == KeyForm::certificate;
     return std::make_shared<const Key>(isPublic ? readPublicKey(engine, text)
                                                 : readPrivateKey(engine, text, password));
+}
+
+std::shared_ptr<const Key> readCertifiedKey(const Engine& engine, Bytes text)
+{
+    require(unwrapKeyText(text).form == KeyForm::certificate, AVEN_E_KEY_ROLE);
+    return std::make_shared<const Key>(readPublicKey(engine, text));
 }
 
 // Changes both identities or none. `change` gets an identity and the text for it.
@@ -266,7 +272,7 @@ int aven_ke_set_certificate(void* ke, const unsigned char* sig_cert, uint32_t si
         const std::shared_ptr<Session> session = sessionOf(engine, ke);
         setIdentities(*session, input(sig_cert, sig_cert_len), input(enc_cert, enc_cert_len),
                       [&](ClientIdentity& identity, Bytes text) {
-                          identity.certificate = readCertificate(engine, text);
+                          identity.certified = readCertifiedKey(engine, text);
                       });
     });
 }

@@ -161,11 +161,13 @@ KeyBlock unwrapPem(std::string_view text)
 
 KeyBlock unwrapKeyDer(Bytes der)
 {
+    require(der.size <= AVEN_KEY_TEXT_MAX, AVEN_E_INPUT_TOO_LONG);
     return {formOf(der), SecretBytes(der.data, der.data + der.size)};
 }
 
 KeyBlock unwrapKeyText(Bytes text)
 {
+    require(text.size <= AVEN_KEY_TEXT_MAX, AVEN_E_INPUT_TOO_LONG);
     if (textOf(text).find(BEGIN) != std::string_view::npos)
         return unwrapPem(textOf(text));
 

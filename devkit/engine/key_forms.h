@@ -19,7 +19,8 @@ struct KeyBlock {
 };
 
 // Unwraps PEM, Base64 of PEM or Base64 of DER. What is inside the DER's outermost
-// value is looked at no further than needed to tell the forms apart.
+// value is looked at no further than needed to tell the forms apart. Throws
+// AVEN_E_INPUT_TOO_LONG beyond AVEN_KEY_TEXT_MAX, and the codes of keys and Base64.
 KeyBlock unwrapKeyText(Bytes text);
 
 // The same for DER as it is.

@@ -3,9 +3,9 @@
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
 #include <openssl/param_build.h>
-#include <openssl/pkcs12.h>
 
 #include "asn1_form.h"
+#include "encrypted_key.h"
 #include "exports.h"
 #include "key_forms.h"
 #include "secret_bytes.h"
@@ -307,8 +307,6 @@ Key ecPrivateKey(const Engine& engine, Bytes der, bool curveIsKnown)
     return sm2PrivateKey(engine, *form);
 }
 
-using Pkcs8 = Owned<PKCS8_PRIV_KEY_INFO_free, PKCS8_PRIV_KEY_INFO>;  // wiped when freed
-
 Key pkcs8PrivateKey(const Engine& engine, const PKCS8_PRIV_KEY_INFO* info)
 {
     const unsigned char* der = nullptr;
@@ -325,50 +323,6 @@ Pkcs8 readPkcs8(Bytes der)
     const unsigned char* p = der.data;
     Pkcs8 info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(der.size)));
     require(info != nullptr, AVEN_E_KEY_TEXT);
-    return info;
-}
-
-// Whether the context has the cipher of a password-based encryption. libcrypto would look
-// for a missing one in the process's default context, and thereby set that up.
-bool hasCipherOf(const Engine& engine, const X509_ALGOR* encryption)
-{
-    const ASN1_OBJECT* object = nullptr;
-    int type = V_ASN1_UNDEF;
-    const void* value = nullptr;
-    X509_ALGOR_get0(&object, &type, &value, encryption);
-
-    int cipher = NID_undef;
-    if (OBJ_obj2nid(object) == NID_pbes2) {
-        require(type == V_ASN1_SEQUENCE, AVEN_E_KEY_TEXT);
-        const Asn1<PBE2PARAM, PBE2PARAM_it>::Owner parameters = Asn1<PBE2PARAM, PBE2PARAM_it>::read(
-            contentOf(static_cast<const ASN1_STRING*>(value)), AVEN_E_KEY_TEXT, AVEN_E_KEY_TEXT);
-        cipher = OBJ_obj2nid(parameters->encryption->algorithm);
-    } else {
-        EVP_PBE_find(EVP_PBE_TYPE_OUTER, OBJ_obj2nid(object), &cipher, nullptr, nullptr);
-    }
-    if (cipher <= NID_undef)
-        return false;
-    return Owned<EVP_CIPHER_free, EVP_CIPHER>(
-               EVP_CIPHER_fetch(engine.library(), OBJ_nid2sn(cipher), nullptr)) != nullptr;
-}
-
-Pkcs8 decryptPkcs8(const Engine& engine, Bytes der, const char* password)
-{
-    const unsigned char* p = der.data;
-    const Owned<X509_SIG_free, X509_SIG> sealed(
-        d2i_X509_SIG(nullptr, &p, static_cast<long>(der.size)));
-    require(sealed != nullptr, AVEN_E_KEY_TEXT);
-    const X509_ALGOR* encryption = nullptr;
-    X509_SIG_get0(sealed.get(), &encryption, nullptr);
-    require(hasCipherOf(engine, encryption), AVEN_E_KEY_ENCRYPTION);
-    require(password != nullptr, AVEN_E_PASSWORD_MISSING);
-
-    Pkcs8 info(PKCS8_decrypt_ex(sealed.get(), password, -1, engine.library(), nullptr));
-    if (info == nullptr) {
-        // Wrong padding and wrong content behind it look alike here.
-        const bool deciphered = ERR_GET_LIB(ERR_peek_last_error()) == ERR_LIB_PKCS12;
-        throw Failure{deciphered ? AVEN_E_PASSWORD_WRONG : AVEN_E_KEY_ENCRYPTION};
-    }
     return info;
 }
 

@@ -1,5 +1,7 @@
-#include <openssl/core_names.h>
-#include <openssl/params.h>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cstring>
 
 #include "buffers.h"
 #include "engine.h"
@@ -9,10 +11,44 @@
 
 namespace {
 
-// libcrypto's parameters take texts as writable.
-OSSL_PARAM textParam(const char* name, const char* text)
+using Hash = Owned<EVP_MD_free, EVP_MD>;
+using HashContext = Owned<EVP_MD_CTX_free, EVP_MD_CTX>;
+
+// A hash that has taken the secret in.
+HashContext hashedSecret(const Engine& engine, const char* hashName, Bytes secret)
 {
-    return OSSL_PARAM_construct_utf8_string(name, const_cast<char*>(text), 0);
+    const Hash hash(EVP_MD_fetch(engine.library(), hashName, nullptr));
+    HashContext context(EVP_MD_CTX_new());
+    require(hash != nullptr && context != nullptr, AVEN_E_NO_MEMORY);
+    require(EVP_DigestInit_ex2(context.get(), hash.get(), nullptr) == 1 &&
+                EVP_DigestUpdate(context.get(), secret.data, secret.size) == 1,
+            AVEN_E_INTERNAL);
+    return context;
+}
+
+// ANSI X9.63. libcrypto's own would hash the secret for each block anew, which takes a minute
+// for a long one and a long key.
+void deriveKey(const EVP_MD_CTX* hashedSecret, unsigned char* out, size_t size)
+{
+    const HashContext context(EVP_MD_CTX_new());
+    require(context != nullptr, AVEN_E_NO_MEMORY);
+    unsigned char block[EVP_MAX_MD_SIZE];
+    const WipeUnlessKept wipe(block, sizeof block);
+    const auto blockSize = static_cast<size_t>(EVP_MD_CTX_get_size(hashedSecret));
+
+    for (uint32_t counter = 1; size > 0; ++counter) {
+        const unsigned char bytes[] = {
+            static_cast<unsigned char>(counter >> 24), static_cast<unsigned char>(counter >> 16),
+            static_cast<unsigned char>(counter >> 8), static_cast<unsigned char>(counter)};
+        require(EVP_MD_CTX_copy_ex(context.get(), hashedSecret) == 1, AVEN_E_NO_MEMORY);
+        require(EVP_DigestUpdate(context.get(), bytes, sizeof bytes) == 1 &&
+                    EVP_DigestFinal_ex(context.get(), block, nullptr) == 1,
+                AVEN_E_INTERNAL);
+        const size_t part = std::min(size, blockSize);
+        memcpy(out, block, part);
+        out += part;
+        size -= part;
+    }
 }
 
 }  // namespace
@@ -59,13 +95,9 @@ int aven_crypto_kdf(int alg, const unsigned char* in, uint32_t in_len, uint32_t 
         require(secret.size <= AVEN_KDF_MAX, AVEN_E_INPUT_TOO_LONG);
         require(out_len > 0 && out_len <= AVEN_KDF_MAX, AVEN_E_OUTPUT_LENGTH);
 
-        const Owned<EVP_KDF_CTX_free, EVP_KDF_CTX> context(EVP_KDF_CTX_new(engine.x963Kdf()));
-        require(context != nullptr, AVEN_E_NO_MEMORY);
-        const OSSL_PARAM params[] = {
-            textParam(OSSL_KDF_PARAM_DIGEST, hash.name),
-            OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SECRET,
-                                              const_cast<unsigned char*>(secret.data), secret.size),
-            OSSL_PARAM_construct_end()};
-        require(EVP_KDF_derive(context.get(), out, out_len, params) == 1, AVEN_E_INTERNAL);
+        const HashContext hashed = hashedSecret(engine, hash.name, secret);
+        WipeUnlessKept wipe(out, out_len);
+        deriveKey(hashed.get(), out, out_len);
+        wipe.keep();
     });
 }

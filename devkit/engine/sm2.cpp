@@ -117,6 +117,14 @@ bool open(const Engine& engine, const Key& key, const Parts& parts, SecretBytes&
     return true;
 }
 
+// Whether a ciphertext says that it is in ASN.1; else it is raw.
+bool isAsn1(Bytes in)
+{
+    require(in.size > 0, AVEN_E_DECRYPTION);
+    require(in.data[0] == SEQUENCE || in.data[0] == UNCOMPRESSED, AVEN_E_DECRYPTION);
+    return in.data[0] == SEQUENCE;
+}
+
 // Returns libcrypto's, in SM2_STANDARD_FORM.
 std::vector<unsigned char> seal(const Engine& engine, const Key& key, Bytes in)
 {
@@ -154,12 +162,9 @@ std::vector<unsigned char> sm2Encrypt(const Engine& engine, const Key& key, Sm2F
 SecretBytes sm2Decrypt(const Engine& engine, const Key& key, Sm2Form form, Bytes in)
 {
     const LibraryRandomness randomness(engine);
-    require(in.size > 0, AVEN_E_DECRYPTION);
-    const bool isAsn1 = in.data[0] == SEQUENCE;
-    require(isAsn1 || in.data[0] == UNCOMPRESSED, AVEN_E_DECRYPTION);
-    require(isAsn1 == form.asn1, AVEN_E_SM2_FORM_DIFFERS);
+    require(isAsn1(in) == form.asn1, AVEN_E_SM2_FORM_DIFFERS);
 
-    Ciphertext cipher(in, isAsn1);
+    Ciphertext cipher(in, form.asn1);
     SecretBytes out;
     const bool possible = cipher.readAs(form.digestFirst);
     if (possible && open(engine, key, cipher.parts(), out))
@@ -170,4 +175,16 @@ SecretBytes sm2Decrypt(const Engine& engine, const Key& key, Sm2Form form, Bytes
     const bool otherOpens = otherPossible && open(engine, key, cipher.parts(), out);
     throw Failure{otherOpens || (otherPossible && !possible) ? AVEN_E_SM2_FORM_DIFFERS
                                                              : AVEN_E_DECRYPTION};
+}
+
+SecretBytes sm2DecryptAnyForm(const Engine& engine, const Key& key, Bytes in)
+{
+    const LibraryRandomness randomness(engine);
+    Ciphertext cipher(in, isAsn1(in));
+    SecretBytes out;
+    for (bool digestFirst : {true, false}) {
+        if (cipher.readAs(digestFirst) && open(engine, key, cipher.parts(), out))
+            return out;
+    }
+    throw Failure{AVEN_E_DECRYPTION};
 }

@@ -22,4 +22,7 @@ std::vector<unsigned char> sm2Encrypt(const Engine& engine, const Key& key, Sm2F
 // for all else that is wrong with it.
 SecretBytes sm2Decrypt(const Engine& engine, const Key& key, Sm2Form form, Bytes in);
 
+// The same for a ciphertext in any of the forms. Throws AVEN_E_DECRYPTION alone.
+SecretBytes sm2DecryptAnyForm(const Engine& engine, const Key& key, Bytes in);
+
 #endif

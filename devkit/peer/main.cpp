@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "codec.h"
+#include "serve/secrets.h"
 #include "serve/worker_process.h"
 #include "state_file.h"
 #include "worker.h"
@@ -120,6 +121,8 @@ const struct Step {
 
 void run(const CLI::App& app, const Options& options)
 {
+    // Keys are in it, its own or ones that it reads.
+    const Undumpable undumpable;
     const std::string name = app.get_subcommands().front()->get_name();
     if (name == "worker") {
         tieToParent();
