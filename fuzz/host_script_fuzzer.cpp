@@ -108,31 +108,40 @@ std::string bytesIn(const Json& json)
 }
 
 // What arrives for a text, if that is plain to see.
-std::optional<std::string> arrivingFor(const std::string& text)
+std::optional<std::string> arrivingFor(Form form, const std::string& text)
 {
+    const auto encoded = [](const std::string& bytes) {
+        return fuzz::toUrl(fuzz::base64Of(bytes));
+    };
     const auto startsWith = [&](const std::string& prefix) {
         return text.compare(0, prefix.size(), prefix) == 0;
     };
     if (text.find("${") != std::string::npos || startsWith("hex:") || startsWith("@") ||
-        startsWith("b64:@"))
+        startsWith("b64:@") || startsWith("raw:@"))
         return std::nullopt;
     if (startsWith("b64:text:"))
-        return fuzz::toUrl(fuzz::base64Of(text.substr(9)));
+        return encoded(text.substr(9));
     if (startsWith("b64:"))
-        return fuzz::toUrl(fuzz::base64Of(text.substr(4)));
-    return startsWith("text:") ? text.substr(5) : text;
+        return encoded(text.substr(4));
+    if (startsWith("raw:text:"))
+        return text.substr(9);
+    if (startsWith("raw:"))
+        return text.substr(4);
+    if (startsWith("text:"))
+        return isBase64(form) ? encoded(text.substr(5)) : text.substr(5);
+    return text;
 }
 
 // The same for a single reference to a step before.
-std::optional<std::string> arrivingFor(const std::string& text, const std::vector<Json>& steps,
-                                       size_t before)
+std::optional<std::string> arrivingFor(Form form, const std::string& text,
+                                       const std::vector<Json>& steps, size_t before)
 {
     for (size_t i = 0; i < before; ++i)
         if (steps[i].contains("id"))
             for (const auto& [name, value] : sent[i].results)
                 if (text == "${" + steps[i]["id"].get<std::string>() + "." + name + "}")
                     return value;
-    return arrivingFor(text);
+    return arrivingFor(form, text);
 }
 
 void checkStep(const std::vector<Json>& steps, size_t number, const Json& answer)
@@ -145,8 +154,9 @@ void checkStep(const std::vector<Json>& steps, size_t number, const Json& answer
     size_t i = 0;
     for (const auto& [name, value] : parameters.items()) {
         HOLDS(request.parameters[i].first == name);
+        const Form form = formOf(findRequest(request.name), name);
         const auto arriving = value.is_string()
-                                  ? arrivingFor(value.get<std::string>(), steps, number)
+                                  ? arrivingFor(form, value.get<std::string>(), steps, number)
                                   : std::optional(value.dump());
         HOLDS(!arriving || *arriving == request.parameters[i].second);
         ++i;

@@ -129,35 +129,55 @@ std::optional<std::string> bytesOracle(std::string text, bool inputIsFree)
     return expand(text);
 }
 
-std::optional<std::string> valueOracle(std::string text, bool inputIsFree)
+// Whether a decoder of the form takes the whole of a plain text that is not empty.
+bool isTaken(Form form, std::string text)
 {
+    const auto isLineEnd = [](char c) { return c == '\r' || c == '\n'; };
+    while (!text.empty() && isLineEnd(text.back()))
+        text.pop_back();
+    if (form != Form::Base64)
+        text.erase(std::remove_if(text.begin(), text.end(), isLineEnd), text.end());
+    return !text.empty() && base64Oracle(text);
+}
+
+std::optional<std::string> valueOracle(std::string text, Form form, bool inputIsFree)
+{
+    const bool isBase64 = form != Form::Text;
     const auto encoded = [](const std::optional<std::string>& bytes) {
         return bytes ? std::optional(fuzz::toUrl(fuzz::base64Of(*bytes))) : std::nullopt;
+    };
+    const auto asTaken = [&](const std::optional<std::string>& bytes) {
+        return isBase64 ? encoded(bytes) : bytes;
     };
     if (takePrefix(text, "b64:"))
         return encoded(bytesOracle(text, inputIsFree));
     if (takePrefix(text, "hex:"))
-        return encoded(hexOracle(text));
-    return bytesOracle(text, inputIsFree);
+        return asTaken(hexOracle(text));
+    if (takePrefix(text, "text:"))
+        return asTaken(expand(text));
+    const bool isRaw = takePrefix(text, "raw:");
+    const auto bytes = bytesOracle(text, inputIsFree);
+    const bool isFit = isRaw || !isBase64 || !bytes || bytes->empty() || isTaken(form, *bytes);
+    return isFit ? bytes : std::nullopt;
 }
 
-std::optional<std::string> read(ValueReader& reader, const std::string& text)
+std::optional<std::string> read(ValueReader& reader, Form form, const std::string& text)
 {
     try {
-        return reader.read("name", text, expand);
+        return reader.read("name", form, text, expand);
     } catch (const UsageError&) {
         return std::nullopt;
     }
 }
 
-void checkValue(const std::string& text, bool inputIsFree)
+void checkValue(const std::string& text, Form form, bool inputIsFree)
 {
     ValueReader reader(inputIsFree);
     const HostFiles files;
-    const auto first = read(reader, text);
-    const auto second = read(reader, "@-");
-    HOLDS(first == valueOracle(text, inputIsFree));
-    const bool isTaken = text == "@-" || text == "b64:@-";
+    const auto first = read(reader, form, text);
+    const auto second = read(reader, Form::Text, "@-");
+    HOLDS(first == valueOracle(text, form, inputIsFree));
+    const bool isTaken = text == "@-" || text == "b64:@-" || text == "raw:@-";
     HOLDS(second == (inputIsFree && !isTaken ? std::optional(standardInput) : std::nullopt));
 }
 
@@ -170,6 +190,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string text = input.rest();
     checkForms(text);
     checkResults(text);
-    checkValue(text, inputIsFree);
+    for (const Form form : {Form::Text, Form::Base64, Form::KeyText})
+        checkValue(text, form, inputIsFree);
     return 0;
 }

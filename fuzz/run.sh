@@ -9,6 +9,7 @@
 # is used in place of build/fuzz.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+. cmake/build.sh
 
 seconds=${1-}
 if ! [[ $seconds =~ ^[1-9][0-9]*$ ]]; then
@@ -20,8 +21,7 @@ shift
 build=${CORVANE_FUZZ_BUILD-}
 if [ -z "$build" ]; then
     build=build/fuzz
-    mkdir -p build
-    cmake --preset fuzz >build/fuzz.log
+    configure $build --preset fuzz
 fi
 
 names=("$@")
@@ -37,11 +37,7 @@ for name in "${names[@]}"; do
         exit 2
     }
 done
-# A row's worth of output only if it fails.
-if ! cmake --build "$build" --target "${names[@]/%/_fuzzer}" >"$build/build.log" 2>&1; then
-    tail -n 60 "$build/build.log"
-    exit 1
-fi
+build_targets "$build" "${names[@]/%/_fuzzer}"
 
 results=$build/results
 findings=$build/findings

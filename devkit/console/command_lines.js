@@ -1,8 +1,8 @@
 // The same call for a shell: with curl over HTTP, and with corvane-host without it. Values are
 // written as they were given; the bearer token is left to the variable TOKEN. Lines suit bash.
 
-import { entryValue, fieldKind, travelsAsBase64 } from './entries.js';
-import { bareHex, fromBase64, fromHex, isPrintable, textOf, toBase64, toHex, utf8 } from './values.js';
+import { entryBytes, entryValue, fieldKind, travelsAsBase64 } from './entries.js';
+import { bareHex, isPrintable, textOf, toBase64, toHex, toUrlBase64, utf8 } from './values.js';
 
 // A word that the shell takes as it is.
 export function quote(text) {
@@ -29,8 +29,8 @@ function formPart(parameter, entry) {
     const value = entryValue(parameter, entry);
     if (typeof value === 'string')
         return value.includes('\0') ? null : ['--form-string', quote(`${parameter.name}=${value}`)];
-    if (!travelsAsBase64(parameter)) return null;
-    const bytes = 'hex' in value ? fromHex(value.hex) : fromBase64(value.base64);
+    if (!travelsAsBase64(parameter) || 'raw' in value) return null;
+    const bytes = entryBytes(entry);
     return ['--form-string', quote(`${parameter.name}=${toBase64(bytes)}`)];
 }
 
@@ -52,7 +52,7 @@ export function curlLine(origin, requestName, given) {
 
 // A text argument of corvane-host, guarded where it begins like one of its other forms.
 function asText(text) {
-    return /^(b64:|hex:|text:|@)/.test(text) ? `text:${text}` : text;
+    return /^(b64:|hex:|text:|raw:|@)/.test(text) ? `text:${text}` : text;
 }
 
 function hostArgument(parameter, entry) {
@@ -62,33 +62,19 @@ function hostArgument(parameter, entry) {
 
     const encoded = travelsAsBase64(parameter);
     if (entry.how === 'file') return argument(`${encoded ? 'b64:' : ''}@${fileArgument(entry.file.name)}`);
-    if (entry.how === 'text') {
-        // No argument can hold a null character.
-        if (entry.text.includes('\0')) return fromPipe(parameter, toBase64(utf8(entry.text)));
-        return argument(encoded ? `b64:${guarded(entry.text)}` : asText(entry.text));
-    }
-    const bytes = entry.how === 'hex' ? fromHex(entry.text) : fromBase64(entry.text);
-    if (encoded) {
-        if (bytes === null) return argument(asText(entry.text));
-        return argument(entry.how === 'hex' ? `hex:${bareHex(entry.text)}` : urlSafe(bytes));
-    }
-    if (bytes === null) return argument(asText(entry.text));
-    const text = textOf(bytes);
-    if (text === null || text.includes('\0')) return fromPipe(parameter, toBase64(bytes));
-    return argument(asText(text));
+    const bytes = entryBytes(entry);
+    if (bytes === null) return argument(`raw:${guarded(entry.text)}`);
+    const text = encoded && entry.how !== 'text' ? null : textOf(bytes);
+    // No argument can hold a null character.
+    if (text !== null && !text.includes('\0')) return argument(encoded ? `text:${text}` : asText(text));
+    if (encoded && entry.how === 'hex') return argument(`hex:${bareHex(entry.text)}`);
+    if (encoded && entry.how === 'base64') return argument(toUrlBase64(bytes));
+    return `${quote(parameter.name)}=${encoded ? 'b64:' : ''}@<(printf %s ${quote(toBase64(bytes))} | base64 -d)`;
 }
 
-// Behind "b64:" only these two mean something.
+// Behind "raw:" only these two mean something.
 function guarded(text) {
     return /^(text:|@)/.test(text) ? `text:${text}` : text;
-}
-
-function urlSafe(bytes) {
-    return toBase64(bytes).replace(/\+/g, '-').replace(/\//g, '_');
-}
-
-function fromPipe(parameter, base64) {
-    return `${quote(parameter.name)}=@<(printf %s ${quote(base64)} | base64 -d)`;
 }
 
 // Null for a request of a key-exchange session: that lives in one process, and `call` ends with

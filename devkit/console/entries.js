@@ -89,10 +89,11 @@ export function entryValue(parameter, entry) {
         case 'hex':
             return fromHex(entry.text) && { hex: bareHex(entry.text).toLowerCase() };
         case 'base64':
-            // What is not Base64 is sent as it is: the host says what it thinks of it.
-            return fromBase64(entry.text) ? { base64: bareBase64(entry.text) } : entry.text;
+            // What is not Base64 is sent all the same: the plug-in says what it thinks of it.
+            return fromBase64(entry.text) ? { base64: bareBase64(entry.text) } : { raw: entry.text };
         default:
-            return travelsAsBase64(parameter) ? { base64: toBase64(utf8(entry.text)) } : entry.text;
+            // Halves of characters are none in UTF-8.
+            return travelsAsBase64(parameter) ? { text: textOf(utf8(entry.text)) } : entry.text;
     }
 }
 

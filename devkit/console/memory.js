@@ -9,12 +9,13 @@ const calls = [];
 
 const HISTORY_LENGTH = 200;
 
-// {entries: Map of parameter names to entries, outcome: of the last call or null}
+// {entries: Map of parameter names to entries, outcome: of the last call or null, stale: whether
+// the entries have changed since}
 export function formOf(request) {
     if (!forms.has(request.name)) {
         const entries = new Map(request.parameters.map((parameter) =>
             [parameter.name, emptyEntry(takesRandom(parameter) ? 'hex' : 'text')]));
-        forms.set(request.name, { entries, outcome: null });
+        forms.set(request.name, { entries, outcome: null, stale: false });
     }
     return forms.get(request.name);
 }

@@ -9,7 +9,7 @@ import { sentence, t } from './i18n.js';
 import { forgetForm, formOf, remember } from './memory.js';
 import { copyButton, drawOutcome, duration } from './result.js';
 import { bodyLimit } from './status.js';
-import { toBase64 } from './values.js';
+import { toUrlBase64 } from './values.js';
 
 const SHOWN_LINE = 4000;
 
@@ -32,6 +32,11 @@ export async function exchange(request, parameters) {
 function outcomeText(outcome) {
     if (!outcome.ok) return t('Refused: {code}. {text}', { code: outcome.error.code, text: t(outcome.error.text) });
     return t('Success, {time}', { time: duration(outcome.microseconds) });
+}
+
+// The outcome of a call that this page does not send.
+function refusedHere(code, text) {
+    return { ok: false, results: {}, error: { code, source: 'page', text }, warnings: [] };
 }
 
 function drawLine(title, id, line, note) {
@@ -99,7 +104,27 @@ export class RequestView {
 
     changed() {
         this.attention.replaceChildren();
+        this.state.stale = true;
+        this.markStale();
         this.drawLines();
+    }
+
+    // An answer stays beside a form that has changed, and says so.
+    markStale() {
+        const stale = this.state.stale && this.state.outcome !== null;
+        this.answer.classList.toggle('is-stale', stale);
+        const note = this.answer.querySelector('.stale-note');
+        if (!stale) note?.remove();
+        else if (note === null)
+            this.answer.prepend(el('p', { class: 'stale-note' },
+                t('The form has changed since: this answer is to the former values.')));
+    }
+
+    answered(outcome) {
+        this.state.outcome = outcome;
+        this.drawAnswer();
+        announce(outcomeText(outcome));
+        this.answer.parentElement.scrollIntoView({ block: 'nearest' });
     }
 
     reset() {
@@ -131,6 +156,7 @@ export class RequestView {
             (target, result, value) => this.use(target, result, value)));
         const homeless = this.form.showWarnings(outcome.warnings);
         this.answer.append(...homeless.map(({ text }) => el('p', { class: 'warning' }, t(text))));
+        this.markStale();
     }
 
     submit() {
@@ -153,18 +179,17 @@ export class RequestView {
         // "Send anyway" goes, and must not take the focus with it.
         if (this.attention.contains(document.activeElement)) this.send.focus();
         this.attention.replaceChildren();
+        // From here on: the form can change while the answer is on its way.
+        this.state.stale = false;
         const limit = bodyLimit();
         if (limit !== null && JSON.stringify(parameters).length > limit) {
-            this.attention.replaceChildren(t('Too large: the host takes {count} bytes in one call.', { count: limit }));
+            this.answered(refusedHere('too_large', t('Too large: the host takes {count} bytes in one call.', { count: limit })));
             return;
         }
         this.sending = true;
         this.send.setAttribute('aria-busy', 'true');
         try {
-            this.state.outcome = await exchange(this.request, parameters);
-            this.drawAnswer();
-            announce(outcomeText(this.state.outcome));
-            this.answer.parentElement.scrollIntoView({ block: 'nearest' });
+            this.answered(await exchange(this.request, parameters));
         } finally {
             this.sending = false;
             this.send.removeAttribute('aria-busy');
@@ -174,7 +199,9 @@ export class RequestView {
     // Puts a result into another request's form, and goes there.
     use({ request: name, parameter: parameterName, along }, result, value) {
         const target = findRequest(name);
-        const { entries } = formOf(target);
+        const state = formOf(target);
+        const { entries } = state;
+        state.stale = true;
         if (along)
             for (const parameter of target.parameters) {
                 const own = findParameter(this.request, parameter.name);
@@ -182,7 +209,7 @@ export class RequestView {
                     entries.set(parameter.name, { ...this.state.entries.get(parameter.name) });
             }
         entries.set(parameterName, value.binary && value.bytes
-            ? { how: 'base64', text: toBase64(value.bytes), file: null }
+            ? { how: 'base64', text: toUrlBase64(value.bytes), file: null }
             : { how: 'text', text: value.sent, file: null });
         this.go(`#/request/${name}`, parameterName);
         announce(t('{result} is now {parameter} of {request}.',

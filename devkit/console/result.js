@@ -6,7 +6,7 @@ import { announce, el, icon, newId } from './dom.js';
 import { fieldKind } from './entries.js';
 import { segments } from './form.js';
 import { byteCount, number, sentence, t } from './i18n.js';
-import { isPrintable, resultBytes, textOf, toBase64, toHex } from './values.js';
+import { isPrintable, resultBytes, textOf, toBase64, toHex, toUrlBase64 } from './values.js';
 
 // Longer values are cut on the page; copies and files hold them whole. A multiple of three, so
 // that Base64 is cut between its groups.
@@ -38,30 +38,34 @@ function save(name, bytes) {
     setTimeout(() => URL.revokeObjectURL(url), 10000);
 }
 
-// A value in the three forms in which it can be shown. `sent` is the text of the answer itself.
+const WRITERS = { hex: toHex, base64: toUrlBase64, standard: toBase64 };
+
+// A value in the forms in which it can be shown. `sent` is the text of the answer itself: URL-safe
+// Base64, or the standard alphabet for what should be a text and is none.
 class ShownValue {
     constructor(form, sent) {
         this.bytes = resultBytes(form, sent);
-        this.sent = typeof sent === 'string' ? sent : sent.base64;
+        this.asBytes = typeof sent !== 'string';
+        this.sent = this.asBytes ? sent.base64 : sent;
         const text = this.bytes && textOf(this.bytes);
         this.text = text !== null && isPrintable(text) ? text : null;
-        this.binary = form === 'base64' || form === 'escaped' || typeof sent !== 'string';
+        this.binary = form === 'base64' || form === 'escaped' || this.asBytes;
     }
 
     forms() {
         if (this.bytes === null) return [['text', t('Text')]];
         const text = this.text === null ? [] : [['text', t('Text')]];
-        return [...text, ['hex', t('Hex')], ['base64', t('Base64')]];
+        return [...text, ['hex', t('Hex')], ['base64', t('Base64')], ['standard', t('Base64 with + and /')]];
     }
 
     preferred() {
-        return this.bytes === null || this.text !== null ? 'text' : 'base64';
+        if (this.bytes === null || this.text !== null) return 'text';
+        return this.asBytes ? 'standard' : 'base64';
     }
 
     as(form) {
         if (this.bytes === null) return this.sent;
-        if (form === 'hex') return toHex(this.bytes);
-        return form === 'base64' ? toBase64(this.bytes) : this.text;
+        return form === 'text' ? this.text : WRITERS[form](this.bytes);
     }
 
     // The same, cut to what the page shows.
@@ -72,7 +76,7 @@ class ShownValue {
         }
         if (this.bytes.length <= SHOWN_BYTES) return this.as(form);
         const start = this.bytes.subarray(0, SHOWN_BYTES);
-        return `${form === 'hex' ? toHex(start) : toBase64(start)}…`;
+        return `${WRITERS[form](start)}…`;
     }
 }
 

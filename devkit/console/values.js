@@ -49,6 +49,11 @@ export function toBase64(bytes) {
     return btoa(binary);
 }
 
+// The URL-safe alphabet, padded, as the API writes it.
+export function toUrlBase64(bytes) {
+    return toBase64(bytes).replace(/\+/g, '-').replace(/\//g, '_');
+}
+
 // Without blanks, in the standard alphabet and without padding.
 export function bareBase64(text) {
     return text.replace(/\s/g, '').replace(/-/g, '+').replace(/_/g, '/').replace(/={1,2}$/, '');

@@ -40,6 +40,7 @@ const own = {
     'Text': '文本',
     'Hex': '十六进制',
     'Base64': 'Base64',
+    'Base64 with + and /': '含 + 和 / 的 Base64',
     'File': '文件',
     'Upload': '上传',
     'Name on the host': '主机上的名称',
@@ -86,6 +87,7 @@ const own = {
     // Answer.
     'Answer': '应答',
     'Nothing sent yet.': '尚未发送。',
+    'The form has changed since: this answer is to the former values.': '表单此后有改动：这是对先前值的回答。',
     'Success': '成功',
     'Success, {time}': '成功，{time}',
     'Refused': '被拒绝',
@@ -409,9 +411,9 @@ const catalogue = {
     "the capacity passed in is below the result's length": '传入的容量小于结果的长度',
     'offer the length that the call has stored': '按调用写回的长度提供缓冲区',
     'input is too long': '输入太长',
-    "the result's length would not fit in 32 bits, or the algorithm's limit is passed":
-        '结果的长度超出 32 位，或超过算法的限制',
-    'send the data in smaller pieces': '分成较小的部分发送',
+    "the result's length would not fit in 32 bits, or a limit in engine_numbers.h is passed":
+        '结果的长度超出 32 位，或超过 engine_numbers.h 中的限制',
+    'send less at once': '减少一次发送的数据',
     'input is empty': '输入为空',
     'nothing to derive a key from, or to encrypt with SM2': '没有可供派生密钥或 SM2 加密的内容',
     'pass at least one byte': '至少传入一个字节',
@@ -542,6 +544,11 @@ const catalogue = {
     'ciphertext does not decrypt': '密文无法解密',
     'wrong key, wrong padding number, or damaged ciphertext': '密钥有误、填充编号有误，或密文损坏',
     'check key, padding number and ciphertext': '检查密钥、填充编号和密文',
+    "private key's password is too costly to try": '试一次私钥口令的代价过高',
+    'more than 2000000 iterations, or scrypt with N * r * p above 2^20 or with more than 32 MiB':
+        '迭代超过 2000000 次，或 scrypt 的 N * r * p 超过 2^20，或所需内存超过 32 MiB',
+    'encrypt the key anew: openssl pkcs8 -topk8 -iter 600000':
+        '重新加密密钥：openssl pkcs8 -topk8 -iter 600000',
     'envelopes have no such cipher and mode': '信封没有这种算法和模式',
     'the combination has no object identifier, or does not go with the kind of the key': '该组合没有对象标识符，或与密钥类型不合',
     'see the envelope formats in engine_numbers.h': '见 engine_numbers.h 中的信封格式',
@@ -563,6 +570,14 @@ const catalogue = {
     'envelope does not open with this key': '此密钥打不开信封',
     'wrong key, or damaged envelope': '密钥有误，或信封损坏',
     'check the key and the envelope': '检查密钥和信封',
+    'envelope is a signed one': '信封是带签名的',
+    'its type is signedAndEnvelopedData, which this engine does not open':
+        '其类型是签名及数字信封（signedAndEnvelopedData），本引擎不打开',
+    'have the sender make envelopedData; a signature can go inside':
+        '请发送方制作数字信封（envelopedData）；签名可放在其中',
+    'envelope has too many recipients': '信封的接收者太多',
+    'more than 64 are listed': '列出了 64 个以上的接收者',
+    'make several envelopes with fewer recipients each': '分成几个信封，各自减少接收者',
     'too many key-exchange sessions': '密钥交换会话太多',
     '1024 sessions are alive, perhaps because they are not freed': '已有 1024 个会话，也许是没有释放',
     'free sessions that are no longer used': '释放不再使用的会话',
@@ -612,16 +627,24 @@ const catalogue = {
     'channel message is too short': '通道消息太短',
     'it has fewer than the 28 bytes of nonce and tag': '它不足随机数和标签的 28 字节',
     'pass the message as the other side sent it': '按对方发来的原样传入消息',
+    'too many trusted roots for one session': '一个会话的受信任根证书太多',
+    'more than 1000 certificates or 2 MiB of them, or a directory with more than 4096 entries':
+        '超过 1000 张或共 2 MiB 的证书，或目录中的条目超过 4096 个',
+    'name a file or directory with those roots alone that servers need': '指明只含服务器所需根证书的文件或目录',
+    'too many different trusted roots in all sessions': '全部会话中不同的受信任根证书太多',
+    'the sessions that are alive hold 32 MiB of them': '现有会话已持有共 32 MiB 的根证书',
+    'free sessions that are no longer used, or give all the same roots': '释放不再使用的会话，或让各会话使用相同的根证书',
 };
 
 const refusals = {
     'the request is not of its form': '请求的形式有误',
     'see docs/serving.md and /openapi.json': '见 docs/serving.md 和 /openapi.json',
     'a value has a type that the parameter does not take': '值的类型不是该参数所接受的',
-    'send a string, an integer, or {"text"}, {"base64"} or {"hex"} with a string':
-        '发送字符串、整数，或带字符串的 {"text"}、{"base64"}、{"hex"}',
-    'text is not in the encoding that it claims': '文本与所声明的编码不符',
-    'send UTF-8 in JSON, and whole Base64, hex and percent-escapes': 'JSON 用 UTF-8，Base64、十六进制和百分号转义要完整',
+    'send a string, an integer, or {"text"}, {"base64"}, {"hex"} or {"raw"} with a string':
+        '发送字符串、整数，或带字符串的 {"text"}、{"base64"}、{"hex"}、{"raw"}',
+    'text is not in the encoding that it claims or that is due': '文本与所声明的或应有的编码不符',
+    'send UTF-8 in JSON, whole Base64, hex and percent-escapes, and {"text"} or {"raw"} for what is no Base64':
+        'JSON 用 UTF-8，Base64、十六进制和百分号转义要完整，不是 Base64 的用 {"text"} 或 {"raw"}',
     'a name is given twice': '同一名称给出了两次',
     'give each name once': '每个名称只给一次',
     'there are more parameters or requests than are taken': '参数或请求的个数超过限制',
@@ -698,7 +721,7 @@ export const chinese = { ...own, ...catalogue, ...refusals, ...Object.fromEntrie
 export const chinesePatterns = [
     [/^(\S+) is not a parameter of (\S+)$/, '{1} 不是 {2} 的参数'],
     [/^(\S+) is missing \((.+)\)$/, '缺少 {1}（{2}）'],
-    [/^(\S+) is not Base64(?:; .*)?$/, '{1} 不是 Base64'],
+    [/^(\S+) is not Base64 \(URL-safe\)(?:: .*)?$/, '{1} 不是 Base64（URL 安全）'],
     [/^(\S+) must be (\d+) to (\d+)$/, '{1} 必须在 {2} 到 {3} 之间'],
     [/^(\S+) must be (\d+) bytes$/, '{1} 必须是 {2} 字节'],
     [/^(\S+) must be one of (.+)$/, '{1} 必须是以下之一：{2}'],

@@ -29,7 +29,8 @@ constexpr Allowed size(size_t bytes)
 // Each parameter once; a request names the ones that it reads. Numbers of ciphers,
 // modes, hashes and key pair types are the engine's.
 // clang-format off
-constexpr Form T = Form::Text, H = Form::Handle, P = Form::Path, B = Form::Base64, K = Form::KeyText;
+constexpr Form T = Form::Text, H = Form::Handle, P = Form::Path, B = Form::Base64,
+               E = Form::Base64Text, K = Form::KeyText;
 constexpr Need must = Need::Always, may = Need::Never;
 
 const Choices
@@ -49,7 +50,7 @@ const Choices
 const Parameter
     strErr        = {"strErr",           T, must, any,              "",   "error code, as in an errorCode result"},
     strIn         = {"strIn",            T, must, any,              "",   "the bytes, as they are"},
-    strInBase64   = {"strIn",            B, must, any,              "",   "the text to decode"},
+    strInBase64   = {"strIn",            E, must, any,              "",   "the text to decode"},
 
     strKe         = {"strKe",            H, must, any,              "",   "session, the Data of QZaven_ke_new"},
     strSigKey     = {"strSig_key",       K, may,  any,              "",   "client's signing key"},
@@ -190,10 +191,10 @@ bool isNeeded(Need need, const Pairs& parameters)
 std::string fault(const Parameter& parameter, const std::string& value)
 {
     const Allowed& allowed = parameter.allowed;
-    if (parameter.form == Form::Base64 || parameter.form == Form::KeyText) {
-        const auto decodedSize = base64Size(value);
+    if (isBase64(parameter.form)) {
+        const auto decodedSize = base64Size(parameter.form, value);
         if (!decodedSize)
-            return "is not Base64 (URL-safe)";
+            return notBase64;
         if (allowed.kind == Allowed::Size && *decodedSize != allowed.size)
             return "must be " + allowedText(allowed);
     }
@@ -275,6 +276,44 @@ const Parameter* findParameter(const RequestInfo& request, const std::string& na
     return nullptr;
 }
 
+Form formOf(const RequestInfo* request, const std::string& name)
+{
+    const Parameter* known = request == nullptr ? nullptr : findParameter(*request, name);
+    return known == nullptr ? Form::Text : known->form;
+}
+
+bool isBase64(Form form)
+{
+    return form == Form::Base64 || form == Form::Base64Text || form == Form::KeyText;
+}
+
+std::optional<size_t> base64Size(Form form, std::string_view text)
+{
+    // Blanks are none of them: a form turns a plus sign into one.
+    constexpr std::string_view lineEnds = "\r\n";
+    text = text.substr(0, text.find_last_not_of(lineEnds) + 1);
+    if (text.empty())
+        return std::nullopt;
+    if (form == Form::Base64 || text.find_first_of(lineEnds) == text.npos)
+        return base64Size(text);
+
+    std::string line(text);
+    line.erase(std::remove_if(line.begin(), line.end(),
+                              [&](char c) { return lineEnds.find(c) != lineEnds.npos; }),
+               line.end());
+    return base64Size(line);
+}
+
+bool isEncoded(Form form, Given given)
+{
+    return isBase64(form) && (given == Given::Text || given == Given::Bytes);
+}
+
+bool isMisencoded(Form form, Given given, std::string_view value)
+{
+    return isBase64(form) && given == Given::Plain && !value.empty() && !base64Size(form, value);
+}
+
 bool isSecret(const Parameter& parameter)
 {
     const Allowed::Kind kind = parameter.allowed.kind;
@@ -324,6 +363,7 @@ const char* formName(Form form)
         case Form::Path:
             return "path";
         case Form::Base64:
+        case Form::Base64Text:
             return "base64";
         case Form::KeyText:
             return "key-text";

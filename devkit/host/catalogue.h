@@ -4,7 +4,9 @@
 #ifndef CORVANE_HOST_CATALOGUE_H
 #define CORVANE_HOST_CATALOGUE_H
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,13 +18,36 @@ const std::string* findValue(const Pairs& pairs, const std::string& name);
 
 // What the bytes of a value mean.
 enum class Form {
-    Text,     // as they are
-    Handle,   // the decimal text of a key-exchange session, good in one process only
-    Path,     // a file or folder of the host
-    Base64,   // URL-safe Base64 of bytes
-    KeyText,  // Base64 of a key or certificate, which the engine receives as text
-    Escaped,  // bytes, percent-escaped twice
+    Text,        // as they are
+    Handle,      // the decimal text of a key-exchange session, good in one process only
+    Path,        // a file or folder of the host
+    Base64,      // URL-safe Base64 of bytes
+    Base64Text,  // the same, which the engine receives as text
+    KeyText,     // Base64 of a key or certificate, which the engine receives as text
+    Escaped,     // bytes, percent-escaped twice
 };
+
+// Whether bytes are Base64 on their way.
+bool isBase64(Form form);
+
+// How many bytes a text of such a form stands for; nothing if it is no Base64 to whoever
+// decodes it. The plug-in's decoder stops at the first character that is none: of line ends
+// it takes those at the end. Engines take them everywhere.
+std::optional<size_t> base64Size(Form form, std::string_view text);
+
+// How a value was given.
+enum class Given {
+    Plain,  // text, sent as it is; where Base64 is due it must be that
+    Text,   // a text, whose bytes are sent as the parameter takes bytes
+    Bytes,  // bytes, likewise
+    Raw,    // sent as it is, whatever the parameter takes
+};
+
+// Whether a value is sent as Base64 of what was given.
+bool isEncoded(Form form, Given given);
+// Whether a value must be refused. An empty one is not given.
+bool isMisencoded(Form form, Given given, std::string_view value);
+constexpr const char* notBase64 = "is not Base64 (URL-safe)";
 
 // When a parameter must be given. One given empty counts as not given.
 enum class Need { Always, Never, UnlessMode1, InMode6 };
@@ -82,6 +107,9 @@ const Result* findResult(const RequestInfo& request, const std::string& name);
 std::string nearestRequest(const std::string& name);
 
 const Parameter* findParameter(const RequestInfo& request, const std::string& name);
+
+// A parameter's form; text if the request, which may be null, does not know it.
+Form formOf(const RequestInfo* request, const std::string& name);
 
 // What looks wrong with a parameter. The text names the field, never its value.
 struct Complaint {

@@ -140,31 +140,27 @@ std::string toHex(std::string_view bytes)
 
 std::optional<std::string> fromHex(std::string_view text)
 {
+    for (size_t i = 0; i < text.size(); i += 2)
+        if (hexByte(text, i) < 0)
+            return std::nullopt;
     std::string bytes;
     bytes.reserve(text.size() / 2);
-    for (size_t i = 0; i < text.size(); i += 2) {
-        const int byte = hexByte(text, i);
-        if (byte < 0)
-            return std::nullopt;
-        bytes += static_cast<char>(byte);
-    }
+    for (size_t i = 0; i < text.size(); i += 2)
+        bytes += static_cast<char>(hexByte(text, i));
     return bytes;
 }
 
 std::optional<std::string> percentDecode(std::string_view text)
 {
+    for (size_t i = text.find('%'); i != text.npos; i = text.find('%', i + 1))
+        if (hexByte(text, i + 1) < 0)
+            return std::nullopt;
     std::string bytes;
     bytes.reserve(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            bytes += text[i];
-            continue;
-        }
-        const int byte = hexByte(text, i + 1);
-        if (byte < 0)
-            return std::nullopt;
-        bytes += static_cast<char>(byte);
-        i += 2;
+        const bool isEscape = text[i] == '%';
+        bytes += isEscape ? static_cast<char>(hexByte(text, i + 1)) : text[i];
+        i += isEscape ? 2 : 0;
     }
     return bytes;
 }

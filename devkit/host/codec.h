@@ -1,5 +1,6 @@
 // The text forms that binary values take on their way through requests and JSON.
-// Decoders check their input and give nothing for text that is not of their form.
+// Decoders check their input first and give nothing for text that is not of their form, so that
+// they leave no copies of a part of it.
 #ifndef CORVANE_HOST_CODEC_H
 #define CORVANE_HOST_CODEC_H
 

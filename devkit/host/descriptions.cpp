@@ -219,11 +219,16 @@ A request has a name, text parameters and text results. Forms of values:
 | form | bytes |
 |---|---|
 | text | as they are |
-| base64 | URL-safe Base64 with padding; parameters may be in the standard alphabet |
-| key-text | Base64 of a key or certificate, PEM or DER |
+| base64 | URL-safe Base64 with padding; parameters may be in the standard alphabet, and unpadded |
+| key-text | Base64 of a key or certificate, PEM or DER; a PEM text itself is not |
 | escaped | percent-escaped twice |
 | handle | the decimal text of a key-exchange session; `corvane-host serve` gives a token instead |
 | path | a file or folder of the host |
+
+`corvane-host` refuses a plain text for base64 and key-text that is not Base64. A line end
+behind it is let pass; line ends within it where the engine decodes: key-text, and `strIn` of
+`QZaven_crypto_base64_Decode`. Texts and bytes that are marked as such, it encodes
+([values](../devkit/host/README.md#values), [by HTTP](serving.md#values)).
 
 An empty value counts as a missing one. `errorCode` is 0, one of the plug-in's own codes or
 the engine's, which is passed on unchanged. Values that have names here have them in the

@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "library_file.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -74,6 +76,16 @@ private:
     int saved_;
 };
 
+// A bare name is the loader's to find.
+void checkLibrary(const std::string& path)
+{
+    if (path.find('/') == std::string::npos)
+        return;
+    const LibraryFile file = inspectLibrary(path);
+    if (!file.fault.empty())
+        throw LoadError("cannot load a library: " + file.fault + "; " + file.remedy);
+}
+
 using Clock = std::chrono::steady_clock;
 
 double microsecondsBetween(Clock::time_point from, Clock::time_point to)
@@ -115,6 +127,12 @@ LibraryPaths withDefaults(LibraryPaths paths)
     return paths;
 }
 
+void checkLibraries(const LibraryPaths& paths)
+{
+    for (const std::string& path : {paths.plugin, paths.params, paths.engine})
+        checkLibrary(path);
+}
+
 void HostSession::CloseLibrary::operator()(void* handle) const
 {
     dlclose(handle);
@@ -122,6 +140,7 @@ void HostSession::CloseLibrary::operator()(void* handle) const
 
 HostSession::Library HostSession::open(const std::string& path)
 {
+    checkLibrary(path);
     Library library(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
     if (library == nullptr)
         throw LoadError("cannot load " + loaderMessage());

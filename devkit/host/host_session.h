@@ -35,6 +35,11 @@ struct LibraryPaths {
 
 LibraryPaths withDefaults(LibraryPaths paths);
 
+// Looks at the files without loading them: a cut one would end the process that does, and a
+// pipe keep it for ever. Names that are left to the loader are not looked at. Throws a
+// LoadError that says what is wrong and what to do.
+void checkLibraries(const LibraryPaths& paths);
+
 // The files that are looked for, in this order, before a library is left to the loader:
 // beside the program, in its build tree, and in lib/ beside an installation's bin/.
 std::vector<std::string> usualPlaces(const std::string& name);
@@ -51,7 +56,7 @@ struct Reply {
 // there moves it out of their way first.
 class HostSession {
 public:
-    // Loads the libraries and has the plug-in bind and initialise them. Throws a
+    // Checks and loads the libraries and has the plug-in bind and initialise them. Throws a
     // LoadError, also if the plug-in printed that it failed, which is all it tells.
     explicit HostSession(const LibraryPaths& paths);
     ~HostSession();

@@ -37,9 +37,11 @@ ExitCode run(int argc, char** argv)
     app.add_option("--engine", program.paths.engine, "Crypto engine library")->type_name("PATH");
     app.footer(
         "Values of parameters:\n"
-        "  TEXT         the text as it is        @FILE       a file's bytes, @- for stdin\n"
-        "  b64:TEXT     its URL-safe Base64      b64:@FILE   a file's URL-safe Base64\n"
-        "  hex:DIGITS   Base64 of these bytes    text:TEXT   a text with such a beginning\n"
+        "  text:TEXT    a text                   hex:DIGITS  bytes: as the parameter takes them,\n"
+        "                                        as URL-safe Base64 or as they are\n"
+        "  b64:TEXT     its URL-safe Base64      b64:@FILE   a file's, b64:@- for stdin's\n"
+        "  TEXT, @FILE  as they are; refused where Base64 is due and they are none\n"
+        "  raw:TEXT     as it is, whatever it is and whatever is due; raw:@FILE likewise\n"
         "Exit codes: 0 success, 1 refused by plug-in or engine, 2 usage or file, 3 loading");
 
     addCall(app, program);

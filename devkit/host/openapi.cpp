@@ -241,11 +241,12 @@ Json schemas()
     };
     const Json value = {
         {"description",
-         "A text that is sent as it is, or bytes. Parameters of the forms base64 and key-text get "
-         "the bytes as URL-safe Base64."},
+         "A string is sent as it is, and must be Base64 for parameters of the forms base64 and "
+         "key-text; bytes and the bytes of a text are encoded for those. A raw string is sent as "
+         "it is to any."},
         {"anyOf",
          {text(), integer(), bytes("text", ""), bytes("base64", "^[A-Za-z0-9+/_-]*={0,2}$"),
-          bytes("hex", "^([0-9A-Fa-f]{2})*$")}}};
+          bytes("hex", "^([0-9A-Fa-f]{2})*$"), bytes("raw", "")}}};
 
     const Json error = object(
         {{"code", {{"type", "string"}, {"description", "A number, or a word of the host's"}}},

@@ -1,10 +1,15 @@
 #include "output.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -43,23 +48,6 @@ void Output::write(std::string_view text) const
         failToWrite("to standard output");
 }
 
-void Output::write(std::string_view text, const std::string& path) const
-{
-    if (path.empty())
-        return write(text);
-
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (file < 0)
-        failToWrite(path);
-    const bool written = writeAll(file, text);
-    const int reason = errno;
-    const bool closed = close(file) == 0;
-    if (!written)
-        errno = reason;
-    if (!written || !closed)
-        failToWrite(path);
-}
-
 bool Output::isTerminal() const
 {
     return isatty(descriptor_) == 1;
@@ -68,4 +56,60 @@ bool Output::isTerminal() const
 void Output::giveBack() const
 {
     dup2(descriptor_, STDOUT_FILENO);
+}
+
+OutputFile::OutputFile(const std::string& path, bool mayReplace) : path_(path)
+{
+    // A file beyond the process's limit is an error to tell of, and to clean up behind.
+    signal(SIGXFSZ, SIG_IGN);
+    struct stat status = {};
+    const bool isThere = stat(path.c_str(), &status) == 0;
+    if (isThere && S_ISDIR(status.st_mode))
+        throw UsageError("cannot write " + path + ": it is a folder");
+    if (isThere && !S_ISREG(status.st_mode)) {
+        file_ = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    } else if (mayReplace) {
+        openBeside();
+    } else {
+        file_ = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (file_ < 0 && errno == EEXIST)
+            throw UsageError("there is a file " + path + " already; --force replaces it");
+        unfinished_ = path;
+    }
+    if (file_ < 0) {
+        unfinished_.clear();
+        failToWrite(path);
+    }
+}
+
+void OutputFile::openBeside()
+{
+    unfinished_ = path_ + ".XXXXXX";
+    file_ = mkostemp(unfinished_.data(), O_CLOEXEC);
+}
+
+OutputFile::~OutputFile()
+{
+    if (file_ >= 0)
+        close(file_);
+    if (!unfinished_.empty())
+        unlink(unfinished_.c_str());
+}
+
+void OutputFile::write(std::string_view text)
+{
+    const bool isWritten = writeAll(file_, text);
+    const int reason = errno;
+    const bool isClosed = close(std::exchange(file_, -1)) == 0;
+    if (!isWritten)
+        errno = reason;
+    const bool isBeside = !unfinished_.empty() && unfinished_ != path_;
+    if (!isWritten || !isClosed || (isBeside && rename(unfinished_.c_str(), path_.c_str()) != 0))
+        failToWrite(path_);
+    unfinished_.clear();
+}
+
+bool isStandardOutput(const std::string& path)
+{
+    return path.empty() || path == "-" || path == "/dev/stdout";
 }

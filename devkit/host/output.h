@@ -21,11 +21,11 @@ public:
 
     // Whole or not at all as far as the program is concerned: throws a UsageError.
     void write(std::string_view text) const;
-    // The same to a file, which is made or replaced; an empty path means this output.
-    void write(std::string_view text, const std::string& path) const;
 
     // Whether a person reads it.
     bool isTerminal() const;
+    // For one that must not wait as write() does.
+    int descriptor() const { return descriptor_; }
 
     // Gives descriptor 1 back, for a program that takes this one's place.
     void giveBack() const;
@@ -33,5 +33,31 @@ public:
 private:
     int descriptor_;
 };
+
+// A file of results, its owner's alone, as it may hold a key. It is whole or not there: what
+// was not written to the end is removed, and a file that is to be replaced stays until then.
+// A link is replaced and not followed. Devices and pipes are just written to.
+class OutputFile {
+public:
+    // Opens it, so that what is in its way is known before there are results. Throws a
+    // UsageError, also for a file that exists, unless it may be replaced.
+    OutputFile(const std::string& path, bool mayReplace);
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    // Once. Throws a UsageError.
+    void write(std::string_view text);
+
+private:
+    void openBeside();
+
+    std::string path_;
+    std::string unfinished_;  // what to remove if nothing is written; "" if nothing
+    int file_ = -1;
+};
+
+// Whether a path stands for standard output; the empty one does too.
+bool isStandardOutput(const std::string& path);
 
 #endif

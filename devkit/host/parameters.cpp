@@ -135,7 +135,7 @@ void WrittenParameters::check() const
     split(arguments_);
 }
 
-Pairs WrittenParameters::read() const
+Pairs WrittenParameters::read(const RequestInfo* request) const
 {
     Pairs pairs = file_.empty() ? Pairs() : readFile(file_);
     for (const auto& [name, value] : split(arguments_)) {
@@ -149,6 +149,6 @@ Pairs WrittenParameters::read() const
     }
     ValueReader reader(file_ != "-");
     for (auto& [name, value] : pairs)
-        value = reader.read(name, value, asWritten);
+        value = reader.read(name, formOf(request, name), value, asWritten);
     return pairs;
 }

@@ -30,9 +30,9 @@ public:
     void check() const;
 
     // Names and values to send: the file's, in its order, in which arguments take the place
-    // of those of the same name; then the other arguments. May read standard input. Throws
-    // a UsageError that quotes no value.
-    Pairs read() const;
+    // of those of the same name; then the other arguments. `request` may be null. May read
+    // standard input. Throws a UsageError that quotes no value.
+    Pairs read(const RequestInfo* request) const;
 
 private:
     std::vector<std::string> arguments_;

@@ -79,7 +79,7 @@ private:
         if (!step.id.empty() && results_.count(step.id) != 0)
             throw UsageError("id " + step.id + " is taken");
         const RequestInfo* request = requestByName(step.request, options_.force);
-        const Pairs given = parameters(step);
+        const Pairs given = parameters(step, request);
         warn(request, given);
         const Outcome outcome = exchange(session_, request, step.request, given);
         if (!step.id.empty())
@@ -103,7 +103,7 @@ private:
         return answer;
     }
 
-    Pairs parameters(const Step& step)
+    Pairs parameters(const Step& step, const RequestInfo* request)
     {
         Pairs pairs;
         for (const auto& [name, value] : step.params.items()) {
@@ -111,7 +111,7 @@ private:
             const auto expand = [&, &parameter = name](const std::string& text) {
                 return expandReferences(parameter, text);
             };
-            pairs.emplace_back(name, reader_.read(name, written, expand));
+            pairs.emplace_back(name, reader_.read(name, formOf(request, name), written, expand));
         }
         return pairs;
     }

@@ -23,8 +23,7 @@ std::string told(Form form, const std::string& value, bool show)
     if (show)
         return value;
     std::string text = std::to_string(value.size()) + " bytes";
-    const bool isBase64 = form == Form::Base64 || form == Form::KeyText;
-    if (const auto size = isBase64 ? base64Size(value) : std::nullopt)
+    if (const auto size = isBase64(form) ? base64Size(form, value) : std::nullopt)
         text += ", Base64 of " + std::to_string(*size);
     return text;
 }

@@ -51,19 +51,40 @@ std::optional<std::string> readFile(const std::string& path)
 
 }  // namespace
 
-std::string ValueReader::read(const std::string& name, const std::string& written,
+std::string ValueReader::read(const std::string& name, Form form, const std::string& written,
                               const Expand& expand)
 {
-    std::string rest = written;
-    if (takePrefix(rest, "b64:"))
-        return toUrlBase64(readBytes(name, rest, expand));
-    if (takePrefix(rest, "hex:")) {
-        const auto bytes = fromHex(rest);
+    std::string value = written;
+    const Given given = resolve(name, value, expand);
+    if (isMisencoded(form, given, value)) {
+        // A key in PEM is what people paste here.
+        const char* remedy = form == Form::KeyText ? ": write b64:@FILE, also for PEM, or text:PEM"
+                                                   : ": write text:TEXT, hex:DIGITS or b64:@FILE";
+        throw UsageError(name + " " + notBase64 + remedy + ", or raw: to send it as it is");
+    }
+    return isEncoded(form, given) ? toUrlBase64(value) : value;
+}
+
+Given ValueReader::resolve(const std::string& name, std::string& written, const Expand& expand)
+{
+    if (takePrefix(written, "text:")) {
+        written = expand(written);
+        return Given::Text;
+    }
+    if (takePrefix(written, "hex:")) {
+        auto bytes = fromHex(written);
         if (!bytes)
             throw UsageError(name + ": hex: takes pairs of hex digits");
-        return toUrlBase64(*bytes);
+        written = *std::move(bytes);
+        return Given::Bytes;
     }
-    return readBytes(name, rest, expand);
+    if (takePrefix(written, "b64:")) {
+        written = toUrlBase64(readBytes(name, written, expand));
+        return Given::Raw;
+    }
+    const bool isRaw = takePrefix(written, "raw:");
+    written = readBytes(name, written, expand);
+    return isRaw ? Given::Raw : Given::Plain;
 }
 
 std::string ValueReader::readBytes(const std::string& name, const std::string& written,

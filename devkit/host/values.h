@@ -1,13 +1,18 @@
 // Parameter values as they are written on the command line and in scripts, and result
 // values as they are shown.
 //
-//     VALUE   = "b64:" BYTES      URL-safe Base64 of the bytes
-//             | "hex:" DIGITS     URL-safe Base64 of the bytes that the digits stand for
-//             | BYTES             the bytes as they are
+//     VALUE   = "text:" TEXT      the text's bytes, whatever it begins with
+//             | "hex:" DIGITS     the bytes that the digits stand for
+//             | "b64:" BYTES      URL-safe Base64 of the bytes, whatever the parameter takes
+//             | "raw:" BYTES      the bytes as they are, whatever the parameter takes
+//             | BYTES             the bytes as they are; where Base64 is due they must be that
 //     BYTES   = "@" PATH          a file's
 //             | "@-"              standard input's
 //             | "text:" TEXT      the text's, whatever it begins with
 //             | TEXT              the text's
+//
+// The bytes of "text:" and "hex:" are sent as the parameter takes bytes: as URL-safe Base64,
+// or as they are.
 #ifndef CORVANE_HOST_VALUES_H
 #define CORVANE_HOST_VALUES_H
 
@@ -26,10 +31,14 @@ public:
     // Standard input can serve one value, unless it holds the script.
     explicit ValueReader(bool standardInputIsFree) : standardInputIsFree_(standardInputIsFree) {}
 
-    // Throws a UsageError that names the parameter and quotes no value.
-    std::string read(const std::string& name, const std::string& written, const Expand& expand);
+    // The value of a parameter of that form, as it is sent. Throws a UsageError that names
+    // the parameter and quotes no value.
+    std::string read(const std::string& name, Form form, const std::string& written,
+                     const Expand& expand);
 
 private:
+    // Turns `written` into what it stands for.
+    Given resolve(const std::string& name, std::string& written, const Expand& expand);
     std::string readBytes(const std::string& name, const std::string& written,
                           const Expand& expand);
 

@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "exchange.h"
 #include "latency_histogram.h"
+#include "option_checks.h"
 #include "parameters.h"
 #include "values.h"
 
@@ -174,7 +175,7 @@ ExitCode bench(Program& program, const BenchOptions& options)
     const RequestInfo* request = requestByName(options.request, false);
     options.parameters.check();
     const auto session = program.openSession();
-    const Pairs parameters = options.parameters.read();
+    const Pairs parameters = options.parameters.read(request);
 
     // One to tell what a failure means.
     warn(request, parameters);
@@ -198,7 +199,7 @@ void addBench(CLI::App& app, Program& program)
     options->parameters.addTo(*command);
     CLI::Option* seconds =
         command->add_option("--seconds", options->seconds, "How long to send (default 5)")
-            ->check(CLI::Range(0.01, 86400.0));
+            ->check(between(0.01, 86400, false));
     command->add_option("--count", options->count, "How many to send instead")
         ->check(CLI::PositiveNumber)
         ->excludes(seconds);

@@ -8,6 +8,7 @@
 #include "codec.h"
 #include "commands.h"
 #include "exchange.h"
+#include "option_checks.h"
 #include "parameters.h"
 #include "trace.h"
 #include "values.h"
@@ -51,17 +52,29 @@ Pairs inHex(const RequestInfo* request, Pairs results)
     return results;
 }
 
-void writeResults(const Program& program, const CallOptions& options, const RequestInfo* request,
-                  const Outcome& outcome)
+// Null for standard output. Opened before the request is sent, as some happen only once.
+std::unique_ptr<OutputFile> openFile(const CallOptions& options)
 {
+    if (isStandardOutput(options.file))
+        return nullptr;
+    return std::make_unique<OutputFile>(options.file, options.force);
+}
+
+// `file` is null for standard output.
+void writeResults(const Program& program, OutputFile* file, const CallOptions& options,
+                  const RequestInfo* request, const Outcome& outcome)
+{
+    const auto put = [&](const std::string& text) {
+        file != nullptr ? file->write(text) : program.output.write(text);
+    };
     if (options.raw.empty()) {
         auto json = toJson(options.hex ? inHex(request, outcome.results) : outcome.results);
         if (options.time)
             json["microseconds"] = outcome.microseconds;
-        program.output.write(write(json, 2) + "\n", options.file);
+        put(write(json, 2) + "\n");
     } else if (outcome.ok) {
         const std::string bytes = resultBytes(request, outcome, options.raw);
-        program.output.write(options.hex ? toHex(bytes) + "\n" : bytes, options.file);
+        put(options.hex ? toHex(bytes) + "\n" : bytes);
     }
     if (options.time && !options.raw.empty())
         fprintf(stderr, "microseconds: %.1f\n", outcome.microseconds);
@@ -77,15 +90,16 @@ ExitCode call(Program& program, const CallOptions& options)
     // Before the values are read: opening may start the program again, and standard
     // input can be read only once.
     const auto session = openSession(program, options.trace);
-    const Pairs parameters = options.parameters.read();
+    const Pairs parameters = options.parameters.read(request);
     warn(request, parameters);
+    const auto file = openFile(options);
     if (options.trace)
         traceParameters(request, options.request, parameters);
 
     const Outcome outcome = exchange(*session, request, options.request, parameters);
     if (options.trace)
         traceOutcome(request, outcome);
-    writeResults(program, options, request, outcome);
+    writeResults(program, file.get(), options, request, outcome);
 
     if (outcome.ok)
         return SUCCESS;
@@ -103,12 +117,16 @@ void addCall(CLI::App& app, Program& program)
     command->add_option("request", options->request, "Name of the request")->required();
     options->parameters.addTo(*command);
     command->add_option("--raw", options->raw, "Write only this result, decoded")
-        ->type_name("RESULT");
-    command->add_option("-o,--output", options->file, "Write to a file")->type_name("FILE");
+        ->type_name("RESULT")
+        ->check(notEmpty());
+    command->add_option("-o,--output", options->file, "Write to a new file; - for stdout")
+        ->type_name("FILE")
+        ->check(notEmpty());
     command->add_flag("--hex", options->hex, "Results' bytes as hex digits");
     command->add_flag("--time", options->time, "Tell the time of the request call");
     command->add_flag("--trace", options->trace,
                       "Tell parameters, results and times; of what may be secret, the length");
-    command->add_flag("--force", options->force, "Send a name that is not in the catalogue");
+    command->add_flag("--force", options->force,
+                      "Send a name that is not in the catalogue; replace the file of -o");
     command->callback([options, &program] { program.exitCode = call(program, *options); });
 }

@@ -9,6 +9,7 @@
 #include "doctor/known_answers.h"
 #include "doctor/library_checks.h"
 #include "doctor/surroundings.h"
+#include "option_checks.h"
 #include "values.h"
 
 namespace {
@@ -131,6 +132,6 @@ void addDoctor(CLI::App& app, Program& program)
     command
         ->add_option("--seconds", options->seconds,
                      "Time for the checks that one process makes (default 30)")
-        ->check(CLI::Range(1, 3600));
+        ->check(between(1, 3600, true));
     command->callback([options, &program] { program.exitCode = doctor(program, *options); });
 }

@@ -42,8 +42,11 @@ void addServe(CLI::App& app, Program& program)
     const auto options = std::make_shared<ServeOptions>();
     CLI::App* command = app.add_subcommand("serve", "Serve requests by HTTP");
     addOptions(*command, *options);
-    command->callback(
-        [options, &program] { serve(*options, workerCommand(program), program.output); });
+    command->callback([options, &program] {
+        // Workers would be started again and again.
+        checkLibraries(withDefaults(program.paths));
+        serve(*options, workerCommand(program), program.output);
+    });
 }
 
 void addWorker(CLI::App& app, Program& program)

@@ -83,9 +83,8 @@ Finding checkLibraryFile(const LibraryChoice& library)
                          " nor in the loader's folders; its cache remains";
         finding.hint = "name the file with --plugin, --params or --engine";
     } else if (!file.fault.empty()) {
-        const bool named = file.fault.find(path) == 0;
         finding.status = Status::Fail;
-        finding.detail = named ? file.fault : path + " " + file.fault;
+        finding.detail = file.fault;
         finding.hint = file.remedy;
         finding.loading = true;
     } else {

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "doctor/finding.h"
-#include "doctor/library_file.h"
 #include "host_session.h"
+#include "library_file.h"
 
 // One of the three libraries, as a host is to load it.
 struct LibraryChoice {

@@ -37,21 +37,6 @@ bool isTokenCharacter(char c)
            std::string_view("-._~+/=").find(c) != std::string_view::npos;
 }
 
-// In lower case, without the port.
-std::string hostName(const std::string& header)
-{
-    const size_t bracket = header.rfind(']');
-    const size_t colon = header.find(':', bracket == std::string::npos ? 0 : bracket);
-    const bool hasPort = colon != std::string::npos && colon + 1 < header.size() &&
-                         header.find_first_not_of("0123456789", colon + 1) == std::string::npos;
-    if (colon != std::string::npos && !hasPort)
-        return "";
-    std::string name = header.substr(0, colon);
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
-    return name;
-}
-
 }  // namespace
 
 std::string BearerToken::defaultFile()
@@ -67,11 +52,24 @@ std::string BearerToken::defaultFile()
 
 BearerToken::BearerToken(std::string file) : file_(std::move(file))
 {
-    Descriptor descriptor(open(file_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (!descriptor && errno == ENOENT) {
-        make();
-        return;
+    while (!read() && !make()) {
     }
+}
+
+BearerToken::~BearerToken()
+{
+    wipe(token_);
+}
+
+// Whether there is a file.
+bool BearerToken::read()
+{
+    const Descriptor descriptor(
+        open(file_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!descriptor && errno == ENOENT)
+        return false;
+    if (!descriptor && errno == ELOOP)
+        throw UsageError("the token file " + file_ + " is a symbolic link; name the file itself");
     struct stat info = {};
     if (!descriptor || fstat(descriptor.get(), &info) != 0)
         fail("cannot read the token file", file_);
@@ -81,26 +79,26 @@ BearerToken::BearerToken(std::string file) : file_(std::move(file))
                          " must be a file that its owner alone can read (mode 0600)");
 
     std::array<char, longestToken + 2> buffer;
-    const ssize_t count = read(descriptor.get(), buffer.data(), buffer.size());
+    const ssize_t count = ::read(descriptor.get(), buffer.data(), buffer.size());
     if (count < 0)
         fail("cannot read the token file", file_);
     token_.assign(buffer.data(), static_cast<size_t>(count));
     explicit_bzero(buffer.data(), buffer.size());
     while (!token_.empty() && (token_.back() == '\n' || token_.back() == '\r'))
         token_.pop_back();
+    if (token_.empty())
+        throw UsageError("the token file " + file_ +
+                         " is empty; remove it, and the next start makes a new one");
     if (token_.size() < shortestToken || token_.size() > longestToken ||
         !std::all_of(token_.begin(), token_.end(), isTokenCharacter))
         throw UsageError("the token file " + file_ +
                          " must hold one token of 32 to 512 letters, "
                          "digits and characters of -._~+/=");
+    return true;
 }
 
-BearerToken::~BearerToken()
-{
-    wipe(token_);
-}
-
-void BearerToken::make()
+// False if another one has made the file in the meantime.
+bool BearerToken::make()
 {
     std::array<char, 32> random;
     if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size()))
@@ -113,14 +111,24 @@ void BearerToken::make()
     const fs::path folder = fs::path(file_).parent_path();
     if (!folder.empty() && fs::create_directories(folder, failed))
         fs::permissions(folder, fs::perms::owner_all, failed);
-    const Descriptor descriptor(
-        open(file_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
-    std::string line = token_ + "\n";
-    if (!descriptor ||
-        write(descriptor.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+    // It gets its name once it is whole and on the disk.
+    std::string draft = file_ + ".XXXXXX";
+    const Descriptor descriptor(mkostemp(draft.data(), O_CLOEXEC));
+    if (!descriptor)
         fail("cannot make the token file", file_);
+    std::string line = token_ + "\n";
+    const ssize_t count = write(descriptor.get(), line.data(), line.size());
+    if (count >= 0)
+        errno = ENOSPC;  // in case that it is a part only
+    const bool isWhole = count == static_cast<ssize_t>(line.size()) && fsync(descriptor.get()) == 0;
+    const bool isNamed = isWhole && link(draft.c_str(), file_.c_str()) == 0;
+    const int reason = errno;
     wipe(line);
-    isNew_ = true;
+    unlink(draft.c_str());
+    errno = reason;
+    if (!isNamed && !(isWhole && reason == EEXIST))
+        fail("cannot make the token file", file_);
+    return isNamed;
 }
 
 bool BearerToken::isShownBy(const std::string& authorization) const
@@ -137,6 +145,20 @@ bool BearerToken::isShownBy(const std::string& authorization) const
                       static_cast<unsigned char>(token_[i % token_.size()]);
     const volatile unsigned all = difference;
     return all == 0;
+}
+
+std::string hostName(const std::string& header)
+{
+    const size_t bracket = header.rfind(']');
+    const size_t colon = header.find(':', bracket == std::string::npos ? 0 : bracket);
+    const bool hasPort = colon != std::string::npos && colon + 1 < header.size() &&
+                         header.find_first_not_of("0123456789", colon + 1) == std::string::npos;
+    if (colon != std::string::npos && !hasPort)
+        return "";
+    std::string name = header.substr(0, colon);
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return name;
 }
 
 AllowedSites::AllowedSites(const ServeOptions& options)

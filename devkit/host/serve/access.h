@@ -12,7 +12,8 @@
 // The token that clients show, in a file that its owner alone can read.
 class BearerToken {
 public:
-    // Reads the file, or makes it with a new token. Throws a UsageError.
+    // Reads the file, or makes it with a new token. Of many who make it at once, one does,
+    // and the others read; it is never there in part. Throws a UsageError.
     explicit BearerToken(std::string file);
     ~BearerToken();
     BearerToken(const BearerToken&) = delete;
@@ -22,18 +23,20 @@ public:
 
     const std::string& file() const { return file_; }
     const std::string& text() const { return token_; }
-    bool isNew() const { return isNew_; }
 
     // Whether an Authorization header shows it. Takes the same time wherever they differ.
     bool isShownBy(const std::string& authorization) const;
 
 private:
-    void make();
+    bool read();
+    bool make();
 
     const std::string file_;
     std::string token_;
-    bool isNew_ = false;
 };
+
+// The name in a Host header, in lower case and without the port; "" if there is none.
+std::string hostName(const std::string& header);
 
 // Which names the host is known by, and which pages may use it: a page of another site
 // must not reach it through the user's browser, by its address or by a name of its own

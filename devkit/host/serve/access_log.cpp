@@ -8,15 +8,25 @@
 #include <ctime>
 #include <system_error>
 
-#include "exchange.h"
 #include "output.h"
-#include "values.h"
 
 namespace {
 
+// A pipe is not waited for, neither now nor when it is full.
 Descriptor openLog(const std::string& file)
 {
-    return Descriptor(open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    Descriptor descriptor(open(file.c_str(), flags, 0600));
+    if (!descriptor)
+        throw UsageError("cannot write " + file + ": " +
+                         (errno == ENXIO ? "it is a socket, or a pipe that nobody reads"
+                                         : std::generic_category().message(errno)));
+    return descriptor;
+}
+
+std::string lineOf(const nlohmann::ordered_json& entry)
+{
+    return entry.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace
@@ -26,27 +36,36 @@ AccessLog::AccessLog(std::string file) : file_(std::move(file))
     if (file_.empty())
         return;
     descriptor_ = openLog(file_);
-    if (!descriptor_)
-        throw UsageError("cannot write " + file_ + ": " + std::generic_category().message(errno));
+    lines_.emplace(descriptor_.get());
 }
 
 void AccessLog::write(const nlohmann::ordered_json& entry)
 {
-    const std::string line = ::write(entry, -1) + "\n";
-    // One call, so that lines stay whole. A full disk must not stop the service.
-    [[maybe_unused]] const ssize_t count =
-        ::write(descriptor_ ? descriptor_.get() : STDERR_FILENO, line.data(), line.size());
+    LineSink& lines = lines_ ? *lines_ : errors_;
+    if (untold_ > 0 && lines.write(lineOf({{"time", timeText()}, {"dropped", untold_}})))
+        untold_ = 0;
+    if (untold_ == 0 && lines.write(lineOf(entry)))
+        return;
+    ++dropped_;
+    ++untold_;
 }
 
 void AccessLog::reopen()
 {
     if (file_.empty())
         return;
-    Descriptor descriptor = openLog(file_);
-    if (descriptor)
+    try {
+        Descriptor descriptor = openLog(file_);
+        lines_.emplace(descriptor.get());
         descriptor_ = std::move(descriptor);
-    else
-        tell("cannot reopen " + file_ + ": " + std::generic_category().message(errno));
+    } catch (const UsageError& e) {
+        tell(std::string("the access log stays where it is: ") + e.what());
+    }
+}
+
+void AccessLog::tell(const std::string& text)
+{
+    errors_.write("corvane-host: " + text + "\n");
 }
 
 std::string timeText()

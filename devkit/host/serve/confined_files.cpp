@@ -33,7 +33,7 @@ ConfinedFiles::ConfinedFiles(const std::string& folder)
     if (folder.empty())
         return;
     folder_ = Descriptor(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!folder_)
+    if (!folder_ || faccessat(AT_FDCWD, folder.c_str(), R_OK | X_OK, AT_EACCESS) != 0)
         throw UsageError("cannot open the folder " + folder + ": " +
                          std::generic_category().message(errno));
 }

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "failure.h"
+
 namespace {
 
 [[noreturn]] void fail(const char* what)
@@ -22,19 +24,22 @@ EventLoop::EventLoop()
 {
     if (!epoll_ || !clock_)
         fail("cannot make an event loop");
-    watch(clock_.get(), EPOLLIN, [this](uint32_t) { runTimers(); });
+    watch(clock_.get(), EPOLLIN, [this](uint32_t) { ring(); });
 }
 
 EventLoop::WatchId EventLoop::watch(int descriptor, uint32_t events,
                                     std::function<void(uint32_t)> ready)
 {
     const WatchId id = ++lastId_;
+    watches_[id] = {descriptor,
+                    std::make_shared<const std::function<void(uint32_t)>>(std::move(ready))};
     epoll_event event = {};
     event.events = events;
     event.data.u64 = id;
-    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0)
+    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+        watches_.erase(id);
         fail("cannot watch a descriptor");
-    watches_[id] = {descriptor, std::move(ready)};
+    }
     return id;
 }
 
@@ -55,24 +60,11 @@ void EventLoop::unwatch(WatchId id)
     watches_.erase(found);
 }
 
-EventLoop::Timer EventLoop::at(Clock::time_point time, std::function<void()> call)
-{
-    const Timer timer = timers_.emplace(time, std::move(call));
-    arm();
-    return timer;
-}
-
-// The clock may still go off for it; nothing is due then.
-void EventLoop::cancel(Timer timer)
-{
-    timers_.erase(timer);
-}
-
 void EventLoop::arm()
 {
-    if (timers_.empty() || timers_.begin()->first >= armedFor_)
+    if (alarms_.empty() || alarms_.begin()->first >= armedFor_)
         return;
-    armedFor_ = timers_.begin()->first;
+    armedFor_ = alarms_.begin()->first;
     const auto left = std::max<Clock::duration>(armedFor_ - Clock::now(), Clock::duration(1));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
     itimerspec setting = {};
@@ -81,16 +73,17 @@ void EventLoop::arm()
     timerfd_settime(clock_.get(), 0, &setting, nullptr);
 }
 
-void EventLoop::runTimers()
+void EventLoop::ring()
 {
     uint64_t ignored;
     [[maybe_unused]] const ssize_t count = read(clock_.get(), &ignored, sizeof ignored);
-    armedFor_ = Clock::time_point::max();
+    armedFor_ = never;
     const Clock::time_point now = Clock::now();
-    while (!timers_.empty() && timers_.begin()->first <= now) {
-        const auto call = std::move(timers_.begin()->second);
-        timers_.erase(timers_.begin());
-        call();
+    while (!alarms_.empty() && alarms_.begin()->first <= now) {
+        Alarm& alarm = *alarms_.begin()->second;
+        alarm.clear();
+        const auto call = alarm.call_;  // lives on if it ends the alarm
+        withoutFailure("a timer", *call);
     }
     arm();
 }
@@ -115,7 +108,33 @@ void EventLoop::run(const std::function<int()>& between)
             if (found == watches_.end())
                 continue;
             const auto ready = found->second.ready;
-            ready(event.events);
+            withoutFailure("an event", [&] { (*ready)(event.events); });
         }
     }
+}
+
+Alarm::Alarm(EventLoop& loop, std::function<void()> call)
+    : loop_(loop),
+      call_(std::make_shared<const std::function<void()>>(std::move(call))),
+      place_(loop.alarms_.emplace(EventLoop::never, this))
+{
+}
+
+Alarm::~Alarm()
+{
+    loop_.alarms_.erase(place_);
+}
+
+void Alarm::set(Clock::time_point time)
+{
+    auto node = loop_.alarms_.extract(place_);
+    node.key() = time;
+    place_ = loop_.alarms_.insert(std::move(node));
+    loop_.arm();
+}
+
+// The clock may still go off for the time before; nothing is due then.
+void Alarm::clear()
+{
+    set(EventLoop::never);
 }

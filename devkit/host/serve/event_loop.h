@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 
 #include "descriptor.h"
 
@@ -17,10 +18,10 @@ inline Clock::time_point after(Seconds seconds)
     return Clock::now() + std::chrono::duration_cast<Clock::duration>(seconds);
 }
 
+class Alarm;
+
 class EventLoop {
 public:
-    using Timers = std::multimap<Clock::time_point, std::function<void()>>;
-    using Timer = Timers::iterator;
     using WatchId = uint64_t;
 
     EventLoop();
@@ -31,31 +32,54 @@ public:
     void change(WatchId id, uint32_t events);
     void unwatch(WatchId id);
 
-    // Calls once. A timer is forgotten before its call; it must not be cancelled then.
-    Timer at(Clock::time_point time, std::function<void()> call);
-    void cancel(Timer timer);
-
     // Runs until stopped. `between` is called before each wait and tells for how many
-    // milliseconds to wait at most; -1 for any time.
+    // milliseconds to wait at most; -1 for any time. What the other calls throw is told on
+    // standard error, and ends nothing but that call.
     void run(const std::function<int()>& between);
     void stop() { stopped_ = true; }
 
 private:
+    friend class Alarm;
+
     struct Watch {
         int descriptor;
-        std::function<void(uint32_t)> ready;
+        std::shared_ptr<const std::function<void(uint32_t)>> ready;
     };
+    // Alarms that are not set stand at the end of time.
+    using Alarms = std::multimap<Clock::time_point, Alarm*>;
+    static constexpr Clock::time_point never = Clock::time_point::max();
 
     void arm();
-    void runTimers();
+    void ring();
 
     Descriptor epoll_;
     Descriptor clock_;
     std::map<WatchId, Watch> watches_;
     WatchId lastId_ = 0;
-    Timers timers_;
-    Clock::time_point armedFor_ = Clock::time_point::max();
+    Alarms alarms_;
+    Clock::time_point armedFor_ = never;
     bool stopped_ = false;
+};
+
+// Calls at a time, once for each that it is set to. It takes memory when it is made and
+// none when it is set. The loop outlives it; the call may end it.
+class Alarm {
+public:
+    Alarm(EventLoop& loop, std::function<void()> call);
+    ~Alarm();
+    Alarm(const Alarm&) = delete;
+    Alarm& operator=(const Alarm&) = delete;
+
+    // In place of a time that it was set to before.
+    void set(Clock::time_point time);
+    void clear();
+
+private:
+    friend class EventLoop;
+
+    EventLoop& loop_;
+    const std::shared_ptr<const std::function<void()>> call_;
+    EventLoop::Alarms::iterator place_;
 };
 
 #endif

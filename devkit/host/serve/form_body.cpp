@@ -7,9 +7,18 @@
 
 namespace {
 
-[[noreturn]] void failMultipart(const char* what)
+// Of one part of a form. With them the time for a part's headers is limited too.
+constexpr size_t mostHeaderBytes = 4096;  // with the empty line behind them
+constexpr size_t mostHeaders = 16;
+
+[[noreturn]] void failMultipart(const std::string& what)
 {
-    throw Refusal("malformed", "", std::string("the form is not whole: ") + what);
+    throw Refusal("malformed", "", "the form is not whole: " + what);
+}
+
+[[noreturn]] void failParameter(const char* what)
+{
+    throw Refusal("malformed", "", what);
 }
 
 void add(Fields& fields, Field field, size_t mostFields)
@@ -27,11 +36,12 @@ void add(Fields& fields, Field field, size_t mostFields)
     fields.push_back(std::move(field));
 }
 
-std::string plusToBlank(std::string_view text)
+// A name or value as it was meant; nothing if a percent sign escapes nothing.
+std::optional<SecretText> formDecode(std::string_view text)
 {
-    std::string out(text);
-    std::replace(out.begin(), out.end(), '+', ' ');
-    return out;
+    SecretText blanks(text);
+    std::replace(blanks.begin(), blanks.end(), '+', ' ');
+    return percentDecode(blanks);
 }
 
 // The text up to the mark, which is dropped, or nothing without one.
@@ -45,39 +55,149 @@ std::optional<std::string_view> takeUntil(std::string_view& text, std::string_vi
     return taken;
 }
 
-Field readPart(std::string_view part)
+struct PartHeader {
+    std::string_view name;
+    std::string_view value;
+};
+
+PartHeader readHeader(std::string_view line)
 {
-    Field field;
-    bool named = false;
+    const auto isControl = [](char c) {
+        return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F;
+    };
+    if (std::any_of(line.begin(), line.end(), isControl))
+        failMultipart("a part's header has control characters");
+    const size_t colon = line.find(':');
+    if (colon == std::string_view::npos)
+        failMultipart("a part's header has no colon");
+    const std::string_view name = line.substr(0, colon);
+    if (name.empty() || name.find_first_of(" \t") != std::string_view::npos)
+        failMultipart("a part's header has no name, or blanks in it");
+    return {name, line.substr(colon + 1)};
+}
+
+// Takes the headers of a part and the empty line behind them.
+std::vector<PartHeader> takeHeaders(std::string_view& part)
+{
+    std::string_view lines = part.substr(0, mostHeaderBytes);
+    std::vector<PartHeader> headers;
     for (;;) {
-        const auto line = takeUntil(part, "\r\n");
+        const auto line = takeUntil(lines, "\r\n");
+        if (!line && part.size() > mostHeaderBytes)
+            failMultipart("a part's headers have more than " + std::to_string(mostHeaderBytes) +
+                          " bytes");
         if (!line)
             failMultipart("a part's headers do not end");
         if (line->empty())
             break;
-        const size_t colon = line->find(':');
-        if (colon == std::string_view::npos)
-            failMultipart("a part's header has no colon");
-        const std::string_view header = line->substr(0, colon);
-        const std::string_view value = line->substr(colon + 1);
-        if (equalIgnoringCase(header, "Content-Transfer-Encoding") &&
-            !equalIgnoringCase(trimmed(value), "binary") &&
-            !equalIgnoringCase(trimmed(value), "8bit"))
-            throw Refusal("unsupported_type", "", "a part of the form is encoded once more");
-        if (!equalIgnoringCase(header, "Content-Disposition"))
-            continue;
-        const auto name = headerParameter(value, "name");
-        if (named || !name ||
-            !equalIgnoringCase(trimmed(value.substr(0, value.find(';'))), "form-data"))
-            failMultipart("a part does not say which field it is");
-        named = true;
-        field.name = *name;
-        field.isBytes = headerParameter(value, "filename").has_value();
+        if (headers.size() == mostHeaders)
+            failMultipart("a part has more than " + std::to_string(mostHeaders) + " headers");
+        headers.push_back(readHeader(*line));
     }
-    if (!named)
+    part.remove_prefix(static_cast<size_t>(lines.data() - part.data()));
+    return headers;
+}
+
+std::string_view withoutParameters(std::string_view value)
+{
+    return trimmed(value.substr(0, value.find(';')));
+}
+
+void readDisposition(std::string_view value, Field& field)
+{
+    const auto name = headerParameter(value, "name");
+    if (!name || !equalIgnoringCase(withoutParameters(value), "form-data"))
         failMultipart("a part does not say which field it is");
-    field.value = std::string(part);
+    field.name = *name;
+    // The other spelling is for names that are not ASCII.
+    const bool isFile = headerParameter(value, "filename").has_value();
+    if (headerParameter(value, "filename*").has_value() || isFile)
+        field.given = Given::Bytes;
+}
+
+// What stands in a part is its value as it is; what says otherwise is refused.
+void checkEncoding(std::string_view encoding)
+{
+    if (!equalIgnoringCase(encoding, "binary") && !equalIgnoringCase(encoding, "8bit"))
+        throw Refusal("unsupported_type", "", "a part of the form is encoded once more");
+}
+
+void checkType(std::string_view type, const Field& field)
+{
+    if (equalIgnoringCase(type.substr(0, type.find('/')), "multipart"))
+        throw Refusal("unsupported_type", "", "a part of the form is a form of parts");
+    const auto charset = headerParameter(type, "charset");
+    if (field.given != Given::Bytes && charset && !equalIgnoringCase(*charset, "utf-8") &&
+        !equalIgnoringCase(*charset, "us-ascii"))
+        throw Refusal("unsupported_type", "", "a text of the form is not in UTF-8");
+}
+
+Field readPart(std::string_view part)
+{
+    const std::vector<PartHeader> headers = takeHeaders(part);
+    const auto find = [&](const char* name) -> std::optional<std::string_view> {
+        std::optional<std::string_view> found;
+        for (const PartHeader& header : headers) {
+            if (!equalIgnoringCase(header.name, name))
+                continue;
+            if (found)
+                failMultipart(std::string("a part has two headers ") + name);
+            found = trimmed(header.value);
+        }
+        return found;
+    };
+
+    Field field;
+    const auto disposition = find("Content-Disposition");
+    if (!disposition)
+        failMultipart("a part does not say which field it is");
+    readDisposition(*disposition, field);
+    if (const auto encoding = find("Content-Transfer-Encoding"))
+        checkEncoding(*encoding);
+    if (const auto type = find("Content-Type"))
+        checkType(*type, field);
+    field.value = SecretText(part);
     return field;
+}
+
+// RFC 2046, section 5.1.1. No line end is among them, so that boundaries cannot overlap
+// and looking for one takes time by the body's length.
+bool isBoundary(std::string_view text)
+{
+    const auto isFit = [](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+               std::string_view("'()+_,-./:=? ").find(c) != std::string_view::npos;
+    };
+    return !text.empty() && text.size() <= 70 && text.back() != ' ' &&
+           std::all_of(text.begin(), text.end(), isFit);
+}
+
+// Takes a parameter's value, in quotes or not, up to the next ";" or the end.
+std::string takeValue(std::string_view& text)
+{
+    text.remove_prefix(std::min(text.size(), text.find_first_not_of(" \t")));
+    std::string value;
+    if (text.substr(0, 1) != "\"") {
+        value = trimmed(text.substr(0, text.find(';')));
+        if (value.find('"') != std::string::npos)
+            failParameter("a parameter of a header has a quote in its midst");
+    } else {
+        size_t end = 1;
+        for (; end < text.size() && text[end] != '"'; ++end) {
+            // Browsers escape nothing but the quote, and that as %22; others this way.
+            if (text[end] == '\\' && end + 1 < text.size() &&
+                (text[end + 1] == '"' || text[end + 1] == '\\'))
+                ++end;
+            value += text[end];
+        }
+        if (end >= text.size())
+            failParameter("a parameter of a header has a quote without its other one");
+        text.remove_prefix(end + 1);
+        if (!trimmed(text.substr(0, text.find(';'))).empty())
+            failParameter("a parameter of a header has more behind its quotes");
+    }
+    text.remove_prefix(std::min(text.size(), text.find(';')));
+    return value;
 }
 
 }  // namespace
@@ -91,24 +211,23 @@ Fields readUrlEncoded(std::string_view body, size_t mostFields)
         if (pair.empty())
             continue;
         const size_t equals = pair.find('=');
-        const auto name = percentDecode(plusToBlank(pair.substr(0, equals)));
+        const auto name = formDecode(pair.substr(0, equals));
         if (!name)
             throw Refusal("bad_encoding", "", "a name has a percent sign that escapes nothing");
-        auto value = equals == std::string_view::npos
-                         ? std::optional<std::string>("")
-                         : percentDecode(plusToBlank(pair.substr(equals + 1)));
+        auto value = formDecode(equals == std::string_view::npos ? "" : pair.substr(equals + 1));
         if (!value)
             throw Refusal("bad_encoding", isName(*name) ? *name : "",
                           "the value has a percent sign that escapes nothing");
-        add(fields, {*name, *std::move(value), false, ""}, mostFields);
+        add(fields, {*name, *std::move(value), Given::Plain, ""}, mostFields);
     }
     return fields;
 }
 
 Fields readMultipart(std::string_view body, const std::string& boundary, size_t mostFields)
 {
-    if (boundary.empty() || boundary.size() > 70)
-        throw Refusal("malformed", "", "the boundary of the form is not 1 to 70 characters");
+    if (!isBoundary(boundary))
+        throw Refusal("malformed", "",
+                      "the boundary of the form is not 1 to 70 of the characters for it");
     const std::string mark = "--" + boundary;
     const std::string delimiter = "\r\n" + mark;
 
@@ -134,36 +253,24 @@ Fields readMultipart(std::string_view body, const std::string& boundary, size_t 
 
 std::optional<std::string> headerParameter(std::string_view value, std::string_view name)
 {
-    for (size_t at = value.find(';'); at != std::string_view::npos; at = value.find(';')) {
-        value.remove_prefix(at + 1);
-        const size_t equals = value.find('=');
-        if (equals > value.find(';'))
+    std::optional<std::string> found;
+    value.remove_prefix(std::min(value.size(), value.find(';')));
+    while (!value.empty()) {
+        value.remove_prefix(1);  // the ";"
+        const size_t end = std::min(value.size(), value.find_first_of(";="));
+        const std::string_view word = trimmed(value.substr(0, end));
+        value.remove_prefix(end);
+        if (value.substr(0, 1) != "=")
             continue;  // a word alone
-        if (equals == std::string_view::npos)
-            return std::nullopt;
-        const bool isIt = equalIgnoringCase(trimmed(value.substr(0, equals)), name);
-        value = trimmed(value.substr(equals + 1));
-
-        std::string found;
-        if (value.substr(0, 1) == "\"") {
-            size_t end = 1;
-            for (; end < value.size() && value[end] != '"'; ++end) {
-                // Browsers escape nothing but the quote, and that as %22; others this way.
-                if (value[end] == '\\' && end + 1 < value.size() &&
-                    (value[end + 1] == '"' || value[end + 1] == '\\'))
-                    ++end;
-                found += value[end];
-            }
-            if (end >= value.size())
-                return std::nullopt;
-            value.remove_prefix(end + 1);
-        } else {
-            found = std::string(trimmed(value.substr(0, value.find(';'))));
-        }
-        if (isIt)
-            return found;
+        value.remove_prefix(1);
+        std::string text = takeValue(value);
+        if (!equalIgnoringCase(word, name))
+            continue;
+        if (found)
+            failParameter("a parameter of a header is given twice");
+        found = std::move(text);
     }
-    return std::nullopt;
+    return found;
 }
 
 bool equalIgnoringCase(std::string_view a, std::string_view b)

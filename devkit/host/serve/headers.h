@@ -27,9 +27,17 @@ struct Headers {
     size_t bodySize() const;
 };
 
+// The first line of a request, where libmicrohttpd keeps it.
+struct FirstLine {
+    const char* method;
+    const char* target;
+    size_t targetSize;  // up to the version, or to a NUL
+    const char* version;
+};
+
 // Throws a Refusal for too many headers, and for what two readers of the same bytes could
 // take for different requests; the connection has to end then. `hasBody` is right also then.
-void readHeaders(MHD_Connection* connection, Headers& headers);
+void readHeaders(MHD_Connection* connection, const FirstLine& first, Headers& headers);
 
 // RFC 9110, section 5.6.2: of headers and methods.
 bool isHeaderName(std::string_view name);

@@ -13,13 +13,8 @@
 struct JsonNode {
     enum Kind { Other, Text, Integer, Object, Array };
 
-    JsonNode() = default;
-    JsonNode(JsonNode&&) = default;
-    JsonNode& operator=(JsonNode&&) = default;
-    ~JsonNode() { wipe(text); }
-
     Kind kind = Other;
-    std::string text;                                       // of a text; decimal of an integer
+    SecretText text;                                        // of a text; decimal of an integer
     std::vector<std::pair<std::string, JsonNode>> members;  // without names in an array
 
     const JsonNode* find(const std::string& name) const;

@@ -5,8 +5,8 @@ const std::vector<HostCode>& hostCodes()
 {
     static const std::vector<HostCode> codes = {
         {"malformed",           400, "the request is not of its form",                          "see docs/serving.md and /openapi.json"},
-        {"wrong_type",          400, "a value has a type that the parameter does not take",     "send a string, an integer, or {\"text\"}, {\"base64\"} or {\"hex\"} with a string"},
-        {"bad_encoding",        400, "text is not in the encoding that it claims",              "send UTF-8 in JSON, and whole Base64, hex and percent-escapes"},
+        {"wrong_type",          400, "a value has a type that the parameter does not take",     "send a string, an integer, or {\"text\"}, {\"base64\"}, {\"hex\"} or {\"raw\"} with a string"},
+        {"bad_encoding",        400, "text is not in the encoding that it claims or that is due", "send UTF-8 in JSON, whole Base64, hex and percent-escapes, and {\"text\"} or {\"raw\"} for what is no Base64"},
         {"duplicate_parameter", 400, "a name is given twice",                                   "give each name once"},
         {"too_many_parameters", 400, "there are more parameters or requests than are taken",    "see the limits in /v1/status"},
         {"bad_path",            400, "the name does not lead to a file below the host's folder", "name a file below the folder that the host was started with, or upload the file"},

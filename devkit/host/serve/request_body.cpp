@@ -5,7 +5,6 @@
 #include "codec.h"
 #include "form_body.h"
 #include "json_tree.h"
-#include "secrets.h"
 
 namespace {
 
@@ -27,23 +26,24 @@ bool isJson(const std::string& contentType)
     return true;
 }
 
-// {"text"}, {"base64"} or {"hex"} with a string.
+// {"text"}, {"base64"}, {"hex"} or {"raw"} with a string.
 Field readObject(const JsonNode& node, const std::string& where)
 {
     if (node.members.size() != 1 || node.members[0].second.kind != JsonNode::Text)
         throw Refusal("wrong_type", where,
-                      "an object as a value has one member, text, base64 or hex, and that is a "
-                      "string");
+                      "an object as a value has one member, text, base64, hex or raw, and that is "
+                      "a string");
     const auto& [form, value] = node.members[0];
     Field field;
-    if (form == "text") {
+    if (form == "text" || form == "raw") {
+        field.given = form == "raw" ? Given::Raw : Given::Text;
         field.value = value.text;
         return field;
     }
-    field.isBytes = true;
+    field.given = Given::Bytes;
     const bool isBase64 = form == "base64";
     if (!isBase64 && form != "hex")
-        throw Refusal("wrong_type", where, "a value has text, base64 or hex, nothing else");
+        throw Refusal("wrong_type", where, "a value has text, base64, hex or raw, nothing else");
     auto bytes = isBase64 ? fromBase64(value.text) : fromHex(value.text);
     if (!bytes)
         throw Refusal(
@@ -71,7 +71,7 @@ Fields readParameters(const JsonNode& object, const std::string& where, const Bo
         else
             throw Refusal("wrong_type", place,
                           "a value is a string, an integer of at most 64 bits, or an object with "
-                          "text, base64 or hex");
+                          "text, base64, hex or raw");
         field.name = name;
         field.where = place;
         fields.push_back(std::move(field));
@@ -151,31 +151,26 @@ std::vector<BatchPart> readBatch(const std::string& contentType, std::string_vie
 Prepared prepare(const RequestInfo& request, Fields& fields)
 {
     Prepared prepared;
+    prepared.parameters.reserve(fields.size());  // growing would leave copies behind
     for (Field& field : fields) {
-        const auto known =
-            std::find_if(request.parameters.begin(), request.parameters.end(),
-                         [&](const Parameter& parameter) { return parameter.name == field.name; });
-        const Form form = known == request.parameters.end() ? Form::Text : known->form;
+        const Form form = formOf(&request, field.name);
         const bool isPlace = form == Form::Handle || form == Form::Path;
-        if (field.isBytes && form == Form::Path && field.name == rootFileParameter) {
+        const bool isBytes = field.given == Given::Bytes;
+        if (isBytes && form == Form::Path && field.name == rootFileParameter) {
             prepared.upload = std::move(field.value);
             field.value = "upload";
-        } else if (field.isBytes && isPlace) {
+        } else if (isBytes && isPlace) {
             throw Refusal("wrong_type", field.where, field.name + " takes a string, not bytes");
-        } else if (field.isBytes && (form == Form::Base64 || form == Form::KeyText)) {
-            std::string text = toUrlBase64(field.value);
-            wipe(field.value);
-            field.value = std::move(text);
+        } else if (isMisencoded(form, field.given, field.value)) {
+            throw Refusal("bad_encoding", field.where,
+                          field.name + " " + notBase64 +
+                              ": send {\"text\"}, {\"hex\"} or {\"base64\"}, or {\"raw\"} to send "
+                              "it as it is");
+        } else if (isEncoded(form, field.given)) {
+            field.value = toUrlBase64(field.value);
         }
         prepared.parameters.emplace_back(std::move(field.name), std::move(field.value));
     }
     fields.clear();
     return prepared;
-}
-
-void wipe(Fields& fields)
-{
-    for (Field& field : fields)
-        wipe(field.value);
-    fields.clear();
 }

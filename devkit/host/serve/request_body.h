@@ -12,6 +12,7 @@
 
 #include "catalogue.h"
 #include "refusal.h"
+#include "secrets.h"
 
 struct BodyLimits {
     size_t parameters = 64;
@@ -21,10 +22,10 @@ struct BodyLimits {
 
 // A parameter as it came.
 struct Field {
-    std::string name;
-    std::string value;
-    bool isBytes = false;  // else the text that is sent
-    std::string where;     // in the body, for people
+    SecretText name;  // what is no form at all is read as one long name
+    SecretText value;
+    Given given = Given::Plain;
+    std::string where;  // in the body, for people
 };
 using Fields = std::vector<Field>;
 
@@ -42,14 +43,12 @@ std::vector<BatchPart> readBatch(const std::string& contentType, std::string_vie
 
 // The parameters as the plug-in takes them.
 struct Prepared {
-    Pairs parameters;
-    std::optional<std::string> upload;  // the content of the file of root certificates
+    SecretPairs parameters;
+    std::optional<SecretText> upload;  // the content of the file of root certificates
 };
 
 // `fields` are used up.
 Prepared prepare(const RequestInfo& request, Fields& fields);
-
-void wipe(Fields& fields);
 
 // The parameters that name files of the host.
 constexpr const char* rootFileParameter = "strCa_file";

@@ -1,6 +1,11 @@
 #include "routes.h"
 
 #include <cstring>
+#include <functional>
+
+#include "descriptions.h"
+#include "openapi.h"
+#include "values.h"
 
 namespace {
 
@@ -8,12 +13,27 @@ constexpr Route routes[] = {
     {"/v1/requests/", "/v1/requests/{name}", "POST", Target::Request},
     {"/v1/batch", "/v1/batch", "POST", Target::Batch},
     {"/v1/peer/", "/v1/peer/{step}", "POST", Target::Peer},
-    {"/v1/catalogue", "/v1/catalogue", "GET", Target::Catalogue},
+    {"/v1/catalogue", "/v1/catalogue", "GET", Target::Document},
     {"/v1/status", "/v1/status", "GET", Target::Status},
     {"/livez", "/livez", "GET", Target::Live},
     {"/readyz", "/readyz", "GET", Target::Ready},
     {"/metrics", "/metrics", "GET", Target::Metrics},
-    {"/openapi.json", "/openapi.json", "GET", Target::OpenApi},
+    {"/openapi.json", "/openapi.json", "GET", Target::Document},
+};
+
+struct Document {
+    Document(const char* path, const nlohmann::ordered_json& json)
+        : bytes(write(json, -1)),
+          etag("\"" + std::to_string(std::hash<std::string>()(bytes)) + "\""),
+          file{path, "application/json", etag.c_str(), bytes}
+    {
+    }
+    Document(const Document&) = delete;
+    Document& operator=(const Document&) = delete;
+
+    const std::string bytes;
+    const std::string etag;
+    const ConsoleFile file;
 };
 
 bool startsWith(const std::string& text, std::string_view beginning)
@@ -41,6 +61,18 @@ const ConsoleFile* findFile(const std::string& path)
     for (const ConsoleFile& file : consoleFiles())
         if (found == file.path)
             return &file;
+    return nullptr;
+}
+
+const ConsoleFile* findDocument(const Route& route)
+{
+    if (route.target != Target::Document)
+        return nullptr;
+    static const Document documents[] = {{"/v1/catalogue", catalogueJson()},
+                                         {"/openapi.json", openApi()}};
+    for (const Document& document : documents)
+        if (route.path == std::string_view(document.file.path))
+            return &document.file;
     return nullptr;
 }
 

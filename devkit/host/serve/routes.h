@@ -6,7 +6,7 @@
 
 #include "console_files.h"
 
-enum class Target { Request, Batch, Peer, Catalogue, Status, Live, Ready, Metrics, OpenApi };
+enum class Target { Request, Batch, Peer, Status, Live, Ready, Metrics, Document };
 
 struct Route {
     const char* path;     // one that ends in "/" takes a name behind it
@@ -19,6 +19,9 @@ struct Route {
 // is none.
 const Route* findRoute(const std::string& path);
 const ConsoleFile* findFile(const std::string& path);
+
+// What a route answers always with the same bytes, made once; null for the others.
+const ConsoleFile* findDocument(const Route& route);
 
 // What a path has behind its route's.
 std::string nameBehind(const Route& route, const std::string& path);

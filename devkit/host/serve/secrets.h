@@ -10,12 +10,15 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "catalogue.h"
 
-// The text is empty afterwards, and gone from memory.
+// The text is empty afterwards, and gone from memory, with what a longer one or one that has
+// moved away left in its room.
 inline void wipe(std::string& text)
 {
+    text.resize(text.capacity());
     explicit_bzero(text.data(), text.size());
     text.clear();
 }
@@ -39,6 +42,25 @@ inline void wipe(Pairs& pairs)
         wipe(pair.second);
     pairs.clear();
 }
+
+// A text or parameters that are wiped wherever they end or move away from.
+template <class Value>
+class Wiped : public Value {
+public:
+    using Value::Value;
+    Wiped() = default;
+    Wiped(Value value) noexcept : Value(std::move(value)) { wipe(value); }
+    Wiped(const Wiped&) = default;
+    Wiped(Wiped&& other) noexcept : Value(std::move(other)) { wipe(other); }
+    Wiped& operator=(Wiped other) noexcept
+    {
+        Value::swap(other);
+        return *this;
+    }
+    ~Wiped() { wipe(*this); }
+};
+using SecretText = Wiped<std::string>;
+using SecretPairs = Wiped<Pairs>;
 
 // While it exists, the process leaves no core dump and cannot be read by others of its
 // user. A leak checker can look at the process afterwards.

@@ -8,12 +8,16 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
+#include <exception>
 #include <filesystem>
+#include <new>
 #include <optional>
 
 #include "access.h"
 #include "access_log.h"
-#include "exchange.h"
+#include "failure.h"
+#include "line_sink.h"
 #include "metrics.h"
 #include "secrets.h"
 #include "server.h"
@@ -30,7 +34,7 @@ constexpr Seconds workersGrace{2};
 constexpr size_t otherDescriptors = 128;
 
 // Each connection takes a descriptor: as many as the system allows.
-size_t possibleConnections(size_t wanted)
+size_t possibleConnections(size_t wanted, AccessLog& log)
 {
     rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
@@ -40,7 +44,7 @@ size_t possibleConnections(size_t wanted)
     const size_t possible =
         std::max<size_t>(limit.rlim_max, 2 * otherDescriptors) - otherDescriptors;
     if (possible < wanted)
-        tell("there are descriptors for " + std::to_string(possible) + " connections only");
+        log.tell("there are descriptors for " + std::to_string(possible) + " connections only");
     return std::min(possible, wanted);
 }
 
@@ -67,14 +71,45 @@ std::string peerProgram()
     return "";
 }
 
-// A new token is shown, and one that a person looks at. Service logs are kept.
-std::string greeting(const BearerToken* token, const std::string& url, bool isShown)
+// For a shell.
+std::string quoted(const std::string& text)
+{
+    std::string out = "'";
+    for (const char c : text)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+// The token is shown to a person alone: what a service prints is kept in journals.
+std::string greeting(const BearerToken* token, const std::string& url, bool isTerminal)
 {
     const std::string listening = "corvane-host: listening on " + url + "\n";
     if (token == nullptr)
         return listening + "corvane-host: no token is asked for; console: " + url + "/\n";
-    return listening + "corvane-host: token in " + token->file() + "; console: " + url + "/" +
-           (isShown ? "#token=" + token->text() : "") + "\n";
+    if (isTerminal)
+        return listening + "corvane-host: token in " + token->file() + "; console: " + url +
+               "/#token=" + token->text() + "\n";
+    return listening + "corvane-host: to see the token: cat " + quoted(token->file()) +
+           "; console: " + url + "/\n";
+}
+
+// Whether memory has ended in this round of the loop.
+bool hadNoMemory = false;
+
+void noteNoMemory()
+{
+    hadNoMemory = true;
+    throw std::bad_alloc();
+}
+
+// For where memory ends and nothing can be thrown, as in destructors of libraries: a sentence
+// and an exit code in place of a signal. The workers end with the front.
+[[noreturn]] void endWithoutMemory()
+{
+    if (!hadNoMemory)
+        abort();
+    tellFailure("the host ends", std::bad_alloc());
+    _exit(EXIT_FAILURE);
 }
 
 }  // namespace
@@ -82,14 +117,18 @@ std::string greeting(const BearerToken* token, const std::string& url, bool isSh
 void serve(ServeOptions options, std::vector<std::string> worker, const Output& output)
 {
     const Undumpable undumpable;
+    std::set_new_handler(noteNoMemory);
+    std::set_terminate(endWithoutMemory);
+    openStandardStreams();
     checkOptions(options);
-    options.connections = possibleConnections(options.connections);
     const Descriptor signals = takeSignals();
 
     std::optional<BearerToken> token;
     if (!options.noAuth)
         token.emplace(options.tokenFile.empty() ? BearerToken::defaultFile() : options.tokenFile);
+    unblockStandardError();
     AccessLog log(options.accessLog);
+    options.connections = possibleConnections(options.connections, log);
     Metrics metrics;
     EventLoop loop;
 
@@ -107,11 +146,13 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     if (!peer.empty())
         service.offerPeer(
             {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds)});
-    Server server(loop, options, service, metrics, log, token ? &*token : nullptr);
-    output.write(greeting(token ? &*token : nullptr, server.url(),
-                          token && (token->isNew() || output.isTerminal())));
+    const BearerToken* shown = token ? &*token : nullptr;
+    Server server(loop, options, service, metrics, log, shown);
+    if (!LineSink(output.descriptor()).write(greeting(shown, server.url(), output.isTerminal())))
+        log.tell("standard output takes nothing; listening on " + server.url());
 
     bool isDraining = false;
+    Alarm end(loop, [&loop] { loop.stop(); });
     loop.watch(signals.get(), EPOLLIN, [&](uint32_t) {
         signalfd_siginfo info = {};
         while (read(signals.get(), &info, sizeof info) == sizeof info) {
@@ -123,12 +164,13 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
                 loop.stop();  // asked twice
             } else {
                 sd_notify(0, "STOPPING=1");
+                end.set(after(Seconds(options.drainSeconds)));
                 server.drain();
-                loop.at(after(Seconds(options.drainSeconds)), [&loop] { loop.stop(); });
             }
         }
     });
     loop.run([&] {
+        hadNoMemory = false;
         const int timeout = server.run();
         if (isDraining && !server.isBusy())
             loop.stop();
@@ -137,6 +179,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
 
     // What is still under way is told that it was not served, and the answers go out.
     service.stop(server.isBusy() ? Seconds(0) : workersGrace);
+    server.endWaiting();
     const auto deadline = after(Seconds(1));
     while (server.isBusy() && Clock::now() < deadline) {
         server.run();

@@ -114,6 +114,7 @@ Service::Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool,
       metrics_(metrics),
       sessions_(pool.workers, options.sessions),
       files_(options.caFolder),
+      idleSessions_(loop, [this] { endIdleSessions(); }),
       pool_(loop, std::move(pool), std::move(onReady),
             [this](WorkerLife life) { sessions_.endAllOf(life, "its worker process ended"); })
 {
@@ -170,12 +171,10 @@ Service::Part Service::check(const std::string& name, Fields& fields,
         part.wire.session = *token;
     }
     checkFiles(part, prepared.upload, where.empty() ? "" : where + ".parameters.");
-    if (prepared.upload)
-        wipe(*prepared.upload);
     return part;
 }
 
-void Service::checkFiles(Part& part, const std::optional<std::string>& upload,
+void Service::checkFiles(Part& part, const std::optional<SecretText>& upload,
                          const std::string& where) const
 {
     for (const char* name : {rootFileParameter, rootFolderParameter}) {
@@ -193,10 +192,10 @@ void Service::checkFiles(Part& part, const std::optional<std::string>& upload,
     }
 }
 
-void Service::checkRoom(size_t parts) const
+void Service::checkRoom(const WorkerPool& pool, size_t parts) const
 {
-    const size_t free = pool_.ready() - pool_.busy();
-    if (pool_.queued() + parts > options_.queue + free)
+    const size_t free = pool.ready() - pool.busy();
+    if (pool.queued() + parts > options_.queue + free)
         throw Refusal("busy", "", "too many requests wait for a worker");
 }
 
@@ -213,7 +212,7 @@ void Service::request(const std::string& name, const std::string& contentType,
     try {
         Fields fields = readBody(contentType, body, limits_);
         Part part = check(name, fields, "");
-        checkRoom(1);
+        checkRoom(pool_, 1);
         send(std::move(part),
              [done = std::move(done)](const Json& json, unsigned status, const std::string& code) {
                  Answer answer = answerOf(json);
@@ -233,7 +232,7 @@ void Service::batch(const std::string& contentType, std::string_view body, Done 
     std::vector<Part> parts;
     for (BatchPart& part : readBatch(contentType, body, limits_))
         parts.push_back(check(part.name, part.fields, part.where));
-    checkRoom(parts.size());
+    checkRoom(pool_, parts.size());
 
     const auto gathering = std::make_shared<Gathering>();
     gathering->answers.resize(parts.size());
@@ -258,18 +257,20 @@ void Service::peer(const std::string& step, const std::string& contentType, std:
     Task task;
     task.request.name = known->name;
     for (Field& field : readBody(contentType, body, limits_)) {
-        if (field.isBytes)
+        if (field.given != Given::Plain)
             throw Refusal("wrong_type", field.where, "the peer takes texts of Base64");
         task.request.parameters.emplace_back(std::move(field.name), std::move(field.value));
     }
     for (const char* member : known->members)
         if (findValue(task.request.parameters, member) == nullptr)
             throw Refusal("malformed", member, std::string(member) + " is missing");
+    checkRoom(*peer_, 1);
 
     task.done = [this, done = std::move(done)](Ending ending, WireReply& reply, WorkerLife) {
         if (ending != Ending::Answered || reply.kind != WireReply::Answer)
             return done(answerOf(refusalOf(ending, reply)));
         Json json = answerTo(reply, Json::array());
+        json.erase("microseconds");  // the plug-in's alone
         if (!reply.ok)
             json["error"]["source"] = "peer";
         done(answerOf(json));
@@ -304,9 +305,9 @@ void Service::send(Part part, const PartDone& done)
                       });
 
     // An earlier part of the same batch may have ended it.
-    const WorkerLife* life = sessions_.enter(token);
-    const auto told = [=, &info](Ending ending, WireReply& reply, WorkerLife /*life*/) {
-        sessions_.leave(token);
+    const std::shared_ptr<Sessions::Use> use = sessions_.enter(token);
+    // It is in use until the answer: the capture keeps `use`.
+    const auto told = [=, &info, use = use](Ending ending, WireReply& reply, WorkerLife /*life*/) {
         const bool isGone = ending == Ending::Answered && reply.kind == WireReply::SessionGone;
         if (isGone || (ending == Ending::Answered && info.name == std::string(freeSessionRequest)))
             sessions_.end(token, isGone ? "its worker does not know it" : "it was freed");
@@ -320,12 +321,12 @@ void Service::send(Part part, const PartDone& done)
         }
         finish(info, ending, reply, warnings, start, done);
     };
-    if (life == nullptr) {
+    if (use == nullptr) {
         WireReply gone;
         gone.kind = WireReply::SessionGone;
         return told(Ending::Answered, gone, {});
     }
-    submit(std::move(part), *life, told);
+    submit(std::move(part), use->life(), told);
 }
 
 // To the worker with the fewest sessions. One that ends before it began does not count.
@@ -337,7 +338,8 @@ void Service::sendNewSession(Part part, const PartDone& done)
             (!chosen || sessions_.countOf(slot) < sessions_.countOf(chosen->slot)))
             chosen = WorkerLife{slot, pool_.info(slot).generation};
     const RequestInfo& info = *part.info;
-    if (!chosen || !sessions_.reserve(*chosen)) {
+    const auto reservation = chosen ? sessions_.reserve(*chosen) : nullptr;
+    if (reservation == nullptr) {
         const Refusal refusal("busy", "", "there are as many sessions as the host takes");
         metrics_.countRequest(info.name, refusal.code().name, 0);
         return done(refusal.json(), refusal.code().status, refusal.code().name);
@@ -348,22 +350,22 @@ void Service::sendNewSession(Part part, const PartDone& done)
     const std::string token = part.wire.session;
     const unsigned attempts = part.attempts + 1;
     Json warnings = part.warnings;
-    const WorkerLife life = *chosen;
-    submit(std::move(part), life, [=, &info](Ending ending, WireReply& reply, WorkerLife /*life*/) {
-        if (ending == Ending::Answered && reply.kind == WireReply::Answer && reply.ok)
-            sessions_.add(token, life);
-        else
-            sessions_.cancelReservation(life);
-        if (ending == Ending::LifeIsOver && attempts < mostAttempts) {
-            Part again;
-            again.info = &info;
-            again.wire.name = info.name;
-            again.warnings = warnings;
-            again.attempts = attempts;
-            return sendNewSession(std::move(again), done);
-        }
-        finish(info, ending, reply, warnings, start, done);
-    });
+    submit(std::move(part), *chosen,
+           [=, &info](Ending ending, WireReply& reply, WorkerLife /*life*/) {
+               if (ending == Ending::Answered && reply.kind == WireReply::Answer && reply.ok)
+                   reservation->add(token);
+               else
+                   reservation->cancel();
+               if (ending == Ending::LifeIsOver && attempts < mostAttempts) {
+                   Part again;
+                   again.info = &info;
+                   again.wire.name = info.name;
+                   again.warnings = warnings;
+                   again.attempts = attempts;
+                   return sendNewSession(std::move(again), done);
+               }
+               finish(info, ending, reply, warnings, start, done);
+           });
 }
 
 Json Service::answerTo(const WireReply& reply, Json warnings) const
@@ -391,6 +393,7 @@ void Service::finish(const RequestInfo& info, Ending ending, const WireReply& re
 void Service::endIdleSessions()
 {
     const Seconds idle(options_.sessionSeconds);
+    idleSessions_.set(after(std::clamp(idle / 4, Seconds(0.05), Seconds(5))));
     for (const std::string& token :
          sessions_.idleSince(Clock::now() - std::chrono::duration_cast<Clock::duration>(idle))) {
         Part part;
@@ -400,7 +403,6 @@ void Service::endIdleSessions()
         sessions_.end(token, "it was idle for too long");
         submit(std::move(part), life, [](Ending, WireReply&, WorkerLife) {});
     }
-    loop_.at(after(std::clamp(idle / 4, Seconds(0.05), Seconds(5))), [this] { endIdleSessions(); });
 }
 
 // ---- What operators ask.
@@ -409,14 +411,15 @@ void Service::probe(Done done)
 {
     if (probed_ != Clock::time_point() && Clock::now() - probed_ < std::chrono::seconds(1))
         return done(lastProbe_);
-    waitingForProbe_.push_back(std::move(done));
-    if (isProbing_)
-        return;
-    isProbing_ = true;
+    if (!waitingForProbe_.empty())
+        return waitingForProbe_.push_back(std::move(done));
     Part part;
     part.wire.name = probeName;
     part.wire.parameters = probeParameters;
-    submit(std::move(part), std::nullopt, [this](Ending ending, WireReply& reply, WorkerLife) {
+    // Where nothing comes of it, nobody waits for it any longer.
+    const std::shared_ptr<void> end(this, [this](void*) { waitingForProbe_.clear(); });
+    waitingForProbe_.push_back(std::move(done));
+    submit(std::move(part), std::nullopt, [this, end](Ending ending, WireReply& reply, WorkerLife) {
         const std::string* data = findValue(reply.results, "Data");
         const bool isRight = data != nullptr && *data == probeAnswer;
         const char* status = "no worker answers";
@@ -425,9 +428,8 @@ void Service::probe(Done done)
         lastProbe_ = answerOf(Json{{"status", status}});
         lastProbe_.status = isRight ? 200 : 503;
         probed_ = Clock::now();
-        isProbing_ = false;
-        for (const Done& waiting : std::exchange(waitingForProbe_, {}))
-            waiting(lastProbe_);
+        for (const Done& one : std::exchange(waitingForProbe_, {}))
+            one(lastProbe_);
     });
 }
 

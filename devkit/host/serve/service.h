@@ -37,7 +37,8 @@ public:
     void offerPeer(PoolOptions pool);
 
     // Everything is checked before anything is sent; throws a Refusal then. Otherwise
-    // `done` is called once, perhaps from within the call.
+    // `done` is called once, perhaps from within the call; or it goes without a call, where
+    // there was no memory for an answer.
     void request(const std::string& name, const std::string& contentType, std::string_view body,
                  Done done);
     void batch(const std::string& contentType, std::string_view body, Done done);
@@ -69,9 +70,9 @@ private:
     };
 
     Part check(const std::string& name, Fields& fields, const std::string& where) const;
-    void checkFiles(Part& part, const std::optional<std::string>& upload,
+    void checkFiles(Part& part, const std::optional<SecretText>& upload,
                     const std::string& where) const;
-    void checkRoom(size_t parts) const;
+    void checkRoom(const WorkerPool& pool, size_t parts) const;
     void send(Part part, const PartDone& done);
     void sendNewSession(Part part, const PartDone& done);
     void submit(Part part, std::optional<WorkerLife> bound,
@@ -90,9 +91,9 @@ private:
     Sessions sessions_;
     ConfinedFiles files_;
     std::vector<Done> waitingForProbe_;
-    bool isProbing_ = false;
     Clock::time_point probed_;
     Answer lastProbe_;
+    Alarm idleSessions_;
     std::optional<WorkerPool> peer_;
     WorkerPool pool_;  // the last: its end tells all tasks
 };

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 #include "codec.h"
 
@@ -28,22 +29,25 @@ std::string Sessions::makeToken()
     return "ke_" + toUrlBase64({random.data(), random.size()});
 }
 
-bool Sessions::reserve(WorkerLife life)
+std::shared_ptr<Sessions::Reservation> Sessions::reserve(WorkerLife life)
 {
     if (perWorker_[life.slot] >= mostPerWorker_)
-        return false;
+        return nullptr;
+    auto reservation = std::make_shared<Reservation>(*this, life);
     ++perWorker_[life.slot];
-    return true;
+    return reservation;
 }
 
-void Sessions::cancelReservation(WorkerLife life)
+void Sessions::Reservation::cancel()
 {
-    --perWorker_[life.slot];
+    if (!std::exchange(isOver_, true))
+        --sessions_.perWorker_[life_.slot];
 }
 
-void Sessions::add(const std::string& token, WorkerLife life)
+void Sessions::Reservation::add(const std::string& token)
 {
-    live_[token] = {life, Clock::now(), 0};
+    sessions_.live_[token] = {life_, Clock::now(), 0};
+    isOver_ = true;
 }
 
 const WorkerLife* Sessions::find(const std::string& token) const
@@ -52,19 +56,20 @@ const WorkerLife* Sessions::find(const std::string& token) const
     return found == live_.end() ? nullptr : &found->second.life;
 }
 
-const WorkerLife* Sessions::enter(const std::string& token)
+std::shared_ptr<Sessions::Use> Sessions::enter(const std::string& token)
 {
     const auto found = live_.find(token);
     if (found == live_.end())
         return nullptr;
+    auto use = std::make_shared<Use>(*this, token, found->second.life);
     ++found->second.users;
-    return &found->second.life;
+    return use;
 }
 
-void Sessions::leave(const std::string& token)
+Sessions::Use::~Use()
 {
-    const auto found = live_.find(token);
-    if (found == live_.end())
+    const auto found = sessions_.live_.find(token_);
+    if (found == sessions_.live_.end())
         return;
     --found->second.users;
     found->second.lastUse = Clock::now();

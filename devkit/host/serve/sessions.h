@@ -3,6 +3,7 @@
 #define CORVANE_HOST_SERVE_SESSIONS_H
 
 #include <deque>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -17,16 +18,18 @@ public:
     // A new token, of 192 random bits.
     static std::string makeToken();
 
-    // Counts a session that is being made; false if the worker has no room.
-    bool reserve(WorkerLife life);
-    void cancelReservation(WorkerLife life);
-    // The reserved one exists now.
-    void add(const std::string& token, WorkerLife life);
+    // Room for a session that is being made, given back at its end unless the session was
+    // added.
+    class Reservation;
+    // Null if the worker has no room.
+    std::shared_ptr<Reservation> reserve(WorkerLife life);
 
-    // Where it lives, or null. It is in use, and does not expire, until `leave`.
-    const WorkerLife* enter(const std::string& token);
+    // A session in use, which does not expire until the end of this.
+    class Use;
+    // Null if there is none.
+    std::shared_ptr<Use> enter(const std::string& token);
+    // Where it lives, or null.
     const WorkerLife* find(const std::string& token) const;
-    void leave(const std::string& token);
 
     void end(const std::string& token, const char* reason);
     void endAllOf(WorkerLife life, const char* reason);
@@ -52,6 +55,42 @@ private:
     // The last ones that ended, with the reason.
     std::unordered_map<std::string, const char*> ended_;
     std::deque<std::string> endedInOrder_;
+};
+
+class Sessions::Reservation {
+public:
+    Reservation(Sessions& sessions, WorkerLife life) : sessions_(sessions), life_(life) {}
+    ~Reservation() { cancel(); }
+    Reservation(const Reservation&) = delete;
+    Reservation& operator=(const Reservation&) = delete;
+
+    WorkerLife life() const { return life_; }
+    // The reserved one exists now.
+    void add(const std::string& token);
+    void cancel();
+
+private:
+    Sessions& sessions_;
+    const WorkerLife life_;
+    bool isOver_ = false;
+};
+
+class Sessions::Use {
+public:
+    Use(Sessions& sessions, std::string token, WorkerLife life)
+        : sessions_(sessions), token_(std::move(token)), life_(life)
+    {
+    }
+    ~Use();
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+
+    WorkerLife life() const { return life_; }
+
+private:
+    Sessions& sessions_;
+    const std::string token_;
+    const WorkerLife life_;
 };
 
 #endif

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -71,10 +72,13 @@ public:
         return bytes.size() == lengthSize ? numberAt(bytes) : 0;
     }
     std::string text() { return std::string(take(number())); }
-    Pairs pairs()
+    SecretPairs pairs()
     {
-        Pairs values;
-        for (size_t count = number(); count > 0 && good_; --count) {
+        SecretPairs values;
+        size_t count = number();
+        // Growing would leave copies behind. A pair has two lengths at least.
+        values.reserve(std::min(count, rest_.size() / (2 * lengthSize)));
+        for (; count > 0 && good_; --count) {
             std::string name = text();
             values.emplace_back(std::move(name), text());
         }

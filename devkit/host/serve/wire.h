@@ -13,6 +13,7 @@
 
 #include "catalogue.h"
 #include "descriptor.h"
+#include "secrets.h"
 
 // A longer frame is a fault of the other side.
 constexpr size_t longestFrame = size_t{512} << 20;
@@ -23,7 +24,7 @@ constexpr size_t mostFiles = 4;
 struct WireRequest {
     std::string name;
     std::string session;  // token of the session that the request makes or uses, or ""
-    Pairs parameters;
+    SecretPairs parameters;
     // Parameters whose value is a path to the descriptor of the same place.
     std::vector<std::string> files;
 };
@@ -40,7 +41,7 @@ struct WireReply {
     double microseconds = 0;
     std::string code;  // of a refusal, and its text
     std::string text;
-    Pairs results;
+    SecretPairs results;
 };
 
 // The whole frame, with its length.

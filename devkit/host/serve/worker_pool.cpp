@@ -5,9 +5,8 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <system_error>
 
+#include "failure.h"
 #include "secrets.h"
 
 namespace {
@@ -21,6 +20,14 @@ constexpr unsigned mostIdleLives = 5;
 
 }  // namespace
 
+WorkerPool::Waiting::Waiting(WorkerPool& pool, Task itsTask, uint64_t itsSerial)
+    : task(std::move(itsTask)),
+      serial(itsSerial),
+      alarm(pool.loop_, [&pool, itsSerial] { pool.giveUp(itsSerial); })
+{
+    alarm.set(after(pool.options_.taskTime));
+}
+
 WorkerPool::WorkerPool(EventLoop& loop, PoolOptions options, std::function<void()> onReady,
                        std::function<void(WorkerLife)> onEnd)
     : loop_(loop),
@@ -29,6 +36,8 @@ WorkerPool::WorkerPool(EventLoop& loop, PoolOptions options, std::function<void(
       onEnd_(std::move(onEnd)),
       slots_(options_.workers)
 {
+    for (size_t slot = 0; slot < slots_.size(); ++slot)
+        slots_[slot].alarm = std::make_unique<Alarm>(loop_, [this, slot] { onAlarm(slot); });
     for (size_t slot = 0; slot < slots_.size(); ++slot)
         start(slot);
 }
@@ -46,13 +55,14 @@ void WorkerPool::start(size_t slot)
     place.info.everReady = false;
     try {
         place.process = std::make_unique<WorkerProcess>(options_.program, options_.command);
-    } catch (const std::system_error& e) {
-        fprintf(stderr, "corvane-host: %s\n", e.what());
+        place.watch = loop_.watch(place.process->socket(), EPOLLIN,
+                                  [this, slot](uint32_t events) { onEvents(slot, events); });
+    } catch (const std::exception& e) {
+        tellFailure("a worker does not start", e);
+        place.process.reset();
         return startLater(slot);
     }
     place.info.pid = place.process->pid();
-    place.watch = loop_.watch(place.process->socket(), EPOLLIN,
-                              [this, slot](uint32_t events) { onEvents(slot, events); });
     place.servedBefore = place.info.served;
     limitTime(slot);
 }
@@ -62,10 +72,15 @@ void WorkerPool::startLater(size_t slot)
     Slot& place = slots_[slot];
     const double delay = std::min(0.1 * (1U << std::min(place.failedStarts, 10U)), longestDelay);
     ++place.failedStarts;
-    loop_.at(after(Seconds(delay)), [this, slot] {
-        if (!stopping_)
-            start(slot);
-    });
+    place.alarm->set(after(Seconds(delay)));
+}
+
+void WorkerPool::onAlarm(size_t slot)
+{
+    if (slots_[slot].process)
+        end(slot, Ending::TimedOut);
+    else if (!stopping_)
+        start(slot);
 }
 
 void WorkerPool::onEvents(size_t slot, uint32_t events)
@@ -78,13 +93,18 @@ void WorkerPool::onEvents(size_t slot, uint32_t events)
     if (process.isSending() && !process.send())
         return end(slot, Ending::Died);
     if ((events & ~static_cast<uint32_t>(EPOLLOUT)) != 0) {
-        // What came before its end counts.
-        const bool alive = process.receive();
-        WireReply reply;
+        bool alive = false;
         bool good = true;
-        if (process.take(reply, good))
-            onReply(slot, reply);
-        if (life == lifeOf(slot) && (!alive || !good))
+        // One whose reply there is no room for is as good as one that has died.
+        withoutFailure("the reply of a worker", [&] {
+            // What came before its end counts.
+            const bool isThere = process.receive();
+            WireReply reply;
+            if (process.take(reply, good))
+                onReply(slot, reply);
+            alive = isThere;
+        });
+        if (life == lifeOf(slot) && place.process && (!alive || !good))
             return end(slot, Ending::Died);
     }
     if (life == lifeOf(slot) && place.process)
@@ -96,11 +116,11 @@ void WorkerPool::onReply(size_t slot, WireReply& reply)
 {
     Slot& place = slots_[slot];
     if (reply.kind == WireReply::Ready && !place.info.everReady) {
-        unlimitTime(place);
+        version_ = std::move(reply.text);
+        place.alarm->clear();
         place.info.everReady = true;
         place.info.state = State::Idle;
         place.failedStarts = 0;
-        version_ = reply.text;
         return onReady_();
     }
     if (!place.current || reply.kind == WireReply::Ready)
@@ -108,26 +128,16 @@ void WorkerPool::onReply(size_t slot, WireReply& reply)
 
     Task task = std::move(*place.current);
     place.current.reset();
-    unlimitTime(place);
+    place.alarm->clear();
     place.info.state = State::Idle;
     ++place.info.served;
-    task.done(Ending::Answered, reply, lifeOf(slot));
+    tell(task, Ending::Answered, reply, lifeOf(slot));
     wipe(reply.results);
 }
 
 void WorkerPool::limitTime(size_t slot)
 {
-    slots_[slot].timer = loop_.at(after(options_.taskTime), [this, slot] {
-        slots_[slot].timer.reset();
-        end(slot, Ending::TimedOut);
-    });
-}
-
-void WorkerPool::unlimitTime(Slot& place)
-{
-    if (place.timer)
-        loop_.cancel(*place.timer);
-    place.timer.reset();
+    slots_[slot].alarm->set(after(options_.taskTime));
 }
 
 void WorkerPool::end(size_t slot, Ending ending)
@@ -137,7 +147,7 @@ void WorkerPool::end(size_t slot, Ending ending)
     const bool wasReady = place.info.everReady;
     const bool wasIdle = place.info.served == place.servedBefore && !place.current;
     place.idleLives = wasReady && wasIdle ? place.idleLives + 1 : 0;
-    unlimitTime(place);
+    place.alarm->clear();
     loop_.unwatch(place.watch);
     place.process.reset();
     place.info.pid = -1;
@@ -158,22 +168,30 @@ void WorkerPool::end(size_t slot, Ending ending)
         place.current.reset();
         tell(task, ending, life);
     }
-    std::deque<Waiting> bound = std::move(place.bound);
-    place.bound.clear();
-    for (Waiting& waiting : bound) {
-        loop_.cancel(waiting.timer);
-        --queued_;
-        tell(waiting.task, Ending::LifeIsOver, life);
-    }
-    onEnd_(life);
+    tellAll(std::move(place.bound), Ending::LifeIsOver, life);
+    withoutFailure("the end of a worker", [&] { onEnd_(life); });
     pump();
+}
+
+void WorkerPool::tell(Task& task, Ending ending, WireReply& reply, WorkerLife life)
+{
+    withoutFailure("an answer is lost", [&] { task.done(ending, reply, life); });
 }
 
 void WorkerPool::tell(Task& task, Ending ending, WorkerLife life)
 {
     WireReply none;
     wipe(task.request.parameters);
-    task.done(ending, none, life);
+    tell(task, ending, none, life);
+}
+
+void WorkerPool::tellAll(Queue queue, Ending ending, WorkerLife life)
+{
+    queued_ -= queue.size();
+    for (Waiting& waiting : queue) {
+        waiting.alarm.clear();
+        tell(waiting.task, ending, life);
+    }
 }
 
 void WorkerPool::submit(Task task)
@@ -184,9 +202,7 @@ void WorkerPool::submit(Task task)
         return tell(task, Ending::LifeIsOver, *task.bound);
 
     auto& queue = task.bound ? slots_[task.bound->slot].bound : shared_;
-    const uint64_t serial = ++lastSerial_;
-    const auto timer = loop_.at(after(options_.taskTime), [this, serial] { giveUp(serial); });
-    queue.push_back({std::move(task), timer, serial});
+    queue.emplace_back(*this, std::move(task), ++lastSerial_);
     ++queued_;
     pump();
 }
@@ -206,18 +222,24 @@ void WorkerPool::pump()
     }
 }
 
-void WorkerPool::begin(size_t slot, std::deque<Waiting>& queue)
+void WorkerPool::begin(size_t slot, Queue& queue)
 {
     Slot& place = slots_[slot];
-    loop_.cancel(queue.front().timer);
     place.current = std::move(queue.front().task);
     queue.pop_front();
     --queued_;
 
+    Task& task = *place.current;
+    try {
+        place.process->post(encode(task.request), std::move(task.files));
+    } catch (const std::exception& e) {
+        tellFailure("a request cannot be sent", e);
+        Task lost = std::move(*place.current);
+        place.current.reset();
+        return tell(lost, Ending::NotServed, {});
+    }
     place.info.state = State::Busy;
     limitTime(slot);
-    Task& task = *place.current;
-    place.process->post(encode(task.request), std::move(task.files));
     task.files.clear();
     wipe(task.request.parameters);
     // A process that is gone is found out by its event.
@@ -228,16 +250,15 @@ void WorkerPool::begin(size_t slot, std::deque<Waiting>& queue)
 
 void WorkerPool::giveUp(uint64_t serial)
 {
-    const auto removeFrom = [&](std::deque<Waiting>& queue) {
+    const auto removeFrom = [&](Queue& queue) {
         const auto found = std::find_if(queue.begin(), queue.end(), [&](const Waiting& waiting) {
             return waiting.serial == serial;
         });
         if (found == queue.end())
             return;
-        Task task = std::move(found->task);
-        queue.erase(found);
-        --queued_;
-        tell(task, Ending::NotServed, {});
+        Queue lost;
+        lost.splice(lost.begin(), queue, found);
+        tellAll(std::move(lost), Ending::NotServed, {});
     };
     removeFrom(shared_);
     for (Slot& place : slots_)
@@ -297,11 +318,5 @@ void WorkerPool::stop(Seconds grace)
         if (!isCollected)
             waitpid(pid, nullptr, 0);
     }
-    std::deque<Waiting> shared = std::move(shared_);
-    shared_.clear();
-    for (Waiting& waiting : shared) {
-        loop_.cancel(waiting.timer);
-        --queued_;
-        tell(waiting.task, Ending::NotServed, {});
-    }
+    tellAll(std::move(shared_), Ending::NotServed, {});
 }

@@ -3,7 +3,7 @@
 #ifndef CORVANE_HOST_SERVE_WORKER_POOL_H
 #define CORVANE_HOST_SERVE_WORKER_POOL_H
 
-#include <deque>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,7 +37,8 @@ struct Task {
     WireRequest request;
     std::vector<Descriptor> files;
     std::optional<WorkerLife> bound;
-    // Told once, with the life that served it. Does not throw.
+    // Told once, with the life that served it; or it goes without a word, where there was no
+    // memory for one.
     std::function<void(Ending, WireReply&, WorkerLife)> done;
 };
 
@@ -83,19 +84,24 @@ public:
     void stop(Seconds grace);
 
 private:
+    // None of what keeps the pool going takes memory: lists, which move without, and alarms.
     struct Waiting {
+        Waiting(WorkerPool& pool, Task itsTask, uint64_t itsSerial);
+
         Task task;
-        EventLoop::Timer timer;
-        uint64_t serial = 0;
+        uint64_t serial;
+        Alarm alarm;
     };
+    using Queue = std::list<Waiting>;
 
     struct Slot {
         WorkerInfo info;
         std::unique_ptr<WorkerProcess> process;
         EventLoop::WatchId watch = 0;
-        std::deque<Waiting> bound;
+        Queue bound;
         std::optional<Task> current;
-        std::optional<EventLoop::Timer> timer;  // of the start or the current task
+        // Without a process, of the next start; else of this one or the current task.
+        std::unique_ptr<Alarm> alarm;
         unsigned failedStarts = 0;
         // Lives one after the other that were ready and ended before they served anything.
         unsigned idleLives = 0;
@@ -108,11 +114,13 @@ private:
     void onReply(size_t slot, WireReply& reply);
     void end(size_t slot, Ending ending);
     void pump();
-    void begin(size_t slot, std::deque<Waiting>& queue);
+    void onAlarm(size_t slot);
+    void begin(size_t slot, Queue& queue);
     void giveUp(uint64_t serial);
     void limitTime(size_t slot);
-    void unlimitTime(Slot& place);
-    void tell(Task& task, Ending ending, WorkerLife life);
+    static void tell(Task& task, Ending ending, WireReply& reply, WorkerLife life);
+    static void tell(Task& task, Ending ending, WorkerLife life);
+    void tellAll(Queue queue, Ending ending, WorkerLife life);
     WorkerLife lifeOf(size_t slot) const { return {slot, slots_[slot].info.generation}; }
 
     EventLoop& loop_;
@@ -120,7 +128,7 @@ private:
     const std::function<void()> onReady_;
     const std::function<void(WorkerLife)> onEnd_;
     std::vector<Slot> slots_;
-    std::deque<Waiting> shared_;
+    Queue shared_;
     size_t queued_ = 0;
     uint64_t lastSerial_ = 0;
     std::string version_;

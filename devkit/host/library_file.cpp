@@ -1,4 +1,4 @@
-#include "doctor/library_file.h"
+#include "library_file.h"
 
 #include <elf.h>
 #include <fcntl.h>
@@ -39,6 +39,7 @@ std::string machineName(unsigned machine)
     }
 }
 
+// What follows the file's path in a sentence, and what to do about it.
 struct Fault {
     std::string what;
     std::string remedy;
@@ -54,12 +55,12 @@ public:
         : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
     {
         if (file_ < 0)
-            throw Fault{path + ": " + std::generic_category().message(errno),
+            throw Fault{": " + std::generic_category().message(errno),
                         "check the path and the permissions of file and folders"};
         struct stat status;
         if (fstat(file_, &status) != 0 || !S_ISREG(status.st_mode)) {
             close(file_);
-            throw Fault{path + " is a folder or device, not a file", "give the library's file"};
+            throw Fault{" is a folder or device, not a file", "give the library's file"};
         }
         size_ = static_cast<uint64_t>(status.st_size);
     }
@@ -83,23 +84,23 @@ private:
 Elf64_Ehdr readHeader(const Reader& file)
 {
     if (file.size() == 0)
-        throw Fault{"is empty", copyAgain};
+        throw Fault{" is empty", copyAgain};
     Elf64_Ehdr header;
     if (!file.reads(header.e_ident, EI_NIDENT, 0) || memcmp(header.e_ident, ELFMAG, SELFMAG) != 0)
-        throw Fault{"is no library: it does not begin as an ELF file", copyAgain};
+        throw Fault{" is no library: it does not begin as an ELF file", copyAgain};
 
     const char* buildForThis = "take the library that is built for this machine";
     if (header.e_ident[EI_CLASS] != ELFCLASS64)
-        throw Fault{"is a 32-bit library; this program is for " + machineName(ownMachine),
+        throw Fault{" is a 32-bit library; this program is for " + machineName(ownMachine),
                     buildForThis};
     if (!file.reads(&header, sizeof header, 0))
-        throw Fault{"is cut: not even its header is whole", copyAgain};
+        throw Fault{" is cut: not even its header is whole", copyAgain};
     if (header.e_machine != ownMachine)
-        throw Fault{"is for " + machineName(header.e_machine) + "; this program is for " +
+        throw Fault{" is for " + machineName(header.e_machine) + "; this program is for " +
                         machineName(ownMachine),
                     buildForThis};
     if (header.e_type != ET_DYN)
-        throw Fault{"is an ELF file, but no shared library", "give the library's file"};
+        throw Fault{" is an ELF file, but no shared library", "give the library's file"};
     return header;
 }
 
@@ -108,7 +109,7 @@ std::vector<Elf64_Phdr> readSegments(const Reader& file, const Elf64_Ehdr& heade
 {
     const auto mustReach = [&](uint64_t at, uint64_t count) {
         if (at > file.size() || count > file.size() - at)
-            throw Fault{"is cut: it has " + std::to_string(file.size()) + " bytes and needs " +
+            throw Fault{" is cut: it has " + std::to_string(file.size()) + " bytes and needs " +
                             std::to_string(at + count),
                         copyAgain};
     };
@@ -147,7 +148,7 @@ std::string readSoname(const Reader& file, const std::vector<Elf64_Phdr>& segmen
         std::find_if(segments.begin(), segments.end(),
                      [](const Elf64_Phdr& segment) { return segment.p_type == PT_DYNAMIC; });
     if (dynamic == segments.end())
-        throw Fault{"is an ELF file, but no shared library", "give the library's file"};
+        throw Fault{" is an ELF file, but no shared library", "give the library's file"};
 
     uint64_t strings = 0;
     uint64_t soname = 0;
@@ -175,7 +176,7 @@ LibraryFile inspectLibrary(const std::string& path)
         const Elf64_Ehdr header = readHeader(file);
         library.soname = readSoname(file, readSegments(file, header));
     } catch (const Fault& fault) {
-        library.fault = fault.what;
+        library.fault = path + fault.what;
         library.remedy = fault.remedy;
     }
     return library;

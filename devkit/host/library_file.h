@@ -7,7 +7,7 @@
 #include <string>
 
 struct LibraryFile {
-    std::string fault;    // why it cannot be loaded, in plain words; "" if nothing is seen
+    std::string fault;    // why it cannot be loaded, with its path; "" if nothing is seen
     std::string remedy;   // what to do about it
     std::string machine;  // that it was built for
     std::string soname;   // "" if it has none
