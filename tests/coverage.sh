@@ -9,6 +9,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . packaging/packages.sh
+. cmake/build.sh
 . tests/support/plugin_programs.sh
 packaging/install-packages.sh "${build_packages[@]}" "${test_packages[@]}" \
     clang-14 llvm-14 libclang-rt-14-dev python3
@@ -19,17 +20,11 @@ if [ "$(uname -m)" != x86_64 ]; then
 fi
 
 build=$(realpath -m "${CORVANE_COVERAGE_BUILD-build/coverage}")
-mkdir -p "$build"
-
-# The compiler's output only if it fails.
-if ! { cmake -G Ninja -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug \
+configure "$build" -G Ninja -S . -DCMAKE_BUILD_TYPE=Debug \
     -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
     -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DCORVANE_TESTS=ON \
-    "-DCMAKE_PROJECT_corvane_INCLUDE=$PWD/tests/coverage.cmake" &&
-    cmake --build "$build" -j "$(nproc)" --target "${plugin_programs[@]}"; } >"$build/build.log" 2>&1; then
-    tail -n 60 "$build/build.log"
-    exit 1
-fi
+    "-DCMAKE_PROJECT_corvane_INCLUDE=$PWD/tests/coverage.cmake"
+build_targets "$build" "${plugin_programs[@]}"
 
 # The counters are kept in mapped files (%c), a file for each process, so that those of
 # children that die on purpose count too; what is loaded again goes on counting in the

@@ -51,10 +51,10 @@ TEST_F(HostValues, Base64IsMadeOfTextFileAndInput)
     EXPECT_EQ("Zm9vYmFy", received("b64:foobar"));
 }
 
-TEST_F(HostValues, Base64IsMadeOfHexDigits)
+TEST_F(HostValues, HexDigitsAreTheirBytes)
 {
-    EXPECT_EQ("-_8=", received("hex:fbFF"));
-    EXPECT_EQ("AA==", received("hex:00"));
+    EXPECT_EQ("\xfb\xff", received("hex:fbFF"));
+    EXPECT_EQ("\0"s, received("hex:00"));
 }
 
 TEST_F(HostValues, TextPrefixKeepsWhatFollows)
@@ -185,8 +185,8 @@ TEST_F(HostResults, OutputFileHoldsResults)
 TEST_F(HostResults, RawWritesNothingAfterRefusal)
 {
     const std::string kept = file("kept", "before");
-    const Ended ended =
-        call({"QZaven_crypto_gen_symmkey", "strCipherAlg=9", "--raw", "Data", "-o", kept});
+    const Ended ended = call(
+        {"QZaven_crypto_gen_symmkey", "strCipherAlg=9", "--raw", "Data", "-o", kept, "--force"});
     EXPECT_EQ(REFUSED, ended.code);
     EXPECT_EQ("before", readFile(kept));
     EXPECT_EQ("", ended.out);
@@ -275,7 +275,7 @@ TEST_F(HostUsage, ForceSendsAnUnknownName)
 TEST_F(HostUsage, OddParametersAreWarnedOfAndSent)
 {
     const Ended ended =
-        call({"QZaven_crypto_hmac", "strHashAlg=77", "strKey=5ecret5ecret5", "strKee=5ecret"});
+        call({"QZaven_crypto_hmac", "strHashAlg=77", "strKey=raw:5ecret5ecret5", "strKee=5ecret"});
     EXPECT_EQ(REFUSED, ended.code);
     EXPECT_EQ("-20001", ended.json()["errorCode"]);
     for (const char* warning : {"strHashAlg must be 1 to 6", "strKey is not Base64",
@@ -341,7 +341,7 @@ TEST_F(HostLoading, MissingAndForeignFilesAreRefused)
         for (const std::string& library : {path("absent.so"), text, path("")}) {
             const Ended ended = run({"call", "QZaVen_GetVersion", option, library});
             EXPECT_EQ(LOADING, ended.code) << option << " " << library;
-            EXPECT_TRUE(holds(ended.err, "cannot load " + library)) << ended.err;
+            EXPECT_TRUE(holds(ended.err, "cannot load a library: " + library)) << ended.err;
             EXPECT_EQ("", ended.out);
         }
 }

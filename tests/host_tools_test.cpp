@@ -245,6 +245,9 @@ TEST_F(HostBench, WrongCommandLinesAreRefused)
         {"bench", "QZaVen_GetVersion", "--count", "0"},
         {"bench", "QZaVen_GetVersion", "--count", "x"},
         {"bench", "QZaVen_GetVersion", "--seconds", "0"},
+        {"bench", "QZaVen_GetVersion", "--seconds", "nan"},
+        {"bench", "QZaVen_GetVersion", "--seconds", "inf"},
+        {"doctor", "--seconds", "nan"},
         {"bench", "QZaVen_GetVersion", "--seconds", "1", "--count", "1"},
         {"bench", "QZaVen_GetVersion", "5ecret"},
     };

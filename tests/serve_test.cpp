@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "ke_server.h"
-#include "support/held.h"
+#include "support/base64_text.h"
 #include "support/served_host.h"
 
 namespace fs = std::filesystem;
@@ -17,63 +17,22 @@ namespace fs = std::filesystem;
 namespace {
 
 using support::eventually;
+using support::fromUrlBase64;
 using support::HttpAnswer;
 using support::HttpConnection;
 using support::Json;
 using support::ServedHost;
-
-// The emulator does not start programs that start themselves again, which workers are.
-#define NEEDS_WORKERS()    \
-    if (support::emulated) \
-    GTEST_SKIP() << "worker processes do not start in the emulator"
+using support::toUrlBase64;
 
 const Json hmac = {{"strHashAlg", 4},
-                   {"strKey", {{"text", "SmVmZQ"}}},
+                   {"strKey", {{"text", "Jefe"}}},
                    {"strdata", {{"base64", "d2hhdCBkbyB5YSB3YW50IGZvciBub3RoaW5nPw"}}}};
 // RFC 4231, section 4.3.
 const std::string hmacAnswer = "W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=";
 
-Json base64(const std::string& bytes);
-
-std::string encoded(const std::string& bytes)
-{
-    static const char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-    std::string text;
-    for (size_t i = 0; i < bytes.size(); i += 3) {
-        unsigned group = 0;
-        for (size_t k = 0; k < 3; ++k)
-            group =
-                group << 8 | (i + k < bytes.size() ? static_cast<unsigned char>(bytes[i + k]) : 0);
-        for (size_t k = 0; k < 4; ++k)
-            text += i + k < bytes.size() + 1 ? digits[group >> (18 - 6 * k) & 63] : '=';
-    }
-    return text;
-}
-
-std::string decoded(std::string text)
-{
-    static const std::string digits =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-    std::string bytes;
-    unsigned group = 0;
-    int bits = 0;
-    for (const char c : text) {
-        const size_t digit = digits.find(c);
-        if (digit == std::string::npos)
-            break;
-        group = group << 6 | static_cast<unsigned>(digit);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            bytes += static_cast<char>(group >> bits & 0xFF);
-        }
-    }
-    return bytes;
-}
-
 Json base64(const std::string& bytes)
 {
-    return {{"base64", encoded(bytes)}};
+    return {{"base64", toUrlBase64(bytes)}};
 }
 
 class Serve : public testing::Test {
@@ -158,13 +117,13 @@ TEST_F(Serve, SendsEveryRequest)
     EXPECT_NE(std::string::npos, ok("QZaVen_GetVersion")["Data"].get<std::string>().find("1.0.0"));
     EXPECT_NE("", ok("QZaVen_strerror", {{"strErr", "-20001"}})["Data"]);
     const std::string bytes = "bytes \x00\x01\xfe"s;
-    EXPECT_EQ(encoded(bytes),
+    EXPECT_EQ(toUrlBase64(bytes),
               ok("QZaven_crypto_base64_encode", {{"strIn", base64(bytes)}})["Data"]);
     EXPECT_EQ("bytes%2520",
-              ok("QZaven_crypto_base64_Decode", {{"strIn", encoded("bytes ")}})["Data"]);
+              ok("QZaven_crypto_base64_Decode", {{"strIn", toUrlBase64("bytes ")}})["Data"]);
 
     const std::string key = ok("QZaven_crypto_gen_symmkey", {{"strCipherAlg", 4}})["Data"];
-    EXPECT_EQ(32U, decoded(key).size());
+    EXPECT_EQ(32U, fromUrlBase64(key).size());
     const Json cipher = {{"strCipherAlg", 4},
                          {"strMode", 6},
                          {"strKey", key},
@@ -177,23 +136,24 @@ TEST_F(Serve, SendsEveryRequest)
     given = cipher;
     given["strdata"] = sealed["Data"];
     given["strtag"] = sealed["gcmOutTag"];
-    EXPECT_EQ(bytes, decoded(ok("QZaven_crypto_decrypt", given)["Data"]));
+    EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_crypto_decrypt", given)["Data"]));
 
     EXPECT_EQ(hmacAnswer, ok("QZaven_crypto_hmac", hmac)["Data"]);
-    EXPECT_EQ(
-        16U, decoded(ok("QZaven_crypto_cmac",
-                        {{"strCipherAlg", 4}, {"strKey", key}, {"strdata", base64(bytes)}})["Data"])
-                 .size());
-    EXPECT_EQ(40U, decoded(ok("QZaven_crypto_kdf",
-                              {{"HashType", 4}, {"srcdata", "secret"}, {"OutLen", 40}})["Data"])
+    EXPECT_EQ(16U, fromUrlBase64(ok("QZaven_crypto_cmac", {{"strCipherAlg", 4},
+                                                           {"strKey", key},
+                                                           {"strdata", base64(bytes)}})["Data"])
                        .size());
+    EXPECT_EQ(40U,
+              fromUrlBase64(ok("QZaven_crypto_kdf",
+                               {{"HashType", 4}, {"srcdata", "secret"}, {"OutLen", 40}})["Data"])
+                  .size());
 
     const Json whiteBox = {{"strKey", base64("1234567890123456")},
                            {"strIV", base64("6543210987654321")}};
     given = whiteBox;
     given["strdata"] = base64(bytes);
     given["strdata"] = ok("QZaven_wbsm4_encrypt", given)["Data"];
-    EXPECT_EQ(bytes, decoded(ok("QZaven_wbsm4_decrypt", given)["Data"]));
+    EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_wbsm4_decrypt", given)["Data"]));
 
     // Public keys: the same bytes as the certificate's.
     const Credential root = makeRoot(rootPlan(), KeyKind::rsa);
@@ -206,7 +166,7 @@ TEST_F(Serve, SendsEveryRequest)
     given = {{"strKeyPairType", 3}, {"strpk", base64(certificate)}, {"strdata", base64(bytes)}};
     const std::string ciphertext = ok("QZaven_crypto_public_encrypt", given)["Data"];
     given = {{"strKeyPairType", 3}, {"strsk", base64(privateKey)}, {"strdata", ciphertext}};
-    EXPECT_EQ(bytes, decoded(ok("QZaven_crypto_private_decrypt", given)["Data"]));
+    EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_crypto_private_decrypt", given)["Data"]));
     given = {{"strdata", "a letter"},
              {"strpk", base64(certificate)},
              {"strCipherAlg", 4},
@@ -241,22 +201,25 @@ TEST_F(Serve, SendsEveryRequest)
                                         {"strEnc_cert", base64(clientCertificate)}}));
     ok("QZaven_ke_set_root_certificate",
        ke({{"strCa_file", base64(toPem(root.certificate.get()))}}));
-    const std::string hello = decoded(ok("QZaven_ke_client_hello", ke({}))["Data"]);
+    const std::string hello = fromUrlBase64(ok("QZaven_ke_client_hello", ke({}))["Data"]);
     const ServerAnswer answer = answerHello(server, hello);
     const std::string message = ok("QZaven_ke_client_key_exchange",
                                    ke({{"strSrvr_rand", base64(answer.random)},
                                        {"strSrvr_sig_cert", base64(answer.signingCertificate)},
                                        {"strSrvr_enc_cert", base64(answer.encryptionCertificate)},
                                        {"strSrvr_sign", base64(answer.signature)}}))["Data"];
-    const ChannelKeys keys = acceptKeyExchange(server, hello, answer.random, decoded(message));
-    EXPECT_EQ(bytes, openMessage(keys, decoded(ok("QZaven_ke_encrypt",
-                                                  ke({{"strdata", base64(bytes)}}))["Data"])));
-    EXPECT_EQ(bytes, decoded(ok("QZaven_ke_decrypt",
-                                ke({{"strcipher", base64(sealMessage(keys, bytes))}}))["Data"]));
+    const ChannelKeys keys =
+        acceptKeyExchange(server, hello, answer.random, fromUrlBase64(message));
+    EXPECT_EQ(bytes,
+              openMessage(keys, fromUrlBase64(ok("QZaven_ke_encrypt",
+                                                 ke({{"strdata", base64(bytes)}}))["Data"])));
+    EXPECT_EQ(bytes,
+              fromUrlBase64(ok("QZaven_ke_decrypt",
+                               ke({{"strcipher", base64(sealMessage(keys, bytes))}}))["Data"]));
     EXPECT_EQ(channelHmac(keys, bytes),
-              decoded(ok("QZaven_ke_hmac", ke({{"strdata", base64(bytes)}}))["Data"]));
+              fromUrlBase64(ok("QZaven_ke_hmac", ke({{"strdata", base64(bytes)}}))["Data"]));
     EXPECT_EQ(channelCmac(keys, bytes),
-              decoded(ok("QZaven_ke_cmac", ke({{"strdata", base64(bytes)}}))["Data"]));
+              fromUrlBase64(ok("QZaven_ke_cmac", ke({{"strdata", base64(bytes)}}))["Data"]));
     ok("QZaven_ke_free", ke({}));
     EXPECT_EQ("session_gone", host().request("QZaven_ke_free", ke({})).code());
 
@@ -313,7 +276,7 @@ TEST_F(Serve, AnswersABatchInOrder)
     const Json answers = host().batch(requests).json()["answers"];
     ASSERT_EQ(256U, answers.size());
     for (size_t i = 0; i < 256; ++i)
-        EXPECT_EQ(i + 1, decoded(answers[i]["results"]["Data"]).size());
+        EXPECT_EQ(i + 1, fromUrlBase64(answers[i]["results"]["Data"]).size());
 
     // In one session, too: what comes after its end is told so.
     const std::string token = host().request("QZaven_ke_new").result("Data");
@@ -685,7 +648,7 @@ TEST_F(ServePeer, RefusesWhatIsNoStepOfAnExchange)
 TEST_F(ServePeer, HasNoKeysBeforeTheExchangeIsFinished)
 {
     const ServedHost host;
-    const Json begun = step(host, "answer", {{"hello", encoded(std::string(32, 'h'))}}).json();
+    const Json begun = step(host, "answer", {{"hello", toUrlBase64(std::string(32, 'h'))}}).json();
     EXPECT_EQ(nullptr, begun["error"]);
     EXPECT_EQ(step(host, "root", Json::object()).json()["results"]["root"],
               begun["results"]["root"]);

@@ -6,14 +6,11 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . packaging/packages.sh
+. cmake/build.sh
 packaging/install-packages.sh "${build_packages[@]}" "${test_packages[@]}" clang clang-tidy
 
 # The tool takes the compiler's options from its preset.
-mkdir -p build
-if ! cmake --preset clang >build/clang-configuration.log 2>&1; then
-    tail -n 60 build/clang-configuration.log
-    exit 1
-fi
+configure build/clang --preset clang
 [ $# -gt 0 ] || set -- src devkit
 git ls-files -z -- "${@/%//*.cpp}" |
     xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang

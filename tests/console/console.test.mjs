@@ -278,7 +278,7 @@ describe('Console', () => {
         await fill(page, 'strIn', { file: large });
         await page.waitForFunction(() => document.querySelector('.size').textContent === '13,631,488 bytes');
         await page.locator('.form-actions button[type="submit"]').click();
-        assert.match(await page.locator('.attention').textContent(), /Too large/);
+        assert.match(await page.locator('.answer .error-card').textContent(), /Too large/);
     }));
 
     test('A result becomes a parameter of another request', onPage(async () => {
@@ -325,6 +325,7 @@ describe('Console', () => {
             hmac({ base64: '-_8' }, 'b64:not a form'),
             hmac('text:x', '@/etc/hostname'),
             hmac({ hex: KEY }, here("a 'file' $x.bin")),
+            hmac({ hex: KEY }, { base64: 'SmVm % Jefe' }),
             ['QZaven_crypto_base64_encode', { strIn: 'hex:00 is a text; here' }],
             ['QZaven_crypto_base64_encode', { strIn: "-n 'x'\t\\n" }],
             ['QZaven_crypto_base64_encode', { strIn: { hex: 'ff00fe' } }],
@@ -345,7 +346,7 @@ describe('Console', () => {
             const { errorCode, Data } = JSON.parse(call);
             if (errorCode !== '0') assert.equal(errorCode, await code(), state);
             else if (name === 'QZaven_crypto_base64_Decode') assert.equal(Data, '%2500%25FF%250A', state);
-            else assert.equal(await result(page, 'Data', 'base64'), Data.replace(/-/g, '+').replace(/_/g, '/'), state);
+            else assert.equal(await result(page, 'Data', 'base64'), Data, state);
 
             await page.locator('.line-head button').first().click();
             assert.equal(await page.evaluate(() => navigator.clipboard.readText()), lines[0]);
@@ -365,7 +366,74 @@ describe('Console', () => {
         assert.deepEqual(readFileSync(await saved.path()), bytes);
         // The form's copy is whole, though the page shows a part.
         await page.locator('[data-result="Data"] .value-actions button').first().click();
-        assert.equal(await page.evaluate(() => navigator.clipboard.readText()), bytes.toString('base64'));
+        assert.equal(await page.evaluate(() => navigator.clipboard.readText()),
+            bytes.toString('base64').replace(/\+/g, '-').replace(/\//g, '_'));
+    }));
+
+    test('Base64 is shown as the API gives it, and in the standard alphabet on demand', onPage(async () => {
+        await request('QZaven_crypto_base64_encode', { strIn: { hex: 'fbffbf' } });
+        const shown = () => page.locator('[data-result="Data"] .value-text').textContent();
+        assert.equal(await shown(), '-_-_');
+        await picture('url-safe');
+        assert.equal(await result(page, 'Data', 'standard'), '+/+/');
+        await page.locator('[data-result="Data"] .value-actions button').first().click();
+        assert.equal(await page.evaluate(() => navigator.clipboard.readText()), '+/+/');
+        assert.equal(await result(page, 'Data', 'base64'), '-_-_');
+    }));
+
+    test('An answer to former values is marked, and a refusal takes its place', onPage(async () => {
+        const stale = page.locator('.answer.is-stale');
+        const note = page.locator('.answer .stale-note');
+        await request('QZaven_crypto_base64_encode', { strIn: 'one' });
+        assert.equal(await stale.count(), 0);
+        await fill(page, 'strIn', 'two');
+        assert.equal(await stale.count(), 1);
+        assert.match(await note.textContent(), /form has changed/);
+        await picture('stale');
+        assert.deepEqual(await accessibilityFaults(page), []);
+        // It is still so after a look elsewhere.
+        await openRequest(page, 'QZaVen_GetVersion');
+        await openRequest(page, 'QZaven_crypto_base64_encode');
+        assert.equal(await stale.count(), 1);
+        await send(page);
+        assert.equal(await stale.count(), 0);
+        assert.equal(await result(page, 'Data', 'base64'), 'dHdv');
+
+        const large = path.join(host.folder, 'too-large.bin');
+        writeFileSync(large, Buffer.alloc(13 << 20));
+        await fill(page, 'strIn', { file: large });
+        assert.equal(await stale.count(), 1);
+        await page.locator('.form-actions button[type="submit"]').click();
+        await page.waitForSelector('.answer .error-card');
+        assert.equal(await page.locator('.answer [data-result]').count(), 0);
+        assert.equal(await stale.count(), 0);
+    }));
+
+    test('A form that changes while its answer is on the way makes that a former one', onPage(async () => {
+        await openRequest(page, 'QZaven_crypto_base64_encode');
+        await fill(page, 'strIn', 'one');
+        let release = null;
+        const held = new Promise((resolve) => { release = resolve; });
+        await page.route('**/v1/requests/*', async (route) => {
+            await held;
+            await route.continue();
+        });
+        await page.locator('.form-actions button[type="submit"]').click();
+        await fill(page, 'strIn', 'two');
+        release();
+        await page.waitForSelector('.answer [data-result="Data"]');
+        assert.equal(await result(page, 'Data', 'base64'), 'b25l');
+        assert.equal(await page.locator('.answer.is-stale').count(), 1);
+    }));
+
+    test('A result that is put into another form makes its answer a former one', onPage(async () => {
+        await request('QZaven_crypto_base64_Decode', { strIn: { base64: 'QQ' } });
+        await request('QZaven_crypto_base64_encode', { strIn: 'one' });
+        await page.locator('[data-result="Data"] .use summary').click();
+        await page.locator('[data-result="Data"] .use select').selectOption('QZaven_crypto_base64_Decode strIn');
+        await page.locator('[data-result="Data"] .use-panel button').click();
+        await page.waitForFunction(() => document.querySelector('h1').textContent === 'QZaven_crypto_base64_Decode');
+        assert.equal(await page.locator('.answer.is-stale').count(), 1);
     }));
 
     test('The keyboard alone makes the first encryption', async () => {
@@ -404,7 +472,8 @@ describe('Console', () => {
         await page.waitForFunction(() => /^Success/.test(document.getElementById('announcements').textContent));
         const cipher = crypto.createCipheriv('aes-256-cbc', Buffer.alloc(32), Buffer.alloc(16));
         assert.equal(await page.locator('[data-result="Data"] .value-text').textContent(),
-            Buffer.concat([cipher.update('first'), cipher.final()]).toString('base64'));
+            Buffer.concat([cipher.update('first'), cipher.final()]).toString('base64')
+                .replace(/\+/g, '-').replace(/\//g, '_'));
         // The ways of a field are one stop, and the arrow keys change them.
         await page.locator('[data-result="Data"] .segments input:checked').focus();
         await keys('ArrowLeft');

@@ -2,7 +2,7 @@
 // The build tree is named by CORVANE_BUILD.
 
 import { execFile, spawn } from 'node:child_process';
-import { mkdtempSync, rmSync } from 'node:fs';
+import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import path from 'node:path';
 import { promisify } from 'node:util';
@@ -31,16 +31,17 @@ export async function startHost(...options) {
         child.once('exit', (code) => reject(new Error(`the host ended with ${code}: ${output}${errors}`)));
         child.stdout.on('data', (data) => {
             output += data;
-            const found = output.match(/console: (http:\S+)\/#token=(\S+)\n/);
+            const found = output.match(/console: (http:\S+)\/\n/);
             if (!found) return;
             clearTimeout(timer);
             resolve(found);
         });
     });
+    const token = readFileSync(path.join(folder, 'token'), 'utf8').trim();
     const host = {
         origin: match[1],
-        token: match[2],
-        url: `${match[1]}/#token=${match[2]}`,
+        token,
+        url: `${match[1]}/#token=${token}`,
         folder,
         async stop() {
             if (child.exitCode === null && child.signalCode === null) child.kill('SIGTERM');

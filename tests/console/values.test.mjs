@@ -6,7 +6,7 @@ import { describe, test } from 'node:test';
 
 import { curlLine, hostLine, quote } from '../../devkit/console/command_lines.js';
 import { applies, convertEntry, entryValue, fault, isRequired } from '../../devkit/console/entries.js';
-import { fromBase64, fromEscaped, fromHex, resultBytes, textOf, toBase64, toHex, utf8 } from '../../devkit/console/values.js';
+import { fromBase64, fromEscaped, fromHex, resultBytes, textOf, toBase64, toHex, toUrlBase64, utf8 } from '../../devkit/console/values.js';
 
 const list = (bytes) => bytes && [...bytes];
 const text = (value) => ({ how: 'text', text: value, file: null });
@@ -27,6 +27,10 @@ describe('Values', () => {
     test('Base64 that is cut, badly padded or has foreign characters is refused', () => {
         for (const written of ['A', 'AAAAA', 'AA=', 'AAA==', 'AB', 'A%AA', 'AAAA=', '=', 'AA==AA=='])
             assert.equal(fromBase64(written), null, written);
+    });
+
+    test('The URL-safe alphabet is that of the API', () => {
+        assert.equal(toUrlBase64(Uint8Array.of(0xfb, 0xff)), '-_8=');
     });
 
     test('All byte values survive Base64 and hex', () => {
@@ -68,16 +72,18 @@ describe('Values', () => {
 
 describe('Entries', () => {
     test('Bytes go as bytes, texts of text parameters as they are', () => {
-        assert.deepEqual(entryValue(bytesParameter, text('hi')), { base64: 'aGk=' });
+        assert.deepEqual(entryValue(bytesParameter, text('hi')), { text: 'hi' });
+        // Half of a character is none: the host takes UTF-8.
+        assert.deepEqual(entryValue(bytesParameter, text('\ud800')), { text: '\ufffd' });
         assert.equal(entryValue(textParameter, text('hi')), 'hi');
         assert.deepEqual(entryValue(textParameter, hex('FF 00')), { hex: 'ff00' });
         assert.deepEqual(entryValue(bytesParameter, base64('_w')), { base64: '/w' });
         assert.deepEqual(entryValue(bytesParameter, file('x', 1, 2)), { base64: 'AQI=' });
     });
 
-    test('Half a hex byte stands for nothing; what is not Base64 is left to the host', () => {
+    test('Half a hex byte stands for nothing; what is not Base64 is sent raw', () => {
         assert.equal(entryValue(bytesParameter, hex('0')), null);
-        assert.equal(entryValue(bytesParameter, base64('%')), '%');
+        assert.deepEqual(entryValue(bytesParameter, base64('%')), { raw: '%' });
     });
 
     test('Faults say what is wrong', () => {
@@ -135,6 +141,15 @@ describe('CommandLines', () => {
         assert.match(upload, /--form-string strIn=@x$/);
     });
 
+    test('A file beside a text for Base64 sends both in a form; a raw value needs JSON', () => {
+        const line = (entry) => curlLine('http://h:1', 'R', [
+            { parameter: { ...bytesParameter, name: 'strKey' }, entry },
+            { parameter: bytesParameter, entry: file('a', 1) },
+        ]);
+        assert.match(line(text('桥')), /--form-string strKey=5qGl \\\n {2}-F /);
+        assert.match(line(base64('A%')), /--data-raw '\{"strKey":\{"raw":"A%"\},"strdata":\{"base64":"AQ=="\}\}'$/);
+    });
+
     test('A file beside bytes that no form can carry goes as JSON', () => {
         const line = curlLine('http://h:1', 'R', [
             { parameter: bytesParameter, entry: file('a', 1) },
@@ -148,8 +163,12 @@ describe('CommandLines', () => {
             hostLine({ name: 'R', parameters: [] }, [{ parameter, entry }]).split('\\\n  ')[1];
         assert.equal(line(textParameter, text('b64:x')), 'strIn=text:b64:x');
         assert.equal(line(textParameter, text('@x')), 'strIn=text:@x');
-        assert.equal(line(bytesParameter, text('@x')), 'strdata=b64:text:@x');
-        assert.equal(line(bytesParameter, text('hex:00')), 'strdata=b64:hex:00');
+        assert.equal(line(textParameter, text('raw:x')), 'strIn=text:raw:x');
+        assert.equal(line(bytesParameter, text('@x')), 'strdata=text:@x');
+        assert.equal(line(bytesParameter, text('hex:00')), 'strdata=text:hex:00');
+        assert.equal(line(bytesParameter, text('a\0')), "strdata=b64:@<(printf %s YQA= | base64 -d)");
+        assert.equal(line(bytesParameter, base64('A%')), 'strdata=raw:A%');
+        assert.equal(line(bytesParameter, base64('@A')), 'strdata=raw:text:@A');
         assert.equal(line(bytesParameter, hex('00 FF')), 'strdata=hex:00FF');
         assert.equal(line(bytesParameter, base64('+/8')), 'strdata=-_8=');
         assert.equal(line(bytesParameter, file('-')), 'strdata=b64:@./-');

@@ -1,7 +1,10 @@
 #include "support/allocation_fault.h"
 
+#include <malloc.h>
+
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 extern "C" {
@@ -25,6 +28,18 @@ size_t threshold = 0;
 size_t seen = 0;
 bool hasStruck = false;
 const doubles::Journal* spared = nullptr;
+
+std::string_view sought;
+size_t found = 0;
+
+void look(const void* memory)
+{
+    if (sought.empty() || memory == nullptr)
+        return;
+    const size_t size = malloc_usable_size(const_cast<void*>(memory));
+    if (memmem(memory, size, sought.data(), sought.size()) != nullptr)
+        ++found;
+}
 
 bool strikes(size_t size)
 {
@@ -78,16 +93,21 @@ void* operator new(size_t size)
     void* memory = malloc(size > 0 ? size : 1);
     if (memory == nullptr)
         throw std::bad_alloc();
+    // What was there before does not count when it is freed again.
+    if (!sought.empty())
+        memset(memory, 0, malloc_usable_size(memory));
     return memory;
 }
 
 void operator delete(void* memory) noexcept
 {
+    look(memory);
     free(memory);
 }
 
 void operator delete(void* memory, size_t) noexcept
 {
+    look(memory);
     free(memory);
 }
 
@@ -119,6 +139,22 @@ AllocationFault::~AllocationFault()
 bool AllocationFault::struck() const
 {
     return hasStruck;
+}
+
+FreedBlocks::FreedBlocks(std::string_view marker)
+{
+    found = 0;
+    sought = marker;
+}
+
+FreedBlocks::~FreedBlocks()
+{
+    sought = {};
+}
+
+size_t FreedBlocks::counted() const
+{
+    return found;
 }
 
 bool allocationFaultsWork()

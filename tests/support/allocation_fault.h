@@ -1,6 +1,6 @@
 // Makes one allocation fail. A test program that links allocation_fault.cpp answers
 // malloc, calloc, realloc and operator new itself, for the plug-in as well, and passes
-// them on.
+// them on. It can also look at what operator delete is given.
 //
 // It does not work where something else has taken malloc over before, as valgrind does:
 // tests that arm a fault must begin with SKIP_WITHOUT_ALLOCATION_FAULTS.
@@ -8,6 +8,8 @@
 #define CORVANE_TESTS_ALLOCATION_FAULT_H
 
 #include <gtest/gtest.h>
+
+#include <string_view>
 
 #include "doubles/journal.h"
 
@@ -32,6 +34,18 @@ public:
 
 private:
     AllocationFault() = default;
+};
+
+// Looks at every block that operator delete gets while it lives; one at a time.
+class FreedBlocks {
+public:
+    // Blocks that hold these bytes are counted. They must outlive this.
+    explicit FreedBlocks(std::string_view marker);
+    FreedBlocks(const FreedBlocks&) = delete;
+    FreedBlocks& operator=(const FreedBlocks&) = delete;
+    ~FreedBlocks();
+
+    size_t counted() const;
 };
 
 // Whether faults reach malloc and operator new in this process.

@@ -4,18 +4,19 @@
 #define CORVANE_TESTS_HANDLERS_H
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <climits>
 #include <functional>
 #include <locale>
 #include <memory>
+#include <new>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "support/allocation_fault.h"
+#include "support/base64_text.h"
 #include "support/plugin_test.h"
 
 namespace support {
@@ -27,25 +28,6 @@ template <size_t size>
 std::string text(const char (&literal)[size])
 {
     return std::string(literal, size - 1);
-}
-
-inline std::string base64(const std::string& bytes)
-{
-    std::string encoded(bytes.size() / 3 * 4 + 5, '\0');
-    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&encoded[0]),
-                                       reinterpret_cast<const unsigned char*>(bytes.data()),
-                                       static_cast<int>(bytes.size()));
-    encoded.resize(static_cast<size_t>(length));
-    return encoded;
-}
-
-// The same with "-" for "+" and "_" for "/".
-inline std::string url64(const std::string& bytes)
-{
-    std::string encoded = base64(bytes);
-    std::replace(encoded.begin(), encoded.end(), '+', '-');
-    std::replace(encoded.begin(), encoded.end(), '/', '_');
-    return encoded;
 }
 
 // In quotes, with everything but printable ASCII as \xNN.
@@ -455,7 +437,7 @@ using Encoding = std::string (*)(const std::string& bytes);
 // What the engine writes into the buffer of `function` becomes "Data", up to the
 // capacity and no further, whatever length it tells. `good` must reach that function.
 inline void expectOutput(const std::string& request, const Pairs& good, const std::string& function,
-                         size_t capacity, Encoding encoding = url64)
+                         size_t capacity, Encoding encoding = toUrlBase64)
 {
     Plugin plugin;
     doubles::Step& step = plugin.engine.on(function);
@@ -576,6 +558,50 @@ TEST_P(HandlerFrame, ExceptionOfTheEngineEndsWithCodeZero)
     EXPECT_EQ(handler.failed(0), plugin.reply(handler.request, handler.parameters));
     EXPECT_TRUE(std::any_of(plugin.journal.calls.begin(), plugin.journal.calls.end(),
                             [](const Call& call) { return call.threw; }));
+}
+
+// Sends the request once for each parameter that it reads, with the module scripted for that
+// one's first or second read. The request must end there: no further parameter is read, the
+// engine is called only to free nothing, and the code is 0.
+template <class Script>
+void expectReadsThatEndTheRequest(const Handler& handler, bool query, Script script)
+{
+    Plugin plugin;
+    plugin.reply(handler.request, handler.parameters);
+    const std::vector<std::string> names = plugin.parametersRead();
+    for (size_t i = 0; i < names.size(); ++i) {
+        SCOPED_TRACE(names[i]);
+        const bool stored =
+            with(handler.parameters, names[i], "").size() == handler.parameters.size();
+        if (!query && !stored)
+            continue;  // an absent parameter is not read for a second time
+        plugin.params.forget();
+        script(query ? plugin.params.onQuery("GetHttpParams", names[i])
+                     : plugin.params.on("GetHttpParams", names[i]));
+        EXPECT_EQ(handler.failed(0), plugin.reply(handler.request, handler.parameters));
+        EXPECT_EQ(std::vector<std::string>(names.begin(), names.begin() + static_cast<long>(i) + 1),
+                  plugin.parametersRead());
+        EXPECT_EQ(handler.engineUnbound, plugin.engineCalls());
+    }
+}
+
+TEST_P(HandlerFrame, ExceptionInTheFirstReadOfAParameterEndsWithCodeZero)
+{
+    expectReadsThatEndTheRequest(handler, true, [](doubles::Step& step) { step.throws = true; });
+}
+
+TEST_P(HandlerFrame, ExceptionInTheSecondReadOfAParameterEndsWithCodeZero)
+{
+    // The module has written the value by then.
+    expectReadsThatEndTheRequest(handler, false, [](doubles::Step& step) { step.throws = true; });
+    expectReadsThatEndTheRequest(
+        handler, false, [](doubles::Step& step) { step.during = [] { throw std::bad_alloc(); }; });
+}
+
+TEST_P(HandlerFrame, ParameterLongerThanATextCanBeEndsWithCodeZero)
+{
+    expectReadsThatEndTheRequest(handler, true,
+                                 [](doubles::Step& step) { step.reported = LONG_MAX; });
 }
 
 TEST_P(HandlerFrame, WithoutAParameterModuleNothingHappens)

@@ -12,6 +12,7 @@
 #include <sstream>
 #include <string>
 
+#include "base64_text.h"
 #include "devkit_engine.h"
 
 namespace support {
@@ -84,28 +85,13 @@ inline const OpensslTool& openssl()
     return tool;
 }
 
-inline std::string toBase64(const std::string& bytes)
-{
-    std::string text(bytes.size() / 3 * 4 + 5, '\0');
-    const int size = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                                     reinterpret_cast<const unsigned char*>(bytes.data()),
-                                     static_cast<int>(bytes.size()));
-    text.resize(static_cast<size_t>(size));
-    return text;
-}
-
 // The bytes of a text's only PEM block.
 inline std::string derOf(const std::string& pem)
 {
     const size_t begin = pem.find("-----\n", pem.find("-----BEGIN")) + 6;
     std::string text = pem.substr(begin, pem.find("-----END") - begin);
     text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
-    std::string bytes(text.size() / 4 * 3, '\0');
-    EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
-                    reinterpret_cast<const unsigned char*>(text.data()),
-                    static_cast<int>(text.size()));
-    bytes.resize(bytes.size() - static_cast<size_t>(std::count(text.begin(), text.end(), '=')));
-    return bytes;
+    return fromBase64(text);
 }
 
 // Private keys in PKCS#8, in files of the tool's directory; made when first asked for.

@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034  # used where it is sourced
 # The test programs of the plug-in's own units, in front of the doubles; sourced by scripts
 # that start in the checkout's root. Not among them: what tests the build (exports,
 # headers), the devkit, or the plug-in in front of the devkit.

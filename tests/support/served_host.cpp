@@ -113,6 +113,18 @@ bool isRunning(pid_t pid)
     return end != std::string::npos && stat.compare(end, 3, ") Z") != 0;
 }
 
+double processorSeconds(pid_t pid)
+{
+    const std::string stat = readWhole("/proc/" + std::to_string(pid) + "/stat");
+    const size_t end = stat.rfind(')');
+    unsigned long user = 0;
+    unsigned long system = 0;
+    if (end != std::string::npos)
+        sscanf(stat.c_str() + end, ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
+               &system);
+    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
 std::vector<pid_t> childrenOf(pid_t pid, const std::string& command)
 {
     std::vector<pid_t> children;
@@ -186,7 +198,7 @@ bool HttpConnection::send(const std::string& bytes) const
 bool HttpConnection::receiveMore()
 {
     pollfd waiting = {socket_, POLLIN, 0};
-    if (poll(&waiting, 1, patienceMilliseconds) <= 0)
+    if (socket_ < 0 || poll(&waiting, 1, patienceMilliseconds) <= 0)
         return false;
     std::array<char, 65536> buffer;
     const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
@@ -243,7 +255,8 @@ bool HttpConnection::isEnded()
 
 // ---- The host.
 
-ServedHost::ServedHost(const Options& options, const Options& environment, const Options& libraries)
+ServedHost::ServedHost(const Options& options, const Options& environment, const Options& libraries,
+                       const std::string& errors)
     : folder_(makeFolder())
 {
     const auto has = [&](const std::string& name) {
@@ -261,7 +274,7 @@ ServedHost::ServedHost(const Options& options, const Options& environment, const
     if (!has("--access-log"))
         arguments.insert(arguments.end(), {"--access-log", path("access.log")});
     arguments.insert(arguments.end(), options.begin(), options.end());
-    pid_ = startHost(arguments, environment, path("out"), path("err"));
+    pid_ = startHost(arguments, environment, path("out"), errors.empty() ? path("err") : errors);
 
     const bool listens = eventually([this] {
         const std::string out = output();
@@ -270,11 +283,12 @@ ServedHost::ServedHost(const Options& options, const Options& environment, const
     const std::string out = output();
     const size_t at = out.find("listening on http");
     if (!listens || at == std::string::npos)
-        throw std::runtime_error("the host does not listen: " + errors());
+        throw std::runtime_error("the host does not listen: " + this->errors());
     port_ = atoi(out.c_str() + out.find(':', out.find("//", at)) + 1);
-    const size_t mark = out.find("#token=");
-    if (mark != std::string::npos)
-        token_ = out.substr(mark + 7, out.find('\n', mark) - mark - 7);
+    const auto file = std::find(arguments.begin(), arguments.end(), "--token-file");
+    if (file != arguments.end())
+        token_ = readWhole(*std::next(file));
+    token_.erase(std::min(token_.size(), token_.find('\n')));
 }
 
 ServedHost::~ServedHost()

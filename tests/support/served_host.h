@@ -3,6 +3,7 @@
 #ifndef CORVANE_TESTS_SERVED_HOST_H
 #define CORVANE_TESTS_SERVED_HOST_H
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <filesystem>
@@ -12,6 +13,13 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "held.h"
+
+// The emulator does not start programs that start themselves again, which workers are.
+#define NEEDS_WORKERS()    \
+    if (support::emulated) \
+    GTEST_SKIP() << "worker processes do not start in the emulator"
 
 namespace support {
 
@@ -57,9 +65,10 @@ public:
     using Options = std::vector<std::string>;
 
     // With two workers, a token and a log in a folder of its own, unless the options say
-    // otherwise. Waits until it listens.
+    // otherwise. Waits until it listens. `errors` names what takes its standard error in
+    // place of a file in the folder.
     explicit ServedHost(const Options& options = {}, const Options& environment = {},
-                        const Options& libraries = {});
+                        const Options& libraries = {}, const std::string& errors = "");
     ~ServedHost();
     ServedHost(const ServedHost&) = delete;
     ServedHost& operator=(const ServedHost&) = delete;
@@ -124,6 +133,9 @@ bool eventually(const std::function<bool()>& holds);
 
 // Whether a process exists and has not ended, collected or not.
 bool isRunning(pid_t pid);
+
+// The time that processors have spent on a process.
+double processorSeconds(pid_t pid);
 
 // The children of a process that were started under this name: its workers.
 std::vector<pid_t> childrenOf(pid_t pid, const std::string& command = "corvane-host");

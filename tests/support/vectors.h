@@ -139,14 +139,6 @@ inline std::vector<Vector> readVectors(const std::string& file)
 
 // ---- The plug-in
 
-inline std::string toUrlBase64(const std::string& bytes)
-{
-    std::string text = toBase64(bytes);
-    std::replace(text.begin(), text.end(), '+', '-');
-    std::replace(text.begin(), text.end(), '/', '_');
-    return text;
-}
-
 struct Answer {
     std::string code;
     std::string data;  // URL-safe Base64, as is the tag

@@ -1,0 +1,84 @@
+// Makes allocations of a host's front process fail while it serves. The library
+// failing_memory, loaded before all others, answers malloc there and looks for its orders in
+// a file that the test shares with it. It has no effect in an address sanitizer's build.
+#ifndef CORVANE_TESTS_FAILING_MEMORY_H
+#define CORVANE_TESTS_FAILING_MEMORY_H
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace support {
+
+// The name of the file is in this variable of the environment.
+constexpr const char* failingMemoryVariable = "CORVANE_FAILING_MEMORY";
+
+struct FailingMemoryOrders {
+    std::atomic<size_t> every;    // each so many-th allocation fails; 0 for none
+    std::atomic<size_t> atLeast;  // of so many bytes
+    std::atomic<size_t> failed;   // so far
+};
+
+inline FailingMemoryOrders* mapOrders(const char* file)
+{
+    const int descriptor = open(file, O_RDWR | O_CLOEXEC);
+    void* memory = mmap(nullptr, sizeof(FailingMemoryOrders), PROT_READ | PROT_WRITE, MAP_SHARED,
+                        descriptor, 0);
+    close(descriptor);
+    return memory == MAP_FAILED ? nullptr : static_cast<FailingMemoryOrders*>(memory);
+}
+
+// The test's side.
+class FailingMemory {
+public:
+    FailingMemory()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "memory_XXXXXX").string();
+        const int descriptor = mkstemp(name.data());
+        const bool isMade = ftruncate(descriptor, sizeof(FailingMemoryOrders)) == 0;
+        close(descriptor);
+        file_ = name;
+        // The loader takes a blank in a path for the end of it.
+        library_ = file_ + ".so";
+        std::filesystem::create_symlink(CORVANE_FAILING_MEMORY_LIBRARY, library_);
+        orders_ = isMade ? mapOrders(file_.c_str()) : nullptr;
+        if (orders_ == nullptr)
+            throw std::runtime_error("no file for orders");
+    }
+    ~FailingMemory()
+    {
+        munmap(orders_, sizeof *orders_);
+        unlink(library_.c_str());
+        unlink(file_.c_str());
+    }
+    FailingMemory(const FailingMemory&) = delete;
+    FailingMemory& operator=(const FailingMemory&) = delete;
+
+    std::vector<std::string> environment() const
+    {
+        return {"LD_PRELOAD=" + library_, std::string(failingMemoryVariable) + "=" + file_};
+    }
+    void fail(size_t every, size_t atLeast)
+    {
+        orders_->atLeast = atLeast;
+        orders_->every = every;
+    }
+    size_t failed() const { return orders_->failed; }
+
+private:
+    std::string file_;
+    std::string library_;
+    FailingMemoryOrders* orders_ = nullptr;
+};
+
+}  // namespace support
+
+#endif
