@@ -4,15 +4,20 @@
 #   ./test.sh all   also static analysis, Clang, sanitizers, valgrind, 64-bit ARM in
 #                   emulation, coverage, fuzzers, a minute of load, the console in a browser,
 #                   reproducibility
+#   ./test.sh --help  these lines
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 . packaging/packages.sh
+. cmake/build.sh
 
-case "${1-}" in
-"") ;;
-all) ;;
+case $#/${1-} in
+0/ | 1/all) ;;
+1/--help | 1/-h)
+    sed -n '2,/^set /s/^# \{0,1\}//p' test.sh
+    exit
+    ;;
 *)
-    echo "usage: ./test.sh [all]" >&2
+    sed -n '2,/^set /s/^# \{0,1\}//p' test.sh >&2
     exit 2
     ;;
 esac
@@ -37,7 +42,7 @@ stage() {
 # Runs a command and shows its output only if it fails.
 quietly() {
     local log=build/$1.log
-    mkdir -p build
+    rm -f "$log"
     if ! "${@:2}" >"$log" 2>&1; then
         tail -n 60 "$log"
         return 1
@@ -46,8 +51,7 @@ quietly() {
 
 # Configures a preset and builds it, or only the targets that are named behind it.
 build_preset() {
-    quietly "$1-configuration" cmake --preset "$1" &&
-        quietly "$1" cmake --build "build/$1" --target "${@:2}"
+    configure "build/$1" --preset "$1" && build_targets "build/$1" "${@:2}"
 }
 
 run_ctest() {
@@ -61,6 +65,10 @@ tests_of() {
 
 formatting() {
     git ls-files -z '*.cpp' '*.h' '*.c' | xargs -0 clang-format --dry-run -Werror
+}
+
+scripts() {
+    git ls-files -z '*.sh' .ci/run | xargs -0 shellcheck --external-sources --severity=warning
 }
 
 # What ships and the devkit. clang-tidy takes too long for corvane-host: tests/tidy.sh looks at
@@ -99,6 +107,11 @@ soak() {
     build/release/tests/soak --seconds 60 --threads "$(nproc)"
 }
 
+# The host's server as this build made it.
+abuse() {
+    HOST=build/release/devkit/host/corvane-host bench/serve_abuse.sh 30
+}
+
 # The console's tests wait for the browser half of their time, so they run beside the load.
 load_and_console() {
     local well=true
@@ -115,6 +128,8 @@ if [ "${1-}" = all ]; then
     packaging/install-packages.sh "${all_packages[@]}" "${aarch64_packages[@]}" \
         "${browser_packages[@]}"
     stage "formatting" formatting
+    stage "scripts" scripts
+    stage "scripts in other places" tests/commands.sh
     stage "static analysis" static_analysis
     stage "coverage, by Clang" tests/coverage.sh
     stage "address and undefined behaviour sanitizers" address_sanitizer
@@ -124,6 +139,7 @@ if [ "${1-}" = all ]; then
     stage "64-bit ARM" tests_of aarch64
     stage "fuzzers" fuzz/run.sh 30
     stage "load, and the console in a browser" load_and_console
+    stage "abuse of the host's server" abuse
     stage "reproducible builds" tests/reproducible.sh
 fi
 
@@ -131,5 +147,5 @@ printf '\n'
 for name in "${failed[@]}"; do
     echo "FAILED: $name"
 done
-echo "stages: $passed passed, ${#failed[@]} failed"
+echo "stages: $passed passed, ${#failed[@]} failed, $SECONDS s"
 [ ${#failed[@]} -eq 0 ]

@@ -1,8 +1,10 @@
+# shellcheck shell=bash disable=SC2034  # used where it is sourced
 # Builds the programs that are named; sourced by the scripts here, which run at the top of
 # the checkout. BUILD_DIR may name a build tree that is configured already.
 
 . packaging/packages.sh
 . bench/packages.sh
+. cmake/build.sh
 
 build=${BUILD_DIR:-build/bench}
 
@@ -14,13 +16,6 @@ fresh_memory=glibc.malloc.mmap_threshold=131072
 
 build_programs() {
     packaging/install-packages.sh "${build_packages[@]}" "${bench_packages[@]}"
-    mkdir -p "$build"
-    if ! {
-        { [ -f "$build/build.ninja" ] ||
-            cmake --preset release -B "$build" -DCORVANE_BENCH=ON -DCORVANE_TESTS=OFF; } &&
-            cmake --build "$build" --target "$@"
-    } >"$build/bench.log" 2>&1; then
-        tail -n 60 "$build/bench.log" >&2
-        exit 1
-    fi
+    [ -n "${BUILD_DIR-}" ] || configure "$build" --preset release -DCORVANE_BENCH=ON -DCORVANE_TESTS=OFF
+    build_targets "$build" "$@"
 }

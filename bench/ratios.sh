@@ -31,6 +31,7 @@ rows() {
 
 # Programs print rows to standard output and what explains them to standard error. (Not
 # "rows || ...": that would run on after a failure.)
+status=0
 trap 'status=$?; [ $status = 0 ] || cat "$scratch/notes" "$scratch/crypto" >&2; rm -rf "$scratch"' EXIT
 : >"$scratch/crypto"
 rows >"$scratch/rows" 2>"$scratch/notes"

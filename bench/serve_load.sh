@@ -5,55 +5,14 @@
 # HOST may name a corvane-host that is built already. Wants a machine that is otherwise idle.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-. bench/build.sh
+. bench/serving.sh
+packaging/install-packages.sh "${serve_load_packages[@]}"
 
 kill_seconds=${1:-60}
 round_seconds=5
 rounds=5
 connections=8
 stalled=1000
-
-packaging/install-packages.sh "${serve_load_packages[@]}"
-if [ -z "${HOST-}" ]; then
-    build_programs corvane-host
-    HOST=$build/devkit/host/corvane-host
-fi
-
-work=$(mktemp -d)
-nginx=
-server=
-finish() {
-    for process in $server $nginx; do
-        kill "$process" 2>/dev/null || continue
-        wait "$process" || true
-    done
-    rm -rf "$work"
-}
-trap finish EXIT
-ulimit -n "$(ulimit -Hn)"
-
-# serve WORKERS [OPTION]...: starts the host; $port and $TOKEN are its own.
-serve() {
-    local workers=$1
-    shift
-    : >"$work/out"
-    "$HOST" serve --listen 127.0.0.1:0 --workers "$workers" --rate 0 --token-file "$work/token" \
-        --access-log "$work/access" "$@" >"$work/out" 2>"$work/log" &
-    server=$!
-    until grep -q listening "$work/out"; do
-        kill -0 "$server" || { cat "$work/log" >&2; exit 1; }
-        sleep 0.05
-    done
-    port=$(sed -n 's/.*listening on http:.*:\([0-9]*\)$/\1/p' "$work/out")
-    TOKEN=$(cat "$work/token")
-    export TOKEN
-    until curl -fs "http://127.0.0.1:$port/readyz" >/dev/null; do sleep 0.05; done
-}
-end_server() {
-    kill "$server"
-    wait "$server"
-    server=
-}
 
 # load PORT SECONDS: prints requests per second, p50 and p99 in milliseconds, and the number
 # of answers that were no success.
@@ -112,14 +71,14 @@ http {
 }
 EOF
 nginx -c "$work/nginx.conf" -p "$work" 2>>"$work/nginx.log" &
-nginx=$!
+others+=($!)
 until curl -fs "http://127.0.0.1:$nginx_port/" >/dev/null; do sleep 0.05; done
 
 export TOKEN=
 for _ in $(seq "$rounds"); do
     load "$nginx_port" "$round_seconds" >>"$work/nginx-rows"
     for workers in 1 2; do
-        serve "$workers"
+        serve "$workers" --rate 0
         load "$port" "$round_seconds" >>"$work/serve-$workers"
         end_server
     done
@@ -133,7 +92,7 @@ done
 
 # --- Stalled connections, likewise in turn with none.
 
-serve 2 --read-seconds 3600
+serve 2 --rate 0 --read-seconds 3600
 held=$stalled
 for _ in $(seq "$rounds"); do
     load "$port" "$round_seconds" >>"$work/free"
@@ -159,7 +118,7 @@ awk -v added="$added" 'BEGIN { exit !(added <= 5) }' || broken=1
 
 # --- A worker is killed every second.
 
-serve 2
+serve 2 --rate 0
 load "$port" $((kill_seconds + 3)) >"$work/killed" &
 loading=$!
 checked=$(python3 bench/serve_check.py "$port" "$TOKEN" "$server" "$kill_seconds" 4) || broken=1

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are named and missing; says nothing if none is. A name may
-# end in an architecture (libssl-dev:arm64), which is then added to those of the machine.
+# Installs the Debian packages that are named and missing, and says so on standard error. A name
+# may end in an architecture (libssl-dev:arm64), which is then added to those of the machine.
 # Needs root or sudo only when there is something to install.
 set -euo pipefail
 
@@ -20,7 +20,7 @@ if [ "$(id -u)" -ne 0 ]; then
     as_root=(sudo)
 fi
 
-echo "Installing: ${missing[*]}"
+echo "Installing: ${missing[*]}" >&2
 for package in "${missing[@]}"; do
     case $package in
     *:*) dpkg --print-foreign-architectures | grep -qx "${package##*:}" ||
@@ -29,7 +29,8 @@ for package in "${missing[@]}"; do
 done
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-if ! { "${as_root[@]}" apt-get update &&
+# An installation that was interrupted is finished first.
+if ! { "${as_root[@]}" dpkg --configure -a && "${as_root[@]}" apt-get update &&
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get install -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
     tail -n 20 "$log" >&2

@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034  # used where it is sourced
 # The Debian 12 packages behind each task; sourced by run.sh and test.sh.
 
 build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
@@ -6,7 +7,8 @@ build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
 test_packages=(libgtest-dev googletest binutils clang locales python3-cryptography-vectors)
 
 # The stages of `./test.sh all`.
-all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python3 valgrind)
+all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python3
+    shellcheck valgrind)
 
 # The console's tests in a browser; the fonts are for Chinese on the pictures.
 browser_packages=(chromium curl fonts-wqy-microhei nodejs)
