@@ -76,8 +76,7 @@ scripts() {
 static_analysis() {
     cppcheck -j "$(nproc)" --quiet --std=c++17 --language=c++ --library=posix --library=gnu \
         --enable=warning,performance,portability --suppressions-list=.cppcheck-suppressions \
-        --error-exitcode=1 -I src -I devkit/engine -I devkit/params -I devkit/peer \
-        -I devkit/host -I devkit/host/serve src devkit &&
+        --error-exitcode=1 -I src -I devkit src devkit &&
         quietly clang-tidy tests/tidy.sh src devkit/engine devkit/params devkit/peer
 }
 

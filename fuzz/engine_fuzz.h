@@ -5,8 +5,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "engine_numbers.h"
-#include "exports.h"
+#include "engine/engine_numbers.h"
+#include "engine/exports.h"
 #include "fuzz.h"
 
 namespace fuzz {

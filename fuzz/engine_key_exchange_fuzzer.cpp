@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "engine_fuzz.h"
-#include "ke_server.h"
+#include "peer/ke_server.h"
 
 using fuzz::Damage;
 using fuzz::Exact;

@@ -3,7 +3,7 @@
 // stand-in whose results are made of the request's parameters. Input: one byte that tells
 // whether failures end the script, then the script.
 
-#include "script.h"
+#include "host/script.h"
 
 #include <algorithm>
 #include <iostream>

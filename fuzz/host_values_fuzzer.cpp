@@ -2,15 +2,15 @@
 // value is what its prefixes say. Files and standard input are this program's. Input: one
 // byte that tells whether standard input is free, then the text.
 
-#include "values.h"
+#include "host/values.h"
 
 #include <algorithm>
 
-#include "codec.h"
+#include "common/codec.h"
 #include "fuzz.h"
+#include "host/output.h"
 #include "host_files.h"
 #include "oracles.h"
-#include "output.h"
 
 namespace {
 

@@ -3,14 +3,14 @@
 // plug-in as the catalogue says; what is refused is refused in printable words. Input: one
 // byte that chooses the type of the body, with 4 a line with the type, then the body.
 
-#include "serve/request_body.h"
+#include "service/requests/request_body.h"
 
 #include <algorithm>
 #include <set>
 
-#include "codec.h"
+#include "common/codec.h"
 #include "fuzz.h"
-#include "serve/json_tree.h"
+#include "service/requests/json_tree.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // ASN.1 structures that are described by libcrypto's templates: owned, read, written.
-#ifndef AVEN_ASN1_FORM_H
-#define AVEN_ASN1_FORM_H
+#ifndef CORVANE_ENGINE_ASN1_FORM_H
+#define CORVANE_ENGINE_ASN1_FORM_H
 
 #include <openssl/asn1t.h>
 

@@ -2,8 +2,8 @@
 
 #include <initializer_list>
 
+#include "exported_call.h"
 #include "exports.h"
-#include "serve.h"
 
 namespace {
 

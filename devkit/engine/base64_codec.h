@@ -1,6 +1,6 @@
 // Base64 as in RFC 4648, section 4; see engine_numbers.h for what decoding accepts.
-#ifndef AVEN_BASE64_CODEC_H
-#define AVEN_BASE64_CODEC_H
+#ifndef CORVANE_ENGINE_BASE64_CODEC_H
+#define CORVANE_ENGINE_BASE64_CODEC_H
 
 #include "buffers.h"
 

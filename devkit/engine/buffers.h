@@ -1,6 +1,6 @@
 // The callers' buffers, checked.
-#ifndef AVEN_BUFFERS_H
-#define AVEN_BUFFERS_H
+#ifndef CORVANE_ENGINE_BUFFERS_H
+#define CORVANE_ENGINE_BUFFERS_H
 
 #include <openssl/crypto.h>
 

@@ -7,9 +7,9 @@
 #include <shared_mutex>
 #include <string>
 
+#include "exported_call.h"
 #include "exports.h"
 #include "faults.h"
-#include "serve.h"
 
 namespace {
 

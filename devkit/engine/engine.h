@@ -4,8 +4,8 @@
 // host's use of OpenSSL nor its configuration file changes anything here, and nothing
 // here changes the host's. An Engine is constant once made; any number of threads may
 // use it at once.
-#ifndef AVEN_ENGINE_H
-#define AVEN_ENGINE_H
+#ifndef CORVANE_ENGINE_ENGINE_H
+#define CORVANE_ENGINE_ENGINE_H
 
 #include <openssl/evp.h>
 #include <openssl/provider.h>
@@ -13,10 +13,10 @@
 #include <cstddef>
 #include <memory>
 
+#include "engine/key_exchange/root_table.h"
+#include "engine/mac/mac.h"
 #include "errors.h"
 #include "handle_table.h"
-#include "mac.h"
-#include "root_table.h"
 
 // Owns a libcrypto object: Owned<EVP_MAC_CTX_free, EVP_MAC_CTX>.
 template <auto Free>

@@ -1,6 +1,6 @@
 // The engine's log: single lines, each written at once, never with secrets.
-#ifndef AVEN_ENGINE_LOG_H
-#define AVEN_ENGINE_LOG_H
+#ifndef CORVANE_ENGINE_ENGINE_LOG_H
+#define CORVANE_ENGINE_ENGINE_LOG_H
 
 // Sends the log to `target`, which is opened to append: "/dev/stderr" and
 // "/dev/stdout" mean the process's own streams, "" means no log. Returns whether the

@@ -45,8 +45,8 @@
  *                 lines. Decoding skips blanks, tabs and line ends, and takes text
  *                 with its "=" or without any.
  */
-#ifndef AVEN_ENGINE_NUMBERS_H
-#define AVEN_ENGINE_NUMBERS_H
+#ifndef CORVANE_ENGINE_ENGINE_NUMBERS_H
+#define CORVANE_ENGINE_ENGINE_NUMBERS_H
 
 #include "engine_interface.h"
 

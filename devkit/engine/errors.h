@@ -1,6 +1,6 @@
 // How the engine's functions fail. The codes are in engine_numbers.h.
-#ifndef AVEN_ERRORS_H
-#define AVEN_ERRORS_H
+#ifndef CORVANE_ENGINE_ERRORS_H
+#define CORVANE_ENGINE_ERRORS_H
 
 #include "engine_numbers.h"
 

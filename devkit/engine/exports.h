@@ -1,7 +1,7 @@
 // Declares the engine's 34 functions from the contract's list, so that a definition
 // with a wrong signature does not compile.
-#ifndef AVEN_EXPORTS_H
-#define AVEN_EXPORTS_H
+#ifndef CORVANE_ENGINE_EXPORTS_H
+#define CORVANE_ENGINE_EXPORTS_H
 
 #include "engine_interface.h"
 

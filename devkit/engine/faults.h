@@ -3,8 +3,8 @@
 //
 // The variable is read once, when the library is loaded, so that the functions that come
 // before aven_global_init can fail too. Nothing changes afterwards but the counts of calls.
-#ifndef AVEN_FAULTS_H
-#define AVEN_FAULTS_H
+#ifndef CORVANE_ENGINE_FAULTS_H
+#define CORVANE_ENGINE_FAULTS_H
 
 #include <optional>
 

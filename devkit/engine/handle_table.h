@@ -3,8 +3,8 @@
 // A handle is a random number, not an address. A forged, freed or foreign one, or one
 // of another kind of object, is therefore never dereferenced, only not found. Objects
 // stay alive while a call uses them, even if another thread frees the handle meanwhile.
-#ifndef AVEN_HANDLE_TABLE_H
-#define AVEN_HANDLE_TABLE_H
+#ifndef CORVANE_ENGINE_HANDLE_TABLE_H
+#define CORVANE_ENGINE_HANDLE_TABLE_H
 
 #include <cstdint>
 #include <memory>

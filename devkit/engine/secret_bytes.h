@@ -1,6 +1,6 @@
 // Bytes that are wiped before their memory is given back.
-#ifndef AVEN_SECRET_BYTES_H
-#define AVEN_SECRET_BYTES_H
+#ifndef CORVANE_ENGINE_SECRET_BYTES_H
+#define CORVANE_ENGINE_SECRET_BYTES_H
 
 #include <openssl/crypto.h>
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "catalogue.h"
+#include "host/catalogue/catalogue.h"
 #include "host_session.h"
 
 struct Outcome {

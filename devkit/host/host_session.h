@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "catalogue.h"
+#include "host/catalogue/catalogue.h"
 #include "params_interface.h"
 
 constexpr const char* pluginName = "libCorvane_plugin.so";

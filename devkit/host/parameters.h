@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "catalogue.h"
+#include "host/catalogue/catalogue.h"
 
 namespace CLI {
 class App;

@@ -8,8 +8,8 @@
 #include <optional>
 #include <string_view>
 
-#include "catalogue.h"
 #include "exchange.h"
+#include "host/catalogue/catalogue.h"
 #include "parameters.h"
 #include "values.h"
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "codec.h"
+#include "common/codec.h"
 #include "output.h"
 
 namespace {

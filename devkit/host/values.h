@@ -21,7 +21,7 @@
 #include <optional>
 #include <string>
 
-#include "catalogue.h"
+#include "host/catalogue/catalogue.h"
 
 // Turns the text of a value into what it stands for; the forms' prefixes are gone.
 using Expand = std::function<std::string(const std::string& text)>;

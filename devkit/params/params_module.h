@@ -5,8 +5,8 @@
  * Stores belong to the thread that calls: a thread sees only what it has stored
  * itself. They start empty, and go when the thread ends or the library is unloaded.
  */
-#ifndef CORVANE_PARAMS_MODULE_H
-#define CORVANE_PARAMS_MODULE_H
+#ifndef CORVANE_PARAMS_PARAMS_MODULE_H
+#define CORVANE_PARAMS_PARAMS_MODULE_H
 
 #include "params_interface.h"
 

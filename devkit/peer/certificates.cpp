@@ -13,7 +13,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "ke_protocol.h"
+#include "engine/key_exchange/ke_protocol.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "certificates.h"
-#include "ke_protocol.h"
+#include "engine/key_exchange/ke_protocol.h"
 
 struct ServerAnswer {
     std::string random;

@@ -8,9 +8,9 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
-#include "codec.h"
-#include "serve/secrets.h"
-#include "serve/worker_process.h"
+#include "common/codec.h"
+#include "common/secrets.h"
+#include "common/worker_process.h"
 #include "state_file.h"
 #include "worker.h"
 

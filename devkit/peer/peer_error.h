@@ -1,6 +1,6 @@
 // How the peer fails.
-#ifndef CORVANE_PEER_ERROR_H
-#define CORVANE_PEER_ERROR_H
+#ifndef CORVANE_PEER_PEER_ERROR_H
+#define CORVANE_PEER_PEER_ERROR_H
 
 #include <stdexcept>
 #include <string>

@@ -3,7 +3,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "codec.h"
+#include "common/codec.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "common/wire.h"
 #include "ke_server.h"
-#include "wire.h"
 
 class PeerWorker {
 public:

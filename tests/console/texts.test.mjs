@@ -59,7 +59,7 @@ describe('Chinese', () => {
 
     test('of the host\'s own refusals lacks nothing', () => {
         const document = execFileSync('grep', ['-hoE', '\\{"[a-z_]+", +[0-9]{3}, .*\\},',
-            fileURLToPath(new URL('../../devkit/host/serve/refusal.cpp', import.meta.url))]).toString();
+            fileURLToPath(new URL('../../devkit/service/requests/refusal.cpp', import.meta.url))]).toString();
         const texts = document.trim().split('\n').flatMap((row) =>
             JSON.parse(row.replace(/^\{/, '[').replace(/\},$/, ']')).slice(2));
         assert.ok(texts.length > 40);

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "../../devkit/engine/engine_numbers.h"
+#include "engine/engine_numbers.h"
 #include "engine_interface.h"
 
 namespace support {

@@ -5,8 +5,8 @@
 
 #include <type_traits>
 
-#include "ke_server.h"
 #include "openssl_tool.h"
+#include "peer/ke_server.h"
 
 namespace support {
 

@@ -17,7 +17,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "../devkit/engine/engine_numbers.h"
+#include "engine/engine_numbers.h"
 
 namespace support::oracle {
 

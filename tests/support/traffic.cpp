@@ -14,8 +14,8 @@
 #include <random>
 #include <utility>
 
-#include "../devkit/engine/engine_numbers.h"
-#include "ke_server.h"
+#include "engine/engine_numbers.h"
+#include "peer/ke_server.h"
 #include "support/oracle.h"
 
 namespace support {

@@ -7,13 +7,13 @@
 #include <memory>
 #include <string>
 
-#include "catalogue.h"
 #include "commands.h"
-#include "exchange.h"
+#include "host/catalogue/catalogue.h"
+#include "host/exchange.h"
+#include "host/parameters.h"
+#include "host/values.h"
 #include "latency_histogram.h"
 #include "option_checks.h"
-#include "parameters.h"
-#include "values.h"
 
 namespace {
 

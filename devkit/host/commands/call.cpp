@@ -4,14 +4,14 @@
 #include <memory>
 #include <string>
 
-#include "catalogue.h"
-#include "codec.h"
 #include "commands.h"
-#include "exchange.h"
+#include "common/codec.h"
+#include "host/catalogue/catalogue.h"
+#include "host/exchange.h"
+#include "host/parameters.h"
+#include "host/values.h"
 #include "option_checks.h"
-#include "parameters.h"
 #include "trace.h"
-#include "values.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The subcommands, a unit each. A function adds one to the command line: its options,
 // and what it does once the whole line has been read.
-#ifndef CORVANE_HOST_COMMANDS_H
-#define CORVANE_HOST_COMMANDS_H
+#ifndef CORVANE_HOST_COMMANDS_COMMANDS_H
+#define CORVANE_HOST_COMMANDS_COMMANDS_H
 
 #include <CLI/CLI.hpp>
 

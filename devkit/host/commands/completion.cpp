@@ -1,5 +1,5 @@
 // corvane-host completion: a script for the shell.
-#include "completion.h"
+#include "host/catalogue/completion.h"
 
 #include "commands.h"
 

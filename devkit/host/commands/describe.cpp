@@ -3,9 +3,9 @@
 #include <string>
 
 #include "commands.h"
-#include "descriptions.h"
-#include "exchange.h"
-#include "values.h"
+#include "host/catalogue/descriptions.h"
+#include "host/exchange.h"
+#include "host/values.h"
 
 namespace {
 

@@ -5,12 +5,12 @@
 #include <string>
 
 #include "commands.h"
-#include "doctor/isolation.h"
-#include "doctor/known_answers.h"
-#include "doctor/library_checks.h"
-#include "doctor/surroundings.h"
+#include "host/doctor/isolation.h"
+#include "host/doctor/known_answers.h"
+#include "host/doctor/library_checks.h"
+#include "host/doctor/surroundings.h"
+#include "host/values.h"
 #include "option_checks.h"
-#include "values.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "commands.h"
-#include "descriptions.h"
-#include "values.h"
+#include "host/catalogue/descriptions.h"
+#include "host/values.h"
 
 namespace {
 

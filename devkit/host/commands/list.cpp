@@ -2,8 +2,8 @@
 #include <memory>
 
 #include "commands.h"
-#include "descriptions.h"
-#include "values.h"
+#include "host/catalogue/descriptions.h"
+#include "host/values.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // corvane-host openapi: the HTTP interface for other programs.
-#include "openapi.h"
+#include "host/catalogue/openapi.h"
 
 #include "commands.h"
-#include "values.h"
+#include "host/values.h"
 
 void addOpenApi(CLI::App& app, Program& program)
 {

@@ -1,5 +1,5 @@
 // corvane-host script: several requests in one process.
-#include "script.h"
+#include "host/script.h"
 
 #include <memory>
 

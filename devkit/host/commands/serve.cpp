@@ -1,17 +1,26 @@
 // corvane-host serve: the service; and worker, one of its processes.
-#include "serve/serve.h"
+#include "service/serve.h"
 
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "commands.h"
-#include "serve/secrets.h"
-#include "serve/worker.h"
-#include "serve/worker_process.h"
+#include "common/secrets.h"
+#include "common/worker_process.h"
+#include "option_checks.h"
+#include "service/workers/worker.h"
 
 namespace {
+
+// Larger ones would not fit into a frame to a worker as Base64.
+constexpr double mostBodyBytes = 268435456;
+constexpr double mostOfAny = 1000000;
+constexpr double shortestSeconds = 0.01;
+constexpr double longestSeconds = 86400;
+constexpr double longestDrain = 3600;
 
 // This program once more, as a worker with the same libraries.
 std::vector<std::string> workerCommand(const Program& program)
@@ -33,6 +42,63 @@ void work(Program& program)
     const auto session = program.openSession();
     program.bareNames.removeFolder();
     Worker(*session).serve(workerSocket);
+}
+
+void addOptions(CLI::App& command, ServeOptions& options)
+{
+    const auto number = [&](const char* name, auto& value, double low, double high,
+                            const char* text) {
+        constexpr bool isWhole = std::is_integral_v<std::decay_t<decltype(value)>>;
+        return command.add_option(name, value, text)->check(between(low, high, isWhole));
+    };
+    const auto file = [&](const char* name, std::string& value, const char* text) {
+        return command.add_option(name, value, text)->check(notEmpty());
+    };
+
+    command.add_option("--listen", options.listen, "Address and port; port 0 for any free one")
+        ->type_name("HOST:PORT")
+        ->capture_default_str();
+    number("--workers", options.workers, 1, double{mostWorkers},
+           "Worker processes; default: processors");
+
+    command.add_flag("--no-auth", options.noAuth, "Ask for no token; on loopback only");
+    file("--token-file", options.tokenFile, "Where the token is, or is to be made")
+        ->type_name("FILE");
+    command.add_option("--allow-host", options.allowHosts, "Host name that clients may use")
+        ->type_name("NAME");
+    command.add_option("--allow-origin", options.allowOrigins, "Origin whose pages may send")
+        ->type_name("URL");
+    file("--tls-cert", options.tlsCert, "Certificate chain, PEM")->type_name("FILE");
+    file("--tls-key", options.tlsKey, "Private key, PEM")->type_name("FILE");
+    file("--ca-folder", options.caFolder, "Folder whose files clients may name")
+        ->type_name("FOLDER");
+    command.add_flag("--no-peer", options.noPeer, "Do not offer the key exchange's other side");
+
+    const auto limit = [&](const char* name, auto& value, double low, double high,
+                           const char* text) {
+        number(name, value, low, high, text)->capture_default_str();
+    };
+    const auto seconds = [&](const char* name, double& value, const char* text) {
+        limit(name, value, shortestSeconds, longestSeconds, text);
+    };
+    limit("--body-bytes", options.bodyBytes, 1, mostBodyBytes, "Largest body");
+    limit("--parameter-bytes", options.parameterBytes, 0, mostBodyBytes,
+          "Largest parameter; 0: as the body");
+    limit("--sessions", options.sessions, 0, mostOfAny, "Key-exchange sessions for each worker");
+    limit("--queue", options.queue, 0, mostOfAny, "Requests that wait for a worker");
+    limit("--connections", options.connections, 1, mostOfAny, "Connections");
+    limit("--connections-per-address", options.connectionsPerAddress, 1, mostOfAny,
+          "Connections of a client");
+    limit("--rate", options.rate, 0, mostOfAny,
+          "Requests per second of a client; 0 for any number");
+    limit("--burst", options.burst, 1, mostOfAny, "Requests of a client at once");
+    seconds("--request-seconds", options.requestSeconds, "Time for a request in a worker");
+    seconds("--read-seconds", options.readSeconds, "Time for a request to arrive");
+    seconds("--session-seconds", options.sessionSeconds, "Idle time of a key-exchange session");
+    limit("--drain-seconds", options.drainSeconds, 0, longestDrain,
+          "Time to finish requests at the end");
+    command.add_option("--access-log", options.accessLog, "Access log; default: standard error")
+        ->type_name("FILE");
 }
 
 }  // namespace

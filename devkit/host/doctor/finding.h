@@ -1,6 +1,6 @@
 // What a look at the libraries and their surroundings has found: a line of the report.
-#ifndef CORVANE_HOST_FINDING_H
-#define CORVANE_HOST_FINDING_H
+#ifndef CORVANE_HOST_DOCTOR_FINDING_H
+#define CORVANE_HOST_DOCTOR_FINDING_H
 
 #include <string>
 #include <vector>

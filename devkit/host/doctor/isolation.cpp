@@ -1,4 +1,4 @@
-#include "doctor/isolation.h"
+#include "isolation.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -16,7 +16,7 @@
 #include <system_error>
 #include <thread>
 
-#include "values.h"
+#include "host/values.h"
 
 namespace {
 

@@ -1,14 +1,14 @@
 // Checks that call into libraries, run in other processes: a library that crashes or hangs
 // costs the check in which it did, not the report.
-#ifndef CORVANE_HOST_ISOLATION_H
-#define CORVANE_HOST_ISOLATION_H
+#ifndef CORVANE_HOST_DOCTOR_ISOLATION_H
+#define CORVANE_HOST_DOCTOR_ISOLATION_H
 
 #include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "doctor/finding.h"
+#include "finding.h"
 
 using Tell = std::function<void(const Finding&)>;
 

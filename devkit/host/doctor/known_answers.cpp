@@ -1,4 +1,4 @@
-#include "doctor/known_answers.h"
+#include "known_answers.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -9,11 +9,11 @@
 #include <string_view>
 #include <vector>
 
-#include "catalogue.h"
-#include "codec.h"
-#include "doctor/samples.h"
-#include "exchange.h"
-#include "output.h"
+#include "common/codec.h"
+#include "host/catalogue/catalogue.h"
+#include "host/exchange.h"
+#include "host/output.h"
+#include "samples.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "doctor/library_checks.h"
+#include "library_checks.h"
 
 #include <dlfcn.h>
 #include <link.h>

@@ -1,13 +1,13 @@
 // Checks that load the libraries.
-#ifndef CORVANE_HOST_LIBRARY_CHECKS_H
-#define CORVANE_HOST_LIBRARY_CHECKS_H
+#ifndef CORVANE_HOST_DOCTOR_LIBRARY_CHECKS_H
+#define CORVANE_HOST_DOCTOR_LIBRARY_CHECKS_H
 
 #include <memory>
 #include <vector>
 
-#include "doctor/isolation.h"
-#include "doctor/surroundings.h"
-#include "host_session.h"
+#include "host/host_session.h"
+#include "isolation.h"
+#include "surroundings.h"
 
 // The libraries under test, loaded by the first check of a process that needs them.
 class Subject {

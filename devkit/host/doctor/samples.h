@@ -10,8 +10,8 @@
 //   openssl cms -encrypt -binary -aes-256-cbc -keyopt rsa_padding_mode:oaep
 //       -keyopt rsa_oaep_md:sha256                               with the certificate
 //   openssl enc -sm4-cbc -K ... -iv ...
-#ifndef CORVANE_HOST_SAMPLES_H
-#define CORVANE_HOST_SAMPLES_H
+#ifndef CORVANE_HOST_DOCTOR_SAMPLES_H
+#define CORVANE_HOST_DOCTOR_SAMPLES_H
 
 namespace samples {
 

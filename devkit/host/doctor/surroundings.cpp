@@ -1,4 +1,4 @@
-#include "doctor/surroundings.h"
+#include "surroundings.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>

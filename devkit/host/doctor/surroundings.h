@@ -1,14 +1,14 @@
 // What can be seen without loading the libraries: their files, where they were looked for,
 // and where logs go.
-#ifndef CORVANE_HOST_SURROUNDINGS_H
-#define CORVANE_HOST_SURROUNDINGS_H
+#ifndef CORVANE_HOST_DOCTOR_SURROUNDINGS_H
+#define CORVANE_HOST_DOCTOR_SURROUNDINGS_H
 
 #include <string>
 #include <vector>
 
-#include "doctor/finding.h"
-#include "host_session.h"
-#include "library_file.h"
+#include "finding.h"
+#include "host/host_session.h"
+#include "host/library_file.h"
 
 // One of the three libraries, as a host is to load it.
 struct LibraryChoice {

@@ -1,0 +1,32 @@
+// The text forms that binary values take on their way through requests and JSON.
+// Decoders check their input first and give nothing for text that is not of their form, so that
+// they leave no copies of a part of it.
+#ifndef CORVANE_COMMON_CODEC_H
+#define CORVANE_COMMON_CODEC_H
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// Base64 with "=" padding (RFC 4648): the URL-safe alphabet of requests (section 5),
+// and the standard one (section 4).
+std::string toUrlBase64(std::string_view bytes);
+std::string toBase64(std::string_view bytes);
+
+// Either alphabet, padded or not.
+std::optional<std::string> fromBase64(std::string_view text);
+// How many bytes the text stands for, without decoding it.
+std::optional<size_t> base64Size(std::string_view text);
+
+// Hex digits, two for a byte; of either case, where they are read.
+std::string toHex(std::string_view bytes);
+std::optional<std::string> fromHex(std::string_view text);
+
+// Undoes percent-escapes (RFC 3986, section 2.1) once.
+std::optional<std::string> percentDecode(std::string_view text);
+
+// Whether the bytes are well-formed UTF-8 (RFC 3629), which JSON text must be.
+bool isUtf8(std::string_view bytes);
+
+#endif

@@ -1,0 +1,85 @@
+// One thread's loop over descriptors and times.
+#ifndef CORVANE_COMMON_EVENT_LOOP_H
+#define CORVANE_COMMON_EVENT_LOOP_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+
+#include "descriptor.h"
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+inline Clock::time_point after(Seconds seconds)
+{
+    return Clock::now() + std::chrono::duration_cast<Clock::duration>(seconds);
+}
+
+class Alarm;
+
+class EventLoop {
+public:
+    using WatchId = uint64_t;
+
+    EventLoop();
+
+    // Calls `ready` with the EPOLL events of a descriptor until it is removed. The caller
+    // removes it before it closes the descriptor.
+    WatchId watch(int descriptor, uint32_t events, std::function<void(uint32_t)> ready);
+    void change(WatchId id, uint32_t events);
+    void unwatch(WatchId id);
+
+    // Runs until stopped. `between` is called before each wait and tells for how many
+    // milliseconds to wait at most; -1 for any time. What the other calls throw is told on
+    // standard error, and ends nothing but that call.
+    void run(const std::function<int()>& between);
+    void stop() { stopped_ = true; }
+
+private:
+    friend class Alarm;
+
+    struct Watch {
+        int descriptor;
+        std::shared_ptr<const std::function<void(uint32_t)>> ready;
+    };
+    // Alarms that are not set stand at the end of time.
+    using Alarms = std::multimap<Clock::time_point, Alarm*>;
+    static constexpr Clock::time_point never = Clock::time_point::max();
+
+    void arm();
+    void ring();
+
+    Descriptor epoll_;
+    Descriptor clock_;
+    std::map<WatchId, Watch> watches_;
+    WatchId lastId_ = 0;
+    Alarms alarms_;
+    Clock::time_point armedFor_ = never;
+    bool stopped_ = false;
+};
+
+// Calls at a time, once for each that it is set to. It takes memory when it is made and
+// none when it is set. The loop outlives it; the call may end it.
+class Alarm {
+public:
+    Alarm(EventLoop& loop, std::function<void()> call);
+    ~Alarm();
+    Alarm(const Alarm&) = delete;
+    Alarm& operator=(const Alarm&) = delete;
+
+    // In place of a time that it was set to before.
+    void set(Clock::time_point time);
+    void clear();
+
+private:
+    friend class EventLoop;
+
+    EventLoop& loop_;
+    const std::shared_ptr<const std::function<void()>> call_;
+    EventLoop::Alarms::iterator place_;
+};
+
+#endif

@@ -1,0 +1,57 @@
+// A worker process as the front sees it: a program at the other end of a socket pair.
+#ifndef CORVANE_COMMON_WORKER_PROCESS_H
+#define CORVANE_COMMON_WORKER_PROCESS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "wire.h"
+
+// The descriptor on which a worker finds its end of the pair.
+constexpr int workerSocket = 3;
+
+class WorkerProcess {
+public:
+    // Starts a program with these arguments, its name the first. It inherits standard
+    // output, standard error and the environment, and no other descriptor but its end of
+    // the pair. Throws a std::system_error.
+    WorkerProcess(const std::string& program, const std::vector<std::string>& command);
+    // Ends it at once. Its exit status is the caller's to collect.
+    ~WorkerProcess();
+    WorkerProcess(const WorkerProcess&) = delete;
+    WorkerProcess& operator=(const WorkerProcess&) = delete;
+
+    pid_t pid() const { return pid_; }
+    int socket() const { return socket_.get(); }
+
+    // Takes a frame over; one at a time.
+    void post(std::string frame, std::vector<Descriptor> files);
+    // Whether a part of it is still to be sent.
+    bool isSending() const { return !outgoing_.empty(); }
+    // Sends what the socket takes. False if the process is gone.
+    bool send();
+    // Receives what is there. False if the process is gone or breaks the form.
+    bool receive();
+    // The next reply, if it has come whole. False in `good` if it breaks the form.
+    bool take(WireReply& reply, bool& good);
+
+    // Lets it end when it has nothing more to do.
+    void hangUp();
+
+private:
+    Descriptor socket_;
+    pid_t pid_ = -1;
+    Descriptor process_;  // for signals: a number may be another process's by then
+    std::string outgoing_;
+    size_t sent_ = 0;
+    std::vector<Descriptor> files_;
+    std::string incoming_;
+};
+
+// In the worker: ends the process with the one that started it, and gives it the signals
+// of an ordinary process.
+void tieToParent();
+
+#endif

@@ -1,0 +1,399 @@
+#include "catalogue.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <numeric>
+
+#include "common/codec.h"
+
+namespace {
+
+constexpr Allowed any = {Allowed::Any, 0, 0, "", 0};
+
+constexpr Allowed range(int low, int high)
+{
+    return {Allowed::Range, low, high, "", 0};
+}
+
+constexpr Allowed oneOf(const char* digits)
+{
+    return {Allowed::OneOf, 0, 0, digits, 0};
+}
+
+constexpr Allowed size(size_t bytes)
+{
+    return {Allowed::Size, 0, 0, "", bytes};
+}
+
+// Each parameter once; a request names the ones that it reads. Numbers of ciphers,
+// modes, hashes and key pair types are the engine's.
+// clang-format off
+constexpr Form T = Form::Text, H = Form::Handle, P = Form::Path, B = Form::Base64,
+               E = Form::Base64Text, K = Form::KeyText;
+constexpr Need must = Need::Always, may = Need::Never;
+
+const Choices
+    pairTypes   = {{"1", "SM2"}, {"3", "RSA"}},
+    rsaPaddings = {{"0", "OAEP"}, {"1", "PKCS#1 v1.5"}},
+    sm2Forms    = {{"0", "ASN.1"}, {"1", "raw bytes"}},
+    sm2Orders   = {{"0", "C1C3C2"}, {"1", "C1C2C3"}},
+    ciphers     = {{"1", "SM4"}, {"2", "AES-128"}, {"3", "AES-192"}, {"4", "AES-256"},
+                   {"5", "ARIA-256"}, {"6", "Camellia-256"}, {"7", "3DES"}},
+    modes       = {{"1", "ECB"}, {"2", "CBC"}, {"3", "CFB"}, {"4", "OFB"}, {"5", "CTR"}, {"6", "GCM"}},
+    paddings    = {{"0", "none"}, {"1", "PKCS#7"}},
+    hashes      = {{"1", "SM3"}, {"2", "SHA-1"}, {"3", "SHA-224"}, {"4", "SHA-256"},
+                   {"5", "SHA-384"}, {"6", "SHA-512"}},
+    hashesOrDefault = {{"0", "default (SM3)"}, {"1", "SM3"}, {"2", "SHA-1"}, {"3", "SHA-224"},
+                       {"4", "SHA-256"}, {"5", "SHA-384"}, {"6", "SHA-512"}};
+
+const Parameter
+    strErr        = {"strErr",           T, must, any,              "",   "error code, as in an errorCode result"},
+    strIn         = {"strIn",            T, must, any,              "",   "the bytes, as they are"},
+    strInBase64   = {"strIn",            E, must, any,              "",   "the text to decode"},
+
+    strKe         = {"strKe",            H, must, any,              "",   "session, the Data of QZaven_ke_new"},
+    strSigKey     = {"strSig_key",       K, may,  any,              "",   "client's signing key"},
+    strEncKey     = {"strEnc_key",       K, may,  any,              "",   "client's encryption key"},
+    strSigCert    = {"strSig_cert",      K, may,  any,              "",   "client's signing certificate"},
+    strEncCert    = {"strEnc_cert",      K, may,  any,              "",   "client's encryption certificate"},
+    strPassword   = {"strPassword",      T, may,  any,              "",   "password of the private key"},
+    strCaFile     = {"strCa_file",       P, must, any,              "",   "file of trusted root certificates"},
+    strCaPath     = {"strCa_path",       P, may,  any,              "",   "folder of trusted root certificates"},
+    strSrvrRand   = {"strSrvr_rand",     B, may,  any,              "",   "server's random"},
+    strSrvrSig    = {"strSrvr_sig_cert", B, may,  any,              "",   "server's signing certificate"},
+    strSrvrEnc    = {"strSrvr_enc_cert", B, may,  any,              "",   "server's encryption certificate"},
+    strSrvrSign   = {"strSrvr_sign",     B, may,  any,              "",   "server's signature"},
+    channelData   = {"strdata",          B, may,  any,              "",   "the data"},
+    channelCipher = {"strcipher",        B, may,  any,              "",   "the ciphertext"},
+
+    pairType      = {"strKeyPairType",   T, may,  oneOf("13"),      "0",  "type of the key pair; absent: as the key says", pairTypes},
+    pairTypeMust  = {"strKeyPairType",   T, must, oneOf("13"),      "",   "type of the key pair", pairTypes},
+    publicKey     = {"strpk",            K, must, any,              "",   "public key"},
+    privateKey    = {"strsk",            K, must, any,              "",   "private key"},
+    certificate   = {"strpk",            K, must, any,              "",   "recipient's certificate"},
+    rsaPadding    = {"strRsaPaddingE",   T, may,  oneOf("01"),      "0",  "padding of RSA", rsaPaddings},
+    noAsn1        = {"strnoAsn1",        T, may,  oneOf("01"),      "0",  "form of SM2 ciphertext", sm2Forms},
+    noC1C3C2      = {"strnoc1c3c2",      T, may,  oneOf("01"),      "0",  "order of the parts of SM2 ciphertext", sm2Orders},
+    data          = {"strdata",          B, must, any,              "",   "the data"},
+    dataText      = {"strdata",          T, must, any,              "",   "the data, as it is"},
+    envelope      = {"strEncdata",       B, must, any,              "",   "the envelope"},
+
+    cipherAlg     = {"strCipherAlg",     T, must, range(1, 7),      "",   "the cipher", ciphers},
+    mode          = {"strMode",          T, must, oneOf("123456"),  "",   "the cipher's mode; 1 takes no IV, 6 has a tag", modes},
+    padding       = {"strCipherPadding", T, may,  oneOf("01"),      "0",  "padding of the data", paddings},
+    key           = {"strKey",           B, must, any,              "",   "the key"},
+    key16         = {"strKey",           B, must, size(16),         "",   "the key"},
+    iv            = {"strIV",            B, Need::UnlessMode1, any, "",   "initial value; ignored in mode 1"},
+    iv16          = {"strIV",            B, must, size(16),         "",   "initial value"},
+    aad           = {"straad",           B, Need::InMode6,     any, "",   "additional authenticated data; mode 6 only"},
+    tagLength     = {"strgcmTagLen",     T, may,  range(4, 16),     "16", "length of the tag in bytes; mode 6 only"},
+    tag           = {"strtag",           B, Need::InMode6,     any, "",   "the tag; mode 6 only"},
+
+    hashAlg       = {"strHashAlg",       T, must, range(1, 6),      "",   "the hash", hashes},
+    hashType      = {"HashType",         T, must, range(0, 6),      "",   "the hash; 0 for the engine's default", hashesOrDefault},
+    srcdata       = {"srcdata",          T, must, any,              "",   "the secret to derive from, as it is"},
+    outLen        = {"OutLen",           T, must, range(0, 65535),  "",   "length of the derived key in bytes"};
+
+const Result
+    code    = {"errorCode", Form::Text,    "0, or the code of the failure"},
+    plain   = {"Data",      Form::Text,    "the text"},
+    handle  = {"Data",      Form::Handle,  "the session"},
+    base64  = {"Data",      Form::Base64,  "the bytes"},
+    escaped = {"Data",      Form::Escaped, "the bytes"},
+    gcmTag  = {"gcmOutTag", Form::Base64,  "the tag; empty unless mode is 6"};
+
+// The plug-in's own codes; error_codes.cpp has their texts.
+constexpr int MISSING = -20001, RANGE = -20084, MEMORY = -20000, ENGINE = -20215;
+
+const std::vector<RequestInfo> requests = {
+    {"QZaVen_GetVersion",               "Engine",   "The engine's version text.",
+        {}, {plain, code}, {}},
+    {"QZaVen_strerror",                 "Engine",   "The engine's text for an error code. Writes no errorCode.",
+        {strErr}, {plain}, {}},
+    {"QZaven_crypto_base64_encode",     "Base64",   "Bytes to URL-safe Base64, by the engine.",
+        {strIn}, {base64, code}, {MISSING, ENGINE}},
+    {"QZaven_crypto_base64_Decode",     "Base64",   "Base64 of either alphabet to bytes, by the engine.",
+        {strInBase64}, {escaped, code}, {MISSING, ENGINE}},
+
+    {"QZaven_ke_new",                   "Key-exchange session", "Creates a session.",
+        {}, {handle, code}, {ENGINE}},
+    {"QZaven_ke_free",                  "Key-exchange session", "Frees a session.",
+        {strKe}, {code}, {MISSING, ENGINE}},
+    {"QZaven_ke_set_public_key",        "Key-exchange session", "Sets the client's keys.",
+        {strKe, strSigKey, strEncKey, strPassword}, {code}, {MISSING, ENGINE}},
+    {"QZaven_ke_set_certificate",       "Key-exchange session", "Sets the client's certificates.",
+        {strKe, strSigCert, strEncCert, strPassword}, {code}, {MISSING, ENGINE}},
+    {"QZaven_ke_set_root_certificate",  "Key-exchange session", "Sets the trusted roots.",
+        {strKe, strCaFile, strCaPath}, {code}, {MISSING, ENGINE}},
+    {"QZaven_ke_client_hello",          "Key-exchange session", "Makes the client hello, at most 32 bytes.",
+        {strKe}, {base64, code}, {MISSING, ENGINE}},
+    {"QZaven_ke_client_key_exchange",   "Key-exchange session", "Takes the server's answer and makes the client's message, at most 256 bytes.",
+        {strKe, strSrvrRand, strSrvrSig, strSrvrEnc, strSrvrSign}, {base64, code}, {MISSING, ENGINE}},
+
+    {"QZaven_ke_encrypt",               "Key-exchange channel", "Encrypts with the session's keys.",
+        {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
+    {"QZaven_ke_decrypt",               "Key-exchange channel", "Decrypts with the session's keys.",
+        {strKe, channelCipher}, {base64, code}, {MISSING, ENGINE}},
+    {"QZaven_ke_hmac",                  "Key-exchange channel", "HMAC with the session's keys.",
+        {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
+    {"QZaven_ke_cmac",                  "Key-exchange channel", "CMAC with the session's keys.",
+        {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
+
+    {"QZaven_crypto_public_encrypt",    "Public key", "Encrypts with a public key.",
+        {pairType, publicKey, rsaPadding, noAsn1, noC1C3C2, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+    {"QZaven_crypto_private_decrypt",   "Public key", "Decrypts with a private key.",
+        {pairType, privateKey, strPassword, rsaPadding, noAsn1, noC1C3C2, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+
+    {"QZaven_crypto_encrypt",           "Symmetric cipher", "Encrypts; mode 6 makes a tag too.",
+        {cipherAlg, mode, padding, key, iv, aad, data, tagLength}, {base64, code, gcmTag}, {MISSING, RANGE, MEMORY, ENGINE}},
+    {"QZaven_crypto_decrypt",           "Symmetric cipher", "Decrypts; mode 6 checks the tag.",
+        {cipherAlg, mode, padding, key, iv, aad, tag, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+    {"QZaven_crypto_gen_symmkey",       "Symmetric cipher", "Makes a key for a cipher.",
+        {cipherAlg}, {base64, code}, {MISSING, RANGE, ENGINE}},
+
+    {"QZaven_crypto_hmac",              "MAC and key derivation", "HMAC.",
+        {hashAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+    {"QZaven_crypto_cmac",              "MAC and key derivation", "CMAC.",
+        {cipherAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+    {"QZaven_crypto_kdf",               "MAC and key derivation", "Derives a key.",
+        {hashType, srcdata, outLen}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+
+    {"QZaven_crypto_envelope_encrypt",  "Envelope", "Seals data for the holder of a certificate.",
+        {dataText, certificate, cipherAlg, mode}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+    {"QZaven_crypto_envelope_decrypt",  "Envelope", "Opens an envelope.",
+        {envelope, pairTypeMust, privateKey, cipherAlg, mode}, {escaped, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+
+    {"QZaven_wbsm4_encrypt",            "White-box SM4", "Encrypts.",
+        {key16, iv16, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+    {"QZaven_wbsm4_decrypt",            "White-box SM4", "Decrypts.",
+        {key16, iv16, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+};
+// clang-format on
+
+bool isNeeded(Need need, const Pairs& parameters)
+{
+    const std::string* given = findValue(parameters, "strMode");
+    switch (need) {
+        case Need::Always:
+            return true;
+        case Need::Never:
+            return false;
+        case Need::UnlessMode1:
+            return given == nullptr || *given != "1";
+        case Need::InMode6:
+            return given != nullptr && *given == "6";
+    }
+    return false;
+}
+
+// A value's own fault, or "".
+std::string fault(const Parameter& parameter, const std::string& value)
+{
+    const Allowed& allowed = parameter.allowed;
+    if (isBase64(parameter.form)) {
+        const auto decodedSize = base64Size(parameter.form, value);
+        if (!decodedSize)
+            return notBase64;
+        if (allowed.kind == Allowed::Size && *decodedSize != allowed.size)
+            return "must be " + allowedText(allowed);
+    }
+    if (allowed.kind == Allowed::OneOf &&
+        (value.size() != 1 || std::string(allowed.digits).find(value) == std::string::npos))
+        return "must be " + allowedText(allowed);
+    if (allowed.kind == Allowed::Range) {
+        const long number = strtol(value.c_str(), nullptr, 10);
+        if (number < allowed.low || number > allowed.high)
+            return "must be " + allowedText(allowed);
+    }
+    return "";
+}
+
+// How many letters to insert, remove or replace to turn one name into the other.
+size_t editDistance(const std::string& a, const std::string& b)
+{
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i + 1;
+        for (size_t j = 0; j < b.size(); ++j) {
+            const bool same = tolower(static_cast<unsigned char>(a[i])) ==
+                              tolower(static_cast<unsigned char>(b[j]));
+            const size_t replaced = diagonal + (same ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({row[j] + 1, diagonal + 1, replaced});
+        }
+    }
+    return row.back();
+}
+
+}  // namespace
+
+const std::vector<RequestInfo>& catalogue()
+{
+    return requests;
+}
+
+const RequestInfo* findRequest(const std::string& name)
+{
+    for (const RequestInfo& request : requests)
+        if (request.name == name)
+            return &request;
+    return nullptr;
+}
+
+const Result* findResult(const RequestInfo& request, const std::string& name)
+{
+    for (const Result& result : request.results)
+        if (result.name == name)
+            return &result;
+    return nullptr;
+}
+
+std::string nearestRequest(const std::string& name)
+{
+    return std::min_element(requests.begin(), requests.end(),
+                            [&](const RequestInfo& a, const RequestInfo& b) {
+                                return editDistance(name, a.name) < editDistance(name, b.name);
+                            })
+        ->name;
+}
+
+const Parameter* findParameter(const RequestInfo& request, const std::string& name)
+{
+    for (const Parameter& parameter : request.parameters)
+        if (parameter.name == name)
+            return &parameter;
+    return nullptr;
+}
+
+Form formOf(const RequestInfo* request, const std::string& name)
+{
+    const Parameter* known = request == nullptr ? nullptr : findParameter(*request, name);
+    return known == nullptr ? Form::Text : known->form;
+}
+
+bool isBase64(Form form)
+{
+    return form == Form::Base64 || form == Form::Base64Text || form == Form::KeyText;
+}
+
+std::optional<size_t> base64Size(Form form, std::string_view text)
+{
+    // Blanks are none of them: a form turns a plus sign into one.
+    constexpr std::string_view lineEnds = "\r\n";
+    text = text.substr(0, text.find_last_not_of(lineEnds) + 1);
+    if (text.empty())
+        return std::nullopt;
+    if (form == Form::Base64 || text.find_first_of(lineEnds) == text.npos)
+        return base64Size(text);
+
+    std::string line(text);
+    line.erase(std::remove_if(line.begin(), line.end(),
+                              [&](char c) { return lineEnds.find(c) != lineEnds.npos; }),
+               line.end());
+    return base64Size(line);
+}
+
+bool isEncoded(Form form, Given given)
+{
+    return isBase64(form) && (given == Given::Text || given == Given::Bytes);
+}
+
+bool isMisencoded(Form form, Given given, std::string_view value)
+{
+    return isBase64(form) && given == Given::Plain && !value.empty() && !base64Size(form, value);
+}
+
+bool isSecret(const Parameter& parameter)
+{
+    const Allowed::Kind kind = parameter.allowed.kind;
+    return kind != Allowed::Range && kind != Allowed::OneOf && parameter.form != Form::Path;
+}
+
+std::vector<Complaint> complaints(const RequestInfo& request, const Pairs& parameters)
+{
+    std::vector<Complaint> list;
+    const auto complain = [&](const std::string& name, const std::string& what) {
+        list.push_back({name, name + " " + what});
+    };
+    for (const auto& given : parameters)
+        if (findParameter(request, given.first) == nullptr)
+            complain(given.first, std::string("is not a parameter of ") + request.name);
+    for (const Parameter& parameter : request.parameters) {
+        const std::string* value = findValue(parameters, parameter.name);
+        if (value != nullptr && !value->empty()) {
+            const std::string found = fault(parameter, *value);
+            if (!found.empty())
+                complain(parameter.name, found);
+        } else if (isNeeded(parameter.need, parameters)) {
+            complain(parameter.name, std::string("is missing (") + needText(parameter.need) + ")");
+        }
+    }
+    return list;
+}
+
+bool succeeded(const RequestInfo* request, const Pairs& results)
+{
+    // A request without errorCode succeeds by giving data.
+    if (request != nullptr && findResult(*request, "errorCode") == nullptr) {
+        const std::string* given = findValue(results, "Data");
+        return given != nullptr && !given->empty();
+    }
+    const std::string* written = findValue(results, "errorCode");
+    return written != nullptr && *written == "0";
+}
+
+const char* formName(Form form)
+{
+    switch (form) {
+        case Form::Text:
+            return "text";
+        case Form::Handle:
+            return "handle";
+        case Form::Path:
+            return "path";
+        case Form::Base64:
+        case Form::Base64Text:
+            return "base64";
+        case Form::KeyText:
+            return "key-text";
+        case Form::Escaped:
+            return "escaped";
+    }
+    return "";
+}
+
+const char* needText(Need need)
+{
+    switch (need) {
+        case Need::Always:
+            return "required";
+        case Need::Never:
+            return "optional";
+        case Need::UnlessMode1:
+            return "required unless strMode is 1";
+        case Need::InMode6:
+            return "required if strMode is 6";
+    }
+    return "";
+}
+
+std::string allowedText(const Allowed& allowed)
+{
+    switch (allowed.kind) {
+        case Allowed::Any:
+            return "";
+        case Allowed::Range:
+            return std::to_string(allowed.low) + " to " + std::to_string(allowed.high);
+        case Allowed::Size:
+            return std::to_string(allowed.size) + " bytes";
+        case Allowed::OneOf:
+            break;
+    }
+    std::string list = "one of";
+    for (const char* digit = allowed.digits; *digit != '\0'; ++digit)
+        list += std::string(" ") + *digit;
+    return list;
+}

@@ -1,0 +1,127 @@
+// The catalogue: every request that the plug-in serves, with its parameters, results and
+// codes. Lists, help, documents, forms, parameter checks and the decoding of results come
+// from it; error_codes.h has the codes' texts.
+#ifndef CORVANE_HOST_CATALOGUE_CATALOGUE_H
+#define CORVANE_HOST_CATALOGUE_CATALOGUE_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/pairs.h"
+
+// What the bytes of a value mean.
+enum class Form {
+    Text,        // as they are
+    Handle,      // the decimal text of a key-exchange session, good in one process only
+    Path,        // a file or folder of the host
+    Base64,      // URL-safe Base64 of bytes
+    Base64Text,  // the same, which the engine receives as text
+    KeyText,     // Base64 of a key or certificate, which the engine receives as text
+    Escaped,     // bytes, percent-escaped twice
+};
+
+// Whether bytes are Base64 on their way.
+bool isBase64(Form form);
+
+// How many bytes a text of such a form stands for; nothing if it is no Base64 to whoever
+// decodes it. The plug-in's decoder stops at the first character that is none: of line ends
+// it takes those at the end. Engines take them everywhere.
+std::optional<size_t> base64Size(Form form, std::string_view text);
+
+// How a value was given.
+enum class Given {
+    Plain,  // text, sent as it is; where Base64 is due it must be that
+    Text,   // a text, whose bytes are sent as the parameter takes bytes
+    Bytes,  // bytes, likewise
+    Raw,    // sent as it is, whatever the parameter takes
+};
+
+// Whether a value is sent as Base64 of what was given.
+bool isEncoded(Form form, Given given);
+// Whether a value must be refused. An empty one is not given.
+bool isMisencoded(Form form, Given given, std::string_view value);
+constexpr const char* notBase64 = "is not Base64 (URL-safe)";
+
+// When a parameter must be given. One given empty counts as not given.
+enum class Need { Always, Never, UnlessMode1, InMode6 };
+
+// The values that a parameter may have.
+struct Allowed {
+    enum Kind { Any, Range, OneOf, Size } kind;
+    int low;             // Range: a leading number counts, text behind it does not
+    int high;            //
+    const char* digits;  // OneOf: exactly one of these digits
+    size_t size;         // Size: of the decoded bytes
+};
+
+// What the development engine takes a value for. Another engine may number otherwise.
+struct Choice {
+    const char* value;
+    const char* text;
+};
+using Choices = std::vector<Choice>;
+
+struct Parameter {
+    const char* name;
+    Form form;
+    Need need;
+    Allowed allowed;
+    const char* ifAbsent;  // the value that an absent parameter stands for, or ""
+    const char* meaning;
+    Choices choices = {};
+};
+
+// Whether a value is to be kept out of what people see by the way: all but numbers and
+// paths may hold keys or plaintext.
+bool isSecret(const Parameter& parameter);
+
+struct Result {
+    const char* name;
+    Form form;
+    const char* meaning;
+};
+
+struct RequestInfo {
+    const char* name;
+    const char* group;
+    const char* summary;
+    std::vector<Parameter> parameters;  // in the order in which the plug-in reads them
+    std::vector<Result> results;        // in the order in which it writes them
+    std::vector<int> codes;             // its own that it may write; the engine's come on top
+};
+
+// All requests, in the order of their function IDs, 0 to 26.
+const std::vector<RequestInfo>& catalogue();
+
+const RequestInfo* findRequest(const std::string& name);
+const Result* findResult(const RequestInfo& request, const std::string& name);
+
+// The known name that is nearest to a mistyped one.
+std::string nearestRequest(const std::string& name);
+
+const Parameter* findParameter(const RequestInfo& request, const std::string& name);
+
+// A parameter's form; text if the request, which may be null, does not know it.
+Form formOf(const RequestInfo* request, const std::string& name);
+
+// What looks wrong with a parameter. The text names the field, never its value.
+struct Complaint {
+    std::string field;
+    std::string text;
+};
+
+// What looks wrong with the parameters of a request: unknown ones, missing ones, values
+// outside their form or set.
+std::vector<Complaint> complaints(const RequestInfo& request, const Pairs& parameters);
+
+// Whether the results tell of success.
+bool succeeded(const RequestInfo* request, const Pairs& results);
+
+// How forms, needs and sets are called.
+const char* formName(Form form);
+const char* needText(Need need);
+std::string allowedText(const Allowed& allowed);  // "" if any
+
+#endif

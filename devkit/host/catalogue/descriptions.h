@@ -1,0 +1,26 @@
+// The catalogue as people and programs read it.
+#ifndef CORVANE_HOST_CATALOGUE_DESCRIPTIONS_H
+#define CORVANE_HOST_CATALOGUE_DESCRIPTIONS_H
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "catalogue.h"
+#include "error_codes.h"
+
+// For a terminal.
+std::string describe(const RequestInfo& request);
+std::string listRequests();
+std::string explain(const ErrorCode& code);
+std::string listErrorCodes();
+
+// For programs.
+nlohmann::ordered_json toJson(const RequestInfo& request);
+nlohmann::ordered_json toJson(const ErrorCode& code);
+// {"version", "requests", "codes"}: all there is.
+nlohmann::ordered_json catalogueJson();
+
+// docs/requests.md.
+std::string requestsDocument();
+
+#endif

@@ -1,0 +1,10 @@
+// The HTTP interface of `corvane-host serve` as an OpenAPI 3.1.0 document, made from the
+// catalogue.
+#ifndef CORVANE_HOST_CATALOGUE_OPENAPI_H
+#define CORVANE_HOST_CATALOGUE_OPENAPI_H
+
+#include <nlohmann/json.hpp>
+
+nlohmann::ordered_json openApi();
+
+#endif

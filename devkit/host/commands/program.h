@@ -1,0 +1,39 @@
+// What all subcommands share: the program's output, its libraries and its exit code.
+#ifndef CORVANE_HOST_COMMANDS_PROGRAM_H
+#define CORVANE_HOST_COMMANDS_PROGRAM_H
+
+#include <memory>
+
+#include "host/bare_names.h"
+#include "host/host_session.h"
+#include "host/output.h"
+
+enum ExitCode {
+    SUCCESS = 0,
+    REFUSED = 1,  // by the plug-in or the engine
+    USAGE = 2,    // or a file that cannot be read or written
+    LOADING = 3,
+};
+
+class Program {
+public:
+    explicit Program(char** argv) : argv_(argv) {}
+
+    // Loads the chosen libraries. May start the program again, so that standard input
+    // must not have been read. Throws a LoadError.
+    std::unique_ptr<HostSession> openSession();
+
+    // Starts the program again, so that the libraries answer to their bare names (see
+    // bare_names.h). Returns if that has been done.
+    void startAgain() { bareNames.startAgain(withDefaults(paths), argv_, output); }
+
+    Output output;
+    LibraryPaths paths;  // as given
+    BareNames bareNames;
+    ExitCode exitCode = SUCCESS;  // set by the subcommand
+
+private:
+    char** argv_;
+};
+
+#endif

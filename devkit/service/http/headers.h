@@ -1,0 +1,45 @@
+// The headers of a request that the host looks at.
+#ifndef CORVANE_SERVICE_HTTP_HEADERS_H
+#define CORVANE_SERVICE_HTTP_HEADERS_H
+
+#include <microhttpd.h>
+
+#include <string>
+#include <string_view>
+
+#include "common/secrets.h"
+
+struct Headers {
+    std::string host;
+    std::string origin;
+    std::string fetchSite;
+    std::string authorization;
+    std::string contentType;
+    std::string contentLength;
+    std::string contentEncoding;
+    std::string transferEncoding;
+    std::string noneMatch;
+    bool hasBody = false;
+
+    ~Headers() { wipe(authorization); }
+
+    // As announced; 0 for one in chunks.
+    size_t bodySize() const;
+};
+
+// The first line of a request, where libmicrohttpd keeps it.
+struct FirstLine {
+    const char* method;
+    const char* target;
+    size_t targetSize;  // up to the version, or to a NUL
+    const char* version;
+};
+
+// Throws a Refusal for too many headers, and for what two readers of the same bytes could
+// take for different requests; the connection has to end then. `hasBody` is right also then.
+void readHeaders(MHD_Connection* connection, const FirstLine& first, Headers& headers);
+
+// RFC 9110, section 5.6.2: of headers and methods.
+bool isHeaderName(std::string_view name);
+
+#endif

@@ -1,0 +1,105 @@
+// HTTP: connections, headers, routes and answers, on libmicrohttpd.
+#ifndef CORVANE_SERVICE_HTTP_SERVER_H
+#define CORVANE_SERVICE_HTTP_SERVER_H
+
+#include <microhttpd.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "headers.h"
+#include "service/operation/access.h"
+#include "service/operation/access_log.h"
+#include "service/requests/service.h"
+
+class Server {
+public:
+    // Listens. A null token: none is asked for. Throws a UsageError.
+    Server(EventLoop& loop, const ServeOptions& options, Service& service, Metrics& metrics,
+           AccessLog& log, const BearerToken* token);
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    // "http://127.0.0.1:8720"
+    const std::string& url() const { return url_; }
+
+    // Does what is to do, and tells for how many milliseconds there is nothing.
+    int run();
+
+    // Takes no more connections. The ones that there are get one more answer each, if they
+    // ask for it within a second.
+    void drain();
+    // Whether there are connections.
+    bool isBusy() const { return !connections_.empty(); }
+    // Ends those that have asked for nothing.
+    void endWaiting();
+
+private:
+    struct Connection;
+    struct Exchange;
+    class Reply;
+
+    // Callbacks of the library, which is C: they throw nothing.
+    static void onConnection(void* self, MHD_Connection* connection, void** context,
+                             MHD_ConnectionNotificationCode what);
+    static void* onUri(void* self, const char* uri, MHD_Connection* connection);
+    static MHD_Result onRequest(void* self, MHD_Connection* connection, const char* url,
+                                const char* method, const char* version, const char* data,
+                                size_t* size, void** context);
+    static void onCompleted(void* self, MHD_Connection* connection, void** context,
+                            MHD_RequestTerminationCode how);
+
+    void listen();
+    void acceptAll();
+    void add(MHD_Connection* handle, void** context);
+    void remove(Connection& connection, MHD_Connection* handle);
+    Exchange* begin(Connection& connection, MHD_Connection* handle, std::string_view target);
+    void finish(Connection& connection, bool isWhole);
+    void log(const Exchange& exchange, bool isWhole);
+
+    MHD_Result take(Exchange& exchange, const FirstLine& first, const char* data, size_t* size);
+    MHD_Result takeHead(Exchange& exchange, const FirstLine& first);
+    MHD_Result takePiece(Exchange& exchange, std::string_view piece);
+    void checkAccess(const Exchange& exchange) const;
+    void route(Exchange& exchange, const char* method);
+    void checkBody(Exchange& exchange);
+    void makeRoom(Exchange& exchange, size_t bytes);
+    void dispatch(Exchange& exchange);
+    MHD_Result queue(Exchange& exchange);
+    MHD_Response* makeResponse(Exchange& exchange);
+
+    void cutOff(Connection& connection, const Refusal* refusal) noexcept;
+    void sendRefusal(Connection& connection, const Refusal& refusal);
+    void sweep();
+    Seconds grace() const;
+    std::string metricsText() const;
+
+    EventLoop& loop_;
+    const ServeOptions& options_;
+    Service& service_;
+    Metrics& metrics_;
+    AccessLog& log_;
+    const BearerToken* const token_;
+    const AllowedSites sites_;
+    Rates rates_;
+    // Made before there is no memory for it.
+    const Refusal late_{"timeout", "", "the request did not arrive whole in time"};
+    std::string url_;
+    std::string certificate_;
+    std::string key_;
+    Descriptor socket_;
+    MHD_Daemon* daemon_ = nullptr;
+    std::map<Connection*, std::unique_ptr<Connection>> connections_;
+    std::map<std::string, size_t> perAddress_;
+    size_t calls_ = 0;       // of the library
+    size_t accepted_ = 0;    // connections, ever
+    size_t idleRounds_ = 0;  // of run() in which it did not call, less those that were paid for
+    size_t bodyBytes_ = 0;   // of requests that are under way, with what is announced
+    bool draining_ = false;
+    Alarm sweep_;
+};
+
+#endif

@@ -1,0 +1,79 @@
+// Who may send requests, and how many.
+#ifndef CORVANE_SERVICE_OPERATION_ACCESS_H
+#define CORVANE_SERVICE_OPERATION_ACCESS_H
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "common/event_loop.h"
+#include "options.h"
+
+// The token that clients show, in a file that its owner alone can read.
+class BearerToken {
+public:
+    // Reads the file, or makes it with a new token. Of many who make it at once, one does,
+    // and the others read; it is never there in part. Throws a UsageError.
+    explicit BearerToken(std::string file);
+    ~BearerToken();
+    BearerToken(const BearerToken&) = delete;
+    BearerToken& operator=(const BearerToken&) = delete;
+
+    static std::string defaultFile();
+
+    const std::string& file() const { return file_; }
+    const std::string& text() const { return token_; }
+
+    // Whether an Authorization header shows it. Takes the same time wherever they differ.
+    bool isShownBy(const std::string& authorization) const;
+
+private:
+    bool read();
+    bool make();
+
+    const std::string file_;
+    std::string token_;
+};
+
+// The name in a Host header, in lower case and without the port; "" if there is none.
+std::string hostName(const std::string& header);
+
+// Which names the host is known by, and which pages may use it: a page of another site
+// must not reach it through the user's browser, by its address or by a name of its own
+// that leads here.
+class AllowedSites {
+public:
+    AllowedSites(const ServeOptions& options);
+
+    bool isHost(const std::string& hostHeader) const;
+    // Of the page that sends. `hostHeader` is an allowed one.
+    bool isOrigin(const std::string& origin, const std::string& hostHeader) const;
+
+private:
+    std::vector<std::string> hosts_;
+    std::vector<std::string> origins_;
+    const char* scheme_;
+};
+
+// What each address has sent lately: a bucket that fills at the rate up to the burst.
+class Rates {
+public:
+    Rates(double perSecond, double burst) : perSecond_(perSecond), burst_(burst) {}
+
+    bool take(const std::string& address, Clock::time_point now);
+    // Forgets addresses whose bucket is full again.
+    void sweep(Clock::time_point now);
+
+private:
+    struct Bucket {
+        double level;
+        Clock::time_point time;
+    };
+    double levelOf(const Bucket& bucket, Clock::time_point now) const;
+
+    const double perSecond_;
+    const double burst_;
+    std::unordered_map<std::string, Bucket> buckets_;
+};
+
+#endif

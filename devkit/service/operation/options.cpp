@@ -1,0 +1,107 @@
+#include "options.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <system_error>
+
+#include "access.h"
+#include "host/output.h"
+
+namespace {
+
+// The TLS library would not say which file is wrong. A pipe can be read once only.
+void checkPem(const std::string& file, const char* label, const char* what)
+{
+    struct stat info = {};
+    if (stat(file.c_str(), &info) != 0)
+        throw UsageError("cannot read " + file + ": " + std::generic_category().message(errno));
+    if (S_ISDIR(info.st_mode))
+        throw UsageError(file + " is not a file");
+    if (!S_ISREG(info.st_mode))
+        return;
+    std::ifstream stream(file, std::ios::binary);
+    if (!stream)
+        throw UsageError("cannot read " + file + ": " + std::generic_category().message(errno));
+    bool isFit = false;
+    for (std::string line; !isFit && std::getline(stream, line);)
+        isFit = line.find(label) != std::string::npos;
+    if (!isFit)
+        throw UsageError(file + " holds no " + what + " in PEM");
+}
+
+bool isHost(const std::string& text)
+{
+    const bool isPlain = std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+               std::string_view("-._:[]").find(c) != std::string_view::npos;
+    });
+    return isPlain && !hostName(text).empty();
+}
+
+// One that is written otherwise than clients write it would never be met.
+void checkSites(const ServeOptions& options)
+{
+    for (const std::string& host : options.allowHosts)
+        if (!isHost(host))
+            throw UsageError("--allow-host takes a host's name, with a port or without");
+    for (const std::string& origin : options.allowOrigins) {
+        const size_t end = origin.find("://");
+        const std::string scheme = origin.substr(0, end);
+        if ((scheme != "http" && scheme != "https") || end == std::string::npos ||
+            !isHost(origin.substr(end + 3)))
+            throw UsageError(
+                "--allow-origin takes an origin: http:// or https://, a host's name, and a port "
+                "or none");
+    }
+}
+
+}  // namespace
+
+bool isLoopback(const std::string& address)
+{
+    const bool isIpv4 = address.compare(0, 4, "127.") == 0 &&
+                        address.find_first_not_of("0123456789.") == std::string::npos;
+    return isIpv4 || address == "::1" || address == "localhost";
+}
+
+void checkOptions(ServeOptions& options)
+{
+    const size_t colon = options.listen.rfind(':');
+    if (colon == std::string::npos || colon == 0)
+        throw UsageError("--listen takes HOST:PORT, an IPv6 address in brackets");
+    options.host = options.listen.substr(0, colon);
+    options.port = options.listen.substr(colon + 1);
+    if (options.host.front() == '[' && options.host.back() == ']')
+        options.host = options.host.substr(1, options.host.size() - 2);
+    else if (options.host.find(':') != std::string::npos)
+        throw UsageError("--listen takes an IPv6 address in brackets");
+    if (options.port.empty() || options.port.size() > 5 ||
+        options.port.find_first_not_of("0123456789") != std::string::npos ||
+        std::stoi(options.port) > 65535)
+        throw UsageError("--listen takes a port from 0 to 65535");
+
+    const bool tls = !options.tlsCert.empty();
+    if (tls != !options.tlsKey.empty())
+        throw UsageError("--tls-cert and --tls-key belong together");
+    const bool isLocal = isLoopback(options.host);
+    if (!isLocal && options.noAuth)
+        throw UsageError("--no-auth is for loopback addresses only");
+    if (!isLocal && !tls)
+        throw UsageError("an address other than loopback needs --tls-cert and --tls-key");
+    checkSites(options);
+    if (tls) {
+        checkPem(options.tlsCert, "CERTIFICATE-----", "certificate");
+        checkPem(options.tlsKey, "PRIVATE KEY-----", "private key");
+    }
+
+    if (options.workers == 0)
+        options.workers = std::clamp<size_t>(
+            static_cast<size_t>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN))), 1, mostWorkers);
+    if (options.parameterBytes == 0)
+        options.parameterBytes = options.bodyBytes;
+}

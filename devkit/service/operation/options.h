@@ -1,0 +1,50 @@
+// What the operator can choose for `serve`.
+#ifndef CORVANE_SERVICE_OPERATION_OPTIONS_H
+#define CORVANE_SERVICE_OPERATION_OPTIONS_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+constexpr size_t mostWorkers = 256;
+
+struct ServeOptions {
+    std::string listen = "127.0.0.1:8720";
+    size_t workers = 0;  // 0: one for each processor
+
+    bool noAuth = false;
+    std::string tokenFile;  // empty: the default place
+    std::vector<std::string> allowHosts;
+    std::vector<std::string> allowOrigins;
+    std::string tlsCert;
+    std::string tlsKey;
+    std::string caFolder;
+    bool noPeer = false;
+
+    size_t bodyBytes = size_t{16} << 20;
+    size_t parameterBytes = 0;  // 0: as the body
+    size_t sessions = 1024;     // per worker
+    size_t queue = 1024;
+    size_t connections = 4096;
+    size_t connectionsPerAddress = 2048;
+    double rate = 1000;  // requests per second and address; 0 for any number
+    double burst = 2000;
+    double requestSeconds = 30;
+    double readSeconds = 30;
+    double sessionSeconds = 300;
+    double drainSeconds = 30;
+
+    std::string accessLog;  // empty: standard error
+
+    // Settled by checkOptions: the two halves of `listen`.
+    std::string host;
+    std::string port;
+};
+
+// Fills in what depends on the machine, and throws a UsageError for what does not fit
+// together or is not safe.
+void checkOptions(ServeOptions& options);
+
+bool isLoopback(const std::string& address);
+
+#endif

@@ -1,0 +1,30 @@
+// Files that clients name, below one folder whatever they write, and files that they
+// upload.
+#ifndef CORVANE_SERVICE_REQUESTS_CONFINED_FILES_H
+#define CORVANE_SERVICE_REQUESTS_CONFINED_FILES_H
+
+#include <string>
+#include <string_view>
+
+#include "common/descriptor.h"
+
+class ConfinedFiles {
+public:
+    // An empty folder's name: no file can be named. Throws a UsageError.
+    explicit ConfinedFiles(const std::string& folder);
+
+    // A regular file or a folder below the folder, for reading. No absolute path, no "..",
+    // no symbolic link. Throws a Refusal that names the field.
+    Descriptor openFile(const std::string& name, const std::string& field) const;
+    Descriptor openFolder(const std::string& name, const std::string& field) const;
+
+    // A file in memory that holds the bytes and cannot be changed.
+    static Descriptor upload(std::string_view bytes);
+
+private:
+    Descriptor open(const std::string& name, const std::string& field, bool isFolder) const;
+
+    Descriptor folder_;
+};
+
+#endif

@@ -1,0 +1,162 @@
+#include "json_tree.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "common/codec.h"
+#include "refusal.h"
+
+namespace {
+
+constexpr size_t longestName = 128;
+
+// Builds the tree from the parser's events. What it throws passes through the parser.
+class Builder : public nlohmann::json_sax<nlohmann::json> {
+public:
+    explicit Builder(const JsonLimits& limits) : limits_(limits) {}
+
+    JsonNode take() { return std::move(root_); }
+
+    bool null() override { return add(JsonNode::Other, ""); }
+    bool boolean(bool /*value*/) override { return add(JsonNode::Other, ""); }
+    bool number_integer(number_integer_t value) override
+    {
+        return add(JsonNode::Integer, std::to_string(value));
+    }
+    bool number_unsigned(number_unsigned_t value) override
+    {
+        return add(JsonNode::Integer, std::to_string(value));
+    }
+    bool number_float(number_float_t /*value*/, const string_t& /*text*/) override
+    {
+        return add(JsonNode::Other, "");
+    }
+    bool binary(binary_t& /*value*/) override { return false; }
+    bool string(string_t& value) override
+    {
+        add(JsonNode::Text, value);
+        wipe(value);
+        return true;
+    }
+    bool start_object(size_t /*size*/) override { return open(JsonNode::Object); }
+    bool start_array(size_t /*size*/) override { return open(JsonNode::Array); }
+    bool end_object() override { return close(); }
+    bool end_array() override { return close(); }
+    bool key(string_t& name) override
+    {
+        if (!isName(name))
+            throw Refusal("malformed", where(), "a name is not 1 to 128 printable characters");
+        const JsonNode& object = *path_.back();
+        if (object.find(name) != nullptr)
+            throw Refusal("duplicate_parameter", memberOf(where(), name), name + " is given twice");
+        if (object.members.size() >= limits_.members)
+            throw Refusal(
+                "too_many_parameters", where(),
+                "an object has more than " + std::to_string(limits_.members) + " members");
+        key_ = name;
+        return true;
+    }
+    // The parser's message quotes what it read.
+    bool parse_error(size_t position, const std::string& /*token*/,
+                     const nlohmann::detail::exception& error) override
+    {
+        constexpr int numberOutOfRange = 406;
+        if (error.id == numberOutOfRange)
+            throw Refusal("wrong_type", where(), "a number is too large");
+        throw Refusal("malformed", where(),
+                      "the body is not JSON; reading stopped at byte " + std::to_string(position));
+    }
+
+private:
+    bool add(JsonNode::Kind kind, const std::string& text)
+    {
+        JsonNode node;
+        node.kind = kind;
+        node.text = text;
+        place(std::move(node));
+        return true;
+    }
+
+    JsonNode& place(JsonNode node)
+    {
+        if (path_.empty())
+            return root_ = std::move(node);
+        JsonNode& parent = *path_.back();
+        if (parent.kind == JsonNode::Array && parent.members.size() >= limits_.items)
+            throw Refusal("too_many_parameters", where(),
+                          "an array has more than " + std::to_string(limits_.items) + " items");
+        return parent.members.emplace_back(key_, std::move(node)).second;
+    }
+
+    bool open(JsonNode::Kind kind)
+    {
+        if (path_.size() >= limits_.depth)
+            throw Refusal("malformed", where(), "the body is nested more deeply than it can be");
+        JsonNode node;
+        node.kind = kind;
+        path_.push_back(&place(std::move(node)));
+        key_.clear();
+        return true;
+    }
+
+    // Nothing is added to a node's parent while the node is open, so pointers stay good.
+    bool close()
+    {
+        path_.pop_back();
+        return true;
+    }
+
+    // Of the innermost object or array.
+    std::string where() const
+    {
+        std::string place;
+        for (size_t i = 0; i + 1 < path_.size(); ++i)
+            place = path_[i]->kind == JsonNode::Array
+                        ? itemOf(place, path_[i]->members.size() - 1)
+                        : memberOf(place, path_[i]->members.back().first);
+        return place;
+    }
+
+    const JsonLimits& limits_;
+    JsonNode root_;
+    std::vector<JsonNode*> path_;
+    std::string key_;
+};
+
+}  // namespace
+
+const JsonNode* JsonNode::find(const std::string& name) const
+{
+    const auto found = std::find_if(members.begin(), members.end(),
+                                    [&](const auto& member) { return member.first == name; });
+    return found == members.end() ? nullptr : &found->second;
+}
+
+JsonNode parseJson(std::string_view text, const JsonLimits& limits)
+{
+    if (!isUtf8(text))
+        throw Refusal("bad_encoding", "", "the body is not UTF-8");
+    // The parser takes such a byte for the end of the text.
+    if (text.find('\0') != std::string_view::npos)
+        throw Refusal("malformed", "", "the body has a byte of value 0");
+    Builder builder(limits);
+    nlohmann::json::sax_parse(text, &builder);
+    return builder.take();
+}
+
+std::string memberOf(const std::string& where, const std::string& name)
+{
+    return where.empty() ? name : where + "." + name;
+}
+
+std::string itemOf(const std::string& where, size_t index)
+{
+    return where + "[" + std::to_string(index) + "]";
+}
+
+bool isName(std::string_view name)
+{
+    return !name.empty() && name.size() <= longestName && isUtf8(name) &&
+           std::none_of(name.begin(), name.end(),
+                        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
+}

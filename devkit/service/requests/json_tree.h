@@ -1,0 +1,39 @@
+// JSON as a tree of texts, as far as bodies of requests need it: what is deeper, larger
+// or twice there is refused as soon as it is seen.
+#ifndef CORVANE_SERVICE_REQUESTS_JSON_TREE_H
+#define CORVANE_SERVICE_REQUESTS_JSON_TREE_H
+
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "common/secrets.h"
+
+struct JsonNode {
+    enum Kind { Other, Text, Integer, Object, Array };
+
+    Kind kind = Other;
+    SecretText text;                                        // of a text; decimal of an integer
+    std::vector<std::pair<std::string, JsonNode>> members;  // without names in an array
+
+    const JsonNode* find(const std::string& name) const;
+};
+
+struct JsonLimits {
+    size_t depth;    // of arrays and objects
+    size_t members;  // of an object
+    size_t items;    // of an array
+};
+
+// Throws a Refusal.
+JsonNode parseJson(std::string_view text, const JsonLimits& limits);
+
+// "requests[3].parameters" and such.
+std::string memberOf(const std::string& where, const std::string& name);
+std::string itemOf(const std::string& where, size_t index);
+
+// Whether a name is short and printable: others are refused, and never repeated.
+bool isName(std::string_view name);
+
+#endif

@@ -1,0 +1,178 @@
+#include "request_body.h"
+
+#include <algorithm>
+
+#include "common/codec.h"
+#include "common/text.h"
+#include "content_type.h"
+#include "form_body.h"
+#include "json_tree.h"
+
+namespace {
+
+constexpr const char* jsonType = "application/json";
+
+// Without its parameters.
+std::string_view mediaType(const std::string& contentType)
+{
+    return trimmed(std::string_view(contentType).substr(0, contentType.find(';')));
+}
+
+bool isJson(const std::string& contentType)
+{
+    if (!equalIgnoringCase(mediaType(contentType), jsonType))
+        return false;
+    const auto charset = headerParameter(contentType, "charset");
+    if (charset && !equalIgnoringCase(*charset, "utf-8"))
+        throw Refusal("unsupported_type", "Content-Type", "JSON is read as UTF-8 only");
+    return true;
+}
+
+// {"text"}, {"base64"}, {"hex"} or {"raw"} with a string.
+Field readObject(const JsonNode& node, const std::string& where)
+{
+    if (node.members.size() != 1 || node.members[0].second.kind != JsonNode::Text)
+        throw Refusal("wrong_type", where,
+                      "an object as a value has one member, text, base64, hex or raw, and that is "
+                      "a string");
+    const auto& [form, value] = node.members[0];
+    Field field;
+    if (form == "text" || form == "raw") {
+        field.given = form == "raw" ? Given::Raw : Given::Text;
+        field.value = value.text;
+        return field;
+    }
+    field.given = Given::Bytes;
+    const bool isBase64 = form == "base64";
+    if (!isBase64 && form != "hex")
+        throw Refusal("wrong_type", where, "a value has text, base64, hex or raw, nothing else");
+    auto bytes = isBase64 ? fromBase64(value.text) : fromHex(value.text);
+    if (!bytes)
+        throw Refusal(
+            "bad_encoding", where,
+            isBase64 ? "the value is not Base64" : "the value is not pairs of hex digits");
+    field.value = *std::move(bytes);
+    return field;
+}
+
+Fields readParameters(const JsonNode& object, const std::string& where, const BodyLimits& limits)
+{
+    if (object.kind != JsonNode::Object)
+        throw Refusal("wrong_type", where, "the parameters are not a JSON object");
+    if (object.members.size() > limits.parameters)
+        throw Refusal("too_many_parameters", where,
+                      "there are more than " + std::to_string(limits.parameters) + " parameters");
+    Fields fields;
+    for (const auto& [name, node] : object.members) {
+        const std::string place = memberOf(where, name);
+        Field field;
+        if (node.kind == JsonNode::Object)
+            field = readObject(node, place);
+        else if (node.kind == JsonNode::Text || node.kind == JsonNode::Integer)
+            field.value = node.text;
+        else
+            throw Refusal("wrong_type", place,
+                          "a value is a string, an integer of at most 64 bits, or an object with "
+                          "text, base64, hex or raw");
+        field.name = name;
+        field.where = place;
+        fields.push_back(std::move(field));
+    }
+    return fields;
+}
+
+void checkSizes(const Fields& fields, const BodyLimits& limits)
+{
+    for (const Field& field : fields)
+        if (field.value.size() > limits.parameterBytes)
+            throw Refusal(
+                "parameter_too_large", field.where,
+                field.name + " has more than " + std::to_string(limits.parameterBytes) + " bytes");
+}
+
+Fields readFields(const std::string& contentType, std::string_view body, const BodyLimits& limits)
+{
+    if (isJson(contentType)) {
+        const JsonNode root = parseJson(body, {2, limits.parameters, 0});
+        return readParameters(root, "", limits);
+    }
+    const std::string_view type = mediaType(contentType);
+    if (equalIgnoringCase(type, "application/x-www-form-urlencoded"))
+        return readUrlEncoded(body, limits.parameters);
+    if (equalIgnoringCase(type, "multipart/form-data"))
+        return readMultipart(body, headerParameter(contentType, "boundary").value_or(""),
+                             limits.parameters);
+    throw Refusal("unsupported_type", "Content-Type", "the body's type is not read here");
+}
+
+}  // namespace
+
+Fields readBody(const std::string& contentType, std::string_view body, const BodyLimits& limits)
+{
+    if (body.empty())
+        return {};
+    Fields fields = readFields(contentType, body, limits);
+    checkSizes(fields, limits);
+    return fields;
+}
+
+std::vector<BatchPart> readBatch(const std::string& contentType, std::string_view body,
+                                 const BodyLimits& limits)
+{
+    if (!isJson(contentType))
+        throw Refusal("unsupported_type", "Content-Type", "a batch is JSON");
+    const JsonNode root = parseJson(body, {5, limits.parameters, limits.batch});
+    const JsonNode* requests = root.kind == JsonNode::Object ? root.find("requests") : nullptr;
+    if (requests == nullptr || requests->kind != JsonNode::Array || root.members.size() != 1)
+        throw Refusal("wrong_type", "requests",
+                      "a batch is an object with one member, requests, and that is an array");
+    if (requests->members.empty())
+        throw Refusal("malformed", "requests", "a batch has at least one request");
+
+    std::vector<BatchPart> parts;
+    for (const auto& member : requests->members) {
+        const JsonNode& node = member.second;
+        BatchPart part;
+        part.where = itemOf("requests", parts.size());
+        const JsonNode* name = node.kind == JsonNode::Object ? node.find("name") : nullptr;
+        if (name == nullptr || name->kind != JsonNode::Text)
+            throw Refusal("wrong_type", part.where + ".name", "a request has a name, a string");
+        part.name = name->text;
+        const JsonNode* parameters = node.find("parameters");
+        if (node.members.size() > (parameters == nullptr ? 1U : 2U))
+            throw Refusal("malformed", part.where,
+                          "a request has a name and parameters, nothing else");
+        if (parameters != nullptr)
+            part.fields = readParameters(*parameters, part.where + ".parameters", limits);
+        checkSizes(part.fields, limits);
+        parts.push_back(std::move(part));
+    }
+    return parts;
+}
+
+Prepared prepare(const RequestInfo& request, Fields& fields)
+{
+    Prepared prepared;
+    prepared.parameters.reserve(fields.size());  // growing would leave copies behind
+    for (Field& field : fields) {
+        const Form form = formOf(&request, field.name);
+        const bool isPlace = form == Form::Handle || form == Form::Path;
+        const bool isBytes = field.given == Given::Bytes;
+        if (isBytes && form == Form::Path && field.name == rootFileParameter) {
+            prepared.upload = std::move(field.value);
+            field.value = "upload";
+        } else if (isBytes && isPlace) {
+            throw Refusal("wrong_type", field.where, field.name + " takes a string, not bytes");
+        } else if (isMisencoded(form, field.given, field.value)) {
+            throw Refusal("bad_encoding", field.where,
+                          field.name + " " + notBase64 +
+                              ": send {\"text\"}, {\"hex\"} or {\"base64\"}, or {\"raw\"} to send "
+                              "it as it is");
+        } else if (isEncoded(form, field.given)) {
+            field.value = toUrlBase64(field.value);
+        }
+        prepared.parameters.emplace_back(std::move(field.name), std::move(field.value));
+    }
+    fields.clear();
+    return prepared;
+}

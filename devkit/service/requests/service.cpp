@@ -1,0 +1,487 @@
+#include "service.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "common/codec.h"
+#include "common/secrets.h"
+#include "host/catalogue/descriptions.h"
+#include "host/catalogue/peer_steps.h"
+#include "host/exchange.h"
+#include "host/values.h"
+#include "session_requests.h"
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// How often a new session is tried elsewhere when its worker ends before it began.
+constexpr unsigned mostAttempts = 3;
+
+// HMAC-SHA-256 of RFC 4231, section 4.3, with the development engine's number for it.
+constexpr const char* probeName = "QZaven_crypto_hmac";
+const Pairs probeParameters = {{"strHashAlg", "4"},
+                               {"strKey", "SmVmZQ=="},
+                               {"strdata", "d2hhdCBkbyB5YSB3YW50IGZvciBub3RoaW5nPw=="}};
+constexpr const char* probeAnswer = "W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=";
+
+Json warningOf(const Complaint& complaint)
+{
+    return {{"field", complaint.field}, {"text", complaint.text}};
+}
+
+bool isPath(const RequestInfo& info, const char* name)
+{
+    return std::any_of(info.parameters.begin(), info.parameters.end(), [&](const Parameter& p) {
+        return p.form == Form::Path && std::string(p.name) == name;
+    });
+}
+
+bool takesSession(const RequestInfo& info)
+{
+    return std::any_of(info.parameters.begin(), info.parameters.end(),
+                       [](const Parameter& p) { return p.form == Form::Handle; });
+}
+
+const char* stateName(WorkerPool::State state)
+{
+    switch (state) {
+        case WorkerPool::State::Idle:
+            return "idle";
+        case WorkerPool::State::Busy:
+            return "busy";
+        case WorkerPool::State::Starting:
+            break;
+    }
+    return "starting";
+}
+
+Json errorOf(const WireReply& reply)
+{
+    const int number = atoi(reply.code.c_str());
+    const ErrorCode* known = findErrorCode(number);
+    const bool isOwn = number <= 0 && number > -30000;
+    return {{"code", reply.code},
+            {"source", known != nullptr ? known->source : (isOwn ? "plug-in" : "engine")},
+            {"name", known != nullptr ? known->name : ""},
+            {"text", reply.text},
+            {"cause", known != nullptr ? known->cause : ""},
+            {"remedy", known != nullptr ? known->remedy : ""}};
+}
+
+Refusal refusalOf(Ending ending, const WireReply& reply)
+{
+    switch (ending) {
+        case Ending::Answered:
+            return {"worker_failed", "", "the request could not be carried out: " + reply.text};
+        case Ending::Died:
+            return {"worker_failed", "", "the process that served the request ended in it"};
+        case Ending::TimedOut:
+            return {"worker_timeout", "", "the request took too long and was ended"};
+        case Ending::LifeIsOver:
+        case Ending::NotServed:
+            break;
+    }
+    return {"busy", "", "no process was free for the request in time"};
+}
+
+// The parts of a batch as they are answered.
+struct Gathering {
+    std::vector<Json> answers;
+    size_t missing;
+};
+
+}  // namespace
+
+Answer answerOf(const Refusal& refusal)
+{
+    return {refusal.code().status, write(refusal.json(), -1), "application/json",
+            refusal.code().name};
+}
+
+Answer answerOf(const Json& json)
+{
+    return {200, write(json, -1), "application/json", ""};
+}
+
+Service::Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool, Metrics& metrics,
+                 std::function<void()> onReady)
+    : loop_(loop),
+      options_(options),
+      limits_{BodyLimits().parameters, options.parameterBytes, BodyLimits().batch},
+      metrics_(metrics),
+      sessions_(pool.workers, options.sessions),
+      files_(options.caFolder),
+      idleSessions_(loop, [this] { endIdleSessions(); }),
+      pool_(loop, std::move(pool), std::move(onReady),
+            [this](WorkerLife life) { sessions_.endAllOf(life, "its worker process ended"); })
+{
+    endIdleSessions();
+}
+
+void Service::offerPeer(PoolOptions pool)
+{
+    peer_.emplace(
+        loop_, std::move(pool), [] {}, [](WorkerLife) {});
+}
+
+void Service::collectChildren()
+{
+    for (pid_t pid; (pid = waitpid(-1, nullptr, WNOHANG)) > 0;) {
+        pool_.childEnded(pid);
+        if (peer_)
+            peer_->childEnded(pid);
+    }
+}
+
+void Service::stop(Seconds grace)
+{
+    if (peer_)
+        peer_->stop(Seconds(0));
+    pool_.stop(grace);
+}
+
+// ---- Checks.
+
+Service::Part Service::check(const std::string& name, Fields& fields,
+                             const std::string& where) const
+{
+    Part part;
+    part.info = findRequest(name);
+    if (part.info == nullptr) {
+        // How near a name is takes time by its length.
+        const std::string hint =
+            name.size() > 64 ? "" : "; did you mean " + nearestRequest(name) + "?";
+        throw Refusal("unknown_request", where.empty() ? "name" : where + ".name",
+                      "there is no request of this name" + hint);
+    }
+    Prepared prepared = prepare(*part.info, fields);
+    part.wire.name = name;
+    part.wire.parameters = std::move(prepared.parameters);
+    for (const auto& complaint : complaints(*part.info, part.wire.parameters))
+        part.warnings.push_back(warningOf(complaint));
+
+    const std::string* token = findValue(part.wire.parameters, sessionParameter);
+    if (takesSession(*part.info) && token != nullptr && !token->empty()) {
+        if (sessions_.find(*token) == nullptr)
+            throw goneRefusal(*token, where.empty() ? sessionParameter
+                                                    : where + ".parameters." + sessionParameter);
+        part.wire.session = *token;
+    }
+    checkFiles(part, prepared.upload, where.empty() ? "" : where + ".parameters.");
+    return part;
+}
+
+void Service::checkFiles(Part& part, const std::optional<SecretText>& upload,
+                         const std::string& where) const
+{
+    for (const char* name : {rootFileParameter, rootFolderParameter}) {
+        const std::string* value = findValue(part.wire.parameters, name);
+        if (!isPath(*part.info, name) || value == nullptr || value->empty())
+            continue;
+        const bool isFile = name == rootFileParameter;
+        part.wire.files.emplace_back(name);
+        if (isFile && upload)
+            part.files.push_back(ConfinedFiles::upload(*upload));
+        else if (isFile)
+            part.files.push_back(files_.openFile(*value, where + name));
+        else
+            part.files.push_back(files_.openFolder(*value, where + name));
+    }
+}
+
+void Service::checkRoom(const WorkerPool& pool, size_t parts) const
+{
+    const size_t free = pool.ready() - pool.busy();
+    if (pool.queued() + parts > options_.queue + free)
+        throw Refusal("busy", "", "too many requests wait for a worker");
+}
+
+Refusal Service::goneRefusal(const std::string& token, const std::string& field) const
+{
+    return {"session_gone", field, "there is no such session: " + sessions_.reasonOf(token)};
+}
+
+// ---- Sending.
+
+void Service::request(const std::string& name, const std::string& contentType,
+                      std::string_view body, Done done)
+{
+    try {
+        Fields fields = readBody(contentType, body, limits_);
+        Part part = check(name, fields, "");
+        checkRoom(pool_, 1);
+        send(std::move(part),
+             [done = std::move(done)](const Json& json, unsigned status, const std::string& code) {
+                 Answer answer = answerOf(json);
+                 answer.status = status;
+                 answer.code = code;
+                 done(std::move(answer));
+             });
+    } catch (const Refusal& refusal) {
+        if (findRequest(name) != nullptr)
+            metrics_.countRequest(name, refusal.code().name, 0);
+        throw;
+    }
+}
+
+void Service::batch(const std::string& contentType, std::string_view body, Done done)
+{
+    std::vector<Part> parts;
+    for (BatchPart& part : readBatch(contentType, body, limits_))
+        parts.push_back(check(part.name, part.fields, part.where));
+    checkRoom(pool_, parts.size());
+
+    const auto gathering = std::make_shared<Gathering>();
+    gathering->answers.resize(parts.size());
+    gathering->missing = parts.size();
+    for (size_t i = 0; i < parts.size(); ++i)
+        send(std::move(parts[i]),
+             [gathering, done, i](Json json, unsigned /*status*/, const std::string& /*code*/) {
+                 gathering->answers[i] = std::move(json);
+                 if (--gathering->missing == 0)
+                     done(answerOf(Json{{"answers", std::move(gathering->answers)}}));
+             });
+}
+
+void Service::peer(const std::string& step, const std::string& contentType, std::string_view body,
+                   Done done)
+{
+    const PeerStep* known = findPeerStep(step);
+    if (!peer_ || known == nullptr)
+        throw Refusal("not_found", "",
+                      peer_ ? "the peer has no such step" : "there is no peer at this host");
+
+    Task task;
+    task.request.name = known->name;
+    for (Field& field : readBody(contentType, body, limits_)) {
+        if (field.given != Given::Plain)
+            throw Refusal("wrong_type", field.where, "the peer takes texts of Base64");
+        task.request.parameters.emplace_back(std::move(field.name), std::move(field.value));
+    }
+    for (const char* member : known->members)
+        if (findValue(task.request.parameters, member) == nullptr)
+            throw Refusal("malformed", member, std::string(member) + " is missing");
+    checkRoom(*peer_, 1);
+
+    task.done = [this, done = std::move(done)](Ending ending, WireReply& reply, WorkerLife) {
+        if (ending != Ending::Answered || reply.kind != WireReply::Answer)
+            return done(answerOf(refusalOf(ending, reply)));
+        Json json = answerTo(reply, Json::array());
+        json.erase("microseconds");  // the plug-in's alone
+        if (!reply.ok)
+            json["error"]["source"] = "peer";
+        done(answerOf(json));
+    };
+    peer_->submit(std::move(task));
+}
+
+void Service::submit(Part part, std::optional<WorkerLife> bound,
+                     std::function<void(Ending, WireReply&, WorkerLife)> done)
+{
+    Task task;
+    task.request = std::move(part.wire);
+    task.files = std::move(part.files);
+    task.bound = bound;
+    task.done = std::move(done);
+    pool_.submit(std::move(task));
+}
+
+void Service::send(Part part, const PartDone& done)
+{
+    const RequestInfo& info = *part.info;
+    if (part.wire.name == newSessionRequest)
+        return sendNewSession(std::move(part), done);
+
+    const auto start = Clock::now();
+    const std::string token = part.wire.session;
+    Json warnings = std::move(part.warnings);
+    if (token.empty())
+        return submit(std::move(part), std::nullopt,
+                      [=, &info](Ending ending, WireReply& reply, WorkerLife /*life*/) {
+                          finish(info, ending, reply, warnings, start, done);
+                      });
+
+    // An earlier part of the same batch may have ended it.
+    const std::shared_ptr<Sessions::Use> use = sessions_.enter(token);
+    // It is in use until the answer: the capture keeps `use`.
+    const auto told = [=, &info, use = use](Ending ending, WireReply& reply, WorkerLife /*life*/) {
+        const bool isGone = ending == Ending::Answered && reply.kind == WireReply::SessionGone;
+        if (isGone || (ending == Ending::Answered && info.name == std::string(freeSessionRequest)))
+            sessions_.end(token, isGone ? "its worker does not know it" : "it was freed");
+        if (isGone || ending == Ending::LifeIsOver) {
+            const Refusal refusal(
+                "session_gone", sessionParameter,
+                std::string("there is no such session: ") +
+                    (isGone ? sessions_.reasonOf(token) : "its worker process ended"));
+            metrics_.countRequest(info.name, refusal.code().name, 0);
+            return done(refusal.json(), refusal.code().status, refusal.code().name);
+        }
+        finish(info, ending, reply, warnings, start, done);
+    };
+    if (use == nullptr) {
+        WireReply gone;
+        gone.kind = WireReply::SessionGone;
+        return told(Ending::Answered, gone, {});
+    }
+    submit(std::move(part), use->life(), told);
+}
+
+// To the worker with the fewest sessions. One that ends before it began does not count.
+void Service::sendNewSession(Part part, const PartDone& done)
+{
+    std::optional<WorkerLife> chosen;
+    for (size_t slot = 0; slot < pool_.size(); ++slot)
+        if (pool_.info(slot).pid > 0 &&
+            (!chosen || sessions_.countOf(slot) < sessions_.countOf(chosen->slot)))
+            chosen = WorkerLife{slot, pool_.info(slot).generation};
+    const RequestInfo& info = *part.info;
+    const auto reservation = chosen ? sessions_.reserve(*chosen) : nullptr;
+    if (reservation == nullptr) {
+        const Refusal refusal("busy", "", "there are as many sessions as the host takes");
+        metrics_.countRequest(info.name, refusal.code().name, 0);
+        return done(refusal.json(), refusal.code().status, refusal.code().name);
+    }
+
+    part.wire.session = Sessions::makeToken();
+    const auto start = Clock::now();
+    const std::string token = part.wire.session;
+    const unsigned attempts = part.attempts + 1;
+    Json warnings = part.warnings;
+    submit(std::move(part), *chosen,
+           [=, &info](Ending ending, WireReply& reply, WorkerLife /*life*/) {
+               if (ending == Ending::Answered && reply.kind == WireReply::Answer && reply.ok)
+                   reservation->add(token);
+               else
+                   reservation->cancel();
+               if (ending == Ending::LifeIsOver && attempts < mostAttempts) {
+                   Part again;
+                   again.info = &info;
+                   again.wire.name = info.name;
+                   again.warnings = warnings;
+                   again.attempts = attempts;
+                   return sendNewSession(std::move(again), done);
+               }
+               finish(info, ending, reply, warnings, start, done);
+           });
+}
+
+Json Service::answerTo(const WireReply& reply, Json warnings) const
+{
+    return {{"results", toJson(reply.results)},
+            {"error", reply.ok ? Json() : errorOf(reply)},
+            {"warnings", std::move(warnings)},
+            {"microseconds", reply.microseconds}};
+}
+
+void Service::finish(const RequestInfo& info, Ending ending, const WireReply& reply, Json warnings,
+                     Clock::time_point start, const PartDone& done)
+{
+    const double seconds = Seconds(Clock::now() - start).count();
+    if (ending == Ending::Answered && reply.kind == WireReply::Answer) {
+        metrics_.countRequest(info.name, reply.ok ? "0" : reply.code, seconds);
+        return done(answerTo(reply, std::move(warnings)), 200, "");
+    }
+    const Refusal refusal = refusalOf(ending, reply);
+    metrics_.countRequest(info.name, refusal.code().name, seconds);
+    done(refusal.json(), refusal.code().status, refusal.code().name);
+}
+
+// As often as makes the time that was promised nearly right.
+void Service::endIdleSessions()
+{
+    const Seconds idle(options_.sessionSeconds);
+    idleSessions_.set(after(std::clamp(idle / 4, Seconds(0.05), Seconds(5))));
+    for (const std::string& token :
+         sessions_.idleSince(Clock::now() - std::chrono::duration_cast<Clock::duration>(idle))) {
+        Part part;
+        part.wire.name = freeSessionRequest;
+        part.wire.session = token;
+        const WorkerLife life = *sessions_.find(token);
+        sessions_.end(token, "it was idle for too long");
+        submit(std::move(part), life, [](Ending, WireReply&, WorkerLife) {});
+    }
+}
+
+// ---- What operators ask.
+
+void Service::probe(Done done)
+{
+    if (probed_ != Clock::time_point() && Clock::now() - probed_ < std::chrono::seconds(1))
+        return done(lastProbe_);
+    if (!waitingForProbe_.empty())
+        return waitingForProbe_.push_back(std::move(done));
+    Part part;
+    part.wire.name = probeName;
+    part.wire.parameters = probeParameters;
+    // Where nothing comes of it, nobody waits for it any longer.
+    const std::shared_ptr<void> end(this, [this](void*) { waitingForProbe_.clear(); });
+    waitingForProbe_.push_back(std::move(done));
+    submit(std::move(part), std::nullopt, [this, end](Ending ending, WireReply& reply, WorkerLife) {
+        const std::string* data = findValue(reply.results, "Data");
+        const bool isRight = data != nullptr && *data == probeAnswer;
+        const char* status = "no worker answers";
+        if (ending == Ending::Answered)
+            status = isRight ? "ok" : "a worker gives a wrong answer";
+        lastProbe_ = answerOf(Json{{"status", status}});
+        lastProbe_.status = isRight ? 200 : 503;
+        probed_ = Clock::now();
+        for (const Done& one : std::exchange(waitingForProbe_, {}))
+            one(lastProbe_);
+    });
+}
+
+Json Service::status() const
+{
+    Json workers = Json::array();
+    for (size_t slot = 0; slot < pool_.size(); ++slot) {
+        const WorkerPool::WorkerInfo info = pool_.info(slot);
+        workers.push_back({{"slot", slot},
+                           {"state", stateName(info.state)},
+                           {"restarts", info.restarts},
+                           {"sessions", sessions_.countOf(slot)},
+                           {"requests", info.served}});
+    }
+    return {{"version", CORVANE_VERSION},
+            {"uptime_seconds", static_cast<long>(Seconds(Clock::now() - start_).count())},
+            {"engine", pool_.version()},
+            {"workers", workers},
+            {"sessions", sessions_.count()},
+            {"queue", pool_.queued()},
+            {"limits",
+             {{"body_bytes", options_.bodyBytes},
+              {"parameter_bytes", limits_.parameterBytes},
+              {"parameters", limits_.parameters},
+              {"batch", limits_.batch},
+              {"sessions_per_worker", options_.sessions},
+              {"session_idle_seconds", options_.sessionSeconds},
+              {"request_seconds", options_.requestSeconds}}},
+            {"peer", peer_.has_value()}};
+}
+
+std::string Service::metricsText() const
+{
+    uint64_t restarts = 0;
+    std::string out = metrics_.text();
+    std::string memory = gauge("corvane_resident_bytes",
+                               static_cast<double>(residentBytes(getpid())), "process=\"front\"");
+    for (size_t slot = 0; slot < pool_.size(); ++slot) {
+        const WorkerPool::WorkerInfo info = pool_.info(slot);
+        restarts += info.restarts;
+        memory += gauge("corvane_resident_bytes",
+                        info.pid > 0 ? static_cast<double>(residentBytes(info.pid)) : 0,
+                        "process=\"worker" + std::to_string(slot) + "\"", nullptr);
+    }
+    const auto number = [](size_t value) { return static_cast<double>(value); };
+    out += gauge("corvane_workers", number(pool_.size()));
+    out += gauge("corvane_workers_ready", number(pool_.ready()));
+    out += gauge("corvane_workers_busy", number(pool_.busy()));
+    out += gauge("corvane_worker_restarts_total", number(restarts), "", "counter");
+    out += gauge("corvane_sessions", number(sessions_.count()));
+    out += gauge("corvane_queue", number(pool_.queued()));
+    out += gauge("corvane_uptime_seconds", Seconds(Clock::now() - start_).count());
+    out += gauge("process_open_fds", number(openDescriptors()));
+    return out + memory;
+}

@@ -1,0 +1,188 @@
+#include "serve.h"
+
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <new>
+#include <optional>
+
+#include "common/failure.h"
+#include "common/secrets.h"
+#include "service/http/server.h"
+#include "service/operation/access.h"
+#include "service/operation/access_log.h"
+#include "service/operation/line_sink.h"
+#include "service/operation/metrics.h"
+#include "service/requests/service.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Workers that are idle end at once; this is for the engine's cleaning up.
+constexpr Seconds workersGrace{2};
+
+// What front and workers take beside connections, and files for requests.
+constexpr size_t otherDescriptors = 128;
+
+// Each connection takes a descriptor: as many as the system allows.
+size_t possibleConnections(size_t wanted, AccessLog& log)
+{
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return wanted;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const size_t possible =
+        std::max<size_t>(limit.rlim_max, 2 * otherDescriptors) - otherDescriptors;
+    if (possible < wanted)
+        log.tell("there are descriptors for " + std::to_string(possible) + " connections only");
+    return std::min(possible, wanted);
+}
+
+// Keeps the signals for the descriptor that is returned.
+Descriptor takeSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD})
+        sigaddset(&signals, number);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return Descriptor(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+}
+
+// The key exchange's other side is beside this program, in its build tree too.
+std::string peerProgram()
+{
+    std::error_code ignored;
+    const fs::path home = fs::read_symlink("/proc/self/exe", ignored).parent_path();
+    for (const char* place : {"corvane-ke-peer", "../peer/corvane-ke-peer"})
+        if (fs::exists(home / place, ignored))
+            return home / place;
+    return "";
+}
+
+// For a shell.
+std::string quoted(const std::string& text)
+{
+    std::string out = "'";
+    for (const char c : text)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+// The token is shown to a person alone: what a service prints is kept in journals.
+std::string greeting(const BearerToken* token, const std::string& url, bool isTerminal)
+{
+    const std::string listening = "corvane-host: listening on " + url + "\n";
+    if (token == nullptr)
+        return listening + "corvane-host: no token is asked for; console: " + url + "/\n";
+    if (isTerminal)
+        return listening + "corvane-host: token in " + token->file() + "; console: " + url +
+               "/#token=" + token->text() + "\n";
+    return listening + "corvane-host: to see the token: cat " + quoted(token->file()) +
+           "; console: " + url + "/\n";
+}
+
+// Whether memory has ended in this round of the loop.
+bool hadNoMemory = false;
+
+void noteNoMemory()
+{
+    hadNoMemory = true;
+    throw std::bad_alloc();
+}
+
+// For where memory ends and nothing can be thrown, as in destructors of libraries: a sentence
+// and an exit code in place of a signal. The workers end with the front.
+[[noreturn]] void endWithoutMemory()
+{
+    if (!hadNoMemory)
+        abort();
+    tellFailure("the host ends", std::bad_alloc());
+    _exit(EXIT_FAILURE);
+}
+
+}  // namespace
+
+void serve(ServeOptions options, std::vector<std::string> worker, const Output& output)
+{
+    const Undumpable undumpable;
+    std::set_new_handler(noteNoMemory);
+    std::set_terminate(endWithoutMemory);
+    openStandardStreams();
+    checkOptions(options);
+    const Descriptor signals = takeSignals();
+
+    std::optional<BearerToken> token;
+    if (!options.noAuth)
+        token.emplace(options.tokenFile.empty() ? BearerToken::defaultFile() : options.tokenFile);
+    unblockStandardError();
+    AccessLog log(options.accessLog);
+    options.connections = possibleConnections(options.connections, log);
+    Metrics metrics;
+    EventLoop loop;
+
+    PoolOptions pool;
+    pool.program = "/proc/self/exe";
+    pool.command = std::move(worker);
+    pool.workers = options.workers;
+    pool.taskTime = Seconds(options.requestSeconds);
+    bool isReady = false;
+    Service service(loop, options, std::move(pool), metrics, [&isReady] {
+        if (!std::exchange(isReady, true))
+            sd_notify(0, "READY=1");
+    });
+    const std::string peer = options.noPeer ? "" : peerProgram();
+    if (!peer.empty())
+        service.offerPeer(
+            {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds)});
+    const BearerToken* shown = token ? &*token : nullptr;
+    Server server(loop, options, service, metrics, log, shown);
+    if (!LineSink(output.descriptor()).write(greeting(shown, server.url(), output.isTerminal())))
+        log.tell("standard output takes nothing; listening on " + server.url());
+
+    bool isDraining = false;
+    Alarm end(loop, [&loop] { loop.stop(); });
+    loop.watch(signals.get(), EPOLLIN, [&](uint32_t) {
+        signalfd_siginfo info = {};
+        while (read(signals.get(), &info, sizeof info) == sizeof info) {
+            if (info.ssi_signo == SIGCHLD) {
+                service.collectChildren();
+            } else if (info.ssi_signo == SIGHUP) {
+                log.reopen();
+            } else if (std::exchange(isDraining, true)) {
+                loop.stop();  // asked twice
+            } else {
+                sd_notify(0, "STOPPING=1");
+                end.set(after(Seconds(options.drainSeconds)));
+                server.drain();
+            }
+        }
+    });
+    loop.run([&] {
+        hadNoMemory = false;
+        const int timeout = server.run();
+        if (isDraining && !server.isBusy())
+            loop.stop();
+        return timeout;
+    });
+
+    // What is still under way is told that it was not served, and the answers go out.
+    service.stop(server.isBusy() ? Seconds(0) : workersGrace);
+    server.endWaiting();
+    const auto deadline = after(Seconds(1));
+    while (server.isBusy() && Clock::now() < deadline) {
+        server.run();
+        usleep(1000);
+    }
+}

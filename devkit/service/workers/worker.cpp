@@ -1,0 +1,89 @@
+#include "worker.h"
+
+#include "common/secrets.h"
+#include "host/exchange.h"
+#include "service/requests/session_requests.h"
+
+namespace {
+
+std::string& parameter(Pairs& parameters, const std::string& name)
+{
+    for (auto& pair : parameters)
+        if (pair.first == name)
+            return pair.second;
+    return parameters.emplace_back(name, "").second;
+}
+
+}  // namespace
+
+WireReply Worker::answer(WireRequest& request, const std::vector<Descriptor>& files)
+{
+    WireReply reply;
+    const RequestInfo* info = findRequest(request.name);
+    const bool makesSession = request.name == newSessionRequest;
+
+    if (!request.session.empty() && !makesSession) {
+        const auto handle = handles_.find(request.session);
+        if (handle == handles_.end()) {
+            reply.kind = WireReply::SessionGone;
+            return reply;
+        }
+        parameter(request.parameters, sessionParameter) = handle->second;
+        // Whatever the engine answers: a handle that it was told to free is never used again.
+        if (request.name == freeSessionRequest)
+            handles_.erase(handle);
+    }
+    for (size_t i = 0; i < request.files.size() && i < files.size(); ++i)
+        parameter(request.parameters, request.files[i]) =
+            "/proc/self/fd/" + std::to_string(files[i].get());
+
+    try {
+        Outcome outcome = exchange(session_, info, request.name, request.parameters);
+        reply.ok = outcome.ok;
+        reply.code = outcome.code;
+        reply.text = outcome.text;
+        reply.microseconds = outcome.microseconds;
+        reply.results = std::move(outcome.results);
+    } catch (const LoadError& e) {
+        reply.kind = WireReply::Failed;
+        reply.text = e.what();
+        return reply;
+    }
+
+    if (makesSession) {
+        std::string& handle = parameter(reply.results, "Data");
+        reply.ok = reply.ok && !handle.empty();
+        if (reply.ok)
+            handles_[request.session] = std::exchange(handle, request.session);
+    }
+    return reply;
+}
+
+void Worker::serve(int socket)
+{
+    WireReply ready;
+    ready.kind = WireReply::Ready;
+    Pairs version = session_.send("QZaVen_GetVersion", {}).results;
+    if (const std::string* text = findValue(version, "Data"))
+        ready.text = *text;
+    if (!writeFrame(socket, encode(ready)))
+        return;
+
+    std::string frame;
+    std::vector<Descriptor> files;
+    while (readFrame(socket, frame, files)) {
+        auto request = decodeRequest(frame);
+        wipe(frame);
+        if (!request)
+            return;
+        WireReply reply = answer(*request, files);
+        wipe(request->parameters);
+        files.clear();
+        std::string bytes = encode(reply);
+        wipe(reply.results);
+        const bool isSent = writeFrame(socket, bytes);
+        wipe(bytes);
+        if (!isSent)
+            return;
+    }
+}

@@ -1,0 +1,28 @@
+// The worker process: one plug-in, which serves one request at a time.
+//
+// Handles of key-exchange sessions are known here alone. Outside, a session is a token
+// that the front has made.
+#ifndef CORVANE_SERVICE_WORKERS_WORKER_H
+#define CORVANE_SERVICE_WORKERS_WORKER_H
+
+#include <map>
+#include <string>
+
+#include "common/wire.h"
+#include "host/host_session.h"
+
+class Worker {
+public:
+    explicit Worker(HostSession& session) : session_(session) {}
+
+    // Tells that it is ready and serves until the socket ends.
+    void serve(int socket);
+
+private:
+    WireReply answer(WireRequest& request, const std::vector<Descriptor>& files);
+
+    HostSession& session_;
+    std::map<std::string, std::string> handles_;  // by token
+};
+
+#endif

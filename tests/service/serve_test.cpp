@@ -1,0 +1,680 @@
+// The host as a service: every request by HTTP, with the development engine.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "peer/ke_server.h"
+#include "support/base64_text.h"
+#include "support/served_host.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using support::eventually;
+using support::fromUrlBase64;
+using support::HttpAnswer;
+using support::HttpConnection;
+using support::Json;
+using support::ServedHost;
+using support::toUrlBase64;
+
+const Json hmac = {{"strHashAlg", 4},
+                   {"strKey", {{"text", "Jefe"}}},
+                   {"strdata", {{"base64", "d2hhdCBkbyB5YSB3YW50IGZvciBub3RoaW5nPw"}}}};
+// RFC 4231, section 4.3.
+const std::string hmacAnswer = "W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=";
+
+Json base64(const std::string& bytes)
+{
+    return {{"base64", toUrlBase64(bytes)}};
+}
+
+class Serve : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        if (!support::emulated)
+            host_ = new ServedHost({"--rate", "0"});
+    }
+    static void TearDownTestSuite()
+    {
+        delete host_;
+        host_ = nullptr;
+    }
+    void SetUp() override { NEEDS_WORKERS(); }
+
+    static ServedHost& host() { return *host_; }
+
+    static Json ok(const std::string& name, const Json& parameters = Json::object())
+    {
+        const HttpAnswer answer = host().request(name, parameters);
+        EXPECT_EQ(200, answer.status) << name << " " << answer.body;
+        const Json json = answer.json();
+        EXPECT_TRUE(json["error"].is_null()) << name << " " << answer.body;
+        EXPECT_EQ(Json::array(), json["warnings"]) << name;
+        EXPECT_TRUE(json["microseconds"].is_number()) << name;
+        sent_.insert(name);
+        return json["results"];
+    }
+
+    static ServedHost* host_;
+    static std::set<std::string> sent_;
+};
+
+ServedHost* Serve::host_ = nullptr;
+std::set<std::string> Serve::sent_;
+
+// ---- Requests.
+
+TEST_F(Serve, AnswersAKnownRequestInEveryForm)
+{
+    const Json results = {{"Data", hmacAnswer}, {"errorCode", "0"}};
+    EXPECT_EQ(
+        results,
+        ok("QZaven_crypto_hmac",
+           {{"strHashAlg", "4"},
+            {"strKey", "SmVmZQ=="},
+            {"strdata", {{"hex", "7768617420646f2079612077616e7420666f72206e6f7468696e673f"}}}}));
+
+    const std::string path = "/v1/requests/QZaven_crypto_hmac";
+    const HttpAnswer form = host().ask(
+        "POST", path, {{"Content-Type", "application/x-www-form-urlencoded"}},
+        "strHashAlg=4&strKey=SmVmZQ%3D%3D&strdata=d2hhdCBkbyB5YSB3YW50IGZvciBub3RoaW5nPw");
+    EXPECT_EQ(results, form.json()["results"]) << form.body;
+
+    const HttpAnswer multipart =
+        host().ask("POST", path, {{"Content-Type", "multipart/form-data; boundary=\"x y\""}},
+                   "--x y\r\nContent-Disposition: form-data; name=\"strHashAlg\"\r\n\r\n4\r\n"
+                   "--x y\r\nContent-Disposition: form-data; name=\"strKey\"\r\n\r\nSmVmZQ\r\n"
+                   "--x y\r\nContent-Disposition: form-data; name=\"strdata\"; filename=\"f\"\r\n"
+                   "Content-Type: application/octet-stream\r\n\r\nwhat do ya want for "
+                   "nothing?\r\n--x y--\r\n");
+    EXPECT_EQ(results, multipart.json()["results"]) << multipart.body;
+
+    const std::string body = hmac.dump();
+    const HttpAnswer chunked = host().raw(
+        host().text("POST", path,
+                    {{"Content-Type", "application/json"}, {"Transfer-Encoding", "chunked"}}) +
+        "5\r\n" + body.substr(0, 5) + "\r\n" +
+        [&] {
+            char size[16];
+            snprintf(size, sizeof size, "%zx", body.size() - 5);
+            return std::string(size);
+        }() +
+        "\r\n" + body.substr(5) + "\r\n0\r\n\r\n");
+    EXPECT_EQ(results, chunked.json()["results"]) << chunked.body;
+}
+
+TEST_F(Serve, SendsEveryRequest)
+{
+    using namespace std::string_literals;
+    EXPECT_NE(std::string::npos, ok("QZaVen_GetVersion")["Data"].get<std::string>().find("1.0.0"));
+    EXPECT_NE("", ok("QZaVen_strerror", {{"strErr", "-20001"}})["Data"]);
+    const std::string bytes = "bytes \x00\x01\xfe"s;
+    EXPECT_EQ(toUrlBase64(bytes),
+              ok("QZaven_crypto_base64_encode", {{"strIn", base64(bytes)}})["Data"]);
+    EXPECT_EQ("bytes%2520",
+              ok("QZaven_crypto_base64_Decode", {{"strIn", toUrlBase64("bytes ")}})["Data"]);
+
+    const std::string key = ok("QZaven_crypto_gen_symmkey", {{"strCipherAlg", 4}})["Data"];
+    EXPECT_EQ(32U, fromUrlBase64(key).size());
+    const Json cipher = {{"strCipherAlg", 4},
+                         {"strMode", 6},
+                         {"strKey", key},
+                         {"strIV", base64("123456789012")},
+                         {"straad", base64("aad")}};
+    Json given = cipher;
+    given["strdata"] = base64(bytes);
+    given["strgcmTagLen"] = 16;
+    const Json sealed = ok("QZaven_crypto_encrypt", given);
+    given = cipher;
+    given["strdata"] = sealed["Data"];
+    given["strtag"] = sealed["gcmOutTag"];
+    EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_crypto_decrypt", given)["Data"]));
+
+    EXPECT_EQ(hmacAnswer, ok("QZaven_crypto_hmac", hmac)["Data"]);
+    EXPECT_EQ(16U, fromUrlBase64(ok("QZaven_crypto_cmac", {{"strCipherAlg", 4},
+                                                           {"strKey", key},
+                                                           {"strdata", base64(bytes)}})["Data"])
+                       .size());
+    EXPECT_EQ(40U,
+              fromUrlBase64(ok("QZaven_crypto_kdf",
+                               {{"HashType", 4}, {"srcdata", "secret"}, {"OutLen", 40}})["Data"])
+                  .size());
+
+    const Json whiteBox = {{"strKey", base64("1234567890123456")},
+                           {"strIV", base64("6543210987654321")}};
+    given = whiteBox;
+    given["strdata"] = base64(bytes);
+    given["strdata"] = ok("QZaven_wbsm4_encrypt", given)["Data"];
+    EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_wbsm4_decrypt", given)["Data"]));
+
+    // Public keys: the same bytes as the certificate's.
+    const Credential root = makeRoot(rootPlan(), KeyKind::rsa);
+    const Credential holder = makeCredential(encryptionPlan(), KeyKind::rsa, root);
+    unsigned char* der = nullptr;
+    const int length = i2d_PrivateKey(holder.key.get(), &der);
+    const std::string privateKey(reinterpret_cast<char*>(der), static_cast<size_t>(length));
+    OPENSSL_free(der);
+    const std::string certificate = toDer(holder.certificate.get());
+    given = {{"strKeyPairType", 3}, {"strpk", base64(certificate)}, {"strdata", base64(bytes)}};
+    const std::string ciphertext = ok("QZaven_crypto_public_encrypt", given)["Data"];
+    given = {{"strKeyPairType", 3}, {"strsk", base64(privateKey)}, {"strdata", ciphertext}};
+    EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_crypto_private_decrypt", given)["Data"]));
+    given = {{"strdata", "a letter"},
+             {"strpk", base64(certificate)},
+             {"strCipherAlg", 4},
+             {"strMode", 2}};
+    const std::string envelope = ok("QZaven_crypto_envelope_encrypt", given)["Data"];
+    given = {{"strEncdata", envelope},
+             {"strKeyPairType", 3},
+             {"strsk", base64(privateKey)},
+             {"strCipherAlg", 4},
+             {"strMode", 2}};
+    EXPECT_EQ("a%2520letter", ok("QZaven_crypto_envelope_decrypt", given)["Data"]);
+
+    // A key exchange, with the roots as an upload.
+    const ServerCredentials server = {makeCredential(signingPlan(), KeyKind::sm2, root),
+                                      makeCredential(encryptionPlan(), KeyKind::sm2, root)};
+    const Credential client = makeCredential(signingPlan(), KeyKind::sm2, root);
+    const std::string clientCertificate = toDer(client.certificate.get());
+    der = nullptr;
+    const int clientLength = i2d_PrivateKey(client.key.get(), &der);
+    const std::string clientKey(reinterpret_cast<char*>(der), static_cast<size_t>(clientLength));
+    OPENSSL_free(der);
+    const std::string token = ok("QZaven_ke_new")["Data"];
+    EXPECT_EQ("ke_", token.substr(0, 3));
+    EXPECT_GE(token.size(), 3U + 22);
+    const auto ke = [&](Json more) {
+        more["strKe"] = token;
+        return more;
+    };
+    ok("QZaven_ke_set_public_key",
+       ke({{"strSig_key", base64(clientKey)}, {"strEnc_key", base64(clientKey)}}));
+    ok("QZaven_ke_set_certificate", ke({{"strSig_cert", base64(clientCertificate)},
+                                        {"strEnc_cert", base64(clientCertificate)}}));
+    ok("QZaven_ke_set_root_certificate",
+       ke({{"strCa_file", base64(toPem(root.certificate.get()))}}));
+    const std::string hello = fromUrlBase64(ok("QZaven_ke_client_hello", ke({}))["Data"]);
+    const ServerAnswer answer = answerHello(server, hello);
+    const std::string message = ok("QZaven_ke_client_key_exchange",
+                                   ke({{"strSrvr_rand", base64(answer.random)},
+                                       {"strSrvr_sig_cert", base64(answer.signingCertificate)},
+                                       {"strSrvr_enc_cert", base64(answer.encryptionCertificate)},
+                                       {"strSrvr_sign", base64(answer.signature)}}))["Data"];
+    const ChannelKeys keys =
+        acceptKeyExchange(server, hello, answer.random, fromUrlBase64(message));
+    EXPECT_EQ(bytes,
+              openMessage(keys, fromUrlBase64(ok("QZaven_ke_encrypt",
+                                                 ke({{"strdata", base64(bytes)}}))["Data"])));
+    EXPECT_EQ(bytes,
+              fromUrlBase64(ok("QZaven_ke_decrypt",
+                               ke({{"strcipher", base64(sealMessage(keys, bytes))}}))["Data"]));
+    EXPECT_EQ(channelHmac(keys, bytes),
+              fromUrlBase64(ok("QZaven_ke_hmac", ke({{"strdata", base64(bytes)}}))["Data"]));
+    EXPECT_EQ(channelCmac(keys, bytes),
+              fromUrlBase64(ok("QZaven_ke_cmac", ke({{"strdata", base64(bytes)}}))["Data"]));
+    ok("QZaven_ke_free", ke({}));
+    EXPECT_EQ("session_gone", host().request("QZaven_ke_free", ke({})).code());
+
+    EXPECT_EQ(27U, sent_.size());
+}
+
+TEST_F(Serve, ExplainsARefusalOfThePlugin)
+{
+    const HttpAnswer answer = host().request("QZaven_crypto_hmac", {{"strHashAlg", 4}});
+    EXPECT_EQ(200, answer.status);
+    const Json json = answer.json();
+    EXPECT_EQ("-20001", json["error"]["code"]);
+    EXPECT_EQ("plug-in", json["error"]["source"]);
+    EXPECT_NE("", json["error"]["text"]);
+    EXPECT_EQ("-20001", json["results"]["errorCode"]);
+    EXPECT_EQ(2U, json["warnings"].size());
+    EXPECT_EQ("strKey", json["warnings"][0]["field"]);
+}
+
+TEST_F(Serve, WarnsOfUnknownParameters)
+{
+    Json given = hmac;
+    given["strWhatever"] = "x";
+    const Json json = host().request("QZaven_crypto_hmac", given).json();
+    EXPECT_TRUE(json["error"].is_null());
+    ASSERT_EQ(1U, json["warnings"].size());
+    EXPECT_EQ("strWhatever", json["warnings"][0]["field"]);
+}
+
+TEST_F(Serve, KeepsConnectionsForFurtherRequests)
+{
+    HttpConnection connection(host().port());
+    const std::string request = host().text("POST", "/v1/requests/QZaven_crypto_hmac",
+                                            {{"Content-Type", "application/json"}}, hmac.dump());
+    // Pipelined, too.
+    connection.send(request + request + request);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(hmacAnswer, connection.receive().result("Data"));
+    connection.send(request);
+    const HttpAnswer last = connection.receive();
+    EXPECT_EQ(hmacAnswer, last.result("Data"));
+    EXPECT_EQ("no-store", last.headers.at("cache-control"));
+    EXPECT_EQ("application/json", last.headers.at("content-type"));
+    EXPECT_EQ(16U, last.headers.at("x-request-id").size());
+}
+
+TEST_F(Serve, AnswersABatchInOrder)
+{
+    Json requests = Json::array();
+    for (int i = 0; i < 256; ++i)
+        requests.push_back(
+            {{"name", "QZaven_crypto_kdf"},
+             {"parameters", {{"HashType", 4}, {"srcdata", "s"}, {"OutLen", i + 1}}}});
+    const Json answers = host().batch(requests).json()["answers"];
+    ASSERT_EQ(256U, answers.size());
+    for (size_t i = 0; i < 256; ++i)
+        EXPECT_EQ(i + 1, fromUrlBase64(answers[i]["results"]["Data"]).size());
+
+    // In one session, too: what comes after its end is told so.
+    const std::string token = host().request("QZaven_ke_new").result("Data");
+    const Json one = {{"name", "QZaven_ke_client_hello"}, {"parameters", {{"strKe", token}}}};
+    const Json end = {{"name", "QZaven_ke_free"}, {"parameters", {{"strKe", token}}}};
+    const Json ordered =
+        host().batch({one, one, end, one, {{"name", "QZaVen_GetVersion"}}}).json()["answers"];
+    EXPECT_TRUE(ordered[0]["error"].is_null() || ordered[0]["error"]["source"] != "host");
+    EXPECT_TRUE(ordered[2]["error"].is_null());
+    EXPECT_EQ("session_gone", ordered[3]["error"]["code"]);
+    EXPECT_TRUE(ordered[4]["error"].is_null());
+}
+
+TEST_F(Serve, SendsNothingOfABatchThatIsNotWhole)
+{
+    const double before =
+        host().metric("corvane_requests_total{name=\"QZaven_crypto_hmac\",code=\"0\"}");
+    const HttpAnswer answer = host().batch(
+        {{{"name", "QZaven_crypto_hmac"}, {"parameters", hmac}},
+         {{"name", "QZaven_crypto_hmac"}, {"parameters", {{"strKey", {{"hex", "0g"}}}}}}});
+    EXPECT_EQ(400, answer.status);
+    EXPECT_EQ("bad_encoding", answer.code());
+    EXPECT_EQ("requests[1].parameters.strKey", answer.json()["error"]["field"]);
+    EXPECT_EQ(before,
+              host().metric("corvane_requests_total{name=\"QZaven_crypto_hmac\",code=\"0\"}"));
+}
+
+// ---- Sessions.
+
+TEST(ServeSessions, AreSpreadLimitedAndFreedWhenIdle)
+{
+    NEEDS_WORKERS();
+    ServedHost host({"--sessions", "2", "--session-seconds", "0.4"});
+    host.workers();
+    std::vector<std::string> tokens;
+    for (int i = 0; i < 4; ++i)
+        tokens.push_back(host.request("QZaven_ke_new").result("Data"));
+    EXPECT_EQ(4U, std::set<std::string>(tokens.begin(), tokens.end()).size());
+    EXPECT_EQ(0U, std::set<std::string>(tokens.begin(), tokens.end()).count(""));
+    const HttpAnswer full = host.request("QZaven_ke_new");
+    if (full.status != 200) {  // unless the first have expired already
+        EXPECT_EQ("busy", full.code());
+        EXPECT_EQ("1", full.headers.at("retry-after"));
+    }
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_sessions") == 0; }));
+    const HttpAnswer gone = host.request("QZaven_ke_client_hello", {{"strKe", tokens[0]}});
+    EXPECT_EQ(410, gone.status);
+    EXPECT_NE(std::string::npos, gone.json()["error"]["text"].get<std::string>().find("idle"));
+    EXPECT_NE("", host.request("QZaven_ke_new").result("Data"));
+}
+
+TEST(ServeSessions, FailedOneHasNoToken)
+{
+    NEEDS_WORKERS();
+    ServedHost host({}, {"CORVANE_ENGINE_FAULTS=aven_ke_new:*=-30007"});
+    const HttpAnswer answer = host.request("QZaven_ke_new");
+    EXPECT_EQ("-30007", answer.code());
+    EXPECT_EQ("engine", answer.json()["error"]["source"]);
+    EXPECT_EQ("", answer.result("Data"));
+    EXPECT_EQ(0, host.metric("corvane_sessions"));
+    EXPECT_EQ(0, host.status()["workers"][0]["sessions"]);
+}
+
+// ---- Files of root certificates.
+
+TEST(ServeFiles, AreBelowTheFolder)
+{
+    NEEDS_WORKERS();
+    const Credential root = makeRoot(rootPlan(), KeyKind::sm2);
+    std::string name = (fs::temp_directory_path() / "serve_files_XXXXXX").string();
+    const fs::path folder = mkdtemp(name.data());
+    fs::create_directories(folder / "ca/inner");
+    support::writeWhole(folder / "ca/inner/root.crt", toPem(root.certificate.get()));
+    support::writeWhole(folder / "outside.crt", toPem(root.certificate.get()));
+    fs::create_symlink("../outside.crt", folder / "ca/link.crt");
+    mkfifo((folder / "ca/pipe").c_str(), 0600);
+
+    ServedHost host({"--ca-folder", (folder / "ca").string()});
+    const std::string token = host.request("QZaven_ke_new").result("Data");
+    const auto set = [&](const std::string& file, const std::string& path) {
+        Json given = {{"strKe", token}, {"strCa_file", file}};
+        if (!path.empty())
+            given["strCa_path"] = path;
+        return host.request("QZaven_ke_set_root_certificate", given);
+    };
+    EXPECT_TRUE(set("inner/root.crt", "").json()["error"].is_null())
+        << set("inner/root.crt", "").body;
+    EXPECT_TRUE(set("inner/root.crt", "inner").json()["error"].is_null());
+    for (const char* bad : {"/etc/passwd", "../outside.crt", "link.crt", "inner/../inner/root.crt",
+                            "none.crt", "inner", "pipe", "inner/root.crt/", "/proc/self/environ"}) {
+        const HttpAnswer answer = set(bad, "");
+        EXPECT_EQ(400, answer.status) << bad;
+        EXPECT_EQ("bad_path", answer.code()) << bad;
+        EXPECT_EQ("strCa_file", answer.json()["error"]["field"]) << bad;
+    }
+    EXPECT_EQ("strCa_path", set("inner/root.crt", "..").json()["error"]["field"]);
+    EXPECT_EQ("bad_path", set("inner/root.crt", "inner/root.crt").code());
+    fs::remove_all(folder);
+}
+
+TEST(ServeFiles, NeedAFolder)
+{
+    NEEDS_WORKERS();
+    ServedHost host;
+    const std::string token = host.request("QZaven_ke_new").result("Data");
+    EXPECT_EQ("bad_path", host.request("QZaven_ke_set_root_certificate",
+                                       {{"strKe", token}, {"strCa_file", "root.crt"}})
+                              .code());
+}
+
+// ---- What operators see.
+
+TEST_F(Serve, TellsItsState)
+{
+    const Json status = host().status();
+    EXPECT_EQ("1.0.0", status["version"]);
+    EXPECT_EQ(2U, status["workers"].size());
+    EXPECT_EQ(256, status["limits"]["batch"]);
+    EXPECT_NE(std::string::npos, status["engine"].get<std::string>().find("development engine"));
+    EXPECT_EQ(27U, host().get("/v1/catalogue").json()["requests"].size());
+    EXPECT_EQ("3.1.0", host().get("/openapi.json").json()["openapi"]);
+    for (const char* path : {"/livez", "/readyz"}) {
+        const HttpAnswer answer = host().ask("GET", path, {{"Authorization", ""}});
+        EXPECT_EQ(200, answer.status) << path;
+        EXPECT_EQ("ok", answer.json()["status"]) << path;
+    }
+}
+
+TEST_F(Serve, CountsRequests)
+{
+    const std::string row = "corvane_requests_total{name=\"QZaven_crypto_hmac\",code=\"0\"}";
+    host().request("QZaven_crypto_hmac", hmac);
+    const double before = host().metric(row);
+    host().request("QZaven_crypto_hmac", hmac);
+    EXPECT_EQ(before + 1, host().metric(row));
+    EXPECT_GT(
+        host().metric("corvane_request_seconds_bucket{name=\"QZaven_crypto_hmac\",le=\"+Inf\"}"),
+        1);
+    EXPECT_GT(host().metric("corvane_http_answers_total{status=\"200\"}"), 1);
+    EXPECT_EQ(2, host().metric("corvane_workers"));
+    EXPECT_GT(host().metric("corvane_resident_bytes{process=\"front\"}"), 1e6);
+    EXPECT_GT(host().metric("corvane_resident_bytes{process=\"worker1\"}"), 1e6);
+}
+
+TEST_F(Serve, ServesTheConsole)
+{
+    const HttpAnswer page = host().ask("GET", "/", {{"Authorization", ""}});
+    EXPECT_EQ(200, page.status);
+    EXPECT_EQ("text/html; charset=utf-8", page.headers.at("content-type"));
+    EXPECT_EQ(support::readWhole(CORVANE_SOURCE_DIR "/devkit/console/index.html"), page.body);
+    EXPECT_NE(std::string::npos,
+              page.headers.at("content-security-policy").find("default-src 'none'"));
+    EXPECT_EQ("nosniff", page.headers.at("x-content-type-options"));
+    const HttpAnswer again = host().ask("GET", "/", {{"If-None-Match", page.headers.at("etag")}});
+    EXPECT_EQ(304, again.status);
+    EXPECT_EQ(200, host().ask("HEAD", "/").status);
+}
+
+TEST_F(Serve, LogsNoSecrets)
+{
+    const std::string secret = "TopSecretValue0123456789";
+    host().request("QZaven_crypto_kdf", {{"HashType", 4}, {"srcdata", secret}, {"OutLen", 16}});
+    host().request("QZaven_crypto_kdf",
+                   {{"HashType", secret}, {"srcdata", secret}, {secret, secret}});
+    host().request(secret, {{"srcdata", secret}});
+    host().get("/" + secret + "?" + secret);
+    host().ask("POST", "/v1/requests/QZaven_crypto_hmac", {{"Content-Type", "application/json"}},
+               "{\"strKey\": \"" + secret + "\"");
+    host().ask("GET", "/v1/status", {{"Authorization", "Bearer " + secret}});
+    const std::string session = host().request("QZaven_ke_new").result("Data");
+    host().request("QZaven_ke_client_hello", {{"strKe", session}});
+
+    const std::string log = support::readWhole(host().path("access.log"));
+    const std::string errors = host().errors();
+    // The name of a parameter, which the client chose, is not a value.
+    for (const std::string& text : {log, host().get("/metrics").body}) {
+        EXPECT_EQ(std::string::npos, text.find(secret));
+        EXPECT_EQ(std::string::npos, text.find(session));
+        EXPECT_EQ(std::string::npos, text.find(host().token()));
+    }
+    EXPECT_EQ(std::string::npos, errors.find(session));
+    EXPECT_EQ(std::string::npos, errors.find(host().token()));
+    std::istringstream lines(log);
+    size_t count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        const Json entry = Json::parse(line);
+        EXPECT_TRUE(entry.contains("id") && entry.contains("status") && entry.contains("route"));
+    }
+    EXPECT_GT(count, 5U);
+}
+
+TEST(ServeLog, IsReopened)
+{
+    NEEDS_WORKERS();
+    ServedHost host;
+    host.get("/livez");
+    fs::rename(host.path("access.log"), host.path("old.log"));
+    host.signal(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return fs::exists(host.path("access.log")); }));
+    host.get("/livez");
+    EXPECT_TRUE(eventually([&] { return !support::readWhole(host.path("access.log")).empty(); }));
+    EXPECT_EQ(0600U, static_cast<unsigned>(fs::status(host.path("access.log")).permissions()));
+}
+
+// ---- End.
+
+TEST(ServeEnd, LosesNoAnswer)
+{
+    NEEDS_WORKERS();
+    ServedHost host;
+    const std::vector<pid_t> workers = host.workers();
+    HttpConnection underWay(host.port());
+    HttpConnection idle(host.port());
+    idle.send(host.text("GET", "/livez"));
+    EXPECT_EQ(200, idle.receive().status);
+
+    // Held up in a worker while the host is told to end.
+    for (const pid_t worker : workers)
+        kill(worker, SIGSTOP);
+    underWay.send(host.text("POST", "/v1/requests/QZaven_crypto_hmac",
+                            {{"Content-Type", "application/json"}}, hmac.dump()));
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_workers_busy") == 1; }));
+    host.signal(SIGTERM);
+    EXPECT_TRUE(idle.isEnded());
+    EXPECT_TRUE(eventually([&] { return HttpConnection(host.port()).descriptor() < 0; }));
+    EXPECT_FALSE(host.hasEnded());
+    for (const pid_t worker : workers)
+        kill(worker, SIGCONT);
+    const HttpAnswer answer = underWay.receive();
+    EXPECT_EQ(hmacAnswer, answer.result("Data")) << answer.body;
+    EXPECT_EQ(0, host.wait());
+    for (const pid_t worker : workers)
+        EXPECT_FALSE(support::isRunning(worker));
+}
+
+TEST(ServeEnd, DoesNotWaitForEver)
+{
+    NEEDS_WORKERS();
+    ServedHost host({"--drain-seconds", "0.2"});
+    const std::vector<pid_t> workers = host.workers();
+    for (const pid_t worker : workers)
+        kill(worker, SIGSTOP);
+    HttpConnection underWay(host.port());
+    underWay.send(host.text("POST", "/v1/requests/QZaven_crypto_hmac",
+                            {{"Content-Type", "application/json"}}, hmac.dump()));
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_workers_busy") == 1; }));
+    EXPECT_EQ(0, host.stop());
+    const HttpAnswer answer = underWay.receive();
+    EXPECT_EQ(503, answer.status);
+    EXPECT_EQ("draining", answer.code());
+    for (const pid_t worker : workers)
+        EXPECT_FALSE(support::isRunning(worker));
+}
+
+// ---- Start.
+
+TEST(ServeStart, MakesATokenForItsOwnerAlone)
+{
+    NEEDS_WORKERS();
+    ServedHost host;
+    EXPECT_EQ(0600U, static_cast<unsigned>(fs::status(host.path("token")).permissions()));
+    EXPECT_EQ(host.token() + "\n", support::readWhole(host.path("token")));
+    EXPECT_GE(host.token().size(), 43U);
+    EXPECT_EQ(200, host.get("/v1/status").status);
+
+    // The next start takes it, and does not show it again.
+    ServedHost next({"--token-file", host.path("token")});
+    EXPECT_EQ(std::string::npos, next.output().find(host.token()));
+    EXPECT_EQ(200,
+              next.ask("GET", "/v1/status", {{"Authorization", "Bearer " + host.token()}}).status);
+}
+
+TEST(ServeStart, RefusesWhatIsNotSafe)
+{
+    std::string name = (fs::temp_directory_path() / "serve_start_XXXXXX").string();
+    const fs::path folder = mkdtemp(name.data());
+    const std::string token = folder / "token";
+    support::writeWhole(token, std::string(43, 'x') + "\n");
+    const auto run = [&](std::vector<std::string> options, const char* text) {
+        options.insert(options.begin(), "serve");
+        const auto [code, errors] = support::runHost(options);
+        EXPECT_EQ(2, code) << text;
+        EXPECT_NE(std::string::npos, errors.find(text)) << errors;
+    };
+    fs::permissions(token, fs::perms(0640));
+    run({"--listen", "127.0.0.1:0", "--token-file", token}, "mode 0600");
+    fs::permissions(token, fs::perms(0600));
+    support::writeWhole(token, "short\n");
+    run({"--listen", "127.0.0.1:0", "--token-file", token}, "must hold one token");
+    run({"--listen", "0.0.0.0:0", "--token-file", token}, "needs --tls-cert");
+    run({"--listen", "[::]:0", "--no-auth"}, "--no-auth is for loopback");
+    run({"--listen", "127.0.0.1.example.com:0", "--no-auth"}, "--no-auth is for loopback");
+    run({"--listen", "127.0.0.1"}, "HOST:PORT");
+    run({"--listen", "127.0.0.1:70000"}, "port");
+    run({"--listen", "127.0.0.1:0", "--tls-cert", "x"}, "belong together");
+    run({"--listen", "127.0.0.1:0", "--no-auth", "--ca-folder", "/nonexistent"},
+        "cannot open the folder");
+    fs::remove_all(folder);
+}
+
+TEST(ServeStart, SpeaksTls)
+{
+    NEEDS_WORKERS();
+    std::string name = (fs::temp_directory_path() / "serve_tls_XXXXXX").string();
+    const fs::path folder = mkdtemp(name.data());
+    const std::string quiet = " >" + (folder / "log").string() + " 2>&1";
+    const std::string key = folder / "key.pem";
+    const std::string cert = folder / "cert.pem";
+    ASSERT_EQ(
+        0,
+        system(("openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost -keyout " +
+                key + " -out " + cert + quiet)
+                   .c_str()));
+    ServedHost host({"--tls-cert", cert, "--tls-key", key});
+    support::writeWhole(
+        folder / "request",
+        host.text("POST", "/v1/requests/QZaven_crypto_hmac",
+                  {{"Content-Type", "application/json"}, {"Connection", "close"}}, hmac.dump()));
+    // The command's exit code tells how the connection ended, which is no matter here.
+    [[maybe_unused]] const int ignored =
+        system(("openssl s_client -quiet -CAfile " + cert + " -verify_return_error -connect " +
+                host.host() + " <" + (folder / "request").string() + " >" +
+                (folder / "answer").string() + " 2>&1")
+                   .c_str());
+    const std::string answer = support::readWhole(folder / "answer");
+    EXPECT_NE(std::string::npos, answer.find("HTTP/1.1 200 OK")) << answer;
+    EXPECT_NE(std::string::npos, answer.find(hmacAnswer)) << answer;
+    // Plain HTTP gets nothing.
+    EXPECT_EQ(0, host.get("/livez").status);
+    EXPECT_EQ(0, host.stop());
+    fs::remove_all(folder);
+}
+
+// ---- The bundled other side of a key exchange.
+
+class ServePeer : public Serve {
+protected:
+    HttpAnswer step(const ServedHost& host, const std::string& name, const Json& members) const
+    {
+        return host.ask("POST", "/v1/peer/" + name, {{"Content-Type", "application/json"}},
+                        members.dump());
+    }
+};
+
+TEST_F(ServePeer, RefusesWhatIsNoStepOfAnExchange)
+{
+    const ServedHost host;
+    EXPECT_EQ(true, host.status()["peer"]);
+    EXPECT_EQ("not_found", step(host, "nothing", Json::object()).code());
+    EXPECT_EQ(404U, step(host, "nothing", Json::object()).status);
+    const HttpAnswer missing = step(host, "answer", Json::object());
+    EXPECT_EQ(400U, missing.status);
+    EXPECT_EQ("hello", missing.json()["error"]["field"]);
+    EXPECT_EQ("wrong_type", step(host, "answer", {{"hello", {{"hex", "00"}}}}).code());
+
+    for (const auto& [name, members] : std::vector<std::pair<std::string, Json>>{
+             {"answer", {{"hello", "no Base64!"}}},
+             {"answer", {{"hello", "AAAA"}}},
+             {"decrypt", {{"exchange", "forged"}, {"data", "AAAA"}}},
+             {"finish", {{"exchange", ""}, {"message", "AAAA"}}}}) {
+        const HttpAnswer answer = step(host, name, members);
+        EXPECT_EQ(200U, answer.status) << name;
+        EXPECT_EQ("peer_refused", answer.code()) << name << members;
+        EXPECT_EQ("peer", answer.json()["error"]["source"]) << name;
+        EXPECT_EQ(Json::object(), answer.json()["results"]) << name;
+    }
+}
+
+TEST_F(ServePeer, HasNoKeysBeforeTheExchangeIsFinished)
+{
+    const ServedHost host;
+    const Json begun = step(host, "answer", {{"hello", toUrlBase64(std::string(32, 'h'))}}).json();
+    EXPECT_EQ(nullptr, begun["error"]);
+    EXPECT_EQ(step(host, "root", Json::object()).json()["results"]["root"],
+              begun["results"]["root"]);
+    EXPECT_EQ("peer_refused",
+              step(host, "encrypt", {{"exchange", begun["results"]["exchange"]}, {"data", "AAAA"}})
+                  .code());
+}
+
+TEST_F(ServePeer, ThatDiesIsReplaced)
+{
+    const ServedHost host;
+    const Json root = step(host, "root", Json::object()).json()["results"]["root"];
+    const pid_t first = host.peer();
+    ASSERT_GT(first, 0);
+    kill(first, SIGKILL);
+    EXPECT_TRUE(eventually([&] { return host.peer() != first; }));
+    const Json again = step(host, "root", Json::object()).json();
+    EXPECT_EQ(nullptr, again["error"]);
+    EXPECT_NE(root, again["results"]["root"]);
+}
+
+TEST_F(ServePeer, CanBeLeftOut)
+{
+    const ServedHost host({"--no-peer"});
+    EXPECT_EQ(false, host.status()["peer"]);
+    EXPECT_EQ(404U, step(host, "root", Json::object()).status);
+}
+
+}  // namespace
