@@ -13,10 +13,10 @@
 #include <cstddef>
 #include <memory>
 
-#include "engine/key_exchange/root_table.h"
-#include "engine/mac/mac.h"
 #include "errors.h"
 #include "handle_table.h"
+#include "mac.h"
+#include "root_table.h"
 
 // Owns a libcrypto object: Owned<EVP_MAC_CTX_free, EVP_MAC_CTX>.
 template <auto Free>

@@ -4,7 +4,7 @@
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
 
-#include "engine/mac/mac.h"
+#include "engine/mac.h"
 
 namespace {
 

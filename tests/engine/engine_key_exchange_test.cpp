@@ -10,7 +10,7 @@
 #include <set>
 #include <thread>
 
-#include "engine/mac/mac.h"
+#include "engine/mac.h"
 #include "peer/ke_server.h"
 #include "support/held.h"
 #include "support/openssl_tool.h"

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "engine/mac/mac.h"
+#include "engine/mac.h"
 #include "peer/ke_server.h"
 #include "support/openssl_tool.h"
 

@@ -7,13 +7,13 @@
 #include <openssl/x509.h>
 
 #include "engine/asn1_form.h"
-#include "engine/cipher/gcm.h"
-#include "engine/cipher/symmetric.h"
 #include "engine/exported_call.h"
 #include "engine/exports.h"
 #include "engine/keys/keys.h"
 #include "engine/keys/rsa.h"
 #include "engine/keys/sm2.h"
+#include "engine/symmetric/gcm.h"
+#include "engine/symmetric/symmetric.h"
 #include "envelope_algorithms.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "engine/mac/mac.h"
+#include "engine/mac.h"
 
 namespace {
 

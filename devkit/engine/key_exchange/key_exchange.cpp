@@ -6,13 +6,13 @@
 #include <cstring>
 #include <mutex>
 
-#include "engine/cipher/gcm.h"
 #include "engine/exported_call.h"
 #include "engine/exports.h"
 #include "engine/keys/key_forms.h"
 #include "engine/keys/rsa.h"
 #include "engine/keys/sm2.h"
-#include "engine/mac/mac.h"
+#include "engine/mac.h"
+#include "engine/symmetric/gcm.h"
 #include "ke_certificates.h"
 #include "ke_protocol.h"
 

@@ -11,7 +11,7 @@
 #include "host/catalogue/peer_steps.h"
 #include "host/exchange.h"
 #include "host/values.h"
-#include "session_requests.h"
+#include "service/workers/session_requests.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include "common/secrets.h"
 #include "host/exchange.h"
-#include "service/requests/session_requests.h"
+#include "session_requests.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "root_table.h"
 
-#include "engine/engine_numbers.h"
-#include "engine/errors.h"
+#include "engine_numbers.h"
+#include "errors.h"
 
 TrustedRoots RootTable::find(const Digest& digest) const
 {

@@ -1,6 +1,6 @@
 // GCM (SP 800-38D) for every cipher with a 128-bit block. Setups are checked before.
-#ifndef CORVANE_ENGINE_CIPHER_GCM_H
-#define CORVANE_ENGINE_CIPHER_GCM_H
+#ifndef CORVANE_ENGINE_SYMMETRIC_GCM_H
+#define CORVANE_ENGINE_SYMMETRIC_GCM_H
 
 #include "symmetric.h"
 

@@ -1,12 +1,12 @@
 // HMAC (RFC 2104) and CMAC (SP 800-38B) for all that need one.
-#ifndef CORVANE_ENGINE_MAC_MAC_H
-#define CORVANE_ENGINE_MAC_MAC_H
+#ifndef CORVANE_ENGINE_MAC_H
+#define CORVANE_ENGINE_MAC_H
 
 #include <openssl/evp.h>
 
 #include <memory>
 
-#include "engine/buffers.h"
+#include "buffers.h"
 
 struct MacContextFree {
     void operator()(EVP_MAC_CTX* context) const { EVP_MAC_CTX_free(context); }

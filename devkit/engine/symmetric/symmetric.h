@@ -1,7 +1,7 @@
 // Symmetric ciphers in all six modes, for the exported functions and for those that
 // encrypt on the way to something else.
-#ifndef CORVANE_ENGINE_CIPHER_SYMMETRIC_H
-#define CORVANE_ENGINE_CIPHER_SYMMETRIC_H
+#ifndef CORVANE_ENGINE_SYMMETRIC_SYMMETRIC_H
+#define CORVANE_ENGINE_SYMMETRIC_SYMMETRIC_H
 
 #include "engine/buffers.h"
 #include "engine/engine.h"

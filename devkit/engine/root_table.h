@@ -1,7 +1,7 @@
 // The trusted roots that key-exchange sessions hold: the same ones are in memory once, and all
 // of them together are bounded.
-#ifndef CORVANE_ENGINE_KEY_EXCHANGE_ROOT_TABLE_H
-#define CORVANE_ENGINE_KEY_EXCHANGE_ROOT_TABLE_H
+#ifndef CORVANE_ENGINE_ROOT_TABLE_H
+#define CORVANE_ENGINE_ROOT_TABLE_H
 
 #include <openssl/x509_vfy.h>
 

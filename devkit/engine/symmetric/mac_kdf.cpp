@@ -7,7 +7,7 @@
 #include "engine/engine.h"
 #include "engine/exported_call.h"
 #include "engine/exports.h"
-#include "mac.h"
+#include "engine/mac.h"
 
 namespace {
 
