@@ -146,5 +146,6 @@ printf '\n'
 for name in "${failed[@]}"; do
     echo "FAILED: $name"
 done
-echo "stages: $passed passed, ${#failed[@]} failed, $SECONDS s"
+echo "in $((SECONDS / 60)) min $((SECONDS % 60)) s"
+echo "stages: $passed passed, ${#failed[@]} failed"
 [ ${#failed[@]} -eq 0 ]

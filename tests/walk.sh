@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # A newcomer's walk: the README's commands in its order, then a request to the service. The
 # checkout should be fresh.
+#   tests/walk.sh [all]   with the tests that `./test.sh` or `./test.sh all` runs
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -8,8 +9,8 @@ step() { printf '\n== %s\n' "$1"; }
 
 step "./run.sh"
 ./run.sh
-step "./test.sh"
-./test.sh
+step "./test.sh $*"
+./test.sh "$@"
 step "./run.sh again"
 ./run.sh | tail -n 1
 

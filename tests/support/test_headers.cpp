@@ -1,0 +1,2 @@
+// Holds the headers that all test programs read (tests/CMakeLists.txt).
+int main() {}
