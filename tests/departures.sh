@@ -29,9 +29,9 @@ fi
 # be linked again when that changes.
 if ! { cmake -G Ninja -S "$tree" -B "$build" -DCMAKE_BUILD_TYPE=Debug \
     -DCORVANE_DEVKIT=OFF -DCORVANE_TESTS=ON -DCORVANE_SANITIZE=address,undefined \
-    -DCMAKE_LINK_DEPENDS_NO_SHARED=ON &&
-    cmake --build "$build" -j "$(nproc)" --target "${plugin_programs[@]}"; } >"$directory/build.log" 2>&1; then
+    -DCMAKE_LINK_DEPENDS_NO_SHARED=ON && mapfile -t programs < <(plugin_programs "$build") &&
+    cmake --build "$build" -j "$(nproc)" --target "${programs[@]}"; } >"$directory/build.log" 2>&1; then
     tail -n 60 "$directory/build.log"
     exit 1
 fi
-PLUGIN_PROGRAMS="${plugin_programs[*]}" python3 tests/departures.py run "$tree" "$build" "$@"
+PLUGIN_PROGRAMS="${programs[*]}" python3 tests/departures.py run "$tree" "$build" "$@"

@@ -38,7 +38,7 @@ run_on() {
 export -f run_on
 export build results CORVANE_CLIENT_REQUESTS=300
 
-programs=("${plugin_programs[@]}" concurrency_test)
+mapfile -t programs < <(plugin_programs "$build" && echo concurrency_test)
 status=0
 for pair in qemu64:scalar Nehalem:ssse3 Haswell:avx2; do
     processor=${pair%:*} kernel=${pair#*:}
