@@ -52,7 +52,7 @@ struct Asn1 {
         require(ASN1_item_i2d(valueOf(form), &out, Item()) > 0, AVEN_E_NO_MEMORY);
     }
 
-    static std::vector<unsigned char> write(const Form& form)
+    static std::vector<unsigned char> encode(const Form& form)
     {
         std::vector<unsigned char> der(sizeOf(form));
         writeTo(form, der.data());

@@ -113,7 +113,7 @@ size_t base64Decode(Bytes in, unsigned char* out)
 int aven_crypto_base64_encode(const unsigned char* in, uint32_t in_len, unsigned char* out,
                               uint32_t* out_len)
 {
-    return serve("aven_crypto_base64_encode", out, out_len, [&](const Engine&, Output& output) {
+    return answer("aven_crypto_base64_encode", out, out_len, [&](const Engine&, Output& output) {
         const Bytes data = input(in, in_len);
         const size_t needed = base64EncodedLength(data.size);
 
@@ -126,7 +126,7 @@ int aven_crypto_base64_encode(const unsigned char* in, uint32_t in_len, unsigned
 int aven_crypto_base64_decode(const unsigned char* in, uint32_t in_len, unsigned char* out,
                               uint32_t* out_len)
 {
-    return serve("aven_crypto_base64_decode", out, out_len, [&](const Engine&, Output& output) {
+    return answer("aven_crypto_base64_decode", out, out_len, [&](const Engine&, Output& output) {
         const Bytes text = input(in, in_len);
         const size_t needed = base64Decode(text, nullptr);
 

@@ -70,7 +70,7 @@ int guarded(const char* function, Result result, Body body) noexcept
 
 // Runs `body(engine)` as the exported function of that name.
 template <class Body>
-int serve(const char* function, Body body) noexcept
+int answer(const char* function, Body body) noexcept
 {
     return guarded(function, nullptr, [&] {
         const EngineUse use;
@@ -80,7 +80,7 @@ int serve(const char* function, Body body) noexcept
 
 // The same for a function with an output buffer: `body(engine, output)`.
 template <class Body>
-int serve(const char* function, unsigned char* out, uint32_t* out_len, Body body) noexcept
+int answer(const char* function, unsigned char* out, uint32_t* out_len, Body body) noexcept
 {
     return guarded(function, out_len, [&] {
         const EngineUse use;
@@ -92,7 +92,7 @@ int serve(const char* function, unsigned char* out, uint32_t* out_len, Body body
 // The same for a function that gives out a handle, for the object that `body(engine)`
 // returns.
 template <class Body>
-int serve(const char* function, void** handle, Body body) noexcept
+int answer(const char* function, void** handle, Body body) noexcept
 {
     return guarded(function, handle, [&] {
         const EngineUse use;

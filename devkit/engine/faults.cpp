@@ -30,7 +30,7 @@ constexpr Function functions[] = {AVEN_ENGINE_FUNCTIONS(ROW)};
 
 constexpr uint32_t EVERY_CALL = 0;
 
-struct Request {
+struct PlannedFault {
     const Function* function = nullptr;
     uint32_t call = EVERY_CALL;
     Fault fault = {};
@@ -38,8 +38,8 @@ struct Request {
 };
 
 // Without destructors: threads may call while the process exits.
-std::array<Request, 64> requests;
-size_t requestCount = 0;
+std::array<PlannedFault, 64> planned;
+size_t plannedCount = 0;
 bool readable = true;
 
 template <class Number>
@@ -68,34 +68,33 @@ const Function* functionNamed(std::string_view name)
 }
 
 // function:call=outcome
-bool parseRequest(std::string_view text, Request& request)
+bool parsePlanned(std::string_view text, PlannedFault& plan)
 {
-    request.function = functionNamed(takeUntil(':', text));
-    if (request.function == nullptr)
+    plan.function = functionNamed(takeUntil(':', text));
+    if (plan.function == nullptr)
         return false;
 
     const std::string_view call = takeUntil('=', text);
-    if (call != "*" && (!parseNumber(call, request.call) || request.call == EVERY_CALL))
+    if (call != "*" && (!parseNumber(call, plan.call) || plan.call == EVERY_CALL))
         return false;
 
     if (text == "empty")
         return true;
     if (text == "crash" || text == "hang") {
-        request.fault.kind = text == "crash" ? Fault::Crashes : Fault::Hangs;
+        plan.fault.kind = text == "crash" ? Fault::Crashes : Fault::Hangs;
         return true;
     }
-    return request.function->returnsCode && parseNumber(text, request.fault.code) &&
-           request.fault.code != 0;
+    return plan.function->returnsCode && parseNumber(text, plan.fault.code) && plan.fault.code != 0;
 }
 
-bool parseRequests(std::string_view text)
+bool parsePlan(std::string_view text)
 {
     for (bool more = true; more;) {
         more = text.find(';') != std::string_view::npos;
-        if (requestCount == requests.size() ||
-            !parseRequest(takeUntil(';', text), requests[requestCount]))
+        if (plannedCount == planned.size() ||
+            !parsePlanned(takeUntil(';', text), planned[plannedCount]))
             return false;
-        ++requestCount;
+        ++plannedCount;
     }
     return true;
 }
@@ -105,7 +104,7 @@ __attribute__((constructor)) void readVariable()
     const char* text = getenv(VARIABLE);
     if (text == nullptr || *text == '\0')
         return;
-    readable = parseRequests(text);
+    readable = parsePlan(text);
     faultsOn = readable;
 }
 
@@ -113,14 +112,14 @@ __attribute__((constructor)) void readVariable()
 
 std::optional<Fault> countedFault(const char* function)
 {
-    const Request* striking = nullptr;
-    for (size_t i = 0; i < requestCount; ++i) {
-        Request& request = requests[i];
-        if (request.function->name != function)
+    const PlannedFault* striking = nullptr;
+    for (size_t i = 0; i < plannedCount; ++i) {
+        PlannedFault& plan = planned[i];
+        if (plan.function->name != function)
             continue;
-        const uint64_t call = ++request.calls;
-        if (striking == nullptr && (request.call == EVERY_CALL || request.call == call))
-            striking = &request;
+        const uint64_t call = ++plan.calls;
+        if (striking == nullptr && (plan.call == EVERY_CALL || plan.call == call))
+            striking = &plan;
     }
     if (striking == nullptr)
         return std::nullopt;
@@ -151,8 +150,8 @@ void logFaults()
 {
     if (!readable)
         logLoud("*** FAULTS ON REQUEST *** malformed: entry %zu of %s; the engine will not start",
-                requestCount + 1, VARIABLE);
+                plannedCount + 1, VARIABLE);
     else if (faultsOn)
         logLoud("*** FAULTS ON REQUEST *** %s is set: calls will fail on purpose (entries: %zu)",
-                VARIABLE, requestCount);
+                VARIABLE, plannedCount);
 }

@@ -133,7 +133,7 @@ void require(bool ok, int code)
 // Runs an exported function's body on the calling thread's stores. Nothing is thrown
 // beyond this frame.
 template <class Body>
-int serve(Body body) noexcept
+int withStores(Body body) noexcept
 {
     try {
         const std::shared_lock<std::shared_mutex> alive = enter();
@@ -198,7 +198,7 @@ void read(const std::string& text, const Target& target)
 
 int add(Store ThreadStores::*store, char* name, long nameLen, char* value, long valueLen)
 {
-    return serve([&](ThreadStores& stores) {
+    return withStores([&](ThreadStores& stores) {
         const std::string_view wanted = bytes(name, nameLen);
         std::string copy(bytes(value, valueLen));
         Store& pairs = stores.*store;
@@ -216,7 +216,7 @@ int add(Store ThreadStores::*store, char* name, long nameLen, char* value, long 
 int get(Store ThreadStores::*store, char* name, long nameLen, char* value, long* valueLen)
 {
     bool isKnown = false;
-    const int code = serve([&](ThreadStores& stores) {
+    const int code = withStores([&](ThreadStores& stores) {
         const std::string_view wanted = bytes(name, nameLen);
         const Target target(value, valueLen);
         Store& pairs = stores.*store;
@@ -243,7 +243,7 @@ int GetHttpParams(char* name, long name_len, char* value, long* value_len)
 
 int ChangeHttpParams(char* name, long name_len, char* value, long value_len)
 {
-    return serve([&](ThreadStores& stores) {
+    return withStores([&](ThreadStores& stores) {
         const std::string_view wanted = bytes(name, name_len);
         std::string copy(bytes(value, value_len));
 
@@ -255,7 +255,7 @@ int ChangeHttpParams(char* name, long name_len, char* value, long value_len)
 
 int ClearHttpParams(void)
 {
-    return serve([](ThreadStores& stores) { Store().swap(stores.http); });
+    return withStores([](ThreadStores& stores) { Store().swap(stores.http); });
 }
 
 int AddRetParams(char* name, long name_len, char* value, long value_len)
@@ -270,7 +270,7 @@ int GetRetParams(char* name, long name_len, char* value, long* value_len)
 
 int GetRetParamsSum(int* count)
 {
-    return serve([&](ThreadStores& stores) {
+    return withStores([&](ThreadStores& stores) {
         require(count != nullptr, PARAMS_NULL_POINTER);
         *count = static_cast<int>(stores.ret.size());
     });
@@ -278,7 +278,7 @@ int GetRetParamsSum(int* count)
 
 int GetRetParamFromIndex(int index, char* name, long* name_len, char* value, long* value_len)
 {
-    return serve([&](ThreadStores& stores) {
+    return withStores([&](ThreadStores& stores) {
         const Target nameTarget(name, name_len);
         const Target valueTarget(value, value_len);
         require(index >= 0 && static_cast<size_t>(index) < stores.ret.size(), PARAMS_BAD_INDEX);
@@ -296,12 +296,12 @@ int GetRetParamFromIndex(int index, char* name, long* name_len, char* value, lon
 
 int ClearRetParams(void)
 {
-    return serve([](ThreadStores& stores) { Store().swap(stores.ret); });
+    return withStores([](ThreadStores& stores) { Store().swap(stores.ret); });
 }
 
 int SetRetCustomParam(char* text, long text_len)
 {
-    return serve([&](ThreadStores& stores) {
+    return withStores([&](ThreadStores& stores) {
         std::string copy(bytes(text, text_len));
         stores.custom.swap(copy);
     });
@@ -309,10 +309,10 @@ int SetRetCustomParam(char* text, long text_len)
 
 int GetRetCustomParam(char* text, long* text_len)
 {
-    return serve([&](ThreadStores& stores) { read(stores.custom, Target(text, text_len)); });
+    return withStores([&](ThreadStores& stores) { read(stores.custom, Target(text, text_len)); });
 }
 
 int ClearRetCustomParam(void)
 {
-    return serve([](ThreadStores& stores) { std::string().swap(stores.custom); });
+    return withStores([](ThreadStores& stores) { std::string().swap(stores.custom); });
 }

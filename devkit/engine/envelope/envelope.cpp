@@ -192,13 +192,13 @@ void writeRecipient(const Engine& engine, const Certificate& certificate, Bytes 
 
     const Recipient::Owner recipient = Recipient::make();
     setNumber(recipient->version, version);
-    recipient->name->value.issuerAndSerial = sequenceOf(IssuerAndSerial::write(*name)).release();
+    recipient->name->value.issuerAndSerial = sequenceOf(IssuerAndSerial::encode(*name)).release();
     recipient->name->type = ISSUER_AND_SERIAL;
     writeTransport(certificate.key.kind, recipient->algorithm);
     const std::vector<unsigned char> sealed = sealContentKey(engine, certificate.key, contentKey);
     setContent(recipient->key, {sealed.data(), sealed.size()});
 
-    ASN1_TYPE* entry = packed(Recipient::write(*recipient));
+    ASN1_TYPE* entry = packed(Recipient::encode(*recipient));
     if (sk_ASN1_TYPE_push(out.recipients, entry) == 0) {
         ASN1_TYPE_free(entry);
         throw Failure{AVEN_E_NO_MEMORY};
@@ -406,30 +406,30 @@ void open(const Engine& engine, const ContentCipher& named, const Key& key, Byte
 int aven_crypto_pkcs7_encrypt(const void* params, const unsigned char* in, uint32_t in_len,
                               unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_pkcs7_encrypt", out, out_len,
-                 [&](const Engine& engine, Output& output) {
-                     const EnvelopeParams& p = parameterBlock<EnvelopeParams>(params);
-                     const Bytes data = input(in, in_len);
-                     const std::shared_ptr<const Certificate> certificate =
-                         certificateOf(engine, p.certificate);
+    return answer(
+        "aven_crypto_pkcs7_encrypt", out, out_len, [&](const Engine& engine, Output& output) {
+            const EnvelopeParams& p = parameterBlock<EnvelopeParams>(params);
+            const Bytes data = input(in, in_len);
+            const std::shared_ptr<const Certificate> certificate =
+                certificateOf(engine, p.certificate);
 
-                     const Outer::Owner envelope = seal(engine, namedCipher(p), *certificate, data);
-                     const size_t size = Outer::sizeOf(*envelope);
-                     Outer::writeTo(*envelope, output.room(size));
-                     output.setLength(size);
-                 });
+            const Outer::Owner envelope = seal(engine, namedCipher(p), *certificate, data);
+            const size_t size = Outer::sizeOf(*envelope);
+            Outer::writeTo(*envelope, output.room(size));
+            output.setLength(size);
+        });
 }
 
 int aven_crypto_pkcs7_decrypt(const void* params, const unsigned char* in, uint32_t in_len,
                               unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_pkcs7_decrypt", out, out_len,
-                 [&](const Engine& engine, Output& output) {
-                     const EnvelopeParams& p = parameterBlock<EnvelopeParams>(params);
-                     const Bytes data = input(in, in_len);
-                     const std::shared_ptr<const KeyPair> keyPair = keyPairOf(engine, p.keypair);
-                     require(keyPair->isPrivate, AVEN_E_KEY_NOT_PRIVATE);
+    return answer("aven_crypto_pkcs7_decrypt", out, out_len,
+                  [&](const Engine& engine, Output& output) {
+                      const EnvelopeParams& p = parameterBlock<EnvelopeParams>(params);
+                      const Bytes data = input(in, in_len);
+                      const std::shared_ptr<const KeyPair> keyPair = keyPairOf(engine, p.keypair);
+                      require(keyPair->isPrivate, AVEN_E_KEY_NOT_PRIVATE);
 
-                     open(engine, namedCipher(p), keyPair->key, data, output);
-                 });
+                      open(engine, namedCipher(p), keyPair->key, data, output);
+                  });
 }

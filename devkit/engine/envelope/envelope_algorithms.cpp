@@ -186,8 +186,9 @@ void writeOaep(X509_ALGOR* out)
     oaep->hashFunc = sha256Algorithm().release();
     oaep->maskGenFunc = Algorithm::make().release();
     set(oaep->maskGenFunc, OBJ_nid2obj(NID_mgf1), V_ASN1_SEQUENCE,
-        sequenceOf(Algorithm::write(*hash)));
-    set(out, OBJ_nid2obj(NID_rsaesOaep), V_ASN1_SEQUENCE, sequenceOf(OaepParameters::write(*oaep)));
+        sequenceOf(Algorithm::encode(*hash)));
+    set(out, OBJ_nid2obj(NID_rsaesOaep), V_ASN1_SEQUENCE,
+        sequenceOf(OaepParameters::encode(*oaep)));
 }
 
 }  // namespace
@@ -238,7 +239,7 @@ void writeContentAlgorithm(const ContentCipher& cipher, Bytes iv, X509_ALGOR* ou
     gcm->tagLength = ASN1_INTEGER_new();
     require(gcm->tagLength != nullptr && ASN1_INTEGER_set(gcm->tagLength, ENVELOPE_TAG) == 1,
             AVEN_E_NO_MEMORY);
-    set(out, objectOf(cipher.oid), V_ASN1_SEQUENCE, sequenceOf(GcmParameters::write(*gcm)));
+    set(out, objectOf(cipher.oid), V_ASN1_SEQUENCE, sequenceOf(GcmParameters::encode(*gcm)));
 }
 
 ContentAlgorithm readContentAlgorithm(const X509_ALGOR* algorithm)

@@ -226,7 +226,7 @@ template <class Choose>
 int serveMac(const char* function, const void* ke, const unsigned char* in, uint32_t in_len,
              unsigned char* out, uint32_t* out_len, Choose choose)
 {
-    return serve(function, out, out_len, [&](const Engine& engine, Output& output) {
+    return answer(function, out, out_len, [&](const Engine& engine, Output& output) {
         const Bytes data = input(in, in_len);
         const std::shared_ptr<const ChannelKeys> keys = channelOf(engine, ke);
         const MacChoice choice = choose(engine, *keys);
@@ -240,14 +240,14 @@ int serveMac(const char* function, const void* ke, const unsigned char* in, uint
 
 int aven_ke_new(void** ke)
 {
-    return serve("aven_ke_new", ke, [](const Engine&) { return std::make_shared<Session>(); });
+    return answer("aven_ke_new", ke, [](const Engine&) { return std::make_shared<Session>(); });
 }
 
 // Unlike the other two free functions, not without a word for null: a request whose handle
 // is no number arrives as null.
 int aven_ke_free(void* ke)
 {
-    return serve("aven_ke_free", [&](const Engine& engine) {
+    return answer("aven_ke_free", [&](const Engine& engine) {
         require(ke != nullptr, AVEN_E_NULL_POINTER);
         require(engine.handles().remove<Session>(ke) != nullptr, AVEN_E_HANDLE);
     });
@@ -256,7 +256,7 @@ int aven_ke_free(void* ke)
 int aven_ke_set_public_key(void* ke, const unsigned char* sig_key, uint32_t sig_key_len,
                            const unsigned char* enc_key, uint32_t enc_key_len, const char* password)
 {
-    return serve("aven_ke_set_public_key", [&](const Engine& engine) {
+    return answer("aven_ke_set_public_key", [&](const Engine& engine) {
         const std::shared_ptr<Session> session = sessionOf(engine, ke);
         setIdentities(*session, input(sig_key, sig_key_len), input(enc_key, enc_key_len),
                       [&](ClientIdentity& identity, Bytes text) {
@@ -268,7 +268,7 @@ int aven_ke_set_public_key(void* ke, const unsigned char* sig_key, uint32_t sig_
 int aven_ke_set_certificate(void* ke, const unsigned char* sig_cert, uint32_t sig_cert_len,
                             const unsigned char* enc_cert, uint32_t enc_cert_len, const char*)
 {
-    return serve("aven_ke_set_certificate", [&](const Engine& engine) {
+    return answer("aven_ke_set_certificate", [&](const Engine& engine) {
         const std::shared_ptr<Session> session = sessionOf(engine, ke);
         setIdentities(*session, input(sig_cert, sig_cert_len), input(enc_cert, enc_cert_len),
                       [&](ClientIdentity& identity, Bytes text) {
@@ -279,7 +279,7 @@ int aven_ke_set_certificate(void* ke, const unsigned char* sig_cert, uint32_t si
 
 int aven_ke_set_root_certificate(void* ke, const char* ca_file, const char* ca_path)
 {
-    return serve("aven_ke_set_root_certificate", [&](const Engine& engine) {
+    return answer("aven_ke_set_root_certificate", [&](const Engine& engine) {
         const std::shared_ptr<Session> session = sessionOf(engine, ke);
         const std::lock_guard<std::mutex> lock(session->mutex);
         session->requireStage(Stage::settings);
@@ -289,7 +289,7 @@ int aven_ke_set_root_certificate(void* ke, const char* ca_file, const char* ca_p
 
 int aven_ke_client_hello(void* ke, unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_ke_client_hello", out, out_len, [&](const Engine& engine, Output& output) {
+    return answer("aven_ke_client_hello", out, out_len, [&](const Engine& engine, Output& output) {
         const std::shared_ptr<Session> session = sessionOf(engine, ke);
         const std::lock_guard<std::mutex> lock(session->mutex);
         session->requireStage(Stage::settings);
@@ -309,7 +309,7 @@ int aven_ke_client_key_exchange(void* ke, const unsigned char* srvr_rand, uint32
                                 const unsigned char* srvr_sign, uint32_t srvr_sign_len,
                                 unsigned char* out, uint32_t* out_len)
 {
-    return serve(
+    return answer(
         "aven_ke_client_key_exchange", out, out_len, [&](const Engine& engine, Output& output) {
             const Bytes serverRandom = input(srvr_rand, srvr_rand_len);
             const Bytes signingBytes = input(srvr_sig_cert, srvr_sig_cert_len);
@@ -346,7 +346,7 @@ int aven_ke_client_key_exchange(void* ke, const unsigned char* srvr_rand, uint32
 int aven_ke_encrypt(void* ke, const unsigned char* in, uint32_t in_len, unsigned char* out,
                     uint32_t* out_len)
 {
-    return serve("aven_ke_encrypt", out, out_len, [&](const Engine& engine, Output& output) {
+    return answer("aven_ke_encrypt", out, out_len, [&](const Engine& engine, Output& output) {
         const Bytes data = input(in, in_len);
         const std::shared_ptr<const ChannelKeys> keys = channelOf(engine, ke);
         const size_t size = data.size + KE_OVERHEAD;
@@ -359,7 +359,7 @@ int aven_ke_encrypt(void* ke, const unsigned char* in, uint32_t in_len, unsigned
 int aven_ke_decrypt(void* ke, const unsigned char* in, uint32_t in_len, unsigned char* out,
                     uint32_t* out_len)
 {
-    return serve("aven_ke_decrypt", out, out_len, [&](const Engine& engine, Output& output) {
+    return answer("aven_ke_decrypt", out, out_len, [&](const Engine& engine, Output& output) {
         const Bytes message = input(in, in_len);
         const std::shared_ptr<const ChannelKeys> keys = channelOf(engine, ke);
         require(message.size >= KE_OVERHEAD, AVEN_E_KE_MESSAGE);

@@ -379,7 +379,7 @@ int freeHandle(const char* function, const void* handle)
 {
     if (handle == nullptr)
         return guarded(function, nullptr, [] {});
-    return serve(function, [handle](const Engine& engine) {
+    return answer(function, [handle](const Engine& engine) {
         require(engine.handles().remove<Object>(handle) != nullptr, AVEN_E_HANDLE);
     });
 }
@@ -455,7 +455,7 @@ int aven_keypair_unmarshal(int type, const unsigned char* private_key, uint32_t 
                            const unsigned char* public_key, uint32_t public_key_len,
                            const char* password, void** keypair)
 {
-    return serve("aven_keypair_unmarshal", keypair, [&](const Engine& engine) {
+    return answer("aven_keypair_unmarshal", keypair, [&](const Engine& engine) {
         require(type == AVEN_KEY_ANY || type == AVEN_KEY_SM2 || type == AVEN_KEY_RSA,
                 AVEN_E_KEY_TYPE);
         const Bytes privateText = input(private_key, private_key_len);
@@ -480,7 +480,7 @@ int aven_keypair_free(void* keypair)
 int aven_certificate_unmarshal(const unsigned char* cert, uint32_t cert_len, const char*,
                                void** certificate)
 {
-    return serve("aven_certificate_unmarshal", certificate, [&](const Engine& engine) {
+    return answer("aven_certificate_unmarshal", certificate, [&](const Engine& engine) {
         const Bytes text = input(cert, cert_len);
         require(text.size > 0, AVEN_E_KEY_MISSING);
         return readCertificate(engine, text);

@@ -11,12 +11,12 @@
 namespace {
 
 // Numbers that do not concern the key's kind must be valid all the same.
-struct Request {
+struct PkeyCall {
     std::shared_ptr<const KeyPair> keyPair;
     RsaPadding rsaPadding;
     Sm2Form sm2Form;
 
-    Request(const Engine& engine, const PkeyCipherParams& params)
+    PkeyCall(const Engine& engine, const PkeyCipherParams& params)
         : keyPair(keyPairOf(engine, params.keypair)),
           rsaPadding{params.rsa_padding_e},
           sm2Form{params.no_asn1 == 0, params.no_c1c3c2 == 0}
@@ -42,30 +42,30 @@ void put(Output& output, const Result& result)
 int aven_crypto_public_encrypt(const void* params, const unsigned char* in, uint32_t in_len,
                                unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_public_encrypt", out, out_len,
-                 [&](const Engine& engine, Output& output) {
-                     const Request request(engine, parameterBlock<PkeyCipherParams>(params));
-                     const Bytes data = input(in, in_len);
+    return answer("aven_crypto_public_encrypt", out, out_len,
+                  [&](const Engine& engine, Output& output) {
+                      const PkeyCall call(engine, parameterBlock<PkeyCipherParams>(params));
+                      const Bytes data = input(in, in_len);
 
-                     if (request.key().kind == AVEN_KEY_RSA)
-                         put(output, rsaEncrypt(engine, request.key(), request.rsaPadding, data));
-                     else
-                         put(output, sm2Encrypt(engine, request.key(), request.sm2Form, data));
-                 });
+                      if (call.key().kind == AVEN_KEY_RSA)
+                          put(output, rsaEncrypt(engine, call.key(), call.rsaPadding, data));
+                      else
+                          put(output, sm2Encrypt(engine, call.key(), call.sm2Form, data));
+                  });
 }
 
 int aven_crypto_private_decrypt(const void* params, const unsigned char* in, uint32_t in_len,
                                 unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_private_decrypt", out, out_len,
-                 [&](const Engine& engine, Output& output) {
-                     const Request request(engine, parameterBlock<PkeyCipherParams>(params));
-                     require(request.keyPair->isPrivate, AVEN_E_KEY_NOT_PRIVATE);
-                     const Bytes data = input(in, in_len);
+    return answer("aven_crypto_private_decrypt", out, out_len,
+                  [&](const Engine& engine, Output& output) {
+                      const PkeyCall call(engine, parameterBlock<PkeyCipherParams>(params));
+                      require(call.keyPair->isPrivate, AVEN_E_KEY_NOT_PRIVATE);
+                      const Bytes data = input(in, in_len);
 
-                     if (request.key().kind == AVEN_KEY_RSA)
-                         put(output, rsaDecrypt(engine, request.key(), request.rsaPadding, data));
-                     else
-                         put(output, sm2Decrypt(engine, request.key(), request.sm2Form, data));
-                 });
+                      if (call.key().kind == AVEN_KEY_RSA)
+                          put(output, rsaDecrypt(engine, call.key(), call.rsaPadding, data));
+                      else
+                          put(output, sm2Decrypt(engine, call.key(), call.sm2Form, data));
+                  });
 }

@@ -38,7 +38,7 @@ struct Parts {
     Bytes data;    // C2
 };
 
-std::vector<unsigned char> write(const Parts& parts, Sm2Form form)
+std::vector<unsigned char> encoded(const Parts& parts, Sm2Form form)
 {
     const Bytes first = form.digestFirst ? parts.digest : parts.data;
     const Bytes second = form.digestFirst ? parts.data : parts.digest;
@@ -49,7 +49,7 @@ std::vector<unsigned char> write(const Parts& parts, Sm2Form form)
                 AVEN_E_NO_MEMORY);
         setContent(cipher->third, first);
         setContent(cipher->fourth, second);
-        return Sm2Cipher::write(*cipher);
+        return Sm2Cipher::encode(*cipher);
     }
 
     std::vector<unsigned char> raw;
@@ -106,7 +106,7 @@ private:
 // Returns whether the ciphertext's digest was right.
 bool open(const Engine& engine, const Key& key, const Parts& parts, SecretBytes& out)
 {
-    const std::vector<unsigned char> in = write(parts, SM2_STANDARD_FORM);
+    const std::vector<unsigned char> in = encoded(parts, SM2_STANDARD_FORM);
     const PKeyContext context = contextFor(engine, key);
     require(EVP_PKEY_decrypt_init(context.get()) == 1, AVEN_E_INTERNAL);
     out.resize(in.size());
@@ -155,7 +155,7 @@ std::vector<unsigned char> sm2Encrypt(const Engine& engine, const Key& key, Sm2F
         // The standard wants another try if all of the key stream is zero, as happens
         // with the shortest of texts. libcrypto does not look.
         if (memcmp(cipher.parts().data.data, in.data, in.size) != 0)
-            return write(cipher.parts(), form);
+            return encoded(cipher.parts(), form);
     }
 }
 

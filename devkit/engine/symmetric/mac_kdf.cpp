@@ -56,7 +56,7 @@ void deriveKey(const EVP_MD_CTX* hashedSecret, unsigned char* out, size_t size)
 int aven_crypto_hmac(const void* params, const unsigned char* in, uint32_t in_len,
                      unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_hmac", out, out_len, [&](const Engine& engine, Output& output) {
+    return answer("aven_crypto_hmac", out, out_len, [&](const Engine& engine, Output& output) {
         const MacParams& p = parameterBlock<MacParams>(params);
         const Bytes key = input(p.key, p.key_len);
         const Bytes data = input(in, in_len);
@@ -71,7 +71,7 @@ int aven_crypto_hmac(const void* params, const unsigned char* in, uint32_t in_le
 int aven_crypto_cmac(const void* params, const unsigned char* in, uint32_t in_len,
                      unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_cmac", out, out_len, [&](const Engine& engine, Output& output) {
+    return answer("aven_crypto_cmac", out, out_len, [&](const Engine& engine, Output& output) {
         const MacParams& p = parameterBlock<MacParams>(params);
         const Bytes key = input(p.key, p.key_len);
         const Bytes data = input(in, in_len);
@@ -86,7 +86,7 @@ int aven_crypto_cmac(const void* params, const unsigned char* in, uint32_t in_le
 int aven_crypto_kdf(int alg, const unsigned char* in, uint32_t in_len, uint32_t out_len,
                     unsigned char* out)
 {
-    return serve("aven_crypto_kdf", [&](const Engine& engine) {
+    return answer("aven_crypto_kdf", [&](const Engine& engine) {
         const Bytes secret = input(in, in_len);
         require(out != nullptr, AVEN_E_NULL_POINTER);
 

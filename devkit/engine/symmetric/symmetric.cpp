@@ -129,7 +129,7 @@ size_t decrypt(const Engine& engine, const CipherSetup& setup, Bytes in, unsigne
 int aven_crypto_encrypt(const void* params, const unsigned char* in, uint32_t in_len,
                         unsigned char* out, uint32_t* out_len, int tag_len, unsigned char* tag)
 {
-    return serve("aven_crypto_encrypt", out, out_len, [&](const Engine& engine, Output& output) {
+    return answer("aven_crypto_encrypt", out, out_len, [&](const Engine& engine, Output& output) {
         const CipherSetup setup = setupOf(parameterBlock<SymmCipherParams>(params));
         const Bytes data = input(in, in_len);
         require(tag_len >= 0, AVEN_E_TAG_LENGTH);
@@ -151,7 +151,7 @@ int aven_crypto_decrypt(const void* params, const unsigned char* in, uint32_t in
                         const unsigned char* tag, uint32_t tag_len, unsigned char* out,
                         uint32_t* out_len)
 {
-    return serve("aven_crypto_decrypt", out, out_len, [&](const Engine& engine, Output& output) {
+    return answer("aven_crypto_decrypt", out, out_len, [&](const Engine& engine, Output& output) {
         const CipherSetup setup = setupOf(parameterBlock<SymmCipherParams>(params));
         const Bytes data = input(in, in_len);
 
@@ -169,19 +169,19 @@ int aven_crypto_decrypt(const void* params, const unsigned char* in, uint32_t in
 
 int aven_crypto_gen_symmkey(int type, unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_crypto_gen_symmkey", out, out_len,
-                 [&](const Engine& engine, Output& output) {
-                     const size_t length = cipherInfo(type).keyLength;
-                     unsigned char* key = output.room(length);
+    return answer("aven_crypto_gen_symmkey", out, out_len,
+                  [&](const Engine& engine, Output& output) {
+                      const size_t length = cipherInfo(type).keyLength;
+                      unsigned char* key = output.room(length);
 
-                     engine.random(key, length);
-                     if (type == AVEN_CIPHER_3DES) {
-                         // The lowest bit of each byte makes the byte's parity odd.
-                         for (size_t i = 0; i < length; ++i) {
-                             const bool odd = __builtin_parity(key[i] >> 1) != 0;
-                             key[i] = static_cast<unsigned char>((key[i] & 0xfe) | (odd ? 0 : 1));
-                         }
-                     }
-                     output.setLength(length);
-                 });
+                      engine.random(key, length);
+                      if (type == AVEN_CIPHER_3DES) {
+                          // The lowest bit of each byte makes the byte's parity odd.
+                          for (size_t i = 0; i < length; ++i) {
+                              const bool odd = __builtin_parity(key[i] >> 1) != 0;
+                              key[i] = static_cast<unsigned char>((key[i] & 0xfe) | (odd ? 0 : 1));
+                          }
+                      }
+                      output.setLength(length);
+                  });
 }

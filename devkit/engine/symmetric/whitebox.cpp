@@ -22,7 +22,7 @@ int aven_wbsm4_encrypt(int kind, const unsigned char* key, uint32_t key_len,
                        const unsigned char* iv, uint32_t iv_len, const unsigned char* in,
                        uint32_t in_len, unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_wbsm4_encrypt", out, out_len, [&](const Engine& engine, Output& output) {
+    return answer("aven_wbsm4_encrypt", out, out_len, [&](const Engine& engine, Output& output) {
         const CipherSetup setup = whiteboxSetup(kind, input(key, key_len), input(iv, iv_len));
         const Bytes data = input(in, in_len);
 
@@ -35,7 +35,7 @@ int aven_wbsm4_decrypt(int kind, const unsigned char* key, uint32_t key_len,
                        const unsigned char* iv, uint32_t iv_len, const unsigned char* in,
                        uint32_t in_len, unsigned char* out, uint32_t* out_len)
 {
-    return serve("aven_wbsm4_decrypt", out, out_len, [&](const Engine& engine, Output& output) {
+    return answer("aven_wbsm4_decrypt", out, out_len, [&](const Engine& engine, Output& output) {
         const CipherSetup setup = whiteboxSetup(kind, input(key, key_len), input(iv, iv_len));
         const Bytes data = input(in, in_len);
 
