@@ -1,13 +1,13 @@
 #include "WebOperateAvenSoftModule.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <iterator>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "base64.h"
 #include "base64_kernels.h"
@@ -194,12 +194,12 @@ CWebOperateAvenSoftModule::CWebOperateAvenSoftModule() : m_functionID(-1) {}
 
 CWebOperateAvenSoftModule::~CWebOperateAvenSoftModule() = default;
 
+// The list of names is made for each call. It is one of views, so that it needs no memory.
 int CWebOperateAvenSoftModule::GetFunctionID(std::string name)
 {
-    std::vector<std::string> names;
-    names.reserve(std::size(requests));
-    for (const RequestRow& request : requests)
-        names.emplace_back(request.name);
+    std::array<std::string_view, std::size(requests)> names;
+    std::transform(std::begin(requests), std::end(requests), names.begin(),
+                   [](const RequestRow& request) { return request.name; });
 
     const auto found = std::find(names.begin(), names.end(), name);
     return found == names.end() ? -1 : static_cast<int>(found - names.begin());

@@ -490,7 +490,7 @@ TEST_F(Dispatch, NoAllocationFailureEscapesARequest)
             }
             ASSERT_EQ(Pairs(), params.http) << "allocation " << n;
         }
-        EXPECT_GT(n, 3U) << "no allocation failed";
+        EXPECT_TRUE(n > 2 || name.size() <= 15) << "the name's own allocation did not fail";
         EXPECT_FALSE(struck);
     }
     host.logLevel() = 4;
