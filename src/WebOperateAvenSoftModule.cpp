@@ -139,28 +139,25 @@ struct KeyTexts {
     std::string sk, pk, password;
 };
 
-// What the two symmetric cipher requests have in common. The block points into the
-// texts, so a request stays where it is once it has been checked.
+// What the two symmetric cipher requests have in common. The block points into the texts,
+// so a request stays where it was made.
 struct CipherRequest {
+    explicit CipherRequest(CWebServerBase& handler)
+        : alg(handler.GetFindNameStringValueFromMapParams("strCipherAlg")),
+          mode(handler.GetFindNameStringValueFromMapParams("strMode")),
+          padding(handler.GetFindNameStringValueFromMapParams("strCipherPadding")),
+          key(handler.GetFindNameStringValueFromMapParams("strKey")),
+          iv(handler.GetFindNameStringValueFromMapParams("strIV")),
+          aad(handler.GetFindNameStringValueFromMapParams("straad"))
+    {
+    }
+    CipherRequest(const CipherRequest&) = delete;
+    CipherRequest& operator=(const CipherRequest&) = delete;
+
     std::string alg, mode, padding;
     std::string key, iv, aad;  // Base64 texts, then their bytes
     SymmCipherParams block = {};
 };
-
-CipherRequest readCipherRequest(CWebServerBase& handler)
-{
-    const auto param = [&](const char* name) {
-        return handler.GetFindNameStringValueFromMapParams(name);
-    };
-    CipherRequest cipher;
-    cipher.alg = param("strCipherAlg");
-    cipher.mode = param("strMode");
-    cipher.padding = param("strCipherPadding");
-    cipher.key = param("strKey");
-    cipher.iv = param("strIV");
-    cipher.aad = param("straad");
-    return cipher;
-}
 
 // Checks all but the parameters of GCM, and fills the block.
 void checkCipherRequest(CipherRequest& cipher, const std::string& data, int& code)
@@ -558,7 +555,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_encrypt()
     std::string tag;
 
     try {
-        CipherRequest cipher = readCipherRequest(*this);
+        CipherRequest cipher(*this);
         std::string data = param("strdata");
         const std::string tagLenText = param("strgcmTagLen");
         int tagLen = 16;
@@ -592,7 +589,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
     std::string out;
 
     try {
-        CipherRequest cipher = readCipherRequest(*this);
+        CipherRequest cipher(*this);
         std::string tag = param("strtag");
         std::string data = param("strdata");
 
