@@ -63,19 +63,31 @@ constexpr std::string_view MODES = "123456";
 constexpr std::string_view FLAGS = "01";
 constexpr std::string_view KEY_PAIR_TYPES = "13";
 
-// Fails the request with `value` unless `ok`: the handler's catch-all takes over.
+// Fails the request unless `ok`: the handler's catch-all takes over, with the code as it
+// stands or, if one is given, with `value`.
+void require(bool ok)
+{
+    if (!ok)
+        throw "";
+}
+
 void require(bool ok, int& code, int value)
 {
-    if (ok)
-        return;
-    code = value;
-    throw "";
+    if (!ok)
+        code = value;
+    require(ok);
 }
 
 template <class... Texts>
 bool present(const Texts&... texts)
 {
     return (!texts.empty() && ...);
+}
+
+// For an engine call that must give bytes: success without any is a failure too, with code 0.
+void requireOutput(int code, const std::string& out)
+{
+    require(code == 0 && present(out));
 }
 
 bool inRange(int value, int low, int high)
@@ -260,8 +272,7 @@ void CWebOperateAvenSoftModule::makeaVen_strerror()
 
     try {
         std::string error = param("strErr");
-        if (!present(error))
-            throw "";
+        require(present(error));
         text = m_softMoudleAven.aven_strerror(std::move(error));
     } catch (...) {
         text.clear();
@@ -278,8 +289,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_base64_encode()
         std::string in = param("strIn");
         require(present(in), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_crypto_base64_encode(true, std::move(in), out);
-        if (code != 0)
-            throw "";
+        require(code == 0);
         out = toUrlAlphabet(std::move(out));
     } catch (...) {
         out.clear();
@@ -298,8 +308,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_base64_Decode()
         require(present(in), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_crypto_base64_encode(false, toStandardAlphabet(std::move(in)),
                                                           out);
-        if (code != 0)
-            throw "";
+        require(code == 0);
         out = JsonUrlEncode(std::move(out));
     } catch (...) {
         out.clear();
@@ -316,8 +325,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_new()
 
     try {
         code = m_softMoudleAven.aven_ke_new(ke);
-        if (ke.empty())
-            throw "";
+        require(present(ke));
         code = 0;
     } catch (...) {
         ke.clear();
@@ -333,8 +341,6 @@ void CWebOperateAvenSoftModule::makeaven_ke_free()
         std::string ke = param("strKe");
         require(present(ke), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_ke_free(std::move(ke));
-        if (code != 0)
-            throw "";
     } catch (...) {  // the code tells it
     }
     replyCode(code);
@@ -365,8 +371,6 @@ void CWebOperateAvenSoftModule::setSessionKeys(const char* sigName, const char* 
         require(present(ke), code, PARAM_MISSING);
         code = (m_softMoudleAven.*set)(std::move(ke), toStandardAlphabet(std::move(sig)),
                                        toStandardAlphabet(std::move(enc)), std::move(password));
-        if (code != 0)
-            throw "";
     } catch (...) {  // the code tells it
     }
     replyCode(code);
@@ -385,8 +389,6 @@ void CWebOperateAvenSoftModule::makeaven_ke_set_root_certificate()
         UTF8ToMulti(caFile, caFile);  // leaves the name as it is
         code = m_softMoudleAven.aven_ke_set_root_certificate(std::move(ke), std::move(caFile),
                                                              std::move(caPath));
-        if (code != 0)
-            throw "";
     } catch (...) {  // the code tells it
     }
     replyCode(code);
@@ -401,8 +403,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_hello()
         std::string ke = param("strKe");
         require(present(ke), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_ke_client_hello(std::move(ke), out);
-        if (out.empty())
-            throw "";
+        require(present(out));
         out = toUrlBase64(out);
         code = 0;
     } catch (...) {
@@ -427,8 +428,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
         code = m_softMoudleAven.aven_ke_client_key_exchange(
             std::move(ke), fromUrlBase64(std::move(random)), fromUrlBase64(std::move(sigCert)),
             fromUrlBase64(std::move(encCert)), fromUrlBase64(std::move(signature)), out);
-        if (out.empty())
-            throw "";
+        require(present(out));
         out = toUrlBase64(out);
         code = 0;
     } catch (...) {
@@ -471,8 +471,7 @@ void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperatio
         require(present(ke), code, PARAM_MISSING);
         data = fromUrlBase64(std::move(data));
         code = (m_softMoudleAven.*operation)(std::move(ke), std::move(data), out);
-        if (out.empty())
-            throw "";
+        require(present(out));
         out = toUrlBase64(out);
         code = 0;
     } catch (...) {  // the output is told as it stands
@@ -527,12 +526,10 @@ void CWebOperateAvenSoftModule::usePublicKey(ReadKey readKey, BlockOperation ope
         code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(std::move(key.sk)),
                                                   toStandardAlphabet(std::move(key.pk)),
                                                   std::move(key.password), &keypair);
-        if (code != 0)
-            throw "";
+        require(code == 0);
         block.keypair = keypair;
         code = (m_softMoudleAven.*operation)(&block, std::move(data), out);
-        if (code != 0 || out.empty())
-            throw "";
+        requireOutput(code, out);
 
         out = toUrlBase64(out);
     } catch (...) {
@@ -572,8 +569,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_encrypt()
         data = fromUrlBase64(std::move(data));
         code =
             m_softMoudleAven.aven_crypto_encrypt(&cipher.block, std::move(data), out, tag, tagLen);
-        if (code != 0 || out.empty())
-            throw "";
+        requireOutput(code, out);
 
         out = toUrlBase64(out);
         tag = toUrlBase64(tag);
@@ -603,8 +599,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
         data = fromUrlBase64(std::move(data));
         code = m_softMoudleAven.aven_crypto_decrypt(&cipher.block, std::move(data), std::move(tag),
                                                     out);
-        if (code != 0 || out.empty())
-            throw "";
+        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
@@ -623,8 +618,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_gen_symmkey()
         require(inRange(alg, 1, CIPHER_ALGS), code, PARAM_INVALID);
 
         code = m_softMoudleAven.aven_crypto_gen_symmkey(alg, out);
-        if (code != 0 || out.empty())
-            throw "";
+        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
@@ -661,8 +655,7 @@ void CWebOperateAvenSoftModule::useMac(const char* algName, int algs, BlockOpera
         block.key = bytes(key);
         block.key_len = size32(key);
         code = (m_softMoudleAven.*operation)(&block, std::move(data), out);
-        if (code != 0 || out.empty())
-            throw "";
+        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
@@ -688,8 +681,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_kdf()
         require(inRange(length, 0, 0xFFFF), code, PARAM_INVALID);
 
         code = m_softMoudleAven.aven_crypto_kdf(hash, std::move(source), length, out);
-        if (code != 0 || out.empty())
-            throw "";
+        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
@@ -716,14 +708,12 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_encrypt()
         require(present(data, pk, alg, mode), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_certificate_read(toStandardAlphabet(std::move(pk)), "",
                                                       &certificate);
-        if (code != 0)
-            throw "";
+        require(code == 0);
         block.certificate = certificate;
         checkAlgAndMode(alg, mode, block, code);
 
         code = m_softMoudleAven.aven_crypto_envelope_encrypt(&block, std::move(data), out);
-        if (code != 0)
-            throw "";
+        require(code == 0);
         out = toUrlBase64(out);
     } catch (...) {
         out.clear();
@@ -752,14 +742,12 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_decrypt()
         require(digitIn(typeText, KEY_PAIR_TYPES, type), code, PARAM_INVALID);
         code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(std::move(sk)), "", "",
                                                   &keypair);
-        if (code != 0)
-            throw "";
+        require(code == 0);
         block.keypair = keypair;
         checkAlgAndMode(alg, mode, block, code);
 
         code = m_softMoudleAven.aven_crypto_envelope_decrypt(&block, std::move(envelope), out);
-        if (code != 0)
-            throw "";
+        require(code == 0);
         out = JsonUrlEncode(std::move(out));
     } catch (...) {
         out.clear();
@@ -797,8 +785,7 @@ void CWebOperateAvenSoftModule::useWhiteBox(WhiteBoxOperation operation)
 
         data = fromUrlBase64(std::move(data));
         code = (m_softMoudleAven.*operation)(std::move(key), std::move(iv), data, out);
-        if (code != 0 || out.empty())
-            throw "";
+        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
