@@ -113,6 +113,16 @@ bool isTagged(const void* params)
 // calls do not report it and end with the code held so far, 0.
 enum class NoMemory { Unreported, Returned, ReturnedAndStored };
 
+// The output of a call that has it written into a heap buffer.
+struct Output {
+    std::string& out;
+    size_t capacity;
+    NoMemory noMemory;
+    // An input that nobody needs once the engine has had it, or null. Its memory is let go
+    // before the output is copied, so that large inputs and outputs are not held at once.
+    std::string* spent = nullptr;
+};
+
 }  // namespace
 
 // One call of the engine on behalf of a binding, whose code it keeps. Whatever differs
@@ -139,8 +149,8 @@ public:
         }
     }
 
-    // Keeps the engine's code and leaves the call if it is not 0. The text goes
-    // nowhere; it marks the place.
+    // Keeps the engine's code and leaves the call if it is not 0. The text is for a debugger
+    // that stops at the throw; the frame catches it and looks at the code alone.
     void check(int code, const char* text)
     {
         m_binding.m_errorCode = code;
@@ -158,24 +168,21 @@ public:
         });
     }
 
-    // A call whose last arguments are a heap buffer of `capacity` bytes and its length.
-    // `in` is an input that nobody needs once the engine has had it: its memory is let
-    // go before the output is copied, so that large inputs and outputs are not held at
-    // once. (The arguments point into it until then.)
+    // A call whose last arguments are a heap buffer and its length.
     template <class Function, class... Args>
-    int fill(std::string& out, std::string& in, size_t capacity, NoMemory noMemory,
-             const char* text, Function function, Args... args)
+    int fill(const Output& to, const char* text, Function function, Args... args)
     {
         return run(function != nullptr, [&] {
-            OutBuffer buf(capacity);
+            OutBuffer buf(to.capacity);
             if (!buf) {
-                if (noMemory == NoMemory::ReturnedAndStored)
+                if (to.noMemory == NoMemory::ReturnedAndStored)
                     check(AVEN_NO_MEMORY, "ER_MEMORY_OUT");
-                return noMemory == NoMemory::Returned ? AVEN_NO_MEMORY : 0;
+                return to.noMemory == NoMemory::Returned ? AVEN_NO_MEMORY : 0;
             }
             check(function(args..., buf.data(), &buf.len), text);
-            letGo(in);
-            out = buf.text();
+            if (to.spent != nullptr)
+                letGo(*to.spent);  // the arguments may point into it until here
+            to.out = buf.text();
             return 0;
         });
     }
@@ -187,9 +194,8 @@ public:
     {
         return run(function != nullptr, [&] {
             uint32_t needed = 0;
-            std::string nothing;
             check(function(args..., nullptr, &needed), text);
-            return fill(out, nothing, needed, NoMemory::Unreported, text, function, args...);
+            return fill({out, needed, NoMemory::Unreported}, text, function, args...);
         });
     }
 
@@ -370,14 +376,14 @@ int CSoftMoudle_aven::aven_ke_client_key_exchange(std::string ke, std::string sr
 
 int CSoftMoudle_aven::aven_ke_encrypt(std::string ke, std::string in, std::string& out)
 {
-    return Call(*this).fill(out, in, withMargin(in, 64), NoMemory::Unreported,
+    return Call(*this).fill({out, withMargin(in, 64), NoMemory::Unreported, &in},
                             "Error, aven_ke_encrypt", paven_ke_encrypt, handleOf(std::move(ke)),
                             bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_ke_decrypt(std::string ke, std::string in, std::string& out)
 {
-    return Call(*this).fill(out, in, withMargin(in, 64), NoMemory::Unreported,
+    return Call(*this).fill({out, withMargin(in, 64), NoMemory::Unreported, &in},
                             "Error, aven_ke_decrypt", paven_ke_decrypt, handleOf(std::move(ke)),
                             bytes(in), size32(in));
 }
@@ -398,7 +404,7 @@ int CSoftMoudle_aven::aven_crypto_public_encrypt(const void* params, std::string
                                                  std::string& out)
 {
     const size_t margin = keyType == KEY_TYPE_SMALL_MARGIN ? 129 : 528;
-    return Call(*this).fill(out, in, withMargin(in, margin), NoMemory::Returned,
+    return Call(*this).fill({out, withMargin(in, margin), NoMemory::Returned, &in},
                             "Error, aven_crypto_public_encrypt", paven_crypto_public_encrypt,
                             params, bytes(in), size32(in));
 }
@@ -406,7 +412,7 @@ int CSoftMoudle_aven::aven_crypto_public_encrypt(const void* params, std::string
 int CSoftMoudle_aven::aven_crypto_private_decrypt(const void* params, std::string in,
                                                   std::string& out)
 {
-    return Call(*this).fill(out, in, withMargin(in, 16), NoMemory::Returned,
+    return Call(*this).fill({out, withMargin(in, 16), NoMemory::Returned, &in},
                             "Error, aven_crypto_private_decrypt", paven_crypto_private_decrypt,
                             params, bytes(in), size32(in));
 }
@@ -443,7 +449,7 @@ int CSoftMoudle_aven::aven_crypto_decrypt(const void* params, std::string in, st
     Call engine(*this);
     return engine.run(paven_crypto_decrypt != nullptr, [&] {
         const bool tagged = isTagged(params);
-        return engine.fill(out, in, withMargin(in, 64), NoMemory::Returned,
+        return engine.fill({out, withMargin(in, 64), NoMemory::Returned, &in},
                            "Error, aven_crypto_decrypt", paven_crypto_decrypt, params, bytes(in),
                            size32(in), tagged ? bytes(tag) : nullptr, tagged ? size32(tag) : 0);
     });
@@ -457,14 +463,14 @@ int CSoftMoudle_aven::aven_crypto_gen_symmkey(int type, std::string& out)
 
 int CSoftMoudle_aven::aven_crypto_hmac(const void* params, std::string in, std::string& out)
 {
-    return Call(*this).fill(out, in, 80, NoMemory::Returned, "Error, aven_crypto_hmac",
+    return Call(*this).fill({out, 80, NoMemory::Returned, &in}, "Error, aven_crypto_hmac",
                             paven_crypto_hmac, params, bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_crypto_cmac(const void* params, std::string in, std::string& out)
 {
     // The text names the HMAC twin; it never leaves the call.
-    return Call(*this).fill(out, in, 80, NoMemory::Returned, "Error, aven_crypto_hmac",
+    return Call(*this).fill({out, 80, NoMemory::Returned, &in}, "Error, aven_crypto_hmac",
                             paven_crypto_cmac, params, bytes(in), size32(in));
 }
 
@@ -485,7 +491,7 @@ int CSoftMoudle_aven::aven_crypto_kdf(int alg, std::string in, int keyLen, std::
 int CSoftMoudle_aven::aven_crypto_envelope_encrypt(const void* params, std::string in,
                                                    std::string& out)
 {
-    return Call(*this).fill(out, in, withMargin(in, 3072), NoMemory::ReturnedAndStored,
+    return Call(*this).fill({out, withMargin(in, 3072), NoMemory::ReturnedAndStored, &in},
                             "aven_crypto_pkcs7_encrypt error", paven_crypto_pkcs7_encrypt, params,
                             bytes(in), size32(in));
 }
@@ -493,7 +499,7 @@ int CSoftMoudle_aven::aven_crypto_envelope_encrypt(const void* params, std::stri
 int CSoftMoudle_aven::aven_crypto_envelope_decrypt(const void* params, std::string in,
                                                    std::string& out)
 {
-    return Call(*this).fill(out, in, withMargin(in, 64), NoMemory::ReturnedAndStored,
+    return Call(*this).fill({out, withMargin(in, 64), NoMemory::ReturnedAndStored, &in},
                             "paven_crypto_pkcs7_decrypt error", paven_crypto_pkcs7_decrypt, params,
                             bytes(in), size32(in));
 }
@@ -533,8 +539,7 @@ int CSoftMoudle_aven::aven_certificate_free(void* certificate)
 int CSoftMoudle_aven::aven_wbsm4_encrypt(std::string key, std::string iv, std::string& in,
                                          std::string& out)
 {
-    std::string nothing;  // `in` is the caller's
-    return Call(*this).fill(out, nothing, withMargin(in, 32), NoMemory::Returned,
+    return Call(*this).fill({out, withMargin(in, 32), NoMemory::Returned},
                             "paven_wbsm4_encrypt error", paven_wbsm4_encrypt, WHITE_BOX_KIND,
                             bytes(key), size32(key), bytes(iv), size32(iv), bytes(in), size32(in));
 }
@@ -543,8 +548,7 @@ int CSoftMoudle_aven::aven_wbsm4_decrypt(std::string key, std::string iv, std::s
                                          std::string& out)
 {
     // No margin, unlike encryption: the plaintext is never longer than its ciphertext.
-    std::string nothing;
-    return Call(*this).fill(out, nothing, withMargin(in, 0), NoMemory::Returned,
+    return Call(*this).fill({out, withMargin(in, 0), NoMemory::Returned},
                             "paven_wbsm4_decrypt error", paven_wbsm4_decrypt, WHITE_BOX_KIND,
                             bytes(key), size32(key), bytes(iv), size32(iv), bytes(in), size32(in));
 }
