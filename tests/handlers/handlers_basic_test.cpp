@@ -1,5 +1,5 @@
 // The version, the error text and the two Base64 requests.
-#include "support/handlers.h"
+#include "support/handler_families.h"
 
 using namespace support;
 
@@ -57,15 +57,21 @@ Handler base64Decode()
     return handler;
 }
 
+// Facts of both Base64 directions.
+class Base64Request : public ::testing::TestWithParam<Handler> {
+protected:
+    const Handler& handler = GetParam();
+    const std::string function = handler.calls.back();
+};
+
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(GetVersion, HandlerFrame, ::testing::Values(version()));
-INSTANTIATE_TEST_SUITE_P(Strerror, HandlerFrame, ::testing::Values(errorText()));
-INSTANTIATE_TEST_SUITE_P(Base64Encode, HandlerFrame, ::testing::Values(base64Encode()));
-INSTANTIATE_TEST_SUITE_P(Base64Encode, EngineCodes, ::testing::Values(base64Encode()));
-INSTANTIATE_TEST_SUITE_P(Base64Decode, HandlerFrame, ::testing::Values(base64Decode()));
-INSTANTIATE_TEST_SUITE_P(Base64Decode, EngineCodes, ::testing::Values(base64Decode()));
-INSTANTIATE_TEST_SUITE_P(Base64Decode, EncodedOutput, ::testing::Values(base64Decode()));
+// clang-format off
+FAMILY(HandlerFrame,  version(), errorText(), base64Encode(), base64Decode());
+FAMILY(EngineCodes,                           base64Encode(), base64Decode());
+FAMILY(EncodedOutput,                                         base64Decode());
+FAMILY(Base64Request,                         base64Encode(), base64Decode());
+// clang-format on
 
 // ---- Version
 
@@ -252,16 +258,6 @@ TEST(Base64Encode, OutputBeyondTheQueriedLengthIsCut)
     EXPECT_EQ(success("-"), plugin.reply("QZaven_crypto_base64_encode", {{"strIn", "abc"}}));
 }
 
-// Both directions, for what does not depend on it.
-class Base64Request : public ::testing::TestWithParam<Handler> {
-protected:
-    const Handler& handler = GetParam();
-    const std::string function = handler.calls.back();
-};
-
-INSTANTIATE_TEST_SUITE_P(Base64Encode, Base64Request, ::testing::Values(base64Encode()));
-INSTANTIATE_TEST_SUITE_P(Base64Decode, Base64Request, ::testing::Values(base64Decode()));
-
 TEST_P(Base64Request, FailedQueryEndsTheRequest)
 {
     Plugin plugin;
@@ -296,15 +292,4 @@ TEST_P(Base64Request, BufferThatCannotBeAllocatedEndsWithCodeZero)
     }));
     EXPECT_EQ(failure(0), plugin.resultsWritten());
     EXPECT_EQ(1u, plugin.journal.count(function));
-}
-
-TEST_P(Base64Request, ParameterThatCannotBeStoredEndsWithCodeZero)
-{
-    SKIP_WITHOUT_ALLOCATION_FAULTS();
-    Plugin plugin;
-    EXPECT_TRUE(requestWithFault(plugin, handler.request, {{"strIn", std::string(4000, 'A')}}, [&] {
-        return new AllocationFault(AllocationFault::atLeast(plugin.journal, 4000));
-    }));
-    EXPECT_EQ(failure(0), plugin.resultsWritten());
-    EXPECT_EQ("", plugin.engineCalls());
 }

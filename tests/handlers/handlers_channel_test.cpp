@@ -1,5 +1,5 @@
 // The requests on an established key-exchange channel.
-#include "support/handlers.h"
+#include "support/handler_families.h"
 
 using namespace support;
 
@@ -56,26 +56,14 @@ class ChannelMac : public Channel {};
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(KeEncrypt, HandlerFrame, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(KeEncrypt, EngineCodes, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(KeEncrypt, EncodedOutput, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(KeEncrypt, Channel, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(KeEncrypt, ChannelCipher, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(KeDecrypt, HandlerFrame, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(KeDecrypt, EngineCodes, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(KeDecrypt, EncodedOutput, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(KeDecrypt, Channel, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(KeDecrypt, ChannelCipher, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(KeHmac, HandlerFrame, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(KeHmac, EngineCodes, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(KeHmac, EncodedOutput, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(KeHmac, Channel, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(KeHmac, ChannelMac, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(KeCmac, HandlerFrame, ::testing::Values(cmac()));
-INSTANTIATE_TEST_SUITE_P(KeCmac, EngineCodes, ::testing::Values(cmac()));
-INSTANTIATE_TEST_SUITE_P(KeCmac, EncodedOutput, ::testing::Values(cmac()));
-INSTANTIATE_TEST_SUITE_P(KeCmac, Channel, ::testing::Values(cmac()));
-INSTANTIATE_TEST_SUITE_P(KeCmac, ChannelMac, ::testing::Values(cmac()));
+// clang-format off
+FAMILY(HandlerFrame,  encrypt(), decrypt(), hmac(), cmac());
+FAMILY(EngineCodes,   encrypt(), decrypt(), hmac(), cmac());
+FAMILY(EncodedOutput, encrypt(), decrypt(), hmac(), cmac());
+FAMILY(Channel,       encrypt(), decrypt(), hmac(), cmac());
+FAMILY(ChannelCipher, encrypt(), decrypt());
+FAMILY(ChannelMac,                          hmac(), cmac());
+// clang-format on
 
 TEST_P(Channel, HandleIsRequired)
 {
@@ -148,17 +136,6 @@ TEST_P(Channel, SuccessWithoutBytesEndsWithCodeZero)
     Plugin plugin;
     plugin.engine.on(function).output = "";
     EXPECT_EQ(failure(0), plugin.reply(handler.request, handler.parameters));
-}
-
-TEST_P(Channel, ParameterThatCannotBeStoredEndsWithCodeZero)
-{
-    SKIP_WITHOUT_ALLOCATION_FAULTS();
-    Plugin plugin;
-    EXPECT_TRUE(requestWithFault(
-        plugin, handler.request, with(handler.parameters, data, std::string(4000, 'A')),
-        [&] { return new AllocationFault(AllocationFault::atLeast(plugin.journal, 4000)); }));
-    EXPECT_EQ(failure(0), plugin.resultsWritten());
-    EXPECT_EQ("", plugin.engineCalls());
 }
 
 // The output buffers of this family are not tested; a failure ends in the engine

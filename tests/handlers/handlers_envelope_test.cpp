@@ -1,5 +1,5 @@
 // The envelope requests.
-#include "support/handlers.h"
+#include "support/handler_families.h"
 
 using namespace support;
 
@@ -85,7 +85,6 @@ protected:
     const std::string freedNull = freeObject + "(" + object + "=null)\n";
     const std::string freed = freeObject + "(" + object + "=given)\n";
     const std::string key = encrypting ? "strpk" : "strsk";
-    const std::string data = encrypting ? "strdata" : "strEncdata";
 
     Place place(const std::string& parameter, const std::string& argument)
     {
@@ -103,24 +102,18 @@ protected:
         return transcript.substr(transcript.find("Data="));
     }
 
-    static std::string failureLines(int code)
-    {
-        return "Data=\"\"\nerrorCode=\"" + std::to_string(code) + "\"\n";
-    }
+    std::string failureLines(int code) const { return written(handler.failed(code)); }
 };
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeEncrypt, HandlerFrame, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeEncrypt, EngineCodes, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeEncrypt, EncodedOutput, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeEncrypt, AllocatedOutput, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeEncrypt, Envelope, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeDecrypt, HandlerFrame, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeDecrypt, EngineCodes, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeDecrypt, EncodedOutput, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeDecrypt, AllocatedOutput, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoEnvelopeDecrypt, Envelope, ::testing::Values(decrypt()));
+// clang-format off
+FAMILY(HandlerFrame,    encrypt(), decrypt());
+FAMILY(EngineCodes,     encrypt(), decrypt());
+FAMILY(EncodedOutput,   encrypt(), decrypt());
+FAMILY(AllocatedOutput, encrypt(), decrypt());
+FAMILY(Envelope,        encrypt(), decrypt());
+// clang-format on
 
 // ---- Parameters
 
@@ -347,17 +340,6 @@ TEST(CryptoEnvelopeDecrypt, EachByteIsEscapedOrKept)
               plugin.reply(DECRYPT, with(DECRYPTION, "strEncdata", toBase64(all))));
     EXPECT_EQ(success("a%2520b%252B%252F%253D"),
               plugin.reply(DECRYPT, with(DECRYPTION, "strEncdata", toBase64("a b+/="))));
-}
-
-TEST_P(Envelope, ParameterThatCannotBeStoredEndsWithCodeZero)
-{
-    SKIP_WITHOUT_ALLOCATION_FAULTS();
-    Plugin plugin;
-    EXPECT_TRUE(requestWithFault(
-        plugin, handler.request, with(handler.parameters, data, std::string(4000, 'A')),
-        [&] { return new AllocationFault(AllocationFault::atLeast(plugin.journal, 4000)); }));
-    EXPECT_EQ(failureLines(0) + freedNull, ending(plugin.transcript()));
-    EXPECT_EQ(0u, plugin.journal.count(readObject));
 }
 
 TEST_P(Envelope, ObjectIsFreedWhenAnAllocationFailsAfterItWasRead)

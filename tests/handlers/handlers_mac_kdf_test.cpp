@@ -1,5 +1,5 @@
 // The MAC and key-derivation requests.
-#include "support/handlers.h"
+#include "support/handler_families.h"
 
 using namespace support;
 
@@ -61,20 +61,13 @@ protected:
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(CryptoHmac, HandlerFrame, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoHmac, EngineCodes, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoHmac, EncodedOutput, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoHmac, AllocatedOutput, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoHmac, Mac, ::testing::Values(hmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoCmac, HandlerFrame, ::testing::Values(cmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoCmac, EngineCodes, ::testing::Values(cmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoCmac, EncodedOutput, ::testing::Values(cmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoCmac, AllocatedOutput, ::testing::Values(cmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoCmac, Mac, ::testing::Values(cmac()));
-INSTANTIATE_TEST_SUITE_P(CryptoKdf, HandlerFrame, ::testing::Values(derive()));
-INSTANTIATE_TEST_SUITE_P(CryptoKdf, EngineCodes, ::testing::Values(derive()));
-INSTANTIATE_TEST_SUITE_P(CryptoKdf, EncodedOutput, ::testing::Values(derive()));
-INSTANTIATE_TEST_SUITE_P(CryptoKdf, AllocatedOutput, ::testing::Values(derive()));
+// clang-format off
+FAMILY(HandlerFrame,    hmac(), cmac(), derive());
+FAMILY(EngineCodes,     hmac(), cmac(), derive());
+FAMILY(EncodedOutput,   hmac(), cmac(), derive());
+FAMILY(AllocatedOutput, hmac(), cmac(), derive());
+FAMILY(Mac,             hmac(), cmac());
+// clang-format on
 
 // ---- HMAC and CMAC
 
@@ -143,17 +136,6 @@ TEST_P(Mac, AlgorithmOfTheOtherMacIsNotRead)
     const std::string other = alg == "strHashAlg" ? "strCipherAlg" : "strHashAlg";
     EXPECT_EQ(failure(MISSING),
               plugin.reply(handler.request, with(without(handler.parameters, alg), other, "4")));
-}
-
-TEST_P(Mac, ParameterThatCannotBeStoredEndsWithCodeZero)
-{
-    SKIP_WITHOUT_ALLOCATION_FAULTS();
-    Plugin plugin;
-    EXPECT_TRUE(requestWithFault(
-        plugin, handler.request, with(handler.parameters, "strKey", std::string(4000, 'A')),
-        [&] { return new AllocationFault(AllocationFault::atLeast(plugin.journal, 4000)); }));
-    EXPECT_EQ(failure(0), plugin.resultsWritten());
-    EXPECT_EQ("", plugin.engineCalls());
 }
 
 TEST(CryptoHmac, HashAlgIsANumberFrom1To6)

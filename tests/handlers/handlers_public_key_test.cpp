@@ -1,5 +1,5 @@
 // The two public-key requests.
-#include "support/handlers.h"
+#include "support/handler_families.h"
 
 using namespace support;
 
@@ -84,16 +84,13 @@ using Steps = std::vector<std::string>;
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(CryptoPublicEncrypt, HandlerFrame, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoPublicEncrypt, EngineCodes, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoPublicEncrypt, EncodedOutput, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoPublicEncrypt, AllocatedOutput, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoPublicEncrypt, PublicKey, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoPrivateDecrypt, HandlerFrame, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoPrivateDecrypt, EngineCodes, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoPrivateDecrypt, EncodedOutput, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoPrivateDecrypt, AllocatedOutput, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(CryptoPrivateDecrypt, PublicKey, ::testing::Values(decrypt()));
+// clang-format off
+FAMILY(HandlerFrame,    encrypt(), decrypt());
+FAMILY(EngineCodes,     encrypt(), decrypt());
+FAMILY(EncodedOutput,   encrypt(), decrypt());
+FAMILY(AllocatedOutput, encrypt(), decrypt());
+FAMILY(PublicKey,       encrypt(), decrypt());
+// clang-format on
 
 // ---- Parameters
 

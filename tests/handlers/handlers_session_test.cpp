@@ -1,5 +1,5 @@
 // The key-exchange session requests.
-#include "support/handlers.h"
+#include "support/handler_families.h"
 
 using namespace support;
 
@@ -30,7 +30,7 @@ Handler destroy()
     return handler;
 }
 
-Handler setPublicKey()
+Handler setKeys()
 {
     Handler handler{
         "QZaven_ke_set_public_key",
@@ -47,7 +47,7 @@ Handler setPublicKey()
     return handler;
 }
 
-Handler setCertificate()
+Handler setCerts()
 {
     Handler handler{
         "QZaven_ke_set_certificate",
@@ -79,7 +79,7 @@ Handler setRoots()
     return handler;
 }
 
-Handler clientHello()
+Handler hello()
 {
     Handler handler{"QZaven_ke_client_hello",
                     {{"strKe", "00000000000000012345"}},
@@ -92,7 +92,7 @@ Handler clientHello()
     return handler;
 }
 
-Handler clientKeyExchange()
+Handler exchange()
 {
     Handler handler{"QZaven_ke_client_key_exchange",
                     {{"strKe", "12345"},
@@ -113,40 +113,52 @@ Handler clientKeyExchange()
     return handler;
 }
 
-}  // namespace
-
-INSTANTIATE_TEST_SUITE_P(KeNew, HandlerFrame, ::testing::Values(create()));
-INSTANTIATE_TEST_SUITE_P(KeNew, EngineCodes, ::testing::Values(create()));
-INSTANTIATE_TEST_SUITE_P(KeFree, HandlerFrame, ::testing::Values(destroy()));
-INSTANTIATE_TEST_SUITE_P(KeFree, EngineCodes, ::testing::Values(destroy()));
-INSTANTIATE_TEST_SUITE_P(KeSetPublicKey, HandlerFrame, ::testing::Values(setPublicKey()));
-INSTANTIATE_TEST_SUITE_P(KeSetPublicKey, EngineCodes, ::testing::Values(setPublicKey()));
-INSTANTIATE_TEST_SUITE_P(KeSetCertificate, HandlerFrame, ::testing::Values(setCertificate()));
-INSTANTIATE_TEST_SUITE_P(KeSetCertificate, EngineCodes, ::testing::Values(setCertificate()));
-INSTANTIATE_TEST_SUITE_P(KeSetRootCertificate, HandlerFrame, ::testing::Values(setRoots()));
-INSTANTIATE_TEST_SUITE_P(KeSetRootCertificate, EngineCodes, ::testing::Values(setRoots()));
-INSTANTIATE_TEST_SUITE_P(KeClientHello, HandlerFrame, ::testing::Values(clientHello()));
-INSTANTIATE_TEST_SUITE_P(KeClientHello, EngineCodes, ::testing::Values(clientHello()));
-INSTANTIATE_TEST_SUITE_P(KeClientHello, EncodedOutput, ::testing::Values(clientHello()));
-INSTANTIATE_TEST_SUITE_P(KeClientKeyExchange, HandlerFrame, ::testing::Values(clientKeyExchange()));
-INSTANTIATE_TEST_SUITE_P(KeClientKeyExchange, EngineCodes, ::testing::Values(clientKeyExchange()));
-INSTANTIATE_TEST_SUITE_P(KeClientKeyExchange, EncodedOutput,
-                         ::testing::Values(clientKeyExchange()));
-
-// ---- Every request on an existing session
-
+// Facts of every request on an existing session.
 class SessionHandle : public ::testing::TestWithParam<Handler> {
 protected:
     const Handler& handler = GetParam();
 };
 
-INSTANTIATE_TEST_SUITE_P(KeFree, SessionHandle, ::testing::Values(destroy()));
-INSTANTIATE_TEST_SUITE_P(KeSetPublicKey, SessionHandle, ::testing::Values(setPublicKey()));
-INSTANTIATE_TEST_SUITE_P(KeSetCertificate, SessionHandle, ::testing::Values(setCertificate()));
-INSTANTIATE_TEST_SUITE_P(KeSetRootCertificate, SessionHandle, ::testing::Values(setRoots()));
-INSTANTIATE_TEST_SUITE_P(KeClientHello, SessionHandle, ::testing::Values(clientHello()));
-INSTANTIATE_TEST_SUITE_P(KeClientKeyExchange, SessionHandle,
-                         ::testing::Values(clientKeyExchange()));
+// Of the two that give a session the client's keys.
+class ClientKeys : public ::testing::TestWithParam<Handler> {
+protected:
+    const Handler& handler = GetParam();
+    const std::string sig = handler.parameters[1].first;
+    const std::string enc = handler.parameters[2].first;
+    const std::string function = handler.calls.back();
+    const std::string kind = function == "aven_ke_set_public_key" ? "key" : "cert";
+    const std::string sigArgument = "sig_" + kind;
+    const std::string encArgument = "enc_" + kind;
+
+    // The engine call of a request with these parameters and a session.
+    std::string call(const Pairs& parameters)
+    {
+        Plugin plugin;
+        Pairs all = {{"strKe", "12345"}};
+        all.insert(all.end(), parameters.begin(), parameters.end());
+        EXPECT_EQ(failure(0, ONLY_CODE), plugin.reply(handler.request, all));
+        return plugin.engineCalls();
+    }
+
+    std::string expected(const std::string& sigValue, const std::string& encValue,
+                         const std::string& password)
+    {
+        return function + "(ke=12345, " + sigArgument + "=" + sigValue + ", " + encArgument + "=" +
+               encValue + ", password=" + password + ")\n";
+    }
+};
+
+}  // namespace
+
+// clang-format off
+FAMILY(HandlerFrame,  create(), destroy(), setKeys(), setCerts(), setRoots(), hello(), exchange());
+FAMILY(EngineCodes,   create(), destroy(), setKeys(), setCerts(), setRoots(), hello(), exchange());
+FAMILY(EncodedOutput,                                                         hello(), exchange());
+FAMILY(SessionHandle,           destroy(), setKeys(), setCerts(), setRoots(), hello(), exchange());
+FAMILY(ClientKeys,                         setKeys(), setCerts());
+// clang-format on
+
+// ---- Every request on an existing session
 
 TEST_P(SessionHandle, IsRequired)
 {
@@ -249,48 +261,6 @@ TEST(KeFree, SessionIsFreedAgainWhenAskedTo)
 
 // ---- Keys and certificates of the client
 
-// The two requests that give a session the client's keys, and the engine's names of them.
-struct SessionKeys {
-    Handler handler;
-    std::string sigArgument;
-    std::string encArgument;
-};
-
-std::ostream& operator<<(std::ostream& to, const SessionKeys& keys)
-{
-    return to << keys.handler;
-}
-
-class ClientKeys : public ::testing::TestWithParam<SessionKeys> {
-protected:
-    const Handler& handler = GetParam().handler;
-    const std::string sig = handler.parameters[1].first;
-    const std::string enc = handler.parameters[2].first;
-    const std::string function = handler.calls.back();
-
-    // The engine call of a request with these parameters and a session.
-    std::string call(const Pairs& parameters)
-    {
-        Plugin plugin;
-        Pairs all = {{"strKe", "12345"}};
-        all.insert(all.end(), parameters.begin(), parameters.end());
-        EXPECT_EQ(failure(0, ONLY_CODE), plugin.reply(handler.request, all));
-        return plugin.engineCalls();
-    }
-
-    std::string expected(const std::string& sigValue, const std::string& encValue,
-                         const std::string& password)
-    {
-        return function + "(ke=12345, " + GetParam().sigArgument + "=" + sigValue + ", " +
-               GetParam().encArgument + "=" + encValue + ", password=" + password + ")\n";
-    }
-};
-
-INSTANTIATE_TEST_SUITE_P(KeSetPublicKey, ClientKeys,
-                         ::testing::Values(SessionKeys{setPublicKey(), "sig_key", "enc_key"}));
-INSTANTIATE_TEST_SUITE_P(KeSetCertificate, ClientKeys,
-                         ::testing::Values(SessionKeys{setCertificate(), "sig_cert", "enc_cert"}));
-
 TEST_P(ClientKeys, AbsentOnesAreNull)
 {
     EXPECT_EQ(expected("null", "null", "null"), call({}));
@@ -302,8 +272,8 @@ TEST_P(ClientKeys, AbsentOnesAreNull)
 
 TEST_P(ClientKeys, TextsAreRewrittenAndNotDecoded)
 {
-    expectRewritten({handler.request, handler.parameters, sig, function, GetParam().sigArgument});
-    expectRewritten({handler.request, handler.parameters, enc, function, GetParam().encArgument});
+    expectRewritten({handler.request, handler.parameters, sig, function, sigArgument});
+    expectRewritten({handler.request, handler.parameters, enc, function, encArgument});
 }
 
 TEST_P(ClientKeys, PasswordIsPassedUpToItsFirstNul)
@@ -370,28 +340,28 @@ TEST(KeSetRootCertificate, FileAndPathArePassedUpToTheirFirstNul)
 
 TEST(KeClientHello, OutputBecomesUrlSafeBase64UpTo32Bytes)
 {
-    expectOutput("QZaven_ke_client_hello", clientHello().parameters, "aven_ke_client_hello", 32);
+    expectOutput("QZaven_ke_client_hello", hello().parameters, "aven_ke_client_hello", 32);
 }
 
 TEST(KeClientHello, TwoBytesBecomeFourCharacters)
 {
     Plugin plugin;
     plugin.engine.on("aven_ke_client_hello").output = "\xFB\xFF";
-    EXPECT_EQ(success("-_8="), plugin.reply("QZaven_ke_client_hello", clientHello().parameters));
+    EXPECT_EQ(success("-_8="), plugin.reply("QZaven_ke_client_hello", hello().parameters));
 }
 
 TEST(KeClientHello, SuccessWithoutBytesEndsWithCodeZero)
 {
     Plugin plugin;
     plugin.engine.on("aven_ke_client_hello").output = "";
-    EXPECT_EQ(failure(0), plugin.reply("QZaven_ke_client_hello", clientHello().parameters));
+    EXPECT_EQ(failure(0), plugin.reply("QZaven_ke_client_hello", hello().parameters));
 }
 
 // ---- Client key exchange
 
 TEST(KeClientKeyExchange, ServerValuesAreDecoded)
 {
-    const Handler handler = clientKeyExchange();
+    const Handler handler = exchange();
     for (const auto& [parameter, argument] : Pairs{{"strSrvr_rand", "srvr_rand"},
                                                    {"strSrvr_sig_cert", "srvr_sig_cert"},
                                                    {"strSrvr_enc_cert", "srvr_enc_cert"},
@@ -412,7 +382,7 @@ TEST(KeClientKeyExchange, AbsentServerValuesAreEmptyAndNotNull)
 
 TEST(KeClientKeyExchange, OutputBecomesUrlSafeBase64UpTo256Bytes)
 {
-    expectOutput("QZaven_ke_client_key_exchange", clientKeyExchange().parameters,
+    expectOutput("QZaven_ke_client_key_exchange", exchange().parameters,
                  "aven_ke_client_key_exchange", 256);
 }
 
@@ -420,6 +390,5 @@ TEST(KeClientKeyExchange, SuccessWithoutBytesEndsWithCodeZero)
 {
     Plugin plugin;
     plugin.engine.on("aven_ke_client_key_exchange").output = "";
-    EXPECT_EQ(failure(0),
-              plugin.reply("QZaven_ke_client_key_exchange", clientKeyExchange().parameters));
+    EXPECT_EQ(failure(0), plugin.reply("QZaven_ke_client_key_exchange", exchange().parameters));
 }

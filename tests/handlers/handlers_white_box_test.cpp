@@ -1,5 +1,5 @@
 // The white-box SM4 requests.
-#include "support/handlers.h"
+#include "support/handler_families.h"
 
 using namespace support;
 
@@ -44,16 +44,13 @@ protected:
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(Wbsm4Encrypt, HandlerFrame, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(Wbsm4Encrypt, EngineCodes, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(Wbsm4Encrypt, EncodedOutput, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(Wbsm4Encrypt, AllocatedOutput, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(Wbsm4Encrypt, Wbsm4, ::testing::Values(encrypt()));
-INSTANTIATE_TEST_SUITE_P(Wbsm4Decrypt, HandlerFrame, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(Wbsm4Decrypt, EngineCodes, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(Wbsm4Decrypt, EncodedOutput, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(Wbsm4Decrypt, AllocatedOutput, ::testing::Values(decrypt()));
-INSTANTIATE_TEST_SUITE_P(Wbsm4Decrypt, Wbsm4, ::testing::Values(decrypt()));
+// clang-format off
+FAMILY(HandlerFrame,    encrypt(), decrypt());
+FAMILY(EngineCodes,     encrypt(), decrypt());
+FAMILY(EncodedOutput,   encrypt(), decrypt());
+FAMILY(AllocatedOutput, encrypt(), decrypt());
+FAMILY(Wbsm4,           encrypt(), decrypt());
+// clang-format on
 
 TEST_P(Wbsm4, AllParametersAreRequired)
 {
@@ -148,15 +145,4 @@ TEST_P(Wbsm4, DataThatDecodesToNothingReachesTheEngine)
     EXPECT_EQ(0, plugin.journal.only(function)["in_len"].number);
     EXPECT_FALSE(plugin.journal.only(function)["in"].null);
     EXPECT_FALSE(plugin.journal.only(function)["out"].null);
-}
-
-TEST_P(Wbsm4, ParameterThatCannotBeStoredEndsWithCodeZero)
-{
-    SKIP_WITHOUT_ALLOCATION_FAULTS();
-    Plugin plugin;
-    EXPECT_TRUE(requestWithFault(
-        plugin, handler.request, with(good, "strdata", std::string(4000, 'A')),
-        [&] { return new AllocationFault(AllocationFault::atLeast(plugin.journal, 4000)); }));
-    EXPECT_EQ(failure(0), plugin.resultsWritten());
-    EXPECT_EQ("", plugin.engineCalls());
 }
