@@ -25,7 +25,7 @@ constexpr std::array<unsigned char, 256> makeSextets()
     for (unsigned char& sextet : sextets)
         sextet = NO_PLACE;
     for (unsigned char i = 0; i < 64; ++i)
-        sextets[static_cast<unsigned char>(base64_chars[i])] = i;
+        sextets[static_cast<unsigned char>(base64Chars[i])] = i;
     return sextets;
 }
 

@@ -50,9 +50,9 @@ struct alignas(64) Sextets {
         for (unsigned char& sextet : of)
             sextet = 0x80;
         for (int i = 0; i < 64; ++i) {
-            of[static_cast<unsigned char>(base64_chars[i])] = static_cast<unsigned char>(i);
+            of[static_cast<unsigned char>(base64Chars[i])] = static_cast<unsigned char>(i);
             if (Url)
-                of[static_cast<unsigned char>(base64_url_chars[i])] = static_cast<unsigned char>(i);
+                of[static_cast<unsigned char>(base64UrlChars[i])] = static_cast<unsigned char>(i);
         }
     }
 };
@@ -78,7 +78,7 @@ template <bool Url>
 TARGET size_t encode(const unsigned char* in, size_t len, char* out)
 {
     const __m512i order = load(spreadOrder.at);
-    const __m512i chars = load(Url ? base64_url_chars : base64_chars);
+    const __m512i chars = load(Url ? base64UrlChars : base64Chars);
     // The distance of each sextet of a group from the bottom of its half of a lane pair.
     const __m512i shifts = _mm512_set1_epi64(0x3036242a1016040a);
     size_t i = 0;

@@ -29,9 +29,9 @@ constexpr Tables makeTables()
             static_cast<unsigned char>(sextet);
     };
     for (int i = 0; i < 64; ++i) {
-        place(base64_chars[i], i);
+        place(base64Chars[i], i);
         if (Url)
-            place(base64_url_chars[i], i);
+            place(base64UrlChars[i], i);
     }
     return tables;
 }
@@ -67,7 +67,7 @@ inline void encodeStep(const unsigned char*& in, const uint8x16x4_t& chars, char
 template <bool Url>
 size_t encode(const unsigned char* in, size_t len, char* out)
 {
-    const uint8x16x4_t chars = load64(Url ? base64_url_chars : base64_chars);
+    const uint8x16x4_t chars = load64(Url ? base64UrlChars : base64Chars);
     const unsigned char* const endOfFours = in + len / 192 * 192;
     const unsigned char* const end = in + len / 48 * 48;
 

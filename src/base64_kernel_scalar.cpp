@@ -15,7 +15,7 @@ struct Pairs {
     char of[4096][2] = {};
     constexpr Pairs()
     {
-        const char* chars = Url ? base64_url_chars : base64_chars;
+        const char* chars = Url ? base64UrlChars : base64Chars;
         for (int i = 0; i < 4096; ++i) {
             of[i][0] = chars[i >> 6];
             of[i][1] = chars[i & 63];
@@ -38,9 +38,9 @@ struct Places {
                 place = FOREIGN;
             for (uint32_t i = 0; i < 64; ++i) {
                 const uint32_t place = i << (6 * (3 - position));
-                at[position][static_cast<unsigned char>(base64_chars[i])] = place;
+                at[position][static_cast<unsigned char>(base64Chars[i])] = place;
                 if (Url)
-                    at[position][static_cast<unsigned char>(base64_url_chars[i])] = place;
+                    at[position][static_cast<unsigned char>(base64UrlChars[i])] = place;
             }
         }
     }

@@ -3,9 +3,8 @@
 #define CORVANE_BASE64_KERNEL_TABLES_H
 
 // A character's place is its sextet.
-constexpr char base64_chars[65] =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr char base64_url_chars[65] =
+constexpr char base64Chars[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char base64UrlChars[65] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
 // Tells whether a character belongs to an alphabet by two 16-entry look-ups, of its low
@@ -26,9 +25,9 @@ struct alignas(16) Base64Classes {
                 half >= 2 && half <= 7 ? static_cast<unsigned char>(1 << (half - 2)) : none;
         }
         for (int i = 0; i < 64; ++i) {
-            accept(base64_chars[i]);
+            accept(base64Chars[i]);
             if (Url)
-                accept(base64_url_chars[i]);
+                accept(base64UrlChars[i]);
         }
     }
 
@@ -47,7 +46,7 @@ struct alignas(16) Base64Offsets {
     constexpr Base64Offsets()
     {
         for (int i = 0; i < 63; ++i)
-            of[base64_chars[i] >> 4] = static_cast<signed char>(i - base64_chars[i]);
+            of[base64Chars[i] >> 4] = static_cast<signed char>(i - base64Chars[i]);
         of[1] = static_cast<signed char>(63 - '/');
     }
 };
@@ -60,7 +59,7 @@ struct alignas(16) Base64CharOffsets {
 
     constexpr Base64CharOffsets()
     {
-        const char* chars = Url ? base64_url_chars : base64_chars;
+        const char* chars = Url ? base64UrlChars : base64Chars;
         of[0] = static_cast<signed char>(chars[26] - 26);
         for (int i = 52; i < 64; ++i)
             of[i - 51] = static_cast<signed char>(chars[i] - i);

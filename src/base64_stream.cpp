@@ -112,10 +112,10 @@ size_t encode(const unsigned char* in, size_t inLen, unsigned char* out, Encoder
 // `out` may have room for no more than what does.
 size_t decodeGroups(const unsigned char* in, size_t inLen, unsigned char* out)
 {
-    constexpr size_t CHUNK = 2048;
-    unsigned char bytes[CHUNK / 4 * 3];
+    constexpr size_t chunk = 2048;
+    unsigned char bytes[chunk / 4 * 3];
     const size_t taken =
-        base64_kernel->decode[BASE64_STANDARD](in, inLen < CHUNK ? inLen : CHUNK, bytes);
+        base64_kernel->decode[BASE64_STANDARD](in, inLen < chunk ? inLen : chunk, bytes);
     memcpy(out, bytes, taken / 4 * 3);
     return taken;
 }
