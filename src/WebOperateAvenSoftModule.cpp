@@ -90,6 +90,14 @@ void requireOutput(int code, const std::string& out)
     require(code == 0 && present(out));
 }
 
+// For one whose output alone tells success, as a failing call leaves it empty: with output
+// the code is not looked at.
+void requireOutputAlone(int& code, const std::string& out)
+{
+    require(present(out));
+    code = 0;
+}
+
 bool inRange(int value, int low, int high)
 {
     return low <= value && value <= high;
@@ -316,8 +324,6 @@ void CWebOperateAvenSoftModule::makeaven_crypto_base64_Decode()
     reply(std::move(out), code);
 }
 
-// The requests that make something of a session (this one, the client hello and the
-// client key exchange) succeed by their output alone: a failing call leaves it empty.
 void CWebOperateAvenSoftModule::makeaven_ke_new()
 {
     int code = 0;
@@ -325,8 +331,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_new()
 
     try {
         code = m_softMoudleAven.aven_ke_new(ke);
-        require(present(ke));
-        code = 0;
+        requireOutputAlone(code, ke);
     } catch (...) {
         ke.clear();
     }
@@ -403,9 +408,8 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_hello()
         std::string ke = param("strKe");
         require(present(ke), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_ke_client_hello(std::move(ke), out);
-        require(present(out));
+        requireOutputAlone(code, out);
         out = toUrlBase64(out);
-        code = 0;
     } catch (...) {
         out.clear();
     }
@@ -428,9 +432,8 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
         code = m_softMoudleAven.aven_ke_client_key_exchange(
             std::move(ke), fromUrlBase64(std::move(random)), fromUrlBase64(std::move(sigCert)),
             fromUrlBase64(std::move(encCert)), fromUrlBase64(std::move(signature)), out);
-        require(present(out));
+        requireOutputAlone(code, out);
         out = toUrlBase64(out);
-        code = 0;
     } catch (...) {
         out.clear();
     }
@@ -457,8 +460,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_cmac()
     useChannel("strdata", &CSoftMoudle_aven::aven_ke_cmac);
 }
 
-// No data counts as zero bytes. Output alone tells success: with output the code is not
-// looked at, and without output a code of 0 is a failure too.
+// No data counts as zero bytes.
 void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperation operation)
 {
     int code = 0;
@@ -471,9 +473,8 @@ void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperatio
         require(present(ke), code, PARAM_MISSING);
         data = fromUrlBase64(std::move(data));
         code = (m_softMoudleAven.*operation)(std::move(ke), std::move(data), out);
-        require(present(out));
+        requireOutputAlone(code, out);
         out = toUrlBase64(out);
-        code = 0;
     } catch (...) {  // the output is told as it stands
     }
     reply(std::move(out), code);
