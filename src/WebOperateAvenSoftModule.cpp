@@ -134,12 +134,6 @@ std::string toUrlAlphabet(std::string text)
     return text;
 }
 
-std::string fromUrlBase64(std::string text)
-{
-    base64_decode_url(text);
-    return text;
-}
-
 std::string toUrlBase64(const std::string& data)
 {
     return base64_encode_url(bytes(data), data.length());
@@ -185,7 +179,7 @@ void checkCipherRequest(CipherRequest& cipher, const std::string& data, int& cod
     SymmCipherParams& block = cipher.block;
 
     require(present(cipher.alg, cipher.mode, cipher.key, data), code, PARAM_MISSING);
-    cipher.key = fromUrlBase64(std::move(cipher.key));
+    base64_decode_url(cipher.key);
     block.key = bytes(cipher.key);
     block.key_len = size32(cipher.key);
     checkAlgAndMode(cipher.alg, cipher.mode, block, code);
@@ -193,14 +187,14 @@ void checkCipherRequest(CipherRequest& cipher, const std::string& data, int& cod
     if (block.mode == AVEN_MODE_WITHOUT_IV)
         return;
     require(present(cipher.iv), code, PARAM_MISSING);
-    cipher.iv = fromUrlBase64(std::move(cipher.iv));
+    base64_decode_url(cipher.iv);
     block.iv = bytes(cipher.iv);
     block.iv_len = size32(cipher.iv);
 }
 
 void decodeAad(CipherRequest& cipher)
 {
-    cipher.aad = fromUrlBase64(std::move(cipher.aad));
+    base64_decode_url(cipher.aad);
     cipher.block.aad = bytes(cipher.aad);
     cipher.block.aad_len = size32(cipher.aad);
 }
@@ -429,9 +423,13 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
         std::string signature = param("strSrvr_sign");
 
         require(present(ke), code, PARAM_MISSING);
-        code = m_softMoudleAven.aven_ke_client_key_exchange(
-            std::move(ke), fromUrlBase64(std::move(random)), fromUrlBase64(std::move(sigCert)),
-            fromUrlBase64(std::move(encCert)), fromUrlBase64(std::move(signature)), out);
+        base64_decode_url(random);
+        base64_decode_url(sigCert);
+        base64_decode_url(encCert);
+        base64_decode_url(signature);
+        code = m_softMoudleAven.aven_ke_client_key_exchange(std::move(ke), std::move(random),
+                                                            std::move(sigCert), std::move(encCert),
+                                                            std::move(signature), out);
         requireOutputAlone(code, out);
         out = toUrlBase64(out);
     } catch (...) {
@@ -471,7 +469,7 @@ void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperatio
         std::string data = param(dataName);
 
         require(present(ke), code, PARAM_MISSING);
-        data = fromUrlBase64(std::move(data));
+        base64_decode_url(data);
         code = (m_softMoudleAven.*operation)(std::move(ke), std::move(data), out);
         requireOutputAlone(code, out);
         out = toUrlBase64(out);
@@ -523,7 +521,7 @@ void CWebOperateAvenSoftModule::usePublicKey(ReadKey readKey, BlockOperation ope
         require(optionalDigitIn(noC1c3c2, FLAGS, block.no_c1c3c2), code, PARAM_INVALID);
         require(optionalDigitIn(typeText, KEY_PAIR_TYPES, type), code, PARAM_INVALID);
 
-        data = fromUrlBase64(std::move(data));
+        base64_decode_url(data);
         code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(std::move(key.sk)),
                                                   toStandardAlphabet(std::move(key.pk)),
                                                   std::move(key.password), &keypair);
@@ -567,7 +565,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_encrypt()
             require(inRange(tagLen, 4, 16), code, PARAM_INVALID);
         }
 
-        data = fromUrlBase64(std::move(data));
+        base64_decode_url(data);
         code =
             m_softMoudleAven.aven_crypto_encrypt(&cipher.block, std::move(data), out, tag, tagLen);
         requireOutput(code, out);
@@ -594,10 +592,10 @@ void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
         if (cipher.block.mode == AVEN_MODE_GCM) {
             require(present(cipher.aad, tag), code, PARAM_MISSING);
             decodeAad(cipher);
-            tag = fromUrlBase64(std::move(tag));
+            base64_decode_url(tag);
         }
 
-        data = fromUrlBase64(std::move(data));
+        base64_decode_url(data);
         code = m_softMoudleAven.aven_crypto_decrypt(&cipher.block, std::move(data), std::move(tag),
                                                     out);
         requireOutput(code, out);
@@ -651,8 +649,8 @@ void CWebOperateAvenSoftModule::useMac(const char* algName, int algs, BlockOpera
         block.alg = atoi(alg.c_str());
         require(inRange(block.alg, 1, algs), code, PARAM_INVALID);
 
-        key = fromUrlBase64(std::move(key));
-        data = fromUrlBase64(std::move(data));
+        base64_decode_url(key);
+        base64_decode_url(data);
         block.key = bytes(key);
         block.key_len = size32(key);
         code = (m_softMoudleAven.*operation)(&block, std::move(data), out);
@@ -739,7 +737,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_decrypt()
         int32_t type = 0;
 
         require(present(envelope, typeText, sk, alg, mode), code, PARAM_MISSING);
-        envelope = fromUrlBase64(std::move(envelope));
+        base64_decode_url(envelope);
         require(digitIn(typeText, KEY_PAIR_TYPES, type), code, PARAM_INVALID);
         code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(std::move(sk)), "", "",
                                                   &keypair);
@@ -780,11 +778,11 @@ void CWebOperateAvenSoftModule::useWhiteBox(WhiteBoxOperation operation)
         std::string data = param("strdata");
 
         require(present(iv, key, data), code, PARAM_MISSING);
-        key = fromUrlBase64(std::move(key));
-        iv = fromUrlBase64(std::move(iv));
+        base64_decode_url(key);
+        base64_decode_url(iv);
         require(key.length() == blockSize && iv.length() == blockSize, code, PARAM_INVALID);
 
-        data = fromUrlBase64(std::move(data));
+        base64_decode_url(data);
         code = (m_softMoudleAven.*operation)(std::move(key), std::move(iv), data, out);
         requireOutput(code, out);
         out = toUrlBase64(out);

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <utility>
 
 #include "base64_kernels.h"
 #include "module_CorvaneParams.h"
@@ -43,15 +42,16 @@ void ignoreFailure(Function function)
 // The two-call read of a value, straight into the text that is returned: the buffer has
 // one byte more than the value and is zero-filled. The module decides how many bytes
 // count, but never more than it announced. What it throws passes: half a value is none.
-std::string readValue(int (CorvaneParamsClass::*read)(char*, long, char*, long*), std::string name)
+template <class Read>
+std::string readValue(Read read)
 {
     long length = 0;
-    if ((params().*read)(name.data(), lengthOf(name), nullptr, &length) != 0)
+    if (read(nullptr, &length) != 0)
         return "";
 
     const size_t announced = length > 0 ? static_cast<size_t>(length) : 0;
     std::string value(announced + 1, '\0');
-    (params().*read)(name.data(), lengthOf(name), value.data(), &length);
+    read(value.data(), &length);
 
     const size_t count = length > 0 ? static_cast<size_t>(length) : 0;
     value.resize(count < announced ? count : announced);
@@ -122,7 +122,9 @@ std::string CWebServerBase::ReturnRequest()
 
 std::string CWebServerBase::GetFindNameStringValueFromMapParams(std::string name)
 {
-    return readValue(&CorvaneParamsClass::_aven_GetHttpParams, std::move(name));
+    return readValue([&](char* value, long* length) {
+        return params()._aven_GetHttpParams(name.data(), lengthOf(name), value, length);
+    });
 }
 
 void CWebServerBase::InsertStringValueFromMapParams(std::string name, std::string value)
@@ -142,7 +144,9 @@ int CWebServerBase::ChangedParamsValueByInputName(std::string name, std::string 
 
 std::string CWebServerBase::GetRetStrToParamsMap(std::string name)
 {
-    return readValue(&CorvaneParamsClass::_aven_GetRetParams, std::move(name));
+    return readValue([&](char* value, long* length) {
+        return params()._aven_GetRetParams(name.data(), lengthOf(name), value, length);
+    });
 }
 
 void CWebServerBase::AddRetStrToParamsMap(std::string name, std::string value)
