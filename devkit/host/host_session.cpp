@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "library_file.h"
+#include "log.h"
 
 namespace fs = std::filesystem;
 
@@ -202,6 +203,16 @@ void HostSession::initialise()
     free_();
     throw LoadError("the plug-in could not initialise: " +
                     printed.substr(0, printed.find_last_not_of('\n') + 1));
+}
+
+void HostSession::setLogLevel(const std::string& name)
+{
+    const auto levelOf =
+        reinterpret_cast<decltype(&log_get_level)>(dlsym(plugin_.get(), "log_get_level"));
+    const auto setLevel =
+        reinterpret_cast<decltype(&log_set_level)>(dlsym(plugin_.get(), "log_set_level"));
+    if (levelOf != nullptr && setLevel != nullptr)
+        setLevel(levelOf(name.c_str()));
 }
 
 void HostSession::emptyStores()

@@ -67,6 +67,10 @@ public:
     // stores. An unknown name gives no results.
     Reply send(const std::string& name, const Pairs& parameters);
 
+    // Which of its messages the plug-in sends to syslog from here on: "crit" to "debug", see
+    // log.h. One that cannot be told keeps its own level.
+    void setLogLevel(const std::string& name);
+
 private:
     struct CloseLibrary {
         void operator()(void* handle) const;

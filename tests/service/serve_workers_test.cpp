@@ -301,6 +301,40 @@ TEST(ServeWorkers, ALibraryOfAnotherNameLeavesNoFolderBehind)
     fs::remove_all(folder);
 }
 
+// How many messages the plug-ins of a host's workers send to syslog for ten requests.
+size_t syslogMessages(const fs::path& library, const ServedHost::Options& options)
+{
+    ServedHost host(options, {"LD_PRELOAD=" + library.string()});
+    host.workers();
+    const auto shown = [&] {
+        const std::string errors = host.errors();
+        size_t count = 0;
+        for (size_t at = 0; (at = errors.find("syslog ", at)) != std::string::npos; ++at)
+            ++count;
+        return count;
+    };
+    const size_t before = shown();
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
+    return shown() - before;
+}
+
+TEST(ServeWorkers, SendNothingToSyslogForRequestsUnlessTold)
+{
+    NEEDS_WORKERS();
+    if (support::sanitized)
+        GTEST_SKIP() << "the sanitizer must be the first library";
+    std::string name = (fs::temp_directory_path() / "serve_syslog_XXXXXX").string();
+    const fs::path folder = mkdtemp(name.data());
+    // The loader takes a blank in a path for the end of it.
+    const fs::path library = folder / "library.so";
+    fs::create_symlink(CORVANE_SHOWN_SYSLOG_LIBRARY, library);
+    EXPECT_EQ(0U, syslogMessages(library, {}));
+    EXPECT_EQ(20U, syslogMessages(library, {"--plugin-log", "info"}));
+    EXPECT_EQ(0U, syslogMessages(library, {"--plugin-log", "err"}));
+    fs::remove_all(folder);
+}
+
 TEST(ServeWorkers, EndWithTheFront)
 {
     NEEDS_WORKERS();

@@ -22,8 +22,10 @@ constexpr double shortestSeconds = 0.01;
 constexpr double longestSeconds = 86400;
 constexpr double longestDrain = 3600;
 
+constexpr const char* pluginLogOption = "--plugin-log";
+
 // This program once more, as a worker with the same libraries.
-std::vector<std::string> workerCommand(const Program& program)
+std::vector<std::string> workerCommand(const Program& program, const ServeOptions& options)
 {
     std::vector<std::string> command = {"corvane-host"};
     for (const auto& [option, path] : {std::pair("--plugin", program.paths.plugin),
@@ -31,17 +33,29 @@ std::vector<std::string> workerCommand(const Program& program)
                                        {"--engine", program.paths.engine}})
         if (!path.empty())
             command.insert(command.end(), {option, path});
-    command.emplace_back("worker");
+    command.insert(command.end(), {"worker", pluginLogOption, options.pluginLog});
     return command;
 }
 
-void work(Program& program)
+void work(Program& program, const std::string& pluginLog)
 {
     tieToParent();
     const Undumpable undumpable;
     const auto session = program.openSession();
+    session->setLogLevel(pluginLog);
     program.bareNames.removeFolder();
     Worker(*session).serve(workerSocket);
+}
+
+void addPluginLog(CLI::App& command, std::string& level)
+{
+    command
+        .add_option(pluginLogOption, level,
+                    "What workers' plug-ins send to syslog; from info on, two messages for each "
+                    "request")
+        ->type_name("LEVEL")
+        ->check(CLI::IsMember({"crit", "err", "warning", "notice", "info", "debug"}))
+        ->capture_default_str();
 }
 
 void addOptions(CLI::App& command, ServeOptions& options)
@@ -99,6 +113,7 @@ void addOptions(CLI::App& command, ServeOptions& options)
           "Time to finish requests at the end");
     command.add_option("--access-log", options.accessLog, "Access log; default: standard error")
         ->type_name("FILE");
+    addPluginLog(command, options.pluginLog);
 }
 
 }  // namespace
@@ -111,11 +126,14 @@ void addServe(CLI::App& app, Program& program)
     command->callback([options, &program] {
         // Workers would be started again and again.
         checkLibraries(withDefaults(program.paths));
-        serve(*options, workerCommand(program), program.output);
+        serve(*options, workerCommand(program, *options), program.output);
     });
 }
 
 void addWorker(CLI::App& app, Program& program)
 {
-    app.add_subcommand("worker")->group("")->callback([&program] { work(program); });
+    const auto level = std::make_shared<std::string>(ServeOptions().pluginLog);
+    CLI::App* command = app.add_subcommand("worker")->group("");
+    addPluginLog(*command, *level);
+    command->callback([level, &program] { work(program, *level); });
 }

@@ -35,6 +35,9 @@ struct ServeOptions {
     double drainSeconds = 30;
 
     std::string accessLog;  // empty: standard error
+    // Up to this level workers' plug-ins send messages to syslog. From "info" on that is two for
+    // each request, and takes longer than a small request itself.
+    std::string pluginLog = "notice";
 
     // Settled by checkOptions: the two halves of `listen`.
     std::string host;
