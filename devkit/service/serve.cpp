@@ -148,7 +148,8 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
             {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds)});
     const BearerToken* shown = token ? &*token : nullptr;
     Server server(loop, options, service, metrics, log, shown);
-    if (!LineSink(output.descriptor()).write(greeting(shown, server.url(), output.isTerminal())))
+    if (LineSink(output.descriptor()).write(greeting(shown, server.url(), output.isTerminal())) ==
+        0)
         log.tell("standard output takes nothing; listening on " + server.url());
 
     bool isDraining = false;
@@ -172,6 +173,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     loop.run([&] {
         hadNoMemory = false;
         const int timeout = server.run();
+        log.flush();
         if (isDraining && !server.isBusy())
             loop.stop();
         return timeout;

@@ -83,21 +83,26 @@ using OperatorPeer = Operator;
 
 // ---- Lines.
 
-// Lines of all lengths through a sink whose reader takes some now and then: each that the
-// sink took comes out whole and in order, and none of the others.
-void expectWholeLines(const Descriptor& writer, const Descriptor& reader)
+// Lines of all lengths, so many at once, through a sink whose reader takes some now and then:
+// each that the sink took comes out whole and in order, and none of the others.
+void expectWholeLines(const Descriptor& writer, const Descriptor& reader, size_t atOnce)
 {
     fcntl(reader.get(), F_SETFL, O_NONBLOCK);
     LineSink sink(writer.get());
     std::string expected;
     std::string got;
     size_t dropped = 0;
-    for (size_t i = 0; i < 3000; ++i) {
-        const std::string line = std::to_string(i) + std::string(i * 37 % 9001, 'x') + "\n";
-        if (sink.write(line))
-            expected += line;
-        else
-            ++dropped;
+    for (size_t i = 0; i < 3000; i += atOnce) {
+        std::string lines;
+        std::vector<size_t> ends = {0};
+        for (size_t k = i; k < i + atOnce; ++k) {
+            lines += std::to_string(k) + std::string(k * 37 % (9001 / atOnce), 'x') + "\n";
+            ends.push_back(lines.size());
+        }
+        const size_t taken = sink.write(lines);
+        ASSERT_LE(taken, atOnce);
+        expected += lines.substr(0, ends[taken]);
+        dropped += atOnce - taken;
         std::array<char, 1000> some;
         const ssize_t count = read(reader.get(), some.data(), some.size());
         if (count > 0)
@@ -110,7 +115,7 @@ void expectWholeLines(const Descriptor& writer, const Descriptor& reader)
     for (const char* last : {"last\n", "one\n"}) {
         for (ssize_t count; (count = read(reader.get(), rest.data(), rest.size())) > 0;)
             got.append(rest.data(), static_cast<size_t>(count));
-        EXPECT_TRUE(sink.write(last));
+        EXPECT_EQ(1U, sink.write(last));
         expected += last;
     }
     for (ssize_t count; (count = read(reader.get(), rest.data(), rest.size())) > 0;)
@@ -118,27 +123,35 @@ void expectWholeLines(const Descriptor& writer, const Descriptor& reader)
     EXPECT_TRUE(expected == got) << expected.size() << " " << got.size();
 }
 
+constexpr size_t numbersAtOnce[] = {1, 3, 10};
+
 TEST(LineSink, KeepsLinesWholeInAPipeOfOthers)
 {
-    int ends[2];
-    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
-    expectWholeLines(Descriptor(ends[1]), Descriptor(ends[0]));
+    for (const size_t atOnce : numbersAtOnce) {
+        int ends[2];
+        ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+        expectWholeLines(Descriptor(ends[1]), Descriptor(ends[0]), atOnce);
+    }
 }
 
 TEST(LineSink, KeepsLinesWholeInAPipeOfItsOwn)
 {
-    int ends[2];
-    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
-    fcntl(ends[1], F_SETFL, O_NONBLOCK);
-    expectWholeLines(Descriptor(ends[1]), Descriptor(ends[0]));
+    for (const size_t atOnce : numbersAtOnce) {
+        int ends[2];
+        ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+        fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        expectWholeLines(Descriptor(ends[1]), Descriptor(ends[0]), atOnce);
+    }
 }
 
 TEST(LineSink, KeepsLinesWholeInASocket)
 {
-    int ends[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
-    expectWholeLines(Descriptor(ends[1]), Descriptor(ends[0]));
-    EXPECT_FALSE(LineSink(-1).write("to nobody\n"));
+    for (const size_t atOnce : numbersAtOnce) {
+        int ends[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+        expectWholeLines(Descriptor(ends[1]), Descriptor(ends[0]), atOnce);
+    }
+    EXPECT_EQ(0U, LineSink(-1).write("to nobody\n"));
 }
 
 // ---- The log.
@@ -312,12 +325,15 @@ void limitFiles(rlim_t bytes)
 
 TEST_F(OperatorLog, LinesStayWholeAfterTheDiskWasFull)
 {
-    for (const rlim_t room : {0, 1, 30, 60, 61, 100}) {
+    for (const rlim_t room : {0, 1, 30, 155, 156, 157, 158, 200}) {
         const std::string file = path("log" + std::to_string(room));
         EXPECT_EQ(0, inChild([&] {
                       AccessLog log(file);
-                      const auto write = [&](int number) {
-                          log.write({{"status", number}, {"filler", std::string(30, 'x')}});
+                      const auto write = [&](unsigned number) {
+                          AccessEntry entry;
+                          entry.status = number;
+                          log.write(entry);
+                          log.flush();
                       };
                       write(1);
                       limitFiles(fs::file_size(file) + room);
@@ -329,9 +345,95 @@ TEST_F(OperatorLog, LinesStayWholeAfterTheDiskWasFull)
                   }));
         const std::string log = readWhole(file);
         EXPECT_EQ(6U, answersIn(log)) << room << "\n" << log;
-        EXPECT_NE(std::string::npos, log.find("{\"status\":4,")) << log;
+        EXPECT_NE(std::string::npos, log.find("\"status\":4,")) << log;
         EXPECT_EQ('\n', log.back());
     }
+}
+
+// As many as the room takes whole, and the one that is begun.
+TEST_F(OperatorLog, LinesThatAreWrittenAtOnceAreCutAndCountedOneByOne)
+{
+    for (const rlim_t room : {0, 1, 400, 10000}) {
+        const std::string file = path("log" + std::to_string(room));
+        EXPECT_EQ(0, inChild([&] {
+                      AccessLog log(file);
+                      limitFiles(room);
+                      for (int i = 0; i < 100; ++i)
+                          log.write({});
+                      log.flush();
+                      EXPECT_EQ(room, fs::file_size(file));
+                      limitFiles(RLIM_INFINITY);
+                      log.write({});
+                      log.flush();
+                      EXPECT_GT(log.dropped(), 0U);
+                      EXPECT_LE(log.dropped(), 100U);
+                  }));
+        const std::string log = readWhole(file);
+        EXPECT_EQ(101U, answersIn(log)) << room << "\n" << log;
+        EXPECT_EQ('\n', log.back());
+    }
+}
+
+TEST_F(OperatorLog, WhatIsCollectedIsWrittenAtTheEndAndBeforeANewFile)
+{
+    AccessEntry entry;
+    entry.id = "0123456789abcdef";
+    entry.address = "::1";
+    entry.method = "POST";
+    entry.route = "/a\"b";
+    entry.status = 200;
+    entry.received = 1;
+    entry.sent = 2;
+    entry.microseconds = 12034;
+    entry.request = "name";
+    entry.error = "busy";
+    {
+        AccessLog log(path("log"));
+        log.write(entry);
+        fs::rename(path("log"), path("old"));
+        log.reopen();
+        log.write(entry);
+        log.write({});
+        EXPECT_EQ(0U, fs::file_size(path("log")));
+    }
+    const std::string line = readWhole(path("old"));
+    EXPECT_EQ(
+        "\"id\":\"0123456789abcdef\",\"address\":\"::1\",\"method\":\"POST\","
+        "\"route\":\"/a\\\"b\",\"status\":200,\"received\":1,\"sent\":2,"
+        "\"milliseconds\":12.034,\"whole\":true,\"request\":\"name\",\"error\":\"busy\"}\n",
+        line.substr(line.find("\"id\"")));
+    EXPECT_EQ(2U, answersIn(readWhole(path("log"))));
+}
+
+TEST_F(OperatorLog, TimesAreOfTheirForm)
+{
+    const time_t before = time(nullptr);
+    {
+        AccessLog log(path("log"));
+        log.write({});
+    }
+    const std::string line = readWhole(path("log"));
+    tm parts = {};
+    int milliseconds = -1;
+    int size = 0;
+    ASSERT_EQ(7, sscanf(line.c_str(), "{\"time\":\"%4d-%2d-%2dT%2d:%2d:%2d.%3dZ\",%n",
+                        &parts.tm_year, &parts.tm_mon, &parts.tm_mday, &parts.tm_hour,
+                        &parts.tm_min, &parts.tm_sec, &milliseconds, &size))
+        << line;
+    EXPECT_EQ(35, size);
+    parts.tm_year -= 1900;
+    parts.tm_mon -= 1;
+    const time_t written = timegm(&parts);
+    EXPECT_LE(before, written);
+    EXPECT_GE(time(nullptr), written);
+}
+
+TEST_F(OperatorLog, ManyLinesAreNotCollectedForLong)
+{
+    AccessLog log(path("log"));
+    for (int i = 0; i < 1000; ++i)
+        log.write({});
+    EXPECT_GT(fs::file_size(path("log")), size_t{60} << 10);
 }
 
 TEST_F(OperatorLog, ANewFileBeginsWithAWholeLine)
@@ -339,15 +441,17 @@ TEST_F(OperatorLog, ANewFileBeginsWithAWholeLine)
     EXPECT_EQ(0, inChild([&] {
                   AccessLog log(path("log"));
                   limitFiles(5);
-                  log.write({{"status", 1}});
-                  log.write({{"status", 2}});
+                  log.write({});
+                  log.write({});
+                  log.flush();
                   fs::rename(path("log"), path("old"));
                   limitFiles(RLIM_INFINITY);
                   log.reopen();
-                  log.write({{"status", 3}});
+                  log.write({});
+                  log.flush();
                   EXPECT_EQ(1U, log.dropped());
               }));
-    EXPECT_EQ("{\"sta", readWhole(path("old")));
+    EXPECT_EQ("{\"tim", readWhole(path("old")));
     const std::string log = readWhole(path("log"));
     EXPECT_EQ(2U, answersIn(log)) << log;
     EXPECT_EQ("{\"time\":", log.substr(0, 8)) << log;

@@ -713,6 +713,7 @@ void Server::dispatch(Exchange& exchange)
 
 std::string Server::metricsText() const
 {
+    log_.flush();
     return service_.metricsText() +
            gauge("corvane_connections", static_cast<double>(connections_.size())) +
            gauge("corvane_access_log_dropped_total", static_cast<double>(log_.dropped()), "",
@@ -818,28 +819,27 @@ void Server::finish(Connection& connection, bool isWhole)
 
 void Server::log(const Exchange& exchange, bool isWhole)
 {
-    // Paths as clients wrote them may hold anything.
-    const char* route = exchange.route != nullptr ? exchange.route->pattern : "";
+    const auto time =
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - exchange.start);
+    AccessEntry entry;
+    entry.id = exchange.id;
+    entry.address = exchange.connection.address;
+    // Methods and paths as clients wrote them may hold anything.
+    if (isHeaderName(exchange.method) && exchange.method.size() <= 16)
+        entry.method = exchange.method;
+    if (exchange.route != nullptr)
+        entry.route = exchange.route->pattern;
     if (exchange.file != nullptr)
-        route = exchange.file->path;
-    nlohmann::ordered_json entry = {
-        {"time", timeText()},
-        {"id", exchange.id},
-        {"address", exchange.connection.address},
-        {"method",
-         isHeaderName(exchange.method) && exchange.method.size() <= 16 ? exchange.method : ""},
-        {"route", route},
-        {"status", exchange.status},
-        {"received", exchange.received},
-        {"sent", exchange.sent},
-        {"milliseconds", std::round(Seconds(Clock::now() - exchange.start).count() * 1e6) / 1e3},
-        {"whole", isWhole}};
-    if (exchange.route != nullptr && exchange.route->target == Target::Request) {
-        const std::string name = nameBehind(*exchange.route, exchange.path);
-        if (findRequest(name) != nullptr)
-            entry["request"] = name;
-    }
-    if (exchange.answer && !exchange.answer->code.empty())
-        entry["error"] = exchange.answer->code;
+        entry.route = exchange.file->path;
+    entry.status = exchange.status;
+    entry.received = exchange.received;
+    entry.sent = exchange.sent;
+    entry.microseconds = static_cast<uint64_t>(time.count());
+    entry.isWhole = isWhole;
+    if (exchange.route != nullptr && exchange.route->target == Target::Request)
+        if (const RequestInfo* info = findRequest(nameBehind(*exchange.route, exchange.path)))
+            entry.request = info->name;
+    if (exchange.answer)
+        entry.error = exchange.answer->code;
     log_.write(entry);
 }

@@ -4,23 +4,46 @@
 #define CORVANE_SERVICE_OPERATION_ACCESS_LOG_H
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <ctime>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "common/descriptor.h"
 #include "line_sink.h"
+
+// What a line tells beside the time.
+struct AccessEntry {
+    std::string_view id;
+    std::string_view address;
+    std::string_view method;
+    std::string_view route;
+    unsigned status = 0;
+    size_t received = 0;  // bytes of the body
+    size_t sent = 0;      // of the answer's
+    uint64_t microseconds = 0;
+    bool isWhole = true;
+    std::string_view request = {};  // these two only where there is one
+    std::string_view error = {};
+};
 
 class AccessLog {
 public:
     // Appends to the file, which is made for the owner alone; an empty name stands for
     // standard error. A FIFO must have a reader. Throws a UsageError.
     explicit AccessLog(std::string file);
+    // Flushes.
+    ~AccessLog();
+    AccessLog(const AccessLog&) = delete;
+    AccessLog& operator=(const AccessLog&) = delete;
 
-    // Does not wait: a line that cannot be written now is dropped and counted. The next one
-    // that can be is preceded by how many there were.
-    void write(const nlohmann::ordered_json& entry);
-    // Lines that were dropped since the start.
+    // Collects a line, for flush() to write.
+    void write(const AccessEntry& entry);
+    // Writes what was collected; call it before each wait for events. Does not wait: lines
+    // that cannot be written now are dropped and counted. The next one that can be is preceded
+    // by how many there were.
+    void flush() noexcept;
+    // Lines that were dropped since the start, as far as they were flushed.
     uint64_t dropped() const { return dropped_; }
     // After the file was moved away. Keeps the old one if it cannot be made.
     void reopen();
@@ -29,15 +52,20 @@ public:
     void tell(const std::string& text);
 
 private:
+    void writeCollected();
+    void appendTime(std::string& out);
+
     const std::string file_;
     Descriptor descriptor_;
     LineSink errors_{STDERR_FILENO};
-    std::optional<LineSink> lines_;  // the file's; else they go to errors_
+    std::optional<LineSink> sink_;  // the file's; else lines go to errors_
+    std::string line_;              // the one that is being made
+    std::string collected_;         // whole lines
+    size_t count_ = 0;              // of them
     uint64_t dropped_ = 0;
     uint64_t untold_ = 0;  // of them, since the log told
+    time_t minute_ = 0;    // since 1970, whose text is in minuteText_
+    std::string minuteText_;
 };
-
-// The time of day in UTC, with milliseconds.
-std::string timeText();
 
 #endif

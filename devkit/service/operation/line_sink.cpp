@@ -10,47 +10,79 @@
 
 #include "common/descriptor.h"
 
+namespace {
+
+// Whole lines that make up PIPE_BUF bytes at most, or the first line if that is longer.
+std::string_view firstLines(std::string_view lines)
+{
+    if (lines.size() <= PIPE_BUF)
+        return lines;
+    const size_t last = lines.rfind('\n', PIPE_BUF - 1);
+    return lines.substr(0, last != std::string_view::npos ? last + 1 : lines.find('\n') + 1);
+}
+
+}  // namespace
+
 LineSink::LineSink(int descriptor) : descriptor_(descriptor)
 {
     struct stat info = {};
     isSocket_ = fstat(descriptor, &info) == 0 && S_ISSOCK(info.st_mode);
+    // A line must not be left without its end where there is no memory to keep that.
+    rest_.reserve(PIPE_BUF);
 }
 
-bool LineSink::write(std::string_view line)
+size_t LineSink::write(std::string_view lines)
 {
-    if (!writeRest())
-        return false;
-    rest_ = line;
-    if (writeRest() || rest_.size() < line.size())
-        return true;
-    rest_.clear();
-    return false;
+    size_t taken = 0;
+    while (!lines.empty() && writeRest()) {
+        const std::string_view some = firstLines(lines);
+        const std::string_view written = some.substr(0, writeAll(some));
+        taken += static_cast<size_t>(std::count(written.begin(), written.end(), '\n'));
+        lines.remove_prefix(some.size());
+        if (written.size() == some.size())
+            continue;
+        if (!written.empty() && written.back() != '\n') {
+            const std::string_view begun = some.substr(written.size());
+            rest_ = begun.substr(0, begun.find('\n') + 1);
+            ++taken;
+        }
+        break;
+    }
+    return taken;
 }
 
 // Writes what can be written now; -1 or 0 if nothing can.
-ssize_t LineSink::writeSome() const
+ssize_t LineSink::writeSome(std::string_view bytes) const
 {
     if (isSocket_)
-        return send(descriptor_, rest_.data(), rest_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        return send(descriptor_, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if ((fcntl(descriptor_, F_GETFL) & O_NONBLOCK) != 0)
-        return ::write(descriptor_, rest_.data(), rest_.size());
+        return ::write(descriptor_, bytes.data(), bytes.size());
     // A pipe that has room takes so much without waiting.
     pollfd waiting = {descriptor_, POLLOUT, 0};
     if (poll(&waiting, 1, 0) != 1)
         return -1;
-    return ::write(descriptor_, rest_.data(), std::min<size_t>(rest_.size(), PIPE_BUF));
+    return ::write(descriptor_, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
+}
+
+// How many bytes could be written.
+size_t LineSink::writeAll(std::string_view bytes) const
+{
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t count = writeSome(bytes.substr(done));
+        if (count <= 0)
+            break;
+        done += static_cast<size_t>(count);
+    }
+    return done;
 }
 
 // Whether nothing is left.
 bool LineSink::writeRest()
 {
-    while (!rest_.empty()) {
-        const ssize_t count = writeSome();
-        if (count <= 0)
-            return false;
-        rest_.erase(0, static_cast<size_t>(count));
-    }
-    return true;
+    rest_.erase(0, writeAll(rest_));
+    return rest_.empty();
 }
 
 void openStandardStreams()

@@ -12,13 +12,15 @@ public:
     // The descriptor stays the caller's and must stay open.
     explicit LineSink(int descriptor);
 
-    // Takes a line with its line end, or drops it if it cannot be written now, as a pipe or
-    // a disk is full; false then. What is begun is finished before anything else, so that
-    // lines stay whole.
-    bool write(std::string_view line);
+    // Writes lines, each with its line end, and returns how many of them it took. The others
+    // are dropped: they cannot be written now, as a pipe or a disk is full. A line that is
+    // begun is finished before anything else is written, so that lines stay whole. Lines up
+    // to PIPE_BUF bytes are not mixed with what others write to the same pipe.
+    size_t write(std::string_view lines);
 
 private:
-    ssize_t writeSome() const;
+    ssize_t writeSome(std::string_view bytes) const;
+    size_t writeAll(std::string_view bytes) const;
     bool writeRest();
 
     const int descriptor_;
