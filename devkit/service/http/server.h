@@ -52,7 +52,6 @@ private:
     static void onCompleted(void* self, MHD_Connection* connection, void** context,
                             MHD_RequestTerminationCode how);
 
-    void listen();
     void acceptAll();
     void add(MHD_Connection* handle, void** context);
     void remove(Connection& connection, MHD_Connection* handle);
@@ -90,7 +89,6 @@ private:
     std::string url_;
     std::string certificate_;
     std::string key_;
-    Descriptor socket_;
     MHD_Daemon* daemon_ = nullptr;
     std::map<Connection*, std::unique_ptr<Connection>> connections_;
     std::map<std::string, size_t> perAddress_;

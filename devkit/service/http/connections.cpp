@@ -1,0 +1,161 @@
+// Connections of the server: how they come, how they end, and which are late.
+#include <arpa/inet.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <tuple>
+
+#include "common/failure.h"
+#include "exchange.h"
+#include "host/values.h"
+
+namespace {
+
+// The numeric address, and what stands for the client in limits: the network of an IPv6
+// one, of which a client has many.
+std::pair<std::string, std::string> addressOf(const sockaddr* address)
+{
+    std::array<char, INET6_ADDRSTRLEN> text = {};
+    if (address->sa_family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text.data(),
+                  text.size());
+        return {text.data(), text.data()};
+    }
+    in6_addr whole = reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
+    inet_ntop(AF_INET6, &whole, text.data(), text.size());
+    const std::string number = text.data();
+    memset(whole.s6_addr + 8, 0, 8);
+    inet_ntop(AF_INET6, &whole, text.data(), text.size());
+    return {number, text.data()};
+}
+
+// Whether bytes have come that the library has not taken yet.
+bool hasMore(int socket)
+{
+    char ignored;
+    return recv(socket, &ignored, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+}
+
+// Whether anything has ever come. The system counts a closing as one byte, so one alone is a
+// connection that was only closed.
+bool hasReceived(int socket)
+{
+    tcp_info info = {};
+    socklen_t size = sizeof info;
+    return getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+           info.tcpi_bytes_received > 1;
+}
+
+}  // namespace
+
+void Server::onConnection(void* self, MHD_Connection* handle, void** context,
+                          MHD_ConnectionNotificationCode what)
+{
+    Server& server = *static_cast<Server*>(self);
+    ++server.calls_;
+    if (what == MHD_CONNECTION_NOTIFY_CLOSED) {
+        if (*context != nullptr)
+            server.remove(*static_cast<Connection*>(*context), handle);
+        return;
+    }
+    try {
+        server.add(handle, context);
+    } catch (const std::exception& e) {
+        tellFailure("a connection cannot be taken", e);
+        const auto* info = MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CONNECTION_FD);
+        shutdown(info->connect_fd, SHUT_RDWR);
+    }
+}
+
+void Server::add(MHD_Connection* handle, void** context)
+{
+    auto owner = std::make_unique<Connection>();
+    Connection& connection = *owner;
+    connection.socket =
+        MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    std::tie(connection.address, connection.client) =
+        addressOf(MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr);
+    connection.deadline = after(Seconds(options_.readSeconds));
+    size_t& ofAddress = perAddress_[connection.client];
+    connections_[&connection] = std::move(owner);
+    *context = &connection;
+    ++accepted_;
+    if (++ofAddress > options_.connectionsPerAddress) {
+        const Refusal refusal("too_many_requests", "", "this address has too many connections");
+        cutOff(connection, &refusal);
+    }
+}
+
+// Where the library ends a request in the middle, it says nothing but this.
+void Server::remove(Connection& connection, MHD_Connection* handle)
+{
+    // What came was not even a first line.
+    if (connection.isFirst && (connection.cutStatus != 0 || hasReceived(connection.socket)))
+        withoutFailure("a request is not counted", [&] {
+            begin(connection, handle, "")->status = connection.cutStatus;
+            connection.exchange->start = connection.start;
+        });
+    if (connection.exchange != nullptr)
+        finish(connection, false);
+    const auto found = perAddress_.find(connection.client);
+    if (--found->second == 0)
+        perAddress_.erase(found);
+    connections_.erase(&connection);
+}
+
+// Ends a connection that does not get an answer from the library: at once, with the
+// refusal if it is given and can be sent as it is.
+void Server::cutOff(Connection& connection, const Refusal* refusal) noexcept
+{
+    if (std::exchange(connection.isCut, true))
+        return;
+    if (refusal != nullptr) {
+        if (connection.exchange != nullptr)
+            connection.exchange->status = refusal->code().status;
+        else
+            connection.cutStatus = refusal->code().status;
+        withoutFailure("a refusal cannot be sent", [&] { sendRefusal(connection, *refusal); });
+    }
+    // The library sees the end, and closes.
+    shutdown(connection.socket, SHUT_RDWR);
+}
+
+void Server::sendRefusal(Connection& connection, const Refusal& refusal)
+{
+    metrics_.countAnswer(refusal.code().status);
+    if (!options_.tlsCert.empty())
+        return;
+    const std::string body = write(refusal.json(), -1);
+    const std::string id = connection.exchange != nullptr ? connection.exchange->id : makeId();
+    const std::string text =
+        "HTTP/1.1 " + std::to_string(refusal.code().status) + " " +
+        MHD_get_reason_phrase_for(refusal.code().status) +
+        "\r\nConnection: close\r\nContent-Type: application/json\r\nCache-Control: no-store"
+        "\r\nX-Request-Id: " +
+        id + "\r\nRetry-After: 1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+        body;
+    send(connection.socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void Server::sweep()
+{
+    const Seconds often = draining_ ? grace() / 8 : Seconds(options_.readSeconds / 8);
+    sweep_.set(after(std::clamp(often, Seconds(0.05), Seconds(1))));
+    const Clock::time_point now = Clock::now();
+    for (const auto& [connection, owner] : connections_) {
+        if (connection->phase == Connection::Working || connection->deadline > now)
+            continue;
+        // One that waits for its next request is closed without a word, unless that has come.
+        const bool isWaiting =
+            connection->exchange == nullptr && (draining_ || !connection->isFirst);
+        if (isWaiting && hasMore(connection->socket))
+            continue;
+        const bool isLate = connection->phase == Connection::Reading && !isWaiting;
+        cutOff(*connection, isLate ? &late_ : nullptr);
+    }
+    rates_.sweep(now);
+}

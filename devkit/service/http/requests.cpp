@@ -1,0 +1,235 @@
+// Requests on their way into the service: heads, bodies, and who gets them.
+#include "common/failure.h"
+#include "common/text.h"
+#include "exchange.h"
+
+namespace {
+
+// Bodies that are kept at once, as a multiple of the largest one.
+constexpr size_t mostBodies = 16;
+
+}  // namespace
+
+void* Server::onUri(void* self, const char* uri, MHD_Connection* handle)
+{
+    Server& server = *static_cast<Server*>(self);
+    auto* connection = static_cast<Connection*>(
+        MHD_get_connection_info(handle, MHD_CONNECTION_INFO_SOCKET_CONTEXT)->socket_context);
+    if (connection == nullptr)
+        return nullptr;
+    try {
+        return server.begin(*connection, handle, uri);
+    } catch (const std::exception& e) {
+        tellFailure("a request cannot be taken", e);
+        return nullptr;
+    }
+}
+
+Server::Exchange* Server::begin(Connection& connection, MHD_Connection* handle,
+                                std::string_view target)
+{
+    // One that the library has given up without a word.
+    if (connection.exchange != nullptr)
+        finish(connection, false);
+    connection.isFirst = false;
+    auto exchange = std::make_shared<Exchange>(*this, connection, handle);
+    const size_t query = target.find('?');
+    exchange->path = std::string(target.substr(0, query));
+    exchange->targetSize = target.size();
+    exchange->hasQuery = query != std::string_view::npos;
+    exchange->isWithinRate = rates_.take(connection.client, Clock::now());
+    connection.exchange = std::move(exchange);
+    // Time once more for what is behind the first line.
+    connection.deadline = after(Seconds(options_.readSeconds));
+    return connection.exchange.get();
+}
+
+MHD_Result Server::onRequest(void* self, MHD_Connection* /*handle*/, const char* url,
+                             const char* method, const char* version, const char* data,
+                             size_t* size, void** context)
+{
+    Server& server = *static_cast<Server*>(self);
+    ++server.calls_;
+    auto* exchange = static_cast<Exchange*>(*context);
+    if (exchange == nullptr)
+        return MHD_NO;
+    try {
+        const FirstLine first = {method, url, exchange->targetSize, version};
+        return server.take(*exchange, first, data, size);
+    } catch (const std::exception& e) {
+        // Out of memory or descriptors: this connection ends, the others go on.
+        tellFailure("a request could not be served", e);
+        return MHD_NO;
+    }
+}
+
+MHD_Result Server::take(Exchange& exchange, const FirstLine& first, const char* data, size_t* size)
+{
+    if (!exchange.isStarted)
+        return takeHead(exchange, first);
+    if (*size > 0)
+        return takePiece(exchange, {data, std::exchange(*size, 0)});
+
+    exchange.connection.phase = Connection::Working;
+    if (!exchange.answer && !exchange.isDispatched) {
+        exchange.isDispatched = true;
+        try {
+            dispatch(exchange);
+        } catch (const Refusal& refusal) {
+            exchange.answer = answerOf(refusal);
+        }
+        wipe(exchange.body);
+        exchange.body.shrink_to_fit();
+        if (!exchange.answer && !exchange.isForgotten) {
+            exchange.isSuspended = true;
+            MHD_suspend_connection(exchange.handle);
+            return MHD_YES;
+        }
+    }
+    if (!exchange.answer)
+        exchange.answer =
+            answerOf(Refusal("worker_failed", "", "there was no memory for the answer"));
+    return queue(exchange);
+}
+
+MHD_Result Server::takeHead(Exchange& exchange, const FirstLine& first)
+{
+    exchange.isStarted = true;
+    exchange.method = first.method;
+    try {
+        exchange.mustClose = true;
+        readHeaders(exchange.handle, first, exchange.headers);
+        exchange.mustClose = false;
+        if (!exchange.isWithinRate)
+            throw Refusal("too_many_requests", "", "this address sends too many requests");
+        checkAccess(exchange);
+        route(exchange, first.method);
+        checkBody(exchange);
+    } catch (const Refusal& refusal) {
+        exchange.answer = answerOf(refusal);
+    }
+    // A body that is refused is not waited for.
+    if (exchange.answer && exchange.headers.hasBody) {
+        exchange.mustClose = true;
+        return queue(exchange);
+    }
+    return MHD_YES;
+}
+
+MHD_Result Server::takePiece(Exchange& exchange, std::string_view piece)
+{
+    exchange.received += piece.size();
+    try {
+        makeRoom(exchange, exchange.received);
+    } catch (const Refusal& refusal) {
+        cutOff(exchange.connection, &refusal);
+        return MHD_NO;
+    }
+    // An announced one in one piece of memory, at once.
+    if (exchange.body.empty())
+        exchange.body.reserve(exchange.headers.bodySize());
+    appendSecret(exchange.body, piece);
+    return MHD_YES;
+}
+
+void Server::checkAccess(const Exchange& exchange) const
+{
+    const Headers& headers = exchange.headers;
+    const bool isApi = needsToken(exchange.path);
+
+    if (!sites_.isHost(headers.host))
+        throw Refusal("forbidden_host", "Host", "the host is not known by the name in Host");
+    if (!headers.origin.empty() && !sites_.isOrigin(headers.origin, headers.host))
+        throw Refusal("forbidden_origin", "Origin", "pages of this origin may not use the host");
+    const bool isOwnSite = headers.fetchSite.empty() ||
+                           equalIgnoringCase(headers.fetchSite, "none") ||
+                           equalIgnoringCase(headers.fetchSite, "same-origin");
+    if (isApi && headers.origin.empty() && !isOwnSite)
+        throw Refusal("forbidden_origin", "Sec-Fetch-Site",
+                      "pages of other origins may not use the host");
+    if (isApi && token_ != nullptr && !token_->isShownBy(headers.authorization))
+        throw Refusal("unauthorized", "Authorization",
+                      headers.authorization.empty() ? "there is no token" : "the token is wrong");
+}
+
+void Server::route(Exchange& exchange, const char* method)
+{
+    exchange.route = findRoute(exchange.path);
+    exchange.file = exchange.route == nullptr ? findFile(exchange.path) : nullptr;
+    if (exchange.route == nullptr && exchange.file == nullptr)
+        throw Refusal("not_found", "", "there is nothing at this path");
+    const std::string taken = exchange.route != nullptr ? exchange.route->method : "GET";
+    if (method != taken && !(taken == "GET" && std::string_view(method) == "HEAD"))
+        throw Refusal("method_not_allowed", "", "this path takes " + taken);
+    if (exchange.route != nullptr && exchange.hasQuery)
+        throw Refusal("malformed", "", "parameters belong into the body, not behind a \"?\"");
+    if (exchange.route != nullptr)
+        exchange.file = findDocument(*exchange.route);
+}
+
+void Server::checkBody(Exchange& exchange)
+{
+    const Headers& headers = exchange.headers;
+    if (!headers.hasBody)
+        return;
+    if (exchange.route == nullptr || exchange.route->method != std::string_view("POST"))
+        throw Refusal("malformed", "", "this path takes no body");
+    if (!headers.contentEncoding.empty())
+        throw Refusal("unsupported_type", "Content-Encoding", "the body is encoded once more");
+    makeRoom(exchange, headers.bodySize());
+}
+
+// For a body of so many bytes, with what it has room for already.
+void Server::makeRoom(Exchange& exchange, size_t bytes)
+{
+    if (bytes > options_.bodyBytes)
+        throw Refusal("too_large", "",
+                      "the body has more than " + std::to_string(options_.bodyBytes) + " bytes");
+    if (bytes <= exchange.room)
+        return;
+    const size_t more = bytes - exchange.room;
+    if (bodyBytes_ + more > mostBodies * options_.bodyBytes)
+        throw Refusal("busy", "", "the bodies of other requests take all memory there is for them");
+    bodyBytes_ += more;
+    exchange.room += more;
+}
+
+void Server::dispatch(Exchange& exchange)
+{
+    if (exchange.file != nullptr) {
+        exchange.answer = Answer();
+        return;
+    }
+    const auto reply = std::make_shared<Reply>(exchange.connection.exchange);
+    const auto done = [reply](Answer answer) { reply->give(std::move(answer)); };
+    const std::string& type = exchange.headers.contentType;
+    switch (exchange.route->target) {
+        case Target::Request:
+            return service_.request(nameBehind(*exchange.route, exchange.path), type, exchange.body,
+                                    done);
+        case Target::Batch:
+            return service_.batch(type, exchange.body, done);
+        case Target::Peer:
+            return service_.peer(nameBehind(*exchange.route, exchange.path), type, exchange.body,
+                                 done);
+        case Target::Ready:
+            return service_.probe(done);
+        case Target::Status:
+            return done(answerOf(service_.status()));
+        case Target::Live:
+            return done(answerOf(nlohmann::ordered_json{{"status", "ok"}}));
+        case Target::Metrics:
+            return done({200, metricsText(), "text/plain; version=0.0.4; charset=utf-8", ""});
+        case Target::Document:
+            return;  // is a file
+    }
+}
+
+std::string Server::metricsText() const
+{
+    log_.flush();
+    return service_.metricsText() +
+           gauge("corvane_connections", static_cast<double>(connections_.size())) +
+           gauge("corvane_access_log_dropped_total", static_cast<double>(log_.dropped()), "",
+                 "counter");
+}
