@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 #include "failure.h"
 
@@ -31,7 +32,7 @@ EventLoop::WatchId EventLoop::watch(int descriptor, uint32_t events,
                                     std::function<void(uint32_t)> ready)
 {
     const WatchId id = ++lastId_;
-    watches_[id] = {descriptor,
+    watches_[id] = {descriptor, events,
                     std::make_shared<const std::function<void(uint32_t)>>(std::move(ready))};
     epoll_event event = {};
     event.events = events;
@@ -45,10 +46,13 @@ EventLoop::WatchId EventLoop::watch(int descriptor, uint32_t events,
 
 void EventLoop::change(WatchId id, uint32_t events)
 {
+    Watch& watch = watches_.at(id);
+    if (std::exchange(watch.events, events) == events)
+        return;
     epoll_event event = {};
     event.events = events;
     event.data.u64 = id;
-    epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, watches_.at(id).descriptor, &event);
+    epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, watch.descriptor, &event);
 }
 
 void EventLoop::unwatch(WatchId id)

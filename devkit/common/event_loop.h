@@ -43,6 +43,7 @@ private:
 
     struct Watch {
         int descriptor;
+        uint32_t events;
         std::shared_ptr<const std::function<void(uint32_t)>> ready;
     };
     // Alarms that are not set stand at the end of time.

@@ -1,15 +1,20 @@
 #include "wire.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
 constexpr size_t lengthSize = 4;
+
+// Requests are received in pieces of so many bytes, larger ones whole.
+constexpr size_t pieceSize = size_t{64} << 10;
 
 class Writer {
 public:
@@ -123,28 +128,6 @@ void takeFiles(msghdr& message, std::vector<Descriptor>& files)
     }
 }
 
-bool readAll(int socket, char* bytes, size_t size, std::vector<Descriptor>& files)
-{
-    while (size > 0) {
-        iovec part = {bytes, size};
-        Control control = {};
-        msghdr message = {};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        message.msg_control = &control;
-        message.msg_controllen = sizeof control;
-        const ssize_t count = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        takeFiles(message, files);
-        bytes += count;
-        size -= static_cast<size_t>(count);
-    }
-    return true;
-}
-
 }  // namespace
 
 std::string encode(const WireRequest& request)
@@ -235,17 +218,78 @@ ssize_t sendSome(int socket, std::string_view bytes, const std::vector<Descripto
     return sendmsg(socket, &message, MSG_NOSIGNAL);
 }
 
-bool readFrame(int socket, std::string& frame, std::vector<Descriptor>& files)
+bool RequestReader::next(WireRequest& request, std::vector<Descriptor>& files)
 {
     files.clear();
-    std::array<char, lengthSize> length;
-    if (!readAll(socket, length.data(), length.size(), files))
+    std::optional<size_t> size;
+    while (!(size = frameSize(received())) || received().size() < *size) {
+        const size_t frame = size.value_or(lengthSize);
+        if (frame > longestFrame + lengthSize || !receive(frame))
+            return false;
+    }
+    auto decoded = decodeRequest(received().substr(lengthSize, *size - lengthSize));
+    drop(*size);
+    if (!decoded)
         return false;
-    const size_t size = numberAt({length.data(), length.size()});
-    if (size > longestFrame)
-        return false;
-    frame.resize(size);
-    return readAll(socket, frame.data(), size, files);
+    request = *std::move(decoded);
+    const auto end =
+        files_.begin() + static_cast<std::ptrdiff_t>(std::min(request.files.size(), files_.size()));
+    files.assign(std::make_move_iterator(files_.begin()), std::make_move_iterator(end));
+    files_.erase(files_.begin(), end);
+    return true;
+}
+
+// Waits for more of a frame of so many bytes.
+bool RequestReader::receive(size_t frame)
+{
+    if (start_ > 0) {
+        const size_t size = received().size();
+        memmove(buffer_.data(), buffer_.data() + start_, size);
+        explicit_bzero(buffer_.data() + size, end_ - size);
+        start_ = 0;
+        end_ = size;
+    }
+    if (buffer_.size() < std::max(frame, pieceSize)) {
+        std::string larger(std::max(frame, pieceSize), '\0');
+        memcpy(larger.data(), buffer_.data(), end_);
+        wipe(buffer_);
+        buffer_.swap(larger);
+    }
+
+    iovec part = {buffer_.data() + end_, buffer_.size() - end_};
+    for (;;) {
+        // The other side's reading of a reply would wake who waits in recvmsg itself.
+        pollfd waiting = {socket_, POLLIN, 0};
+        if (poll(&waiting, 1, -1) < 0 && errno != EINTR)
+            return false;
+        Control control = {};
+        msghdr message = {};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = &control;
+        message.msg_controllen = sizeof control;
+        const ssize_t count = recvmsg(socket_, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+            continue;
+        if (count <= 0)
+            return false;
+        takeFiles(message, files_);
+        end_ += static_cast<size_t>(count);
+        return true;
+    }
+}
+
+// The first frame is used up.
+void RequestReader::drop(size_t frame)
+{
+    explicit_bzero(buffer_.data() + start_, frame);
+    start_ += frame;
+    if (start_ < end_)
+        return;
+    start_ = end_ = 0;
+    // The room for a large one is not kept.
+    if (buffer_.size() > pieceSize)
+        std::string().swap(buffer_);
 }
 
 bool writeFrame(int socket, std::string_view frame)

@@ -59,8 +59,32 @@ std::optional<size_t> frameSize(std::string_view bytes);
 // and returns how many bytes that were; negative with errno set.
 ssize_t sendSome(int socket, std::string_view bytes, const std::vector<Descriptor>& files);
 
-// For one that blocks. False at its end.
-bool readFrame(int socket, std::string& frame, std::vector<Descriptor>& files);
+// A worker's side of a socket that blocks: requests as they come.
+class RequestReader {
+public:
+    explicit RequestReader(int socket) : socket_(socket) {}
+    ~RequestReader() { wipe(buffer_); }
+    RequestReader(const RequestReader&) = delete;
+    RequestReader& operator=(const RequestReader&) = delete;
+
+    // The next request with the descriptors that came beside its frame. False at the socket's
+    // end, and for what is not of the form.
+    bool next(WireRequest& request, std::vector<Descriptor>& files);
+
+private:
+    std::string_view received() const { return {buffer_.data() + start_, end_ - start_}; }
+    bool receive(size_t frame);
+    void drop(size_t frame);
+
+    const int socket_;
+    // Its part from start_ to end_ has been received and not given yet.
+    std::string buffer_;
+    size_t start_ = 0;
+    size_t end_ = 0;
+    std::vector<Descriptor> files_;  // likewise
+};
+
+// For a socket that blocks. False at its end.
 bool writeFrame(int socket, std::string_view frame);
 
 #endif

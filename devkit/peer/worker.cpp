@@ -105,16 +105,14 @@ void PeerWorker::serve(int socket)
     if (!writeFrame(socket, encode(ready)))
         return;
 
-    std::string frame;
-    std::vector<Descriptor> files;
-    while (readFrame(socket, frame, files)) {
-        const auto request = decodeRequest(frame);
-        if (!request)
-            return;
+    RequestReader requests(socket);
+    WireRequest request;
+    std::vector<Descriptor> files;  // no step has any
+    while (requests.next(request, files)) {
         WireReply reply;
         reply.code = "peer_refused";
         try {
-            reply.results = answer(*request);
+            reply.results = answer(request);
             reply.ok = true;
         } catch (const PeerError& e) {
             reply.text = e.what();
@@ -123,6 +121,5 @@ void PeerWorker::serve(int socket)
         }
         if (!writeFrame(socket, encode(reply)))
             return;
-        files.clear();
     }
 }

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <thread>
+
 #include "common/codec.h"
 #include "common/wire.h"
 #include "service/requests/json_tree.h"
@@ -752,20 +754,108 @@ TEST(Wire, DescriptorsTravelBesideFrames)
     std::vector<Descriptor> files;
     files.emplace_back(pipes[1]);
     const Descriptor reader(pipes[0]);
-    const std::string frame = encode(WireRequest());
+    WireRequest with;
+    with.files = {"a"};
+    const std::string plain = encode(WireRequest());
+    const std::string frame = encode(with);
+    // The first two may be received at once.
+    ASSERT_EQ(static_cast<ssize_t>(plain.size()), sendSome(left.get(), plain, {}));
     ASSERT_EQ(static_cast<ssize_t>(frame.size()), sendSome(left.get(), frame, files));
-    ASSERT_EQ(static_cast<ssize_t>(frame.size()), sendSome(left.get(), frame, {}));
+    ASSERT_EQ(static_cast<ssize_t>(plain.size()), sendSome(left.get(), plain, {}));
 
-    std::string got;
+    RequestReader requests(right.get());
+    WireRequest got;
     std::vector<Descriptor> gotFiles;
-    ASSERT_TRUE(readFrame(right.get(), got, gotFiles));
+    ASSERT_TRUE(requests.next(got, gotFiles));
+    EXPECT_TRUE(gotFiles.empty());
+    ASSERT_TRUE(requests.next(got, gotFiles));
     ASSERT_EQ(1U, gotFiles.size());
     ASSERT_EQ(1, write(gotFiles[0].get(), "x", 1));
     char byte = 0;
     ASSERT_EQ(1, ::read(reader.get(), &byte, 1));
     EXPECT_EQ('x', byte);
-    ASSERT_TRUE(readFrame(right.get(), got, gotFiles));
+    ASSERT_TRUE(requests.next(got, gotFiles));
     EXPECT_TRUE(gotFiles.empty());
+}
+
+// Of all sizes, in pieces of all sizes.
+TEST(Wire, RequestsAreReadHoweverTheyArrive)
+{
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+    Descriptor left(pair[0]);
+    const Descriptor right(pair[1]);
+    constexpr size_t sizes[] = {0, 1, 10, 70000, 5, 65536 - 40, 65536, 300000, 3};
+    std::string bytes;
+    for (const size_t size : sizes) {
+        WireRequest request;
+        request.name = std::to_string(size);
+        request.parameters = {{"a", std::string(size, 'x')}};
+        bytes += encode(request);
+    }
+    for (const size_t piece : {size_t{1000}, size_t{65536}, size_t{65537}, bytes.size()}) {
+        std::thread sender([&] {
+            for (size_t at = 0; at < bytes.size(); at += piece)
+                writeFrame(left.get(), std::string_view(bytes).substr(at, piece));
+        });
+        RequestReader requests(right.get());
+        WireRequest got;
+        std::vector<Descriptor> none;
+        for (const size_t size : sizes) {
+            EXPECT_TRUE(requests.next(got, none));
+            EXPECT_EQ(std::to_string(size), got.name);
+            ASSERT_EQ(1U, got.parameters.size());
+            EXPECT_TRUE(got.parameters[0].second == std::string(size, 'x')) << size;
+        }
+        sender.join();
+    }
+    // The end in the middle of one.
+    writeFrame(left.get(), std::string_view(bytes).substr(0, 10));
+    left.reset();
+    RequestReader requests(right.get());
+    WireRequest got;
+    std::vector<Descriptor> none;
+    EXPECT_FALSE(requests.next(got, none));
+}
+
+TEST(Wire, AFrameThatIsTooLongIsNotWaitedFor)
+{
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+    const Descriptor left(pair[0]);
+    const Descriptor right(pair[1]);
+    ASSERT_TRUE(writeFrame(left.get(), "\xff\xff\xff\xff"));
+    RequestReader requests(right.get());
+    WireRequest got;
+    std::vector<Descriptor> none;
+    EXPECT_FALSE(requests.next(got, none));
+}
+
+TEST(Wiping, RequestsThatWereReadLeaveNothing)
+{
+    for (const std::string& marker : markers) {
+        int pair[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+        const Descriptor left(pair[0]);
+        const Descriptor right(pair[1]);
+        WireRequest request;
+        request.parameters = {{"a", marker}};
+        std::string frame = encode(request);
+        ASSERT_TRUE(writeFrame(left.get(), frame));
+        ASSERT_TRUE(writeFrame(left.get(), std::string_view(frame).substr(0, frame.size() - 5)));
+        wipe(frame);
+        wipe(request.parameters);
+        const FreedBlocks freed(restOf(marker));
+        {
+            RequestReader requests(right.get());
+            WireRequest got;
+            std::vector<Descriptor> none;
+            EXPECT_TRUE(requests.next(got, none));
+            shutdown(left.get(), SHUT_WR);
+            EXPECT_FALSE(requests.next(got, none));
+        }
+        EXPECT_EQ(0U, freed.counted());
+    }
 }
 
 }  // namespace

@@ -430,6 +430,14 @@ TEST_F(Serve, ServesTheConsole)
     EXPECT_NE(std::string::npos,
               page.headers.at("content-security-policy").find("default-src 'none'"));
     EXPECT_EQ("nosniff", page.headers.at("x-content-type-options"));
+    // What is no page needs less, but not to be taken for one.
+    const HttpAnswer answer = host().request("QZaven_crypto_hmac", hmac);
+    EXPECT_EQ("nosniff", answer.headers.at("x-content-type-options"));
+    EXPECT_EQ("no-store", answer.headers.at("cache-control"));
+    EXPECT_EQ(0U, answer.headers.count("content-security-policy"));
+    for (const char* header : {"x-frame-options", "referrer-policy", "cross-origin-opener-policy",
+                               "cross-origin-resource-policy"})
+        EXPECT_EQ(1U, page.headers.count(header)) << header;
     const HttpAnswer again = host().ask("GET", "/", {{"If-None-Match", page.headers.at("etag")}});
     EXPECT_EQ(304, again.status);
     EXPECT_EQ(200, host().ask("HEAD", "/").status);

@@ -8,11 +8,11 @@ namespace {
 // Slower readers of an answer are cut off.
 constexpr double slowestBytesPerSecond = 65536;
 
-constexpr const char* securityHeaders[][2] = {
+// For pages and what belongs to them, which browsers show.
+constexpr const char* pageHeaders[][2] = {
     {"Content-Security-Policy",
      "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
      "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
-    {"X-Content-Type-Options", "nosniff"},
     {"X-Frame-Options", "DENY"},
     {"Referrer-Policy", "no-referrer"},
     {"Cross-Origin-Resource-Policy", "same-origin"},
@@ -62,13 +62,14 @@ MHD_Result Server::queue(Exchange& exchange)
 
     const Answer& answer = *exchange.answer;
     bool isWhole = true;
-    const auto header = [&](const char* name, const std::string& value) {
-        isWhole =
-            isWhole && MHD_add_response_header(response.get(), name, value.c_str()) == MHD_YES;
+    const auto header = [&](const char* name, const char* value) {
+        isWhole = isWhole && MHD_add_response_header(response.get(), name, value) == MHD_YES;
     };
-    for (const auto& [name, value] : securityHeaders)
-        header(name, value);
-    header("X-Request-Id", exchange.id);
+    header("X-Content-Type-Options", "nosniff");
+    if (isFile)
+        for (const auto& [name, value] : pageHeaders)
+            header(name, value);
+    header("X-Request-Id", exchange.id.c_str());
     header("Content-Type", isFile ? exchange.file->type : answer.type);
     header("Cache-Control", isFile ? "no-cache" : "no-store");
     if (isFile)

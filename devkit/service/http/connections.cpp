@@ -11,7 +11,6 @@
 
 #include "common/failure.h"
 #include "exchange.h"
-#include "host/values.h"
 
 namespace {
 
@@ -129,7 +128,7 @@ void Server::sendRefusal(Connection& connection, const Refusal& refusal)
     metrics_.countAnswer(refusal.code().status);
     if (!options_.tlsCert.empty())
         return;
-    const std::string body = write(refusal.json(), -1);
+    const std::string body = answerOf(refusal).body;
     const std::string id = connection.exchange != nullptr ? connection.exchange->id : makeId();
     const std::string text =
         "HTTP/1.1 " + std::to_string(refusal.code().status) + " " +

@@ -27,11 +27,6 @@ const Pairs probeParameters = {{"strHashAlg", "4"},
                                {"strdata", "d2hhdCBkbyB5YSB3YW50IGZvciBub3RoaW5nPw=="}};
 constexpr const char* probeAnswer = "W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=";
 
-Json warningOf(const Complaint& complaint)
-{
-    return {{"field", complaint.field}, {"text", complaint.text}};
-}
-
 bool isPath(const RequestInfo& info, const char* name)
 {
     return std::any_of(info.parameters.begin(), info.parameters.end(), [&](const Parameter& p) {
@@ -58,53 +53,13 @@ const char* stateName(WorkerPool::State state)
     return "starting";
 }
 
-Json errorOf(const WireReply& reply)
-{
-    const int number = atoi(reply.code.c_str());
-    const ErrorCode* known = findErrorCode(number);
-    const bool isOwn = number <= 0 && number > -30000;
-    return {{"code", reply.code},
-            {"source", known != nullptr ? known->source : (isOwn ? "plug-in" : "engine")},
-            {"name", known != nullptr ? known->name : ""},
-            {"text", reply.text},
-            {"cause", known != nullptr ? known->cause : ""},
-            {"remedy", known != nullptr ? known->remedy : ""}};
-}
-
-Refusal refusalOf(Ending ending, const WireReply& reply)
-{
-    switch (ending) {
-        case Ending::Answered:
-            return {"worker_failed", "", "the request could not be carried out: " + reply.text};
-        case Ending::Died:
-            return {"worker_failed", "", "the process that served the request ended in it"};
-        case Ending::TimedOut:
-            return {"worker_timeout", "", "the request took too long and was ended"};
-        case Ending::LifeIsOver:
-        case Ending::NotServed:
-            break;
-    }
-    return {"busy", "", "no process was free for the request in time"};
-}
-
 // The parts of a batch as they are answered.
 struct Gathering {
-    std::vector<Json> answers;
+    std::vector<Answer> answers;
     size_t missing;
 };
 
 }  // namespace
-
-Answer answerOf(const Refusal& refusal)
-{
-    return {refusal.code().status, write(refusal.json(), -1), "application/json",
-            refusal.code().name};
-}
-
-Answer answerOf(const Json& json)
-{
-    return {200, write(json, -1), "application/json", ""};
-}
 
 Service::Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool, Metrics& metrics,
                  std::function<void()> onReady)
@@ -160,8 +115,7 @@ Service::Part Service::check(const std::string& name, Fields& fields,
     Prepared prepared = prepare(*part.info, fields);
     part.wire.name = name;
     part.wire.parameters = std::move(prepared.parameters);
-    for (const auto& complaint : complaints(*part.info, part.wire.parameters))
-        part.warnings.push_back(warningOf(complaint));
+    part.warnings = warningsText(complaints(*part.info, part.wire.parameters));
 
     const std::string* token = findValue(part.wire.parameters, sessionParameter);
     if (takesSession(*part.info) && token != nullptr && !token->empty()) {
@@ -213,13 +167,7 @@ void Service::request(const std::string& name, const std::string& contentType,
         Fields fields = readBody(contentType, body, limits_);
         Part part = check(name, fields, "");
         checkRoom(pool_, 1);
-        send(std::move(part),
-             [done = std::move(done)](const Json& json, unsigned status, const std::string& code) {
-                 Answer answer = answerOf(json);
-                 answer.status = status;
-                 answer.code = code;
-                 done(std::move(answer));
-             });
+        send(std::move(part), std::move(done));
     } catch (const Refusal& refusal) {
         if (findRequest(name) != nullptr)
             metrics_.countRequest(name, refusal.code().name, 0);
@@ -238,12 +186,11 @@ void Service::batch(const std::string& contentType, std::string_view body, Done 
     gathering->answers.resize(parts.size());
     gathering->missing = parts.size();
     for (size_t i = 0; i < parts.size(); ++i)
-        send(std::move(parts[i]),
-             [gathering, done, i](Json json, unsigned /*status*/, const std::string& /*code*/) {
-                 gathering->answers[i] = std::move(json);
-                 if (--gathering->missing == 0)
-                     done(answerOf(Json{{"answers", std::move(gathering->answers)}}));
-             });
+        send(std::move(parts[i]), [gathering, done, i](Answer answer) {
+            gathering->answers[i] = std::move(answer);
+            if (--gathering->missing == 0)
+                done(batchAnswer(gathering->answers));
+        });
 }
 
 void Service::peer(const std::string& step, const std::string& contentType, std::string_view body,
@@ -267,13 +214,8 @@ void Service::peer(const std::string& step, const std::string& contentType, std:
     checkRoom(*peer_, 1);
 
     task.done = [this, done = std::move(done)](Ending ending, WireReply& reply, WorkerLife) {
-        if (ending != Ending::Answered || reply.kind != WireReply::Answer)
-            return done(answerOf(refusalOf(ending, reply)));
-        Json json = answerTo(reply, Json::array());
-        json.erase("microseconds");  // the plug-in's alone
-        if (!reply.ok)
-            json["error"]["source"] = "peer";
-        done(answerOf(json));
+        const bool isAnswer = ending == Ending::Answered && reply.kind == WireReply::Answer;
+        done(isAnswer ? peerAnswer(reply) : answerOf(refusalOf(ending, reply)));
     };
     peer_->submit(std::move(task));
 }
@@ -289,104 +231,87 @@ void Service::submit(Part part, std::optional<WorkerLife> bound,
     pool_.submit(std::move(task));
 }
 
-void Service::send(Part part, const PartDone& done)
+void Service::send(Part part, Done done)
 {
-    const RequestInfo& info = *part.info;
+    Waiter waiter = {part.info, std::move(part.warnings), Clock::now(), std::move(done)};
     if (part.wire.name == newSessionRequest)
-        return sendNewSession(std::move(part), done);
+        return sendNewSession(std::move(part), waiter, 1);
+    if (!part.wire.session.empty())
+        return sendToSession(std::move(part), waiter);
+    submit(std::move(part), std::nullopt,
+           [this, waiter = std::move(waiter)](Ending ending, WireReply& reply, WorkerLife) {
+               finish(waiter, ending, reply);
+           });
+}
 
-    const auto start = Clock::now();
+void Service::sendToSession(Part part, const Waiter& waiter)
+{
     const std::string token = part.wire.session;
-    Json warnings = std::move(part.warnings);
-    if (token.empty())
-        return submit(std::move(part), std::nullopt,
-                      [=, &info](Ending ending, WireReply& reply, WorkerLife /*life*/) {
-                          finish(info, ending, reply, warnings, start, done);
-                      });
-
     // An earlier part of the same batch may have ended it.
     const std::shared_ptr<Sessions::Use> use = sessions_.enter(token);
+    if (use == nullptr)
+        return refuse(waiter, goneRefusal(token, sessionParameter));
+
+    const bool frees = part.wire.name == freeSessionRequest;
     // It is in use until the answer: the capture keeps `use`.
-    const auto told = [=, &info, use = use](Ending ending, WireReply& reply, WorkerLife /*life*/) {
-        const bool isGone = ending == Ending::Answered && reply.kind == WireReply::SessionGone;
-        if (isGone || (ending == Ending::Answered && info.name == std::string(freeSessionRequest)))
-            sessions_.end(token, isGone ? "its worker does not know it" : "it was freed");
-        if (isGone || ending == Ending::LifeIsOver) {
-            const Refusal refusal(
-                "session_gone", sessionParameter,
-                std::string("there is no such session: ") +
-                    (isGone ? sessions_.reasonOf(token) : "its worker process ended"));
-            metrics_.countRequest(info.name, refusal.code().name, 0);
-            return done(refusal.json(), refusal.code().status, refusal.code().name);
-        }
-        finish(info, ending, reply, warnings, start, done);
-    };
-    if (use == nullptr) {
-        WireReply gone;
-        gone.kind = WireReply::SessionGone;
-        return told(Ending::Answered, gone, {});
-    }
-    submit(std::move(part), use->life(), told);
+    submit(std::move(part), use->life(),
+           [this, waiter, token, frees, use](Ending ending, WireReply& reply, WorkerLife) {
+               if (ending == Ending::LifeIsOver)
+                   return refuse(waiter, {"session_gone", sessionParameter,
+                                          "there is no such session: its worker process ended"});
+               if (ending == Ending::Answered && reply.kind == WireReply::SessionGone) {
+                   sessions_.end(token, "its worker does not know it");
+                   return refuse(waiter, goneRefusal(token, sessionParameter));
+               }
+               if (ending == Ending::Answered && frees)
+                   sessions_.end(token, "it was freed");
+               finish(waiter, ending, reply);
+           });
 }
 
 // To the worker with the fewest sessions. One that ends before it began does not count.
-void Service::sendNewSession(Part part, const PartDone& done)
+void Service::sendNewSession(Part part, const Waiter& waiter, unsigned attempt)
 {
     std::optional<WorkerLife> chosen;
     for (size_t slot = 0; slot < pool_.size(); ++slot)
         if (pool_.info(slot).pid > 0 &&
             (!chosen || sessions_.countOf(slot) < sessions_.countOf(chosen->slot)))
             chosen = WorkerLife{slot, pool_.info(slot).generation};
-    const RequestInfo& info = *part.info;
     const auto reservation = chosen ? sessions_.reserve(*chosen) : nullptr;
-    if (reservation == nullptr) {
-        const Refusal refusal("busy", "", "there are as many sessions as the host takes");
-        metrics_.countRequest(info.name, refusal.code().name, 0);
-        return done(refusal.json(), refusal.code().status, refusal.code().name);
-    }
+    if (reservation == nullptr)
+        return refuse(waiter, {"busy", "", "there are as many sessions as the host takes"});
 
     part.wire.session = Sessions::makeToken();
-    const auto start = Clock::now();
     const std::string token = part.wire.session;
-    const unsigned attempts = part.attempts + 1;
-    Json warnings = part.warnings;
-    submit(std::move(part), *chosen,
-           [=, &info](Ending ending, WireReply& reply, WorkerLife /*life*/) {
-               if (ending == Ending::Answered && reply.kind == WireReply::Answer && reply.ok)
-                   reservation->add(token);
-               else
-                   reservation->cancel();
-               if (ending == Ending::LifeIsOver && attempts < mostAttempts) {
-                   Part again;
-                   again.info = &info;
-                   again.wire.name = info.name;
-                   again.warnings = warnings;
-                   again.attempts = attempts;
-                   return sendNewSession(std::move(again), done);
-               }
-               finish(info, ending, reply, warnings, start, done);
-           });
+    submit(
+        std::move(part), *chosen,
+        [this, waiter, attempt, token, reservation](Ending ending, WireReply& reply, WorkerLife) {
+            if (ending == Ending::Answered && reply.kind == WireReply::Answer && reply.ok)
+                reservation->add(token);
+            else
+                reservation->cancel();
+            if (ending == Ending::LifeIsOver && attempt < mostAttempts) {
+                Part again;
+                again.wire.name = newSessionRequest;
+                return sendNewSession(std::move(again), waiter, attempt + 1);
+            }
+            finish(waiter, ending, reply);
+        });
 }
 
-Json Service::answerTo(const WireReply& reply, Json warnings) const
+void Service::finish(const Waiter& waiter, Ending ending, const WireReply& reply)
 {
-    return {{"results", toJson(reply.results)},
-            {"error", reply.ok ? Json() : errorOf(reply)},
-            {"warnings", std::move(warnings)},
-            {"microseconds", reply.microseconds}};
+    const double seconds = Seconds(Clock::now() - waiter.start).count();
+    if (ending != Ending::Answered || reply.kind != WireReply::Answer)
+        return refuse(waiter, refusalOf(ending, reply), seconds);
+    metrics_.countRequest(waiter.info->name, reply.ok ? "0" : reply.code, seconds);
+    waiter.done(pluginAnswer(reply, waiter.warnings));
 }
 
-void Service::finish(const RequestInfo& info, Ending ending, const WireReply& reply, Json warnings,
-                     Clock::time_point start, const PartDone& done)
+void Service::refuse(const Waiter& waiter, const Refusal& refusal, double seconds)
 {
-    const double seconds = Seconds(Clock::now() - start).count();
-    if (ending == Ending::Answered && reply.kind == WireReply::Answer) {
-        metrics_.countRequest(info.name, reply.ok ? "0" : reply.code, seconds);
-        return done(answerTo(reply, std::move(warnings)), 200, "");
-    }
-    const Refusal refusal = refusalOf(ending, reply);
-    metrics_.countRequest(info.name, refusal.code().name, seconds);
-    done(refusal.json(), refusal.code().status, refusal.code().name);
+    metrics_.countRequest(waiter.info->name, refusal.code().name, seconds);
+    waiter.done(answerOf(refusal));
 }
 
 // As often as makes the time that was promised nearly right.

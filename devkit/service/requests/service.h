@@ -8,22 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "answer.h"
 #include "confined_files.h"
 #include "request_body.h"
 #include "service/operation/metrics.h"
 #include "service/operation/options.h"
 #include "service/workers/worker_pool.h"
 #include "sessions.h"
-
-struct Answer {
-    unsigned status = 200;
-    std::string body;
-    std::string type = "application/json";
-    std::string code;  // the host's own, if it refused
-};
-
-Answer answerOf(const Refusal& refusal);
-Answer answerOf(const nlohmann::ordered_json& json);
 
 class Service {
 public:
@@ -57,30 +48,34 @@ public:
     void stop(Seconds grace);
 
 private:
-    using Json = nlohmann::ordered_json;
-    using PartDone = std::function<void(Json answer, unsigned status, const std::string& code)>;
-
     // One request that was checked.
     struct Part {
         const RequestInfo* info = nullptr;
         WireRequest wire;
         std::vector<Descriptor> files;
-        Json warnings = Json::array();
-        unsigned attempts = 0;
+        std::string warnings;  // JSON
+    };
+
+    // Who waits for the answer to one of them, and what has to be known when it comes.
+    struct Waiter {
+        const RequestInfo* info;
+        std::string warnings;
+        Clock::time_point start;
+        Done done;
     };
 
     Part check(const std::string& name, Fields& fields, const std::string& where) const;
     void checkFiles(Part& part, const std::optional<SecretText>& upload,
                     const std::string& where) const;
     void checkRoom(const WorkerPool& pool, size_t parts) const;
-    void send(Part part, const PartDone& done);
-    void sendNewSession(Part part, const PartDone& done);
+    void send(Part part, Done done);
+    void sendToSession(Part part, const Waiter& waiter);
+    void sendNewSession(Part part, const Waiter& waiter, unsigned attempt);
     void submit(Part part, std::optional<WorkerLife> bound,
                 std::function<void(Ending, WireReply&, WorkerLife)> done);
     void endIdleSessions();
-    Json answerTo(const WireReply& reply, Json warnings) const;
-    void finish(const RequestInfo& info, Ending ending, const WireReply& reply, Json warnings,
-                Clock::time_point start, const PartDone& done);
+    void finish(const Waiter& waiter, Ending ending, const WireReply& reply);
+    void refuse(const Waiter& waiter, const Refusal& refusal, double seconds = 0);
     Refusal goneRefusal(const std::string& token, const std::string& field) const;
 
     EventLoop& loop_;

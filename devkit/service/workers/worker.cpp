@@ -69,15 +69,12 @@ void Worker::serve(int socket)
     if (!writeFrame(socket, encode(ready)))
         return;
 
-    std::string frame;
+    RequestReader requests(socket);
+    WireRequest request;
     std::vector<Descriptor> files;
-    while (readFrame(socket, frame, files)) {
-        auto request = decodeRequest(frame);
-        wipe(frame);
-        if (!request)
-            return;
-        WireReply reply = answer(*request, files);
-        wipe(request->parameters);
+    while (requests.next(request, files)) {
+        WireReply reply = answer(request, files);
+        wipe(request.parameters);
         files.clear();
         std::string bytes = encode(reply);
         wipe(reply.results);

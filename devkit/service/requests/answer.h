@@ -1,0 +1,37 @@
+// The answers that clients get, as text: what a worker said, and what the host says itself.
+#ifndef CORVANE_SERVICE_REQUESTS_ANSWER_H
+#define CORVANE_SERVICE_REQUESTS_ANSWER_H
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "common/wire.h"
+#include "host/catalogue/catalogue.h"
+#include "refusal.h"
+#include "service/workers/worker_pool.h"
+
+struct Answer {
+    unsigned status = 200;
+    std::string body;
+    const char* type = "application/json";
+    std::string code;  // the host's own, if it refused
+};
+
+Answer answerOf(const Refusal& refusal);
+Answer answerOf(const nlohmann::ordered_json& json);
+
+// What the plug-in answered; `warnings` as warningsText gave them.
+Answer pluginAnswer(const WireReply& reply, const std::string& warnings);
+// What the other side of a key exchange answered.
+Answer peerAnswer(const WireReply& reply);
+// The answers to the parts of a batch, in order.
+Answer batchAnswer(const std::vector<Answer>& parts);
+
+// A JSON array of what is odd about parameters that are sent all the same.
+std::string warningsText(const std::vector<Complaint>& complaints);
+
+// Why a task came to an end without results.
+Refusal refusalOf(Ending ending, const WireReply& reply);
+
+#endif

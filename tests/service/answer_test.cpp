@@ -1,0 +1,90 @@
+// Answers as text, judged by trees of the same content.
+#include "service/requests/answer.h"
+
+#include <gtest/gtest.h>
+
+#include "host/values.h"
+
+namespace {
+
+using namespace std::string_literals;
+using Json = nlohmann::ordered_json;
+
+WireReply good(Pairs results)
+{
+    WireReply reply;
+    reply.ok = true;
+    reply.results = std::move(results);
+    return reply;
+}
+
+Json treeOf(const WireReply& reply)
+{
+    return {{"results", toJson(reply.results)},
+            {"error", Json()},
+            {"warnings", Json::array()},
+            {"microseconds", reply.microseconds}};
+}
+
+TEST(Answer, IsTheTextOfItsTree)
+{
+    for (const Pairs& results :
+         {Pairs{}, Pairs{{"Data", "W9zB"}, {"errorCode", "0"}}, Pairs{{"", ""}},
+          Pairs{{"a\"b", "c\\\n\x01\x7f"}}, Pairs{{"Data", "\xC3\xA4"}},
+          Pairs{{"Data", "\xff\0 bytes"s}, {"b", "\xE2\x82"}},
+          Pairs{{"a", "first"}, {"b", "other"}, {"a", "last"}, {"b", "\xff"}, {"c", "d"}}}) {
+        const WireReply reply = good(results);
+        EXPECT_EQ(write(treeOf(reply), -1), pluginAnswer(reply, "[]").body);
+        EXPECT_EQ(200U, pluginAnswer(reply, "[]").status);
+    }
+}
+
+TEST(Answer, TellsTheTimeInTenthsOfAMicrosecond)
+{
+    WireReply reply = good({});
+    for (const double microseconds : {0.0, 0.1, 0.9, 1.0, 9.9, 12.3, 120.0, 99999.9, 4e8}) {
+        reply.microseconds = microseconds;
+        EXPECT_EQ(write(treeOf(reply), -1), pluginAnswer(reply, "[]").body);
+    }
+}
+
+TEST(Answer, OfARefusalExplainsItsCode)
+{
+    WireReply reply;
+    reply.code = "-20084";
+    reply.text = "text \xff \"quoted\"";
+    reply.results = {{"Data", ""}, {"errorCode", "-20084"}};
+    const Json json = Json::parse(pluginAnswer(reply, "[]").body);
+    EXPECT_EQ((Json{{"Data", ""}, {"errorCode", "-20084"}}), json["results"]);
+    EXPECT_EQ("-20084", json["error"]["code"]);
+    EXPECT_EQ("text \xEF\xBF\xBD \"quoted\"", json["error"]["text"]);
+    EXPECT_NE("", json["error"]["remedy"]);
+
+    const Json peer = Json::parse(peerAnswer(reply).body);
+    EXPECT_EQ("peer", peer["error"]["source"]);
+    EXPECT_FALSE(peer.contains("microseconds"));
+    EXPECT_TRUE(Json::parse(peerAnswer(good({})).body)["error"].is_null());
+}
+
+TEST(Answer, HasItsWarnings)
+{
+    EXPECT_EQ("[]", warningsText({}));
+    const std::string two = warningsText({{"a\"", "b\n"}, {"c", ""}});
+    EXPECT_EQ(R"([{"field":"a\"","text":"b\n"},{"field":"c","text":""}])", two);
+    EXPECT_EQ(Json::parse(two), Json::parse(pluginAnswer(good({}), two).body)["warnings"]);
+}
+
+TEST(Answer, OfABatchHasThoseOfItsPartsInOrder)
+{
+    EXPECT_EQ(R"({"answers":[]})", batchAnswer({}).body);
+    const std::vector<Answer> parts = {pluginAnswer(good({{"a", "1"}}), "[]"),
+                                       answerOf(Refusal("busy", "", "text"))};
+    const Json json = Json::parse(batchAnswer(parts).body);
+    ASSERT_EQ(2U, json["answers"].size());
+    EXPECT_EQ("1", json["answers"][0]["results"]["a"]);
+    EXPECT_EQ("busy", json["answers"][1]["error"]["code"]);
+    EXPECT_EQ(503U, parts[1].status);
+    EXPECT_EQ("busy", parts[1].code);
+}
+
+}  // namespace
