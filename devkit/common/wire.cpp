@@ -184,7 +184,7 @@ std::optional<WireReply> decodeReply(std::string_view frame)
     reply.code = reader.text();
     reply.text = reader.text();
     reply.results = reader.pairs();
-    if (!reader.whole() || kind > WireReply::Failed)
+    if (!reader.whole() || kind > WireReply::TakenBack)
         return std::nullopt;
     return reply;
 }

@@ -1,8 +1,10 @@
 // What front and worker processes say to each other over a stream socket: frames of a
 // length (32 bits, little-endian) and as many bytes. Descriptors travel beside a frame.
 //
-// A worker sends one Ready frame when it can serve, then one reply for each request, in
-// the order of the requests. Any program that does so can be a worker.
+// A worker sends one Ready frame when it can serve, then one reply for each request, in the
+// order of the requests. Any program that does so can be a worker. One that is sent requests
+// ahead, before it has answered the one before, claims each of them (claims.h) before it
+// begins, and answers TakenBack for those that it does not get.
 #ifndef CORVANE_COMMON_WIRE_H
 #define CORVANE_COMMON_WIRE_H
 
@@ -35,6 +37,7 @@ struct WireReply {
         Answer,       // the results
         SessionGone,  // the worker does not know the session
         Failed,       // text: why there are no results
+        TakenBack,    // the front has taken the request back
     };
     Kind kind = Answer;
     bool ok = false;

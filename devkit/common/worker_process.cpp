@@ -20,7 +20,12 @@ WorkerProcess::WorkerProcess(const std::string& program, const std::vector<std::
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot make a socket pair");
     socket_ = Descriptor(pair[0]);
-    const Descriptor theirs(pair[1]);
+    // Numbers that are free in the worker, so that one does not take the other's place.
+    const Descriptor theirs(fcntl(pair[1], F_DUPFD_CLOEXEC, workerClaims + 1));
+    const Descriptor shared(fcntl(claims_.descriptor().get(), F_DUPFD_CLOEXEC, workerClaims + 1));
+    close(pair[1]);
+    if (!theirs || !shared)
+        throw std::system_error(errno, std::generic_category(), "cannot make a worker's files");
     fcntl(socket_.get(), F_SETFL, O_NONBLOCK);
 
     std::vector<char*> arguments;
@@ -32,6 +37,7 @@ WorkerProcess::WorkerProcess(const std::string& program, const std::vector<std::
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, theirs.get(), workerSocket);
+    posix_spawn_file_actions_adddup2(&actions, shared.get(), workerClaims);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t signals;
@@ -64,9 +70,13 @@ WorkerProcess::~WorkerProcess()
 
 void WorkerProcess::post(std::string frame, std::vector<Descriptor> files)
 {
-    outgoing_ = std::move(frame);
-    files_ = std::move(files);
-    sent_ = 0;
+    if (outgoing_.empty()) {
+        outgoing_ = std::move(frame);
+        files_ = std::move(files);
+        return;
+    }
+    appendSecret(outgoing_, frame);
+    wipe(frame);
 }
 
 bool WorkerProcess::send()
@@ -82,12 +92,19 @@ bool WorkerProcess::send()
         sent_ += static_cast<size_t>(count);
     }
     wipe(outgoing_);
+    sent_ = 0;
     return true;
 }
 
 bool WorkerProcess::receive()
 {
     static std::array<char, size_t{1} << 16> buffer;
+    if (taken_ > 0) {
+        std::string rest = incoming_.substr(taken_);
+        wipe(incoming_);
+        incoming_.swap(rest);
+        taken_ = 0;
+    }
     for (;;) {
         const ssize_t count = recv(socket_.get(), buffer.data(), buffer.size(), 0);
         if (count < 0 && errno == EINTR)
@@ -101,9 +118,9 @@ bool WorkerProcess::receive()
         if (incoming_.empty())
             incoming_.reserve(std::min(frameSize({buffer.data(), size}).value_or(buffer.size()),
                                        longestFrame + 4));
-        incoming_.append(buffer.data(), size);
+        appendSecret(incoming_, {buffer.data(), size});
         explicit_bzero(buffer.data(), size);
-        if (incoming_.size() > longestFrame + 4)
+        if (incoming_.size() > longestFrame + 4 + buffer.size())
             return false;
         if (size < buffer.size())
             return true;
@@ -112,13 +129,18 @@ bool WorkerProcess::receive()
 
 bool WorkerProcess::take(WireReply& reply, bool& good)
 {
-    const auto size = frameSize(incoming_);
+    const std::string_view bytes = std::string_view(incoming_).substr(taken_);
+    const auto size = frameSize(bytes);
     good = !size || *size <= longestFrame + 4;
-    if (!good || !size || incoming_.size() < *size)
+    if (!good || !size || bytes.size() < *size)
         return false;
-    auto decoded = decodeReply(std::string_view(incoming_).substr(4, *size - 4));
-    good = decoded.has_value() && incoming_.size() == *size;
-    wipe(incoming_);
+    auto decoded = decodeReply(bytes.substr(4, *size - 4));
+    good = decoded.has_value();
+    taken_ += *size;
+    if (taken_ == incoming_.size()) {
+        wipe(incoming_);
+        taken_ = 0;
+    }
     if (good)
         reply = *std::move(decoded);
     return good;

@@ -7,16 +7,18 @@
 #include <string>
 #include <vector>
 
+#include "claims.h"
 #include "wire.h"
 
-// The descriptor on which a worker finds its end of the pair.
+// The descriptors on which a worker finds its end of the pair, and the claims.
 constexpr int workerSocket = 3;
+constexpr int workerClaims = 4;
 
 class WorkerProcess {
 public:
     // Starts a program with these arguments, its name the first. It inherits standard
-    // output, standard error and the environment, and no other descriptor but its end of
-    // the pair. Throws a std::system_error.
+    // output, standard error and the environment, and no other descriptor but these two.
+    // Throws a std::system_error.
     WorkerProcess(const std::string& program, const std::vector<std::string>& command);
     // Ends it at once. Its exit status is the caller's to collect.
     ~WorkerProcess();
@@ -26,10 +28,10 @@ public:
     pid_t pid() const { return pid_; }
     int socket() const { return socket_.get(); }
 
-    // Takes a frame over; one at a time.
+    // Takes a frame over, behind those that were not sent yet. One with files must be the first.
     void post(std::string frame, std::vector<Descriptor> files);
-    // Whether a part of it is still to be sent.
-    bool isSending() const { return !outgoing_.empty(); }
+    // How many bytes are still to be sent.
+    size_t unsent() const { return outgoing_.size() - sent_; }
     // Sends what the socket takes. False if the process is gone.
     bool send();
     // Receives what is there. False if the process is gone or breaks the form.
@@ -37,10 +39,13 @@ public:
     // The next reply, if it has come whole. False in `good` if it breaks the form.
     bool take(WireReply& reply, bool& good);
 
+    Claims& claims() { return claims_; }
+
     // Lets it end when it has nothing more to do.
     void hangUp();
 
 private:
+    Claims claims_;
     Descriptor socket_;
     pid_t pid_ = -1;
     Descriptor process_;  // for signals: a number may be another process's by then
@@ -48,6 +53,7 @@ private:
     size_t sent_ = 0;
     std::vector<Descriptor> files_;
     std::string incoming_;
+    size_t taken_ = 0;  // bytes of it
 };
 
 // In the worker: ends the process with the one that started it, and gives it the signals

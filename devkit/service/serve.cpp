@@ -137,6 +137,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     pool.command = std::move(worker);
     pool.workers = options.workers;
     pool.taskTime = Seconds(options.requestSeconds);
+    pool.sendsAhead = true;
     bool isReady = false;
     Service service(loop, options, std::move(pool), metrics, [&isReady] {
         if (!std::exchange(isReady, true))
@@ -145,7 +146,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     const std::string peer = options.noPeer ? "" : peerProgram();
     if (!peer.empty())
         service.offerPeer(
-            {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds)});
+            {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds), false});
     const BearerToken* shown = token ? &*token : nullptr;
     Server server(loop, options, service, metrics, log, shown);
     if (LineSink(output.descriptor()).write(greeting(shown, server.url(), output.isTerminal())) ==
@@ -173,6 +174,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     loop.run([&] {
         hadNoMemory = false;
         const int timeout = server.run();
+        service.flush();
         log.flush();
         if (isDraining && !server.isBusy())
             loop.stop();

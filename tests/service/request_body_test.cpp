@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <thread>
 
+#include "common/claims.h"
 #include "common/codec.h"
 #include "common/wire.h"
 #include "service/requests/json_tree.h"
@@ -816,6 +818,38 @@ TEST(Wire, RequestsAreReadHoweverTheyArrive)
     WireRequest got;
     std::vector<Descriptor> none;
     EXPECT_FALSE(requests.next(got, none));
+}
+
+TEST(Claims, EachRequestIsOnesAlone)
+{
+    Claims front;
+    Claims worker(front.descriptor());
+    constexpr uint64_t count = 20000;
+    std::atomic<uint64_t> offered = 0;
+    std::atomic<uint64_t> looked = 0;  // at, by the worker
+    uint64_t begun = 0;
+    std::thread serving([&] {
+        for (uint64_t number = 0; number < count; ++number) {
+            while (offered <= number)
+                std::this_thread::yield();
+            begun += worker.begin(number) ? 1 : 0;
+            EXPECT_FALSE(worker.begin(number));
+            looked = number + 1;
+        }
+    });
+    uint64_t takenBack = 0;
+    for (uint64_t number = 0; number < count; ++number) {
+        while (number - looked >= Claims::most)
+            std::this_thread::yield();
+        front.offer(number);
+        offered = number + 1;
+        if (number >= Claims::most / 2)
+            takenBack += front.takeBack(number - Claims::most / 2) ? 1 : 0;
+    }
+    serving.join();
+    for (uint64_t number = count - Claims::most / 2; number < count; ++number)
+        EXPECT_FALSE(front.takeBack(number));
+    EXPECT_EQ(count, begun + takenBack);
 }
 
 TEST(Wire, AFrameThatIsTooLongIsNotWaitedFor)

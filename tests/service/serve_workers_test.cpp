@@ -1,5 +1,6 @@
 // What becomes of requests when the processes that serve them die, hang or do not start.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,6 +38,11 @@ public:
                                    {{"Content-Type", "application/json"}}, parameters.dump()));
     }
     HttpAnswer answer() { return connection_.receive(); }
+    bool isAnswered() const
+    {
+        pollfd waiting = {connection_.descriptor(), POLLIN, 0};
+        return poll(&waiting, 1, 0) == 1;
+    }
 
 private:
     HttpConnection connection_;
@@ -79,6 +85,84 @@ TEST(ServeWorkers, ACrashCostsOnlyTheRequestInIt)
     const std::vector<pid_t> now = host.workers(1);
     ASSERT_EQ(1U, now.size());
     EXPECT_NE(worker, now[0]);
+}
+
+// What was sent ahead to a worker that hangs goes to the other one.
+TEST(ServeWorkers, AHangKeepsNobodyElseWaiting)
+{
+    NEEDS_WORKERS();
+    ServedHost host({"--request-seconds", "600"});
+    const std::vector<pid_t> workers = host.workers();
+    for (int round = 0; round < 10; ++round) {
+        for (const pid_t worker : workers)
+            kill(worker, SIGSTOP);
+        std::vector<std::unique_ptr<Pending>> pending;
+        for (int i = 0; i < 20; ++i)
+            pending.push_back(std::make_unique<Pending>(host));
+        EXPECT_TRUE(eventually([&] { return host.metric("corvane_queue") == 18; }));
+        kill(workers[1], SIGCONT);
+        EXPECT_TRUE(eventually([&] {
+            return host.metric("corvane_queue") == 0 && host.metric("corvane_workers_busy") == 1;
+        }));
+        size_t answered = 0;
+        for (const auto& one : pending)
+            answered += one->isAnswered() ? 1 : 0;
+        EXPECT_EQ(19U, answered);
+        kill(workers[0], SIGCONT);
+        for (const auto& one : pending)
+            EXPECT_EQ("0", one->answer().result("errorCode"));
+    }
+    EXPECT_EQ(0, host.metric("corvane_worker_restarts_total"));
+    // Each was served once.
+    double served = 0;
+    const Json status = host.status();
+    for (const Json& worker : status["workers"])
+        served += worker["requests"].get<double>();
+    EXPECT_EQ(200, served);
+}
+
+// Each of several crashes costs the one request in it, however many were sent ahead.
+TEST(ServeWorkers, CrashesInARowCostOneRequestEach)
+{
+    NEEDS_WORKERS();
+    ServedHost host({"--workers", "1", "--rate", "0"});
+    for (int round = 0; round < 5; ++round) {
+        const pid_t worker = host.workers(1).at(0);
+        std::vector<std::unique_ptr<Pending>> pending;
+        for (int i = 0; i < 40; ++i)
+            pending.push_back(std::make_unique<Pending>(host));
+        kill(worker, SIGKILL);
+        size_t lost = 0;
+        for (const auto& one : pending) {
+            const HttpAnswer answer = one->answer();
+            lost += answer.status == 502 ? 1 : 0;
+            EXPECT_TRUE(answer.status == 502 || answer.result("errorCode") == "0");
+        }
+        EXPECT_LE(lost, 1U);
+    }
+}
+
+// Sessions wait for their own worker, which must not be kept busy for ever by others.
+TEST(ServeWorkers, SessionsAreServedBesideManyOthers)
+{
+    NEEDS_WORKERS();
+    ServedHost host({"--workers", "1", "--rate", "0"});
+    const std::string token = host.request("QZaven_ke_new").result("Data");
+    std::atomic<bool> isOver = false;
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 8; ++i)
+        clients.emplace_back([&] {
+            HttpConnection connection(host.port());
+            const std::string request =
+                host.text("POST", path, {{"Content-Type", "application/json"}}, kdf.dump());
+            while (!isOver && connection.send(request) && connection.receive().status == 200) {
+            }
+        });
+    for (int i = 0; i < 50; ++i)
+        EXPECT_EQ(200, host.request("QZaven_ke_client_hello", {{"strKe", token}}).status);
+    isOver = true;
+    for (std::thread& client : clients)
+        client.join();
 }
 
 TEST(ServeWorkers, AHangIsEndedAndTold)

@@ -44,7 +44,8 @@ void work(Program& program, const std::string& pluginLog)
     const auto session = program.openSession();
     session->setLogLevel(pluginLog);
     program.bareNames.removeFolder();
-    Worker(*session).serve(workerSocket);
+    Claims claims{Descriptor(workerClaims)};
+    Worker(*session, claims).serve(workerSocket);
 }
 
 void addPluginLog(CLI::App& command, std::string& level)

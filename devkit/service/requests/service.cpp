@@ -91,6 +91,13 @@ void Service::collectChildren()
     }
 }
 
+void Service::flush()
+{
+    pool_.flush();
+    if (peer_)
+        peer_->flush();
+}
+
 void Service::stop(Seconds grace)
 {
     if (peer_)

@@ -43,6 +43,8 @@ public:
     nlohmann::ordered_json status() const;
     std::string metricsText() const;
 
+    // Sends what workers are to get; call it before each wait for events.
+    void flush();
     // Children of the program that have ended are collected; call on SIGCHLD.
     void collectChildren();
     void stop(Seconds grace);

@@ -72,8 +72,12 @@ void Worker::serve(int socket)
     RequestReader requests(socket);
     WireRequest request;
     std::vector<Descriptor> files;
-    while (requests.next(request, files)) {
-        WireReply reply = answer(request, files);
+    for (uint64_t number = 0; requests.next(request, files); ++number) {
+        WireReply reply;
+        if (claims_.begin(number))
+            reply = answer(request, files);
+        else
+            reply.kind = WireReply::TakenBack;
         wipe(request.parameters);
         files.clear();
         std::string bytes = encode(reply);

@@ -8,12 +8,13 @@
 #include <map>
 #include <string>
 
+#include "common/claims.h"
 #include "common/wire.h"
 #include "host/host_session.h"
 
 class Worker {
 public:
-    explicit Worker(HostSession& session) : session_(session) {}
+    Worker(HostSession& session, Claims& claims) : session_(session), claims_(claims) {}
 
     // Tells that it is ready and serves until the socket ends.
     void serve(int socket);
@@ -22,6 +23,7 @@ private:
     WireReply answer(WireRequest& request, const std::vector<Descriptor>& files);
 
     HostSession& session_;
+    Claims& claims_;
     std::map<std::string, std::string> handles_;  // by token
 };
 

@@ -18,15 +18,25 @@ constexpr double longestDelay = 5;
 // A worker that dies again and again without having served is not started at once.
 constexpr unsigned mostIdleLives = 5;
 
-}  // namespace
+// A worker is sent so many tasks at most, the one that it serves among them.
+constexpr size_t mostSent = 8;
+static_assert(mostSent <= Claims::most);
+// Only tasks of so many bytes are sent ahead, and only behind so many that are still unsent.
+constexpr size_t largestAhead = 4096;
+// What was sent ahead is taken back from a worker that serves one task for so long.
+constexpr Seconds longestAhead{0.001};
 
-WorkerPool::Waiting::Waiting(WorkerPool& pool, Task itsTask, uint64_t itsSerial)
-    : task(std::move(itsTask)),
-      serial(itsSerial),
-      alarm(pool.loop_, [&pool, itsSerial] { pool.giveUp(itsSerial); })
+constexpr auto isOlder = [](const auto& a, const auto& b) { return a.serial < b.serial; };
+
+bool isSmall(const Task& task)
 {
-    alarm.set(after(pool.options_.taskTime));
+    size_t bytes = 0;
+    for (const auto& [name, value] : task.request.parameters)
+        bytes += name.size() + value.size();
+    return task.files.empty() && !task.bound && bytes <= largestAhead;
 }
+
+}  // namespace
 
 WorkerPool::WorkerPool(EventLoop& loop, PoolOptions options, std::function<void()> onReady,
                        std::function<void(WorkerLife)> onEnd)
@@ -34,7 +44,9 @@ WorkerPool::WorkerPool(EventLoop& loop, PoolOptions options, std::function<void(
       options_(std::move(options)),
       onReady_(std::move(onReady)),
       onEnd_(std::move(onEnd)),
-      slots_(options_.workers)
+      slots_(options_.workers),
+      waitedTooLong_(loop, [this] { giveUp(); }),
+      aheadTooLong_(loop, [this] { takeBack(); })
 {
     for (size_t slot = 0; slot < slots_.size(); ++slot)
         slots_[slot].alarm = std::make_unique<Alarm>(loop_, [this, slot] { onAlarm(slot); });
@@ -64,7 +76,8 @@ void WorkerPool::start(size_t slot)
     }
     place.info.pid = place.process->pid();
     place.servedBefore = place.info.served;
-    limitTime(slot);
+    place.sentCount = place.replyCount = 0;
+    place.alarm->set(after(options_.taskTime));
 }
 
 void WorkerPool::startLater(size_t slot)
@@ -90,7 +103,7 @@ void WorkerPool::onEvents(size_t slot, uint32_t events)
         return;
     const WorkerLife life = lifeOf(slot);
     WorkerProcess& process = *place.process;
-    if (process.isSending() && !process.send())
+    if (process.unsent() > 0 && !process.send())
         return end(slot, Ending::Died);
     if ((events & ~static_cast<uint32_t>(EPOLLOUT)) != 0) {
         bool alive = false;
@@ -100,7 +113,7 @@ void WorkerPool::onEvents(size_t slot, uint32_t events)
             // What came before its end counts.
             const bool isThere = process.receive();
             WireReply reply;
-            if (process.take(reply, good))
+            while (life == lifeOf(slot) && place.process && process.take(reply, good))
                 onReply(slot, reply);
             alive = isThere;
         });
@@ -108,7 +121,7 @@ void WorkerPool::onEvents(size_t slot, uint32_t events)
             return end(slot, Ending::Died);
     }
     if (life == lifeOf(slot) && place.process)
-        loop_.change(place.watch, process.isSending() ? EPOLLIN | EPOLLOUT : EPOLLIN);
+        loop_.change(place.watch, process.unsent() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
     pump();
 }
 
@@ -123,21 +136,40 @@ void WorkerPool::onReply(size_t slot, WireReply& reply)
         place.failedStarts = 0;
         return onReady_();
     }
-    if (!place.current || reply.kind == WireReply::Ready)
+    if (reply.kind == WireReply::Ready || place.replyCount == place.sentCount)
         return end(slot, Ending::Died);
+    const uint64_t number = place.replyCount++;
+    const bool isExpected = !place.sent.empty() && place.sent.front().number == number;
+    // One that was taken back is no longer there, and nobody waits for its reply.
+    if (isExpected == (reply.kind == WireReply::TakenBack))
+        return end(slot, Ending::Died);
+    if (isExpected)
+        onAnswer(slot, reply);
+}
 
-    Task task = std::move(*place.current);
-    place.current.reset();
+void WorkerPool::onAnswer(size_t slot, WireReply& reply)
+{
+    Slot& place = slots_[slot];
+    Task task = std::move(place.sent.front().task);
+    place.sent.pop_front();
     place.alarm->clear();
-    place.info.state = State::Idle;
     ++place.info.served;
+    if (place.sent.empty())
+        place.info.state = State::Idle;
+    else
+        beginFirst(slot);
     tell(task, Ending::Answered, reply, lifeOf(slot));
     wipe(reply.results);
 }
 
-void WorkerPool::limitTime(size_t slot)
+// The worker has nothing else to do: the task's time begins, and it is not sent once more.
+void WorkerPool::beginFirst(size_t slot)
 {
-    slots_[slot].alarm->set(after(options_.taskTime));
+    Slot& place = slots_[slot];
+    --queued_;
+    wipe(place.sent.front().task.request.parameters);
+    place.since = Clock::now();
+    place.alarm->set(place.since + std::chrono::duration_cast<Clock::duration>(options_.taskTime));
 }
 
 void WorkerPool::end(size_t slot, Ending ending)
@@ -145,7 +177,7 @@ void WorkerPool::end(size_t slot, Ending ending)
     Slot& place = slots_[slot];
     const WorkerLife life = lifeOf(slot);
     const bool wasReady = place.info.everReady;
-    const bool wasIdle = place.info.served == place.servedBefore && !place.current;
+    const bool wasIdle = place.info.served == place.servedBefore && place.sent.empty();
     place.idleLives = wasReady && wasIdle ? place.idleLives + 1 : 0;
     place.alarm->clear();
     loop_.unwatch(place.watch);
@@ -153,6 +185,12 @@ void WorkerPool::end(size_t slot, Ending ending)
     place.info.pid = -1;
     place.info.state = State::Starting;
     place.info.everReady = false;
+
+    // The first task ends with it; the others wait once more.
+    Queue lost;
+    if (!place.sent.empty())
+        lost.splice(lost.begin(), place.sent, place.sent.begin());
+    waitAgain(place.sent);
 
     // Replaced before its tasks are told, which takes no time.
     if (!stopping_) {
@@ -163,11 +201,8 @@ void WorkerPool::end(size_t slot, Ending ending)
             startLater(slot);
     }
 
-    if (place.current) {
-        Task task = std::move(*place.current);
-        place.current.reset();
-        tell(task, ending, life);
-    }
+    for (Waiting& waiting : lost)
+        tell(waiting.task, ending, life);
     tellAll(std::move(place.bound), Ending::LifeIsOver, life);
     withoutFailure("the end of a worker", [&] { onEnd_(life); });
     pump();
@@ -188,10 +223,8 @@ void WorkerPool::tell(Task& task, Ending ending, WorkerLife life)
 void WorkerPool::tellAll(Queue queue, Ending ending, WorkerLife life)
 {
     queued_ -= queue.size();
-    for (Waiting& waiting : queue) {
-        waiting.alarm.clear();
+    for (Waiting& waiting : queue)
         tell(waiting.task, ending, life);
-    }
 }
 
 void WorkerPool::submit(Task task)
@@ -202,67 +235,152 @@ void WorkerPool::submit(Task task)
         return tell(task, Ending::LifeIsOver, *task.bound);
 
     auto& queue = task.bound ? slots_[task.bound->slot].bound : shared_;
-    queue.emplace_back(*this, std::move(task), ++lastSerial_);
-    ++queued_;
+    const bool small = isSmall(task);
+    const Clock::time_point until = after(options_.taskTime);
+    queue.push_back({std::move(task), ++lastSerial_, until, small});
+    if (queued_++ == 0)
+        waitedTooLong_.set(until);
     pump();
 }
 
 // The one that has waited longest of what a worker may take.
 void WorkerPool::pump()
 {
-    for (size_t slot = 0; slot < slots_.size(); ++slot) {
+    for (size_t slot = 0; slot < slots_.size() && !stopping_; ++slot) {
         Slot& place = slots_[slot];
         if (place.info.state != State::Idle || !place.process)
             continue;
         const bool haveBound = !place.bound.empty();
         if (haveBound && (shared_.empty() || place.bound.front().serial < shared_.front().serial))
-            begin(slot, place.bound);
+            serve(slot, place.bound);
         else if (!shared_.empty())
-            begin(slot, shared_);
+            serve(slot, shared_);
     }
+    if (options_.sendsAhead && !stopping_)
+        sendAhead();
 }
 
-void WorkerPool::begin(size_t slot, Queue& queue)
+// The first of the queue.
+void WorkerPool::serve(size_t slot, Queue& queue)
+{
+    if (!send(slot, queue))
+        return;
+    slots_[slot].info.state = State::Busy;
+    beginFirst(slot);
+}
+
+// Moves the first of the queue to what a worker was sent. If there is no memory for that, its
+// task has ended; false then.
+bool WorkerPool::send(size_t slot, Queue& queue)
 {
     Slot& place = slots_[slot];
-    place.current = std::move(queue.front().task);
-    queue.pop_front();
-    --queued_;
-
-    Task& task = *place.current;
+    Queue moved;
+    moved.splice(moved.begin(), queue, queue.begin());
+    Waiting& waiting = moved.front();
+    Task& task = waiting.task;
     try {
         place.process->post(encode(task.request), std::move(task.files));
     } catch (const std::exception& e) {
         tellFailure("a request cannot be sent", e);
-        Task lost = std::move(*place.current);
-        place.current.reset();
-        return tell(lost, Ending::NotServed, {});
+        tellAll(std::move(moved), Ending::NotServed, {});
+        return false;
     }
-    place.info.state = State::Busy;
-    limitTime(slot);
+    waiting.number = place.sentCount++;
+    place.process->claims().offer(waiting.number);
     task.files.clear();
-    wipe(task.request.parameters);
-    // A process that is gone is found out by its event.
-    place.process->send();
-    if (place.process->isSending())
-        loop_.change(place.watch, EPOLLIN | EPOLLOUT);
+    place.sent.splice(place.sent.end(), moved);
+    return true;
 }
 
-void WorkerPool::giveUp(uint64_t serial)
+// To those that have least to do.
+void WorkerPool::sendAhead()
 {
-    const auto removeFrom = [&](Queue& queue) {
-        const auto found = std::find_if(queue.begin(), queue.end(), [&](const Waiting& waiting) {
-            return waiting.serial == serial;
-        });
-        if (found == queue.end())
+    while (!shared_.empty()) {
+        size_t best = slots_.size();
+        for (size_t slot = 0; slot < slots_.size(); ++slot)
+            if (canSendAhead(slots_[slot], shared_.front()) &&
+                (best == slots_.size() || slots_[slot].sent.size() < slots_[best].sent.size()))
+                best = slot;
+        if (best == slots_.size())
             return;
-        Queue lost;
-        lost.splice(lost.begin(), queue, found);
-        tellAll(std::move(lost), Ending::NotServed, {});
+        if (send(best, shared_) && !std::exchange(isAheadWatched_, true))
+            aheadTooLong_.set(after(longestAhead));
+    }
+}
+
+bool WorkerPool::canSendAhead(const Slot& place, const Waiting& waiting) const
+{
+    // Tasks that are bound to it come first, once it is idle.
+    return waiting.isSmall && place.info.state == State::Busy && place.bound.empty() &&
+           place.sent.size() < mostSent && place.sentCount - place.replyCount < Claims::most &&
+           place.process->unsent() <= largestAhead && Clock::now() - place.since < longestAhead;
+}
+
+// From workers that serve a task for long, and from all while another one has nothing to do.
+void WorkerPool::takeBack()
+{
+    const bool isAnyIdle = std::any_of(slots_.begin(), slots_.end(), [](const Slot& place) {
+        return place.info.state == State::Idle;
+    });
+    isAheadWatched_ = false;
+    for (Slot& place : slots_) {
+        if (place.sent.size() < 2)
+            continue;
+        Queue back;
+        if (isAnyIdle || Clock::now() - place.since >= longestAhead)
+            for (auto waiting = std::next(place.sent.begin()); waiting != place.sent.end();) {
+                const auto next = std::next(waiting);
+                if (place.process->claims().takeBack(waiting->number))
+                    back.splice(back.end(), place.sent, waiting);
+                waiting = next;
+            }
+        waitAgain(back);
+        isAheadWatched_ = isAheadWatched_ || place.sent.size() > 1;
+    }
+    if (isAheadWatched_)
+        aheadTooLong_.set(after(longestAhead));
+    pump();
+}
+
+// With the other tasks for any worker, in the order in which they came.
+void WorkerPool::waitAgain(Queue& tasks)
+{
+    tasks.sort(isOlder);
+    shared_.merge(tasks, isOlder);
+}
+
+void WorkerPool::flush()
+{
+    for (Slot& place : slots_) {
+        if (!place.process || place.process->unsent() == 0)
+            continue;
+        // A process that is gone is found out by its event.
+        withoutFailure("a request cannot be sent", [&] { place.process->send(); });
+        loop_.change(place.watch, place.process->unsent() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    }
+}
+
+// All wait for the same time, so that the first of a queue has waited longest.
+void WorkerPool::giveUp()
+{
+    const Clock::time_point now = Clock::now();
+    Clock::time_point next = Clock::time_point::max();
+    Queue lost;
+    const auto look = [&](Queue& queue) {
+        while (!queue.empty() && queue.front().until <= now)
+            lost.splice(lost.end(), queue, queue.begin());
+        if (!queue.empty())
+            next = std::min(next, queue.front().until);
     };
-    removeFrom(shared_);
-    for (Slot& place : slots_)
-        removeFrom(place.bound);
+    look(shared_);
+    for (Slot& place : slots_) {
+        look(place.bound);
+        // Those that were sent ahead are looked at again: they may have to wait once more.
+        if (place.sent.size() > 1)
+            next = std::min(next, now + std::chrono::milliseconds(10));
+    }
+    waitedTooLong_.set(next);
+    tellAll(std::move(lost), Ending::NotServed, {});
 }
 
 size_t WorkerPool::busy() const

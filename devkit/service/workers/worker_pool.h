@@ -1,5 +1,10 @@
-// A fixed number of worker processes that serve tasks, each one at a time. Workers that
-// end are replaced, and ones that take too long are ended.
+// A fixed number of worker processes that serve tasks, each one at a time. A worker that ends
+// is replaced, and one that takes too long for a task is ended.
+//
+// While all workers are busy, small tasks are sent ahead: they reach a worker before it has
+// answered the task before, so that one call sends or receives several. A task that is sent
+// ahead still waits. It is taken back and given to another worker as soon as the one that it
+// waits for takes long or ends, so that a task is lost only with a worker that was serving it.
 #ifndef CORVANE_SERVICE_WORKERS_WORKER_POOL_H
 #define CORVANE_SERVICE_WORKERS_WORKER_POOL_H
 
@@ -13,8 +18,8 @@
 #include "common/wire.h"
 #include "common/worker_process.h"
 
-// One process's life in one place of the pool. A session that lives in a process is bound
-// to it, and ends with it.
+// One process in one place of the pool: each that is started there has another generation. A
+// session lives in one process and ends with it.
 struct WorkerLife {
     size_t slot = 0;
     uint64_t generation = 0;
@@ -37,8 +42,8 @@ struct Task {
     WireRequest request;
     std::vector<Descriptor> files;
     std::optional<WorkerLife> bound;
-    // Told once, with the life that served it; or it goes without a word, where there was no
-    // memory for one.
+    // Called once, with how the task ended, the reply and the process that served it. Where
+    // there is no memory for the call, it is destroyed without one.
     std::function<void(Ending, WireReply&, WorkerLife)> done;
 };
 
@@ -46,7 +51,8 @@ struct PoolOptions {
     std::string program;               // its file
     std::vector<std::string> command;  // its name and arguments
     size_t workers = 1;
-    Seconds taskTime{30};  // for a task, for its waiting, and for a worker's start
+    Seconds taskTime{30};     // for a task, for its waiting, and for a worker's start
+    bool sendsAhead = false;  // the program claims tasks before it begins them
 };
 
 class WorkerPool {
@@ -55,14 +61,15 @@ public:
 
     struct WorkerInfo {
         State state = State::Starting;
-        bool everReady = false;  // this life
-        pid_t pid = -1;          // -1 between two lives
+        bool everReady = false;  // this process
+        pid_t pid = -1;          // -1 between two processes
         uint64_t generation = 0;
         uint64_t restarts = 0;
         uint64_t served = 0;
     };
 
-    // `onEnd` hears of each life that is over, after its task.
+    // `onReady` is called when a worker can serve, `onEnd` when one has ended; the tasks that
+    // ended with it have been told before.
     WorkerPool(EventLoop& loop, PoolOptions options, std::function<void()> onReady,
                std::function<void(WorkerLife)> onEnd);
     ~WorkerPool();
@@ -70,6 +77,9 @@ public:
     WorkerPool& operator=(const WorkerPool&) = delete;
 
     void submit(Task task);
+    // Sends what workers are to get; call it before each wait for events.
+    void flush();
+    // Tasks that no worker has begun.
     size_t queued() const { return queued_; }
     size_t busy() const;
     size_t ready() const;
@@ -86,11 +96,11 @@ public:
 private:
     // None of what keeps the pool going takes memory: lists, which move without, and alarms.
     struct Waiting {
-        Waiting(WorkerPool& pool, Task itsTask, uint64_t itsSerial);
-
         Task task;
-        uint64_t serial;
-        Alarm alarm;
+        uint64_t serial;          // of all tasks; older ones go first
+        Clock::time_point until;  // waits no longer
+        bool isSmall;             // may be sent ahead
+        uint64_t number = 0;      // of those that its worker was sent
     };
     using Queue = std::list<Waiting>;
 
@@ -99,25 +109,35 @@ private:
         std::unique_ptr<WorkerProcess> process;
         EventLoop::WatchId watch = 0;
         Queue bound;
-        std::optional<Task> current;
-        // Without a process, of the next start; else of this one or the current task.
+        // The task that it is serving, and those that were sent ahead.
+        Queue sent;
+        Clock::time_point since;  // the first of them is served
+        uint64_t sentCount = 0;   // this process, with those that were taken back
+        uint64_t replyCount = 0;  // likewise
+        // Without a process, of the next start; else of this one or the first task.
         std::unique_ptr<Alarm> alarm;
         unsigned failedStarts = 0;
-        // Lives one after the other that were ready and ended before they served anything.
+        // Processes one after the other that were ready and ended before they served anything.
         unsigned idleLives = 0;
-        uint64_t servedBefore = 0;  // this life
+        uint64_t servedBefore = 0;  // this process
     };
 
     void start(size_t slot);
     void startLater(size_t slot);
     void onEvents(size_t slot, uint32_t events);
     void onReply(size_t slot, WireReply& reply);
+    void onAnswer(size_t slot, WireReply& reply);
     void end(size_t slot, Ending ending);
     void pump();
     void onAlarm(size_t slot);
-    void begin(size_t slot, Queue& queue);
-    void giveUp(uint64_t serial);
-    void limitTime(size_t slot);
+    void serve(size_t slot, Queue& queue);
+    bool send(size_t slot, Queue& queue);
+    void sendAhead();
+    bool canSendAhead(const Slot& place, const Waiting& waiting) const;
+    void takeBack();
+    void waitAgain(Queue& tasks);
+    void beginFirst(size_t slot);
+    void giveUp();
     static void tell(Task& task, Ending ending, WireReply& reply, WorkerLife life);
     static void tell(Task& task, Ending ending, WorkerLife life);
     void tellAll(Queue queue, Ending ending, WorkerLife life);
@@ -133,6 +153,9 @@ private:
     uint64_t lastSerial_ = 0;
     std::string version_;
     bool stopping_ = false;
+    Alarm waitedTooLong_;
+    Alarm aheadTooLong_;
+    bool isAheadWatched_ = false;  // aheadTooLong_ is set
 };
 
 #endif
