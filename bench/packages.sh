@@ -4,4 +4,4 @@
 
 bench_packages=(libbenchmark-dev softhsm2 libp11-kit-dev python3)
 serve_packages=(curl python3)
-serve_load_packages=(wrk nginx-light)
+serve_load_packages=(wrk nginx-light procps)

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Measures `corvane-host serve` under load, beside nginx that answers with a constant, with
-# stalled connections, and while its workers are killed. Ends with 1 if a promise is broken.
+# stalled connections, with a worker that hangs, and while its workers are killed; and how much
+# time processors spend on a request, whatever else the machine does. Ends with 1 if a promise is
+# broken.
 # Usage: bench/serve_load.sh [SECONDS OF KILLING, default 60]
 # HOST may name a corvane-host that is built already. Wants a machine that is otherwise idle.
 set -euo pipefail
@@ -26,8 +28,28 @@ load() {
         $1 == "99%" { p99 = ms($2) }
         /Requests\/sec/ { rate = $2 }
         /Non-2xx/ { failed = $NF }
+        /Wrong answers/ { failed += $NF }
         /Socket errors/ { gsub(",", ""); failed += $4 + $6 + $8 + $10 }
         END { printf "%.0f %.2f %.2f %d\n", rate, p50, p99, failed }'
+}
+# Ticks of a processor that the host and its children have taken so far.
+ticks() {
+    awk -v host="$server" '{
+        split(FILENAME, path, "/")
+        sub(/^.*\) /, "")
+        if (path[3] == host || $2 == host) sum += $12 + $13
+    } END { print sum }' /proc/[0-9]*/stat 2>/dev/null
+}
+# measured PORT SECONDS: as load, with every answer looked at, and the microseconds of processor
+# time for each.
+measured() {
+    local before after figures
+    before=$(ticks)
+    figures=$(CHECKED=1 load "$@")
+    after=$(ticks)
+    echo "$figures $(awk -v ticks=$((after - before)) -v hertz="$(getconf CLK_TCK)" \
+        -v requests="$(cut -d ' ' -f 1 <<<"$figures")" -v seconds="$2" \
+        'BEGIN { printf "%.1f", ticks / hertz * 1e6 / (requests * seconds) }')"
 }
 median() { sort -g | awk '{ row[NR] = $1 } END { print row[int((NR + 1) / 2)] }'; }
 # The medians of the columns of rows from `load`; the failures are added up.
@@ -80,6 +102,7 @@ for _ in $(seq "$rounds"); do
     for workers in 1 2; do
         serve "$workers" --rate 0
         load "$port" "$round_seconds" >>"$work/serve-$workers"
+        measured "$port" "$round_seconds" >>"$work/cost-$workers"
         end_server
     done
 done
@@ -88,7 +111,16 @@ row "nginx, a constant, one process" "${figures[@]}"
 for workers in 1 2; do
     read -r -a figures <<<"$(medians "$work/serve-$workers")"
     row "HMAC, workers: $workers" "${figures[@]}"
+    read -r -a figures <<<"$(medians "$work/cost-$workers")"
+    row "HMAC, workers: $workers, every answer looked at" "${figures[@]}"
 done
+ratio=$(awk 'FNR == 1 { ++file } { rows[file] = rows[file] " " $1 } END {
+    split(rows[1], nginx, " ")
+    for (i = split(rows[2], host, " "); i > 0; --i) printf "%.2f\n", host[i] / nginx[i]
+}' "$work/nginx-rows" "$work/serve-2" | median)
+cost=$(cut -d ' ' -f 5 "$work/cost-2" | median)
+
+awk -v cost="$cost" -v ratio="$ratio" 'BEGIN { exit !(cost <= 38 && ratio >= 0.3) }' || broken=1
 
 # --- Stalled connections, likewise in turn with none.
 
@@ -116,6 +148,29 @@ added=$(paste -d ' ' "$work/free" "$work/stalled" | awk '{ printf "%.2f\n", $7 -
 awk -v added="$added" 'BEGIN { exit !(added <= 5) }' || broken=1
 [ "$held" -eq "$stalled" ] || broken=1
 
+# --- A worker that hangs, likewise in turn with none: one request waits, the others are served
+# by the other worker.
+
+serve 1 --rate 0
+for _ in $(seq "$rounds"); do
+    load "$port" "$round_seconds" >>"$work/alone"
+done
+end_server
+serve 2 --rate 0 --request-seconds 600
+for _ in $(seq "$rounds"); do
+    hanging=$(pgrep -P "$server" -f '^corvane-host' | head -n 1)
+    kill -STOP "$hanging"
+    load "$port" "$round_seconds" >>"$work/hanging"
+    kill -CONT "$hanging"
+done
+end_server
+read -r -a alone <<<"$(medians "$work/alone")"
+read -r -a hanging <<<"$(medians "$work/hanging")"
+row "HMAC, workers: 1" "${alone[@]}"
+row "HMAC, workers: 2, one of them hangs" "${hanging[@]}"
+hang_added=$(paste -d ' ' "$work/alone" "$work/hanging" | awk '{ printf "%.2f\n", $7 - $3 }' | median)
+awk -v added="$hang_added" 'BEGIN { exit !(added <= 5) }' || broken=1
+
 # --- A worker is killed every second.
 
 serve 2 --rate 0
@@ -133,6 +188,9 @@ lost=$((killed[3] + $(value failed)))
 column -t -s '|' -o ' | ' "$work/table"
 cat <<EOF
 
+A request takes $cost microseconds of processor time, front and workers together (must: 38 at
+most); two workers serve $ratio of nginx's rate (must: 0.3 at least).
+One worker that hangs adds $hang_added ms to p99 (must: 5 at most).
 $stalled stalled connections add $added ms to p99 (must: 5 at most); $held of them were held throughout.
 $kills workers killed in $kill_seconds s at ${killed[0]} requests/s: $(value right) answers checked and right,
 $lost requests lost in all (must: one for each kill at most), $(value wrong) wrong answers, $(value unexcused) failures without a kill;

@@ -6,10 +6,12 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <iterator>
 #include <system_error>
 
 #include "secrets.h"
@@ -70,13 +72,14 @@ WorkerProcess::~WorkerProcess()
 
 void WorkerProcess::post(std::string frame, std::vector<Descriptor> files)
 {
+    files_.reserve(files_.size() + files.size());
     if (outgoing_.empty()) {
         outgoing_ = std::move(frame);
-        files_ = std::move(files);
-        return;
+    } else {
+        appendSecret(outgoing_, frame);
+        wipe(frame);
     }
-    appendSecret(outgoing_, frame);
-    wipe(frame);
+    std::move(files.begin(), files.end(), std::back_inserter(files_));
 }
 
 bool WorkerProcess::send()

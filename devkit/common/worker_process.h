@@ -28,7 +28,8 @@ public:
     pid_t pid() const { return pid_; }
     int socket() const { return socket_.get(); }
 
-    // Takes a frame over, behind those that were not sent yet. One with files must be the first.
+    // Takes a frame over, behind those that were not sent yet. Its files go with the first of
+    // them: the reader gives them out in the order of the frames that name them.
     void post(std::string frame, std::vector<Descriptor> files);
     // How many bytes are still to be sent.
     size_t unsent() const { return outgoing_.size() - sent_; }

@@ -778,6 +778,14 @@ TEST(Wire, DescriptorsTravelBesideFrames)
     EXPECT_EQ('x', byte);
     ASSERT_TRUE(requests.next(got, gotFiles));
     EXPECT_TRUE(gotFiles.empty());
+
+    // They may come before the frame that names them.
+    ASSERT_EQ(static_cast<ssize_t>(2 * plain.size() + frame.size()),
+              sendSome(left.get(), plain + frame + plain, files));
+    for (const size_t count : {0, 1, 0}) {
+        ASSERT_TRUE(requests.next(got, gotFiles));
+        EXPECT_EQ(count, gotFiles.size());
+    }
 }
 
 // Of all sizes, in pieces of all sizes.
