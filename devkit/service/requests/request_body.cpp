@@ -63,6 +63,7 @@ Fields readParameters(const JsonNode& object, const std::string& where, const Bo
         throw Refusal("too_many_parameters", where,
                       "there are more than " + std::to_string(limits.parameters) + " parameters");
     Fields fields;
+    fields.reserve(object.members.size());
     for (const auto& [name, node] : object.members) {
         const std::string place = memberOf(where, name);
         Field field;

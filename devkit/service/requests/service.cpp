@@ -3,14 +3,9 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdlib>
 
-#include "common/codec.h"
-#include "common/secrets.h"
 #include "host/catalogue/descriptions.h"
 #include "host/catalogue/peer_steps.h"
-#include "host/exchange.h"
-#include "host/values.h"
 #include "service/workers/session_requests.h"
 
 namespace {
@@ -220,7 +215,7 @@ void Service::peer(const std::string& step, const std::string& contentType, std:
             throw Refusal("malformed", member, std::string(member) + " is missing");
     checkRoom(*peer_, 1);
 
-    task.done = [this, done = std::move(done)](Ending ending, WireReply& reply, WorkerLife) {
+    task.done = [done = std::move(done)](Ending ending, WireReply& reply, WorkerLife) {
         const bool isAnswer = ending == Ending::Answered && reply.kind == WireReply::Answer;
         done(isAnswer ? peerAnswer(reply) : answerOf(refusalOf(ending, reply)));
     };
