@@ -315,6 +315,25 @@ TEST_F(HostExplains, ACodeWithAndWithoutItsSign)
     EXPECT_TRUE(holds(run({"explain"}).out, "-30046"));
 }
 
+TEST_F(HostExplains, TheHostsOwnCodesByName)
+{
+    const std::string list = run({"explain"}).out;
+    for (const char* name : {"malformed", "session_gone", "worker_timeout"}) {
+        const Ended ended = run({"explain", name});
+        EXPECT_EQ(SUCCESS, ended.code) << ended.err;
+        for (const char* part : {name, "host, HTTP status", "likely cause", "what to do"})
+            EXPECT_TRUE(holds(ended.out, part)) << ended.out;
+        EXPECT_TRUE(holds(list, "\n" + std::string(name) + " ")) << list;
+    }
+    const Json row = run({"explain", "session_gone", "--json"}).json();
+    EXPECT_EQ("host", row["source"]);
+    EXPECT_EQ(410, row["status"]);
+    EXPECT_GT(row["reasons"].size(), 3U);
+    for (const char* member : {"text", "cause", "remedy"})
+        EXPECT_NE("", row[member]) << row;
+    EXPECT_NE(row["text"], row["cause"]);
+}
+
 TEST_F(HostExplains, WhatIsNoCodeIsAnError)
 {
     for (const char* wrong : {"0", "7", "-1", "x", "-20084x", "99999999999999999999"}) {

@@ -69,8 +69,11 @@ TEST(Answer, OfARefusalExplainsItsCode)
 TEST(Answer, HasItsWarnings)
 {
     EXPECT_EQ("[]", warningsText({}));
-    const std::string two = warningsText({{"a\"", "b\n"}, {"c", ""}});
-    EXPECT_EQ(R"([{"field":"a\"","text":"b\n"},{"field":"c","text":""}])", two);
+    const std::string two = warningsText(
+        {{"a\"", "b\n", "first", {}}, {"c", "", "second", {{"n\"", "1"}, {"m", "\t"}}}});
+    EXPECT_EQ(R"([{"field":"a\"","text":"b\n","code":"first","values":{}},)"
+              R"({"field":"c","text":"","code":"second","values":{"n\"":"1","m":"\t"}}])",
+              two);
     EXPECT_EQ(Json::parse(two), Json::parse(pluginAnswer(good({}), two).body)["warnings"]);
 }
 

@@ -221,7 +221,9 @@ TEST_F(Serve, SendsEveryRequest)
     EXPECT_EQ(channelCmac(keys, bytes),
               fromUrlBase64(ok("QZaven_ke_cmac", ke({{"strdata", base64(bytes)}}))["Data"]));
     ok("QZaven_ke_free", ke({}));
-    EXPECT_EQ("session_gone", host().request("QZaven_ke_free", ke({})).code());
+    const HttpAnswer gone = host().request("QZaven_ke_free", ke({}));
+    EXPECT_EQ("session_gone", gone.code());
+    EXPECT_EQ("session_freed", gone.json()["error"]["reason"]);
 
     EXPECT_EQ(27U, sent_.size());
 }
@@ -237,6 +239,8 @@ TEST_F(Serve, ExplainsARefusalOfThePlugin)
     EXPECT_EQ("-20001", json["results"]["errorCode"]);
     EXPECT_EQ(2U, json["warnings"].size());
     EXPECT_EQ("strKey", json["warnings"][0]["field"]);
+    EXPECT_EQ("missing", json["warnings"][0]["code"]);
+    EXPECT_EQ((Json{{"need", "required"}}), json["warnings"][0]["values"]);
 }
 
 TEST_F(Serve, WarnsOfUnknownParameters)

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <numeric>
 
 #include "common/codec.h"
@@ -171,44 +170,6 @@ const std::vector<RequestInfo> requests = {
 };
 // clang-format on
 
-bool isNeeded(Need need, const Pairs& parameters)
-{
-    const std::string* given = findValue(parameters, "strMode");
-    switch (need) {
-        case Need::Always:
-            return true;
-        case Need::Never:
-            return false;
-        case Need::UnlessMode1:
-            return given == nullptr || *given != "1";
-        case Need::InMode6:
-            return given != nullptr && *given == "6";
-    }
-    return false;
-}
-
-// A value's own fault, or "".
-std::string fault(const Parameter& parameter, const std::string& value)
-{
-    const Allowed& allowed = parameter.allowed;
-    if (isBase64(parameter.form)) {
-        const auto decodedSize = base64Size(parameter.form, value);
-        if (!decodedSize)
-            return notBase64;
-        if (allowed.kind == Allowed::Size && *decodedSize != allowed.size)
-            return "must be " + allowedText(allowed);
-    }
-    if (allowed.kind == Allowed::OneOf &&
-        (value.size() != 1 || std::string(allowed.digits).find(value) == std::string::npos))
-        return "must be " + allowedText(allowed);
-    if (allowed.kind == Allowed::Range) {
-        const long number = strtol(value.c_str(), nullptr, 10);
-        if (number < allowed.low || number > allowed.high)
-            return "must be " + allowedText(allowed);
-    }
-    return "";
-}
-
 // How many letters to insert, remove or replace to turn one name into the other.
 size_t editDistance(const std::string& a, const std::string& b)
 {
@@ -268,6 +229,12 @@ const Parameter* findParameter(const RequestInfo& request, const std::string& na
     return nullptr;
 }
 
+bool takesSession(const RequestInfo& request)
+{
+    return std::any_of(request.parameters.begin(), request.parameters.end(),
+                       [](const Parameter& p) { return p.form == Form::Handle; });
+}
+
 Form formOf(const RequestInfo* request, const std::string& name)
 {
     const Parameter* known = request == nullptr ? nullptr : findParameter(*request, name);
@@ -310,28 +277,6 @@ bool isSecret(const Parameter& parameter)
 {
     const Allowed::Kind kind = parameter.allowed.kind;
     return kind != Allowed::Range && kind != Allowed::OneOf && parameter.form != Form::Path;
-}
-
-std::vector<Complaint> complaints(const RequestInfo& request, const Pairs& parameters)
-{
-    std::vector<Complaint> list;
-    const auto complain = [&](const std::string& name, const std::string& what) {
-        list.push_back({name, name + " " + what});
-    };
-    for (const auto& given : parameters)
-        if (findParameter(request, given.first) == nullptr)
-            complain(given.first, std::string("is not a parameter of ") + request.name);
-    for (const Parameter& parameter : request.parameters) {
-        const std::string* value = findValue(parameters, parameter.name);
-        if (value != nullptr && !value->empty()) {
-            const std::string found = fault(parameter, *value);
-            if (!found.empty())
-                complain(parameter.name, found);
-        } else if (isNeeded(parameter.need, parameters)) {
-            complain(parameter.name, std::string("is missing (") + needText(parameter.need) + ")");
-        }
-    }
-    return list;
 }
 
 bool succeeded(const RequestInfo* request, const Pairs& results)

@@ -37,7 +37,9 @@ std::string codes()
 {
     std::vector<std::string> numbers;
     for (const ErrorCode& code : errorCodes())
-        numbers.push_back(std::to_string(code.code));
+        numbers.push_back(codeText(code));
+    for (const ErrorCode& code : hostCodes())
+        numbers.push_back(codeText(code));
     return join(numbers);
 }
 

@@ -157,17 +157,23 @@ std::string listRequests()
 
 std::string explain(const ErrorCode& code)
 {
-    return std::to_string(code.code) + " " + code.name + " (" +
-           (code.source == std::string("engine") ? "development engine" : code.source) + ")\n  " +
-           code.text + "\n  likely cause  " + code.cause + "\n  what to do    " + code.remedy +
-           "\n";
+    std::string head = codeText(code);
+    if (code.code == 0)
+        head += " (host, HTTP status " + std::to_string(code.status) + ")";
+    else
+        head += std::string(" ") + code.name + " (" +
+                (code.source == std::string("engine") ? "development engine" : code.source) + ")";
+    return head + "\n  " + code.text + "\n  likely cause  " + code.cause + "\n  what to do    " +
+           code.remedy + "\n";
 }
 
 std::string listErrorCodes()
 {
     std::string out;
     for (const ErrorCode& row : errorCodes())
-        out += pad(std::to_string(row.code), 8) + row.text + "\n";
+        out += pad(codeText(row), 8) + row.text + "\n";
+    for (const ErrorCode& row : hostCodes())
+        out += pad(codeText(row), 20) + row.text + "\n";
     return out;
 }
 
@@ -193,8 +199,20 @@ Json toJson(const RequestInfo& request)
 
 Json toJson(const ErrorCode& code)
 {
-    return {{"code", code.code}, {"name", code.name},   {"source", code.source},
-            {"text", code.text}, {"cause", code.cause}, {"remedy", code.remedy}};
+    Json row = {{"code", code.code == 0 ? Json(code.name) : Json(code.code)},
+                {"name", code.name},
+                {"source", code.source},
+                {"text", code.text},
+                {"cause", code.cause},
+                {"remedy", code.remedy}};
+    if (code.status == 0)
+        return row;
+    row["status"] = code.status;
+    row["reasons"] = Json::array();
+    for (const Reason& reason : hostReasons())
+        if (reason.code == std::string(code.name))
+            row["reasons"].push_back({{"name", reason.name}, {"text", reason.text}});
+    return row;
 }
 
 Json catalogueJson()
@@ -205,7 +223,17 @@ Json catalogueJson()
     Json codes = Json::array();
     for (const ErrorCode& code : errorCodes())
         codes.push_back(toJson(code));
-    return {{"version", CORVANE_VERSION}, {"requests", requests}, {"codes", codes}};
+    Json host = Json::array();
+    for (const ErrorCode& code : hostCodes())
+        host.push_back(toJson(code));
+    Json warnings = Json::array();
+    for (const ComplaintKind& kind : complaintKinds())
+        warnings.push_back({{"code", kind.code}, {"text", std::string("{field} ") + kind.text}});
+    return {{"version", CORVANE_VERSION},
+            {"requests", requests},
+            {"codes", codes},
+            {"hostCodes", host},
+            {"warnings", warnings}};
 }
 
 std::string requestsDocument()
@@ -246,6 +274,11 @@ development engine; another engine may number otherwise.
     out +=
         "## Codes\n\n| code | source | text | likely cause | what to do |\n|---|---|---|---|---|\n";
     for (const ErrorCode& code : errorCodes())
-        out += row({std::to_string(code.code), code.source, code.text, code.cause, code.remedy});
+        out += row({codeText(code), code.source, code.text, code.cause, code.remedy});
+    out +=
+        "\n`corvane-host serve` has codes of its own, with the status of HTTP:\n\n"
+        "| code | status | text | likely cause | what to do |\n|---|---|---|---|---|\n";
+    for (const ErrorCode& own : hostCodes())
+        out += row({code(own.name), std::to_string(own.status), own.text, own.cause, own.remedy});
     return out;
 }

@@ -17,7 +17,7 @@ std::string listErrorCodes();
 // For programs.
 nlohmann::ordered_json toJson(const RequestInfo& request);
 nlohmann::ordered_json toJson(const ErrorCode& code);
-// {"version", "requests", "codes"}: all there is.
+// {"version", "requests", "codes", "hostCodes", "warnings"}: all there is.
 nlohmann::ordered_json catalogueJson();
 
 // docs/requests.md.

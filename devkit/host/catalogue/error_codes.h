@@ -1,22 +1,42 @@
-// The codes that requests can end with, in words.
+// The codes that requests can end with, in words: the plug-in's and the engine's, which are
+// numbers, and those of `corvane-host serve` itself, which are names.
 #ifndef CORVANE_HOST_CATALOGUE_ERROR_CODES_H
 #define CORVANE_HOST_CATALOGUE_ERROR_CODES_H
 
+#include <string>
 #include <vector>
 
 struct ErrorCode {
-    int code;
+    int code;            // 0 for the host's
     const char* name;    // the constant's
-    const char* source;  // "plug-in", or "engine" for the development engine
-    const char* text;    // what QZaVen_strerror answers with the development engine
+    const char* source;  // "plug-in", "engine" for the development engine, or "host"
+    const char* text;    // the meaning; a number's is QZaVen_strerror's with that engine
     const char* cause;   // the likely one
     const char* remedy;  // what to do
+    unsigned status;     // of HTTP, with which the host refuses; 0 for numbers
 };
 
 // The plug-in's codes, then the development engine's, without the 0 of success.
 const std::vector<ErrorCode>& errorCodes();
+// The host's, by their status.
+const std::vector<ErrorCode>& hostCodes();
 
 // Null for a code that is neither's: another engine has its own.
 const ErrorCode* findErrorCode(int code);
+const ErrorCode* findHostCode(const std::string& name);
+
+// As answers have it: the number, or the host's name.
+std::string codeText(const ErrorCode& code);
+
+// Why the host refuses, where its code has several reasons that a client can do something
+// about. Programs know a reason by its name, which no two have.
+struct Reason {
+    const char* code;
+    const char* name;
+    const char* text;
+};
+
+const std::vector<Reason>& hostReasons();
+const Reason* findReason(const std::string& name);
 
 #endif

@@ -14,13 +14,17 @@ struct ExplainOptions {
     bool json = false;
 };
 
-// The whole text must be a number. The minus sign may be left out: all codes have one.
+// The whole text must be a code. The minus sign of a number may be left out: all have one.
 const ErrorCode& rowOf(const std::string& text)
 {
+    if (const ErrorCode* own = findHostCode(text))
+        return *own;
     char* end = nullptr;
     const long number = strtol(text.c_str(), &end, 10);
     if (text.empty() || *end != '\0')
-        throw UsageError("an error code is a number, as in an errorCode result");
+        throw UsageError(
+            "an error code is a number, as in an errorCode result, or a name that "
+            "`corvane-host explain` lists");
     if (number == 0)
         throw UsageError("0 is success");
     const ErrorCode* row = findErrorCode(static_cast<int>(number < 0 ? number : -number));
@@ -43,7 +47,8 @@ void addExplain(CLI::App& app, Program& program)
     const auto options = std::make_shared<ExplainOptions>();
     CLI::App* command = app.add_subcommand(
         "explain", "Explain an error code: its meaning, likely cause and remedy");
-    command->add_option("code", options->code, "As in errorCode; none: list all");
+    command->add_option("code", options->code,
+                        "As in errorCode, or an error of the host's; none: list all");
     command->add_flag("--json", options->json, "As JSON");
     command->callback([options, &program] {
         if (options->code.empty())

@@ -141,7 +141,16 @@ std::string warningsText(const std::vector<Complaint>& complaints)
         appendJsonText(out, complaint.field);
         out += ",\"text\":";
         appendJsonText(out, complaint.text);
-        out += "}";
+        out += ",\"code\":";
+        appendJsonText(out, complaint.code);
+        out += ",\"values\":{";
+        for (const auto& value : complaint.values) {
+            out += &value == complaint.values.data() ? "" : ",";
+            appendJsonText(out, value.first);
+            out += ":";
+            appendJsonText(out, value.second);
+        }
+        out += "}}";
     }
     return out + "]";
 }
@@ -159,5 +168,5 @@ Refusal refusalOf(Ending ending, const WireReply& reply)
         case Ending::NotServed:
             break;
     }
-    return {"busy", "", "no process was free for the request in time"};
+    return Refusal::because("no_worker");
 }

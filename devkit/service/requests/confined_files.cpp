@@ -41,12 +41,11 @@ ConfinedFiles::ConfinedFiles(const std::string& folder)
 Descriptor ConfinedFiles::open(const std::string& name, const std::string& field,
                                bool isFolder) const
 {
-    const auto refusal = [&](const char* text) { return Refusal("bad_path", field, text); };
     if (!folder_)
-        throw refusal("the host was started without --ca-folder; files can only be uploaded");
+        throw Refusal::because("no_folder", field);
     if (name.empty() || name.find('\0') != std::string::npos || name.front() == '/' ||
         hasParent(name))
-        throw refusal("a file is named from the host's folder, without \"..\"");
+        throw Refusal::because("outside_folder", field);
 
     // A pipe must not keep the host waiting.
     open_how how = {};
@@ -58,8 +57,7 @@ Descriptor ConfinedFiles::open(const std::string& name, const std::string& field
         static_cast<int>(syscall(SYS_openat2, folder_.get(), name.c_str(), &how, sizeof how)));
     struct stat info = {};
     if (!file || fstat(file.get(), &info) != 0 || !(isFolder || S_ISREG(info.st_mode)))
-        throw refusal(isFolder ? "there is no such folder below the host's folder"
-                               : "there is no such file below the host's folder");
+        throw Refusal::because(isFolder ? "no_such_folder" : "no_such_file", field);
     return file;
 }
 

@@ -29,12 +29,6 @@ bool isPath(const RequestInfo& info, const char* name)
     });
 }
 
-bool takesSession(const RequestInfo& info)
-{
-    return std::any_of(info.parameters.begin(), info.parameters.end(),
-                       [](const Parameter& p) { return p.form == Form::Handle; });
-}
-
 const char* stateName(WorkerPool::State state)
 {
     switch (state) {
@@ -66,7 +60,7 @@ Service::Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool,
       files_(options.caFolder),
       idleSessions_(loop, [this] { endIdleSessions(); }),
       pool_(loop, std::move(pool), std::move(onReady),
-            [this](WorkerLife life) { sessions_.endAllOf(life, "its worker process ended"); })
+            [this](WorkerLife life) { sessions_.endAllOf(life, "session_worker_ended"); })
 {
     endIdleSessions();
 }
@@ -152,12 +146,12 @@ void Service::checkRoom(const WorkerPool& pool, size_t parts) const
 {
     const size_t free = pool.ready() - pool.busy();
     if (pool.queued() + parts > options_.queue + free)
-        throw Refusal("busy", "", "too many requests wait for a worker");
+        throw Refusal::because("queue_full");
 }
 
 Refusal Service::goneRefusal(const std::string& token, const std::string& field) const
 {
-    return {"session_gone", field, "there is no such session: " + sessions_.reasonOf(token)};
+    return Refusal::because(sessions_.reasonOf(token), field);
 }
 
 // ---- Sending.
@@ -259,14 +253,14 @@ void Service::sendToSession(Part part, const Waiter& waiter)
     submit(std::move(part), use->life(),
            [this, waiter, token, frees, use](Ending ending, WireReply& reply, WorkerLife) {
                if (ending == Ending::LifeIsOver)
-                   return refuse(waiter, {"session_gone", sessionParameter,
-                                          "there is no such session: its worker process ended"});
+                   return refuse(waiter,
+                                 Refusal::because("session_worker_ended", sessionParameter));
                if (ending == Ending::Answered && reply.kind == WireReply::SessionGone) {
-                   sessions_.end(token, "its worker does not know it");
+                   sessions_.end(token, "session_worker_forgot");
                    return refuse(waiter, goneRefusal(token, sessionParameter));
                }
                if (ending == Ending::Answered && frees)
-                   sessions_.end(token, "it was freed");
+                   sessions_.end(token, "session_freed");
                finish(waiter, ending, reply);
            });
 }
@@ -281,7 +275,7 @@ void Service::sendNewSession(Part part, const Waiter& waiter, unsigned attempt)
             chosen = WorkerLife{slot, pool_.info(slot).generation};
     const auto reservation = chosen ? sessions_.reserve(*chosen) : nullptr;
     if (reservation == nullptr)
-        return refuse(waiter, {"busy", "", "there are as many sessions as the host takes"});
+        return refuse(waiter, Refusal::because("sessions_full"));
 
     part.wire.session = Sessions::makeToken();
     const std::string token = part.wire.session;
@@ -327,7 +321,7 @@ void Service::endIdleSessions()
         part.wire.name = freeSessionRequest;
         part.wire.session = token;
         const WorkerLife life = *sessions_.find(token);
-        sessions_.end(token, "it was idle for too long");
+        sessions_.end(token, "session_idle");
         submit(std::move(part), life, [](Ending, WireReply&, WorkerLife) {});
     }
 }

@@ -103,7 +103,7 @@ void Sessions::endAllOf(WorkerLife life, const char* reason)
 std::string Sessions::reasonOf(const std::string& token) const
 {
     const auto found = ended_.find(token);
-    return found == ended_.end() ? "it is not known here" : found->second;
+    return found == ended_.end() ? "session_unknown" : found->second;
 }
 
 std::vector<std::string> Sessions::idleSince(Clock::time_point time) const

@@ -31,9 +31,10 @@ public:
     // Where it lives, or null.
     const WorkerLife* find(const std::string& token) const;
 
+    // Reasons are names of hostReasons().
     void end(const std::string& token, const char* reason);
     void endAllOf(WorkerLife life, const char* reason);
-    // Why a token is not that of a session.
+    // Why a token is not that of a session: the name of a reason.
     std::string reasonOf(const std::string& token) const;
 
     std::vector<std::string> idleSince(Clock::time_point time) const;
