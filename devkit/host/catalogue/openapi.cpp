@@ -1,8 +1,9 @@
 #include "openapi.h"
 
+#include <set>
 #include <string>
 
-#include "catalogue.h"
+#include "http_routes.h"
 #include "peer_steps.h"
 
 namespace {
@@ -121,70 +122,79 @@ Json answerSchema(const RequestInfo& request)
                {"properties", {{"results", {{"type", "object"}, {"properties", properties}}}}}}}}};
 }
 
-// ---- What can go wrong before a request reaches the plug-in.
+// ---- What can come of a request.
 
-const struct Failure {
-    const char* status;
-    const char* text;
-} failures[] = {
-    {"400", "The request is malformed; the error names the field"},
-    {"401", "No token, or a wrong one"},
-    {"403", "The Host or Origin header is not allowed"},
-    {"408", "The request did not arrive in time"},
-    {"410", "The key-exchange session has ended or never was"},
-    {"413", "The body or a parameter is too large"},
-    {"415", "The body's type is not supported"},
-    {"429", "Too many requests; Retry-After says when"},
-    {"502", "The worker process died while it served the request"},
-    {"503", "Too much is waiting, or the host is about to stop"},
-    {"504", "The request took too long, and its worker was replaced"},
-};
-
-Json failureResponses()
+// The host's codes of a status with their meanings.
+std::string refusalText(unsigned status)
 {
-    Json responses = Json::object();
-    for (const Failure& failure : failures)
-        responses[failure.status] = answerOf(failure.text, reference("Answer"));
+    std::string text;
+    for (const ErrorCode& code : hostCodes())
+        if (code.status == status)
+            text += std::string(text.empty() ? "" : "; ") + code.name + ": " + code.text;
+    return text;
+}
+
+// The responses that operations refer to, by status.
+Json commonResponses()
+{
+    Json responses = {{"304", {{"description", "It is what If-None-Match names"}}}};
+    for (const unsigned status : libraryStatuses())
+        responses[std::to_string(status)] = {
+            {"description", "No request that the HTTP library takes"}};
+    for (const ErrorCode& code : hostCodes())
+        responses[std::to_string(code.status)] =
+            answerOf(refusalText(code.status), reference("Answer"));
     return responses;
 }
 
-Json operation(const std::string& id, const std::string& tag, const std::string& summary,
-               const Json& body, const Json& answer)
+struct Operation {
+    std::string id;
+    std::string tag;
+    std::string summary;
+    Json body;  // null: takes none
+    Json answer;
+};
+
+// The item of a path: its one method with all statuses that can come of it.
+Json pathItem(const Route& route, const std::set<unsigned>& statuses, const Operation& operation)
 {
-    Json responses = {{"200", answer}};
-    for (const Failure& failure : failures)
-        responses[failure.status] = {
-            {"$ref", std::string("#/components/responses/") + failure.status}};
-    Json entry = {{"operationId", id}, {"tags", {tag}}, {"summary", summary}};
-    if (!body.is_null())
-        entry["requestBody"] = body;
+    Json responses = Json::object();
+    for (const unsigned status : statuses) {
+        const std::string name = std::to_string(status);
+        responses[name] = {{"$ref", "#/components/responses/" + name}};
+    }
+    responses["200"] = operation.answer;
+    Json entry = {
+        {"operationId", operation.id}, {"tags", {operation.tag}}, {"summary", operation.summary}};
+    if (!needsToken(route.path))
+        entry["security"] = Json::array();
+    if (!operation.body.is_null())
+        entry["requestBody"] = operation.body;
     entry["responses"] = responses;
-    return entry;
+    const bool isPost = route.method == std::string("POST");
+    return {{isPost ? "post" : "get", entry}};
 }
 
-Json requestPaths()
+Json requestPath(const Route& route, const RequestInfo& request)
 {
-    Json paths = Json::object();
-    for (const RequestInfo& request : catalogue())
-        paths[std::string("/v1/requests/") + request.name] = {
-            {"post",
-             operation(request.name, request.group, request.summary, bodyOf(request),
-                       answerOf("The plug-in's answer; `error` says if it or the engine refused",
-                                answerSchema(request)))}};
-    return paths;
+    return pathItem(route, statusesOf(route, request),
+                    {request.name, request.group, request.summary, bodyOf(request),
+                     answerOf("The plug-in's answer; `error` says if it or the engine refused",
+                              answerSchema(request))});
 }
 
-Json batchPath()
+Json batchPath(const Route& route)
 {
     const Json one = object({{"name", text()}, {"parameters", reference("Parameters")}}, {"name"});
     Json requests = arrayOf(one);
     requests["minItems"] = 1;
-    requests["maxItems"] = 256;
+    requests["maxItems"] = mostBatchRequests;
     const Json body = {{"required", true},
                        {"content", json(object({{"requests", requests}}, {"requests"}))}};
     const Json answers = object({{"answers", arrayOf(reference("Answer"))}}, {"answers"});
-    return {{"post", operation("batch", "Service", "Several requests, answered in their order.",
-                               body, answerOf("An answer for each", answers))}};
+    return pathItem(route, statusesOf(route),
+                    {"batch", "Service", "Several requests, answered in their order.", body,
+                     answerOf("An answer for each", answers)});
 }
 
 // ---- The bundled other side of a key exchange.
@@ -197,7 +207,7 @@ Json texts(const std::vector<const char*>& names)
     return properties;
 }
 
-Json peerPath(const PeerStep& step)
+Json peerPath(const Route& route, const PeerStep& step)
 {
     const Json body = {{"required", !step.members.empty()},
                        {"content", json(object(texts(step.members), step.members))}};
@@ -206,27 +216,75 @@ Json peerPath(const PeerStep& step)
          {reference("Answer"),
           object({{"results", {{"type", "object"}, {"properties", texts(step.results)}}}},
                  Json::array())}}};
-    std::string id = std::string("peer_") + step.name;
-    return {{"post", operation(id, "Key-exchange peer", step.summary, body,
-                               answerOf("The peer's answer", answer))}};
+    return pathItem(route, statusesOf(route),
+                    {std::string("peer_") + step.name, "Key-exchange peer", step.summary, body,
+                     answerOf("The peer's answer", answer)});
 }
 
-Json openPath(const char* id, const char* summary, const char* type, const Json& schema)
+// ---- What is read.
+
+Json catalogueSchema()
 {
-    return {
-        {"get",
-         {{"operationId", id},
-          {"tags", {"Service"}},
-          {"summary", summary},
-          {"security", Json::array()},
-          {"responses",
-           {{"200", {{"description", summary}, {"content", {{type, {{"schema", schema}}}}}}},
-            {"503", {{"description", "Not now"}, {"content", {{type, {{"schema", schema}}}}}}}}}}}};
+    const Json rows = arrayOf({{"type", "object"}});
+    return object({{"version", text()},
+                   {"requests", rows},
+                   {"codes", rows},
+                   {"hostCodes", rows},
+                   {"warnings", rows}},
+                  {"version", "requests", "codes", "hostCodes", "warnings"});
 }
 
-Json readPath(const char* id, const char* summary, const Json& answer)
+// {id, summary, answer}; the path's own name is the ID.
+Operation reading(const Route& route)
 {
-    return {{"get", operation(id, "Service", summary, nullptr, answer)}};
+    const auto read = [](const char* id, const char* summary, const Json& answer) {
+        return Operation{id, "Service", summary, nullptr, answer};
+    };
+    const Json any = {{"type", "object"}};
+    switch (route.target) {
+        case Target::Status:
+            return read("status", "Workers, sessions, limits.", answerOf("The status", any));
+        case Target::Live:
+            return read("livez", "Whether the host runs.",
+                        answerOf("It does", reference("Health")));
+        case Target::Ready:
+            return read("readyz", "Whether a worker gives a known answer.",
+                        answerOf("It does", reference("Health")));
+        case Target::Metrics:
+            return read("metrics", "Counters in Prometheus' text format.",
+                        {{"description", "The metrics"},
+                         {"content", {{"text/plain", {{"schema", text()}}}}}});
+        default:
+            break;
+    }
+    if (route.path == std::string("/openapi.json"))
+        return read("openapi", "This document.", answerOf("The document", any));
+    return read("catalogue", "The requests and codes, as corvane-host list has them.",
+                answerOf("The catalogue", catalogueSchema()));
+}
+
+Json readPath(const Route& route)
+{
+    Json item = pathItem(route, statusesOf(route), reading(route));
+    if (route.target == Target::Ready)
+        item["get"]["responses"]["503"] = answerOf("It does not", reference("Health"));
+    return item;
+}
+
+Json paths()
+{
+    Json all = Json::object();
+    for (const Route& route : httpRoutes()) {
+        if (route.target == Target::Request)
+            for (const RequestInfo& request : catalogue())
+                all[std::string(route.path) + request.name] = requestPath(route, request);
+        else if (route.target == Target::Peer)
+            for (const PeerStep& step : peerSteps())
+                all[std::string(route.path) + step.name] = peerPath(route, step);
+        else
+            all[route.path] = route.target == Target::Batch ? batchPath(route) : readPath(route);
+    }
+    return all;
 }
 
 // ---- Schemas.
@@ -248,6 +306,9 @@ Json schemas()
          {text(), integer(), bytes("text", ""), bytes("base64", "^[A-Za-z0-9+/_-]*={0,2}$"),
           bytes("hex", "^([0-9A-Fa-f]{2})*$"), bytes("raw", "")}}};
 
+    Json reasons = Json::array();
+    for (const Reason& reason : hostReasons())
+        reasons.push_back(reason.name);
     const Json error = object(
         {{"code", {{"type", "string"}, {"description", "A number, or a word of the host's"}}},
          {"source", {{"type", "string"}, {"enum", {"plug-in", "engine", "host", "peer"}}}},
@@ -255,8 +316,12 @@ Json schemas()
          {"field", {{"type", {"string", "null"}}}},
          {"text", text()},
          {"cause", text()},
-         {"remedy", text()}},
+         {"remedy", text()},
+         {"reason", {{"type", "string"}, {"enum", reasons}}}},
         {"code", "source", "text"});
+    Json complaints = Json::array();
+    for (const ComplaintKind& kind : complaintKinds())
+        complaints.push_back(kind.code);
     Json errorOrNull = {{"anyOf", {reference("Error"), {{"type", "null"}}}}};
     errorOrNull["description"] = "null after success";
 
@@ -267,7 +332,11 @@ Json schemas()
          {{"anyOf", {text(), bytes("base64", "^[A-Za-z0-9+/]*={0,2}$")}},
           {"description", "A text, or standard Base64 of bytes that are not UTF-8"}}},
         {"Error", error},
-        {"Warning", object({{"field", text()}, {"text", text()}}, {"field", "text"})},
+        {"Warning", object({{"field", text()},
+                            {"text", text()},
+                            {"code", {{"type", "string"}, {"enum", complaints}}},
+                            {"values", {{"type", "object"}}}},
+                           {"field", "text", "code", "values"})},
         {"Answer", object({{"results", {{"type", "object"}}},
                            {"error", errorOrNull},
                            {"warnings", arrayOf(reference("Warning"))},
@@ -281,36 +350,20 @@ Json schemas()
 
 Json openApi()
 {
-    Json paths = requestPaths();
-    paths["/v1/batch"] = batchPath();
-    paths["/v1/catalogue"] =
-        readPath("catalogue", "The requests and codes, as corvane-host list has them.",
-                 answerOf("The catalogue", object({{"version", text()},
-                                                   {"requests", arrayOf({{"type", "object"}})},
-                                                   {"codes", arrayOf({{"type", "object"}})}},
-                                                  {"version", "requests", "codes"})));
-    paths["/v1/status"] = readPath("status", "Workers, sessions, limits.",
-                                   answerOf("The status", {{"type", "object"}}));
-    for (const PeerStep& step : peerSteps())
-        paths[std::string("/v1/peer/") + step.name] = peerPath(step);
-    paths["/livez"] =
-        openPath("livez", "Whether the host runs.", "application/json", reference("Health"));
-    paths["/readyz"] = openPath("readyz", "Whether a worker gives a known answer.",
-                                "application/json", reference("Health"));
-    paths["/metrics"] = readPath(
-        "metrics", "Counters in Prometheus' text format.",
-        {{"description", "The metrics"}, {"content", {{"text/plain", {{"schema", text()}}}}}});
-
+    const std::string description =
+        "The plug-in's " + std::to_string(catalogue().size()) +
+        " requests over HTTP, for trying and testing. GET stands for HEAD too. The HTTP library "
+        "may answer 400, 413 and 431 by itself, then without a body.";
     return {{"openapi", "3.1.0"},
             {"info",
              {{"title", "Corvane reference host"},
               {"version", CORVANE_VERSION},
-              {"description", "The plug-in's 27 requests over HTTP, for trying and testing."}}},
+              {"description", description}}},
             {"servers", {{{"url", "http://127.0.0.1:8720"}}}},
             {"security", {{{"bearer", Json::array()}}}},
-            {"paths", paths},
+            {"paths", paths()},
             {"components",
              {{"schemas", schemas()},
-              {"responses", failureResponses()},
+              {"responses", commonResponses()},
               {"securitySchemes", {{"bearer", {{"type", "http"}, {"scheme", "bearer"}}}}}}}};
 }

@@ -1,23 +1,13 @@
-// The paths of the interface, and the methods that they take.
+// What the paths of the interface lead to: files of the console and documents that are made once.
 #ifndef CORVANE_SERVICE_HTTP_ROUTES_H
 #define CORVANE_SERVICE_HTTP_ROUTES_H
 
 #include <string>
 
 #include "console_files.h"
+#include "host/catalogue/http_routes.h"
 
-enum class Target { Request, Batch, Peer, Status, Live, Ready, Metrics, Document };
-
-struct Route {
-    const char* path;     // one that ends in "/" takes a name behind it
-    const char* pattern;  // for logs
-    const char* method;
-    Target target;
-};
-
-// Of a path as it was written: nothing is decoded, so nothing can be hidden. Null if there
-// is none.
-const Route* findRoute(const std::string& path);
+// A file of the console; null if there is none at the path.
 const ConsoleFile* findFile(const std::string& path);
 
 // What a route answers always with the same bytes, made once; null for the others.
@@ -25,8 +15,5 @@ const ConsoleFile* findDocument(const Route& route);
 
 // What a path has behind its route's.
 std::string nameBehind(const Route& route, const std::string& path);
-
-// Whether the token is asked for, also where there is nothing.
-bool needsToken(const std::string& path);
 
 #endif

@@ -12,12 +12,13 @@
 
 #include "common/secrets.h"
 #include "host/catalogue/catalogue.h"
+#include "host/catalogue/http_routes.h"
 #include "refusal.h"
 
 struct BodyLimits {
     size_t parameters = 64;
     size_t parameterBytes = size_t{16} << 20;
-    size_t batch = 256;
+    size_t batch = mostBatchRequests;
 };
 
 // A parameter as it came.
