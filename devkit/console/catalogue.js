@@ -1,7 +1,7 @@
 // What the host says about its requests and codes. All that the page knows of them comes from
 // here, so that it suits whatever host it was served by.
 
-let content = { requests: [] };
+let content = { requests: [], codes: [] };
 
 export function setCatalogue(json) {
     content = json;
@@ -13,6 +13,11 @@ export function requests() {
 
 export function findRequest(name) {
     return content.requests.find((request) => request.name === name);
+}
+
+// A code of the plug-in or the engine, as an answer has it; undefined for others.
+export function findCode(code) {
+    return content.codes.find((row) => String(row.code) === code);
 }
 
 export function findParameter(request, name) {

@@ -4,6 +4,7 @@
 import { announce, el, newId } from './dom.js';
 import { applies, convertEntry, entryBytes, entryValue, fault, fieldKind, isEmpty, isRequired,
     takesRandom, takesUpload } from './entries.js';
+import { warningText } from './host_texts.js';
 import { byteCount, sentence, t } from './i18n.js';
 import { openSessions } from './memory.js';
 import { randomBytes, toHex } from './values.js';
@@ -253,10 +254,10 @@ export class RequestForm {
     // Puts the host's warnings at their fields; those without a field are returned.
     showWarnings(warnings) {
         for (const field of this.fields) field.warning.textContent = '';
-        const homeless = warnings.filter(({ field: name, text }) => {
-            const field = this.fields.find((candidate) => candidate.parameter.name === name);
+        const homeless = warnings.filter((warning) => {
+            const field = this.fields.find((candidate) => candidate.parameter.name === warning.field);
             // What the form itself says of the field is enough.
-            if (field && field.problem.textContent === '') field.warning.textContent = t(text);
+            if (field && field.problem.textContent === '') field.warning.textContent = warningText(warning);
             return !field;
         });
         this.refresh();

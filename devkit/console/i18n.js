@@ -1,7 +1,7 @@
 // Two languages. Texts are written in English where they are used; the table of the other
 // language maps them. What it lacks stays English.
 
-import { chinese, chinesePatterns } from './zh.js';
+import { chinese } from './zh.js';
 
 const STORED = 'corvane.language';
 
@@ -24,26 +24,23 @@ export function setLanguage(name) {
     chooseLanguage();
 }
 
-// The text for texts that hold a name or a number, as the host writes them.
-function byPattern(english) {
-    for (const [pattern, text] of chinesePatterns) {
-        const match = english.match(pattern);
-        if (match) return text.replace(/\{(\d)\}/g, (_, index) => t(match[Number(index)]));
-    }
-    return english;
+// The text with {name} replaced by values.
+export function filled(text, values) {
+    return text.replace(/\{(\w+)\}/g, (whole, name) => (name in values ? values[name] : whole));
 }
 
 // The text in the chosen language, with {name} replaced by values.
 export function t(english, values = {}) {
-    let text = english;
-    if (language === 'zh') text = chinese[english] ?? byPattern(english);
-    return text.replace(/\{(\w+)\}/g, (whole, name) => (name in values ? values[name] : whole));
+    return filled(language === 'zh' ? chinese[english] ?? english : english, values);
+}
+
+export function capitalised(text) {
+    return text.charAt(0).toUpperCase() + text.slice(1);
 }
 
 // A text of the catalogue at the beginning of a line.
 export function sentence(english) {
-    const text = t(english);
-    return text.charAt(0).toUpperCase() + text.slice(1);
+    return capitalised(t(english));
 }
 
 export function number(value) {

@@ -5,6 +5,7 @@ import { findParameter, findRequest } from './catalogue.js';
 import { curlLine, hostLine } from './command_lines.js';
 import { announce, el, icon } from './dom.js';
 import { RequestForm } from './form.js';
+import { errorTexts, warningText } from './host_texts.js';
 import { sentence, t } from './i18n.js';
 import { forgetForm, formOf, remember } from './memory.js';
 import { copyButton, drawOutcome, duration } from './result.js';
@@ -30,7 +31,7 @@ export async function exchange(request, parameters) {
 }
 
 function outcomeText(outcome) {
-    if (!outcome.ok) return t('Refused: {code}. {text}', { code: outcome.error.code, text: t(outcome.error.text) });
+    if (!outcome.ok) return t('Refused: {code}. {text}', { code: outcome.error.code, text: errorTexts(outcome.error).text });
     return t('Success, {time}', { time: duration(outcome.microseconds) });
 }
 
@@ -155,7 +156,7 @@ export class RequestView {
         this.answer.replaceChildren(drawOutcome(this.request, outcome,
             (target, result, value) => this.use(target, result, value)));
         const homeless = this.form.showWarnings(outcome.warnings);
-        this.answer.append(...homeless.map(({ text }) => el('p', { class: 'warning' }, t(text))));
+        this.answer.append(...homeless.map((warning) => el('p', { class: 'warning' }, warningText(warning))));
         this.markStale();
     }
 

@@ -5,7 +5,8 @@ import { requests } from './catalogue.js';
 import { announce, el, icon, newId } from './dom.js';
 import { fieldKind } from './entries.js';
 import { segments } from './form.js';
-import { byteCount, number, sentence, t } from './i18n.js';
+import { errorTexts } from './host_texts.js';
+import { byteCount, capitalised, number, sentence, t } from './i18n.js';
 import { isPrintable, resultBytes, textOf, toBase64, toHex, toUrlBase64 } from './values.js';
 
 // Longer values are cut on the page; copies and files hold them whole. A multiple of three, so
@@ -174,17 +175,18 @@ export function errorCard(error, level = 'h3') {
         peer: t('refused by the peer'),
         page: t('noticed by this page'),
     };
+    const { text: meaning, cause, remedy } = errorTexts(error);
     const rows = [
-        [t('Meaning'), error.text],
-        [t('Likely cause'), error.cause],
-        [t('What to do'), error.remedy],
+        [t('Meaning'), meaning],
+        [t('Likely cause'), cause],
+        [t('What to do'), remedy],
     ].filter(([, text]) => text);
     const field = error.field ? [el('dt', {}, t('Field')), el('dd', {}, el('code', {}, error.field))] : [];
     return el('section', { class: 'error-card', data: { code: error.code } },
         el(level, {}, el('span', { class: 'code' }, error.code), ' ',
             el('span', {}, error.name || '')),
         el('p', { class: 'source' }, sources[error.source] ?? ''),
-        el('dl', {}, rows.map(([term, text]) => [el('dt', {}, term), el('dd', {}, sentence(text))]).flat(), field));
+        el('dl', {}, rows.map(([term, text]) => [el('dt', {}, term), el('dd', {}, capitalised(text))]).flat(), field));
 }
 
 export function duration(microseconds) {

@@ -585,7 +585,7 @@ describe('Console', () => {
             for (const element of document.querySelectorAll('[aria-label], [placeholder], [title], optgroup'))
                 for (const name of ['aria-label', 'placeholder', 'title'])
                     if (element.hasAttribute(name) && !element.closest('#language, .line pre')) texts.push(element.getAttribute(name));
-            const names = new RegExp(`QZa[vV]en_\\w+|corvane-host( \\w+)?|${known.join('|')}|Ctrl\\+Enter|errorCode|gcmOutTag|Camellia|Base64|Data|ke_\\w+|curl|\\bcall\\b|[A-Z]{3,}`, 'g');
+            const names = new RegExp(`QZa[vV]en_\\w+|corvane-host( \\w+)?|${known.join('|')}|Ctrl\\+Enter|errorCode|gcmOutTag|session_gone|Camellia|Base64|Data|ke_\\w+|curl|\\bcall\\b|[A-Z]{3,}`, 'g');
             return [...new Set(texts)].filter((text) => /[A-Za-z]{4}/.test(text.replace(names, '')));
         }, parameters);
         assert.equal(await page.evaluate(() => document.documentElement.lang), 'zh-CN');
@@ -600,6 +600,13 @@ describe('Console', () => {
         await fill(page, 'OutLen', '70000');
         await send(page);
         await checks('error');
+        assert.match(await page.locator('.error-card').textContent(), /缺少必需的参数/);
+        await openRequest(page, 'QZaven_ke_client_hello');
+        await fill(page, 'strKe', 'ke_of_another_day');
+        await send(page);
+        assert.match(await page.locator('.error-card').textContent(), /没有这个会话：此处不知道它/);
+        await checks('refusal');
+        await openRequest(page, 'QZaven_crypto_kdf');
         await picture('chinese-error');
         await openRequest(page, 'QZaven_crypto_encrypt');
         await fillAll(page, { strCipherAlg: '4', strMode: '6', strKey: { hex: KEY + KEY }, strIV: { hex: '000102030405060708090a0b' },
@@ -622,7 +629,7 @@ describe('Console', () => {
         assert.equal(await page.evaluate(() => document.activeElement.id), 'language');
         await page.reload();
         await page.waitForFunction(() => document.querySelector('h1')?.textContent === 'History');
-    }));
+    }, [410]));
 
     test('Colours can be chosen, and are remembered', onPage(async () => {
         const ground = () => page.evaluate(() => getComputedStyle(document.body).backgroundColor);

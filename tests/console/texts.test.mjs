@@ -1,13 +1,16 @@
-// Every text of the console and of the host's catalogue has a Chinese one.
+// Every text of the console and of the host has a Chinese one.
 
 import assert from 'node:assert/strict';
-import { execFileSync } from 'node:child_process';
 import { readFileSync, readdirSync } from 'node:fs';
 import { after, before, describe, test } from 'node:test';
 import { fileURLToPath } from 'node:url';
 
 import { flows } from '../../devkit/console/flows.js';
+import { errorTexts, warningText } from '../../devkit/console/host_texts.js';
+import { setCatalogue } from '../../devkit/console/catalogue.js';
+import { setLanguage } from '../../devkit/console/i18n.js';
 import { chinese } from '../../devkit/console/zh.js';
+import { codes as codeTexts, reasons as reasonTexts, warnings as warningTexts } from '../../devkit/console/zh_host.js';
 import { getJson, startHost } from './host.mjs';
 
 const sources = fileURLToPath(new URL('../../devkit/console/', import.meta.url));
@@ -29,16 +32,15 @@ describe('Chinese', () => {
     after(() => host.stop());
 
     test('of the catalogue lacks nothing', async () => {
-        const { requests, codes } = await getJson(host, '/v1/catalogue');
+        const { requests } = await getJson(host, '/v1/catalogue');
         assert.equal(requests.length, 27);
-        assert.ok(codes.length > 60);
         const texts = requests.flatMap((request) => [
             request.group, request.summary,
             ...request.parameters.flatMap((parameter) => [
                 parameter.meaning, parameter.need, ...(parameter.choices ?? []).map((choice) => choice.text)]),
             ...request.results.map((result) => result.meaning),
         ]);
-        assert.deepEqual(missing([...texts, ...codes.flatMap((code) => [code.text, code.cause, code.remedy])]), []);
+        assert.deepEqual(missing(texts), []);
     });
 
     test('of the console lacks nothing', () => {
@@ -57,12 +59,63 @@ describe('Chinese', () => {
         assert.deepEqual(missing(texts), []);
     });
 
-    test('of the host\'s own refusals lacks nothing', () => {
-        const document = execFileSync('grep', ['-hoE', '\\{"[a-z_]+", +[0-9]{3}, .*\\},',
-            fileURLToPath(new URL('../../devkit/service/requests/refusal.cpp', import.meta.url))]).toString();
-        const texts = document.trim().split('\n').flatMap((row) =>
-            JSON.parse(row.replace(/^\{/, '[').replace(/\},$/, ']')).slice(2));
-        assert.ok(texts.length > 40);
-        assert.deepEqual(missing(texts), []);
+    // The names in braces, in their order.
+    const places = (text) => (text.match(/\{\w+\}/g) ?? []).sort();
+
+    test('of the host\'s codes lacks nothing, and has nothing else', async () => {
+        const { codes, hostCodes } = await getJson(host, '/v1/catalogue');
+        assert.ok(codes.length > 60);
+        assert.ok(hostCodes.length > 20);
+        const rows = [...codes, ...hostCodes];
+        assert.deepEqual(Object.keys(codeTexts).sort(), rows.map((row) => String(row.code)).sort());
+        for (const row of rows) {
+            for (const member of ['text', 'cause', 'remedy']) assert.ok(row[member], `${row.code} ${member}`);
+            assert.equal(codeTexts[row.code].length, 3, row.code);
+            for (const text of codeTexts[row.code]) assert.match(text, /[一-鿿]/, row.code);
+        }
+        assert.deepEqual(Object.keys(reasonTexts).sort(),
+            hostCodes.flatMap((row) => row.reasons.map(({ name }) => name)).sort());
+    });
+
+    test('of the host\'s warnings lacks nothing, and has nothing else', async () => {
+        const { warnings } = await getJson(host, '/v1/catalogue');
+        assert.deepEqual(Object.keys(warningTexts).sort(), warnings.map(({ code }) => code).sort());
+        for (const { code, text } of warnings) assert.deepEqual(places(warningTexts[code]), places(text), code);
+    });
+
+    test('of what the host answers leaves no English behind', async () => {
+        globalThis.localStorage = { getItem: () => 'zh', setItem: () => {} };
+        globalThis.document = { documentElement: {} };
+        setLanguage('zh');
+        setCatalogue(await getJson(host, '/v1/catalogue'));
+        const ask = async (name, parameters) => (await fetch(`${host.origin}/v1/requests/${name}`, { method: 'POST',
+            headers: { Authorization: `Bearer ${host.token}`, 'Content-Type': 'application/json' },
+            body: JSON.stringify(parameters) })).json();
+        const spoken = (texts) => texts.map((text) => text.replace(
+            /\bstr\w+|srcdata|QZ\w+|OutLen|--[a-z-]+|Base64|Content-Type|UTF-8|JSON|URL|true|false|null|\{"\w+"\}/g, ''));
+        const cases = [
+            ['QZaven_crypto_kdf', { OutLen: 70000, strNothing: 'x', HashType: 4 }, 'missing out_of_range unknown'],
+            ['QZaven_crypto_encrypt', { strMode: 6, strCipherPadding: 7, strdata: { raw: '%' } },
+                'missing missing missing missing not_base64 not_one_of'],
+            ['QZaven_wbsm4_encrypt', { strKey: { text: 'x' }, strIV: { text: 'x' }, strdata: { text: 'x' } }, 'wrong_size wrong_size'],
+            ['QZaven_ke_free', { strKe: 'ke_of_another_day' }, ''],
+            ['QZaven_ke_set_root_certificate', { strCa_file: 'root.crt' }, ''],
+            ['QZaven_crypto_hmac', { strKey: '%' }, ''],
+            ['QZaven_crypto_hmac', { strKey: 1.5 }, ''],
+        ];
+        for (const [name, parameters, expected] of cases) {
+            const { error, warnings } = await ask(name, parameters);
+            assert.equal(warnings.map(({ code }) => code).sort().join(' '), expected, name);
+            const { text, cause, remedy } = errorTexts(error);
+            for (const said of spoken([text, cause, remedy, ...warnings.map(warningText)])) {
+                assert.match(said, /[一-鿿]/);
+                assert.doesNotMatch(said, /[A-Za-z]{4}/);
+            }
+        }
+        // What another engine says of its code stays, and a reason says more than its code.
+        const foreign = { source: 'engine', code: '-30040', text: 'another text', cause: '', remedy: '' };
+        assert.equal(errorTexts(foreign).text, 'another text');
+        assert.notEqual(errorTexts({ source: 'host', code: 'session_gone', reason: 'session_freed' }).text,
+            errorTexts({ source: 'host', code: 'session_gone' }).text);
     });
 });
