@@ -7,7 +7,6 @@
 //     crypto_ratios <libsofthsm2.so>
 // SOFTHSM2_CONF must name a configuration whose token directory is empty.
 
-#include <dlfcn.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/params.h>
@@ -121,14 +120,11 @@ private:
 
 class Hsm {
 public:
-    explicit Hsm(const char* library)
+    explicit Hsm(const char* library) : m_library(openLibrary(library))
     {
-        void* const opened = dlopen(library, RTLD_NOW);
-        if (opened == nullptr)
-            giveUp(dlerror());
-        const auto list =
-            reinterpret_cast<CK_C_GetFunctionList>(dlsym(opened, "C_GetFunctionList"));
-        require(list != nullptr && list(&m_functions) == CKR_OK, "C_GetFunctionList");
+        CK_C_GetFunctionList list = nullptr;
+        bindFunction(m_library, list, "C_GetFunctionList");
+        require(list(&m_functions) == CKR_OK, "C_GetFunctionList");
         check(m_functions->C_Initialize(nullptr), "C_Initialize");
         openToken();
     }
@@ -223,6 +219,7 @@ private:
         check(m_functions->C_Login(m_session, CKU_USER, bytes(pin), pin.length()), "C_Login");
     }
 
+    OpenedLibrary m_library;
     CK_FUNCTION_LIST* m_functions = nullptr;
     CK_SESSION_HANDLE m_session = 0;
 };

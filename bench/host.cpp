@@ -1,30 +1,11 @@
 #include "host.h"
 
-#include <dlfcn.h>
-
 #include <cstdio>
 #include <cstdlib>
 
-#include "Corvane_plugin.h"
 #include "log.h"
 
 namespace {
-
-void* open(const std::string& path)
-{
-    void* library = dlopen(path.c_str(), RTLD_NOW);
-    if (library == nullptr)
-        giveUp(dlerror());
-    return library;
-}
-
-template <class Function>
-void resolve(void* library, const char* name, Function& function)
-{
-    function = reinterpret_cast<Function>(dlsym(library, name));
-    if (function == nullptr)
-        giveUp(std::string("no function ") + name);
-}
 
 // The contracts take texts that they do not change without const.
 char* chars(const std::string& text)
@@ -46,14 +27,10 @@ void giveUp(const std::string& why)
 }
 
 Host::Host(const std::string& paramsLibrary, const std::string& engineLibrary)
-    : m_params(open(paramsLibrary)), m_engine(open(engineLibrary))
+    : m_paramsLibrary(openLibrary(paramsLibrary)), m_engineLibrary(openLibrary(engineLibrary))
 {
-#define RESOLVE(name, parameters) resolve(m_params, #name, name);
-    CORVANE_PARAMS_FUNCTIONS(RESOLVE)
-#undef RESOLVE
-#define RESOLVE(result, name, parameters) resolve(m_engine, #name, name);
-    AVEN_ENGINE_FUNCTIONS(RESOLVE)
-#undef RESOLVE
+    params.bind(m_paramsLibrary);
+    engine.bind(m_engineLibrary);
     Corvane_plugin_Init();
     log_set_level(-1);
     expectSuccess("QZaVen_GetVersion", {});
@@ -62,14 +39,12 @@ Host::Host(const std::string& paramsLibrary, const std::string& engineLibrary)
 Host::~Host()
 {
     Corvane_plugin_Free();
-    dlclose(m_engine);
-    dlclose(m_params);
 }
 
 void Host::store(const Pairs& parameters) const
 {
     for (const auto& [name, value] : parameters)
-        AddHttpParams(chars(name), length(name), chars(value), length(value));
+        params.AddHttpParams(chars(name), length(name), chars(value), length(value));
 }
 
 void Host::send(const std::string& request) const
@@ -80,10 +55,10 @@ void Host::send(const std::string& request) const
 std::string Host::result(const std::string& name) const
 {
     long announced = 0;
-    if (GetRetParams(chars(name), length(name), nullptr, &announced) != 0)
+    if (params.GetRetParams(chars(name), length(name), nullptr, &announced) != 0)
         return "";
     std::string value(static_cast<size_t>(announced) + 1, '\0');
-    GetRetParams(chars(name), length(name), value.data(), &announced);
+    params.GetRetParams(chars(name), length(name), value.data(), &announced);
     value.resize(static_cast<size_t>(announced));
     return value;
 }

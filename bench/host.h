@@ -6,10 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "engine_interface.h"
-#include "params_interface.h"
-
-using Pairs = std::vector<std::pair<std::string, std::string>>;
+#include "common/opened_library.h"
+#include "common/pairs.h"
 
 [[noreturn]] void giveUp(const std::string& why);
 
@@ -33,17 +31,14 @@ public:
     // Sends a request to see that it works; one that fails would be quick.
     void expectSuccess(const std::string& request, const Pairs& parameters) const;
 
-    // What the libraries offer, for the skeleton of a request.
-#define DECLARE(name, parameters) int(*name) parameters = nullptr;
-    CORVANE_PARAMS_FUNCTIONS(DECLARE)
-#undef DECLARE
-#define DECLARE(result, name, parameters) result(*name) parameters = nullptr;
-    AVEN_ENGINE_FUNCTIONS(DECLARE)
-#undef DECLARE
-
 private:
-    void* m_params;
-    void* m_engine;
+    OpenedLibrary m_paramsLibrary;
+    OpenedLibrary m_engineLibrary;
+
+public:
+    // What the libraries offer, for the skeleton of a request.
+    ParamsFunctions params;
+    EngineFunctions engine;
 };
 
 // In front of the linear module and the copying engine.

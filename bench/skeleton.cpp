@@ -14,18 +14,19 @@ struct Free {
 std::string read(const Host& host, std::string name)
 {
     long length = 0;
-    if (host.GetHttpParams(name.data(), static_cast<long>(name.length()), nullptr, &length) != 0)
+    if (host.params.GetHttpParams(name.data(), static_cast<long>(name.length()), nullptr,
+                                  &length) != 0)
         return "";
     std::string value(static_cast<size_t>(length) + 1, '\0');
-    host.GetHttpParams(name.data(), static_cast<long>(name.length()), value.data(), &length);
+    host.params.GetHttpParams(name.data(), static_cast<long>(name.length()), value.data(), &length);
     value.resize(static_cast<size_t>(length));
     return value;
 }
 
 void write(const Host& host, std::string name, std::string value)
 {
-    host.AddRetParams(name.data(), static_cast<long>(name.length()), value.data(),
-                      static_cast<long>(value.length()));
+    host.params.AddRetParams(name.data(), static_cast<long>(name.length()), value.data(),
+                             static_cast<long>(value.length()));
 }
 
 // In the place of the decoding in place: moves the last bytes to the front.
@@ -50,8 +51,8 @@ std::string lengthened(const std::string& bytes)
 
 void encryptionSkeleton(const Host& host, size_t payload)
 {
-    host.ClearRetParams();
-    host.ClearRetCustomParam();
+    host.params.ClearRetParams();
+    host.params.ClearRetCustomParam();
 
     const std::string alg = read(host, "strCipherAlg");
     const std::string mode = read(host, "strMode");
@@ -78,8 +79,9 @@ void encryptionSkeleton(const Host& host, size_t payload)
     if (buffer == nullptr)
         giveUp("no memory");
     memset(buffer.get(), 0, length + 1);
-    host.aven_crypto_encrypt(&block, reinterpret_cast<const unsigned char*>(data.data()),
-                             static_cast<uint32_t>(payload), buffer.get(), &length, 0, nullptr);
+    host.engine.aven_crypto_encrypt(&block, reinterpret_cast<const unsigned char*>(data.data()),
+                                    static_cast<uint32_t>(payload), buffer.get(), &length, 0,
+                                    nullptr);
     std::string().swap(data);
     std::string out(reinterpret_cast<const char*>(buffer.get()), length);
     buffer.reset();
@@ -90,5 +92,5 @@ void encryptionSkeleton(const Host& host, size_t payload)
     write(host, "errorCode", "0");
     write(host, "gcmOutTag", "");
 
-    host.ClearHttpParams();
+    host.params.ClearHttpParams();
 }

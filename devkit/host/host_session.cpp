@@ -1,6 +1,5 @@
 #include "host_session.h"
 
-#include <dlfcn.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -16,12 +15,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string loaderMessage()
-{
-    const char* message = dlerror();
-    return message != nullptr ? message : "unknown reason";
-}
 
 // A given path always means a file, also when it has no slash.
 std::string chosen(const std::string& given, const char* name)
@@ -87,6 +80,22 @@ void checkLibrary(const std::string& path)
         throw LoadError("cannot load a library: " + file.fault + "; " + file.remedy);
 }
 
+OpenedLibrary openChecked(const std::string& path)
+{
+    checkLibrary(path);
+    return openLibrary(path);
+}
+
+OpenedLibrary openByBareName(const std::string& path, const char* bareName)
+{
+    OpenedLibrary library = openChecked(path);
+    const OpenedLibrary byName(dlopen(bareName, RTLD_NOW | RTLD_NOLOAD));
+    if (byName != library)
+        throw BareNameError(path + " does not answer to the name " + bareName +
+                            ", by which the plug-in opens it");
+    return library;
+}
+
 using Clock = std::chrono::steady_clock;
 
 double microsecondsBetween(Clock::time_point from, Clock::time_point to)
@@ -134,92 +143,51 @@ void checkLibraries(const LibraryPaths& paths)
         checkLibrary(path);
 }
 
-void HostSession::CloseLibrary::operator()(void* handle) const
-{
-    dlclose(handle);
-}
-
-HostSession::Library HostSession::open(const std::string& path)
-{
-    checkLibrary(path);
-    Library library(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
-    if (library == nullptr)
-        throw LoadError("cannot load " + loaderMessage());
-    return library;
-}
-
-HostSession::Library HostSession::openByBareName(const std::string& path, const char* bareName)
-{
-    Library library = open(path);
-    const Library byName(dlopen(bareName, RTLD_NOW | RTLD_NOLOAD));
-    if (byName != library)
-        throw BareNameError(path + " does not answer to the name " + bareName +
-                            ", by which the plug-in opens it");
-    return library;
-}
-
-template <class Function>
-void HostSession::resolve(const Library& library, const char* name, Function& function)
-{
-    function = reinterpret_cast<Function>(dlsym(library.get(), name));
-    if (function == nullptr)
-        throw LoadError("a function is missing: " + loaderMessage());
-}
-
 HostSession::HostSession(const LibraryPaths& paths)
-    : params_(openByBareName(paths.params, paramsName)),
-      engine_(openByBareName(paths.engine, engineName)),
-      plugin_(open(paths.plugin))
+    : paramsLibrary_(openByBareName(paths.params, paramsName)),
+      engineLibrary_(openByBareName(paths.engine, engineName)),
+      pluginLibrary_(openChecked(paths.plugin))
 {
-    bind();
+    params_.bind(paramsLibrary_);
+    plugin_.bind(pluginLibrary_);
     initialise();
 }
 
 HostSession::~HostSession()
 {
-    free_();
-}
-
-void HostSession::bind()
-{
-#define CORVANE_RESOLVE(name, parameters) resolve(params_, #name, name##_);
-    CORVANE_PARAMS_FUNCTIONS(CORVANE_RESOLVE)
-#undef CORVANE_RESOLVE
-    resolve(plugin_, "Corvane_plugin_Init", init_);
-    resolve(plugin_, "Corvane_plugin_Request", request_);
-    resolve(plugin_, "Corvane_plugin_Free", free_);
+    plugin_.free();
 }
 
 void HostSession::initialise()
 {
     OutputCapture capture;
-    init_();
+    plugin_.init();
     const std::string printed = capture.take();
 
     fputs(printed.c_str(), stderr);
     if (printed.find("load fail") == std::string::npos &&
         printed.find("aven_global_init ERROR") == std::string::npos)
         return;
-    free_();
+    plugin_.free();
     throw LoadError("the plug-in could not initialise: " +
                     printed.substr(0, printed.find_last_not_of('\n') + 1));
 }
 
 void HostSession::setLogLevel(const std::string& name)
 {
-    const auto levelOf =
-        reinterpret_cast<decltype(&log_get_level)>(dlsym(plugin_.get(), "log_get_level"));
-    const auto setLevel =
-        reinterpret_cast<decltype(&log_set_level)>(dlsym(plugin_.get(), "log_set_level"));
+    decltype(&log_get_level) levelOf;
+    decltype(&log_set_level) setLevel;
+    resolve(pluginLibrary_.get(), levelOf, "log_get_level");
+    resolve(pluginLibrary_.get(), setLevel, "log_set_level");
     if (levelOf != nullptr && setLevel != nullptr)
         setLevel(levelOf(name.c_str()));
 }
 
 void HostSession::emptyStores()
 {
-    ClearHttpParams_();
-    ClearRetParams_();
-    ClearRetCustomParam_();
+    params_.ClearHttpParams();
+    params_.ClearRetParams();
+    params_.ClearRetCustomParam();
 }
 
 Reply HostSession::send(const std::string& name, const Pairs& parameters)
@@ -234,12 +202,12 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
     const auto start = Clock::now();
     emptyStores();
     for (const auto& [key, value] : parameters)
-        if (AddHttpParams_(bytes(key), lengthOf(key), bytes(value), lengthOf(value)) != 0)
+        if (params_.AddHttpParams(bytes(key), lengthOf(key), bytes(value), lengthOf(value)) != 0)
             throw LoadError("the parameter module refuses the parameter " + key);
 
     Reply reply;
     const auto stored = Clock::now();
-    request_(name.data(), static_cast<unsigned int>(name.size()));
+    plugin_.request(name.data(), static_cast<unsigned int>(name.size()));
     const auto answered = Clock::now();
     reply.results = readResults();
     reply.storeMicroseconds = microsecondsBetween(start, stored);
@@ -252,7 +220,7 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
 Pairs HostSession::readResults()
 {
     int count = 0;
-    if (GetRetParamsSum_(&count) != 0)
+    if (params_.GetRetParamsSum(&count) != 0)
         throw LoadError("the parameter module does not tell how many results there are");
 
     Pairs results;
@@ -263,7 +231,7 @@ Pairs HostSession::readResults()
         };
         long nameLength = 0;
         long valueLength = 0;
-        if (GetRetParamFromIndex_(i, nullptr, &nameLength, nullptr, &valueLength) != 0 ||
+        if (params_.GetRetParamFromIndex(i, nullptr, &nameLength, nullptr, &valueLength) != 0 ||
             nameLength < 0 || valueLength < 0)
             throw refused();
 
@@ -271,7 +239,8 @@ Pairs HostSession::readResults()
         std::string value(static_cast<size_t>(valueLength) + 1, '\0');
         const long nameRoom = nameLength;
         const long valueRoom = valueLength;
-        if (GetRetParamFromIndex_(i, name.data(), &nameLength, value.data(), &valueLength) != 0 ||
+        if (params_.GetRetParamFromIndex(i, name.data(), &nameLength, value.data(), &valueLength) !=
+                0 ||
             nameLength < 0 || nameLength > nameRoom || valueLength < 0 || valueLength > valueRoom)
             throw refused();
 

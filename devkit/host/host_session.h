@@ -2,22 +2,15 @@
 #ifndef CORVANE_HOST_HOST_SESSION_H
 #define CORVANE_HOST_HOST_SESSION_H
 
-#include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "common/opened_library.h"
 #include "host/catalogue/catalogue.h"
-#include "params_interface.h"
 
 constexpr const char* pluginName = "libCorvane_plugin.so";
 constexpr const char* paramsName = "libCorvaneParamsModule.so";
 constexpr const char* engineName = "libSoftModuleaven.so";
-
-// A library could not be loaded, or does not behave as its contract says.
-struct LoadError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 // A library was loaded from its path, but the plug-in, which opens it by its bare name,
 // would not get it: its SONAME is missing or another one.
@@ -72,32 +65,16 @@ public:
     void setLogLevel(const std::string& name);
 
 private:
-    struct CloseLibrary {
-        void operator()(void* handle) const;
-    };
-    using Library = std::unique_ptr<void, CloseLibrary>;
-
-    static Library open(const std::string& path);
-    static Library openByBareName(const std::string& path, const char* bareName);
-    template <class Function>
-    static void resolve(const Library& library, const char* name, Function& function);
-
-    void bind();
     void initialise();
     void emptyStores();
     Pairs readResults();
 
     // In this order, so that the plug-in is unloaded first.
-    Library params_;
-    Library engine_;
-    Library plugin_;
-
-#define CORVANE_DECLARE(name, parameters) int(*name##_) parameters = nullptr;
-    CORVANE_PARAMS_FUNCTIONS(CORVANE_DECLARE)
-#undef CORVANE_DECLARE
-    int (*init_)() = nullptr;
-    int (*request_)(const char* name, unsigned int length) = nullptr;
-    int (*free_)() = nullptr;
+    OpenedLibrary paramsLibrary_;
+    OpenedLibrary engineLibrary_;
+    OpenedLibrary pluginLibrary_;
+    ParamsFunctions params_;
+    PluginFunctions plugin_;
 };
 
 #endif

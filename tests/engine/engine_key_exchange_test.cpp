@@ -22,6 +22,7 @@ using support::Fenced;
 using support::keyFile;
 using support::openssl;
 using support::pattern;
+using support::TemporaryFolder;
 using support::toBase64;
 using support::toHex;
 
@@ -37,39 +38,9 @@ std::string stringOf(Bytes bytes)
     return std::string(reinterpret_cast<const char*>(bytes.data), bytes.size);
 }
 
-// A directory of its own, gone at the end.
-class Directory {
-public:
-    Directory()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "corvane-ke-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr)
-            abort();
-        m_path = name;
-    }
-    Directory(const Directory&) = delete;
-    Directory& operator=(const Directory&) = delete;
-    ~Directory()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-
-    std::string path(const std::string& file = "") const { return m_path + "/" + file; }
-
-    std::string write(const std::string& file, const std::string& content) const
-    {
-        std::ofstream(path(file), std::ios::binary) << content;
-        return path(file);
-    }
-
-private:
-    std::string m_path;
-};
-
 // One kind's root and server, made once, and the root's file.
 struct World {
-    Directory directory;
+    TemporaryFolder directory;
     Credential root;
     ServerCredentials server;
     std::string rootFile;
@@ -177,7 +148,7 @@ protected:
     // What an exchange with a server, under a root, ends with.
     int codeWith(const ServerCredentials& server, const Credential& root)
     {
-        const Directory directory;
+        const TemporaryFolder directory;
         void* ke = newSession(directory.write("root.crt", toPem(root.certificate.get())));
         const Result result = exchange(ke, answerHello(server, hello(ke).out));
         EXPECT_EQ(engine.aven_ke_free(ke), 0);
@@ -309,7 +280,7 @@ TEST_F(KeyExchange, OpensslDerivesTheSameKeys)
         SCOPED_TRACE(nameOf(kind));
         const bool isSm2 = kind == KeyKind::sm2;
         const std::string hash = isSm2 ? "SM3" : "SHA256";
-        const Directory directory;
+        const TemporaryFolder directory;
         const World& world = worldOf(kind);
         writeCredentials(directory.path("server"), world.root, world.server);
         void* ke = newSession(world.rootFile);
@@ -596,7 +567,7 @@ protected:
     }
 
     const World& world = worldOf(KeyKind::sm2);
-    const Directory folder;
+    const TemporaryFolder folder;
 };
 
 TEST_F(TrustedRoots, FileHoldsAnyNumberInPemOrOneInDer)

@@ -7,8 +7,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <thread>
 
@@ -20,12 +18,7 @@ namespace {
 using support::DevkitEngine;
 using support::Everything;
 using support::Fenced;
-
-std::string fileText(const std::string& path)
-{
-    std::ifstream file(path);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
+using support::readWhole;
 
 struct TemporaryFile {
     TemporaryFile() { close(mkstemp(path)); }
@@ -182,7 +175,7 @@ TEST(EngineTexts, EveryCodeHasATextOfItsOwn)
 
 TEST(EngineTexts, ReadmeListsEveryCode)
 {
-    const std::string readme = fileText(CORVANE_SOURCE_DIR "/devkit/engine/README.md");
+    const std::string readme = readWhole(CORVANE_SOURCE_DIR "/devkit/engine/README.md");
     size_t codes = 0;
     const auto listed = [&](const std::string& row) {
         EXPECT_EQ(count(readme, row), 1u) << row;
@@ -204,15 +197,15 @@ TEST(EngineLog, BannerComesWithWhicheverIsSecond)
     TemporaryFile first, second;
     ASSERT_EQ(engine.aven_global_init(), 0);
     EXPECT_EQ(engine.aven_global_set_logger(first.path), 0);
-    EXPECT_EQ(count(fileText(first.path), banner), 1u);
+    EXPECT_EQ(count(readWhole(first.path), banner), 1u);
     EXPECT_EQ(engine.aven_global_cleanup(), 0);
 
     EXPECT_EQ(engine.aven_global_set_logger(second.path), 0);
-    EXPECT_EQ(fileText(second.path), "");
+    EXPECT_EQ(readWhole(second.path), "");
     ASSERT_EQ(engine.aven_global_init(), 0);
-    EXPECT_EQ(count(fileText(second.path), banner), 1u);
+    EXPECT_EQ(count(readWhole(second.path), banner), 1u);
     EXPECT_EQ(engine.aven_global_cleanup(), 0);
-    EXPECT_EQ(count(fileText(first.path), banner), 1u);
+    EXPECT_EQ(count(readWhole(first.path), banner), 1u);
 }
 
 TEST(EngineLog, AppendsOneLinePerFailureWithoutSecrets)
@@ -232,7 +225,7 @@ TEST(EngineLog, AppendsOneLinePerFailureWithoutSecrets)
     EXPECT_EQ(engine.aven_crypto_cmac(&params, params.key, 15, out, &len), AVEN_E_KEY_LENGTH);
     EXPECT_EQ(engine.aven_global_cleanup(), 0);
 
-    const std::string text = fileText(log.path);
+    const std::string text = readWhole(log.path);
     EXPECT_EQ(text.find("kept\n"), 0u);
     EXPECT_EQ(count(text, "\n"), 3u) << text;
     EXPECT_NE(text.find("aven_crypto_cmac: -30040 AVEN_E_KEY_LENGTH\n"), std::string::npos) << text;
@@ -247,11 +240,11 @@ TEST(EngineLog, TargetsAreChecked)
     ASSERT_EQ(engine.aven_global_set_logger(log.path), 0);
     EXPECT_EQ(engine.aven_global_set_logger(nullptr), AVEN_E_NULL_POINTER);
     EXPECT_EQ(engine.aven_global_set_logger("/nonexistent/log"), AVEN_E_LOG_TARGET);
-    EXPECT_NE(fileText(log.path).find("AVEN_E_LOG_TARGET"), std::string::npos);  // still there
-    const std::string before = fileText(log.path);
+    EXPECT_NE(readWhole(log.path).find("AVEN_E_LOG_TARGET"), std::string::npos);  // still there
+    const std::string before = readWhole(log.path);
     EXPECT_EQ(engine.aven_global_set_logger(""), 0);
     EXPECT_EQ(engine.aven_crypto_gen_symmkey(1, nullptr, nullptr), AVEN_E_NULL_POINTER);
-    EXPECT_EQ(fileText(log.path), before);
+    EXPECT_EQ(readWhole(log.path), before);
     EXPECT_EQ(engine.aven_global_cleanup(), 0);
 }
 
@@ -272,22 +265,13 @@ TEST(EngineLog, StandardErrorSharesItsPosition)
     }
     dup2(saved, STDERR_FILENO);
     close(saved);
-    const std::string text = fileText(file.path);
+    const std::string text = readWhole(file.path);
     EXPECT_EQ(text.find("before\n"), 0u);
     EXPECT_EQ(text.find("behind\n"), text.size() - 7) << text;
     EXPECT_EQ(count(text, "\n"), 3u) << text;
 }
 
 // ---- Unloading
-
-bool isLoaded()
-{
-    void* handle = dlopen(CORVANE_ENGINE_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
-    if (handle == nullptr)
-        return false;
-    dlclose(handle);
-    return true;
-}
 
 // CORVANE_ENGINE_ROUNDS=10000 is the long run.
 template <class Round>
@@ -309,7 +293,7 @@ void loadUseAndUnload(Cleanup cleanup)
             ASSERT_EQ(engine.aven_global_cleanup(), 0);
         }
     }
-    ASSERT_FALSE(isLoaded());
+    ASSERT_FALSE(isLibraryOpen(CORVANE_ENGINE_LIBRARY));
 }
 
 TEST(EngineUnload, RoundsWithCleanupStayFlat)
@@ -336,7 +320,7 @@ TEST(EngineUnload, RoundsUsedByAThreadOfItsOwnStayFlat)
             std::thread([&] { EXPECT_EQ(useEverything(engine), 0); }).join();
             ASSERT_EQ(engine.aven_global_cleanup(), 0);
         }
-        ASSERT_FALSE(isLoaded());
+        ASSERT_FALSE(isLibraryOpen(CORVANE_ENGINE_LIBRARY));
     });
 }
 
@@ -350,9 +334,9 @@ TEST(EngineUnload, HandlesAreClosedInAnyOrder)
             first.swap(second);
         second.reset();
         EXPECT_EQ(useEverything(*first), 0);
-        EXPECT_TRUE(isLoaded());
+        EXPECT_TRUE(isLibraryOpen(CORVANE_ENGINE_LIBRARY));
         first.reset();
-        EXPECT_FALSE(isLoaded());
+        EXPECT_FALSE(isLibraryOpen(CORVANE_ENGINE_LIBRARY));
     }
 }
 
@@ -370,7 +354,7 @@ TEST(EngineUnload, AThreadThatUsedItMayEndLater)
     while (step != 1)
         std::this_thread::yield();
     engine.reset();
-    EXPECT_FALSE(isLoaded());
+    EXPECT_FALSE(isLibraryOpen(CORVANE_ENGINE_LIBRARY));
     step = 2;
     user.join();
 }

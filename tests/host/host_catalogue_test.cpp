@@ -347,7 +347,7 @@ TEST_F(HostExplains, WhatIsNoCodeIsAnError)
 
 TEST_F(HostDocuments, RequestsDocumentIsTheCatalogues)
 {
-    EXPECT_EQ(readFile(CORVANE_SOURCE_DIR "/docs/requests.md"), run({"list", "--markdown"}).out)
+    EXPECT_EQ(readWhole(CORVANE_SOURCE_DIR "/docs/requests.md"), run({"list", "--markdown"}).out)
         << "corvane-host list --markdown >docs/requests.md";
 }
 
@@ -406,7 +406,7 @@ protected:
                                  "printf '%s' \"${COMPREPLY[*]}\" >\"$0.out\"\n");
         const std::string command = "bash -eu '" + program + "' '" + line + "'";
         EXPECT_EQ(0, system(command.c_str())) << line;
-        return readFile(program + ".out");
+        return readWhole(program + ".out");
     }
 };
 

@@ -122,7 +122,7 @@ TEST_F(HostDoctor, WrongCommandLinesAreRefused)
 
 TEST_F(HostDoctor, FilesThatCannotBeLoadedAreToldApartWithoutLoading)
 {
-    const std::string whole = readFile(engine);
+    const std::string whole = readWhole(engine);
     std::string bits32 = whole;
     bits32[4] = 1;
     std::string foreign = whole;
@@ -164,7 +164,7 @@ TEST_F(HostDoctor, FilesThatCannotBeLoadedAreToldApartWithoutLoading)
 
 TEST_F(HostDoctor, FilesDamagedInsideEndNothing)
 {
-    const std::string whole = readFile(params);
+    const std::string whole = readWhole(params);
     // The program headers, each 56 bytes behind the header's 64.
     for (size_t at = 24; at < 64 + size_t{8} * 56; at += 24) {
         std::string bytes = whole;
@@ -187,7 +187,7 @@ TEST_F(HostDoctor, LibraryThatLacksAnotherOneIsToldOf)
 
 TEST_F(HostDoctor, WhoMayWriteIsLookedAt)
 {
-    const std::string copy = file("copy.so", readFile(engine));
+    const std::string copy = file("copy.so", readWhole(engine));
     ASSERT_EQ(0, chmod(copy.c_str(), 0666));
     Json report = this->report({"--engine", copy});
     EXPECT_EQ(REFUSED, report["code"]);

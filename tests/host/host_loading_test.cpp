@@ -23,7 +23,7 @@ class HostLibraries : public Host {
 protected:
     std::vector<Damaged> damaged(const std::string& library) const
     {
-        const std::string whole = readFile(library);
+        const std::string whole = readWhole(library);
         std::string bits32 = whole;
         bits32[4] = 1;
         std::string foreign = whole;
@@ -65,13 +65,13 @@ protected:
         Ended ended;
         int status = 0;
         while (waitpid(pid, &status, WNOHANG) == 0) {
-            if (holds(readFile(path("out")), "listening"))
+            if (holds(readWhole(path("out")), "listening"))
                 kill(pid, SIGKILL);
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
         ended.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        ended.out = readFile(path("out"));
-        ended.err = readFile(path("err"));
+        ended.out = readWhole(path("out"));
+        ended.err = readWhole(path("err"));
         return ended;
     }
 

@@ -66,7 +66,7 @@ TEST_F(HostOutputFile, IsItsOwnersAlone)
     umask(before);
     EXPECT_EQ(0600U, mode("key"));
     EXPECT_EQ(0600U, mode("json"));
-    EXPECT_EQ(32U, readFile(path("key")).size());
+    EXPECT_EQ(32U, readWhole(path("key")).size());
 }
 
 TEST_F(HostOutputFile, IsNotReplacedUnlessToldTo)
@@ -77,12 +77,12 @@ TEST_F(HostOutputFile, IsNotReplacedUnlessToldTo)
     traced.emplace_back("--trace");
     const Ended ended = callTo(kept, traced);
     EXPECT_EQ(USAGE, ended.code);
-    EXPECT_EQ("before", readFile(kept));
+    EXPECT_EQ("before", readWhole(kept));
     EXPECT_TRUE(holds(ended.err, kept) && holds(ended.err, "--force")) << ended.err;
     EXPECT_FALSE(holds(ended.err, "trace: store")) << "it was sent: " << ended.err;
 
     EXPECT_EQ(SUCCESS, force(kept).code);
-    EXPECT_EQ(32U, readFile(kept).size());
+    EXPECT_EQ(32U, readWhole(kept).size());
     EXPECT_EQ(0600U, mode("kept"));
 }
 
@@ -108,7 +108,7 @@ TEST_F(HostOutputFile, IsNotThereAfterARefusal)
     EXPECT_EQ(REFUSED, callTo(kept, {"QZaven_crypto_gen_symmkey", "strCipherAlg=9", "--raw", "Data",
                                      "--force"})
                            .code);
-    EXPECT_EQ("before", readFile(kept));
+    EXPECT_EQ("before", readWhole(kept));
 }
 
 // Programs that are started meanwhile write no more than so many bytes of a file, as on a full
@@ -143,7 +143,7 @@ TEST_F(HostOutputFile, ThatDoesNotFitIsRemovedAndToldOf)
         EXPECT_TRUE(holds(ended.err, "cannot write " + more[1])) << ended.err;
     }
     EXPECT_EQ(1U, leftInside());
-    EXPECT_EQ("before", readFile(kept));
+    EXPECT_EQ("before", readWhole(kept));
 }
 
 TEST_F(HostOutputFile, ALinkIsNotFollowed)
@@ -155,9 +155,9 @@ TEST_F(HostOutputFile, ALinkIsNotFollowed)
         EXPECT_EQ(USAGE, callTo(inside(name)).code) << name;
         EXPECT_EQ(SUCCESS, force(inside(name)).code) << name;
         EXPECT_FALSE(fs::is_symlink(inside(name))) << name;
-        EXPECT_EQ(32U, readFile(inside(name)).size()) << name;
+        EXPECT_EQ(32U, readWhole(inside(name)).size()) << name;
     }
-    EXPECT_EQ("before", readFile(target));
+    EXPECT_EQ("before", readWhole(target));
     EXPECT_FALSE(fs::exists(path("absent")));
 }
 

@@ -175,10 +175,10 @@ TEST_F(HostResults, OutputFileHoldsResults)
         call({"QZaven_crypto_gen_symmkey", "strCipherAlg=4", "--raw", "Data", "-o", key});
     EXPECT_EQ(SUCCESS, ended.code);
     EXPECT_EQ("", ended.out);
-    EXPECT_EQ(32U, readFile(key).size());
+    EXPECT_EQ(32U, readWhole(key).size());
 
     EXPECT_EQ(SUCCESS, call({"QZaVen_GetVersion", "-o", path("json")}).code);
-    EXPECT_EQ("0", Json::parse(readFile(path("json")))["errorCode"]);
+    EXPECT_EQ("0", Json::parse(readWhole(path("json")))["errorCode"]);
     EXPECT_EQ(USAGE, call({"QZaVen_GetVersion", "-o", path("no/folder")}).code);
 }
 
@@ -188,7 +188,7 @@ TEST_F(HostResults, RawWritesNothingAfterRefusal)
     const Ended ended = call(
         {"QZaven_crypto_gen_symmkey", "strCipherAlg=9", "--raw", "Data", "-o", kept, "--force"});
     EXPECT_EQ(REFUSED, ended.code);
-    EXPECT_EQ("before", readFile(kept));
+    EXPECT_EQ("before", readWhole(kept));
     EXPECT_EQ("", ended.out);
 }
 

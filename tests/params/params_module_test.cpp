@@ -1,6 +1,5 @@
 // The reference parameter module: its stores, the two-call reads, wrong arguments,
 // threads and unloading.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,39 +15,18 @@
 #include <thread>
 #include <vector>
 
+#include "common/opened_library.h"
 #include "params/params_module.h"
 #include "support/rounds.h"
 
 namespace {
 
-class Module {
+class Module : public ParamsFunctions {
 public:
-    Module() : m_handle(dlopen(CORVANE_PARAMS_LIBRARY, RTLD_NOW | RTLD_LOCAL))
-    {
-        if (m_handle == nullptr) {
-            fprintf(stderr, "%s\n", dlerror());
-            abort();
-        }
-#define RESOLVE(name, params)                                       \
-    name = reinterpret_cast<int(*) params>(dlsym(m_handle, #name)); \
-    if (name == nullptr)                                            \
-        abort();
-        CORVANE_PARAMS_FUNCTIONS(RESOLVE)
-#undef RESOLVE
-    }
-    Module(const Module&) = delete;
-    Module& operator=(const Module&) = delete;
-    ~Module()
-    {
-        dlclose(m_handle);
-    }
-
-#define DECLARE(name, params) int(*name) params = nullptr;
-    CORVANE_PARAMS_FUNCTIONS(DECLARE)
-#undef DECLARE
+    Module() { bind(m_library); }
 
 private:
-    void* m_handle;
+    OpenedLibrary m_library = openLibrary(CORVANE_PARAMS_LIBRARY);
 };
 
 using Add = int (*)(char*, long, char*, long);
@@ -379,15 +357,6 @@ TEST_F(ParamsModule, EightThreadsAtOnce)
 
 // ---- Unloading
 
-bool isLoaded()
-{
-    void* handle = dlopen(CORVANE_PARAMS_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
-    if (handle == nullptr)
-        return false;
-    dlclose(handle);
-    return true;
-}
-
 TEST(ParamsModuleUnload, RoundsStayFlat)
 {
     support::staysFlat("CORVANE_PARAMS_ROUNDS", 10000, [] {
@@ -396,7 +365,7 @@ TEST(ParamsModuleUnload, RoundsStayFlat)
             add(m.AddHttpParams, "n", std::string(20000, 'x'));
             add(m.AddRetParams, "n", std::string(20000, 'x'));
         }
-        ASSERT_FALSE(isLoaded());
+        ASSERT_FALSE(isLibraryOpen(CORVANE_PARAMS_LIBRARY));
     });
 }
 
@@ -421,7 +390,7 @@ TEST(ParamsModuleUnload, AThreadThatUsedItMayEndLater)
     while (step != 1)
         std::this_thread::yield();
     m.reset();
-    EXPECT_FALSE(isLoaded());
+    EXPECT_FALSE(isLibraryOpen(CORVANE_PARAMS_LIBRARY));
     step = 2;
     user.join();
 }
@@ -432,7 +401,7 @@ TEST(ParamsModuleUnload, AThreadStartsAfreshInALaterLoad)
         Module m;
         add(m.AddHttpParams, "n", "old");
     }
-    ASSERT_FALSE(isLoaded());
+    ASSERT_FALSE(isLibraryOpen(CORVANE_PARAMS_LIBRARY));
     Module m;
     EXPECT_EQ(get(m.GetHttpParams, "n"), "(absent)");
 }

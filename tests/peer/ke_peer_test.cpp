@@ -17,44 +17,18 @@ namespace {
 using support::openssl;
 using support::pattern;
 using support::toHex;
+using support::toUrlBase64;
 
 const KeyKind kinds[] = {KeyKind::sm2, KeyKind::rsa};
 
-// A directory of its own, and the program in it.
-class Peer : public testing::Test {
+// The program, in a folder of its own.
+class Peer : public testing::Test, protected support::TemporaryFolder {
 protected:
-    Peer()
-    {
-        std::string name =
-            (std::filesystem::temp_directory_path() / "corvane-peer-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr)
-            abort();
-        m_directory = name;
-    }
-    ~Peer() override
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_directory, ignored);
-    }
-
-    std::string path(const std::string& file = "") const { return m_directory + "/" + file; }
-
-    std::string read(const std::string& file) const
-    {
-        std::ifstream in(path(file), std::ios::binary);
-        EXPECT_TRUE(in.good()) << file;
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-
-    void write(const std::string& file, const std::string& content) const
-    {
-        std::ofstream(path(file), std::ios::binary) << content;
-    }
-
     // Runs a command in the directory; its output is in "out", its errors are in "err".
     int runCommand(const std::string& command) const
     {
-        const int status = system(("cd " + path() + " && " + command + " >out 2>err").c_str());
+        const int status =
+            system(("cd " + path().string() + " && " + command + " >out 2>err").c_str());
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
@@ -81,14 +55,6 @@ protected:
         EXPECT_NE(read("err").find(reason), std::string::npos) << read("err");
     }
 
-    static std::string urlBase64(const std::string& bytes)
-    {
-        std::string text = support::toBase64(bytes);
-        std::replace(text.begin(), text.end(), '+', '-');
-        std::replace(text.begin(), text.end(), '/', '_');
-        return text;
-    }
-
     // A key-exchange message as a client makes it.
     std::string clientMessage(const std::string& secret) const
     {
@@ -97,9 +63,6 @@ protected:
                       path("secret") + " -out " + path("message"));
         return read("message");
     }
-
-private:
-    std::string m_directory;
 };
 
 const std::string version = "\x01\x01";
@@ -145,14 +108,14 @@ TEST_F(Peer, ExchangeWithTheProgram)
 {
     ASSERT_EQ(run("make-certs s"), 0);
     const std::string hello = pattern(32), secret = version + pattern(46, 2);
-    const std::string answer = line("answer --dir s --hello " + urlBase64(hello));
+    const std::string answer = line("answer --dir s --hello " + toUrlBase64(hello));
     for (const char* name :
          {"strSrvr_rand", "strSrvr_sig_cert", "strSrvr_enc_cert", "strSrvr_sign"})
         EXPECT_NE(answer.find(std::string("\"") + name + "\":\""), std::string::npos);
     EXPECT_EQ(modeOf(path("s/session.json")), 0600);
     expectRefused("encrypt --dir s --data AAAA", "no keys yet");
 
-    ASSERT_EQ(run("finish --dir s --message " + urlBase64(clientMessage(secret))), 0);
+    ASSERT_EQ(run("finish --dir s --message " + toUrlBase64(clientMessage(secret))), 0);
     EXPECT_EQ(modeOf(path("s/session.json")), 0600);
     expectRefused("finish --dir s --message AAAA", "finished already");
 
@@ -173,10 +136,10 @@ TEST_F(Peer, ExchangeWithTheProgram)
     const ChannelKeys keys(AVEN_HASH_SM3, prepareHmac(kind.get(), "SM3").get(), view(secret),
                            {view(hello), view(random)});
 
-    const std::string text = pattern(100), data = urlBase64(text);
-    EXPECT_EQ(line("hmac --dir s --data " + data), urlBase64(channelHmac(keys, text)));
-    EXPECT_EQ(line("cmac --dir s --data " + data), urlBase64(channelCmac(keys, text)));
-    const std::string fromClient = urlBase64(sealMessage(keys, text, Direction::toServer));
+    const std::string text = pattern(100), data = toUrlBase64(text);
+    EXPECT_EQ(line("hmac --dir s --data " + data), toUrlBase64(channelHmac(keys, text)));
+    EXPECT_EQ(line("cmac --dir s --data " + data), toUrlBase64(channelCmac(keys, text)));
+    const std::string fromClient = toUrlBase64(sealMessage(keys, text, Direction::toServer));
     EXPECT_EQ(line("decrypt --dir s --data " + fromClient), data);
     const std::string toClient = line("encrypt --dir s --data " + data);
     EXPECT_NE(toClient, line("encrypt --dir s --data " + data));
@@ -185,14 +148,14 @@ TEST_F(Peer, ExchangeWithTheProgram)
 
     // Values in files, with a line end, and from standard input.
     write("value", data + "\n");
-    EXPECT_EQ(line("hmac --dir s --data @value"), urlBase64(channelHmac(keys, text)));
-    EXPECT_EQ(line("hmac --dir s --data - <value"), urlBase64(channelHmac(keys, text)));
+    EXPECT_EQ(line("hmac --dir s --data @value"), toUrlBase64(channelHmac(keys, text)));
+    EXPECT_EQ(line("hmac --dir s --data - <value"), toUrlBase64(channelHmac(keys, text)));
     expectRefused("hmac --dir s --data @missing", "cannot read missing");
 
     // Two exchanges side by side.
-    line("answer --dir s --state other.json --hello " + urlBase64(pattern(32, 3)));
+    line("answer --dir s --state other.json --hello " + toUrlBase64(pattern(32, 3)));
     expectRefused("hmac --dir s --state other.json --data AAAA", "no keys yet");
-    EXPECT_EQ(line("hmac --dir s --data @value"), urlBase64(channelHmac(keys, text)));
+    EXPECT_EQ(line("hmac --dir s --data @value"), toUrlBase64(channelHmac(keys, text)));
 }
 
 TEST_F(Peer, ProgramSaysWhatIsWrong)
@@ -202,13 +165,13 @@ TEST_F(Peer, ProgramSaysWhatIsWrong)
     expectRefused("answer --dir s --hello AAAA", "has 3 bytes instead of 32");
     expectRefused("answer --dir s --hello no*base64", "--hello is not Base64");
     expectRefused("finish --dir s --message AAAA", "cannot read s/session.json");
-    line("answer --dir s --hello " + urlBase64(pattern(32)));
+    line("answer --dir s --hello " + toUrlBase64(pattern(32)));
     expectRefused("finish --dir s --message AAAA", "does not decrypt");
-    expectRefused("finish --dir s --message " + urlBase64(clientMessage(version + pattern(45))),
+    expectRefused("finish --dir s --message " + toUrlBase64(clientMessage(version + pattern(45))),
                   "wrong length");
-    expectRefused("finish --dir s --message " + urlBase64(clientMessage(pattern(48))),
+    expectRefused("finish --dir s --message " + toUrlBase64(clientMessage(pattern(48))),
                   "another version");
-    const std::string message = urlBase64(clientMessage(version + pattern(46)));
+    const std::string message = toUrlBase64(clientMessage(version + pattern(46)));
     EXPECT_EQ(run("finish --dir s --message " + message), 0);
 
     for (const char* state : {"", "{}", "[1]", "{\"kind\":\"SM2\",\"hello\":\"*\",\"random\":\"\"}",
@@ -222,9 +185,9 @@ TEST_F(Peer, ProgramSaysWhatIsWrong)
 
     std::filesystem::copy_file(path("s/sign.key"), path("s/enc.key"),
                                std::filesystem::copy_options::overwrite_existing);
-    expectRefused("answer --dir s --hello " + urlBase64(pattern(32)), "not the key of");
+    expectRefused("answer --dir s --hello " + toUrlBase64(pattern(32)), "not the key of");
     write("s/enc.key", "nonsense");
-    expectRefused("answer --dir s --hello " + urlBase64(pattern(32)), "no private key in");
+    expectRefused("answer --dir s --hello " + toUrlBase64(pattern(32)), "no private key in");
 
     for (const char* arguments :
          {"", "nothing", "make-certs", "answer --dir s", "hmac --data AAAA"})

@@ -3,7 +3,6 @@
 #include "base64_stream.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -20,24 +19,18 @@
 #include <vector>
 
 #include "support/allocation_fault.h"
+#include "support/base64_text.h"
 #include "support/each_kernel.h"
 
 namespace {
 
 using support::AllocationFault;
 using support::LONGER_THAN_ANY_VECTOR;
+using support::toBase64;
 using support::withEachKernel;
 
 const std::string ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 const unsigned char CANARY = 0xa5;
-
-std::string opensslEncode(const std::string& bytes)
-{
-    std::vector<unsigned char> out(bytes.size() / 3 * 4 + 5);
-    int n = EVP_EncodeBlock(out.data(), reinterpret_cast<const unsigned char*>(bytes.data()),
-                            static_cast<int>(bytes.size()));
-    return std::string(out.begin(), out.begin() + n);
-}
 
 std::string randomBytes(std::mt19937& random, size_t size)
 {
@@ -216,7 +209,7 @@ TEST(EncodeState, HoldsPendingBytesBehindTheirCount)
     EXPECT_EQ(encoder.update("!"), 4);
     EXPECT_EQ(encoder.pending(), 0);
     EXPECT_EQ(encoder.finish(), 0);
-    EXPECT_EQ(encoder.text, opensslEncode("abcXYZ\xfe\xff!"));
+    EXPECT_EQ(encoder.text, toBase64("abcXYZ\xfe\xff!"));
 }
 
 // The column runs over the characters that encodeupdate has written and starts again
@@ -310,7 +303,7 @@ TEST(EncodeUpdate, AgreesWithOpenSslForAllSizes)
         Encoder encoder;
         encoder.update(bytes);
         encoder.finish();
-        ASSERT_EQ(encoder.text, opensslEncode(bytes)) << "size " << size;
+        ASSERT_EQ(encoder.text, toBase64(bytes)) << "size " << size;
     }
 }
 
@@ -327,7 +320,7 @@ TEST(EncodeUpdate, AgreesWithOpenSslForRandomPieces)
                 at += piece;
             }
             encoder.finish();
-            ASSERT_EQ(encoder.text, opensslEncode(bytes)) << "round " << round;
+            ASSERT_EQ(encoder.text, toBase64(bytes)) << "round " << round;
         }
     });
 }
@@ -344,7 +337,7 @@ TEST(EncodeUpdate, PutsPendingBytesBeforeWhatTheKernelTakes)
                 encoder.update(bytes.substr(0, waiting));
                 encoder.update(bytes.substr(waiting));
                 encoder.finish();
-                ASSERT_EQ(encoder.text, opensslEncode(bytes)) << waiting << " and " << size;
+                ASSERT_EQ(encoder.text, toBase64(bytes)) << waiting << " and " << size;
             }
         }
     });
@@ -372,7 +365,7 @@ TEST(EncodeUpdate, ReadsNothingOfAnEmptyInput)
         EXPECT_EQ(encodeupdate(in.data(), 0, out, encoder.state), 0);
         EXPECT_EQ(encoder.pending(), static_cast<int>(strlen(waiting)));
         encoder.finish();
-        EXPECT_EQ(encoder.text, opensslEncode(waiting));
+        EXPECT_EQ(encoder.text, toBase64(waiting));
     }
 }
 
@@ -421,7 +414,7 @@ __attribute__((section(".preinit_array"), used)) void (*callEarly)(int, char**,
 TEST(BeforeConstructors, TheCodecWorks)
 {
     EXPECT_EQ(early.encoded, 0);
-    EXPECT_EQ(std::string(early.text, early.textLength), opensslEncode(std::string(EARLY_BYTES)));
+    EXPECT_EQ(std::string(early.text, early.textLength), toBase64(std::string(EARLY_BYTES)));
     EXPECT_EQ(early.decoded, 0);
     EXPECT_EQ(std::string(early.bytes, early.bytes + early.bytesLength), EARLY_BYTES);
 }
@@ -694,7 +687,7 @@ TEST(DecodeUpdate, AgreesWithOpenSslForAllSizes)
         std::string bytes = randomBytes(random, size);
         Decoder decoder;
         std::string rest;
-        ASSERT_EQ(decoder.update(opensslEncode(bytes)), static_cast<int>(size));
+        ASSERT_EQ(decoder.update(toBase64(bytes)), static_cast<int>(size));
         ASSERT_EQ(decoder.bytes, bytes);
         ASSERT_EQ(decoder.finish(rest), 0);
     }
@@ -799,7 +792,7 @@ TEST(DecodeUpdate, GivesTheSameBytesHoweverTheTextIsCut)
         std::mt19937 random(65);
         for (int round = 0; round < 1000; round++) {
             std::string bytes = randomBytes(random, random() % (2 * LONGER_THAN_ANY_VECTOR));
-            std::string text = opensslEncode(bytes);
+            std::string text = toBase64(bytes);
             Decoder decoder;
             for (size_t at = 0; at < text.size();) {
                 size_t piece = pieceLength(random);
@@ -858,7 +851,7 @@ TEST(CvEncode, AgreesWithOpenSslForAllSizes)
     std::mt19937 random(66);
     for (size_t size = 0; size <= 512; size++) {
         std::string bytes = randomBytes(random, size);
-        std::string text = opensslEncode(bytes);
+        std::string text = toBase64(bytes);
         Encoded encoded = oneShot(bytes, 0, text.size());
         ASSERT_EQ(encoded.result, 0);
         ASSERT_EQ(encoded.reported, text.size());
@@ -871,8 +864,8 @@ TEST(CvEncode, BreaksLinesForAllSizes)
     std::mt19937 random(67);
     for (size_t size = 0; size <= 512; size++) {
         std::string bytes = randomBytes(random, size);
-        std::string lines = inLines(opensslEncode(bytes));
-        int n = static_cast<int>(opensslEncode(bytes).size());
+        std::string lines = inLines(toBase64(bytes));
+        int n = static_cast<int>(toBase64(bytes).size());
         Encoded encoded = oneShot(bytes, 1, lines.size());
         ASSERT_EQ(encoded.result, 0);
         ASSERT_EQ(encoded.reported, static_cast<unsigned>(n + (n - 1) / 64 + 1));
@@ -909,7 +902,7 @@ TEST(CvEncode, WritesNoTerminator)
 TEST(CvEncode, BreaksLinesForTheValueOneAlone)
 {
     std::string bytes(100, 'x');
-    std::string text = opensslEncode(bytes);
+    std::string text = toBase64(bytes);
     for (int lineBreak : {0, 2, 3, 64, 76, 257, -1, INT_MAX, INT_MIN}) {
         Encoded encoded = oneShot(bytes, lineBreak, text.size());
         EXPECT_EQ(encoded.reported, text.size()) << lineBreak;
@@ -1023,7 +1016,7 @@ TEST(CvDecode, ReturnsWhatCvEncodeGave)
     for (size_t size = 0; size <= 512; size++) {
         std::string bytes = randomBytes(random, size);
         for (int lineBreak : {0, 1}) {
-            Exact text(lineBreak == 1 ? inLines(opensslEncode(bytes)) : opensslEncode(bytes));
+            Exact text(lineBreak == 1 ? inLines(toBase64(bytes)) : toBase64(bytes));
             Exact out(size, CANARY);
             unsigned length = 12345;
             ASSERT_EQ(CV_Base64Decode(text.chars(), static_cast<unsigned>(text.size),

@@ -3,7 +3,6 @@
 #include "base64.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <clocale>
@@ -13,7 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "support/base64_text.h"
+
 namespace {
+
+using support::fromBase64;
+using support::toBase64;
 
 const std::string ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -24,24 +28,6 @@ std::string encode(const std::string& bytes)
     auto exact = std::make_unique<unsigned char[]>(bytes.size());
     std::copy(bytes.begin(), bytes.end(), exact.get());
     return base64_encode(exact.get(), static_cast<unsigned>(bytes.size()));
-}
-
-std::string opensslEncode(const std::string& bytes)
-{
-    std::vector<unsigned char> out(bytes.size() / 3 * 4 + 5);
-    int n = EVP_EncodeBlock(out.data(), reinterpret_cast<const unsigned char*>(bytes.data()),
-                            static_cast<int>(bytes.size()));
-    return std::string(out.begin(), out.begin() + n);
-}
-
-// EVP_DecodeBlock counts the padding as bytes; they are cut off here.
-std::string opensslDecode(const std::string& text)
-{
-    std::vector<unsigned char> out(text.size() + 4);
-    int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()),
-                            static_cast<int>(text.size()));
-    n -= static_cast<int>(std::count(text.begin(), text.end(), '='));
-    return std::string(out.begin(), out.begin() + n);
 }
 
 // Six bits a character up to the first one outside the alphabet; whole bytes come out.
@@ -124,7 +110,7 @@ TEST(Base64Encode, AgreesWithOpenSslForAllSizes)
     std::mt19937 random(51);
     for (size_t size = 0; size <= 512; size++) {
         std::string bytes = randomBytes(random, size);
-        ASSERT_EQ(encode(bytes), opensslEncode(bytes)) << "size " << size;
+        ASSERT_EQ(encode(bytes), toBase64(bytes)) << "size " << size;
     }
 }
 
@@ -136,7 +122,7 @@ TEST(Base64Encode, AgreesWithOpenSslForAllBytesAtAllPlaces)
             bytes[static_cast<size_t>(place)] = static_cast<char>(byte);
             for (size_t size = 1; size <= 3; size++) {
                 std::string cut = bytes.substr(0, size);
-                ASSERT_EQ(encode(cut), opensslEncode(cut)) << byte << " at " << place;
+                ASSERT_EQ(encode(cut), toBase64(cut)) << byte << " at " << place;
             }
         }
     }
@@ -145,7 +131,7 @@ TEST(Base64Encode, AgreesWithOpenSslForAllBytesAtAllPlaces)
 TEST(Base64Encode, BreaksNoLines)
 {
     std::string text = encode(std::string(100000, 'x'));
-    EXPECT_EQ(text, opensslEncode(std::string(100000, 'x')));
+    EXPECT_EQ(text, toBase64(std::string(100000, 'x')));
     EXPECT_EQ(text.find('\n'), std::string::npos);
 }
 
@@ -160,8 +146,8 @@ TEST(Base64Decode, AgreesWithOpenSslForAllSizes)
     std::mt19937 random(52);
     for (size_t size = 0; size <= 512; size++) {
         std::string bytes = randomBytes(random, size);
-        std::string text = opensslEncode(bytes);
-        ASSERT_EQ(opensslDecode(text), bytes);
+        std::string text = toBase64(bytes);
+        ASSERT_EQ(fromBase64(text), bytes);
         ASSERT_EQ(base64_decode(text), bytes) << "size " << size;
     }
 }
@@ -172,7 +158,7 @@ TEST(Base64Decode, AgreesWithOpenSslForAllCharactersAtAllPlaces)
         for (char c : ALPHABET) {
             std::string text = "q6q6";
             text[place] = c;
-            ASSERT_EQ(base64_decode(text), opensslDecode(text)) << text;
+            ASSERT_EQ(base64_decode(text), fromBase64(text)) << text;
         }
     }
 }
@@ -263,7 +249,7 @@ TEST(Base64, AgreesWithOpenSslAroundPowersOfTwo)
             for (size_t size = near - 4; size <= near + 4; ++size) {
                 const std::string bytes = randomBytes(random, size);
                 std::string text = encode(bytes);
-                ASSERT_EQ(text, opensslEncode(bytes)) << size;
+                ASSERT_EQ(text, toBase64(bytes)) << size;
                 ASSERT_EQ(base64_decode(text), bytes) << size;
 
                 text[near - 1] = '!';
@@ -343,7 +329,7 @@ TEST(Base64EncodeWide, GivesTheNarrowTextsWidened)
         for (size_t i = 0; i < size; i++)
             exact[i] = static_cast<unsigned char>(bytes[i]);
         ASSERT_EQ(base64_encode_w(exact.get(), static_cast<unsigned>(size)),
-                  widened(opensslEncode(bytes)))
+                  widened(toBase64(bytes)))
             << "size " << size;
     }
 }
@@ -361,7 +347,7 @@ TEST(Base64DecodeWide, GivesOneCharacterForEachByte)
     std::mt19937 random(56);
     for (size_t size = 0; size <= 512; size++) {
         std::string bytes = randomBytes(random, size);
-        std::wstring decoded = base64_decode_w(widened(opensslEncode(bytes)));
+        std::wstring decoded = base64_decode_w(widened(toBase64(bytes)));
         ASSERT_EQ(decoded, widened(bytes)) << "size " << size;
     }
 }

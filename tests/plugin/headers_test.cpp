@@ -4,43 +4,14 @@
 #include <stdlib.h>
 
 #include <cstdio>
-#include <fstream>
 #include <string>
 #include <vector>
+
+#include "support/files.h"
 
 namespace {
 
 const std::string SOURCES = std::string(CORVANE_SOURCE_DIR) + "/src";
-
-// A directory that goes away with its contents.
-class Scratch {
-public:
-    Scratch()
-    {
-        char path[] = "/tmp/corvane_headers_XXXXXX";
-        if (mkdtemp(path) == nullptr)
-            abort();
-        m_path = path;
-    }
-    ~Scratch()
-    {
-        const std::string command = "rm -rf " + m_path;
-        if (system(command.c_str()) != 0)
-            perror("cannot remove the scratch directory");
-    }
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-
-    std::string write(const std::string& name, const std::string& text) const
-    {
-        std::ofstream(m_path + "/" + name) << text;
-        return m_path + "/" + name;
-    }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
 
 struct Outcome {
     int status;
@@ -105,7 +76,7 @@ protected:
         EXPECT_EQ(outcome.status, 0) << text << outcome.output;
     }
 
-    Scratch scratch;
+    support::TemporaryFolder scratch;
 };
 
 const char* const C_HEADERS[] = {
@@ -183,14 +154,14 @@ TEST(PlainBuild, OneCommandBuildsAWorkingPlugin)
 {
     if (!installed("g++") || !installed("gcc"))
         GTEST_SKIP() << "NOT TESTED: there is no g++";
-    Scratch scratch;
-    const std::string library = scratch.file("libplain.so");
+    support::TemporaryFolder scratch;
+    const std::string library = scratch.path("libplain.so");
     Outcome built = run(compilerCommand("g++") + " -std=c++17 -O2 -shared -fPIC '" + SOURCES +
                         "'/*.cpp -o " + library);
     ASSERT_EQ(built.status, 0) << built.output;
     EXPECT_EQ(built.output, "");
 
-    const std::string host = scratch.file("host");
+    const std::string host = scratch.path("host");
     built = run(compilerCommand("gcc") + " -std=c11 -I'" + SOURCES + "' " +
                 scratch.write("host.c", HOST) + " " + library + " -o " + host);
     ASSERT_EQ(built.status, 0) << built.output;

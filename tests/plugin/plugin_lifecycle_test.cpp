@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "support/capture.h"
+#include "support/files.h"
 #include "support/rounds.h"
 #include "support/traffic.h"
 
@@ -50,18 +51,10 @@ constexpr char DIRECTORY[] = "CORVANE_TEST_LIBRARY_DIRECTORY";
 
 // ---- What is loaded
 
-bool isLoaded(const std::string& name)
-{
-    void* handle = dlopen(name.c_str(), RTLD_NOW | RTLD_NOLOAD);
-    if (handle != nullptr)
-        dlclose(handle);
-    return handle != nullptr;
-}
-
 // By the loader's word and by the address space.
 void expectUnloaded(const std::string& name)
 {
-    EXPECT_FALSE(isLoaded(name)) << name;
+    EXPECT_FALSE(isLibraryOpen(name)) << name;
     std::ifstream maps("/proc/self/maps");
     ASSERT_TRUE(maps.good());
     for (std::string line; std::getline(maps, line);)
@@ -176,8 +169,8 @@ TEST(PluginCalls, FreeWithoutInitAndTwiceDoesNothing)
                       EXPECT_EQ(host.free(), 0);
                   }),
                   "");
-        EXPECT_TRUE(isLoaded(CORVANE_ENGINE_LIBRARY));  // as the host holds it
-        EXPECT_TRUE(isLoaded(CORVANE_PARAMS_LIBRARY));
+        EXPECT_TRUE(isLibraryOpen(CORVANE_ENGINE_LIBRARY));  // as the host holds it
+        EXPECT_TRUE(isLibraryOpen(CORVANE_PARAMS_LIBRARY));
         host.init();
         EXPECT_EQ(faultsOf(host), "");
     }
@@ -249,8 +242,9 @@ TEST(PluginFork, TheChildMayUnload)
     EXPECT_EQ(faultsOf(*host), "");
     EXPECT_EQ(statusOfChild([&] {
                   host.reset();
-                  return !isLoaded(CORVANE_PLUGIN_LIBRARY) && !isLoaded(CORVANE_ENGINE_LIBRARY) &&
-                         !isLoaded(CORVANE_PARAMS_LIBRARY);
+                  return !isLibraryOpen(CORVANE_PLUGIN_LIBRARY) &&
+                         !isLibraryOpen(CORVANE_ENGINE_LIBRARY) &&
+                         !isLibraryOpen(CORVANE_PARAMS_LIBRARY);
               }),
               0);
     EXPECT_EQ(faultsOf(*host), "");
@@ -429,13 +423,13 @@ protected:
         EXPECT_NE(printed.find(PARAMS + ": "), std::string::npos) << printed;
         EXPECT_NE(printed.find(": " + reason + "\n"), std::string::npos) << printed;
         EXPECT_EQ(printed.find('\n'), printed.size() - 1) << printed;
-        EXPECT_FALSE(isLoaded(PARAMS));
+        EXPECT_FALSE(isLibraryOpen(PARAMS));
         EXPECT_EQ(versionOf(host), Results());
 
         host.free();
         makeGood(PARAMS);
         EXPECT_EQ(printedBy([&] { EXPECT_EQ(host.init(), 0); }), "");
-        EXPECT_TRUE(isLoaded(PARAMS));
+        EXPECT_TRUE(isLibraryOpen(PARAMS));
         const DevkitHost withModule(ENGINE_BY_PLUGIN);
         EXPECT_EQ(faultsOf(withModule), "");
     }
@@ -445,7 +439,7 @@ protected:
     {
         DevkitHost host(ENGINE_BY_PLUGIN);
         EXPECT_EQ(printedBy([&] { EXPECT_EQ(host.init(), 0); }), ENGINE_NOT_OPEN);
-        EXPECT_FALSE(isLoaded(ENGINE));
+        EXPECT_FALSE(isLibraryOpen(ENGINE));
         EXPECT_EQ(versionOf(host), NO_ENGINE);
         EXPECT_EQ(host.request("QZaven_crypto_gen_symmkey", {{"strCipherAlg", "4"}}), NO_ENGINE);
 
@@ -475,8 +469,8 @@ TEST_F(PluginSearch, ThePluginFindsBoth)
     {
         DevkitHost host(BOTH_BY_PLUGIN);
         EXPECT_EQ(printedBy([&] { EXPECT_EQ(host.init(), 0); }), "");
-        EXPECT_TRUE(isLoaded(PARAMS));
-        EXPECT_TRUE(isLoaded(ENGINE));
+        EXPECT_TRUE(isLibraryOpen(PARAMS));
+        EXPECT_TRUE(isLibraryOpen(ENGINE));
         EXPECT_EQ(host.free(), 0);
         expectUnloaded(PARAMS);
         expectUnloaded(ENGINE);
@@ -621,12 +615,8 @@ TEST_F(PluginSearch, LibraryWithoutAnyOfItsFunctions)
 // start.
 int runAnew(char** arguments)
 {
-    std::string directory =
-        (std::filesystem::temp_directory_path() / "corvane-libraries-XXXXXX").string();
-    if (mkdtemp(directory.data()) == nullptr) {
-        perror("cannot make a directory for libraries");
-        return 1;
-    }
+    const support::TemporaryFolder folder;
+    const std::string directory = folder.path();
     const char* const path = getenv("LD_LIBRARY_PATH");
     setenv("LD_LIBRARY_PATH",
            (directory + (path == nullptr ? "" : ":" + std::string(path))).c_str(), 1);
@@ -648,8 +638,6 @@ int runAnew(char** arguments)
     }
     int status = 0;
     const bool ended = waitpid(child, &status, 0) == child && WIFEXITED(status);
-    std::error_code ignored;
-    std::filesystem::remove_all(directory, ignored);
     if (!ended)
         fprintf(stderr, "ended by signal %d\n", WTERMSIG(status));
     return ended ? WEXITSTATUS(status) : 1;

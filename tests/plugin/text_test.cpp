@@ -23,6 +23,7 @@
 #include "engine_binding.h"
 #include "log.h"
 #include "support/capture.h"
+#include "support/files.h"
 
 namespace {
 
@@ -566,23 +567,18 @@ class LocaleLatin1 : public Text {
 protected:
     static void SetUpTestSuite()
     {
-        char path[] = "/tmp/corvane_locale_XXXXXX";
-        if (mkdtemp(path) == nullptr)
-            return;
-        directory = path;
-        std::string command =
-            "localedef -i de_DE -f ISO-8859-1 " + directory + "/de_DE.ISO-8859-1 >/dev/null 2>&1";
+        folder = std::make_unique<support::TemporaryFolder>();
+        const std::string command = "localedef -i de_DE -f ISO-8859-1 " +
+                                    folder->path("de_DE.ISO-8859-1") + " >/dev/null 2>&1";
         // Its status only says whether there were warnings; setlocale tells.
         if (system(command.c_str()) == -1)
             return;
-        setenv("LOCPATH", directory.c_str(), 1);
+        setenv("LOCPATH", folder->path().c_str(), 1);
     }
     static void TearDownTestSuite()
     {
         unsetenv("LOCPATH");
-        std::string command = "rm -rf " + directory;
-        if (!directory.empty() && system(command.c_str()) != 0)
-            ADD_FAILURE() << "cannot remove " << directory;
+        folder.reset();
     }
     void SetUp() override
     {
@@ -592,10 +588,10 @@ protected:
     }
     void TearDown() override { setlocale(LC_ALL, "C"); }
 
-    static std::string directory;
+    static std::unique_ptr<support::TemporaryFolder> folder;
 };
 
-std::string LocaleLatin1::directory;
+std::unique_ptr<support::TemporaryFolder> LocaleLatin1::folder;
 
 TEST_F(LocaleLatin1, LeavesEscapingAlone)
 {

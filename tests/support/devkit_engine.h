@@ -2,7 +2,6 @@
 #ifndef CORVANE_TESTS_DEVKIT_ENGINE_H
 #define CORVANE_TESTS_DEVKIT_ENGINE_H
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,47 +13,20 @@
 #include <string>
 #include <vector>
 
+#include "common/opened_library.h"
 #include "engine/engine_numbers.h"
-#include "engine_interface.h"
 
 namespace support {
 
 // The library and its 34 functions. Closing it does not clean the engine up.
-class DevkitEngine {
+class DevkitEngine : public EngineFunctions {
 public:
-    DevkitEngine() : m_handle(dlopen(CORVANE_ENGINE_LIBRARY, RTLD_NOW | RTLD_LOCAL))
-    {
-        if (m_handle == nullptr) {
-            fprintf(stderr, "%s\n", dlerror());
-            abort();
-        }
-#define RESOLVE(result, name, params) resolve(name, #name);
-        AVEN_ENGINE_FUNCTIONS(RESOLVE)
-#undef RESOLVE
-    }
+    DevkitEngine() { bind(m_library); }
     DevkitEngine(const DevkitEngine&) = delete;
     DevkitEngine& operator=(const DevkitEngine&) = delete;
-    ~DevkitEngine()
-    {
-        dlclose(m_handle);
-    }
-
-#define DECLARE(result, name, params) result(*name) params = nullptr;
-    AVEN_ENGINE_FUNCTIONS(DECLARE)
-#undef DECLARE
 
 private:
-    template <class Function>
-    void resolve(Function& function, const char* name)
-    {
-        function = reinterpret_cast<Function>(dlsym(m_handle, name));
-        if (function == nullptr) {
-            fprintf(stderr, "no %s\n", name);
-            abort();
-        }
-    }
-
-    void* m_handle;
+    OpenedLibrary m_library = openLibrary(CORVANE_ENGINE_LIBRARY);
 };
 
 // An initialised engine.

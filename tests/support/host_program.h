@@ -11,11 +11,11 @@
 #include <array>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
+
+#include "files.h"
 
 namespace support {
 
@@ -37,12 +37,6 @@ struct Ended {
 inline const std::string plugin = CORVANE_PLUGIN_LIBRARY;
 inline const std::string params = CORVANE_PARAMS_LIBRARY;
 inline const std::string engine = CORVANE_ENGINE_LIBRARY;
-
-inline std::string readFile(const fs::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // Starts the program with the arguments as they are; -1 for a stream leaves it alone.
 inline pid_t start(const Arguments& arguments, int in, int out, int err)
@@ -71,30 +65,21 @@ inline int exitCode(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// A test with a folder of its own, gone at the end.
+// A test with a folder of its own.
 class Host : public testing::Test {
 protected:
-    Host()
-    {
-        std::string name = (fs::temp_directory_path() / "host_test_XXXXXX").string();
-        folder_ = mkdtemp(name.data());
-    }
-
-    ~Host() override { fs::remove_all(folder_); }
-
-    std::string path(const std::string& name) const { return (folder_ / name).string(); }
+    std::string path(const std::string& name) const { return folder_.path(name); }
 
     std::string file(const std::string& name, const std::string& bytes) const
     {
-        std::ofstream(path(name), std::ios::binary) << bytes;
-        return path(name);
+        return folder_.write(name, bytes);
     }
 
     // A copy of a library in which one text stands in place of another of its length.
     std::string patched(const std::string& library, const std::string& from, const std::string& to)
     {
         EXPECT_EQ(from.size(), to.size());
-        std::string bytes = readFile(library);
+        std::string bytes = readWhole(library);
         size_t found = 0;
         for (size_t at = 0; (at = bytes.find(from, at)) != std::string::npos; ++found)
             bytes.replace(at, to.size(), to);
@@ -112,8 +97,8 @@ protected:
         ended.code = exitCode(start(arguments, in, out, err));
         for (const int descriptor : {in, out, err})
             close(descriptor);
-        ended.out = readFile(path("out"));
-        ended.err = readFile(path("err"));
+        ended.out = readWhole(path("out"));
+        ended.err = readWhole(path("err"));
         return ended;
     }
 
@@ -142,7 +127,7 @@ protected:
     Ended lines(const std::string& text) const { return run({"script", "-"}, text); }
 
 private:
-    fs::path folder_;
+    TemporaryFolder folder_;
     int copies_ = 0;
 };
 

@@ -5,43 +5,24 @@
 
 #include <openssl/evp.h>
 #include <stdlib.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "base64_text.h"
 #include "devkit_engine.h"
+#include "files.h"
 
 namespace support {
 
-// A directory of its own, in which the command runs; gone at the end.
-class OpensslTool {
+// The command, in a folder of its own.
+class OpensslTool : public TemporaryFolder {
 public:
-    OpensslTool()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "corvane-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            abort();
-        m_directory = pattern;
-    }
-    OpensslTool(const OpensslTool&) = delete;
-    OpensslTool& operator=(const OpensslTool&) = delete;
-    ~OpensslTool()
-    {
-        if (getpid() != m_owner)
-            return;  // in a forked process that exits
-        std::error_code ignored;
-        std::filesystem::remove_all(m_directory, ignored);
-    }
-
     // Runs "openssl <arguments>", which may redirect its output, and returns whether it
     // succeeded.
     bool tries(const std::string& arguments) const
     {
-        const std::string command = "cd '" + m_directory + "' && openssl " + arguments + " 2>log";
+        const std::string command =
+            "cd '" + path().string() + "' && openssl " + arguments + " 2>log";
         return system(command.c_str()) == 0;
     }
 
@@ -56,26 +37,6 @@ public:
         run(arguments);
         return read(file);
     }
-
-    std::string path(const std::string& file) const { return m_directory + "/" + file; }
-
-    std::string read(const std::string& file) const
-    {
-        std::ifstream in(m_directory + "/" + file, std::ios::binary);
-        EXPECT_TRUE(in.good()) << file;
-        std::ostringstream bytes;
-        bytes << in.rdbuf();
-        return bytes.str();
-    }
-
-    void write(const std::string& file, const std::string& bytes) const
-    {
-        std::ofstream(m_directory + "/" + file, std::ios::binary) << bytes;
-    }
-
-private:
-    std::string m_directory;
-    pid_t m_owner = getpid();
 };
 
 // The test program's, so that a key is made once.

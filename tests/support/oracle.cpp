@@ -436,29 +436,6 @@ std::string textOf(const Bio& bio)
 
 // ---- Text forms
 
-std::string urlBase64(const std::string& bytes)
-{
-    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
-    const int size = EVP_EncodeBlock(bytesOf(text), bytesOf(bytes), sizeOf(bytes));
-    text.resize(static_cast<size_t>(size));
-    std::replace(text.begin(), text.end(), '+', '-');
-    std::replace(text.begin(), text.end(), '/', '_');
-    return text;
-}
-
-std::string fromUrlBase64(const std::string& url)
-{
-    std::string text = url;
-    std::replace(text.begin(), text.end(), '-', '+');
-    std::replace(text.begin(), text.end(), '_', '/');
-    const auto padding = static_cast<size_t>(std::count(text.begin(), text.end(), '='));
-    std::string bytes(text.size() / 4 * 3, '\0');
-    const int size = EVP_DecodeBlock(bytesOf(bytes), bytesOf(text), sizeOf(text));
-    require(text.size() % 4 == 0 && size == sizeOf(bytes) && padding <= 2, "no Base64");
-    bytes.resize(bytes.size() - padding);
-    return bytes;
-}
-
 std::string escapedTwice(const std::string& bytes)
 {
     constexpr char digits[] = "0123456789ABCDEF";

@@ -15,10 +15,6 @@ namespace support::oracle {
 
 // ---- Text forms
 
-// URL-safe Base64 (RFC 4648, section 5), padded.
-std::string urlBase64(const std::string& bytes);
-std::string fromUrlBase64(const std::string& text);
-
 // Percent-escapes within percent-escapes.
 std::string escapedTwice(const std::string& bytes);
 

@@ -1,10 +1,5 @@
 #include "support/plugin_test.h"
 
-#include <dlfcn.h>
-
-#include <cstdio>
-#include <cstdlib>
-
 namespace support {
 
 namespace {
@@ -33,22 +28,16 @@ std::string paramsLacking(const std::string& function)
     return doublesDir + "/lacks/" + function + "/libCorvaneParamsModule.so";
 }
 
-Library::Library(const std::string& path) : m_path(path)
+Library::Library(const std::string& path)
+    : m_path(path), m_library(path.empty() ? nullptr : openLibrary(path, RTLD_NOW))
 {
-    if (m_path.empty())
-        return;
-    m_handle = dlopen(m_path.c_str(), RTLD_NOW);
-    if (m_handle == nullptr) {
-        fprintf(stderr, "%s\n", dlerror());
-        abort();
-    }
 }
 
 Library::~Library()
 {
-    if (m_handle == nullptr)
+    if (m_library == nullptr)
         return;
-    dlclose(m_handle);
+    m_library.reset();
     // Bounded, because the test program itself may be linked to the library.
     for (int i = 0; i < 64; ++i) {
         void* still = dlopen(m_path.c_str(), RTLD_NOW | RTLD_NOLOAD);
@@ -59,16 +48,6 @@ Library::~Library()
             break;
         dlclose(still);
     }
-}
-
-void* Library::symbol(const char* name) const
-{
-    void* found = m_handle == nullptr ? nullptr : dlsym(m_handle, name);
-    if (found == nullptr) {
-        fprintf(stderr, "%s has no %s\n", m_path.c_str(), name);
-        abort();
-    }
-    return found;
 }
 
 Stage::Stage(const std::string& enginePath, const std::string& paramsPath)

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/opened_library.h"
 #include "doubles/engine_double.h"
 #include "doubles/params_double.h"
 #include "support/capture.h"
@@ -33,17 +34,18 @@ public:
     // library that stays would be found again by its bare name.
     ~Library();
 
+    // Throws a LoadError if the library lacks it.
     template <class Function>
     Function find(const char* name) const
     {
-        return reinterpret_cast<Function>(symbol(name));
+        Function function = nullptr;
+        bindFunction(m_library, function, name);
+        return function;
     }
 
 private:
-    void* symbol(const char* name) const;
-
     std::string m_path;
-    void* m_handle = nullptr;
+    OpenedLibrary m_library;
 };
 
 // The journal and the doubles, loaded and attached. As long as it lives, the plug-in

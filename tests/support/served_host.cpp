@@ -58,31 +58,12 @@ pid_t startHost(const std::vector<std::string>& arguments, const std::vector<std
     return pid;
 }
 
-fs::path makeFolder()
-{
-    std::string name = (fs::temp_directory_path() / "served_host_XXXXXX").string();
-    return mkdtemp(name.data());
-}
-
 int exitCodeOf(int status)
 {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace
-
-std::string readWhole(const fs::path& path)
-{
-    // A file of a process that ends in the meantime cannot be read: no exception here.
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-void writeWhole(const fs::path& path, const std::string& bytes)
-{
-    std::ofstream(path, std::ios::binary) << bytes;
-}
 
 bool eventually(const std::function<bool()>& holds)
 {
@@ -97,13 +78,11 @@ bool eventually(const std::function<bool()>& holds)
 
 std::pair<int, std::string> runHost(const std::vector<std::string>& arguments)
 {
-    const fs::path folder = makeFolder();
-    const pid_t pid = startHost(arguments, {}, folder / "out", folder / "err");
+    const TemporaryFolder folder;
+    const pid_t pid = startHost(arguments, {}, folder.path("out"), folder.path("err"));
     int status = 0;
     waitpid(pid, &status, 0);
-    const std::string errors = readWhole(folder / "err");
-    fs::remove_all(folder);
-    return {exitCodeOf(status), errors};
+    return {exitCodeOf(status), folder.read("err")};
 }
 
 bool isRunning(pid_t pid)
@@ -257,7 +236,6 @@ bool HttpConnection::isEnded()
 
 ServedHost::ServedHost(const Options& options, const Options& environment, const Options& libraries,
                        const std::string& errors)
-    : folder_(makeFolder())
 {
     const auto has = [&](const std::string& name) {
         return std::find(options.begin(), options.end(), name) != options.end();
@@ -294,7 +272,6 @@ ServedHost::ServedHost(const Options& options, const Options& environment, const
 ServedHost::~ServedHost()
 {
     stop();
-    fs::remove_all(folder_);
 }
 
 std::string ServedHost::text(const std::string& method, const std::string& target,

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "files.h"
 #include "held.h"
 
 // The emulator does not start programs that start themselves again, which workers are.
@@ -77,7 +78,7 @@ public:
     pid_t pid() const { return pid_; }
     const std::string& token() const { return token_; }
     std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
-    std::string path(const std::string& name) const { return (folder_ / name).string(); }
+    std::string path(const std::string& name) const { return folder_.path(name); }
 
     // A whole request, with Host and token unless they are given ("" leaves one out).
     std::string text(const std::string& method, const std::string& target,
@@ -112,7 +113,7 @@ public:
     std::string errors() const;
 
 private:
-    std::filesystem::path folder_;
+    TemporaryFolder folder_;
     pid_t pid_ = -1;
     int exitCode_ = -1;
     int port_ = 0;
@@ -121,9 +122,6 @@ private:
 
 // A row's value in the text of metrics; -1 without it.
 double rowOf(const std::string& metrics, const std::string& row);
-
-std::string readWhole(const std::filesystem::path& path);
-void writeWhole(const std::filesystem::path& path, const std::string& bytes);
 
 // Runs the program to its end: its exit code, and what it wrote to standard error.
 std::pair<int, std::string> runHost(const std::vector<std::string>& arguments);

@@ -2,12 +2,9 @@
 
 #include <openssl/crypto.h>
 #include <openssl/pem.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 #include <iterator>
 #include <mutex>
 #include <optional>
@@ -16,14 +13,14 @@
 
 #include "engine/engine_numbers.h"
 #include "peer/ke_server.h"
+#include "support/base64_text.h"
+#include "support/files.h"
 #include "support/oracle.h"
 
 namespace support {
 
 namespace {
 
-using oracle::fromUrlBase64;
-using oracle::urlBase64;
 using Parameters = DevkitHost::Parameters;
 using Results = DevkitHost::Results;
 
@@ -39,15 +36,15 @@ const char* const KEY_PAIR_REQUESTS[] = {"QZaven_crypto_public_encrypt",
 // A recipient of public-key encryption and of envelopes, the server of a key exchange, and
 // the texts in which requests name them; of one kind of key.
 struct Keys {
-    Keys(KeyKind keyKind, const std::string& directory)
+    Keys(KeyKind keyKind, const std::string& folder)
         : kind(keyKind),
           type(keyKind == KeyKind::sm2 ? "1" : "3"),
           own(makeRoot(rootPlan(), keyKind)),
-          rootFile(directory + "/root" + type + ".crt"),
-          privateText(urlBase64(oracle::privatePem(own.key.get()))),
-          lockedText(urlBase64(oracle::privatePem(own.key.get(), PASSWORD))),
-          publicText(urlBase64(oracle::publicPem(own.key.get()))),
-          certificateText(urlBase64(toDer(own.certificate.get())))
+          rootFile(folder + "/root" + type + ".crt"),
+          privateText(toUrlBase64(oracle::privatePem(own.key.get()))),
+          lockedText(toUrlBase64(oracle::privatePem(own.key.get(), PASSWORD))),
+          publicText(toUrlBase64(oracle::publicPem(own.key.get()))),
+          certificateText(toUrlBase64(toDer(own.certificate.get())))
     {
         const Credential root = makeRoot(rootPlan(), kind);
         server.signing = makeCredential(signingPlan(), kind, root);
@@ -62,14 +59,6 @@ struct Keys {
     std::string rootFile;
     std::string privateText, lockedText, publicText, certificateText;  // Base64 of PEM or DER
 };
-
-std::string temporaryDirectory()
-{
-    std::string name = (std::filesystem::temp_directory_path() / "corvane-load-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr)
-        throw std::runtime_error("cannot make a directory for temporary files");
-    return name;
-}
 
 // Which ciphers and modes there are.
 bool isCipher(int cipher, int mode)
@@ -102,22 +91,10 @@ std::string number(long long value)
 }  // namespace
 
 struct TrafficSetting::Content {
-    std::string directory = temporaryDirectory();
-    Keys sm2{KeyKind::sm2, directory};
-    Keys rsa{KeyKind::rsa, directory};
+    TemporaryFolder folder;
+    Keys sm2{KeyKind::sm2, folder.path()};
+    Keys rsa{KeyKind::rsa, folder.path()};
     mutable std::mutex keyPairs;
-    pid_t owner = getpid();
-
-    Content() = default;
-    Content(const Content&) = delete;
-    Content& operator=(const Content&) = delete;
-    ~Content()
-    {
-        if (getpid() != owner)
-            return;  // in a forked process that exits
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
-    }
 };
 
 TrafficSetting::TrafficSetting() : m_content(new Content) {}
@@ -261,7 +238,7 @@ private:
     // Expects these bytes.
     void askFor(const std::string& name, const Parameters& parameters, const std::string& data)
     {
-        ask(name, parameters, {{"Data", urlBase64(data)}, {"errorCode", "0"}});
+        ask(name, parameters, {{"Data", toUrlBase64(data)}, {"errorCode", "0"}});
     }
 
     // Whatever "Data" a successful answer has, as text.
@@ -439,12 +416,12 @@ void TrafficClient::Work::base64Decode()
 {
     const char* const name = "QZaven_crypto_base64_Decode";
     const std::string data = somePayload();
-    const std::string text = urlBase64(data);
+    const std::string text = toUrlBase64(data);
     if (isToErr())
         return err(name, {{"strIn", text}},
                    {{"strIn", "", MISSING},
                     {"strIn", "AA*A" + text, AVEN_E_BASE64_CHARACTER},
-                    {"strIn", urlBase64("abc") + "A", AVEN_E_BASE64_ENDING}});
+                    {"strIn", toUrlBase64("abc") + "A", AVEN_E_BASE64_ENDING}});
     ask(name, {{"strIn", text}}, {{"Data", oracle::escapedTwice(data)}, {"errorCode", "0"}});
 }
 
@@ -475,7 +452,7 @@ void TrafficClient::Work::setUpSession(const Keys& keys)
                              {"strPassword", PASSWORD}};
     err(name, parameters,
         {{"strKe", "", MISSING},
-         {"strSig_key", urlBase64("no key"), AVEN_E_KEY_TEXT},
+         {"strSig_key", toUrlBase64("no key"), AVEN_E_KEY_TEXT},
          {"strPassword", "another", AVEN_E_PASSWORD_WRONG}},
         {});
     ask(name, parameters, {{"errorCode", "0"}});
@@ -509,15 +486,15 @@ void TrafficClient::Work::exchangeKeys(const Keys& keys)
     name = "QZaven_ke_client_key_exchange";
     const Parameters parameters = {
         {"strKe", m_session},
-        {"strSrvr_rand", urlBase64(server.random)},
-        {"strSrvr_sig_cert", urlBase64(server.signingCertificate)},
-        {"strSrvr_enc_cert", urlBase64(server.encryptionCertificate)},
-        {"strSrvr_sign", urlBase64(server.signature)},
+        {"strSrvr_rand", toUrlBase64(server.random)},
+        {"strSrvr_sig_cert", toUrlBase64(server.signingCertificate)},
+        {"strSrvr_enc_cert", toUrlBase64(server.encryptionCertificate)},
+        {"strSrvr_sign", toUrlBase64(server.signature)},
     };
     err(name, parameters,
         {{"strKe", "", MISSING},
-         {"strSrvr_rand", urlBase64(server.random + "!"), AVEN_E_KE_SERVER_RANDOM},
-         {"strSrvr_rand", urlBase64(damaged(server.random)), AVEN_E_KE_SIGNATURE},
+         {"strSrvr_rand", toUrlBase64(server.random + "!"), AVEN_E_KE_SERVER_RANDOM},
+         {"strSrvr_rand", toUrlBase64(damaged(server.random)), AVEN_E_KE_SIGNATURE},
          {"strSrvr_sig_cert", keys.certificateText, AVEN_E_KE_UNTRUSTED}});
     m_channel = acceptKeyExchange(keys.server, hello, server.random, bytesOf(name, parameters));
 }
@@ -536,7 +513,7 @@ void TrafficClient::Work::channelEncrypt()
         renewSession();
     const char* const name = "QZaven_ke_encrypt";
     const std::string data = oneIn(100) ? "" : somePayload();
-    const Parameters parameters = {{"strKe", m_session}, {"strdata", urlBase64(data)}};
+    const Parameters parameters = {{"strKe", m_session}, {"strdata", toUrlBase64(data)}};
     if (isToErr())
         return err(name, parameters, channelMistakes());
     expect(openMessage(*m_channel, bytesOf(name, parameters)) == data, "another text is sealed");
@@ -549,13 +526,13 @@ void TrafficClient::Work::channelDecrypt()
     const char* const name = "QZaven_ke_decrypt";
     const std::string data = somePayload();
     const std::string message = sealMessage(*m_channel, data);
-    const Parameters parameters = {{"strKe", m_session}, {"strcipher", urlBase64(message)}};
+    const Parameters parameters = {{"strKe", m_session}, {"strcipher", toUrlBase64(message)}};
     if (isToErr()) {
         Mistakes mistakes = channelMistakes();
         mistakes.push_back({"strcipher", "", AVEN_E_KE_MESSAGE});
-        mistakes.push_back({"strcipher", urlBase64(damaged(message)), AVEN_E_TAG_MISMATCH});
+        mistakes.push_back({"strcipher", toUrlBase64(damaged(message)), AVEN_E_TAG_MISMATCH});
         mistakes.push_back({"strcipher",
-                            urlBase64(sealMessage(*m_channel, data, Direction::toServer)),
+                            toUrlBase64(sealMessage(*m_channel, data, Direction::toServer)),
                             AVEN_E_TAG_MISMATCH});
         return err(name, parameters, mistakes);
     }
@@ -568,7 +545,7 @@ void TrafficClient::Work::channelHmac()
         renewSession();
     const char* const name = "QZaven_ke_hmac";
     const std::string data = somePayload();
-    const Parameters parameters = {{"strKe", m_session}, {"strdata", urlBase64(data)}};
+    const Parameters parameters = {{"strKe", m_session}, {"strdata", toUrlBase64(data)}};
     if (isToErr())
         return err(name, parameters, channelMistakes());
     const Bytes key = m_channel->hmac();
@@ -583,7 +560,7 @@ void TrafficClient::Work::channelCmac()
         renewSession();
     const char* const name = "QZaven_ke_cmac";
     const std::string data = somePayload();
-    const Parameters parameters = {{"strKe", m_session}, {"strdata", urlBase64(data)}};
+    const Parameters parameters = {{"strKe", m_session}, {"strdata", toUrlBase64(data)}};
     if (isToErr())
         return err(name, parameters, channelMistakes());
     const Bytes key = m_channel->cmac();
@@ -622,7 +599,7 @@ void TrafficClient::Work::publicEncrypt()
         parameters.emplace_back("strKeyPairType", keys.type);
     const oracle::PublicKeyForm form = publicKeyForm(parameters);
     const std::string data = publicKeyData(keys, form.oaep);
-    parameters.emplace_back("strdata", urlBase64(data));
+    parameters.emplace_back("strdata", toUrlBase64(data));
     if (isToErr())
         return err(name, parameters,
                    {{"strpk", "", MISSING},
@@ -630,7 +607,7 @@ void TrafficClient::Work::publicEncrypt()
                     {"strKeyPairType", "2", INVALID},
                     {"strnoAsn1", "2", INVALID},
                     {"strKeyPairType", keys.kind == KeyKind::sm2 ? "3" : "1", AVEN_E_KEY_KIND},
-                    {"strpk", urlBase64("no key"), AVEN_E_KEY_TEXT},
+                    {"strpk", toUrlBase64("no key"), AVEN_E_KEY_TEXT},
                     {"strpk", keys.privateText, AVEN_E_KEY_ROLE}});
     expect(oracle::privateDecrypt(keys.own.key.get(), form, bytesOf(name, parameters)) == data,
            "another text is encrypted");
@@ -649,7 +626,7 @@ void TrafficClient::Work::privateDecrypt()
     const oracle::PublicKeyForm form = publicKeyForm(parameters);
     const std::string data = publicKeyData(keys, form.oaep);
     const std::string encrypted = oracle::publicEncrypt(keys.own.key.get(), form, data);
-    parameters.emplace_back("strdata", urlBase64(encrypted));
+    parameters.emplace_back("strdata", toUrlBase64(encrypted));
     if (isToErr()) {
         Mistakes mistakes = {{"strsk", "", MISSING},
                              {"strdata", "", MISSING},
@@ -660,7 +637,7 @@ void TrafficClient::Work::privateDecrypt()
             mistakes.push_back({"strPassword", "another", AVEN_E_PASSWORD_WRONG});
         }
         if (keys.kind == KeyKind::sm2 || form.oaep)  // PKCS#1 v1.5 may not notice
-            mistakes.push_back({"strdata", urlBase64(damaged(encrypted)), AVEN_E_DECRYPTION});
+            mistakes.push_back({"strdata", toUrlBase64(damaged(encrypted)), AVEN_E_DECRYPTION});
         return err(name, parameters, mistakes);
     }
     askFor(name, parameters, data);
@@ -679,18 +656,18 @@ oracle::CipherSetup TrafficClient::Work::cipherSetup(Parameters& parameters)
     setup.key = random(oracle::keySize(setup.cipher));
     parameters = {{"strCipherAlg", number(setup.cipher)},
                   {"strMode", number(setup.mode)},
-                  {"strKey", urlBase64(setup.key)}};
+                  {"strKey", toUrlBase64(setup.key)}};
     if (setup.padded || oneIn(2))
         parameters.emplace_back("strCipherPadding", setup.padded ? "1" : "0");
     if (setup.mode == AVEN_MODE_GCM) {
         setup.iv = random(oneIn(2) ? 12 : 1 + below(128));
         setup.aad = somePayload();
-        parameters.emplace_back("straad", urlBase64(setup.aad));
+        parameters.emplace_back("straad", toUrlBase64(setup.aad));
     } else if (setup.mode != AVEN_MODE_ECB) {
         setup.iv = random(oracle::blockSize(setup.cipher));
     }
     if (!setup.iv.empty())
-        parameters.emplace_back("strIV", urlBase64(setup.iv));
+        parameters.emplace_back("strIV", toUrlBase64(setup.iv));
     return setup;
 }
 
@@ -716,10 +693,10 @@ TrafficClient::Work::Mistakes TrafficClient::Work::cipherMistakes(const oracle::
                          {"strMode", "7", INVALID},
                          {"strMode", "1 ", INVALID},
                          {"strCipherPadding", "2", INVALID},
-                         {"strKey", urlBase64(setup.key + "!"), AVEN_E_KEY_LENGTH}};
+                         {"strKey", toUrlBase64(setup.key + "!"), AVEN_E_KEY_LENGTH}};
     if (setup.mode != AVEN_MODE_ECB) {
         mistakes.push_back({"strIV", "", MISSING});
-        mistakes.push_back({"strIV", urlBase64(random(129)), AVEN_E_IV_LENGTH});
+        mistakes.push_back({"strIV", toUrlBase64(random(129)), AVEN_E_IV_LENGTH});
     }
     if (setup.mode == AVEN_MODE_GCM)
         mistakes.push_back({"straad", "", MISSING});
@@ -736,7 +713,7 @@ void TrafficClient::Work::encrypt()
     const std::string data = cipherData(setup);
     const bool isGcm = setup.mode == AVEN_MODE_GCM;
     const int tagSize = oneIn(2) ? 16 : from(4, 16);
-    parameters.emplace_back("strdata", urlBase64(data));
+    parameters.emplace_back("strdata", toUrlBase64(data));
     if (isGcm && (tagSize != 16 || oneIn(2)))
         parameters.emplace_back("strgcmTagLen", number(tagSize));
     if (isToErr()) {
@@ -745,15 +722,15 @@ void TrafficClient::Work::encrypt()
             mistakes.push_back({"strgcmTagLen", "3", INVALID});
             mistakes.push_back({"strgcmTagLen", "17", INVALID});
         } else if (setup.mode <= AVEN_MODE_CBC && !setup.padded) {
-            mistakes.push_back({"strdata", urlBase64(data + "!"), AVEN_E_DATA_LENGTH});
+            mistakes.push_back({"strdata", toUrlBase64(data + "!"), AVEN_E_DATA_LENGTH});
         }
         return err(name, parameters, mistakes, {{"Data", ""}, {"gcmOutTag", ""}});
     }
     const oracle::Sealed sealed = isGcm ? oracle::sealGcm(setup, data, static_cast<size_t>(tagSize))
                                         : oracle::Sealed{oracle::encrypt(setup, data), ""};
     ask(name, parameters,
-        {{"Data", urlBase64(sealed.data)},
-         {"gcmOutTag", urlBase64(sealed.tag)},
+        {{"Data", toUrlBase64(sealed.data)},
+         {"gcmOutTag", toUrlBase64(sealed.tag)},
          {"errorCode", "0"}});
 }
 
@@ -767,18 +744,18 @@ void TrafficClient::Work::decrypt()
     const oracle::Sealed sealed =
         isGcm ? oracle::sealGcm(setup, data, static_cast<size_t>(from(4, 16)))
               : oracle::Sealed{oracle::encrypt(setup, data), ""};
-    parameters.emplace_back("strdata", urlBase64(sealed.data));
+    parameters.emplace_back("strdata", toUrlBase64(sealed.data));
     if (isGcm)
-        parameters.emplace_back("strtag", urlBase64(sealed.tag));
+        parameters.emplace_back("strtag", toUrlBase64(sealed.tag));
     if (isToErr()) {
         Mistakes mistakes = cipherMistakes(setup);
         if (isGcm) {
             mistakes.push_back({"strtag", "", MISSING});
-            mistakes.push_back({"strtag", urlBase64(damaged(sealed.tag)), AVEN_E_TAG_MISMATCH});
-            mistakes.push_back({"strdata", urlBase64(damaged(sealed.data)), AVEN_E_TAG_MISMATCH});
-            mistakes.push_back({"strtag", urlBase64("abc"), AVEN_E_TAG_LENGTH});
+            mistakes.push_back({"strtag", toUrlBase64(damaged(sealed.tag)), AVEN_E_TAG_MISMATCH});
+            mistakes.push_back({"strdata", toUrlBase64(damaged(sealed.data)), AVEN_E_TAG_MISMATCH});
+            mistakes.push_back({"strtag", toUrlBase64("abc"), AVEN_E_TAG_LENGTH});
         } else if (setup.mode <= AVEN_MODE_CBC) {
-            mistakes.push_back({"strdata", urlBase64(sealed.data + "!"), AVEN_E_DATA_LENGTH});
+            mistakes.push_back({"strdata", toUrlBase64(sealed.data + "!"), AVEN_E_DATA_LENGTH});
         }
         return err(name, parameters, mistakes);
     }
@@ -818,7 +795,7 @@ void TrafficClient::Work::mac(const char* name, const char* algName, int algs, s
     const std::string key = random(keySize);
     const std::string data = somePayload();
     const Parameters parameters = {
-        {algName, number(alg)}, {"strKey", urlBase64(key)}, {"strdata", urlBase64(data)}};
+        {algName, number(alg)}, {"strKey", toUrlBase64(key)}, {"strdata", toUrlBase64(data)}};
     if (isToErr()) {
         Mistakes mistakes = {{algName, "", MISSING},
                              {"strKey", "", MISSING},
@@ -826,7 +803,7 @@ void TrafficClient::Work::mac(const char* name, const char* algName, int algs, s
                              {algName, "0", INVALID},
                              {algName, number(algs + 1), INVALID}};
         if (compute == oracle::cmac)
-            mistakes.push_back({"strKey", urlBase64(key + "!"), AVEN_E_KEY_LENGTH});
+            mistakes.push_back({"strKey", toUrlBase64(key + "!"), AVEN_E_KEY_LENGTH});
         return err(name, parameters, mistakes);
     }
     askFor(name, parameters, compute(alg, key, data));
@@ -893,7 +870,7 @@ void TrafficClient::Work::envelopeEncrypt()
                     {"strMode", "", MISSING},
                     {"strCipherAlg", "8", INVALID},
                     {"strMode", "0", INVALID},
-                    {"strpk", urlBase64("no certificate"), AVEN_E_KEY_TEXT},
+                    {"strpk", toUrlBase64("no certificate"), AVEN_E_KEY_TEXT},
                     {"strpk", keys.publicText, AVEN_E_KEY_ROLE}});
     const std::string envelope = bytesOf(name, parameters);
     if (keys.kind == KeyKind::rsa && oracle::knowsEnvelope(cipher, mode)) {
@@ -903,7 +880,7 @@ void TrafficClient::Work::envelopeEncrypt()
     }
     back.emplace_back("strKeyPairType", keys.type);
     back.emplace_back("strsk", keys.privateText);
-    back.emplace_back("strEncdata", urlBase64(envelope));
+    back.emplace_back("strEncdata", toUrlBase64(envelope));
     ask("QZaven_crypto_envelope_decrypt", back,
         {{"Data", oracle::escapedTwice(data)}, {"errorCode", "0"}});
 }
@@ -924,7 +901,7 @@ void TrafficClient::Work::envelopeDecrypt()
                                    {"strsk", keys.privateText},
                                    {"strCipherAlg", number(cipher)},
                                    {"strMode", number(mode)},
-                                   {"strEncdata", urlBase64(envelope)}};
+                                   {"strEncdata", toUrlBase64(envelope)}};
     const int another = cipher % 7 + 1;
     if (isToErr())
         return err(name, parameters,
@@ -939,8 +916,8 @@ void TrafficClient::Work::envelopeDecrypt()
                     {"strCipherAlg", number(another),
                      isEnvelope(keys.kind, another, mode) ? AVEN_E_ENVELOPE_DIFFERS
                                                           : AVEN_E_ENVELOPE_ALGORITHM},
-                    {"strEncdata", urlBase64(envelope + "!"), AVEN_E_ENVELOPE_TRAILING},
-                    {"strEncdata", urlBase64(envelope.substr(0, envelope.size() - 1)),
+                    {"strEncdata", toUrlBase64(envelope + "!"), AVEN_E_ENVELOPE_TRAILING},
+                    {"strEncdata", toUrlBase64(envelope.substr(0, envelope.size() - 1)),
                      AVEN_E_ENVELOPE_TEXT}});
     ask(name, parameters, {{"Data", oracle::escapedTwice(data)}, {"errorCode", "0"}});
 }
@@ -951,20 +928,20 @@ TrafficClient::Work::WhiteBox TrafficClient::Work::whiteBox()
 {
     WhiteBox box;
     box.setup = {AVEN_CIPHER_SM4, AVEN_MODE_CBC, true, random(16), random(16), ""};
-    box.parameters = {{"strKey", urlBase64(box.setup.key)}, {"strIV", urlBase64(box.setup.iv)}};
+    box.parameters = {{"strKey", toUrlBase64(box.setup.key)}, {"strIV", toUrlBase64(box.setup.iv)}};
     return box;
 }
 
 void TrafficClient::Work::whiteBoxMistake(const char* name, Parameters parameters,
                                           const std::string& data)
 {
-    parameters.emplace_back("strdata", urlBase64(data));
+    parameters.emplace_back("strdata", toUrlBase64(data));
     err(name, parameters,
         {{"strKey", "", MISSING},
          {"strIV", "", MISSING},
          {"strdata", "", MISSING},
-         {"strKey", urlBase64(random(15)), INVALID},
-         {"strIV", urlBase64(random(17)), INVALID}});
+         {"strKey", toUrlBase64(random(15)), INVALID},
+         {"strIV", toUrlBase64(random(17)), INVALID}});
 }
 
 void TrafficClient::Work::whiteBoxEncrypt()
@@ -974,7 +951,7 @@ void TrafficClient::Work::whiteBoxEncrypt()
     const std::string data = somePayload();
     if (isToErr())
         return whiteBoxMistake(name, box.parameters, data);
-    box.parameters.emplace_back("strdata", urlBase64(data));
+    box.parameters.emplace_back("strdata", toUrlBase64(data));
     askFor(name, box.parameters, oracle::encrypt(box.setup, data));
 }
 
@@ -986,7 +963,7 @@ void TrafficClient::Work::whiteBoxDecrypt()
     const std::string encrypted = oracle::encrypt(box.setup, data);
     if (isToErr())
         return whiteBoxMistake(name, box.parameters, encrypted);
-    box.parameters.emplace_back("strdata", urlBase64(encrypted));
+    box.parameters.emplace_back("strdata", toUrlBase64(encrypted));
     askFor(name, box.parameters, data);
 }
 

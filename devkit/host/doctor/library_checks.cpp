@@ -1,11 +1,8 @@
 #include "library_checks.h"
 
-#include <dlfcn.h>
 #include <link.h>
 
-#include "engine_interface.h"
 #include "log.h"
-#include "params_interface.h"
 
 namespace {
 
@@ -81,18 +78,17 @@ Check libraryCheck(const LibraryChoice& library)
     const std::string name = std::string(library.what) + " loads";
     return {name,
             [library, name](const Tell& tell) {
-                // Never closed: the process ends soon.
-                void* handle = dlopen(library.path.c_str(), RTLD_NOW | RTLD_LOCAL);
-                if (handle == nullptr) {
-                    const char* reason = dlerror();
-                    tell({name, Status::Fail, reason != nullptr ? reason : "unknown reason",
+                try {
+                    // Never closed: the process ends soon.
+                    void* handle = openLibrary(library.path).release();
+                    tell({name, Status::Ok, "from " + loadedFrom(handle)});
+                    checkFunctions(library, handle, tell);
+                    if (library.name == std::string(pluginName))
+                        checkLogLevel(handle, tell);
+                } catch (const LoadError& e) {
+                    tell({name, Status::Fail, e.what(),
                           "install what it needs (ldd tells), or name another file", true});
-                    return;
                 }
-                tell({name, Status::Ok, "from " + loadedFrom(handle)});
-                checkFunctions(library, handle, tell);
-                if (library.name == std::string(pluginName))
-                    checkLogLevel(handle, tell);
             },
             true};
 }
