@@ -39,7 +39,7 @@ std::wstring widened(const std::string& text)
 
 void checkEncoding(const std::string& bytes)
 {
-    const std::string text = fuzz::base64Of(bytes);
+    const std::string text = fuzz::toBase64(bytes);
     HOLDS(base64_encode(fuzz::bytesOf(bytes), fuzz::size32(bytes)) == text);
     HOLDS(base64_encode_url(fuzz::bytesOf(bytes), bytes.size()) == fuzz::toUrl(text));
     HOLDS(base64_decode(text) == decodedByLibcrypto(text));
@@ -59,7 +59,7 @@ void checkWide(const std::string& bytes)
     const std::u32string elements(wide.begin(), wide.end());
     HOLDS(base64_encode_w(reinterpret_cast<const unsigned*>(elements.data()),
                           static_cast<unsigned>(elements.size())) ==
-          widened(fuzz::base64Of(bytes)));
+          widened(fuzz::toBase64(bytes)));
     HOLDS(base64_decode_w(wide) == widened(fuzz::base64Decoded(bytes)));
 }
 
@@ -74,7 +74,7 @@ void checkKernelEncoding(const Base64Kernel& kernel, Base64Alphabet alphabet,
     HOLDS(taken <= bytes.size() && taken % 3 == 0);
     HOLDS(&kernel != base64_kernel_scalar() || taken == bytes.size() / 3 * 3);
 
-    const std::string text = fuzz::base64Of(bytes.substr(0, taken));
+    const std::string text = fuzz::toBase64(bytes.substr(0, taken));
     HOLDS(out.text(taken / 3 * 4) == (alphabet == BASE64_URL ? fuzz::toUrl(text) : text));
 }
 
@@ -106,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     // Long texts of the alphabet are rare among random bytes: one with a single character
     // exchanged.
-    std::string damaged = fuzz::base64Of(bytes);
+    std::string damaged = fuzz::toBase64(bytes);
     if (!damaged.empty())
         damaged[place % damaged.size()] = character;
     if (place % 2 == 1)

@@ -90,7 +90,7 @@ void checkEncodingInPieces(const std::string& bytes, const std::vector<unsigned>
     Exact last(given % 3 == 0 ? 0 : 4);
     HOLDS(encodefinish(last.data(), state) == static_cast<int>(last.size()));
     free(state);
-    HOLDS(text + last.text() == fuzz::base64Of(bytes));
+    HOLDS(text + last.text() == fuzz::toBase64(bytes));
 }
 
 // Returns the bytes of all pieces.
@@ -120,7 +120,7 @@ std::string decodeInPieces(const std::string& text, const std::vector<unsigned>&
 
 void checkEncodingAtOnce(const std::string& bytes, int lineBreak)
 {
-    std::string expected = fuzz::base64Of(bytes);
+    std::string expected = fuzz::toBase64(bytes);
     const size_t characters = expected.size();
     size_t announced = characters;
     if (lineBreak == 1) {
@@ -176,7 +176,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // Any text by the rules, and a well-formed one, also with line feeds, to its bytes.
     decodeInPieces(bytes, lengths);
     checkDecodingAtOnce(bytes);
-    std::string text = fuzz::base64Of(bytes);
+    std::string text = fuzz::toBase64(bytes);
     HOLDS(decodeInPieces(text, lengths) == bytes);
     for (const unsigned length : lengths)
         text.insert(length % (text.size() + 1), 1, '\n');

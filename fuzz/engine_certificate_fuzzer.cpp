@@ -20,12 +20,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzz::Input input(data, size);
     const bool isDer = input.pick(2) == 1;
-    const std::string text = isDer ? fuzz::base64Of(input.rest()) : input.rest();
+    const std::string text = isDer ? fuzz::toBase64(input.rest()) : input.rest();
     Certificate certificate;
     const int code = fuzz::readCertificate(text, &certificate.value);
     if (fuzz::isPem(text)) {
         Certificate wrapped;
-        HOLDS(fuzz::readCertificate(fuzz::base64Of(text), &wrapped.value) == code);
+        HOLDS(fuzz::readCertificate(fuzz::toBase64(text), &wrapped.value) == code);
     }
 
     KeyPair holder;

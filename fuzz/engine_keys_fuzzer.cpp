@@ -138,12 +138,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const char* const password = passwords[input.pick(3)];
     const bool isDer = input.pick(2) == 1;
     const std::string bytes = input.rest();
-    const std::string text = isDer ? fuzz::base64Of(bytes) : bytes;
+    const std::string text = isDer ? fuzz::toBase64(bytes) : bytes;
 
     KeyPair keypair;
     const int code = read(role, AVEN_KEY_ANY, text, password, &keypair.value);
     if (fuzz::isPem(text))
-        HOLDS(codeFor(role, AVEN_KEY_ANY, fuzz::base64Of(text), password) == code);
+        HOLDS(codeFor(role, AVEN_KEY_ANY, fuzz::toBase64(text), password) == code);
     if (code != AVEN_OK)
         return 0;
 

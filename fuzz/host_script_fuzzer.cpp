@@ -103,7 +103,7 @@ std::string bytesIn(const Json& json)
     HOLDS(json.is_object() && json.size() == 1);
     const std::string text = json.at("base64");
     const std::string bytes = fuzz::base64Decoded(text);
-    HOLDS(fuzz::base64Of(bytes) == text);
+    HOLDS(fuzz::toBase64(bytes) == text);
     return bytes;
 }
 
@@ -111,7 +111,7 @@ std::string bytesIn(const Json& json)
 std::optional<std::string> arrivingFor(Form form, const std::string& text)
 {
     const auto encoded = [](const std::string& bytes) {
-        return fuzz::toUrl(fuzz::base64Of(bytes));
+        return fuzz::toUrl(fuzz::toBase64(bytes));
     };
     const auto startsWith = [&](const std::string& prefix) {
         return text.compare(0, prefix.size(), prefix) == 0;

@@ -2,31 +2,14 @@
 #ifndef CORVANE_FUZZ_ORACLES_H
 #define CORVANE_FUZZ_ORACLES_H
 
-#include <openssl/evp.h>
-
 #include "fuzz.h"
+#include "support/base64_text.h"
 
 namespace fuzz {
 
-// Standard Base64 (RFC 4648, section 4), by libcrypto.
-inline std::string base64Of(const std::string& bytes)
-{
-    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
-    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                                       bytesOf(bytes), static_cast<int>(bytes.size()));
-    text.resize(static_cast<size_t>(length));
-    return text;
-}
-
-inline std::string toUrl(const std::string& text)
-{
-    return replaced(replaced(text, '+', '-'), '/', '_');
-}
-
-inline std::string fromUrl(const std::string& text)
-{
-    return replaced(replaced(text, '-', '+'), '_', '/');
-}
+using support::fromUrl;
+using support::toBase64;
+using support::toUrl;
 
 // The sextet of a character of the standard alphabet, or -1.
 inline int sextetOf(char c)

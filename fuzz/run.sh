@@ -49,7 +49,7 @@ fuzz_one() {
     rm -rf "$corpus"
     mkdir -p "$corpus"
     rm -f "$findings/$name"-*
-    [ ! -e "fuzz/$name.dict" ] || options+=("-dict=fuzz/$name.dict")
+    [ ! -e "$build/fuzz/$name.dict" ] || options+=("-dict=$build/fuzz/$name.dict")
     "$build/fuzz/${name}_fuzzer" "-max_total_time=$seconds" -timeout=20 -rss_limit_mb=3072 \
         -print_final_stats=1 "-artifact_prefix=$findings/$name-" "${options[@]}" \
         "$corpus" "fuzz/$name.in" >"$log" 2>&1 || status=$?

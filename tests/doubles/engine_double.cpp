@@ -48,8 +48,11 @@ public:
                     m_step.reported.value_or(static_cast<long long>(ordinary.size())));
             return finish(m_step);
         }
-        const uint32_t written = write(out, *len, ordinary);
-        if (m_step.code == 0 || m_step.output || m_step.reported)
+        const uint32_t capacity = *len;
+        const uint32_t written = write(out, capacity, ordinary);
+        if (m_step.beyond)
+            *len = capacity + 1;
+        else if (m_step.code == 0 || m_step.output || m_step.reported)
             *len = static_cast<uint32_t>(m_step.reported.value_or(written));
         return finish(m_step);
     }

@@ -20,7 +20,7 @@ namespace doubles {
 
 // The account of one kind of objects.
 struct Objects {
-    explicit Objects(uintptr_t firstAddress) : next(firstAddress) {}
+    explicit Objects(uintptr_t firstAddress) : first(firstAddress), next(firstAddress) {}
 
     void* give()
     {
@@ -45,6 +45,7 @@ struct Objects {
             ++strangersFreed;
     }
 
+    uintptr_t first;
     uintptr_t next;
     std::set<void*> live;
     int given = 0;
@@ -81,12 +82,15 @@ inline std::string pattern(size_t size)
     return bytes;
 }
 
-// Exported by the library: what records and scripts its calls from now on. Null
-// detaches; the functions then fail with DETACHED.
+// The name of what the library exports to be attached.
 constexpr char ENGINE_ATTACH[] = "engine_double_attach";
 using EngineAttach = void (*)(EngineDouble*);
 constexpr int DETACHED = -99999;
 
 }  // namespace doubles
+
+// What records and scripts the library's calls from now on. Null detaches; the functions
+// then fail with DETACHED.
+extern "C" void engine_double_attach(doubles::EngineDouble* engine);
 
 #endif

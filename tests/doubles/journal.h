@@ -100,6 +100,7 @@ struct Step {
     int code = 0;  // returned; with another code than 0 nothing is written unless told below
     std::optional<std::string> output;  // written instead of the ordinary bytes, up to the capacity
     std::optional<long long> reported;  // output length told instead of the true one
+    bool beyond = false;                // tell one byte more than the capacity instead
     bool scribble = false;              // fill the whole capacity with 0xAA first
     bool throws = false;                // throw at the end instead of returning
     std::optional<void*> object;        // key pair, certificate or session to give out
@@ -114,6 +115,7 @@ struct Step {
 class Script {
 public:
     explicit Script(std::vector<std::string> functions) : known(std::move(functions)) {}
+    virtual ~Script() = default;
 
     Step& on(const std::string& function, const std::string& parameter = "")
     {
@@ -131,7 +133,10 @@ public:
         queries.clear();
     }
 
-    const Step& step(bool query, const std::string& function, const std::string& parameter = "")
+    // What a call answers by; good until the next call. Whoever scripts by other means than
+    // names overrides it.
+    virtual const Step& step(bool query, const std::string& function,
+                             const std::string& parameter = "")
     {
         auto& set = query ? queries : steps;
         const auto special = set.find(function + "/" + parameter);
@@ -163,6 +168,7 @@ public:
         ++journal.busy;
         journal.calls.emplace_back();
         journal.calls.back().function = function;
+        journal.calls.back().arguments.reserve(8);
     }
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;

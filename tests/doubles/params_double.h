@@ -49,4 +49,6 @@ using ParamsAttach = void (*)(ParamsDouble*);
 
 }  // namespace doubles
 
+extern "C" void params_double_attach(doubles::ParamsDouble* params);
+
 #endif
