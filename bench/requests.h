@@ -7,16 +7,13 @@
 
 #include "host.h"
 
-// How a request takes its payload.
-enum class Payload { None, AsIs, Base64 };
-
 struct RequestCase {
     std::string name;
-    Payload form;
-    std::string payloadName;
+    std::string payloadName;  // "" if it takes none
     Pairs others;
 
-    // `payload` counts bytes before Base64.
+    bool hasPayload() const { return !payloadName.empty(); }
+    // `payload` counts bytes before Base64, which the catalogue asks for.
     Pairs parameters(size_t payload) const;
 };
 

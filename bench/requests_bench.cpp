@@ -50,7 +50,7 @@ void request(benchmark::State& state, const Host& host, const RequestCase& reque
     host.expectSuccess(request.name, parameters);
     log_set_level(logLevel);
     run(
-        state, request.form == Payload::None ? 0 : payload, [&] { host.store(parameters); },
+        state, request.hasPayload() ? payload : 0, [&] { host.store(parameters); },
         [&] { host.send(request.name); });
     log_set_level(SILENT);
 }
@@ -85,7 +85,7 @@ void addAll(const Host& host)
 {
     for (const RequestCase& kind : requestCases()) {
         for (const size_t payload : sizes) {
-            const bool sized = kind.form != Payload::None;
+            const bool sized = kind.hasPayload();
             const std::string suffix = kind.name + (sized ? "/" + std::to_string(payload) : "");
             if (!sized && payload != sizes[0])
                 continue;  // one size is as good as another
