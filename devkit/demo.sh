@@ -1,45 +1,55 @@
 #!/usr/bin/env bash
 # All 27 requests on real data, through host, parameter module, plug-in and engine, and
 # each checked by something else: the openssl command, or the key exchange's other side.
-# Usage: devkit/demo.sh BUILD_DIRECTORY [FILE]
+#   devkit/demo.sh BUILD_DIRECTORY [FILE]
+#   devkit/demo.sh BUILD_DIRECTORY --exchange [--rsa]   the key exchange alone; the server's
+#                                                       keys are SM2, or RSA
+# The requests are those of walk.jsonl, a script for corvane-host in whose folder the files
+# lie that it names.
 set -euo pipefail
 
-host=$1/devkit/host/corvane-host
-peer=$1/devkit/peer/corvane-ke-peer
-file=${2:-src/WebOperateAvenSoftModule.cpp}
+devkit=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+host=$(realpath "$1")/devkit/host/corvane-host
+peer=$(realpath "$1")/devkit/peer/corvane-ke-peer
+shift
+mapfile -t steps <"$devkit/walk.jsonl"
+file=${1:-src/WebOperateAvenSoftModule.cpp}
+server_keys=()
+if [ "${1-}" = --exchange ]; then
+    mapfile -t steps < <(printf '%s\n' "${steps[@]}" | grep '"id": "ke')
+    server_keys=("${@:2}")
+    file=
+fi
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+[ -z "$file" ] || cp -- "$file" "$work/file"
 passed=0
 failed=0
 
 # --- Requests. One host process answers each line with a line, so that the sessions of
 # the key exchange live as long as they are needed.
 
-coproc HOST { exec "$host" script - --time 2>"$work/log"; }
+coproc HOST { cd "$work" && exec "$host" script - --time 2>log; }
 to_host=${HOST[1]} from_host=${HOST[0]} host_pid=$HOST_PID
+cd "$work"
 
-# request WHAT ID NAME [PARAMETER VALUE]...: sends a request and prints a row about it.
-# Its result "Data" is in $data; with an ID other than "-", later requests can use it as
-# ${ID.Data}.
-requests=0
+# A text of a line of JSON.
+value() { sed -n "s/.*\"$1\": *\"\([^\"]*\)\".*/\1/p" <<<"$2"; }
+
+# Sends a step and prints a row about it. Its result "Data" is in $data.
 request() {
-    local what=$1 id=$2 name=$3 params="" line
-    shift 3
-    requests=$((requests + 1))
-    [ "$id" != - ] || id=request$requests
-    while [ $# -gt 0 ]; do
-        params+="${params:+, }\"$1\": \"$2\""
-        shift 2
-    done
-    printf '{"id": "%s", "request": "%s", "params": {%s}}\n' "$id" "$name" "$params" >&"$to_host"
+    local name line
+    name=$(value request "$1")
+    printf '%s\n' "$1" >&"$to_host"
     if ! IFS= read -r line <&"$from_host" || [[ $line != *'"ok":true'* ]]; then
         printf '%s failed: %s\n' "$name" "${line-}" >&2
-        grep -v 'DEVELOPMENT ENGINE' "$work/log" >&2
+        grep -v 'DEVELOPMENT ENGINE' log >&2
         exit 1
     fi
-    data=$(sed -n 's/.*"Data":"\([^"]*\)".*/\1/p' <<<"$line")
-    printf '%-39s %-30s %6.0f us\n' "$what" "$name" "$(sed -n 's/.*"microseconds":\([0-9.]*\).*/\1/p' <<<"$line")"
+    data=$(value Data "$line")
+    printf '%-39s %-30s %6.0f us\n' "$(value title "$1")" "$name" \
+        "$(sed -n 's/.*"microseconds":\([0-9.]*\).*/\1/p' <<<"$line")"
 }
 
 # --- Values.
@@ -58,7 +68,7 @@ hex() { od -An -v -tx1 | tr -d ' \n'; }
 check() {
     local what=$1
     shift
-    if "$@" 2>>"$work/check.log"; then
+    if "$@" 2>>check.log; then
         passed=$((passed + 1))
         printf '    ok      %s\n' "$what"
     else
@@ -68,139 +78,118 @@ check() {
 }
 contains() { [[ $data == *"$1"* ]]; }
 same() { [ -n "$1" ] && [ "$1" = "$2" ]; }
-gives_file_back() { decoded | cmp -s - "$file"; }
 is_output_of() { decoded | cmp -s - <("$@"); }
+gives_file_back() { check "gives the file back" is_output_of cat file; }
+gives_message_back() { check "gives the message back" same "$message" "$1"; }
 
-# --- The work.
+# --- What the requests are sent, and what must come of each: after_ID.
 
 message='a message that is not secret'
-printf '%s' "$message" >"$work/message"
-openssl rand -out "$work/iv" 16
-openssl rand -out "$work/nonce" 12
-openssl rand -out "$work/mackey" 16
-iv=$(hex <"$work/iv")
-mackey=$(hex <"$work/mackey")
-
-printf 'The file: %s, %s bytes\n\n' "$file" "$(stat -c %s "$file")"
-
-request "version of the engine" - QZaVen_GetVersion
-check "$data" contains "development engine"
-request "text of an error code" - QZaVen_strerror strErr -20001
-check "$data" contains "parameter is missing"
-
-request "Base64, encode the file" b64 QZaven_crypto_base64_encode strIn "@$file"
-check "same as the base64 command" same "$(standard <<<"$data")" "$(base64 -w0 "$file")"
-request "Base64, decode it" - QZaven_crypto_base64_Decode strIn '${b64.Data}'
-check "gives the file back" cmp -s <(unescaped "$data") "$file"
-
-request "AES-256 key" aes QZaven_crypto_gen_symmkey strCipherAlg 4
-gcm=(strCipherAlg 4 strMode 6 strKey '${aes.Data}' strIV "b64:@$work/nonce" straad b64:header)
-request "AES-256-GCM, encrypt the file" gcm QZaven_crypto_encrypt "${gcm[@]}" strdata "b64:@$file"
-request "AES-256-GCM, decrypt it" - QZaven_crypto_decrypt "${gcm[@]}" \
-    strdata '${gcm.Data}' strtag '${gcm.gcmOutTag}'
-check "gives the file back" gives_file_back
-request "SM4 key" sm4 QZaven_crypto_gen_symmkey strCipherAlg 1
-sm4=$(decoded | hex)
-cbc=(strCipherAlg 1 strMode 2 strCipherPadding 1 strKey '${sm4.Data}' strIV "b64:@$work/iv")
-request "SM4-CBC, encrypt the file" cbc QZaven_crypto_encrypt "${cbc[@]}" strdata "b64:@$file"
-check "same as openssl enc" is_output_of openssl enc -sm4-cbc -K "$sm4" -iv "$iv" -in "$file"
-request "SM4-CBC, decrypt it" - QZaven_crypto_decrypt "${cbc[@]}" strdata '${cbc.Data}'
-check "gives the file back" gives_file_back
-box=(strKey '${sm4.Data}' strIV "b64:@$work/iv")
-request "white-box SM4, encrypt the file" box QZaven_wbsm4_encrypt "${box[@]}" strdata "b64:@$file"
-check "same as openssl enc" is_output_of openssl enc -sm4-cbc -K "$sm4" -iv "$iv" -in "$file"
-request "white-box SM4, decrypt it" - QZaven_wbsm4_decrypt "${box[@]}" strdata '${box.Data}'
-check "gives the file back" gives_file_back
-
-request "HMAC-SHA-256 of the file" - QZaven_crypto_hmac strHashAlg 4 \
-    strKey "b64:@$work/mackey" strdata "b64:@$file"
-check "same as openssl dgst" is_output_of openssl dgst -sha256 -mac HMAC -macopt "hexkey:$mackey" -binary "$file"
-request "AES-128-CMAC of the file" - QZaven_crypto_cmac strCipherAlg 2 \
-    strKey "b64:@$work/mackey" strdata "b64:@$file"
-check "same as openssl mac" is_output_of openssl mac -binary -macopt cipher:AES-128-CBC \
-    -macopt "hexkey:$mackey" -in "$file" CMAC
-request "key derivation, SHA-256" - QZaven_crypto_kdf HashType 4 srcdata "$message" OutLen 48
-check "same as openssl kdf" is_output_of openssl kdf -binary -keylen 48 -kdfopt digest:SHA256 \
-    -kdfopt "secret:$message" X963KDF
+printf '%s' "$message" >message
+openssl rand -out iv 16
+openssl rand -out nonce 12
+openssl rand -out mackey 16
+iv=$(hex <iv)
+mackey=$(hex <mackey)
 
 # key_pair NAME GENPKEY_ARGUMENT...: a key pair and a certificate, as PEM and DER.
 key_pair() {
-    local base=$work/$1
+    local name=$1
     shift
-    openssl genpkey -quiet -out "$base.pem" "$@" 2>>"$work/check.log" ||
-        openssl genpkey -out "$base.pem" "$@" 2>>"$work/check.log"
-    openssl pkey -in "$base.pem" -outform DER -out "$base.der"
-    openssl pkey -in "$base.pem" -pubout -out "$base.pub.pem"
-    openssl pkey -in "$base.pem" -pubout -outform DER -out "$base.pub.der"
-    openssl req -x509 -new -key "$base.pem" -subj /CN=demo -days 1 -outform DER -out "$base.crt.der" \
-        2>>"$work/check.log"
-    openssl x509 -inform DER -in "$base.crt.der" -out "$base.crt.pem"
+    openssl genpkey -quiet -out "$name.pem" "$@" 2>>check.log ||
+        openssl genpkey -out "$name.pem" "$@" 2>>check.log
+    openssl pkey -in "$name.pem" -outform DER -out "$name.der"
+    openssl pkey -in "$name.pem" -pubout -out "$name.pub.pem"
+    openssl pkey -in "$name.pem" -pubout -outform DER -out "$name.pub.der"
+    openssl req -x509 -new -key "$name.pem" -subj /CN=demo -days 1 -outform DER -out "$name.crt.der" \
+        2>>check.log
+    openssl x509 -inform DER -in "$name.crt.der" -out "$name.crt.pem"
 }
-key_pair rsa -algorithm RSA -pkeyopt rsa_keygen_bits:2048
+[ -z "$file" ] || key_pair rsa -algorithm RSA -pkeyopt rsa_keygen_bits:2048
 key_pair sm2 -algorithm EC -pkeyopt ec_paramgen_curve:SM2
-
-oaep=(-pkeyopt rsa_padding_mode:oaep -pkeyopt rsa_oaep_md:sha256 -pkeyopt rsa_mgf1_md:sha256)
-# public_key WHAT KEY TYPE PADDING PKEYUTL_OPTION...: both directions against openssl.
-public_key() {
-    local what=$1 key=$2 type=$3 padding=$4
-    shift 4
-    request "$what, encrypt" - QZaven_crypto_public_encrypt strKeyPairType "$type" \
-        strpk "b64:@$work/$key.pub.der" strRsaPaddingE "$padding" strdata "b64:$message"
-    decoded >"$work/sealed"
-    check "openssl pkeyutl decrypts it" same "$message" \
-        "$(openssl pkeyutl -decrypt -inkey "$work/$key.pem" "$@" -in "$work/sealed")"
-    openssl pkeyutl -encrypt -pubin -inkey "$work/$key.pub.pem" "$@" -in "$work/message" -out "$work/sealed"
-    request "$what, decrypt openssl's" - QZaven_crypto_private_decrypt strKeyPairType "$type" \
-        strsk "b64:@$work/$key.der" strRsaPaddingE "$padding" strdata "b64:@$work/sealed"
-    check "gives the message back" same "$message" "$(decoded)"
-}
-public_key "RSA-2048 OAEP" rsa 3 0 "${oaep[@]}"
-public_key "RSA-2048 PKCS#1 v1.5" rsa 3 1 -pkeyopt rsa_padding_mode:pkcs1
-public_key "SM2" sm2 1 0
-
-request "CMS envelope, AES-256-CBC" - QZaven_crypto_envelope_encrypt strdata "$message" \
-    strpk "b64:@$work/rsa.crt.der" strCipherAlg 4 strMode 2
-decoded >"$work/sealed"
-check "openssl cms opens it" same "$message" \
-    "$(openssl cms -decrypt -inform DER -inkey "$work/rsa.pem" -in "$work/sealed")"
-openssl cms -encrypt -binary -aes-256-cbc -outform DER -in "$work/message" -out "$work/sealed" "$work/rsa.crt.pem"
-request "CMS envelope, open openssl's" - QZaven_crypto_envelope_decrypt strKeyPairType 3 \
-    strEncdata "b64:@$work/sealed" strsk "b64:@$work/rsa.der" strCipherAlg 4 strMode 2
-check "gives the message back" same "$message" "$(unescaped "$data")"
-request "SM2 envelope, SM4-CBC" env QZaven_crypto_envelope_encrypt strdata "$message" \
-    strpk "b64:@$work/sm2.crt.der" strCipherAlg 1 strMode 2
-request "SM2 envelope, open it" - QZaven_crypto_envelope_decrypt strKeyPairType 1 \
-    strEncdata '${env.Data}' strsk "b64:@$work/sm2.der" strCipherAlg 1 strMode 2
-check "gives the message back" same "$message" "$(unescaped "$data")"
-
 # The server's side is corvane-ke-peer, with certificates of its own making.
-server=$work/server
-"$peer" make-certs "$server"
-request "key exchange, new session" ke QZaven_ke_new
-ke=(strKe '${ke.Data}')
-request "  client's key pairs" - QZaven_ke_set_public_key "${ke[@]}" \
-    strSig_key "b64:@$work/sm2.der" strEnc_key "b64:@$work/sm2.der"
-request "  client's certificates" - QZaven_ke_set_certificate "${ke[@]}" \
-    strSig_cert "b64:@$work/sm2.crt.der" strEnc_cert "b64:@$work/sm2.crt.der"
-request "  trusted root" - QZaven_ke_set_root_certificate "${ke[@]}" strCa_file "$server/root.crt"
-request "  client hello" - QZaven_ke_client_hello "${ke[@]}"
-answer=$("$peer" answer --dir "$server" --hello "$data")
-value() { sed -n "s/.*\"$1\": *\"\([^\"]*\)\".*/\1/p" <<<"$answer"; }
-request "  client key exchange" - QZaven_ke_client_key_exchange "${ke[@]}" \
-    strSrvr_rand "$(value strSrvr_rand)" strSrvr_sig_cert "$(value strSrvr_sig_cert)" \
-    strSrvr_enc_cert "$(value strSrvr_enc_cert)" strSrvr_sign "$(value strSrvr_sign)"
-check "the server derives its keys" "$peer" finish --dir "$server" --message "$data"
-text=$(base64 -w0 "$work/message")
-request "  encrypt for the server" - QZaven_ke_encrypt "${ke[@]}" strdata "$text"
-check "the server decrypts it" same "$text" "$("$peer" decrypt --dir "$server" --data "$data" | standard)"
-request "  decrypt from the server" - QZaven_ke_decrypt "${ke[@]}" \
-    strcipher "$("$peer" encrypt --dir "$server" --data "$text")"
-check "gives the message back" same "$message" "$(decoded)"
-request "  HMAC" - QZaven_ke_hmac "${ke[@]}" strdata "$text"
-check "the server computes the same" same "$data" "$("$peer" hmac --dir "$server" --data "$text")"
-request "  CMAC" - QZaven_ke_cmac "${ke[@]}" strdata "$text"
-check "the server computes the same" same "$data" "$("$peer" cmac --dir "$server" --data "$text")"
-request "  end of the session" - QZaven_ke_free "${ke[@]}"
+"$peer" make-certs server "${server_keys[@]}"
+
+after_version() { check "$data" contains "development engine"; }
+after_error_text() { check "$data" contains "parameter is missing"; }
+after_b64() { check "same as the base64 command" same "$(standard <<<"$data")" "$(base64 -w0 file)"; }
+after_b64_back() { check "gives the file back" cmp -s <(unescaped "$data") file; }
+
+after_gcm_back() { gives_file_back; }
+after_sm4() { sm4=$(decoded | hex); }
+after_cbc() { check "same as openssl enc" is_output_of openssl enc -sm4-cbc -K "$sm4" -iv "$iv" -in file; }
+after_cbc_back() { gives_file_back; }
+after_box() { after_cbc; }
+after_box_back() { gives_file_back; }
+
+after_hmac() {
+    check "same as openssl dgst" is_output_of openssl dgst -sha256 -mac HMAC -macopt "hexkey:$mackey" -binary file
+}
+after_cmac() {
+    check "same as openssl mac" is_output_of openssl mac -binary -macopt cipher:AES-128-CBC \
+        -macopt "hexkey:$mackey" -in file CMAC
+}
+after_kdf() {
+    check "same as openssl kdf" is_output_of openssl kdf -binary -keylen 48 -kdfopt digest:SHA256 \
+        -kdfopt "secret:$message" X963KDF
+}
+
+# Both directions: openssl opens what was sealed, and seals what is opened next.
+public_key() {
+    local key=$1
+    shift
+    decoded >sealed
+    check "openssl pkeyutl decrypts it" same "$message" \
+        "$(openssl pkeyutl -decrypt -inkey "$key.pem" "$@" -in sealed)"
+    openssl pkeyutl -encrypt -pubin -inkey "$key.pub.pem" "$@" -in message -out sealed
+}
+after_oaep() {
+    public_key rsa -pkeyopt rsa_padding_mode:oaep -pkeyopt rsa_oaep_md:sha256 -pkeyopt rsa_mgf1_md:sha256
+}
+after_pkcs1() { public_key rsa -pkeyopt rsa_padding_mode:pkcs1; }
+after_sm2() { public_key sm2; }
+after_oaep_back() { gives_message_back "$(decoded)"; }
+after_pkcs1_back() { gives_message_back "$(decoded)"; }
+after_sm2_back() { gives_message_back "$(decoded)"; }
+
+after_cms() {
+    decoded >sealed
+    check "openssl cms opens it" same "$message" \
+        "$(openssl cms -decrypt -inform DER -inkey rsa.pem -in sealed)"
+    openssl cms -encrypt -binary -aes-256-cbc -outform DER -in message -out sealed rsa.crt.pem
+}
+after_cms_back() { gives_message_back "$(unescaped "$data")"; }
+after_sm2_envelope_back() { gives_message_back "$(unescaped "$data")"; }
+
+after_ke_hello() {
+    local answer field
+    answer=$("$peer" answer --dir server --hello "$data")
+    for field in rand sig_cert enc_cert sign; do
+        value "strSrvr_$field" "$answer" | tr -d '\n' >"$field"
+    done
+}
+after_ke_exchange() {
+    check "the server derives its keys" "$peer" finish --dir server --message "$data"
+    text=$(base64 -w0 message)
+}
+after_ke_encrypt() {
+    check "the server decrypts it" same "$text" "$("$peer" decrypt --dir server --data "$data" | standard)"
+    "$peer" encrypt --dir server --data "$text" | tr -d '\n' >from_server
+}
+after_ke_decrypt() { gives_message_back "$(decoded)"; }
+after_ke_hmac() { check "the server computes the same" same "$data" "$("$peer" hmac --dir server --data "$text")"; }
+after_ke_cmac() { check "the server computes the same" same "$data" "$("$peer" cmac --dir server --data "$text")"; }
+
+# --- The work.
+
+[ -z "$file" ] || printf 'The file: %s, %s bytes\n\n' "$file" "$(stat -c %s file)"
+for step in "${steps[@]}"; do
+    request "$step"
+    after=after_$(value id "$step")
+    if declare -F "$after" >/dev/null; then
+        "$after"
+    fi
+done
 
 exec {to_host}>&-
 wait "$host_pid"

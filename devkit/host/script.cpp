@@ -42,6 +42,8 @@ Step toStep(const Json& json)
             step.request = value;
         else if (member == "params" && value.is_object())
             step.params = value;
+        else if (member == "title" && value.is_string())
+            continue;
         else if (member == "allowFailure" && value.is_boolean())
             step.allowFailure = value;
         else

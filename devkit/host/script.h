@@ -6,9 +6,9 @@
 //
 //     {"id": "k", "request": "QZaven_ke_new", "params": {...}, "allowFailure": true}
 //
-// Only "request" is required. Parameter values are texts in the forms of values.h, or
-// integers. In their TEXT, ${k.Data} stands for the result "Data" of step "k", taken as
-// it is, and $${ for the characters ${.
+// Only "request" is required; a "title" is for whoever reads the script. Parameter values are texts
+// in the forms of values.h, or integers. In their TEXT, ${k.Data} stands for the result "Data" of
+// step "k", taken as it is, and $${ for the characters ${.
 #ifndef CORVANE_HOST_SCRIPT_H
 #define CORVANE_HOST_SCRIPT_H
 
