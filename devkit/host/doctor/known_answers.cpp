@@ -1,8 +1,5 @@
 #include "known_answers.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <functional>
 #include <optional>
 #include <string>
@@ -11,29 +8,11 @@
 
 #include "common/codec.h"
 #include "host/catalogue/catalogue.h"
-#include "host/exchange.h"
 #include "host/output.h"
+#include "key_exchange_answers.h"
 #include "samples.h"
 
 namespace {
-
-struct Verdict {
-    Status status;
-    std::string detail;
-    std::string hint = {};
-};
-
-Verdict fine(const std::string& detail)
-{
-    return {Status::Ok, detail};
-}
-
-// A request failed that had to succeed.
-struct Refused {
-    std::string request;
-    std::string code;
-    std::string text;
-};
 
 std::string fromHexText(std::string_view digits)
 {
@@ -44,59 +23,6 @@ std::string base64OfHex(std::string_view digits)
 {
     return toUrlBase64(fromHexText(digits));
 }
-
-// Sends requests for the tests.
-class Client {
-public:
-    explicit Client(HostSession& session) : session_(session) {}
-
-    Outcome ask(const std::string& name, const Pairs& parameters = {})
-    {
-        return exchange(session_, findRequest(name), name, parameters);
-    }
-
-    // The bytes of a result. Throws Refused.
-    std::string bytes(const std::string& name, const Pairs& parameters,
-                      const std::string& result = "Data")
-    {
-        return bytesOf(name, get(name, parameters), result);
-    }
-
-    Outcome get(const std::string& name, const Pairs& parameters)
-    {
-        Outcome outcome = ask(name, parameters);
-        if (!outcome.ok)
-            throw Refused{name, outcome.code, outcome.text};
-        return outcome;
-    }
-
-    static std::string bytesOf(const std::string& name, const Outcome& outcome,
-                               const std::string& result)
-    {
-        return resultBytes(findRequest(name), outcome, result);
-    }
-
-    // Nothing if it was refused.
-    std::optional<std::string> tryBytes(const std::string& name, const Pairs& parameters)
-    {
-        try {
-            return bytes(name, parameters);
-        } catch (const Refused&) {
-            return std::nullopt;
-        }
-    }
-
-    bool hasDevelopmentEngine()
-    {
-        return ask("QZaVen_GetVersion").results.at(0).second.find("development engine") !=
-               std::string::npos;
-    }
-
-private:
-    HostSession& session_;
-};
-
-using Test = std::function<Verdict(Client&)>;
 
 // What to say of an answer that may be the known one. `consistent` tells whether it makes
 // sense otherwise, and is asked only if it is another one.
@@ -114,63 +40,6 @@ Verdict judge(Client& client, bool known, const std::string& source,
     return {Status::Note, "not the answer of " + source + ", but a consistent one",
             "this engine may give its numbers another meaning: see its documentation"};
 }
-
-// A key-exchange session, freed at the end.
-class KeySession {
-public:
-    explicit KeySession(Client& client)
-        : client_(client), handle_(client.bytes("QZaven_ke_new", {}))
-    {
-    }
-    ~KeySession()
-    {
-        if (!freed_)
-            client_.ask("QZaven_ke_free", {{"strKe", handle_}});
-    }
-    KeySession(const KeySession&) = delete;
-    KeySession& operator=(const KeySession&) = delete;
-
-    const std::string& handle() const { return handle_; }
-
-    Pairs with(Pairs more) const
-    {
-        more.emplace(more.begin(), "strKe", handle_);
-        return more;
-    }
-
-    void free()
-    {
-        freed_ = true;
-        client_.get("QZaven_ke_free", {{"strKe", handle_}});
-    }
-
-    // The sample certificate as the only root, in a file without a name.
-    void setRoots()
-    {
-        std::string base64 = toBase64(fromBase64(samples::rsaCertificate).value());
-        std::string pem = "-----BEGIN CERTIFICATE-----\n";
-        for (size_t at = 0; at < base64.size(); at += 64)
-            pem += base64.substr(at, 64) + "\n";
-        pem += "-----END CERTIFICATE-----\n";
-
-        const int file = memfd_create("roots", MFD_CLOEXEC);
-        const bool written =
-            write(file, pem.data(), pem.size()) == static_cast<ssize_t>(pem.size());
-        const std::string path = "/proc/self/fd/" + std::to_string(file);
-        const Outcome outcome =
-            client_.ask("QZaven_ke_set_root_certificate", with({{"strCa_file", path}}));
-        close(file);
-        if (!written || !outcome.ok)
-            throw Refused{"QZaven_ke_set_root_certificate", outcome.code, outcome.text};
-    }
-
-    std::string hello() { return client_.bytes("QZaven_ke_client_hello", with({})); }
-
-private:
-    Client& client_;
-    std::string handle_;
-    bool freed_ = false;
-};
 
 // ---- Engine and Base64.
 
@@ -207,102 +76,6 @@ Verdict base64Decode(Client& client)
         return fine("the answer of RFC 4648");
     return {Status::Fail, "the bytes are not those of RFC 4648",
             "the engine is broken: replace it"};
-}
-
-// ---- Key exchange, as far as it goes without the other side.
-
-Verdict keNew(Client& client)
-{
-    const KeySession session(client);
-    return session.handle().empty()
-               ? Verdict{Status::Fail, "success without a session", "replace the engine"}
-               : fine("a session");
-}
-
-Verdict keFree(Client& client)
-{
-    KeySession session(client);
-    session.free();
-    return fine("freed");
-}
-
-Verdict keSetKeys(Client& client)
-{
-    const KeySession session(client);
-    client.get("QZaven_ke_set_public_key", session.with({{"strSig_key", samples::sm2PrivateKey},
-                                                         {"strEnc_key", samples::sm2PrivateKey}}));
-    return fine("takes an SM2 key, PKCS#8");
-}
-
-Verdict keSetCertificates(Client& client)
-{
-    const KeySession session(client);
-    client.get("QZaven_ke_set_certificate",
-               session.with({{"strSig_cert", samples::rsaCertificate},
-                             {"strEnc_cert", samples::rsaCertificate}}));
-    return fine("takes an X.509 certificate");
-}
-
-Verdict keSetRoots(Client& client)
-{
-    KeySession(client).setRoots();
-    return fine("takes a file with a root certificate, PEM");
-}
-
-Verdict keHello(Client& client)
-{
-    KeySession first(client);
-    KeySession second(client);
-    first.setRoots();
-    second.setRoots();
-    const std::string hello = first.hello();
-    if (hello.empty() || hello.size() > 32)
-        return {Status::Fail, "a hello of " + std::to_string(hello.size()) + " bytes",
-                "it must have 1 to 32: replace the engine"};
-    if (hello == second.hello())
-        return {Status::Fail, "two sessions say the same hello",
-                "the engine's random numbers are none: replace it"};
-    return fine(std::to_string(hello.size()) + " bytes, others in each session");
-}
-
-// What must be refused, with a code of the engine's.
-Verdict mustRefuse(const Outcome& outcome, const std::string& what)
-{
-    if (outcome.code == "-20215")
-        return {Status::Fail, "refused with -20215: the engine lacks the function",
-                "take an engine that has it"};
-    if (!outcome.ok)
-        return fine("refuses " + what + ": " + outcome.code + ", " + outcome.text);
-    const std::string* data = findValue(outcome.results, "Data");
-    if (data != nullptr && data->empty())
-        return {Status::Note, "neither result nor error code for " + what,
-                "a host must take empty Data for a failure"};
-    return {Status::Fail, "succeeds with " + what, "do not use this engine's key exchange"};
-}
-
-Verdict keExchange(Client& client)
-{
-    KeySession session(client);
-    session.setRoots();
-    session.hello();
-    const std::string zeros = toUrlBase64(std::string(32, '\0'));
-    return mustRefuse(client.ask("QZaven_ke_client_key_exchange",
-                                 session.with({{"strSrvr_rand", zeros},
-                                               {"strSrvr_sig_cert", samples::rsaCertificate},
-                                               {"strSrvr_enc_cert", samples::rsaCertificate},
-                                               {"strSrvr_sign", zeros}})),
-                      "a server without a valid signature");
-}
-
-// The channel, whose keys come from the other side.
-Test keChannel(const std::string& name)
-{
-    return [name](Client& client) {
-        const KeySession session(client);
-        const std::string data = toUrlBase64(samples::message);
-        return mustRefuse(client.ask(name, session.with({{"strdata", data}, {"strcipher", data}})),
-                          "a session without keys");
-    };
 }
 
 // ---- Public key and envelope.
