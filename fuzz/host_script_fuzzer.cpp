@@ -44,8 +44,8 @@ Pairs resultsOf(const Pairs& parameters)
 
 // ---- The stand-ins.
 
-void HostSession::CloseLibrary::operator()(void*) const {}
 HostSession::HostSession(const LibraryPaths&) {}
+
 HostSession::~HostSession() = default;
 
 Reply HostSession::send(const std::string& name, const Pairs& parameters)

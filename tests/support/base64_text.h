@@ -10,6 +10,22 @@
 
 namespace support {
 
+// RFC 4648, section 10, and one value that uses the last two characters.
+struct Base64Example {
+    const char* bytes;
+    const char* text;
+};
+constexpr Base64Example BASE64_EXAMPLES[] = {
+    {"", ""},
+    {"f", "Zg=="},
+    {"fo", "Zm8="},
+    {"foo", "Zm9v"},
+    {"foob", "Zm9vYg=="},
+    {"fooba", "Zm9vYmE="},
+    {"foobar", "Zm9vYmFy"},
+    {"\xfb\xff\xfe", "+//+"},
+};
+
 inline std::string toBase64(const std::string& bytes)
 {
     std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');

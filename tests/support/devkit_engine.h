@@ -94,6 +94,18 @@ private:
     std::vector<unsigned char> m_bytes;
 };
 
+// That a function of a parameter block, an input and an output refuses each that is null.
+template <class Function, class Block>
+void expectNullsRefused(Function function, const Block& block)
+{
+    unsigned char byte = 0;
+    uint32_t len = 1;
+    EXPECT_EQ(function(nullptr, &byte, 1, &byte, &len), AVEN_E_NULL_POINTER);
+    EXPECT_EQ(len, 0U);
+    EXPECT_EQ(function(&block, nullptr, 1, &byte, &len), AVEN_E_NULL_POINTER);
+    EXPECT_EQ(function(&block, &byte, 1, &byte, nullptr), AVEN_E_NULL_POINTER);
+}
+
 using Sizes = std::initializer_list<size_t>;
 
 inline std::string fromHex(const std::string& hex)
