@@ -77,36 +77,29 @@ protected:
     // A folder of its own with a certificate and its key; the command for a client.
     void makeCertificate()
     {
-        std::string name = (fs::temp_directory_path() / "serve_front_XXXXXX").string();
-        folder_ = mkdtemp(name.data());
         ASSERT_EQ(0, system(("openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "
                              "/CN=localhost -keyout " +
-                             (folder_ / "key").string() + " -out " + (folder_ / "cert").string() +
-                             " >" + (folder_ / "log").string() + " 2>&1")
+                             folder_.path("key") + " -out " + folder_.path("cert") + " >" +
+                             folder_.path("log") + " 2>&1")
                                 .c_str()));
     }
     ServedHost::Options tls() const
     {
-        return {"--tls-cert", folder_ / "cert", "--tls-key", folder_ / "key"};
+        return {"--tls-cert", folder_.path("cert"), "--tls-key", folder_.path("key")};
     }
     // What openssl s_client says when it has sent the bytes.
     std::string tlsClient(const ServedHost& host, const std::string& options,
                           const std::string& bytes) const
     {
-        support::writeWhole(folder_ / "bytes", bytes);
+        support::writeWhole(folder_.path("bytes"), bytes);
         [[maybe_unused]] const int ignored =
             system(("openssl s_client " + options + " -connect " + host.host() + " <" +
-                    (folder_ / "bytes").string() + " >" + (folder_ / "said").string() + " 2>&1")
+                    folder_.path("bytes") + " >" + folder_.path("said") + " 2>&1")
                        .c_str());
-        return support::readWhole(folder_ / "said");
-    }
-    void TearDown() override
-    {
-        if (!folder_.empty())
-            fs::remove_all(folder_);
+        return support::readWhole(folder_.path("said"));
     }
 
-    fs::path folder_;
+    support::TemporaryFolder folder_;
 };
 
 // ---- Requests that end in the HTTP library.

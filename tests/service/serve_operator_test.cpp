@@ -46,14 +46,7 @@ constexpr const char* livez = "/livez";
 // A test with a folder of its own.
 class Operator : public testing::Test {
 protected:
-    Operator()
-    {
-        std::string name = (fs::temp_directory_path() / "serve_operator_XXXXXX").string();
-        folder_ = mkdtemp(name.data());
-    }
-    ~Operator() override { fs::remove_all(folder_); }
-
-    std::string path(const std::string& name) const { return folder_ / name; }
+    std::string path(const std::string& name) const { return folder_.path(name); }
 
     // A FIFO, and its reading end; that there is one lets others open it for writing.
     Descriptor makeFifo(const std::string& name) const
@@ -73,7 +66,7 @@ protected:
     }
 
 private:
-    fs::path folder_;
+    support::TemporaryFolder folder_;
 };
 
 using OperatorLog = Operator;

@@ -35,22 +35,8 @@ Json base64(const std::string& bytes)
     return {{"base64", toUrlBase64(bytes)}};
 }
 
-class Serve : public testing::Test {
+class Serve : public support::ServedSuite {
 protected:
-    static void SetUpTestSuite()
-    {
-        if (!support::emulated)
-            host_ = new ServedHost({"--rate", "0"});
-    }
-    static void TearDownTestSuite()
-    {
-        delete host_;
-        host_ = nullptr;
-    }
-    void SetUp() override { NEEDS_WORKERS(); }
-
-    static ServedHost& host() { return *host_; }
-
     static Json ok(const std::string& name, const Json& parameters = Json::object())
     {
         const HttpAnswer answer = host().request(name, parameters);
@@ -63,11 +49,9 @@ protected:
         return json["results"];
     }
 
-    static ServedHost* host_;
     static std::set<std::string> sent_;
 };
 
-ServedHost* Serve::host_ = nullptr;
 std::set<std::string> Serve::sent_;
 
 // ---- Requests.
@@ -350,8 +334,8 @@ TEST(ServeFiles, AreBelowTheFolder)
 {
     NEEDS_WORKERS();
     const Credential root = makeRoot(rootPlan(), KeyKind::sm2);
-    std::string name = (fs::temp_directory_path() / "serve_files_XXXXXX").string();
-    const fs::path folder = mkdtemp(name.data());
+    const support::TemporaryFolder temporary;
+    const fs::path& folder = temporary.path();
     fs::create_directories(folder / "ca/inner");
     support::writeWhole(folder / "ca/inner/root.crt", toPem(root.certificate.get()));
     support::writeWhole(folder / "outside.crt", toPem(root.certificate.get()));
@@ -378,7 +362,6 @@ TEST(ServeFiles, AreBelowTheFolder)
     }
     EXPECT_EQ("strCa_path", set("inner/root.crt", "..").json()["error"]["field"]);
     EXPECT_EQ("bad_path", set("inner/root.crt", "inner/root.crt").code());
-    fs::remove_all(folder);
 }
 
 TEST(ServeFiles, NeedAFolder)
@@ -563,8 +546,8 @@ TEST(ServeStart, MakesATokenForItsOwnerAlone)
 
 TEST(ServeStart, RefusesWhatIsNotSafe)
 {
-    std::string name = (fs::temp_directory_path() / "serve_start_XXXXXX").string();
-    const fs::path folder = mkdtemp(name.data());
+    const support::TemporaryFolder temporary;
+    const fs::path& folder = temporary.path();
     const std::string token = folder / "token";
     support::writeWhole(token, std::string(43, 'x') + "\n");
     const auto run = [&](std::vector<std::string> options, const char* text) {
@@ -586,14 +569,13 @@ TEST(ServeStart, RefusesWhatIsNotSafe)
     run({"--listen", "127.0.0.1:0", "--tls-cert", "x"}, "belong together");
     run({"--listen", "127.0.0.1:0", "--no-auth", "--ca-folder", "/nonexistent"},
         "cannot open the folder");
-    fs::remove_all(folder);
 }
 
 TEST(ServeStart, SpeaksTls)
 {
     NEEDS_WORKERS();
-    std::string name = (fs::temp_directory_path() / "serve_tls_XXXXXX").string();
-    const fs::path folder = mkdtemp(name.data());
+    const support::TemporaryFolder temporary;
+    const fs::path& folder = temporary.path();
     const std::string quiet = " >" + (folder / "log").string() + " 2>&1";
     const std::string key = folder / "key.pem";
     const std::string cert = folder / "cert.pem";
@@ -619,7 +601,6 @@ TEST(ServeStart, SpeaksTls)
     // Plain HTTP gets nothing.
     EXPECT_EQ(0, host.get("/livez").status);
     EXPECT_EQ(0, host.stop());
-    fs::remove_all(folder);
 }
 
 // ---- The bundled other side of a key exchange.

@@ -15,22 +15,8 @@ const std::string text = "what do ya want for nothing?";
 const std::string encoded = "d2hhdCBkbyB5YSB3YW50IGZvciBub3RoaW5nPw";
 const std::string mac = "W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=";  // RFC 4231, section 4.3
 
-class ServeValues : public testing::Test {
+class ServeValues : public support::ServedSuite {
 protected:
-    static void SetUpTestSuite()
-    {
-        if (!support::emulated)
-            host_ = new ServedHost({"--rate", "0"});
-    }
-    static void TearDownTestSuite()
-    {
-        delete host_;
-        host_ = nullptr;
-    }
-    void SetUp() override { NEEDS_WORKERS(); }
-
-    static ServedHost& host() { return *host_; }
-
     static Json parameters(const Json& data)
     {
         return {{"strHashAlg", 4}, {"strKey", {{"text", "Jefe"}}}, {"strdata", data}};
@@ -56,11 +42,7 @@ protected:
             EXPECT_NE(std::string::npos, told.find(words)) << told;
         EXPECT_EQ(std::string::npos, answer.body.find("5ecret")) << answer.body;
     }
-
-    static ServedHost* host_;
 };
-
-ServedHost* ServeValues::host_ = nullptr;
 
 TEST_F(ServeValues, TextIsItsBytesAsTheParameterTakesThem)
 {

@@ -301,8 +301,8 @@ TEST(ServeWorkers, AnEngineThatDoesNotLoadIsTriedAgainMoreAndMoreSlowly)
 {
     NEEDS_WORKERS();
     // A look at the file shows nothing: it needs a library that there is not.
-    std::string name = (fs::temp_directory_path() / "serve_needs_XXXXXX").string();
-    const fs::path folder = mkdtemp(name.data());
+    const support::TemporaryFolder temporary;
+    const fs::path& folder = temporary.path();
     std::string bytes = support::readWhole(CORVANE_ENGINE_LIBRARY);
     for (size_t at = 0; (at = bytes.find("libcrypto.so.3", at)) != std::string::npos;)
         bytes.replace(at, 14, "libcryptx.so.3", 14);
@@ -322,7 +322,6 @@ TEST(ServeWorkers, AnEngineThatDoesNotLoadIsTriedAgainMoreAndMoreSlowly)
     EXPECT_LE(restarts, 20);
     EXPECT_NE(std::string::npos, host.errors().find("libcryptx.so.3"));
     EXPECT_EQ(0, host.stop());
-    fs::remove_all(folder);
 }
 
 TEST(ServeWorkers, AStartThatHangsIsEnded)
@@ -340,8 +339,8 @@ TEST(ServeWorkers, AStartThatHangsIsEnded)
 TEST(ServeWorkers, ALibraryThatIsCutLaterIsNamedAndComesBack)
 {
     NEEDS_WORKERS();
-    std::string name = (fs::temp_directory_path() / "serve_cut_XXXXXX").string();
-    const fs::path folder = mkdtemp(name.data());
+    const support::TemporaryFolder temporary;
+    const fs::path& folder = temporary.path();
     const std::string whole = support::readWhole(CORVANE_ENGINE_LIBRARY);
     support::writeWhole(folder / "engine.so", whole);
     ServedHost host({"--workers", "1"}, {},
@@ -358,14 +357,13 @@ TEST(ServeWorkers, ALibraryThatIsCutLaterIsNamedAndComesBack)
     host.workers(1);
     EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
     EXPECT_EQ(0, host.stop());
-    fs::remove_all(folder);
 }
 
 TEST(ServeWorkers, ALibraryOfAnotherNameLeavesNoFolderBehind)
 {
     NEEDS_WORKERS();
-    std::string name = (fs::temp_directory_path() / "serve_names_XXXXXX").string();
-    const fs::path folder = mkdtemp(name.data());
+    const support::TemporaryFolder temporary;
+    const fs::path& folder = temporary.path();
     fs::create_directories(folder / "tmp");
     std::string bytes = support::readWhole(CORVANE_ENGINE_LIBRARY);
     for (size_t at = 0; (at = bytes.find("libSoftModuleaven.so", at)) != std::string::npos;)
@@ -382,7 +380,6 @@ TEST(ServeWorkers, ALibraryOfAnotherNameLeavesNoFolderBehind)
     EXPECT_TRUE(eventually([&] { return fs::is_empty(folder / "tmp"); }));
     EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
     host.stop();
-    fs::remove_all(folder);
 }
 
 // How many messages the plug-ins of a host's workers send to syslog for ten requests.

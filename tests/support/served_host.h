@@ -120,6 +120,27 @@ private:
     std::string token_;
 };
 
+// A suite with one host for all of its tests, which limits no rate.
+class ServedSuite : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        if (!emulated)
+            host_ = new ServedHost({"--rate", "0"});
+    }
+    static void TearDownTestSuite()
+    {
+        delete host_;
+        host_ = nullptr;
+    }
+    void SetUp() override { NEEDS_WORKERS(); }
+
+    static ServedHost& host() { return *host_; }
+
+private:
+    inline static ServedHost* host_ = nullptr;
+};
+
 // A row's value in the text of metrics; -1 without it.
 double rowOf(const std::string& metrics, const std::string& row);
 
