@@ -77,11 +77,11 @@ int CorvaneParamsClass::initFuction()
     CORVANE_PARAMS_FUNCTIONS(RESOLVE)
 #undef RESOLVE
 
-#define TEST(name, params)   \
-    if (m_##name == nullptr) \
+#define REQUIRE(name, params) \
+    if (m_##name == nullptr)  \
         return PARAMS_FUNCTION_MISSING;
-    CORVANE_PARAMS_FUNCTIONS(TEST)
-#undef TEST
+    CORVANE_PARAMS_FUNCTIONS(REQUIRE)
+#undef REQUIRE
     return 0;
 }
 
