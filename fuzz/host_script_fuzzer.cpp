@@ -54,7 +54,7 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
     return {sent.back().results, 1};
 }
 
-Output::Output() : descriptor_(-1) {}
+Output::Output() : m_descriptor(-1) {}
 
 void Output::write(std::string_view text) const
 {

@@ -6,6 +6,7 @@
 #include "service/requests/request_body.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "common/codec.h"

@@ -17,11 +17,11 @@ namespace {
 
 }  // namespace
 
-Claims::Claims() : descriptor_(memfd_create("claims", MFD_CLOEXEC))
+Claims::Claims() : m_descriptor(memfd_create("claims", MFD_CLOEXEC))
 {
-    if (!descriptor_ || ftruncate(descriptor_.get(), sizeof(Places)) != 0)
+    if (!m_descriptor || ftruncate(m_descriptor.get(), sizeof(Places)) != 0)
         fail();
-    map(descriptor_.get());
+    map(m_descriptor.get());
 }
 
 Claims::Claims(const Descriptor& shared)
@@ -31,7 +31,7 @@ Claims::Claims(const Descriptor& shared)
 
 Claims::~Claims()
 {
-    munmap(places_, sizeof(Places));
+    munmap(m_places, sizeof(Places));
 }
 
 void Claims::map(int descriptor)
@@ -39,5 +39,5 @@ void Claims::map(int descriptor)
     void* memory = mmap(nullptr, sizeof(Places), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
     if (memory == MAP_FAILED)
         fail();
-    places_ = static_cast<Places*>(memory);
+    m_places = static_cast<Places*>(memory);
 }

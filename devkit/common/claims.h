@@ -24,7 +24,7 @@ public:
     Claims& operator=(const Claims&) = delete;
 
     // For the worker to inherit.
-    const Descriptor& descriptor() const { return descriptor_; }
+    const Descriptor& descriptor() const { return m_descriptor; }
 
     // The front's: before the request is sent.
     void offer(uint64_t number) { placeOf(number) = Offered; }
@@ -38,15 +38,15 @@ private:
     using Places = std::array<std::atomic<uint32_t>, most>;
 
     void map(int descriptor);
-    std::atomic<uint32_t>& placeOf(uint64_t number) { return (*places_)[number % most]; }
+    std::atomic<uint32_t>& placeOf(uint64_t number) { return (*m_places)[number % most]; }
     bool claim(uint64_t number, State state)
     {
         uint32_t offered = Offered;
         return placeOf(number).compare_exchange_strong(offered, state);
     }
 
-    Descriptor descriptor_;
-    Places* places_ = nullptr;
+    Descriptor m_descriptor;
+    Places* m_places = nullptr;
 };
 
 #endif

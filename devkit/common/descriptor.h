@@ -9,27 +9,27 @@
 class Descriptor {
 public:
     Descriptor() = default;
-    explicit Descriptor(int number) : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    explicit Descriptor(int number) : m_number(number) {}
+    Descriptor(Descriptor&& other) noexcept : m_number(std::exchange(other.m_number, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept
     {
-        std::swap(number_, other.number_);
+        std::swap(m_number, other.m_number);
         return *this;
     }
     ~Descriptor() { reset(); }
 
-    int get() const { return number_; }
-    int release() { return std::exchange(number_, -1); }
-    explicit operator bool() const { return number_ >= 0; }
+    int get() const { return m_number; }
+    int release() { return std::exchange(m_number, -1); }
+    explicit operator bool() const { return m_number >= 0; }
     void reset()
     {
-        if (number_ >= 0)
-            close(number_);
-        number_ = -1;
+        if (m_number >= 0)
+            close(m_number);
+        m_number = -1;
     }
 
 private:
-    int number_ = -1;
+    int m_number = -1;
 };
 
 #endif

@@ -20,25 +20,25 @@ namespace {
 }  // namespace
 
 EventLoop::EventLoop()
-    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
-      clock_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC))
+    : m_epoll(epoll_create1(EPOLL_CLOEXEC)),
+      m_clock(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC))
 {
-    if (!epoll_ || !clock_)
+    if (!m_epoll || !m_clock)
         fail("cannot make an event loop");
-    watch(clock_.get(), EPOLLIN, [this](uint32_t) { ring(); });
+    watch(m_clock.get(), EPOLLIN, [this](uint32_t) { ring(); });
 }
 
 EventLoop::WatchId EventLoop::watch(int descriptor, uint32_t events,
                                     std::function<void(uint32_t)> ready)
 {
-    const WatchId id = ++lastId_;
-    watches_[id] = {descriptor, events,
-                    std::make_shared<const std::function<void(uint32_t)>>(std::move(ready))};
+    const WatchId id = ++m_lastId;
+    m_watches[id] = {descriptor, events,
+                     std::make_shared<const std::function<void(uint32_t)>>(std::move(ready))};
     epoll_event event = {};
     event.events = events;
     event.data.u64 = id;
-    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
-        watches_.erase(id);
+    if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+        m_watches.erase(id);
         fail("cannot watch a descriptor");
     }
     return id;
@@ -46,47 +46,47 @@ EventLoop::WatchId EventLoop::watch(int descriptor, uint32_t events,
 
 void EventLoop::change(WatchId id, uint32_t events)
 {
-    Watch& watch = watches_.at(id);
+    Watch& watch = m_watches.at(id);
     if (std::exchange(watch.events, events) == events)
         return;
     epoll_event event = {};
     event.events = events;
     event.data.u64 = id;
-    epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, watch.descriptor, &event);
+    epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, watch.descriptor, &event);
 }
 
 void EventLoop::unwatch(WatchId id)
 {
-    const auto found = watches_.find(id);
-    if (found == watches_.end())
+    const auto found = m_watches.find(id);
+    if (found == m_watches.end())
         return;
-    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second.descriptor, nullptr);
-    watches_.erase(found);
+    epoll_ctl(m_epoll.get(), EPOLL_CTL_DEL, found->second.descriptor, nullptr);
+    m_watches.erase(found);
 }
 
 void EventLoop::arm()
 {
-    if (alarms_.empty() || alarms_.begin()->first >= armedFor_)
+    if (m_alarms.empty() || m_alarms.begin()->first >= m_armedFor)
         return;
-    armedFor_ = alarms_.begin()->first;
-    const auto left = std::max<Clock::duration>(armedFor_ - Clock::now(), Clock::duration(1));
+    m_armedFor = m_alarms.begin()->first;
+    const auto left = std::max<Clock::duration>(m_armedFor - Clock::now(), Clock::duration(1));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
     itimerspec setting = {};
     setting.it_value.tv_sec = seconds.count();
     setting.it_value.tv_nsec = std::chrono::nanoseconds(left - seconds).count();
-    timerfd_settime(clock_.get(), 0, &setting, nullptr);
+    timerfd_settime(m_clock.get(), 0, &setting, nullptr);
 }
 
 void EventLoop::ring()
 {
     uint64_t ignored;
-    [[maybe_unused]] const ssize_t count = read(clock_.get(), &ignored, sizeof ignored);
-    armedFor_ = never;
+    [[maybe_unused]] const ssize_t count = read(m_clock.get(), &ignored, sizeof ignored);
+    m_armedFor = never;
     const Clock::time_point now = Clock::now();
-    while (!alarms_.empty() && alarms_.begin()->first <= now) {
-        Alarm& alarm = *alarms_.begin()->second;
+    while (!m_alarms.empty() && m_alarms.begin()->first <= now) {
+        Alarm& alarm = *m_alarms.begin()->second;
         alarm.clear();
-        const auto call = alarm.call_;  // lives on if it ends the alarm
+        const auto call = alarm.m_call;  // lives on if it ends the alarm
         withoutFailure("a timer", *call);
     }
     arm();
@@ -94,22 +94,22 @@ void EventLoop::ring()
 
 void EventLoop::run(const std::function<int()>& between)
 {
-    stopped_ = false;
+    m_stopped = false;
     std::array<epoll_event, 64> events;
-    while (!stopped_) {
+    while (!m_stopped) {
         const int timeout = between();
-        if (stopped_)
+        if (m_stopped)
             return;
         const int count =
-            epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), timeout);
+            epoll_wait(m_epoll.get(), events.data(), static_cast<int>(events.size()), timeout);
         if (count < 0 && errno != EINTR)
             fail("cannot wait for events");
         for (int i = 0; i < count; ++i) {
             const epoll_event& event = events[static_cast<size_t>(i)];
             // One that an earlier event of this round has removed is not called. The copy
             // keeps the function while it removes itself.
-            const auto found = watches_.find(event.data.u64);
-            if (found == watches_.end())
+            const auto found = m_watches.find(event.data.u64);
+            if (found == m_watches.end())
                 continue;
             const auto ready = found->second.ready;
             withoutFailure("an event", [&] { (*ready)(event.events); });
@@ -118,23 +118,23 @@ void EventLoop::run(const std::function<int()>& between)
 }
 
 Alarm::Alarm(EventLoop& loop, std::function<void()> call)
-    : loop_(loop),
-      call_(std::make_shared<const std::function<void()>>(std::move(call))),
-      place_(loop.alarms_.emplace(EventLoop::never, this))
+    : m_loop(loop),
+      m_call(std::make_shared<const std::function<void()>>(std::move(call))),
+      m_place(loop.m_alarms.emplace(EventLoop::never, this))
 {
 }
 
 Alarm::~Alarm()
 {
-    loop_.alarms_.erase(place_);
+    m_loop.m_alarms.erase(m_place);
 }
 
 void Alarm::set(Clock::time_point time)
 {
-    auto node = loop_.alarms_.extract(place_);
+    auto node = m_loop.m_alarms.extract(m_place);
     node.key() = time;
-    place_ = loop_.alarms_.insert(std::move(node));
-    loop_.arm();
+    m_place = m_loop.m_alarms.insert(std::move(node));
+    m_loop.arm();
 }
 
 // The clock may still go off for the time before; nothing is due then.

@@ -36,7 +36,7 @@ public:
     // milliseconds to wait at most; -1 for any time. What the other calls throw is told on
     // standard error, and ends nothing but that call.
     void run(const std::function<int()>& between);
-    void stop() { stopped_ = true; }
+    void stop() { m_stopped = true; }
 
 private:
     friend class Alarm;
@@ -53,13 +53,13 @@ private:
     void arm();
     void ring();
 
-    Descriptor epoll_;
-    Descriptor clock_;
-    std::map<WatchId, Watch> watches_;
-    WatchId lastId_ = 0;
-    Alarms alarms_;
-    Clock::time_point armedFor_ = never;
-    bool stopped_ = false;
+    Descriptor m_epoll;
+    Descriptor m_clock;
+    std::map<WatchId, Watch> m_watches;
+    WatchId m_lastId = 0;
+    Alarms m_alarms;
+    Clock::time_point m_armedFor = never;
+    bool m_stopped = false;
 };
 
 // Calls at a time, once for each that it is set to. It takes memory when it is made and
@@ -78,9 +78,9 @@ public:
 private:
     friend class EventLoop;
 
-    EventLoop& loop_;
-    const std::shared_ptr<const std::function<void()>> call_;
-    EventLoop::Alarms::iterator place_;
+    EventLoop& m_loop;
+    const std::shared_ptr<const std::function<void()>> m_call;
+    EventLoop::Alarms::iterator m_place;
 };
 
 #endif

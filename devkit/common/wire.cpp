@@ -18,17 +18,17 @@ constexpr size_t pieceSize = size_t{64} << 10;
 
 class Writer {
 public:
-    Writer() : bytes_(lengthSize, '\0') {}
+    Writer() : m_bytes(lengthSize, '\0') {}
 
     void number(size_t value)
     {
         for (unsigned shift = 0; shift < 32; shift += 8)
-            bytes_ += static_cast<char>(value >> shift & 0xFF);
+            m_bytes += static_cast<char>(value >> shift & 0xFF);
     }
     void text(const std::string& value)
     {
         number(value.size());
-        bytes_ += value;
+        m_bytes += value;
     }
     void pairs(const Pairs& values)
     {
@@ -44,18 +44,18 @@ public:
         size_t size = 1024;
         for (const auto& [name, value] : values)
             size += name.size() + value.size() + 8;
-        bytes_.reserve(size);
+        m_bytes.reserve(size);
     }
     std::string take()
     {
-        const size_t size = bytes_.size() - lengthSize;
+        const size_t size = m_bytes.size() - lengthSize;
         for (size_t i = 0; i < lengthSize; ++i)
-            bytes_[i] = static_cast<char>(size >> (8 * i) & 0xFF);
-        return std::move(bytes_);
+            m_bytes[i] = static_cast<char>(size >> (8 * i) & 0xFF);
+        return std::move(m_bytes);
     }
 
 private:
-    std::string bytes_;
+    std::string m_bytes;
 };
 
 size_t numberAt(std::string_view bytes)
@@ -69,7 +69,7 @@ size_t numberAt(std::string_view bytes)
 // Behind the end everything is empty, and `whole` false.
 class Reader {
 public:
-    explicit Reader(std::string_view bytes) : rest_(bytes) {}
+    explicit Reader(std::string_view bytes) : m_rest(bytes) {}
 
     size_t number()
     {
@@ -82,29 +82,29 @@ public:
         SecretPairs values;
         size_t count = number();
         // Growing would leave copies behind. A pair has two lengths at least.
-        values.reserve(std::min(count, rest_.size() / (2 * lengthSize)));
-        for (; count > 0 && good_; --count) {
+        values.reserve(std::min(count, m_rest.size() / (2 * lengthSize)));
+        for (; count > 0 && m_good; --count) {
             std::string name = text();
             values.emplace_back(std::move(name), text());
         }
         return values;
     }
-    bool whole() const { return good_ && rest_.empty(); }
+    bool whole() const { return m_good && m_rest.empty(); }
 
 private:
     std::string_view take(size_t size)
     {
-        if (size > rest_.size()) {
-            good_ = false;
-            rest_ = {};
+        if (size > m_rest.size()) {
+            m_good = false;
+            m_rest = {};
         }
-        const std::string_view bytes = rest_.substr(0, good_ ? size : 0);
-        rest_.remove_prefix(bytes.size());
+        const std::string_view bytes = m_rest.substr(0, m_good ? size : 0);
+        m_rest.remove_prefix(bytes.size());
         return bytes;
     }
 
-    std::string_view rest_;
-    bool good_ = true;
+    std::string_view m_rest;
+    bool m_good = true;
 };
 
 union Control {
@@ -232,34 +232,34 @@ bool RequestReader::next(WireRequest& request, std::vector<Descriptor>& files)
     if (!decoded)
         return false;
     request = *std::move(decoded);
-    const auto end =
-        files_.begin() + static_cast<std::ptrdiff_t>(std::min(request.files.size(), files_.size()));
-    files.assign(std::make_move_iterator(files_.begin()), std::make_move_iterator(end));
-    files_.erase(files_.begin(), end);
+    const auto end = m_files.begin() +
+                     static_cast<std::ptrdiff_t>(std::min(request.files.size(), m_files.size()));
+    files.assign(std::make_move_iterator(m_files.begin()), std::make_move_iterator(end));
+    m_files.erase(m_files.begin(), end);
     return true;
 }
 
 // Waits for more of a frame of so many bytes.
 bool RequestReader::receive(size_t frame)
 {
-    if (start_ > 0) {
+    if (m_start > 0) {
         const size_t size = received().size();
-        memmove(buffer_.data(), buffer_.data() + start_, size);
-        explicit_bzero(buffer_.data() + size, end_ - size);
-        start_ = 0;
-        end_ = size;
+        memmove(m_buffer.data(), m_buffer.data() + m_start, size);
+        explicit_bzero(m_buffer.data() + size, m_end - size);
+        m_start = 0;
+        m_end = size;
     }
-    if (buffer_.size() < std::max(frame, pieceSize)) {
+    if (m_buffer.size() < std::max(frame, pieceSize)) {
         std::string larger(std::max(frame, pieceSize), '\0');
-        memcpy(larger.data(), buffer_.data(), end_);
-        wipe(buffer_);
-        buffer_.swap(larger);
+        memcpy(larger.data(), m_buffer.data(), m_end);
+        wipe(m_buffer);
+        m_buffer.swap(larger);
     }
 
-    iovec part = {buffer_.data() + end_, buffer_.size() - end_};
+    iovec part = {m_buffer.data() + m_end, m_buffer.size() - m_end};
     for (;;) {
         // The other side's reading of a reply would wake who waits in recvmsg itself.
-        pollfd waiting = {socket_, POLLIN, 0};
+        pollfd waiting = {m_socket, POLLIN, 0};
         if (poll(&waiting, 1, -1) < 0 && errno != EINTR)
             return false;
         Control control = {};
@@ -268,13 +268,13 @@ bool RequestReader::receive(size_t frame)
         message.msg_iovlen = 1;
         message.msg_control = &control;
         message.msg_controllen = sizeof control;
-        const ssize_t count = recvmsg(socket_, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        const ssize_t count = recvmsg(m_socket, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
         if (count < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (count <= 0)
             return false;
-        takeFiles(message, files_);
-        end_ += static_cast<size_t>(count);
+        takeFiles(message, m_files);
+        m_end += static_cast<size_t>(count);
         return true;
     }
 }
@@ -282,14 +282,14 @@ bool RequestReader::receive(size_t frame)
 // The first frame is used up.
 void RequestReader::drop(size_t frame)
 {
-    explicit_bzero(buffer_.data() + start_, frame);
-    start_ += frame;
-    if (start_ < end_)
+    explicit_bzero(m_buffer.data() + m_start, frame);
+    m_start += frame;
+    if (m_start < m_end)
         return;
-    start_ = end_ = 0;
+    m_start = m_end = 0;
     // The room for a large one is not kept.
-    if (buffer_.size() > pieceSize)
-        std::string().swap(buffer_);
+    if (m_buffer.size() > pieceSize)
+        std::string().swap(m_buffer);
 }
 
 bool writeFrame(int socket, std::string_view frame)

@@ -65,8 +65,8 @@ ssize_t sendSome(int socket, std::string_view bytes, const std::vector<Descripto
 // A worker's side of a socket that blocks: requests as they come.
 class RequestReader {
 public:
-    explicit RequestReader(int socket) : socket_(socket) {}
-    ~RequestReader() { wipe(buffer_); }
+    explicit RequestReader(int socket) : m_socket(socket) {}
+    ~RequestReader() { wipe(m_buffer); }
     RequestReader(const RequestReader&) = delete;
     RequestReader& operator=(const RequestReader&) = delete;
 
@@ -75,16 +75,16 @@ public:
     bool next(WireRequest& request, std::vector<Descriptor>& files);
 
 private:
-    std::string_view received() const { return {buffer_.data() + start_, end_ - start_}; }
+    std::string_view received() const { return {m_buffer.data() + m_start, m_end - m_start}; }
     bool receive(size_t frame);
     void drop(size_t frame);
 
-    const int socket_;
-    // Its part from start_ to end_ has been received and not given yet.
-    std::string buffer_;
-    size_t start_ = 0;
-    size_t end_ = 0;
-    std::vector<Descriptor> files_;  // likewise
+    const int m_socket;
+    // Its part from m_start to m_end has been received and not given yet.
+    std::string m_buffer;
+    size_t m_start = 0;
+    size_t m_end = 0;
+    std::vector<Descriptor> m_files;  // likewise
 };
 
 // For a socket that blocks. False at its end.

@@ -21,14 +21,14 @@ WorkerProcess::WorkerProcess(const std::string& program, const std::vector<std::
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot make a socket pair");
-    socket_ = Descriptor(pair[0]);
+    m_socket = Descriptor(pair[0]);
     // Numbers that are free in the worker, so that one does not take the other's place.
     const Descriptor theirs(fcntl(pair[1], F_DUPFD_CLOEXEC, workerClaims + 1));
-    const Descriptor shared(fcntl(claims_.descriptor().get(), F_DUPFD_CLOEXEC, workerClaims + 1));
+    const Descriptor shared(fcntl(m_claims.descriptor().get(), F_DUPFD_CLOEXEC, workerClaims + 1));
     close(pair[1]);
     if (!theirs || !shared)
         throw std::system_error(errno, std::generic_category(), "cannot make a worker's files");
-    fcntl(socket_.get(), F_SETFL, O_NONBLOCK);
+    fcntl(m_socket.get(), F_SETFL, O_NONBLOCK);
 
     std::vector<char*> arguments;
     for (const std::string& word : command)
@@ -49,67 +49,67 @@ WorkerProcess::WorkerProcess(const std::string& program, const std::vector<std::
     posix_spawnattr_setsigdefault(&attributes, &signals);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     const int failure =
-        posix_spawn(&pid_, program.c_str(), &actions, &attributes, arguments.data(), environ);
+        posix_spawn(&m_pid, program.c_str(), &actions, &attributes, arguments.data(), environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (failure != 0)
         throw std::system_error(failure, std::generic_category(), "cannot start a worker");
     // Nobody else collects its exit status, so the number is still its own.
-    process_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
-    if (!process_) {
+    m_process = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
+    if (!m_process) {
         const int reason = errno;
-        kill(pid_, SIGKILL);
+        kill(m_pid, SIGKILL);
         throw std::system_error(reason, std::generic_category(), "cannot watch a worker");
     }
 }
 
 WorkerProcess::~WorkerProcess()
 {
-    syscall(SYS_pidfd_send_signal, process_.get(), SIGKILL, nullptr, 0);
-    wipe(outgoing_);
-    wipe(incoming_);
+    syscall(SYS_pidfd_send_signal, m_process.get(), SIGKILL, nullptr, 0);
+    wipe(m_outgoing);
+    wipe(m_incoming);
 }
 
 void WorkerProcess::post(std::string frame, std::vector<Descriptor> files)
 {
-    files_.reserve(files_.size() + files.size());
-    if (outgoing_.empty()) {
-        outgoing_ = std::move(frame);
+    m_files.reserve(m_files.size() + files.size());
+    if (m_outgoing.empty()) {
+        m_outgoing = std::move(frame);
     } else {
-        appendSecret(outgoing_, frame);
+        appendSecret(m_outgoing, frame);
         wipe(frame);
     }
-    std::move(files.begin(), files.end(), std::back_inserter(files_));
+    std::move(files.begin(), files.end(), std::back_inserter(m_files));
 }
 
 bool WorkerProcess::send()
 {
-    while (sent_ < outgoing_.size()) {
+    while (m_sent < m_outgoing.size()) {
         const ssize_t count =
-            sendSome(socket_.get(), std::string_view(outgoing_).substr(sent_), files_);
+            sendSome(m_socket.get(), std::string_view(m_outgoing).substr(m_sent), m_files);
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
             return errno == EAGAIN;
-        files_.clear();
-        sent_ += static_cast<size_t>(count);
+        m_files.clear();
+        m_sent += static_cast<size_t>(count);
     }
-    wipe(outgoing_);
-    sent_ = 0;
+    wipe(m_outgoing);
+    m_sent = 0;
     return true;
 }
 
 bool WorkerProcess::receive()
 {
     static std::array<char, size_t{1} << 16> buffer;
-    if (taken_ > 0) {
-        std::string rest = incoming_.substr(taken_);
-        wipe(incoming_);
-        incoming_.swap(rest);
-        taken_ = 0;
+    if (m_taken > 0) {
+        std::string rest = m_incoming.substr(m_taken);
+        wipe(m_incoming);
+        m_incoming.swap(rest);
+        m_taken = 0;
     }
     for (;;) {
-        const ssize_t count = recv(socket_.get(), buffer.data(), buffer.size(), 0);
+        const ssize_t count = recv(m_socket.get(), buffer.data(), buffer.size(), 0);
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
@@ -118,12 +118,12 @@ bool WorkerProcess::receive()
             return false;
         const auto size = static_cast<size_t>(count);
         // The room for a whole frame at once: growing would leave copies behind.
-        if (incoming_.empty())
-            incoming_.reserve(std::min(frameSize({buffer.data(), size}).value_or(buffer.size()),
-                                       longestFrame + 4));
-        appendSecret(incoming_, {buffer.data(), size});
+        if (m_incoming.empty())
+            m_incoming.reserve(std::min(frameSize({buffer.data(), size}).value_or(buffer.size()),
+                                        longestFrame + 4));
+        appendSecret(m_incoming, {buffer.data(), size});
         explicit_bzero(buffer.data(), size);
-        if (incoming_.size() > longestFrame + 4 + buffer.size())
+        if (m_incoming.size() > longestFrame + 4 + buffer.size())
             return false;
         if (size < buffer.size())
             return true;
@@ -132,17 +132,17 @@ bool WorkerProcess::receive()
 
 bool WorkerProcess::take(WireReply& reply, bool& good)
 {
-    const std::string_view bytes = std::string_view(incoming_).substr(taken_);
+    const std::string_view bytes = std::string_view(m_incoming).substr(m_taken);
     const auto size = frameSize(bytes);
     good = !size || *size <= longestFrame + 4;
     if (!good || !size || bytes.size() < *size)
         return false;
     auto decoded = decodeReply(bytes.substr(4, *size - 4));
     good = decoded.has_value();
-    taken_ += *size;
-    if (taken_ == incoming_.size()) {
-        wipe(incoming_);
-        taken_ = 0;
+    m_taken += *size;
+    if (m_taken == m_incoming.size()) {
+        wipe(m_incoming);
+        m_taken = 0;
     }
     if (good)
         reply = *std::move(decoded);
@@ -151,7 +151,7 @@ bool WorkerProcess::take(WireReply& reply, bool& good)
 
 void WorkerProcess::hangUp()
 {
-    shutdown(socket_.get(), SHUT_WR);
+    shutdown(m_socket.get(), SHUT_WR);
 }
 
 void tieToParent()

@@ -25,14 +25,14 @@ public:
     WorkerProcess(const WorkerProcess&) = delete;
     WorkerProcess& operator=(const WorkerProcess&) = delete;
 
-    pid_t pid() const { return pid_; }
-    int socket() const { return socket_.get(); }
+    pid_t pid() const { return m_pid; }
+    int socket() const { return m_socket.get(); }
 
     // Takes a frame over, behind those that were not sent yet. Its files go with the first of
     // them: the reader gives them out in the order of the frames that name them.
     void post(std::string frame, std::vector<Descriptor> files);
     // How many bytes are still to be sent.
-    size_t unsent() const { return outgoing_.size() - sent_; }
+    size_t unsent() const { return m_outgoing.size() - m_sent; }
     // Sends what the socket takes. False if the process is gone.
     bool send();
     // Receives what is there. False if the process is gone or breaks the form.
@@ -40,21 +40,21 @@ public:
     // The next reply, if it has come whole. False in `good` if it breaks the form.
     bool take(WireReply& reply, bool& good);
 
-    Claims& claims() { return claims_; }
+    Claims& claims() { return m_claims; }
 
     // Lets it end when it has nothing more to do.
     void hangUp();
 
 private:
-    Claims claims_;
-    Descriptor socket_;
-    pid_t pid_ = -1;
-    Descriptor process_;  // for signals: a number may be another process's by then
-    std::string outgoing_;
-    size_t sent_ = 0;
-    std::vector<Descriptor> files_;
-    std::string incoming_;
-    size_t taken_ = 0;  // bytes of it
+    Claims m_claims;
+    Descriptor m_socket;
+    pid_t m_pid = -1;
+    Descriptor m_process;  // for signals: a number may be another process's by then
+    std::string m_outgoing;
+    size_t m_sent = 0;
+    std::vector<Descriptor> m_files;
+    std::string m_incoming;
+    size_t m_taken = 0;  // bytes of it
 };
 
 // In the worker: ends the process with the one that started it, and gives it the signals

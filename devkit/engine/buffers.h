@@ -33,57 +33,57 @@ const Block& parameterBlock(const void* params)
 // is needed if the buffer was too small.
 class Output {
 public:
-    Output(unsigned char* data, uint32_t* length) : data_(data), length_(length)
+    Output(unsigned char* data, uint32_t* length) : m_data(data), m_length(length)
     {
         require(length != nullptr, AVEN_E_NULL_POINTER);
-        capacity_ = *length;
+        m_capacity = *length;
         *length = 0;
     }
 
     // Whether the caller asks for the length alone: null with a capacity of 0.
-    bool isQuery() const { return data_ == nullptr && capacity_ == 0; }
+    bool isQuery() const { return m_data == nullptr && m_capacity == 0; }
 
     // Room for `size` bytes.
     unsigned char* room(size_t size)
     {
-        require(isQuery() || data_ != nullptr, AVEN_E_NULL_POINTER);
-        if (size > capacity_) {
+        require(isQuery() || m_data != nullptr, AVEN_E_NULL_POINTER);
+        if (size > m_capacity) {
             setLength(size);
             throw Failure{AVEN_E_BUFFER_TOO_SMALL};
         }
-        require(data_ != nullptr, AVEN_E_NULL_POINTER);
-        return data_;
+        require(m_data != nullptr, AVEN_E_NULL_POINTER);
+        return m_data;
     }
 
     void setLength(size_t size)
     {
         require(size <= UINT32_MAX, AVEN_E_INPUT_TOO_LONG);
-        *length_ = static_cast<uint32_t>(size);
+        *m_length = static_cast<uint32_t>(size);
     }
 
 private:
-    unsigned char* data_;
-    uint32_t* length_;
-    uint32_t capacity_;
+    unsigned char* m_data;
+    uint32_t* m_length;
+    uint32_t m_capacity;
 };
 
 // Wipes decrypted bytes at the end of the scope, unless they turned out to be good.
 class WipeUnlessKept {
 public:
-    WipeUnlessKept(unsigned char* data, size_t size) : data_(data), size_(size) {}
+    WipeUnlessKept(unsigned char* data, size_t size) : m_data(data), m_size(size) {}
     ~WipeUnlessKept()
     {
-        if (data_ != nullptr)
-            OPENSSL_cleanse(data_, size_);
+        if (m_data != nullptr)
+            OPENSSL_cleanse(m_data, m_size);
     }
     WipeUnlessKept(const WipeUnlessKept&) = delete;
     WipeUnlessKept& operator=(const WipeUnlessKept&) = delete;
 
-    void keep() { data_ = nullptr; }
+    void keep() { m_data = nullptr; }
 
 private:
-    unsigned char* data_;
-    size_t size_;
+    unsigned char* m_data;
+    size_t m_size;
 };
 
 #endif

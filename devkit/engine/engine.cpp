@@ -106,50 +106,50 @@ const HashInfo& hashInfo(int number)
     return hashes[number - 1];
 }
 
-Engine::Engine() : library_(OSSL_LIB_CTX_new())
+Engine::Engine() : m_library(OSSL_LIB_CTX_new())
 {
-    require(library_ != nullptr, AVEN_E_START);
-    provider_.reset(OSSL_PROVIDER_load(library(), "default"));
-    require(provider_ != nullptr, AVEN_E_START);
+    require(m_library != nullptr, AVEN_E_START);
+    m_provider.reset(OSSL_PROVIDER_load(library(), "default"));
+    require(m_provider != nullptr, AVEN_E_START);
 
     // Some combinations do not exist, but each cipher has its plain modes.
     for (int c = 0; c < CIPHERS; ++c) {
         for (int m = 0; m < MODES; ++m) {
             const std::string name = std::string(ciphers[c].name) + "-" + modes[m];
-            ciphers_[c][m].reset(EVP_CIPHER_fetch(library(), name.c_str(), nullptr));
+            m_ciphers[c][m].reset(EVP_CIPHER_fetch(library(), name.c_str(), nullptr));
         }
         for (int m = AVEN_MODE_ECB; m <= AVEN_MODE_OFB; ++m)
-            require(ciphers_[c][m - 1] != nullptr, AVEN_E_START);
+            require(m_ciphers[c][m - 1] != nullptr, AVEN_E_START);
     }
 
-    hmac_.reset(EVP_MAC_fetch(library(), "HMAC", nullptr));
-    cmac_.reset(EVP_MAC_fetch(library(), "CMAC", nullptr));
-    primary_ = RAND_get0_primary(library());
-    require(hmac_ != nullptr && cmac_ != nullptr, AVEN_E_START);
-    require(primary_ != nullptr, AVEN_E_RANDOM);
+    m_hmac.reset(EVP_MAC_fetch(library(), "HMAC", nullptr));
+    m_cmac.reset(EVP_MAC_fetch(library(), "CMAC", nullptr));
+    m_primary = RAND_get0_primary(library());
+    require(m_hmac != nullptr && m_cmac != nullptr, AVEN_E_START);
+    require(m_primary != nullptr, AVEN_E_RANDOM);
 
     for (int h = 0; h < HASHES; ++h)
-        hmacs_[h] = prepareHmac(hmac(), hashes[h].name);
+        m_hmacs[h] = prepareHmac(hmac(), hashes[h].name);
     for (int c = 0; c < CIPHERS; ++c) {
         const std::string cbc = std::string(ciphers[c].name) + "-CBC";
-        cmacs_[c] = prepareCmac(cmac(), cbc.c_str(), ciphers[c].keyLength);
+        m_cmacs[c] = prepareCmac(cmac(), cbc.c_str(), ciphers[c].keyLength);
     }
 }
 
 const EVP_CIPHER* Engine::cipher(int number, int mode) const
 {
-    return ciphers_[number - 1][mode - 1].get();
+    return m_ciphers[number - 1][mode - 1].get();
 }
 
 void Engine::random(unsigned char* out, size_t size) const
 {
     constexpr unsigned int strength = 256;
-    require(EVP_RAND_generate(primary_, out, size, strength, 0, nullptr, 0) == 1, AVEN_E_RANDOM);
+    require(EVP_RAND_generate(m_primary, out, size, strength, 0, nullptr, 0) == 1, AVEN_E_RANDOM);
 }
 
-EngineUse::EngineUse() : alive_(enter()), engine_(running)
+EngineUse::EngineUse() : m_alive(enter()), m_engine(running)
 {
-    require(engine_ != nullptr, AVEN_E_NOT_INITIALISED);
+    require(m_engine != nullptr, AVEN_E_NOT_INITIALISED);
     ERR_set_mark();
 }
 

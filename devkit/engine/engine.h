@@ -49,17 +49,17 @@ class Engine {
 public:
     Engine();  // throws AVEN_E_START
 
-    OSSL_LIB_CTX* library() const { return library_.get(); }
+    OSSL_LIB_CTX* library() const { return m_library.get(); }
 
     // Null if libcrypto has no such combination. The numbers must be valid.
     const EVP_CIPHER* cipher(int number, int mode) const;
 
-    EVP_MAC* hmac() const { return hmac_.get(); }
-    EVP_MAC* cmac() const { return cmac_.get(); }
+    EVP_MAC* hmac() const { return m_hmac.get(); }
+    EVP_MAC* cmac() const { return m_cmac.get(); }
 
     // Ready for any key. The number must be valid.
-    const EVP_MAC_CTX* preparedHmac(int hash) const { return hmacs_[hash - 1].get(); }
-    const EVP_MAC_CTX* preparedCmac(int cipher) const { return cmacs_[cipher - 1].get(); }
+    const EVP_MAC_CTX* preparedHmac(int hash) const { return m_hmacs[hash - 1].get(); }
+    const EVP_MAC_CTX* preparedCmac(int cipher) const { return m_cmacs[cipher - 1].get(); }
 
     // Fills `out` from the context's primary generator, which is locked and reseeds
     // itself. RAND_bytes_ex would give each calling thread a generator of its own in
@@ -69,24 +69,24 @@ public:
     void random(unsigned char* out, size_t size) const;
 
     // Both are locked by themselves.
-    HandleTable& handles() const { return handles_; }
-    RootTable& roots() const { return roots_; }
+    HandleTable& handles() const { return m_handles; }
+    RootTable& roots() const { return m_roots; }
 
 private:
     static constexpr int CIPHERS = 7;
     static constexpr int MODES = 6;
     static constexpr int HASHES = 6;
 
-    Owned<OSSL_LIB_CTX_free, OSSL_LIB_CTX> library_;  // first: all else lives in it
-    Owned<OSSL_PROVIDER_unload, OSSL_PROVIDER> provider_;
-    Owned<EVP_CIPHER_free, EVP_CIPHER> ciphers_[CIPHERS][MODES];
-    Owned<EVP_MAC_free, EVP_MAC> hmac_;
-    Owned<EVP_MAC_free, EVP_MAC> cmac_;
-    MacContext hmacs_[HASHES];
-    MacContext cmacs_[CIPHERS];
-    EVP_RAND_CTX* primary_ = nullptr;  // the library context's
-    mutable RootTable roots_;
-    mutable HandleTable handles_{*this};  // last: goes first
+    Owned<OSSL_LIB_CTX_free, OSSL_LIB_CTX> m_library;  // first: all else lives in it
+    Owned<OSSL_PROVIDER_unload, OSSL_PROVIDER> m_provider;
+    Owned<EVP_CIPHER_free, EVP_CIPHER> m_ciphers[CIPHERS][MODES];
+    Owned<EVP_MAC_free, EVP_MAC> m_hmac;
+    Owned<EVP_MAC_free, EVP_MAC> m_cmac;
+    MacContext m_hmacs[HASHES];
+    MacContext m_cmacs[CIPHERS];
+    EVP_RAND_CTX* m_primary = nullptr;  // the library context's
+    mutable RootTable m_roots;
+    mutable HandleTable m_handles{*this};  // last: goes first
 };
 
 #endif

@@ -25,11 +25,11 @@ public:
     EngineUse(const EngineUse&) = delete;
     EngineUse& operator=(const EngineUse&) = delete;
 
-    const Engine& engine() const { return *engine_; }
+    const Engine& engine() const { return *m_engine; }
 
 private:
-    std::shared_lock<std::shared_mutex> alive_;
-    const Engine* engine_;
+    std::shared_lock<std::shared_mutex> m_alive;
+    const Engine* m_engine;
 };
 
 // What a call that a fault strikes leaves behind: no length, no handle.

@@ -22,7 +22,7 @@ struct HandleObject {
 
 class HandleTable {
 public:
-    explicit HandleTable(const Engine& engine) : engine_(engine) {}
+    explicit HandleTable(const Engine& engine) : m_engine(engine) {}
 
     // Handles are below 2^63, so that their decimal text has no sign.
     void* add(std::shared_ptr<HandleObject> object);
@@ -46,9 +46,9 @@ private:
     std::shared_ptr<HandleObject> lookUp(const void* handle) const;
     bool erase(const void* handle);  // false if another thread came first
 
-    const Engine& engine_;
-    mutable std::mutex mutex_;
-    std::unordered_map<uintptr_t, std::shared_ptr<HandleObject>> objects_;
+    const Engine& m_engine;
+    mutable std::mutex m_mutex;
+    std::unordered_map<uintptr_t, std::shared_ptr<HandleObject>> m_objects;
 };
 
 #endif

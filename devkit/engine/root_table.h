@@ -28,9 +28,9 @@ public:
 private:
     void release(const Digest& digest, size_t bytes);
 
-    mutable std::mutex mutex_;
-    std::map<Digest, std::weak_ptr<X509_STORE>> stores_;
-    size_t bytes_ = 0;  // of all stores that are alive
+    mutable std::mutex m_mutex;
+    std::map<Digest, std::weak_ptr<X509_STORE>> m_stores;
+    size_t m_bytes = 0;  // of all stores that are alive
 };
 
 #endif

@@ -39,18 +39,18 @@ void removeLinks(const std::string& folder)
 
 }  // namespace
 
-BareNames::BareNames() : folder_(variable(marker))
+BareNames::BareNames() : m_folder(variable(marker))
 {
-    if (folder_.empty())
+    if (m_folder.empty())
         return;
 
     // What the libraries start in turn must not search the folder.
     unsetenv(marker);
     const std::string path = variable(searchPath);
-    if (path == folder_)
+    if (path == m_folder)
         unsetenv(searchPath);
-    else if (path.compare(0, folder_.size() + 1, folder_ + ":") == 0)
-        setenv(searchPath, path.c_str() + folder_.size() + 1, 1);
+    else if (path.compare(0, m_folder.size() + 1, m_folder + ":") == 0)
+        setenv(searchPath, path.c_str() + m_folder.size() + 1, 1);
 }
 
 BareNames::~BareNames()
@@ -60,14 +60,14 @@ BareNames::~BareNames()
 
 void BareNames::removeFolder()
 {
-    if (!folder_.empty())
-        removeLinks(folder_);
-    folder_.clear();
+    if (!m_folder.empty())
+        removeLinks(m_folder);
+    m_folder.clear();
 }
 
 void BareNames::startAgain(const LibraryPaths& paths, char** argv, Output& output)
 {
-    if (!folder_.empty())
+    if (!m_folder.empty())
         return;
 
     const std::string temporary = variable("TMPDIR");

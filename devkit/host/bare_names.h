@@ -30,7 +30,7 @@ public:
     void startAgain(const LibraryPaths& paths, char** argv, Output& output);
 
 private:
-    std::string folder_;  // empty if the program was started by its user
+    std::string m_folder;  // empty if the program was started by its user
 };
 
 #endif

@@ -31,17 +31,17 @@ std::string chosen(const std::string& given, const char* name)
 // Gathers what is written to standard output, descriptor 1, while it exists.
 class OutputCapture {
 public:
-    OutputCapture() : file_(memfd_create("captured", MFD_CLOEXEC)), saved_(dup(STDOUT_FILENO))
+    OutputCapture() : m_file(memfd_create("captured", MFD_CLOEXEC)), m_saved(dup(STDOUT_FILENO))
     {
         fflush(stdout);
-        if (file_ < 0 || saved_ < 0 || dup2(file_, STDOUT_FILENO) < 0)
+        if (m_file < 0 || m_saved < 0 || dup2(m_file, STDOUT_FILENO) < 0)
             throw LoadError("cannot capture the plug-in's messages");
     }
 
     ~OutputCapture()
     {
         restore();
-        close(file_);
+        close(m_file);
     }
 
     std::string take()
@@ -49,8 +49,8 @@ public:
         restore();
         std::string text;
         char buffer[4096];
-        lseek(file_, 0, SEEK_SET);
-        for (ssize_t count; (count = read(file_, buffer, sizeof buffer)) > 0;)
+        lseek(m_file, 0, SEEK_SET);
+        for (ssize_t count; (count = read(m_file, buffer, sizeof buffer)) > 0;)
             text.append(buffer, static_cast<size_t>(count));
         return text;
     }
@@ -58,16 +58,16 @@ public:
 private:
     void restore()
     {
-        if (saved_ < 0)
+        if (m_saved < 0)
             return;
         fflush(stdout);
-        dup2(saved_, STDOUT_FILENO);
-        close(saved_);
-        saved_ = -1;
+        dup2(m_saved, STDOUT_FILENO);
+        close(m_saved);
+        m_saved = -1;
     }
 
-    int file_;
-    int saved_;
+    int m_file;
+    int m_saved;
 };
 
 // A bare name is the loader's to find.
@@ -144,31 +144,31 @@ void checkLibraries(const LibraryPaths& paths)
 }
 
 HostSession::HostSession(const LibraryPaths& paths)
-    : paramsLibrary_(openByBareName(paths.params, paramsName)),
-      engineLibrary_(openByBareName(paths.engine, engineName)),
-      pluginLibrary_(openChecked(paths.plugin))
+    : m_paramsLibrary(openByBareName(paths.params, paramsName)),
+      m_engineLibrary(openByBareName(paths.engine, engineName)),
+      m_pluginLibrary(openChecked(paths.plugin))
 {
-    params_.bind(paramsLibrary_);
-    plugin_.bind(pluginLibrary_);
+    m_params.bind(m_paramsLibrary);
+    m_plugin.bind(m_pluginLibrary);
     initialise();
 }
 
 HostSession::~HostSession()
 {
-    plugin_.free();
+    m_plugin.free();
 }
 
 void HostSession::initialise()
 {
     OutputCapture capture;
-    plugin_.init();
+    m_plugin.init();
     const std::string printed = capture.take();
 
     fputs(printed.c_str(), stderr);
     if (printed.find("load fail") == std::string::npos &&
         printed.find("aven_global_init ERROR") == std::string::npos)
         return;
-    plugin_.free();
+    m_plugin.free();
     throw LoadError("the plug-in could not initialise: " +
                     printed.substr(0, printed.find_last_not_of('\n') + 1));
 }
@@ -177,17 +177,17 @@ void HostSession::setLogLevel(const std::string& name)
 {
     decltype(&log_get_level) levelOf;
     decltype(&log_set_level) setLevel;
-    resolve(pluginLibrary_.get(), levelOf, "log_get_level");
-    resolve(pluginLibrary_.get(), setLevel, "log_set_level");
+    resolve(m_pluginLibrary.get(), levelOf, "log_get_level");
+    resolve(m_pluginLibrary.get(), setLevel, "log_set_level");
     if (levelOf != nullptr && setLevel != nullptr)
         setLevel(levelOf(name.c_str()));
 }
 
 void HostSession::emptyStores()
 {
-    params_.ClearHttpParams();
-    params_.ClearRetParams();
-    params_.ClearRetCustomParam();
+    m_params.ClearHttpParams();
+    m_params.ClearRetParams();
+    m_params.ClearRetCustomParam();
 }
 
 Reply HostSession::send(const std::string& name, const Pairs& parameters)
@@ -202,12 +202,12 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
     const auto start = Clock::now();
     emptyStores();
     for (const auto& [key, value] : parameters)
-        if (params_.AddHttpParams(bytes(key), lengthOf(key), bytes(value), lengthOf(value)) != 0)
+        if (m_params.AddHttpParams(bytes(key), lengthOf(key), bytes(value), lengthOf(value)) != 0)
             throw LoadError("the parameter module refuses the parameter " + key);
 
     Reply reply;
     const auto stored = Clock::now();
-    plugin_.request(name.data(), static_cast<unsigned int>(name.size()));
+    m_plugin.request(name.data(), static_cast<unsigned int>(name.size()));
     const auto answered = Clock::now();
     reply.results = readResults();
     reply.storeMicroseconds = microsecondsBetween(start, stored);
@@ -220,7 +220,7 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
 Pairs HostSession::readResults()
 {
     int count = 0;
-    if (params_.GetRetParamsSum(&count) != 0)
+    if (m_params.GetRetParamsSum(&count) != 0)
         throw LoadError("the parameter module does not tell how many results there are");
 
     Pairs results;
@@ -231,7 +231,7 @@ Pairs HostSession::readResults()
         };
         long nameLength = 0;
         long valueLength = 0;
-        if (params_.GetRetParamFromIndex(i, nullptr, &nameLength, nullptr, &valueLength) != 0 ||
+        if (m_params.GetRetParamFromIndex(i, nullptr, &nameLength, nullptr, &valueLength) != 0 ||
             nameLength < 0 || valueLength < 0)
             throw refused();
 
@@ -239,8 +239,8 @@ Pairs HostSession::readResults()
         std::string value(static_cast<size_t>(valueLength) + 1, '\0');
         const long nameRoom = nameLength;
         const long valueRoom = valueLength;
-        if (params_.GetRetParamFromIndex(i, name.data(), &nameLength, value.data(), &valueLength) !=
-                0 ||
+        if (m_params.GetRetParamFromIndex(i, name.data(), &nameLength, value.data(),
+                                          &valueLength) != 0 ||
             nameLength < 0 || nameLength > nameRoom || valueLength < 0 || valueLength > valueRoom)
             throw refused();
 

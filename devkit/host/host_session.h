@@ -70,11 +70,11 @@ private:
     Pairs readResults();
 
     // In this order, so that the plug-in is unloaded first.
-    OpenedLibrary paramsLibrary_;
-    OpenedLibrary engineLibrary_;
-    OpenedLibrary pluginLibrary_;
-    ParamsFunctions params_;
-    PluginFunctions plugin_;
+    OpenedLibrary m_paramsLibrary;
+    OpenedLibrary m_engineLibrary;
+    OpenedLibrary m_pluginLibrary;
+    ParamsFunctions m_params;
+    PluginFunctions m_plugin;
 };
 
 #endif

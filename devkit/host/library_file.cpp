@@ -52,33 +52,33 @@ class Reader {
 public:
     explicit Reader(const std::string& path)
         // Not waiting for the other end of a pipe.
-        : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
+        : m_file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
     {
-        if (file_ < 0)
+        if (m_file < 0)
             throw Fault{": " + std::generic_category().message(errno),
                         "check the path and the permissions of file and folders"};
         struct stat status;
-        if (fstat(file_, &status) != 0 || !S_ISREG(status.st_mode)) {
-            close(file_);
+        if (fstat(m_file, &status) != 0 || !S_ISREG(status.st_mode)) {
+            close(m_file);
             throw Fault{" is a folder or device, not a file", "give the library's file"};
         }
-        size_ = static_cast<uint64_t>(status.st_size);
+        m_size = static_cast<uint64_t>(status.st_size);
     }
-    ~Reader() { close(file_); }
+    ~Reader() { close(m_file); }
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
 
-    uint64_t size() const { return size_; }
+    uint64_t size() const { return m_size; }
 
     bool reads(void* to, uint64_t count, uint64_t at) const
     {
-        return at <= size_ && count <= size_ - at &&
-               pread(file_, to, count, static_cast<off_t>(at)) == static_cast<ssize_t>(count);
+        return at <= m_size && count <= m_size - at &&
+               pread(m_file, to, count, static_cast<off_t>(at)) == static_cast<ssize_t>(count);
     }
 
 private:
-    int file_;
-    uint64_t size_ = 0;
+    int m_file;
+    uint64_t m_size = 0;
 };
 
 Elf64_Ehdr readHeader(const Reader& file)

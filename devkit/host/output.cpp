@@ -33,7 +33,7 @@ bool writeAll(int descriptor, std::string_view text)
 
 }  // namespace
 
-Output::Output() : descriptor_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))
+Output::Output() : m_descriptor(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))
 {
     if (dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
         const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -44,21 +44,21 @@ Output::Output() : descriptor_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))
 
 void Output::write(std::string_view text) const
 {
-    if (!writeAll(descriptor_, text))
+    if (!writeAll(m_descriptor, text))
         failToWrite("to standard output");
 }
 
 bool Output::isTerminal() const
 {
-    return isatty(descriptor_) == 1;
+    return isatty(m_descriptor) == 1;
 }
 
 void Output::giveBack() const
 {
-    dup2(descriptor_, STDOUT_FILENO);
+    dup2(m_descriptor, STDOUT_FILENO);
 }
 
-OutputFile::OutputFile(const std::string& path, bool mayReplace) : path_(path)
+OutputFile::OutputFile(const std::string& path, bool mayReplace) : m_path(path)
 {
     // A file beyond the process's limit is an error to tell of, and to clean up behind.
     signal(SIGXFSZ, SIG_IGN);
@@ -67,46 +67,46 @@ OutputFile::OutputFile(const std::string& path, bool mayReplace) : path_(path)
     if (isThere && S_ISDIR(status.st_mode))
         throw UsageError("cannot write " + path + ": it is a folder");
     if (isThere && !S_ISREG(status.st_mode)) {
-        file_ = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+        m_file = open(path.c_str(), O_WRONLY | O_CLOEXEC);
     } else if (mayReplace) {
         openBeside();
     } else {
-        file_ = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        if (file_ < 0 && errno == EEXIST)
+        m_file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (m_file < 0 && errno == EEXIST)
             throw UsageError("there is a file " + path + " already; --force replaces it");
-        unfinished_ = path;
+        m_unfinished = path;
     }
-    if (file_ < 0) {
-        unfinished_.clear();
+    if (m_file < 0) {
+        m_unfinished.clear();
         failToWrite(path);
     }
 }
 
 void OutputFile::openBeside()
 {
-    unfinished_ = path_ + ".XXXXXX";
-    file_ = mkostemp(unfinished_.data(), O_CLOEXEC);
+    m_unfinished = m_path + ".XXXXXX";
+    m_file = mkostemp(m_unfinished.data(), O_CLOEXEC);
 }
 
 OutputFile::~OutputFile()
 {
-    if (file_ >= 0)
-        close(file_);
-    if (!unfinished_.empty())
-        unlink(unfinished_.c_str());
+    if (m_file >= 0)
+        close(m_file);
+    if (!m_unfinished.empty())
+        unlink(m_unfinished.c_str());
 }
 
 void OutputFile::write(std::string_view text)
 {
-    const bool isWritten = writeAll(file_, text);
+    const bool isWritten = writeAll(m_file, text);
     const int reason = errno;
-    const bool isClosed = close(std::exchange(file_, -1)) == 0;
+    const bool isClosed = close(std::exchange(m_file, -1)) == 0;
     if (!isWritten)
         errno = reason;
-    const bool isBeside = !unfinished_.empty() && unfinished_ != path_;
-    if (!isWritten || !isClosed || (isBeside && rename(unfinished_.c_str(), path_.c_str()) != 0))
-        failToWrite(path_);
-    unfinished_.clear();
+    const bool isBeside = !m_unfinished.empty() && m_unfinished != m_path;
+    if (!isWritten || !isClosed || (isBeside && rename(m_unfinished.c_str(), m_path.c_str()) != 0))
+        failToWrite(m_path);
+    m_unfinished.clear();
 }
 
 bool isStandardOutput(const std::string& path)

@@ -25,13 +25,13 @@ public:
     // Whether a person reads it.
     bool isTerminal() const;
     // For one that must not wait as write() does.
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return m_descriptor; }
 
     // Gives descriptor 1 back, for a program that takes this one's place.
     void giveBack() const;
 
 private:
-    int descriptor_;
+    int m_descriptor;
 };
 
 // A file of results, its owner's alone, as it may hold a key. It is whole or not there: what
@@ -52,9 +52,9 @@ public:
 private:
     void openBeside();
 
-    std::string path_;
-    std::string unfinished_;  // what to remove if nothing is written; "" if nothing
-    int file_ = -1;
+    std::string m_path;
+    std::string m_unfinished;  // what to remove if nothing is written; "" if nothing
+    int m_file = -1;
 };
 
 // Whether a path stands for standard output; the empty one does too.

@@ -1,10 +1,10 @@
 #include "parameters.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 
@@ -121,24 +121,15 @@ std::string writtenValue(const std::string& name, const nlohmann::ordered_json& 
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-void WrittenParameters::addTo(CLI::App& command)
-{
-    command.add_option("parameters", arguments_, "name=value ...");
-    command
-        .add_option("--params-file", file_,
-                    "File of parameters: a JSON object, or lines name=value; - for stdin")
-        ->type_name("FILE");
-}
-
 void WrittenParameters::check() const
 {
-    split(arguments_);
+    split(arguments);
 }
 
 Pairs WrittenParameters::read(const RequestInfo* request) const
 {
-    Pairs pairs = file_.empty() ? Pairs() : readFile(file_);
-    for (const auto& [name, value] : split(arguments_)) {
+    Pairs pairs = file.empty() ? Pairs() : readFile(file);
+    for (const auto& [name, value] : split(arguments)) {
         const auto same =
             std::find_if(pairs.begin(), pairs.end(),
                          [&, &wanted = name](const auto& pair) { return pair.first == wanted; });
@@ -147,7 +138,7 @@ Pairs WrittenParameters::read(const RequestInfo* request) const
         else
             pairs.emplace_back(name, value);
     }
-    ValueReader reader(file_ != "-");
+    ValueReader reader(file != "-");
     for (auto& [name, value] : pairs)
         value = reader.read(name, formOf(request, name), value, asWritten);
     return pairs;

@@ -3,15 +3,11 @@
 #ifndef CORVANE_HOST_PARAMETERS_H
 #define CORVANE_HOST_PARAMETERS_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
 #include "host/catalogue/catalogue.h"
-
-namespace CLI {
-class App;
-}
 
 // JSON text. Throws a UsageError, also for two members of the same name; it quotes no
 // value, as that may be secret.
@@ -21,10 +17,9 @@ nlohmann::ordered_json parseJson(const std::string& text);
 // Throws a UsageError for others.
 std::string writtenValue(const std::string& name, const nlohmann::ordered_json& value);
 
-class WrittenParameters {
-public:
-    // The options of a subcommand that sends a request. This object must outlive it.
-    void addTo(CLI::App& command);
+struct WrittenParameters {
+    std::vector<std::string> arguments;
+    std::string file;  // "-" for standard input; "" for none
 
     // Throws a UsageError if an argument is not written name=value, or comes twice.
     void check() const;
@@ -33,10 +28,6 @@ public:
     // of those of the same name; then the other arguments. `request` may be null. May read
     // standard input. Throws a UsageError that quotes no value.
     Pairs read(const RequestInfo* request) const;
-
-private:
-    std::vector<std::string> arguments_;
-    std::string file_;  // "-" for standard input; "" for none
 };
 
 #endif

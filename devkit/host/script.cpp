@@ -57,35 +57,35 @@ Step toStep(const Json& json)
 class Runner {
 public:
     Runner(const ScriptOptions& options, HostSession& session)
-        : options_(options), session_(session), reader_(options.file != "-")
+        : m_options(options), m_session(session), m_reader(options.file != "-")
     {
     }
 
     // Sends a step. The answer is the step's line of output.
     Json run(const Json& json)
     {
-        ++number_;
+        ++m_number;
         try {
             return send(toStep(json));
         } catch (const UsageError& e) {
-            throw UsageError("step " + std::to_string(number_) + ": " + e.what());
+            throw UsageError("step " + std::to_string(m_number) + ": " + e.what());
         }
     }
 
-    bool allSucceeded() const { return allSucceeded_; }
-    bool mustStop() const { return !allSucceeded_ && !options_.keepGoing; }
+    bool allSucceeded() const { return m_allSucceeded; }
+    bool mustStop() const { return !m_allSucceeded && !m_options.keepGoing; }
 
 private:
     Json send(const Step& step)
     {
-        if (!step.id.empty() && results_.count(step.id) != 0)
+        if (!step.id.empty() && m_results.count(step.id) != 0)
             throw UsageError("id " + step.id + " is taken");
-        const RequestInfo* request = requestByName(step.request, options_.force);
+        const RequestInfo* request = requestByName(step.request, m_options.force);
         const Pairs given = parameters(step, request);
         warn(request, given);
-        const Outcome outcome = exchange(session_, request, step.request, given);
+        const Outcome outcome = exchange(m_session, request, step.request, given);
         if (!step.id.empty())
-            results_[step.id] = outcome.results;
+            m_results[step.id] = outcome.results;
 
         Json answer = Json::object();
         if (!step.id.empty())
@@ -95,13 +95,13 @@ private:
         answer["results"] = toJson(outcome.results);
         if (!outcome.ok)
             answer["error"] = {{"code", outcome.code}, {"text", outcome.text}};
-        if (options_.time)
+        if (m_options.time)
             answer["microseconds"] = outcome.microseconds;
 
         if (outcome.ok || step.allowFailure)
             return answer;
-        allSucceeded_ = false;
-        tell("step " + std::to_string(number_) + ": " + failureLine(step.request, outcome));
+        m_allSucceeded = false;
+        tell("step " + std::to_string(m_number) + ": " + failureLine(step.request, outcome));
         return answer;
     }
 
@@ -113,7 +113,7 @@ private:
             const auto expand = [&, &parameter = name](const std::string& text) {
                 return expandReferences(parameter, text);
             };
-            pairs.emplace_back(name, reader_.read(name, formOf(request, name), written, expand));
+            pairs.emplace_back(name, m_reader.read(name, formOf(request, name), written, expand));
         }
         return pairs;
     }
@@ -141,8 +141,8 @@ private:
     const std::string& resultOf(const std::string& parameter, const std::string& reference) const
     {
         const size_t dot = reference.find('.');
-        const auto step = results_.find(reference.substr(0, dot));
-        const std::string* value = dot == std::string::npos || step == results_.end()
+        const auto step = m_results.find(reference.substr(0, dot));
+        const std::string* value = dot == std::string::npos || step == m_results.end()
                                        ? nullptr
                                        : findValue(step->second, reference.substr(dot + 1));
         if (value == nullptr)
@@ -150,19 +150,19 @@ private:
         return *value;
     }
 
-    const ScriptOptions& options_;
-    HostSession& session_;
-    ValueReader reader_;
-    std::map<std::string, Pairs> results_;
-    size_t number_ = 0;
-    bool allSucceeded_ = true;
+    const ScriptOptions& m_options;
+    HostSession& m_session;
+    ValueReader m_reader;
+    std::map<std::string, Pairs> m_results;
+    size_t m_number = 0;
+    bool m_allSucceeded = true;
 };
 
 void runLines(std::istream& in, Runner& runner, Output& output)
 {
     for (std::string line; !runner.mustStop() && std::getline(in, line);)
         if (line.find_first_not_of(" \t\r") != std::string::npos)
-            output.write(write(runner.run(parseJson(line)), -1) + "\n");
+            output.write(jsonText(runner.run(parseJson(line)), -1) + "\n");
 }
 
 void runArray(const Json& steps, Runner& runner, Output& output)
@@ -184,7 +184,7 @@ void runArray(const Json& steps, Runner& runner, Output& output)
     for (const Json& step : steps) {
         if (runner.mustStop())
             return;
-        const std::string answer = write(runner.run(step), -1);
+        const std::string answer = jsonText(runner.run(step), -1);
         output.write(brackets.between + answer);
         brackets.between = ",\n";
     }

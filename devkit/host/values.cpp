@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <nlohmann/json.hpp>
 #include <system_error>
 
 #include "common/codec.h"
@@ -94,10 +95,10 @@ std::string ValueReader::readBytes(const std::string& name, const std::string& w
     if (takePrefix(rest, "text:") || !takePrefix(rest, "@"))
         return expand(rest);
 
-    if (rest == "-" && !standardInputIsFree_)
+    if (rest == "-" && !m_standardInputIsFree)
         throw UsageError(name + ": standard input is in use already");
     if (rest == "-")
-        standardInputIsFree_ = false;
+        m_standardInputIsFree = false;
     auto bytes = rest == "-" ? readAll(STDIN_FILENO) : readFile(rest);
     if (!bytes)
         throw UsageError(name + ": cannot read " + (rest == "-" ? "standard input" : rest) + ": " +
@@ -130,7 +131,7 @@ nlohmann::ordered_json toJson(const Pairs& results)
     return json;
 }
 
-std::string write(const nlohmann::ordered_json& json, int indent)
+std::string jsonText(const nlohmann::ordered_json& json, int indent)
 {
     return json.dump(indent, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }

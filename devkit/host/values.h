@@ -17,7 +17,7 @@
 #define CORVANE_HOST_VALUES_H
 
 #include <functional>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -29,7 +29,7 @@ using Expand = std::function<std::string(const std::string& text)>;
 class ValueReader {
 public:
     // Standard input can serve one value, unless it holds the script.
-    explicit ValueReader(bool standardInputIsFree) : standardInputIsFree_(standardInputIsFree) {}
+    explicit ValueReader(bool standardInputIsFree) : m_standardInputIsFree(standardInputIsFree) {}
 
     // The value of a parameter of that form, as it is sent. Throws a UsageError that names
     // the parameter and quotes no value.
@@ -42,7 +42,7 @@ private:
     std::string readBytes(const std::string& name, const std::string& written,
                           const Expand& expand);
 
-    bool standardInputIsFree_;
+    bool m_standardInputIsFree;
 };
 
 // The bytes that a result stands for, or nothing if it is not of its form.
@@ -54,6 +54,6 @@ nlohmann::ordered_json toJson(const std::string& value);
 nlohmann::ordered_json toJson(const Pairs& results);
 
 // JSON as text; never throws for its strings.
-std::string write(const nlohmann::ordered_json& json, int indent);
+std::string jsonText(const nlohmann::ordered_json& json, int indent);
 
 #endif

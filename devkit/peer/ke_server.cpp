@@ -79,23 +79,24 @@ SecretBytes decryptPreMaster(const Credential& encryption, const std::string& me
 class Sm4Gcm {
 public:
     Sm4Gcm(Bytes key, Bytes nonce, Bytes label)
-        : sm4_(start(key)), gcm_(CRYPTO_gcm128_new(sm4_.get(), encryptBlock), CRYPTO_gcm128_release)
+        : m_sm4(start(key)),
+          m_gcm(CRYPTO_gcm128_new(m_sm4.get(), encryptBlock), CRYPTO_gcm128_release)
     {
-        must(gcm_ != nullptr, "allocate");
-        CRYPTO_gcm128_setiv(gcm_.get(), nonce.data, nonce.size);
-        must(CRYPTO_gcm128_aad(gcm_.get(), label.data, label.size) == 0, "take a label");
+        must(m_gcm != nullptr, "allocate");
+        CRYPTO_gcm128_setiv(m_gcm.get(), nonce.data, nonce.size);
+        must(CRYPTO_gcm128_aad(m_gcm.get(), label.data, label.size) == 0, "take a label");
     }
 
     void encrypt(Bytes in, unsigned char* out, unsigned char* tag)
     {
-        must(CRYPTO_gcm128_encrypt(gcm_.get(), in.data, out, in.size) == 0, "encrypt");
-        CRYPTO_gcm128_tag(gcm_.get(), tag, KE_TAG);
+        must(CRYPTO_gcm128_encrypt(m_gcm.get(), in.data, out, in.size) == 0, "encrypt");
+        CRYPTO_gcm128_tag(m_gcm.get(), tag, KE_TAG);
     }
 
     bool decrypt(Bytes in, const unsigned char* tag, unsigned char* out)
     {
-        must(CRYPTO_gcm128_decrypt(gcm_.get(), in.data, out, in.size) == 0, "decrypt");
-        return CRYPTO_gcm128_finish(gcm_.get(), tag, KE_TAG) == 0;
+        must(CRYPTO_gcm128_decrypt(m_gcm.get(), in.data, out, in.size) == 0, "decrypt");
+        return CRYPTO_gcm128_finish(m_gcm.get(), tag, KE_TAG) == 0;
     }
 
 private:
@@ -116,8 +117,8 @@ private:
         EVP_EncryptUpdate(static_cast<EVP_CIPHER_CTX*>(const_cast<void*>(key)), out, &size, in, 16);
     }
 
-    Sm4 sm4_;
-    std::unique_ptr<GCM128_CONTEXT, decltype(&CRYPTO_gcm128_release)> gcm_;
+    Sm4 m_sm4;
+    std::unique_ptr<GCM128_CONTEXT, decltype(&CRYPTO_gcm128_release)> m_gcm;
 };
 
 Sm4Gcm startGcm(const ChannelKeys& keys, Bytes nonce, Direction direction)

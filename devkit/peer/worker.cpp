@@ -40,15 +40,15 @@ std::string makeToken()
 
 }  // namespace
 
-PeerWorker::PeerWorker() : root_(makeRoot(rootPlan(), KeyKind::sm2))
+PeerWorker::PeerWorker() : m_root(makeRoot(rootPlan(), KeyKind::sm2))
 {
-    server_ = {makeCredential(signingPlan(), KeyKind::sm2, root_),
-               makeCredential(encryptionPlan(), KeyKind::sm2, root_)};
+    m_server = {makeCredential(signingPlan(), KeyKind::sm2, m_root),
+                makeCredential(encryptionPlan(), KeyKind::sm2, m_root)};
 }
 
 PeerWorker::Exchange& PeerWorker::find(const std::string& token)
 {
-    for (Exchange& exchange : exchanges_)
+    for (Exchange& exchange : m_exchanges)
         if (exchange.token == token)
             return exchange;
     throw PeerError("there is no such exchange: it has ended or never was");
@@ -56,22 +56,22 @@ PeerWorker::Exchange& PeerWorker::find(const std::string& token)
 
 Pairs PeerWorker::begin(const std::string& hello)
 {
-    const ServerAnswer made = answerHello(server_, hello);
-    if (exchanges_.size() == MOST_EXCHANGES)
-        exchanges_.pop_front();
-    exchanges_.push_back({makeToken(), hello, made.random, std::nullopt});
-    return {{"exchange", exchanges_.back().token},
+    const ServerAnswer made = answerHello(m_server, hello);
+    if (m_exchanges.size() == MOST_EXCHANGES)
+        m_exchanges.pop_front();
+    m_exchanges.push_back({makeToken(), hello, made.random, std::nullopt});
+    return {{"exchange", m_exchanges.back().token},
             {"strSrvr_rand", toUrlBase64(made.random)},
             {"strSrvr_sig_cert", toUrlBase64(made.signingCertificate)},
             {"strSrvr_enc_cert", toUrlBase64(made.encryptionCertificate)},
             {"strSrvr_sign", toUrlBase64(made.signature)},
-            {"root", toUrlBase64(toPem(root_.certificate.get()))}};
+            {"root", toUrlBase64(toPem(m_root.certificate.get()))}};
 }
 
 Pairs PeerWorker::answer(const WireRequest& request)
 {
     if (request.name == "root")
-        return {{"root", toUrlBase64(toPem(root_.certificate.get()))}};
+        return {{"root", toUrlBase64(toPem(m_root.certificate.get()))}};
     if (request.name == "answer")
         return begin(bytesOf(request, "hello"));
 
@@ -79,7 +79,7 @@ Pairs PeerWorker::answer(const WireRequest& request)
     if (request.name == "finish") {
         if (exchange.keys)
             throw PeerError("the exchange is finished already");
-        exchange.keys = acceptKeyExchange(server_, exchange.hello, exchange.random,
+        exchange.keys = acceptKeyExchange(m_server, exchange.hello, exchange.random,
                                           bytesOf(request, "message"));
         return {};
     }

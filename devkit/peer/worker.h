@@ -29,9 +29,9 @@ private:
     Pairs begin(const std::string& hello);
     Exchange& find(const std::string& token);
 
-    Credential root_;
-    ServerCredentials server_;
-    std::deque<Exchange> exchanges_;  // the oldest first
+    Credential m_root;
+    ServerCredentials m_server;
+    std::deque<Exchange> m_exchanges;  // the oldest first
 };
 
 #endif

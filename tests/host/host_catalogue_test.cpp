@@ -1,5 +1,6 @@
 // The catalogue of requests and codes, held against the plug-in, and what is made from it.
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 

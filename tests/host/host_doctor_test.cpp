@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
 

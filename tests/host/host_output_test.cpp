@@ -1,7 +1,9 @@
 // corvane-host call -o: a file of results is its owner's alone, is never written over without
 // being told to, and is whole or not there.
 #include <sys/resource.h>
+
 #include <sys/stat.h>
+#include <nlohmann/json.hpp>
 
 #include "support/host_program.h"
 
@@ -117,16 +119,16 @@ class SmallFiles {
 public:
     explicit SmallFiles(rlim_t bytes)
     {
-        getrlimit(RLIMIT_FSIZE, &before_);
-        const rlimit limit = {bytes, before_.rlim_max};
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit = {bytes, m_before.rlim_max};
         setrlimit(RLIMIT_FSIZE, &limit);
     }
-    ~SmallFiles() { setrlimit(RLIMIT_FSIZE, &before_); }
+    ~SmallFiles() { setrlimit(RLIMIT_FSIZE, &m_before); }
     SmallFiles(const SmallFiles&) = delete;
     SmallFiles& operator=(const SmallFiles&) = delete;
 
 private:
-    rlimit before_ = {};
+    rlimit m_before = {};
 };
 
 TEST_F(HostOutputFile, ThatDoesNotFitIsRemovedAndToldOf)

@@ -1,4 +1,5 @@
 // Scripts on the command line: several requests in one process.
+#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 
+#include <nlohmann/json.hpp>
 #include <random>
 #include <regex>
 #include <sstream>

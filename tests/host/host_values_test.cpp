@@ -1,5 +1,6 @@
 // Values on the command line, in files of parameters and in scripts: what arrives at the
 // plug-in, and what is refused before anything is sent.
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "support/base64_text.h"

@@ -81,50 +81,51 @@ struct Exact {
 // Bytes that end where readable memory ends, so that any build sees a read behind them.
 class BeforeTheEdge {
 public:
-    explicit BeforeTheEdge(const std::string& bytes) : page_(static_cast<size_t>(getpagesize()))
+    explicit BeforeTheEdge(const std::string& bytes) : m_page(static_cast<size_t>(getpagesize()))
     {
         void* both =
-            mmap(nullptr, 2 * page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (both == MAP_FAILED || mprotect(static_cast<char*>(both) + page_, page_, PROT_NONE) != 0)
+            mmap(nullptr, 2 * m_page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (both == MAP_FAILED ||
+            mprotect(static_cast<char*>(both) + m_page, m_page, PROT_NONE) != 0)
             abort();
-        start_ = static_cast<unsigned char*>(both);
-        data_ = start_ + page_ - bytes.size();
-        std::copy(bytes.begin(), bytes.end(), data_);
+        m_start = static_cast<unsigned char*>(both);
+        m_data = m_start + m_page - bytes.size();
+        std::copy(bytes.begin(), bytes.end(), m_data);
     }
-    ~BeforeTheEdge() { munmap(start_, 2 * page_); }
+    ~BeforeTheEdge() { munmap(m_start, 2 * m_page); }
     BeforeTheEdge(const BeforeTheEdge&) = delete;
     BeforeTheEdge& operator=(const BeforeTheEdge&) = delete;
 
-    unsigned char* data() { return data_; }
+    unsigned char* data() { return m_data; }
 
 private:
-    size_t page_;
-    unsigned char* start_;
-    unsigned char* data_;
+    size_t m_page;
+    unsigned char* m_start;
+    unsigned char* m_data;
 };
 
 // Address space that takes no memory until it is touched; reads give zeros.
 class Reserved {
 public:
-    explicit Reserved(size_t size, int access = PROT_READ | PROT_WRITE) : size_(size)
+    explicit Reserved(size_t size, int access = PROT_READ | PROT_WRITE) : m_size(size)
     {
         void* start =
             mmap(nullptr, size, access, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        data_ = start == MAP_FAILED ? nullptr : static_cast<unsigned char*>(start);
+        m_data = start == MAP_FAILED ? nullptr : static_cast<unsigned char*>(start);
     }
     ~Reserved()
     {
-        if (data_ != nullptr)
-            munmap(data_, size_);
+        if (m_data != nullptr)
+            munmap(m_data, m_size);
     }
     Reserved(const Reserved&) = delete;
     Reserved& operator=(const Reserved&) = delete;
 
-    unsigned char* data() { return data_; }
+    unsigned char* data() { return m_data; }
 
 private:
-    size_t size_;
-    unsigned char* data_;
+    size_t m_size;
+    unsigned char* m_data;
 };
 
 int32_t int32At(const unsigned char* state, size_t offset)

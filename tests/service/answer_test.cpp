@@ -1,6 +1,8 @@
 // Answers as text, judged by trees of the same content.
 #include "service/requests/answer.h"
 
+#include <nlohmann/json.hpp>
+
 #include <gtest/gtest.h>
 
 #include "host/values.h"
@@ -34,7 +36,7 @@ TEST(Answer, IsTheTextOfItsTree)
           Pairs{{"Data", "\xff\0 bytes"s}, {"b", "\xE2\x82"}},
           Pairs{{"a", "first"}, {"b", "other"}, {"a", "last"}, {"b", "\xff"}, {"c", "d"}}}) {
         const WireReply reply = good(results);
-        EXPECT_EQ(write(treeOf(reply), -1), pluginAnswer(reply, "[]").body);
+        EXPECT_EQ(jsonText(treeOf(reply), -1), pluginAnswer(reply, "[]").body);
         EXPECT_EQ(200U, pluginAnswer(reply, "[]").status);
     }
 }
@@ -44,7 +46,7 @@ TEST(Answer, TellsTheTimeInTenthsOfAMicrosecond)
     WireReply reply = good({});
     for (const double microseconds : {0.0, 0.1, 0.9, 1.0, 9.9, 12.3, 120.0, 99999.9, 4e8}) {
         reply.microseconds = microseconds;
-        EXPECT_EQ(write(treeOf(reply), -1), pluginAnswer(reply, "[]").body);
+        EXPECT_EQ(jsonText(treeOf(reply), -1), pluginAnswer(reply, "[]").body);
     }
 }
 

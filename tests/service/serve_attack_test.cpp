@@ -437,21 +437,21 @@ protected:
     {
         if (support::emulated)
             return;
-        host_ = new ServedHost({"--rate", "0", "--body-bytes", "1048576", "--parameter-bytes",
-                                "524288", "--ca-folder", "/usr/share"});
-        host_->workers();
+        m_host = new ServedHost({"--rate", "0", "--body-bytes", "1048576", "--parameter-bytes",
+                                 "524288", "--ca-folder", "/usr/share"});
+        m_host->workers();
     }
     static void TearDownTestSuite()
     {
-        delete host_;
-        host_ = nullptr;
+        delete m_host;
+        m_host = nullptr;
     }
     void SetUp() override { NEEDS_WORKERS(); }
 
-    static ServedHost* host_;
+    static ServedHost* m_host;
 };
 
-ServedHost* ServeAttack::host_ = nullptr;
+ServedHost* ServeAttack::m_host = nullptr;
 
 // Beside those of connections, all of one moment.
 double openDescriptors(const ServedHost& host)
@@ -474,10 +474,10 @@ void expectAsBefore(const ServedHost& host, double descriptors, const std::vecto
 TEST_P(ServeAttack, IsRefused)
 {
     const Attack& attack = GetParam();
-    const double descriptors = openDescriptors(*host_);
-    const std::vector<pid_t> workers = support::childrenOf(host_->pid());
+    const double descriptors = openDescriptors(*m_host);
+    const std::vector<pid_t> workers = support::childrenOf(m_host->pid());
 
-    const HttpAnswer answer = host_->raw(attack.bytes(*host_));
+    const HttpAnswer answer = m_host->raw(attack.bytes(*m_host));
     // Where the code is left open, the library may also end what it cannot read.
     if (attack.code == nullptr) {
         EXPECT_TRUE(answer.status == attack.status || answer.status == 0) << answer.status;
@@ -485,12 +485,12 @@ TEST_P(ServeAttack, IsRefused)
         EXPECT_EQ(attack.status, answer.status) << answer.body;
         EXPECT_EQ(attack.code, answer.code()) << answer.body;
     }
-    EXPECT_EQ(std::string::npos, answer.body.find(host_->token()));
+    EXPECT_EQ(std::string::npos, answer.body.find(m_host->token()));
     EXPECT_EQ(0U, answer.headers.count("access-control-allow-origin"));
     if (answer.status == 405) {
         EXPECT_EQ(1U, answer.headers.count("allow"));
     }
-    expectAsBefore(*host_, descriptors, workers);
+    expectAsBefore(*m_host, descriptors, workers);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ServeAttack, testing::ValuesIn(attacks),
@@ -498,28 +498,28 @@ INSTANTIATE_TEST_SUITE_P(All, ServeAttack, testing::ValuesIn(attacks),
 
 TEST_F(ServeAttack, NothingIsSmuggledBehindARefusedRequest)
 {
-    HttpConnection connection(host_->port());
-    connection.send("POST " + hmac + " HTTP/1.1\r\nHost: " + host_->host() +
-                    "\r\nAuthorization: Bearer " + host_->token() +
+    HttpConnection connection(m_host->port());
+    connection.send("POST " + hmac + " HTTP/1.1\r\nHost: " + m_host->host() +
+                    "\r\nAuthorization: Bearer " + m_host->token() +
                     "\r\nContent-Length: 4\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n" +
-                    host_->text("GET", "/v1/status"));
+                    m_host->text("GET", "/v1/status"));
     EXPECT_EQ(400, connection.receive().status);
     EXPECT_TRUE(connection.isEnded());
 }
 
 TEST_F(ServeAttack, NothingIsSmuggledBehindARefusedBody)
 {
-    HttpConnection connection(host_->port());
-    connection.send(post(*host_, hmac, "{}", with(jsonType, {{"Content-Encoding", "gzip"}})) +
-                    host_->text("GET", "/v1/status"));
+    HttpConnection connection(m_host->port());
+    connection.send(post(*m_host, hmac, "{}", with(jsonType, {{"Content-Encoding", "gzip"}})) +
+                    m_host->text("GET", "/v1/status"));
     EXPECT_EQ(415, connection.receive().status);
     EXPECT_TRUE(connection.isEnded());
 }
 
 TEST_F(ServeAttack, AHeadWithABodyIsRefused)
 {
-    HttpConnection connection(host_->port());
-    connection.send(lines("HEAD /livez HTTP/1.1", "Content-Length: 2\r\n", "{}")(*host_));
+    HttpConnection connection(m_host->port());
+    connection.send(lines("HEAD /livez HTTP/1.1", "Content-Length: 2\r\n", "{}")(*m_host));
     EXPECT_EQ(400, connection.receive(false).status);
     EXPECT_TRUE(connection.isEnded());
 }
@@ -527,34 +527,34 @@ TEST_F(ServeAttack, AHeadWithABodyIsRefused)
 // What is odd but means one thing only.
 TEST_F(ServeAttack, OddRequestsAreServed)
 {
-    const auto statusOf = [](const std::string& bytes) { return host_->raw(bytes).status; };
-    EXPECT_EQ(200, statusOf("\r\n\r\n" + host_->text("GET", "/livez")));
-    EXPECT_EQ(200, statusOf("GET /livez HTTP/1.1\r\nHOST:" + host_->host() + " \t\r\n\r\n"));
-    EXPECT_EQ(200, statusOf(host_->text("GET", "/livez", {{"X-A", std::string(12000, 'a')}})));
-    EXPECT_EQ(200, statusOf(host_->text("GET", "/?a=b&c")));
+    const auto statusOf = [](const std::string& bytes) { return m_host->raw(bytes).status; };
+    EXPECT_EQ(200, statusOf("\r\n\r\n" + m_host->text("GET", "/livez")));
+    EXPECT_EQ(200, statusOf("GET /livez HTTP/1.1\r\nHOST:" + m_host->host() + " \t\r\n\r\n"));
+    EXPECT_EQ(200, statusOf(m_host->text("GET", "/livez", {{"X-A", std::string(12000, 'a')}})));
+    EXPECT_EQ(200, statusOf(m_host->text("GET", "/?a=b&c")));
     EXPECT_EQ(200, statusOf("GET /livez HTTP/1.0\r\nHost: localhost\r\n\r\n"));
     for (const char* site : {"none", "Same-Origin"})
-        EXPECT_EQ(200, statusOf(host_->text("GET", "/v1/status", {{"Sec-Fetch-Site", site}})));
+        EXPECT_EQ(200, statusOf(m_host->text("GET", "/v1/status", {{"Sec-Fetch-Site", site}})));
     // Sizes with noughts in front, extensions, trailers.
     for (const char* body :
          {"0000000000000000000000002\r\n{}\r\n0\r\n\r\n", "2;a=\"b\"\r\n{}\r\n0;c\r\n\r\n",
           "2\r\n{}\r\n0\r\nHost: x\r\nContent-Length: 9\r\n\r\n"})
-        EXPECT_EQ(200, statusOf(chunks(body)(*host_))) << body;
+        EXPECT_EQ(200, statusOf(chunks(body)(*m_host))) << body;
 }
 
 // The library takes a line feed alone for an end of line between chunks, and does not tell. A
 // proxy that takes it for something else must not stand in front; see docs/serving.md.
 TEST_F(ServeAttack, LineFeedsBetweenChunksEndLines)
 {
-    HttpConnection connection(host_->port());
-    connection.send(chunks("2\n{}\n0\n\n")(*host_) + host_->text("GET", "/livez"));
+    HttpConnection connection(m_host->port());
+    connection.send(chunks("2\n{}\n0\n\n")(*m_host) + m_host->text("GET", "/livez"));
     EXPECT_EQ("-20001", connection.receive().code());
     EXPECT_EQ(R"({"status":"ok"})", connection.receive().body);
 }
 
 TEST_F(ServeAttack, TheNearestNameIsTold)
 {
-    const HttpAnswer answer = host_->request("QZaven_crypto_hmacs");
+    const HttpAnswer answer = m_host->request("QZaven_crypto_hmacs");
     EXPECT_NE(std::string::npos,
               answer.json()["error"]["text"].get<std::string>().find("QZaven_crypto_hmac?"));
 }

@@ -79,27 +79,27 @@ protected:
     {
         ASSERT_EQ(0, system(("openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "
                              "/CN=localhost -keyout " +
-                             folder_.path("key") + " -out " + folder_.path("cert") + " >" +
-                             folder_.path("log") + " 2>&1")
+                             m_folder.path("key") + " -out " + m_folder.path("cert") + " >" +
+                             m_folder.path("log") + " 2>&1")
                                 .c_str()));
     }
     ServedHost::Options tls() const
     {
-        return {"--tls-cert", folder_.path("cert"), "--tls-key", folder_.path("key")};
+        return {"--tls-cert", m_folder.path("cert"), "--tls-key", m_folder.path("key")};
     }
     // What openssl s_client says when it has sent the bytes.
     std::string tlsClient(const ServedHost& host, const std::string& options,
                           const std::string& bytes) const
     {
-        support::writeWhole(folder_.path("bytes"), bytes);
+        support::writeWhole(m_folder.path("bytes"), bytes);
         [[maybe_unused]] const int ignored =
             system(("openssl s_client " + options + " -connect " + host.host() + " <" +
-                    folder_.path("bytes") + " >" + folder_.path("said") + " 2>&1")
+                    m_folder.path("bytes") + " >" + m_folder.path("said") + " 2>&1")
                        .c_str());
-        return support::readWhole(folder_.path("said"));
+        return support::readWhole(m_folder.path("said"));
     }
 
-    support::TemporaryFolder folder_;
+    support::TemporaryFolder m_folder;
 };
 
 // ---- Requests that end in the HTTP library.
@@ -201,19 +201,19 @@ protected:
         EXPECT_TRUE(eventually([&] { return host.request("QZaVen_GetVersion").status == 200; }));
     }
 
-    const ServedHost::Options options_ = {"--body-bytes",
-                                          std::to_string(largest),
-                                          "--workers",
-                                          "1",
-                                          "--rate",
-                                          "0",
-                                          "--request-seconds",
-                                          "600"};
+    const ServedHost::Options m_options = {"--body-bytes",
+                                           std::to_string(largest),
+                                           "--workers",
+                                           "1",
+                                           "--rate",
+                                           "0",
+                                           "--request-seconds",
+                                           "600"};
 };
 
 TEST_F(ServeBodies, HaveTheirRoomFromTheirAnnouncementOn)
 {
-    const ServedHost host(options_);
+    const ServedHost host(m_options);
     host.workers(1);
     {
         const Clients all =
@@ -229,7 +229,7 @@ TEST_F(ServeBodies, HaveTheirRoomFromTheirAnnouncementOn)
 
 TEST_F(ServeBodies, InChunksTakeTheirRoomPieceByPiece)
 {
-    const ServedHost host(options_);
+    const ServedHost host(m_options);
     host.workers(1);
     const size_t before = peakOf(host);
     {
@@ -247,7 +247,7 @@ TEST_F(ServeBodies, InChunksTakeTheirRoomPieceByPiece)
 
 TEST_F(ServeBodies, AreCountedUntilTheirRequestIsOver)
 {
-    const ServedHost host(options_);
+    const ServedHost host(m_options);
     const pid_t worker = host.workers(1).at(0);
     kill(worker, SIGSTOP);
     const size_t before = peakOf(host);
@@ -313,24 +313,24 @@ protected:
         EXPECT_TRUE(eventually([&] { return host.get("/readyz").status == 200; }));
     }
 
-    support::FailingMemory memory_;
+    support::FailingMemory m_memory;
     // What cannot go on without memory, such as the start of a worker, is waited for so long.
-    const ServedHost::Options options_ = {"--rate",         "0",   "--session-seconds", "0.5",
-                                          "--read-seconds", "0.5", "--request-seconds", "1"};
+    const ServedHost::Options m_options = {"--rate",         "0",   "--session-seconds", "0.5",
+                                           "--read-seconds", "0.5", "--request-seconds", "1"};
 };
 
 TEST_F(ServeWithoutMemory, GoesOn)
 {
-    ServedHost host(options_, memory_.environment());
+    ServedHost host(m_options, m_memory.environment());
     host.workers();
     for (const size_t atLeast : {200000, 20000, 3000})
         for (const size_t every : {1, 2, 3, 7}) {
-            const size_t before = memory_.failed();
-            memory_.fail(every, atLeast);
+            const size_t before = m_memory.failed();
+            m_memory.fail(every, atLeast);
             sendAll(host);
-            memory_.fail(0, 0);
+            m_memory.fail(0, 0);
             ASSERT_FALSE(host.hasEnded()) << every << " " << atLeast << host.errors();
-            EXPECT_GT(memory_.failed(), before) << every << " " << atLeast;
+            EXPECT_GT(m_memory.failed(), before) << every << " " << atLeast;
             expectAsBefore(host);
         }
     EXPECT_EQ(0, host.stop());
@@ -339,17 +339,17 @@ TEST_F(ServeWithoutMemory, GoesOn)
 // Where not even small things fit, it may end, but not by a signal.
 TEST_F(ServeWithoutMemory, EndsWithASentenceIfItMust)
 {
-    auto host = std::make_unique<ServedHost>(options_, memory_.environment());
+    auto host = std::make_unique<ServedHost>(m_options, m_memory.environment());
     for (const size_t every : {997, 499, 211, 101, 53, 23, 11, 5, 3, 2}) {
         const std::vector<pid_t> workers = host->workers();
-        const size_t before = memory_.failed();
-        memory_.fail(every, 1);
+        const size_t before = m_memory.failed();
+        m_memory.fail(every, 1);
         if (every % 2 == 1)
             kill(workers.at(0), SIGKILL);
         for (int i = 0; i < 10 && !host->hasEnded(); ++i)
             sendAll(*host);
-        memory_.fail(0, 0);
-        EXPECT_GT(memory_.failed(), before) << every;
+        m_memory.fail(0, 0);
+        EXPECT_GT(m_memory.failed(), before) << every;
         EXPECT_TRUE(eventually([&] {
             return host->hasEnded() || host->request("QZaVen_GetVersion").status == 200;
         })) << every;
@@ -359,7 +359,7 @@ TEST_F(ServeWithoutMemory, EndsWithASentenceIfItMust)
         }
         EXPECT_EQ(EXIT_FAILURE, host->wait()) << every << " " << host->errors();
         EXPECT_NE(std::string::npos, host->errors().find("out of memory"));
-        host = std::make_unique<ServedHost>(options_, memory_.environment());
+        host = std::make_unique<ServedHost>(m_options, m_memory.environment());
     }
 }
 

@@ -60,20 +60,20 @@ protected:
         for (const auto& [path, item] : document["paths"].items())
             for (const auto& [method, entry] : item.items())
                 add(path, method, entry);
-        ASSERT_GT(operations_.size(), 30U);
+        ASSERT_GT(m_operations.size(), 30U);
     }
 
     // Sends something to each operation and keeps the statuses.
     void provoke(const std::string& what, const std::function<HttpAnswer(const Operation&)>& send)
     {
-        for (const Operation& operation : operations_)
+        for (const Operation& operation : m_operations)
             see(operation, send(operation), what);
     }
 
     void see(const Operation& operation, const HttpAnswer& answer, const std::string& what)
     {
-        seen_[operation.path].insert(answer.status);
-        EXPECT_EQ(1U, documented_[operation.path].count(answer.status))
+        m_seen[operation.path].insert(answer.status);
+        EXPECT_EQ(1U, m_documented[operation.path].count(answer.status))
             << operation.path << " gave " << answer.status << " to " << what << ": " << answer.body;
     }
 
@@ -122,8 +122,8 @@ protected:
     // What the document has beyond what came.
     std::map<std::string, std::set<int>> unseen() const
     {
-        std::map<std::string, std::set<int>> left = documented_;
-        for (const auto& [path, statuses] : seen_)
+        std::map<std::string, std::set<int>> left = m_documented;
+        for (const auto& [path, statuses] : m_seen)
             for (const int status : statuses)
                 left[path].erase(status);
         return left;
@@ -137,13 +137,13 @@ private:
             operation.peerMembers =
                 entry["requestBody"]["content"]["application/json"]["schema"]["required"];
         for (const auto& [status, response] : entry["responses"].items())
-            documented_[path].insert(std::stoi(status));
-        operations_.push_back(operation);
+            m_documented[path].insert(std::stoi(status));
+        m_operations.push_back(operation);
     }
 
-    std::vector<Operation> operations_;
-    std::map<std::string, std::set<int>> documented_;
-    std::map<std::string, std::set<int>> seen_;
+    std::vector<Operation> m_operations;
+    std::map<std::string, std::set<int>> m_documented;
+    std::map<std::string, std::set<int>> m_seen;
 };
 
 // Each of these starts a host for what it sends.
@@ -206,13 +206,13 @@ void ServeOpenApi::askHostsWithLimits()
 
     const ServedHost hasty({"--read-seconds", "0.3"});
     std::vector<std::unique_ptr<HttpConnection>> halves;
-    for (const Operation& operation : operations_) {
+    for (const Operation& operation : m_operations) {
         const std::string whole = hasty.text(operation.method, operation.path);
         halves.push_back(std::make_unique<HttpConnection>(hasty.port()));
         halves.back()->send(whole.substr(0, whole.size() - 2));
     }
     for (size_t i = 0; i < halves.size(); ++i)
-        see(operations_[i], halves[i]->receive(), "half a request");
+        see(m_operations[i], halves[i]->receive(), "half a request");
 }
 
 // Bodies that are announced take all memory that there is for them.
@@ -234,7 +234,7 @@ void ServeOpenApi::askStoppedProcesses()
 {
     const ServedHost hasty({"--workers", "1", "--request-seconds", "0.2"});
     const ServedHost host({"--workers", "1"});
-    for (const Operation& operation : operations_)
+    for (const Operation& operation : m_operations)
         for (const bool isKilled : {false, true})
             EXPECT_TRUE(eventually([&] {
                 const HttpAnswer answer = askStopped(isKilled ? host : hasty, operation, isKilled);

@@ -46,7 +46,7 @@ constexpr const char* livez = "/livez";
 // A test with a folder of its own.
 class Operator : public testing::Test {
 protected:
-    std::string path(const std::string& name) const { return folder_.path(name); }
+    std::string path(const std::string& name) const { return m_folder.path(name); }
 
     // A FIFO, and its reading end; that there is one lets others open it for writing.
     Descriptor makeFifo(const std::string& name) const
@@ -66,7 +66,7 @@ protected:
     }
 
 private:
-    support::TemporaryFolder folder_;
+    support::TemporaryFolder m_folder;
 };
 
 using OperatorLog = Operator;

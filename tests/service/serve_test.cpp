@@ -45,14 +45,14 @@ protected:
         EXPECT_TRUE(json["error"].is_null()) << name << " " << answer.body;
         EXPECT_EQ(Json::array(), json["warnings"]) << name;
         EXPECT_TRUE(json["microseconds"].is_number()) << name;
-        sent_.insert(name);
+        m_sent.insert(name);
         return json["results"];
     }
 
-    static std::set<std::string> sent_;
+    static std::set<std::string> m_sent;
 };
 
-std::set<std::string> Serve::sent_;
+std::set<std::string> Serve::m_sent;
 
 // ---- Requests.
 
@@ -209,7 +209,7 @@ TEST_F(Serve, SendsEveryRequest)
     EXPECT_EQ("session_gone", gone.code());
     EXPECT_EQ("session_freed", gone.json()["error"]["reason"]);
 
-    EXPECT_EQ(27U, sent_.size());
+    EXPECT_EQ(27U, m_sent.size());
 }
 
 TEST_F(Serve, ExplainsARefusalOfThePlugin)

@@ -32,20 +32,20 @@ class Pending {
 public:
     explicit Pending(const ServedHost& host, const std::string& name = "QZaven_crypto_kdf",
                      const Json& parameters = kdf)
-        : connection_(host.port())
+        : m_connection(host.port())
     {
-        connection_.send(host.text("POST", "/v1/requests/" + name,
-                                   {{"Content-Type", "application/json"}}, parameters.dump()));
+        m_connection.send(host.text("POST", "/v1/requests/" + name,
+                                    {{"Content-Type", "application/json"}}, parameters.dump()));
     }
-    HttpAnswer answer() { return connection_.receive(); }
+    HttpAnswer answer() { return m_connection.receive(); }
     bool isAnswered() const
     {
-        pollfd waiting = {connection_.descriptor(), POLLIN, 0};
+        pollfd waiting = {m_connection.descriptor(), POLLIN, 0};
         return poll(&waiting, 1, 0) == 1;
     }
 
 private:
-    HttpConnection connection_;
+    HttpConnection m_connection;
 };
 
 void killAndWait(const ServedHost& host, pid_t worker)

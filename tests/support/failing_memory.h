@@ -45,38 +45,38 @@ public:
         const int descriptor = mkstemp(name.data());
         const bool isMade = ftruncate(descriptor, sizeof(FailingMemoryOrders)) == 0;
         close(descriptor);
-        file_ = name;
+        m_file = name;
         // The loader takes a blank in a path for the end of it.
-        library_ = file_ + ".so";
-        std::filesystem::create_symlink(CORVANE_FAILING_MEMORY_LIBRARY, library_);
-        orders_ = isMade ? mapOrders(file_.c_str()) : nullptr;
-        if (orders_ == nullptr)
+        m_library = m_file + ".so";
+        std::filesystem::create_symlink(CORVANE_FAILING_MEMORY_LIBRARY, m_library);
+        m_orders = isMade ? mapOrders(m_file.c_str()) : nullptr;
+        if (m_orders == nullptr)
             throw std::runtime_error("no file for orders");
     }
     ~FailingMemory()
     {
-        munmap(orders_, sizeof *orders_);
-        unlink(library_.c_str());
-        unlink(file_.c_str());
+        munmap(m_orders, sizeof *m_orders);
+        unlink(m_library.c_str());
+        unlink(m_file.c_str());
     }
     FailingMemory(const FailingMemory&) = delete;
     FailingMemory& operator=(const FailingMemory&) = delete;
 
     std::vector<std::string> environment() const
     {
-        return {"LD_PRELOAD=" + library_, std::string(failingMemoryVariable) + "=" + file_};
+        return {"LD_PRELOAD=" + m_library, std::string(failingMemoryVariable) + "=" + m_file};
     }
     void fail(size_t every, size_t atLeast)
     {
-        orders_->atLeast = atLeast;
-        orders_->every = every;
+        m_orders->atLeast = atLeast;
+        m_orders->every = every;
     }
-    size_t failed() const { return orders_->failed; }
+    size_t failed() const { return m_orders->failed; }
 
 private:
-    std::string file_;
-    std::string library_;
-    FailingMemoryOrders* orders_ = nullptr;
+    std::string m_file;
+    std::string m_library;
+    FailingMemoryOrders* m_orders = nullptr;
 };
 
 }  // namespace support

@@ -68,11 +68,11 @@ inline int exitCode(pid_t pid)
 // A test with a folder of its own.
 class Host : public testing::Test {
 protected:
-    std::string path(const std::string& name) const { return folder_.path(name); }
+    std::string path(const std::string& name) const { return m_folder.path(name); }
 
     std::string file(const std::string& name, const std::string& bytes) const
     {
-        return folder_.write(name, bytes);
+        return m_folder.write(name, bytes);
     }
 
     // A copy of a library in which one text stands in place of another of its length.
@@ -84,7 +84,7 @@ protected:
         for (size_t at = 0; (at = bytes.find(from, at)) != std::string::npos; ++found)
             bytes.replace(at, to.size(), to);
         EXPECT_GT(found, 0U) << from << " in " << library;
-        return file("patched-" + std::to_string(++copies_) + ".so", bytes);
+        return file("patched-" + std::to_string(++m_copies) + ".so", bytes);
     }
 
     Ended run(const Arguments& arguments, const std::string& input = "") const
@@ -127,8 +127,8 @@ protected:
     Ended lines(const std::string& text) const { return run({"script", "-"}, text); }
 
 private:
-    TemporaryFolder folder_;
-    int copies_ = 0;
+    TemporaryFolder m_folder;
+    int m_copies = 0;
 };
 
 inline bool holds(const std::string& text, const std::string& part)

@@ -143,22 +143,22 @@ std::string HttpAnswer::result(const std::string& name) const
     return whole["results"][name];
 }
 
-HttpConnection::HttpConnection(int port) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+HttpConnection::HttpConnection(int port) : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        close(socket_);
-        socket_ = -1;
+    if (connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        close(m_socket);
+        m_socket = -1;
     }
 }
 
 HttpConnection::~HttpConnection()
 {
-    if (socket_ >= 0)
-        close(socket_);
+    if (m_socket >= 0)
+        close(m_socket);
 }
 
 bool HttpConnection::send(const std::string& bytes) const
@@ -166,7 +166,7 @@ bool HttpConnection::send(const std::string& bytes) const
     size_t sent = 0;
     while (sent < bytes.size()) {
         const ssize_t count =
-            ::send(socket_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+            ::send(m_socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (count <= 0)
             return false;
         sent += static_cast<size_t>(count);
@@ -176,14 +176,14 @@ bool HttpConnection::send(const std::string& bytes) const
 
 bool HttpConnection::receiveMore()
 {
-    pollfd waiting = {socket_, POLLIN, 0};
-    if (socket_ < 0 || poll(&waiting, 1, patienceMilliseconds) <= 0)
+    pollfd waiting = {m_socket, POLLIN, 0};
+    if (m_socket < 0 || poll(&waiting, 1, patienceMilliseconds) <= 0)
         return false;
     std::array<char, 65536> buffer;
-    const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
+    const ssize_t count = recv(m_socket, buffer.data(), buffer.size(), 0);
     if (count <= 0)
         return false;
-    bytes_.append(buffer.data(), static_cast<size_t>(count));
+    m_bytes.append(buffer.data(), static_cast<size_t>(count));
     return true;
 }
 
@@ -191,15 +191,15 @@ HttpAnswer HttpConnection::receive(bool hasBody)
 {
     HttpAnswer answer;
     size_t end;
-    while ((end = bytes_.find("\r\n\r\n")) == std::string::npos)
+    while ((end = m_bytes.find("\r\n\r\n")) == std::string::npos)
         if (!receiveMore())
             return answer;
 
-    size_t at = bytes_.find("\r\n") + 2;
-    const int status = atoi(bytes_.substr(bytes_.find(' ') + 1, 3).c_str());
+    size_t at = m_bytes.find("\r\n") + 2;
+    const int status = atoi(m_bytes.substr(m_bytes.find(' ') + 1, 3).c_str());
     while (at < end + 2) {
-        const size_t next = bytes_.find("\r\n", at);
-        const std::string line = bytes_.substr(at, next - at);
+        const size_t next = m_bytes.find("\r\n", at);
+        const std::string line = m_bytes.substr(at, next - at);
         const size_t colon = line.find(": ");
         std::string name = line.substr(0, colon);
         std::transform(name.begin(), name.end(), name.begin(),
@@ -208,25 +208,25 @@ HttpAnswer HttpConnection::receive(bool hasBody)
             answer.headers[name] = line.substr(colon + 2);
         at = next + 2;
     }
-    bytes_.erase(0, end + 4);
+    m_bytes.erase(0, end + 4);
     if (status == 100)
         return receive(hasBody);
 
     const size_t size = answer.headers.count("content-length") != 0 && hasBody && status != 304
                             ? std::stoul(answer.headers["content-length"])
                             : 0;
-    while (bytes_.size() < size)
+    while (m_bytes.size() < size)
         if (!receiveMore())
             return answer;
     answer.status = status;
-    answer.body = bytes_.substr(0, size);
-    bytes_.erase(0, size);
+    answer.body = m_bytes.substr(0, size);
+    m_bytes.erase(0, size);
     return answer;
 }
 
 bool HttpConnection::isEnded()
 {
-    while (bytes_.empty())
+    while (m_bytes.empty())
         if (!receiveMore())
             return true;
     return false;
@@ -252,7 +252,7 @@ ServedHost::ServedHost(const Options& options, const Options& environment, const
     if (!has("--access-log"))
         arguments.insert(arguments.end(), {"--access-log", path("access.log")});
     arguments.insert(arguments.end(), options.begin(), options.end());
-    pid_ = startHost(arguments, environment, path("out"), errors.empty() ? path("err") : errors);
+    m_pid = startHost(arguments, environment, path("out"), errors.empty() ? path("err") : errors);
 
     const bool listens = eventually([this] {
         const std::string out = output();
@@ -262,11 +262,11 @@ ServedHost::ServedHost(const Options& options, const Options& environment, const
     const size_t at = out.find("listening on http");
     if (!listens || at == std::string::npos)
         throw std::runtime_error("the host does not listen: " + this->errors());
-    port_ = atoi(out.c_str() + out.find(':', out.find("//", at)) + 1);
+    m_port = atoi(out.c_str() + out.find(':', out.find("//", at)) + 1);
     const auto file = std::find(arguments.begin(), arguments.end(), "--token-file");
     if (file != arguments.end())
-        token_ = readWhole(*std::next(file));
-    token_.erase(std::min(token_.size(), token_.find('\n')));
+        m_token = readWhole(*std::next(file));
+    m_token.erase(std::min(m_token.size(), m_token.find('\n')));
 }
 
 ServedHost::~ServedHost()
@@ -285,8 +285,8 @@ std::string ServedHost::text(const std::string& method, const std::string& targe
             all.emplace_back(name, value);
     };
     add("Host", host());
-    if (!token_.empty())
-        add("Authorization", "Bearer " + token_);
+    if (!m_token.empty())
+        add("Authorization", "Bearer " + m_token);
     if (!body.empty())
         add("Content-Length", std::to_string(body.size()));
     std::string out = method + " " + target + " HTTP/1.1\r\n";
@@ -298,7 +298,7 @@ std::string ServedHost::text(const std::string& method, const std::string& targe
 
 HttpAnswer ServedHost::raw(const std::string& bytes) const
 {
-    HttpConnection connection(port_);
+    HttpConnection connection(m_port);
     connection.send(bytes);
     return connection.receive();
 }
@@ -306,7 +306,7 @@ HttpAnswer ServedHost::raw(const std::string& bytes) const
 HttpAnswer ServedHost::ask(const std::string& method, const std::string& target,
                            const HttpHeaders& headers, const std::string& body) const
 {
-    HttpConnection connection(port_);
+    HttpConnection connection(m_port);
     connection.send(text(method, target, headers, body));
     return connection.receive(method != "HEAD");
 }
@@ -338,14 +338,14 @@ double ServedHost::metric(const std::string& row) const
 std::vector<pid_t> ServedHost::workers(size_t count) const
 {
     eventually([&] { return metric("corvane_workers_ready") == static_cast<double>(count); });
-    return childrenOf(pid_);
+    return childrenOf(m_pid);
 }
 
 pid_t ServedHost::peer() const
 {
     pid_t pid = -1;
     eventually([&] {
-        const std::vector<pid_t> found = childrenOf(pid_, "corvane-ke-peer");
+        const std::vector<pid_t> found = childrenOf(m_pid, "corvane-ke-peer");
         pid = found.empty() ? -1 : found.front();
         return pid > 0;
     });
@@ -355,18 +355,18 @@ pid_t ServedHost::peer() const
 void ServedHost::signal(int number) const
 {
     // A number below 1 would be many processes.
-    if (pid_ > 0)
-        kill(pid_, number);
+    if (m_pid > 0)
+        kill(m_pid, number);
 }
 
 bool ServedHost::hasEnded()
 {
     int status = 0;
-    if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        exitCode_ = exitCodeOf(status);
+    if (m_pid > 0 && waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        m_pid = -1;
+        m_exitCode = exitCodeOf(status);
     }
-    return pid_ < 0;
+    return m_pid < 0;
 }
 
 int ServedHost::stop(int number)
@@ -380,10 +380,10 @@ int ServedHost::wait()
 {
     if (!eventually([this] { return hasEnded(); })) {
         signal(SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
+        waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
     }
-    return exitCode_;
+    return m_exitCode;
 }
 
 std::string ServedHost::output() const

@@ -52,13 +52,13 @@ public:
     HttpAnswer receive(bool hasBody = true);
     // Whether the other side ends the connection, without another answer.
     bool isEnded();
-    int descriptor() const { return socket_; }
+    int descriptor() const { return m_socket; }
 
 private:
     bool receiveMore();
 
-    int socket_;
-    std::string bytes_;
+    int m_socket;
+    std::string m_bytes;
 };
 
 class ServedHost {
@@ -74,11 +74,11 @@ public:
     ServedHost(const ServedHost&) = delete;
     ServedHost& operator=(const ServedHost&) = delete;
 
-    int port() const { return port_; }
-    pid_t pid() const { return pid_; }
-    const std::string& token() const { return token_; }
-    std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
-    std::string path(const std::string& name) const { return folder_.path(name); }
+    int port() const { return m_port; }
+    pid_t pid() const { return m_pid; }
+    const std::string& token() const { return m_token; }
+    std::string host() const { return "127.0.0.1:" + std::to_string(m_port); }
+    std::string path(const std::string& name) const { return m_folder.path(name); }
 
     // A whole request, with Host and token unless they are given ("" leaves one out).
     std::string text(const std::string& method, const std::string& target,
@@ -113,11 +113,11 @@ public:
     std::string errors() const;
 
 private:
-    TemporaryFolder folder_;
-    pid_t pid_ = -1;
-    int exitCode_ = -1;
-    int port_ = 0;
-    std::string token_;
+    TemporaryFolder m_folder;
+    pid_t m_pid = -1;
+    int m_exitCode = -1;
+    int m_port = 0;
+    std::string m_token;
 };
 
 // A suite with one host for all of its tests, which limits no rate.
@@ -126,19 +126,19 @@ protected:
     static void SetUpTestSuite()
     {
         if (!emulated)
-            host_ = new ServedHost({"--rate", "0"});
+            m_host = new ServedHost({"--rate", "0"});
     }
     static void TearDownTestSuite()
     {
-        delete host_;
-        host_ = nullptr;
+        delete m_host;
+        m_host = nullptr;
     }
     void SetUp() override { NEEDS_WORKERS(); }
 
-    static ServedHost& host() { return *host_; }
+    static ServedHost& host() { return *m_host; }
 
 private:
-    inline static ServedHost* host_ = nullptr;
+    inline static ServedHost* m_host = nullptr;
 };
 
 // A row's value in the text of metrics; -1 without it.

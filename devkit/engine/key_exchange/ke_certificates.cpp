@@ -44,26 +44,26 @@ public:
     // Room for a file of `size` bytes.
     SecretBytes fileRoom(uintmax_t size)
     {
-        require(size <= AVEN_KE_ROOT_FILE_BYTES_MAX - fileBytes_, AVEN_E_INPUT_TOO_LONG);
-        fileBytes_ += static_cast<size_t>(size);
+        require(size <= AVEN_KE_ROOT_FILE_BYTES_MAX - m_fileBytes, AVEN_E_INPUT_TOO_LONG);
+        m_fileBytes += static_cast<size_t>(size);
         return SecretBytes(static_cast<size_t>(size));
     }
 
     void add(Bytes der)
     {
-        require(ders_.size() < AVEN_KE_ROOTS_MAX, AVEN_E_KE_ROOTS_TOO_MANY);
-        require(der.size <= AVEN_KE_ROOT_BYTES_MAX - bytes_, AVEN_E_KE_ROOTS_TOO_MANY);
-        bytes_ += der.size;
-        ders_.emplace_back(der.data, der.data + der.size);
+        require(m_ders.size() < AVEN_KE_ROOTS_MAX, AVEN_E_KE_ROOTS_TOO_MANY);
+        require(der.size <= AVEN_KE_ROOT_BYTES_MAX - m_bytes, AVEN_E_KE_ROOTS_TOO_MANY);
+        m_bytes += der.size;
+        m_ders.emplace_back(der.data, der.data + der.size);
     }
 
-    const std::vector<std::vector<unsigned char>>& ders() const { return ders_; }
-    size_t bytes() const { return bytes_; }
+    const std::vector<std::vector<unsigned char>>& ders() const { return m_ders; }
+    size_t bytes() const { return m_bytes; }
 
 private:
-    std::vector<std::vector<unsigned char>> ders_;
-    size_t bytes_ = 0;  // of DER
-    size_t fileBytes_ = 0;
+    std::vector<std::vector<unsigned char>> m_ders;
+    size_t m_bytes = 0;  // of DER
+    size_t m_fileBytes = 0;
 };
 
 // One block of a PEM file. What is no certificate may be a key.

@@ -61,11 +61,11 @@ SecretBytes kePrf(const EVP_MAC_CTX* preparedHmac, Bytes secret, const char* lab
 
 ChannelKeys::ChannelKeys(int hash, const EVP_MAC_CTX* preparedHmac, Bytes preMaster,
                          const KeRandoms& randoms)
-    : hash_(hash)
+    : m_hash(hash)
 {
     const SecretBytes master =
         kePrf(preparedHmac, preMaster, "master secret", randoms.client, randoms.server, KE_SECRET);
-    block_ =
+    m_block =
         kePrf(preparedHmac, view(master), "key expansion", randoms.server, randoms.client, SIZE);
 }
 

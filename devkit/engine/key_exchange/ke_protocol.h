@@ -59,19 +59,19 @@ public:
                 const KeRandoms& randoms);
 
     // From keys that an earlier process derived. `block` has SIZE bytes.
-    ChannelKeys(int hash, SecretBytes block) : hash_(hash), block_(std::move(block)) {}
+    ChannelKeys(int hash, SecretBytes block) : m_hash(hash), m_block(std::move(block)) {}
 
-    int hash() const { return hash_; }
-    Bytes block() const { return view(block_); }
+    int hash() const { return m_hash; }
+    Bytes block() const { return view(m_block); }
 
-    Bytes hmac() const { return {block_.data(), KE_HASH}; }
-    Bytes cmac() const { return {block_.data() + KE_HASH, KE_BLOCK}; }
-    Bytes clientWrite() const { return {block_.data() + KE_HASH + KE_BLOCK, KE_BLOCK}; }
-    Bytes serverWrite() const { return {block_.data() + KE_HASH + 2 * KE_BLOCK, KE_BLOCK}; }
+    Bytes hmac() const { return {m_block.data(), KE_HASH}; }
+    Bytes cmac() const { return {m_block.data() + KE_HASH, KE_BLOCK}; }
+    Bytes clientWrite() const { return {m_block.data() + KE_HASH + KE_BLOCK, KE_BLOCK}; }
+    Bytes serverWrite() const { return {m_block.data() + KE_HASH + 2 * KE_BLOCK, KE_BLOCK}; }
 
 private:
-    int hash_;
-    SecretBytes block_;
+    int m_hash;
+    SecretBytes m_block;
 };
 
 // The additional data of all messages in one direction.

@@ -25,17 +25,17 @@ class SessionCount {
 public:
     SessionCount()
     {
-        if (count_.fetch_add(1) < AVEN_KE_SESSIONS_MAX)
+        if (m_count.fetch_add(1) < AVEN_KE_SESSIONS_MAX)
             return;
-        count_.fetch_sub(1);
+        m_count.fetch_sub(1);
         throw Failure{AVEN_E_KE_SESSIONS};
     }
-    ~SessionCount() { count_.fetch_sub(1); }
+    ~SessionCount() { m_count.fetch_sub(1); }
     SessionCount(const SessionCount&) = delete;
     SessionCount& operator=(const SessionCount&) = delete;
 
 private:
-    static inline std::atomic<int> count_{0};
+    static inline std::atomic<int> m_count{0};
 };
 
 enum class Stage {

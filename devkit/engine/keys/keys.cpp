@@ -92,27 +92,27 @@ using Point = Owned<EC_POINT_free, EC_POINT>;
 
 class KeyMaker {
 public:
-    KeyMaker() : params_(OSSL_PARAM_BLD_new()) { require(params_ != nullptr, AVEN_E_NO_MEMORY); }
+    KeyMaker() : m_params(OSSL_PARAM_BLD_new()) { require(m_params != nullptr, AVEN_E_NO_MEMORY); }
 
     // The values are used by make and must live until then.
     void add(const char* name, const BIGNUM* number)
     {
-        require(OSSL_PARAM_BLD_push_BN(params_.get(), name, number) == 1, AVEN_E_NO_MEMORY);
+        require(OSSL_PARAM_BLD_push_BN(m_params.get(), name, number) == 1, AVEN_E_NO_MEMORY);
     }
     void add(const char* name, const char* text)
     {
-        require(OSSL_PARAM_BLD_push_utf8_string(params_.get(), name, text, 0) == 1,
+        require(OSSL_PARAM_BLD_push_utf8_string(m_params.get(), name, text, 0) == 1,
                 AVEN_E_NO_MEMORY);
     }
     void add(const char* name, Bytes bytes)
     {
-        require(OSSL_PARAM_BLD_push_octet_string(params_.get(), name, bytes.data, bytes.size) == 1,
+        require(OSSL_PARAM_BLD_push_octet_string(m_params.get(), name, bytes.data, bytes.size) == 1,
                 AVEN_E_NO_MEMORY);
     }
 
     PKey make(const Engine& engine, const char* algorithm, int selection)
     {
-        const Owned<OSSL_PARAM_free, OSSL_PARAM> params(OSSL_PARAM_BLD_to_param(params_.get()));
+        const Owned<OSSL_PARAM_free, OSSL_PARAM> params(OSSL_PARAM_BLD_to_param(m_params.get()));
         const PKeyContext context(EVP_PKEY_CTX_new_from_name(engine.library(), algorithm, nullptr));
         require(params != nullptr && context != nullptr, AVEN_E_NO_MEMORY);
 
@@ -124,7 +124,7 @@ public:
     }
 
 private:
-    Owned<OSSL_PARAM_BLD_free, OSSL_PARAM_BLD> params_;
+    Owned<OSSL_PARAM_BLD_free, OSSL_PARAM_BLD> m_params;
 };
 
 void checkRsaPublic(const BIGNUM* n, const BIGNUM* e)

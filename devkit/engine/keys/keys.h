@@ -71,13 +71,13 @@ std::shared_ptr<const Certificate> certificateOf(const Engine& engine, const voi
 // Engine::random).
 class LibraryRandomness {
 public:
-    explicit LibraryRandomness(const Engine& engine) : library_(engine.library()) {}
-    ~LibraryRandomness() { OPENSSL_thread_stop_ex(library_); }
+    explicit LibraryRandomness(const Engine& engine) : m_library(engine.library()) {}
+    ~LibraryRandomness() { OPENSSL_thread_stop_ex(m_library); }
     LibraryRandomness(const LibraryRandomness&) = delete;
     LibraryRandomness& operator=(const LibraryRandomness&) = delete;
 
 private:
-    OSSL_LIB_CTX* library_;
+    OSSL_LIB_CTX* m_library;
 };
 
 #endif

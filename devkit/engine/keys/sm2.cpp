@@ -68,39 +68,39 @@ public:
     Ciphertext(Bytes in, bool asn1)
     {
         if (asn1) {
-            form_ = Sm2Cipher::read(in, AVEN_E_DECRYPTION, AVEN_E_DECRYPTION);
+            m_form = Sm2Cipher::read(in, AVEN_E_DECRYPTION, AVEN_E_DECRYPTION);
             // -1 if they are longer.
-            require(BN_bn2binpad(form_->x, parts_.x, COORDINATE) > 0 &&
-                        BN_bn2binpad(form_->y, parts_.y, COORDINATE) > 0,
+            require(BN_bn2binpad(m_form->x, m_parts.x, COORDINATE) > 0 &&
+                        BN_bn2binpad(m_form->y, m_parts.y, COORDINATE) > 0,
                     AVEN_E_DECRYPTION);
             return;
         }
         require(in.size > POINT + DIGEST, AVEN_E_DECRYPTION);
-        memcpy(parts_.x, in.data + 1, COORDINATE);
-        memcpy(parts_.y, in.data + 1 + COORDINATE, COORDINATE);
-        rawTail_ = {in.data + POINT, in.size - POINT};
+        memcpy(m_parts.x, in.data + 1, COORDINATE);
+        memcpy(m_parts.y, in.data + 1 + COORDINATE, COORDINATE);
+        m_rawTail = {in.data + POINT, in.size - POINT};
     }
 
     // Whether the lengths allow it.
     bool readAs(bool digestFirst)
     {
-        if (form_ != nullptr) {
-            parts_.digest = contentOf(digestFirst ? form_->third : form_->fourth);
-            parts_.data = contentOf(digestFirst ? form_->fourth : form_->third);
-            return parts_.digest.size == DIGEST && parts_.data.size > 0;
+        if (m_form != nullptr) {
+            m_parts.digest = contentOf(digestFirst ? m_form->third : m_form->fourth);
+            m_parts.data = contentOf(digestFirst ? m_form->fourth : m_form->third);
+            return m_parts.digest.size == DIGEST && m_parts.data.size > 0;
         }
-        const size_t size = rawTail_.size - DIGEST;
-        parts_.digest = {rawTail_.data + (digestFirst ? 0 : size), DIGEST};
-        parts_.data = {rawTail_.data + (digestFirst ? DIGEST : 0), size};
+        const size_t size = m_rawTail.size - DIGEST;
+        m_parts.digest = {m_rawTail.data + (digestFirst ? 0 : size), DIGEST};
+        m_parts.data = {m_rawTail.data + (digestFirst ? DIGEST : 0), size};
         return true;
     }
 
-    const Parts& parts() const { return parts_; }
+    const Parts& parts() const { return m_parts; }
 
 private:
-    Sm2Cipher::Owner form_;  // null if it is raw
-    Bytes rawTail_ = {};
-    Parts parts_ = {};
+    Sm2Cipher::Owner m_form;  // null if it is raw
+    Bytes m_rawTail = {};
+    Parts m_parts = {};
 };
 
 // Returns whether the ciphertext's digest was right.

@@ -55,12 +55,12 @@ bool openNative(const EVP_CIPHER* cipher, const CipherSetup& setup, Bytes in, By
 // GCM over a plain block cipher, with libcrypto's GHASH and counter handling.
 class BlockGcm {
 public:
-    BlockGcm(const EVP_CIPHER* ecb, const CipherSetup& setup) : blocks_{start(ecb, setup.key)}
+    BlockGcm(const EVP_CIPHER* ecb, const CipherSetup& setup) : m_blocks{start(ecb, setup.key)}
     {
-        gcm_.reset(CRYPTO_gcm128_new(&blocks_, encryptBlock));
-        require(gcm_ != nullptr, AVEN_E_NO_MEMORY);
-        CRYPTO_gcm128_setiv(gcm_.get(), setup.iv.data, setup.iv.size);
-        require(CRYPTO_gcm128_aad(gcm_.get(), setup.aad.data, setup.aad.size) == 0,
+        m_gcm.reset(CRYPTO_gcm128_new(&m_blocks, encryptBlock));
+        require(m_gcm != nullptr, AVEN_E_NO_MEMORY);
+        CRYPTO_gcm128_setiv(m_gcm.get(), setup.iv.data, setup.iv.size);
+        require(CRYPTO_gcm128_aad(m_gcm.get(), setup.aad.data, setup.aad.size) == 0,
                 AVEN_E_INPUT_TOO_LONG);
     }
     BlockGcm(const BlockGcm&) = delete;
@@ -69,19 +69,19 @@ public:
     void seal(Bytes in, unsigned char* out, unsigned char* tag, size_t tagLength)
     {
         require(
-            CRYPTO_gcm128_encrypt_ctr32(gcm_.get(), in.data, out, in.size, encryptCounters) == 0,
+            CRYPTO_gcm128_encrypt_ctr32(m_gcm.get(), in.data, out, in.size, encryptCounters) == 0,
             AVEN_E_INPUT_TOO_LONG);
-        CRYPTO_gcm128_tag(gcm_.get(), tag, tagLength);
-        require(!blocks_.failed, AVEN_E_INTERNAL);
+        CRYPTO_gcm128_tag(m_gcm.get(), tag, tagLength);
+        require(!m_blocks.failed, AVEN_E_INTERNAL);
     }
 
     bool open(Bytes in, Bytes tag, unsigned char* out)
     {
         require(
-            CRYPTO_gcm128_decrypt_ctr32(gcm_.get(), in.data, out, in.size, encryptCounters) == 0,
+            CRYPTO_gcm128_decrypt_ctr32(m_gcm.get(), in.data, out, in.size, encryptCounters) == 0,
             AVEN_E_INPUT_TOO_LONG);
-        const bool good = CRYPTO_gcm128_finish(gcm_.get(), tag.data, tag.size) == 0;
-        require(!blocks_.failed, AVEN_E_INTERNAL);
+        const bool good = CRYPTO_gcm128_finish(m_gcm.get(), tag.data, tag.size) == 0;
+        require(!m_blocks.failed, AVEN_E_INTERNAL);
         return good;
     }
 
@@ -145,8 +145,8 @@ private:
         OPENSSL_cleanse(stream, sizeof stream);
     }
 
-    Blocks blocks_;
-    Owned<CRYPTO_gcm128_release, GCM128_CONTEXT> gcm_;  // wipes what it holds
+    Blocks m_blocks;
+    Owned<CRYPTO_gcm128_release, GCM128_CONTEXT> m_gcm;  // wipes what it holds
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "descriptions.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 namespace {
 

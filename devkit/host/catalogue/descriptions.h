@@ -2,7 +2,7 @@
 #ifndef CORVANE_HOST_CATALOGUE_DESCRIPTIONS_H
 #define CORVANE_HOST_CATALOGUE_DESCRIPTIONS_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "catalogue.h"

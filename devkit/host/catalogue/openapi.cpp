@@ -1,5 +1,6 @@
 #include "openapi.h"
 
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 

@@ -3,7 +3,7 @@
 #ifndef CORVANE_HOST_CATALOGUE_OPENAPI_H
 #define CORVANE_HOST_CATALOGUE_OPENAPI_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 nlohmann::ordered_json openApi();
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "commands.h"
@@ -13,7 +14,7 @@
 #include "host/parameters.h"
 #include "host/values.h"
 #include "latency_histogram.h"
-#include "option_checks.h"
+#include "options.h"
 
 namespace {
 
@@ -37,16 +38,16 @@ class ProgressBar {
 public:
     ~ProgressBar()
     {
-        if (drawn_)
+        if (m_drawn)
             fputs("\r\033[K", stderr);
     }
 
     void show(double share, uint64_t requests)
     {
-        if (!onTerminal_ || Clock::now() < next_)
+        if (!m_onTerminal || Clock::now() < m_next)
             return;
-        next_ = Clock::now() + std::chrono::milliseconds(100);
-        drawn_ = true;
+        m_next = Clock::now() + std::chrono::milliseconds(100);
+        m_drawn = true;
         constexpr int width = 40;
         std::string bar(static_cast<size_t>(width * std::min(1.0, share)), '#');
         bar.resize(width, '.');
@@ -56,15 +57,15 @@ public:
     }
 
 private:
-    const bool onTerminal_ = isatty(STDERR_FILENO) == 1;
-    bool drawn_ = false;
-    Clock::time_point next_ = Clock::now();
+    const bool m_onTerminal = isatty(STDERR_FILENO) == 1;
+    bool m_drawn = false;
+    Clock::time_point m_next = Clock::now();
 };
 
 class Bench {
 public:
     Bench(HostSession& session, const RequestInfo& request, const Pairs& parameters)
-        : session_(session), request_(request), parameters_(parameters)
+        : m_session(session), m_request(request), m_parameters(parameters)
     {
     }
 
@@ -76,19 +77,19 @@ public:
         const auto start = Clock::now();
         while (!isDone(options)) {
             const auto before = Clock::now();
-            const Reply reply = session_.send(request_.name, parameters_);
+            const Reply reply = m_session.send(m_request.name, m_parameters);
             const auto after = Clock::now();
-            times_.add(static_cast<uint64_t>(std::chrono::nanoseconds(after - before).count()));
-            seconds_ = std::chrono::duration<double>(after - start).count();
+            m_times.add(static_cast<uint64_t>(std::chrono::nanoseconds(after - before).count()));
+            m_seconds = std::chrono::duration<double>(after - start).count();
             countFailure(reply.results);
-            progress.show(options.count == 0 ? seconds_ / options.seconds
-                                             : static_cast<double>(times_.total()) /
+            progress.show(options.count == 0 ? m_seconds / options.seconds
+                                             : static_cast<double>(m_times.total()) /
                                                    static_cast<double>(options.count),
-                          times_.total());
+                          m_times.total());
         }
     }
 
-    uint64_t failed() const { return failed_; }
+    uint64_t failed() const { return m_failed; }
 
     std::string asText() const
     {
@@ -97,11 +98,11 @@ public:
                  "%s: %llu requests in %.2f s, %llu failed\n"
                  "%.0f requests per second\n"
                  "microseconds: p50 %.1f, p90 %.1f, p99 %.1f, p99.9 %.1f, max %.1f\n",
-                 request_.name, static_cast<unsigned long long>(times_.total()), seconds_,
-                 static_cast<unsigned long long>(failed_), perSecond(), microseconds(0.5),
+                 m_request.name, static_cast<unsigned long long>(m_times.total()), m_seconds,
+                 static_cast<unsigned long long>(m_failed), perSecond(), microseconds(0.5),
                  microseconds(0.9), microseconds(0.99), microseconds(0.999), microseconds(1));
         std::string all = text;
-        for (const auto& [code, count] : codes_)
+        for (const auto& [code, count] : m_codes)
             all += "failed with " + (code.empty() ? "no code" : code) + ": " +
                    std::to_string(count) + "\n";
         return all;
@@ -110,12 +111,12 @@ public:
     nlohmann::ordered_json asJson() const
     {
         auto codes = nlohmann::ordered_json::object();
-        for (const auto& [code, count] : codes_)
+        for (const auto& [code, count] : m_codes)
             codes[code] = count;
-        return {{"request", request_.name},
-                {"seconds", seconds_},
-                {"requests", times_.total()},
-                {"failed", failed_},
+        return {{"request", m_request.name},
+                {"seconds", m_seconds},
+                {"requests", m_times.total()},
+                {"failed", m_failed},
                 {"perSecond", perSecond()},
                 {"microseconds",
                  {{"p50", microseconds(0.5)},
@@ -134,40 +135,40 @@ private:
         const double seconds = std::min(1.0, options.count == 0 ? options.seconds / 10 : 1.0);
         const uint64_t count = options.count == 0 ? UINT64_MAX : options.count / 10;
         for (uint64_t i = 0; i < count && secondsSince(start) < seconds; ++i)
-            session_.send(request_.name, parameters_);
+            m_session.send(m_request.name, m_parameters);
     }
 
     bool isDone(const BenchOptions& options) const
     {
-        return options.count == 0 ? seconds_ >= options.seconds : times_.total() >= options.count;
+        return options.count == 0 ? m_seconds >= options.seconds : m_times.total() >= options.count;
     }
 
     void countFailure(const Pairs& results)
     {
-        if (succeeded(&request_, results))
+        if (succeeded(&m_request, results))
             return;
-        ++failed_;
+        ++m_failed;
         const std::string* code = findValue(results, "errorCode");
-        ++codes_[code == nullptr ? "" : *code];
+        ++m_codes[code == nullptr ? "" : *code];
     }
 
     double perSecond() const
     {
-        return seconds_ > 0 ? static_cast<double>(times_.total()) / seconds_ : 0;
+        return m_seconds > 0 ? static_cast<double>(m_times.total()) / m_seconds : 0;
     }
 
     double microseconds(double share) const
     {
-        return static_cast<double>(times_.percentile(share)) / 1000;
+        return static_cast<double>(m_times.percentile(share)) / 1000;
     }
 
-    HostSession& session_;
-    const RequestInfo& request_;
-    const Pairs& parameters_;
-    LatencyHistogram times_;
-    double seconds_ = 0;
-    uint64_t failed_ = 0;
-    std::map<std::string, uint64_t> codes_;
+    HostSession& m_session;
+    const RequestInfo& m_request;
+    const Pairs& m_parameters;
+    LatencyHistogram m_times;
+    double m_seconds = 0;
+    uint64_t m_failed = 0;
+    std::map<std::string, uint64_t> m_codes;
 };
 
 ExitCode bench(Program& program, const BenchOptions& options)
@@ -185,7 +186,7 @@ ExitCode bench(Program& program, const BenchOptions& options)
 
     Bench bench(*session, *request, parameters);
     bench.run(options);
-    program.output.write(options.json ? write(bench.asJson(), 2) + "\n" : bench.asText());
+    program.output.write(options.json ? jsonText(bench.asJson(), 2) + "\n" : bench.asText());
     return bench.failed() == 0 ? SUCCESS : REFUSED;
 }
 
@@ -196,7 +197,7 @@ void addBench(CLI::App& app, Program& program)
     const auto options = std::make_shared<BenchOptions>();
     CLI::App* command = app.add_subcommand("bench", "Measure how fast one request is");
     command->add_option("request", options->request, "Name of the request")->required();
-    options->parameters.addTo(*command);
+    addParameterOptions(*command, options->parameters);
     CLI::Option* seconds =
         command->add_option("--seconds", options->seconds, "How long to send (default 5)")
             ->check(between(0.01, 86400, false));

@@ -2,6 +2,7 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "commands.h"
@@ -10,7 +11,7 @@
 #include "host/exchange.h"
 #include "host/parameters.h"
 #include "host/values.h"
-#include "option_checks.h"
+#include "options.h"
 #include "trace.h"
 
 namespace {
@@ -71,7 +72,7 @@ void writeResults(const Program& program, OutputFile* file, const CallOptions& o
         auto json = toJson(options.hex ? inHex(request, outcome.results) : outcome.results);
         if (options.time)
             json["microseconds"] = outcome.microseconds;
-        put(write(json, 2) + "\n");
+        put(jsonText(json, 2) + "\n");
     } else if (outcome.ok) {
         const std::string bytes = resultBytes(request, outcome, options.raw);
         put(options.hex ? toHex(bytes) + "\n" : bytes);
@@ -115,7 +116,7 @@ void addCall(CLI::App& app, Program& program)
     CLI::App* command =
         app.add_subcommand("call", "Send one request and print its results as JSON");
     command->add_option("request", options->request, "Name of the request")->required();
-    options->parameters.addTo(*command);
+    addParameterOptions(*command, options->parameters);
     command->add_option("--raw", options->raw, "Write only this result, decoded")
         ->type_name("RESULT")
         ->check(notEmpty());

@@ -1,5 +1,6 @@
 // corvane-host describe: one request in full.
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "commands.h"
@@ -24,7 +25,7 @@ void addDescribe(CLI::App& app, Program& program)
     command->add_flag("--json", options->json, "As JSON");
     command->callback([options, &program] {
         const RequestInfo* request = requestByName(options->request, false);
-        program.output.write(options->json ? write(toJson(*request), 2) + "\n"
+        program.output.write(options->json ? jsonText(toJson(*request), 2) + "\n"
                                            : describe(*request));
     });
 }

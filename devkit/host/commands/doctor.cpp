@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "commands.h"
@@ -10,7 +11,7 @@
 #include "host/doctor/library_checks.h"
 #include "host/doctor/surroundings.h"
 #include "host/values.h"
-#include "option_checks.h"
+#include "options.h"
 
 namespace {
 
@@ -102,7 +103,7 @@ std::string asJson(const Findings& findings)
                           {"status", statusName(finding.status)},
                           {"detail", finding.detail},
                           {"hint", finding.hint}});
-    return write({{"checks", checks}, {"ok", count(findings, Status::Fail) == 0}}, 2) + "\n";
+    return jsonText({{"checks", checks}, {"ok", count(findings, Status::Fail) == 0}}, 2) + "\n";
 }
 
 ExitCode doctor(Program& program, const DoctorOptions& options)

@@ -1,6 +1,7 @@
 // corvane-host explain: an error code in words.
 #include <cstdlib>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "commands.h"
@@ -37,7 +38,7 @@ const ErrorCode& rowOf(const std::string& text)
 
 std::string allAsJson()
 {
-    return write(catalogueJson()["codes"], 2) + "\n";
+    return jsonText(catalogueJson()["codes"], 2) + "\n";
 }
 
 }  // namespace
@@ -54,6 +55,6 @@ void addExplain(CLI::App& app, Program& program)
         if (options->code.empty())
             return program.output.write(options->json ? allAsJson() : listErrorCodes());
         const ErrorCode& row = rowOf(options->code);
-        program.output.write(options->json ? write(toJson(row), 2) + "\n" : explain(row));
+        program.output.write(options->json ? jsonText(toJson(row), 2) + "\n" : explain(row));
     });
 }

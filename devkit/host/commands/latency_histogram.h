@@ -11,25 +11,25 @@ class LatencyHistogram {
 public:
     void add(uint64_t nanoseconds)
     {
-        ++counts_[bucketOf(nanoseconds)];
-        ++total_;
-        max_ = std::max(max_, nanoseconds);
+        ++m_counts[bucketOf(nanoseconds)];
+        ++m_total;
+        m_max = std::max(m_max, nanoseconds);
     }
 
-    uint64_t total() const { return total_; }
-    uint64_t max() const { return max_; }
+    uint64_t total() const { return m_total; }
+    uint64_t max() const { return m_max; }
 
     // The time that this share of the calls, 0 to 1, did not exceed; 0 without calls.
     uint64_t percentile(double share) const
     {
-        const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(total_)));
+        const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(m_total)));
         uint64_t seen = 0;
-        for (size_t bucket = 0; bucket < counts_.size(); ++bucket) {
-            seen += counts_[bucket];
+        for (size_t bucket = 0; bucket < m_counts.size(); ++bucket) {
+            seen += m_counts[bucket];
             if (seen >= wanted && seen != 0)
-                return std::min(max_, lastOf(bucket));
+                return std::min(m_max, lastOf(bucket));
         }
-        return max_;
+        return m_max;
     }
 
 private:
@@ -51,9 +51,9 @@ private:
         return ((uint64_t{bucket - 128 * shift} + 1) << shift) - 1;
     }
 
-    std::array<uint64_t, size_t{128}* 58> counts_ = {};
-    uint64_t total_ = 0;
-    uint64_t max_ = 0;
+    std::array<uint64_t, size_t{128}* 58> m_counts = {};
+    uint64_t m_total = 0;
+    uint64_t m_max = 0;
 };
 
 #endif

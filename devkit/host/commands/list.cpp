@@ -1,5 +1,6 @@
 // corvane-host list: the requests and their parameters.
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "host/catalogue/descriptions.h"
@@ -15,7 +16,7 @@ struct ListOptions {
 std::string listed(const ListOptions& options)
 {
     if (options.json)
-        return write(catalogueJson()["requests"], 2) + "\n";
+        return jsonText(catalogueJson()["requests"], 2) + "\n";
     return options.markdown ? requestsDocument() : listRequests();
 }
 

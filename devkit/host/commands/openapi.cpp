@@ -1,6 +1,8 @@
 // corvane-host openapi: the HTTP interface for other programs.
 #include "host/catalogue/openapi.h"
 
+#include <nlohmann/json.hpp>
+
 #include "commands.h"
 #include "host/values.h"
 
@@ -8,5 +10,5 @@ void addOpenApi(CLI::App& app, Program& program)
 {
     CLI::App* command =
         app.add_subcommand("openapi", "Print the HTTP interface as an OpenAPI 3.1 document");
-    command->callback([&program] { program.output.write(write(openApi(), 2) + "\n"); });
+    command->callback([&program] { program.output.write(jsonText(openApi(), 2) + "\n"); });
 }

@@ -17,7 +17,7 @@ enum ExitCode {
 
 class Program {
 public:
-    explicit Program(char** argv) : argv_(argv) {}
+    explicit Program(char** argv) : m_argv(argv) {}
 
     // Loads the chosen libraries. May start the program again, so that standard input
     // must not have been read. Throws a LoadError.
@@ -25,7 +25,7 @@ public:
 
     // Starts the program again, so that the libraries answer to their bare names (see
     // bare_names.h). Returns if that has been done.
-    void startAgain() { bareNames.startAgain(withDefaults(paths), argv_, output); }
+    void startAgain() { bareNames.startAgain(withDefaults(paths), m_argv, output); }
 
     Output output;
     LibraryPaths paths;  // as given
@@ -33,7 +33,7 @@ public:
     ExitCode exitCode = SUCCESS;  // set by the subcommand
 
 private:
-    char** argv_;
+    char** m_argv;
 };
 
 #endif

@@ -10,7 +10,7 @@
 #include "commands.h"
 #include "common/secrets.h"
 #include "common/worker_process.h"
-#include "option_checks.h"
+#include "options.h"
 #include "service/workers/worker.h"
 
 namespace {

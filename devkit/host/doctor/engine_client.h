@@ -31,11 +31,11 @@ struct Refused {
 // Sends requests for the tests.
 class Client {
 public:
-    explicit Client(HostSession& session) : session_(session) {}
+    explicit Client(HostSession& session) : m_session(session) {}
 
     Outcome ask(const std::string& name, const Pairs& parameters = {})
     {
-        return exchange(session_, findRequest(name), name, parameters);
+        return exchange(m_session, findRequest(name), name, parameters);
     }
 
     // The bytes of a result. Throws Refused.
@@ -76,7 +76,7 @@ public:
     }
 
 private:
-    HostSession& session_;
+    HostSession& m_session;
 };
 
 using Test = std::function<Verdict(Client&)>;

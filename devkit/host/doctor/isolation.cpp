@@ -44,7 +44,7 @@ struct Descriptor {
 // A line to the parent: a finding, or the number of checks that have ended.
 void sendLine(int pipe, const Json& json)
 {
-    const std::string line = write(json, -1) + "\n";
+    const std::string line = jsonText(json, -1) + "\n";
     std::string_view rest = line;
     while (!rest.empty()) {
         const ssize_t count = ::write(pipe, rest.data(), rest.size());
@@ -97,18 +97,18 @@ std::string lastWords(int messages)
 
 class Child {
 public:
-    Child(const std::vector<Check>& checks, size_t first) : ended_(first)
+    Child(const std::vector<Check>& checks, size_t first) : m_ended(first)
     {
         int ends[2];
-        if (messages_.number < 0 || pipe2(ends, O_CLOEXEC) != 0)
+        if (m_messages.number < 0 || pipe2(ends, O_CLOEXEC) != 0)
             fail("cannot make a pipe");
-        pipe_.number = ends[0];
+        m_pipe.number = ends[0];
         Descriptor writing{ends[1]};
-        pid_ = fork();
-        if (pid_ < 0)
+        m_pid = fork();
+        if (m_pid < 0)
             fail("cannot start a process");
-        if (pid_ == 0)
-            runAsChild(checks, first, writing.number, messages_.number);
+        if (m_pid == 0)
+            runAsChild(checks, first, writing.number, m_messages.number);
     }
 
     // Until the child has ended, by itself or for the time. The pipe's end would not tell:
@@ -116,13 +116,13 @@ public:
     void wait(std::chrono::seconds limit)
     {
         const auto deadline = Clock::now() + limit;
-        fcntl(pipe_.number, F_SETFL, O_NONBLOCK);
+        fcntl(m_pipe.number, F_SETFL, O_NONBLOCK);
         for (bool running = true; running;) {
-            running = waitpid(pid_, &status_, WNOHANG) == 0;
+            running = waitpid(m_pid, &m_status, WNOHANG) == 0;
             if (running && Clock::now() >= deadline) {
-                kill(pid_, SIGKILL);
-                waitpid(pid_, &status_, 0);
-                timedOut_ = true;
+                kill(m_pid, SIGKILL);
+                waitpid(m_pid, &m_status, 0);
+                m_timedOut = true;
                 running = false;
             }
             take();
@@ -132,20 +132,20 @@ public:
     }
 
     // How many checks have ended, those before this child too.
-    size_t ended() const { return ended_; }
-    const Findings& findings() const { return findings_; }
+    size_t ended() const { return m_ended; }
+    const Findings& findings() const { return m_findings; }
 
     std::string death(std::chrono::seconds limit) const
     {
         std::string text;
-        if (timedOut_)
+        if (m_timedOut)
             text = "did not return within " + std::to_string(limit.count()) + " s";
-        else if (WIFSIGNALED(status_))
-            text = "ended its process: signal " + std::to_string(WTERMSIG(status_)) + ", " +
-                   strsignal(WTERMSIG(status_));
+        else if (WIFSIGNALED(m_status))
+            text = "ended its process: signal " + std::to_string(WTERMSIG(m_status)) + ", " +
+                   strsignal(WTERMSIG(m_status));
         else
-            text = "ended its process with exit code " + std::to_string(WEXITSTATUS(status_));
-        const std::string words = lastWords(messages_.number);
+            text = "ended its process with exit code " + std::to_string(WEXITSTATUS(m_status));
+        const std::string words = lastWords(m_messages.number);
         return words.empty() ? text : text + "; last message: " + words;
     }
 
@@ -154,27 +154,27 @@ private:
     void take()
     {
         char buffer[4096];
-        for (ssize_t count; (count = read(pipe_.number, buffer, sizeof buffer)) > 0;)
-            received_.append(buffer, static_cast<size_t>(count));
-        for (size_t end; (end = received_.find('\n')) != std::string::npos;) {
-            const Json line = Json::parse(received_.substr(0, end));
-            received_.erase(0, end + 1);
+        for (ssize_t count; (count = read(m_pipe.number, buffer, sizeof buffer)) > 0;)
+            m_received.append(buffer, static_cast<size_t>(count));
+        for (size_t end; (end = m_received.find('\n')) != std::string::npos;) {
+            const Json line = Json::parse(m_received.substr(0, end));
+            m_received.erase(0, end + 1);
             if (line.is_number())
-                ended_ = line;
+                m_ended = line;
             else
-                findings_.push_back({line["name"], line["status"].get<Status>(), line["detail"],
-                                     line["hint"], line["loading"]});
+                m_findings.push_back({line["name"], line["status"].get<Status>(), line["detail"],
+                                      line["hint"], line["loading"]});
         }
     }
 
-    Descriptor messages_{memfd_create("messages", MFD_CLOEXEC)};
-    Descriptor pipe_{-1};
-    pid_t pid_ = -1;
-    int status_ = 0;
-    bool timedOut_ = false;
-    size_t ended_;
-    std::string received_;
-    Findings findings_;
+    Descriptor m_messages{memfd_create("messages", MFD_CLOEXEC)};
+    Descriptor m_pipe{-1};
+    pid_t m_pid = -1;
+    int m_status = 0;
+    bool m_timedOut = false;
+    size_t m_ended;
+    std::string m_received;
+    Findings m_findings;
 };
 
 }  // namespace

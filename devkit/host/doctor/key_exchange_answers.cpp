@@ -12,29 +12,29 @@ namespace {
 class KeySession {
 public:
     explicit KeySession(Client& client)
-        : client_(client), handle_(client.bytes("QZaven_ke_new", {}))
+        : m_client(client), m_handle(client.bytes("QZaven_ke_new", {}))
     {
     }
     ~KeySession()
     {
-        if (!freed_)
-            client_.ask("QZaven_ke_free", {{"strKe", handle_}});
+        if (!m_freed)
+            m_client.ask("QZaven_ke_free", {{"strKe", m_handle}});
     }
     KeySession(const KeySession&) = delete;
     KeySession& operator=(const KeySession&) = delete;
 
-    const std::string& handle() const { return handle_; }
+    const std::string& handle() const { return m_handle; }
 
     Pairs with(Pairs more) const
     {
-        more.emplace(more.begin(), "strKe", handle_);
+        more.emplace(more.begin(), "strKe", m_handle);
         return more;
     }
 
     void free()
     {
-        freed_ = true;
-        client_.get("QZaven_ke_free", {{"strKe", handle_}});
+        m_freed = true;
+        m_client.get("QZaven_ke_free", {{"strKe", m_handle}});
     }
 
     // The sample certificate as the only root, in a file without a name.
@@ -51,18 +51,18 @@ public:
             write(file, pem.data(), pem.size()) == static_cast<ssize_t>(pem.size());
         const std::string path = "/proc/self/fd/" + std::to_string(file);
         const Outcome outcome =
-            client_.ask("QZaven_ke_set_root_certificate", with({{"strCa_file", path}}));
+            m_client.ask("QZaven_ke_set_root_certificate", with({{"strCa_file", path}}));
         close(file);
         if (!written || !outcome.ok)
             throw Refused{"QZaven_ke_set_root_certificate", outcome.code, outcome.text};
     }
 
-    std::string hello() { return client_.bytes("QZaven_ke_client_hello", with({})); }
+    std::string hello() { return m_client.bytes("QZaven_ke_client_hello", with({})); }
 
 private:
-    Client& client_;
-    std::string handle_;
-    bool freed_ = false;
+    Client& m_client;
+    std::string m_handle;
+    bool m_freed = false;
 };
 
 // What must be refused, with a code of the engine's.

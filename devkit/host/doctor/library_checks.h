@@ -12,19 +12,19 @@
 // The libraries under test, loaded by the first check of a process that needs them.
 class Subject {
 public:
-    explicit Subject(const LibraryPaths& paths) : paths_(paths) {}
+    explicit Subject(const LibraryPaths& paths) : m_paths(paths) {}
 
     HostSession& session()
     {
-        if (session_ == nullptr)
-            session_ = std::make_unique<HostSession>(paths_);
-        return *session_;
+        if (m_session == nullptr)
+            m_session = std::make_unique<HostSession>(m_paths);
+        return *m_session;
     }
-    void end() { session_.reset(); }
+    void end() { m_session.reset(); }
 
 private:
-    LibraryPaths paths_;
-    std::unique_ptr<HostSession> session_;
+    LibraryPaths m_paths;
+    std::unique_ptr<HostSession> m_session;
 };
 
 // Loads one library and looks its functions up; the plug-in's log level too.

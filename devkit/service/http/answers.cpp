@@ -82,17 +82,17 @@ MHD_Result Server::queue(Exchange& exchange)
                             : "GET, HEAD");
     if (answer.status == 429 || answer.status == 503)
         header("Retry-After", "1");
-    if (draining_ || exchange.mustClose)
+    if (m_draining || exchange.mustClose)
         header("Connection", "close");
     // There is no answer without its headers.
     if (!isWhole)
         return MHD_NO;
 
-    metrics_.countAnswer(answer.status);
+    m_metrics.countAnswer(answer.status);
     exchange.status = answer.status;
     exchange.connection.phase = Connection::Answering;
-    exchange.connection.deadline = after(
-        Seconds(options_.readSeconds + static_cast<double>(exchange.sent) / slowestBytesPerSecond));
+    exchange.connection.deadline = after(Seconds(
+        m_options.readSeconds + static_cast<double>(exchange.sent) / slowestBytesPerSecond));
     return MHD_queue_response(exchange.handle, answer.status, response.get());
 }
 
@@ -100,7 +100,7 @@ void Server::onCompleted(void* self, MHD_Connection* handle, void** context,
                          MHD_RequestTerminationCode how)
 {
     Server& server = *static_cast<Server*>(self);
-    ++server.calls_;
+    ++server.m_calls;
     if (*context == nullptr)
         return;
     Exchange& exchange = *static_cast<Exchange*>(*context);
@@ -110,7 +110,7 @@ void Server::onCompleted(void* self, MHD_Connection* handle, void** context,
     if (exchange.status == 0 && info != nullptr) {
         exchange.status = info->http_status;
         withoutFailure("an answer is not counted",
-                       [&] { server.metrics_.countAnswer(exchange.status); });
+                       [&] { server.m_metrics.countAnswer(exchange.status); });
     }
     server.finish(exchange.connection, how == MHD_REQUEST_TERMINATED_COMPLETED_OK);
 }
@@ -120,7 +120,7 @@ void Server::finish(Connection& connection, bool isWhole)
     const std::shared_ptr<Exchange> exchange = std::move(connection.exchange);
     connection.exchange = nullptr;
     connection.phase = Connection::Reading;
-    connection.deadline = after(draining_ ? grace() : Seconds(options_.readSeconds));
+    connection.deadline = after(m_draining ? grace() : Seconds(m_options.readSeconds));
     withoutFailure("a request is not logged", [&] { log(*exchange, isWhole); });
 }
 
@@ -148,5 +148,5 @@ void Server::log(const Exchange& exchange, bool isWhole)
             entry.request = info->name;
     if (exchange.answer)
         entry.error = exchange.answer->code;
-    log_.write(entry);
+    m_log.write(entry);
 }

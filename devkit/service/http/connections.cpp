@@ -55,7 +55,7 @@ void Server::onConnection(void* self, MHD_Connection* handle, void** context,
                           MHD_ConnectionNotificationCode what)
 {
     Server& server = *static_cast<Server*>(self);
-    ++server.calls_;
+    ++server.m_calls;
     if (what == MHD_CONNECTION_NOTIFY_CLOSED) {
         if (*context != nullptr)
             server.remove(*static_cast<Connection*>(*context), handle);
@@ -78,12 +78,12 @@ void Server::add(MHD_Connection* handle, void** context)
         MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
     std::tie(connection.address, connection.client) =
         addressOf(MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr);
-    connection.deadline = after(Seconds(options_.readSeconds));
-    size_t& ofAddress = perAddress_[connection.client];
-    connections_[&connection] = std::move(owner);
+    connection.deadline = after(Seconds(m_options.readSeconds));
+    size_t& ofAddress = m_perAddress[connection.client];
+    m_connections[&connection] = std::move(owner);
     *context = &connection;
-    ++accepted_;
-    if (++ofAddress > options_.connectionsPerAddress) {
+    ++m_accepted;
+    if (++ofAddress > m_options.connectionsPerAddress) {
         const Refusal refusal("too_many_requests", "", "this address has too many connections");
         cutOff(connection, &refusal);
     }
@@ -100,10 +100,10 @@ void Server::remove(Connection& connection, MHD_Connection* handle)
         });
     if (connection.exchange != nullptr)
         finish(connection, false);
-    const auto found = perAddress_.find(connection.client);
+    const auto found = m_perAddress.find(connection.client);
     if (--found->second == 0)
-        perAddress_.erase(found);
-    connections_.erase(&connection);
+        m_perAddress.erase(found);
+    m_connections.erase(&connection);
 }
 
 // Ends a connection that does not get an answer from the library: at once, with the
@@ -125,8 +125,8 @@ void Server::cutOff(Connection& connection, const Refusal* refusal) noexcept
 
 void Server::sendRefusal(Connection& connection, const Refusal& refusal)
 {
-    metrics_.countAnswer(refusal.code().status);
-    if (!options_.tlsCert.empty())
+    m_metrics.countAnswer(refusal.code().status);
+    if (!m_options.tlsCert.empty())
         return;
     const std::string body = answerOf(refusal).body;
     const std::string id = connection.exchange != nullptr ? connection.exchange->id : makeId();
@@ -142,19 +142,19 @@ void Server::sendRefusal(Connection& connection, const Refusal& refusal)
 
 void Server::sweep()
 {
-    const Seconds often = draining_ ? grace() / 8 : Seconds(options_.readSeconds / 8);
-    sweep_.set(after(std::clamp(often, Seconds(0.05), Seconds(1))));
+    const Seconds often = m_draining ? grace() / 8 : Seconds(m_options.readSeconds / 8);
+    m_sweep.set(after(std::clamp(often, Seconds(0.05), Seconds(1))));
     const Clock::time_point now = Clock::now();
-    for (const auto& [connection, owner] : connections_) {
+    for (const auto& [connection, owner] : m_connections) {
         if (connection->phase == Connection::Working || connection->deadline > now)
             continue;
         // One that waits for its next request is closed without a word, unless that has come.
         const bool isWaiting =
-            connection->exchange == nullptr && (draining_ || !connection->isFirst);
+            connection->exchange == nullptr && (m_draining || !connection->isFirst);
         if (isWaiting && hasMore(connection->socket))
             continue;
         const bool isLate = connection->phase == Connection::Reading && !isWaiting;
-        cutOff(*connection, isLate ? &late_ : nullptr);
+        cutOff(*connection, isLate ? &m_late : nullptr);
     }
-    rates_.sweep(now);
+    m_rates.sweep(now);
 }

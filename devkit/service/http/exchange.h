@@ -38,7 +38,7 @@ struct Server::Exchange {
     ~Exchange()
     {
         wipe(body);
-        server.bodyBytes_ -= room;
+        server.m_bodyBytes -= room;
     }
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
@@ -81,10 +81,10 @@ struct Server::Exchange {
 // memory ended on the way and it never comes, the exchange is told so.
 class Server::Reply {
 public:
-    explicit Reply(const std::shared_ptr<Exchange>& exchange) : exchange_(exchange) {}
+    explicit Reply(const std::shared_ptr<Exchange>& exchange) : m_exchange(exchange) {}
     ~Reply()
     {
-        const std::shared_ptr<Exchange> exchange = exchange_.lock();
+        const std::shared_ptr<Exchange> exchange = m_exchange.lock();
         if (exchange == nullptr || exchange->answer)
             return;
         exchange->isForgotten = true;
@@ -95,17 +95,17 @@ public:
 
     void give(Answer answer)
     {
-        const std::shared_ptr<Exchange> exchange = exchange_.lock();
+        const std::shared_ptr<Exchange> exchange = m_exchange.lock();
         if (exchange == nullptr)
             return;
-        if (exchange->server.draining_ && answer.code == "busy")
+        if (exchange->server.m_draining && answer.code == "busy")
             answer = answerOf(Refusal("draining", "", "the host stopped before the request began"));
         exchange->answer = std::move(answer);
         exchange->resume();
     }
 
 private:
-    const std::weak_ptr<Exchange> exchange_;
+    const std::weak_ptr<Exchange> m_exchange;
 };
 
 #endif

@@ -46,33 +46,33 @@ bool isHeaderValue(std::string_view value)
 class Layout {
 public:
     explicit Layout(const FirstLine& first)
-        : start_(first.method),
-          isWhole_(first.method + strlen(first.method) + 1 == first.target &&
-                   first.target + first.targetSize + 1 == first.version),
-          next_(first.version + strlen(first.version) + lineEnd)
+        : m_start(first.method),
+          m_isWhole(first.method + strlen(first.method) + 1 == first.target &&
+                    first.target + first.targetSize + 1 == first.version),
+          m_next(first.version + strlen(first.version) + lineEnd)
     {
     }
 
     // Between name and value are a colon and blanks, which the library has seen.
     void add(std::string_view name, std::string_view value)
     {
-        isWhole_ = isWhole_ && name.data() == next_;
-        next_ = value.data() + value.size() + lineEnd;
+        m_isWhole = m_isWhole && name.data() == m_next;
+        m_next = value.data() + value.size() + lineEnd;
     }
-    bool isWhole(size_t size) const { return isWhole_ && next_ + lineEnd == start_ + size; }
+    bool isWhole(size_t size) const { return m_isWhole && m_next + lineEnd == m_start + size; }
 
 private:
     static constexpr size_t lineEnd = 2;
 
-    const char* const start_;
-    bool isWhole_;
-    const char* next_;  // where the next header has to be
+    const char* const m_start;
+    bool m_isWhole;
+    const char* m_next;  // where the next header has to be
 };
 
 // Gathers the headers, and what is wrong with them.
 class Reader {
 public:
-    Reader(const FirstLine& first, Headers& headers) : headers_(headers), layout_(first) {}
+    Reader(const FirstLine& first, Headers& headers) : m_headers(headers), m_layout(first) {}
 
     static MHD_Result read(void* self, MHD_ValueKind /*kind*/, const char* name, size_t nameSize,
                            const char* value, size_t valueSize)
@@ -83,37 +83,37 @@ public:
 
     bool has(std::string_view name) const
     {
-        return std::find(seen_.begin(), seen_.end(), name) != seen_.end();
+        return std::find(m_seen.begin(), m_seen.end(), name) != m_seen.end();
     }
-    const std::string& twice() const { return twice_; }
-    bool isMalformed() const { return isMalformed_; }
-    bool isWhole(size_t size) const { return layout_.isWhole(size); }
-    bool isTooMuch() const { return count_ > mostHeaders || bytes_ > longestHeaders; }
+    const std::string& twice() const { return m_twice; }
+    bool isMalformed() const { return m_isMalformed; }
+    bool isWhole(size_t size) const { return m_layout.isWhole(size); }
+    bool isTooMuch() const { return m_count > mostHeaders || m_bytes > longestHeaders; }
 
 private:
     void add(std::string_view name, std::string_view value)
     {
-        ++count_;
-        layout_.add(name, value);
-        bytes_ += name.size() + value.size() + 4;
-        isMalformed_ = isMalformed_ || !isHeaderName(name) || !isHeaderValue(value);
+        ++m_count;
+        m_layout.add(name, value);
+        m_bytes += name.size() + value.size() + 4;
+        m_isMalformed = m_isMalformed || !isHeaderName(name) || !isHeaderValue(value);
         for (const Known& known : knownHeaders) {
             if (!equalIgnoringCase(name, known.name))
                 continue;
             if (has(known.name))
-                twice_ = known.name;
-            seen_.emplace_back(known.name);
-            headers_.*known.value = std::string(trimmed(value));
+                m_twice = known.name;
+            m_seen.emplace_back(known.name);
+            m_headers.*known.value = std::string(trimmed(value));
         }
     }
 
-    Headers& headers_;
-    Layout layout_;
-    size_t count_ = 0;
-    size_t bytes_ = 0;
-    std::string twice_;
-    bool isMalformed_ = false;
-    std::vector<std::string_view> seen_;
+    Headers& m_headers;
+    Layout m_layout;
+    size_t m_count = 0;
+    size_t m_bytes = 0;
+    std::string m_twice;
+    bool m_isMalformed = false;
+    std::vector<std::string_view> m_seen;
 };
 
 }  // namespace

@@ -1,5 +1,7 @@
 // Requests on their way into the service: heads, bodies, and who gets them.
 #include "common/failure.h"
+
+#include <nlohmann/json.hpp>
 #include "common/text.h"
 #include "exchange.h"
 
@@ -37,10 +39,10 @@ Server::Exchange* Server::begin(Connection& connection, MHD_Connection* handle,
     exchange->path = std::string(target.substr(0, query));
     exchange->targetSize = target.size();
     exchange->hasQuery = query != std::string_view::npos;
-    exchange->isWithinRate = rates_.take(connection.client, Clock::now());
+    exchange->isWithinRate = m_rates.take(connection.client, Clock::now());
     connection.exchange = std::move(exchange);
     // Time once more for what is behind the first line.
-    connection.deadline = after(Seconds(options_.readSeconds));
+    connection.deadline = after(Seconds(m_options.readSeconds));
     return connection.exchange.get();
 }
 
@@ -49,7 +51,7 @@ MHD_Result Server::onRequest(void* self, MHD_Connection* /*handle*/, const char*
                              size_t* size, void** context)
 {
     Server& server = *static_cast<Server*>(self);
-    ++server.calls_;
+    ++server.m_calls;
     auto* exchange = static_cast<Exchange*>(*context);
     if (exchange == nullptr)
         return MHD_NO;
@@ -137,9 +139,9 @@ void Server::checkAccess(const Exchange& exchange) const
     const Headers& headers = exchange.headers;
     const bool isApi = needsToken(exchange.path);
 
-    if (!sites_.isHost(headers.host))
+    if (!m_sites.isHost(headers.host))
         throw Refusal("forbidden_host", "Host", "the host is not known by the name in Host");
-    if (!headers.origin.empty() && !sites_.isOrigin(headers.origin, headers.host))
+    if (!headers.origin.empty() && !m_sites.isOrigin(headers.origin, headers.host))
         throw Refusal("forbidden_origin", "Origin", "pages of this origin may not use the host");
     const bool isOwnSite = headers.fetchSite.empty() ||
                            equalIgnoringCase(headers.fetchSite, "none") ||
@@ -147,7 +149,7 @@ void Server::checkAccess(const Exchange& exchange) const
     if (isApi && headers.origin.empty() && !isOwnSite)
         throw Refusal("forbidden_origin", "Sec-Fetch-Site",
                       "pages of other origins may not use the host");
-    if (isApi && token_ != nullptr && !token_->isShownBy(headers.authorization))
+    if (isApi && m_token != nullptr && !m_token->isShownBy(headers.authorization))
         throw Refusal("unauthorized", "Authorization",
                       headers.authorization.empty() ? "there is no token" : "the token is wrong");
 }
@@ -182,15 +184,15 @@ void Server::checkBody(Exchange& exchange)
 // For a body of so many bytes, with what it has room for already.
 void Server::makeRoom(Exchange& exchange, size_t bytes)
 {
-    if (bytes > options_.bodyBytes)
+    if (bytes > m_options.bodyBytes)
         throw Refusal("too_large", "",
-                      "the body has more than " + std::to_string(options_.bodyBytes) + " bytes");
+                      "the body has more than " + std::to_string(m_options.bodyBytes) + " bytes");
     if (bytes <= exchange.room)
         return;
     const size_t more = bytes - exchange.room;
-    if (bodyBytes_ + more > mostBodies * options_.bodyBytes)
+    if (m_bodyBytes + more > mostBodies * m_options.bodyBytes)
         throw Refusal("busy", "", "the bodies of other requests take all memory there is for them");
-    bodyBytes_ += more;
+    m_bodyBytes += more;
     exchange.room += more;
 }
 
@@ -205,17 +207,17 @@ void Server::dispatch(Exchange& exchange)
     const std::string& type = exchange.headers.contentType;
     switch (exchange.route->target) {
         case Target::Request:
-            return service_.request(nameBehind(*exchange.route, exchange.path), type, exchange.body,
-                                    done);
+            return m_service.request(nameBehind(*exchange.route, exchange.path), type,
+                                     exchange.body, done);
         case Target::Batch:
-            return service_.batch(type, exchange.body, done);
+            return m_service.batch(type, exchange.body, done);
         case Target::Peer:
-            return service_.peer(nameBehind(*exchange.route, exchange.path), type, exchange.body,
-                                 done);
+            return m_service.peer(nameBehind(*exchange.route, exchange.path), type, exchange.body,
+                                  done);
         case Target::Ready:
-            return service_.probe(done);
+            return m_service.probe(done);
         case Target::Status:
-            return done(answerOf(service_.status()));
+            return done(answerOf(m_service.status()));
         case Target::Live:
             return done(answerOf(nlohmann::ordered_json{{"status", "ok"}}));
         case Target::Metrics:
@@ -227,9 +229,9 @@ void Server::dispatch(Exchange& exchange)
 
 std::string Server::metricsText() const
 {
-    log_.flush();
-    return service_.metricsText() +
-           gauge("corvane_connections", static_cast<double>(connections_.size())) +
-           gauge("corvane_access_log_dropped_total", static_cast<double>(log_.dropped()), "",
+    m_log.flush();
+    return m_service.metricsText() +
+           gauge("corvane_connections", static_cast<double>(m_connections.size())) +
+           gauge("corvane_access_log_dropped_total", static_cast<double>(m_log.dropped()), "",
                  "counter");
 }

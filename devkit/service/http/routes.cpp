@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <functional>
+#include <nlohmann/json.hpp>
 
 #include "host/catalogue/descriptions.h"
 #include "host/catalogue/openapi.h"
@@ -11,7 +12,7 @@ namespace {
 
 struct Document {
     Document(const char* path, const nlohmann::ordered_json& json)
-        : bytes(write(json, -1)),
+        : bytes(jsonText(json, -1)),
           etag("\"" + std::to_string(std::hash<std::string>()(bytes)) + "\""),
           file{path, "application/json", etag.c_str(), bytes}
     {

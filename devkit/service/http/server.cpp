@@ -57,18 +57,18 @@ std::string readWhole(const std::string& path)
 
 Server::Server(EventLoop& loop, const ServeOptions& options, Service& service, Metrics& metrics,
                AccessLog& log, const BearerToken* token)
-    : loop_(loop),
-      options_(options),
-      service_(service),
-      metrics_(metrics),
-      log_(log),
-      token_(token),
-      sites_(options),
-      rates_(options.rate, options.burst),
-      sweep_(loop, [this] { sweep(); })
+    : m_loop(loop),
+      m_options(options),
+      m_service(service),
+      m_metrics(metrics),
+      m_log(log),
+      m_token(token),
+      m_sites(options),
+      m_rates(options.rate, options.burst),
+      m_sweep(loop, [this] { sweep(); })
 {
     ListeningSocket listening = listenAt(options);
-    url_ = std::move(listening.url);
+    m_url = std::move(listening.url);
 
     unsigned flags = MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME;
     std::vector<MHD_OptionItem> items = {
@@ -86,80 +86,80 @@ Server::Server(EventLoop& loop, const ServeOptions& options, Service& service, M
     };
     if (!options.tlsCert.empty()) {
         flags |= MHD_USE_TLS;
-        certificate_ = readWhole(options.tlsCert);
-        key_ = readWhole(options.tlsKey);
-        items.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, certificate_.data()});
-        items.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, key_.data()});
+        m_certificate = readWhole(options.tlsCert);
+        m_key = readWhole(options.tlsKey);
+        items.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, m_certificate.data()});
+        items.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, m_key.data()});
         items.push_back({MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(tlsPriorities)});
     }
     items.push_back({MHD_OPTION_END, 0, nullptr});
-    daemon_ = MHD_start_daemon(flags, 0, nullptr, nullptr, &onRequest, this, MHD_OPTION_ARRAY,
-                               items.data(), MHD_OPTION_END);
-    if (daemon_ == nullptr)
+    m_daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &onRequest, this, MHD_OPTION_ARRAY,
+                                items.data(), MHD_OPTION_END);
+    if (m_daemon == nullptr)
         throw UsageError(options.tlsCert.empty()
                              ? "cannot start the HTTP server"
                              : "cannot start the HTTPS server; is the certificate the key's?");
     // It closes the socket at its end.
     listening.descriptor.release();
-    const auto* info = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD);
+    const auto* info = MHD_get_daemon_info(m_daemon, MHD_DAEMON_INFO_EPOLL_FD);
     // run() is called after each event, so there is nothing else to do.
-    loop_.watch(info->epoll_fd, EPOLLIN, [](uint32_t) {});
+    m_loop.watch(info->epoll_fd, EPOLLIN, [](uint32_t) {});
     sweep();
 }
 
 Server::~Server()
 {
     // The library ends the process if one is left.
-    for (const auto& [connection, owner] : connections_)
+    for (const auto& [connection, owner] : m_connections)
         if (connection->exchange != nullptr)
             connection->exchange->resume();
-    MHD_stop_daemon(daemon_);
-    wipe(key_);
+    MHD_stop_daemon(m_daemon);
+    wipe(m_key);
 }
 
 int Server::run()
 {
-    const size_t before = calls_;
-    MHD_run(daemon_);
+    const size_t before = m_calls;
+    MHD_run(m_daemon);
     MHD_UNSIGNED_LONG_LONG milliseconds = 0;
-    const bool hasTimeout = MHD_get_timeout(daemon_, &milliseconds) == MHD_YES;
-    const bool isIdle = hasTimeout && milliseconds == 0 && calls_ == before;
-    idleRounds_ = isIdle ? std::min(idleRounds_ + 1, mostIdleRounds + 1)
-                         : idleRounds_ - std::min(idleRounds_, idleRoundsPaid);
+    const bool hasTimeout = MHD_get_timeout(m_daemon, &milliseconds) == MHD_YES;
+    const bool isIdle = hasTimeout && milliseconds == 0 && m_calls == before;
+    m_idleRounds = isIdle ? std::min(m_idleRounds + 1, mostIdleRounds + 1)
+                          : m_idleRounds - std::min(m_idleRounds, idleRoundsPaid);
     if (!hasTimeout)
         return -1;
-    if (idleRounds_ > mostIdleRounds)
+    if (m_idleRounds > mostIdleRounds)
         return idleMilliseconds;
     return static_cast<int>(std::min<MHD_UNSIGNED_LONG_LONG>(milliseconds, 60000));
 }
 
 Seconds Server::grace() const
 {
-    return std::min(longestGrace, Seconds(options_.drainSeconds));
+    return std::min(longestGrace, Seconds(m_options.drainSeconds));
 }
 
 // The library takes a few connections at a time of those that the system has made.
 void Server::acceptAll()
 {
-    const auto* info = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_LISTEN_FD);
+    const auto* info = MHD_get_daemon_info(m_daemon, MHD_DAEMON_INFO_LISTEN_FD);
     pollfd waiting = {info->listen_fd, POLLIN, 0};
     const Clock::time_point end = after(longestAccepting);
     size_t before;
     do {
-        before = accepted_;
-        MHD_run(daemon_);
-    } while (accepted_ != before && poll(&waiting, 1, 0) > 0 && Clock::now() < end);
+        before = m_accepted;
+        MHD_run(m_daemon);
+    } while (m_accepted != before && poll(&waiting, 1, 0) > 0 && Clock::now() < end);
 }
 
 void Server::drain()
 {
-    if (draining_)
+    if (m_draining)
         return;
     acceptAll();
-    draining_ = true;
-    const Descriptor closed(MHD_quiesce_daemon(daemon_));
+    m_draining = true;
+    const Descriptor closed(MHD_quiesce_daemon(m_daemon));
     const Clock::time_point end = after(grace());
-    for (const auto& [connection, owner] : connections_)
+    for (const auto& [connection, owner] : m_connections)
         if (connection->exchange == nullptr)
             connection->deadline = std::min(connection->deadline, end);
     sweep();
@@ -167,7 +167,7 @@ void Server::drain()
 
 void Server::endWaiting()
 {
-    for (const auto& [connection, owner] : connections_)
+    for (const auto& [connection, owner] : m_connections)
         if (connection->exchange == nullptr)
             cutOff(*connection, nullptr);
 }

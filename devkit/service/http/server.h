@@ -24,7 +24,7 @@ public:
     Server& operator=(const Server&) = delete;
 
     // "http://127.0.0.1:8720"
-    const std::string& url() const { return url_; }
+    const std::string& url() const { return m_url; }
 
     // Does what is to do, and tells for how many milliseconds there is nothing.
     int run();
@@ -33,7 +33,7 @@ public:
     // ask for it within a second.
     void drain();
     // Whether there are connections.
-    bool isBusy() const { return !connections_.empty(); }
+    bool isBusy() const { return !m_connections.empty(); }
     // Ends those that have asked for nothing.
     void endWaiting();
 
@@ -76,28 +76,28 @@ private:
     Seconds grace() const;
     std::string metricsText() const;
 
-    EventLoop& loop_;
-    const ServeOptions& options_;
-    Service& service_;
-    Metrics& metrics_;
-    AccessLog& log_;
-    const BearerToken* const token_;
-    const AllowedSites sites_;
-    Rates rates_;
+    EventLoop& m_loop;
+    const ServeOptions& m_options;
+    Service& m_service;
+    Metrics& m_metrics;
+    AccessLog& m_log;
+    const BearerToken* const m_token;
+    const AllowedSites m_sites;
+    Rates m_rates;
     // Made before there is no memory for it.
-    const Refusal late_{"timeout", "", "the request did not arrive whole in time"};
-    std::string url_;
-    std::string certificate_;
-    std::string key_;
-    MHD_Daemon* daemon_ = nullptr;
-    std::map<Connection*, std::unique_ptr<Connection>> connections_;
-    std::map<std::string, size_t> perAddress_;
-    size_t calls_ = 0;       // of the library
-    size_t accepted_ = 0;    // connections, ever
-    size_t idleRounds_ = 0;  // of run() in which it did not call, less those that were paid for
-    size_t bodyBytes_ = 0;   // of requests that are under way, with what is announced
-    bool draining_ = false;
-    Alarm sweep_;
+    const Refusal m_late{"timeout", "", "the request did not arrive whole in time"};
+    std::string m_url;
+    std::string m_certificate;
+    std::string m_key;
+    MHD_Daemon* m_daemon = nullptr;
+    std::map<Connection*, std::unique_ptr<Connection>> m_connections;
+    std::map<std::string, size_t> m_perAddress;
+    size_t m_calls = 0;       // of the library
+    size_t m_accepted = 0;    // connections, ever
+    size_t m_idleRounds = 0;  // of run() in which it did not call, less those that were paid for
+    size_t m_bodyBytes = 0;   // of requests that are under way, with what is announced
+    bool m_draining = false;
+    Alarm m_sweep;
 };
 
 #endif

@@ -21,8 +21,8 @@ public:
 
     static std::string defaultFile();
 
-    const std::string& file() const { return file_; }
-    const std::string& text() const { return token_; }
+    const std::string& file() const { return m_file; }
+    const std::string& text() const { return m_token; }
 
     // Whether an Authorization header shows it. Takes the same time wherever they differ.
     bool isShownBy(const std::string& authorization) const;
@@ -31,8 +31,8 @@ private:
     bool read();
     bool make();
 
-    const std::string file_;
-    std::string token_;
+    const std::string m_file;
+    std::string m_token;
 };
 
 // The name in a Host header, in lower case and without the port; "" if there is none.
@@ -50,15 +50,15 @@ public:
     bool isOrigin(const std::string& origin, const std::string& hostHeader) const;
 
 private:
-    std::vector<std::string> hosts_;
-    std::vector<std::string> origins_;
-    const char* scheme_;
+    std::vector<std::string> m_hosts;
+    std::vector<std::string> m_origins;
+    const char* m_scheme;
 };
 
 // What each address has sent lately: a bucket that fills at the rate up to the burst.
 class Rates {
 public:
-    Rates(double perSecond, double burst) : perSecond_(perSecond), burst_(burst) {}
+    Rates(double perSecond, double burst) : m_perSecond(perSecond), m_burst(burst) {}
 
     bool take(const std::string& address, Clock::time_point now);
     // Forgets addresses whose bucket is full again.
@@ -71,9 +71,9 @@ private:
     };
     double levelOf(const Bucket& bucket, Clock::time_point now) const;
 
-    const double perSecond_;
-    const double burst_;
-    std::unordered_map<std::string, Bucket> buckets_;
+    const double m_perSecond;
+    const double m_burst;
+    std::unordered_map<std::string, Bucket> m_buckets;
 };
 
 #endif

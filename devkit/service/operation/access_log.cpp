@@ -47,12 +47,12 @@ void appendThousandths(std::string& out, uint64_t number)
 
 }  // namespace
 
-AccessLog::AccessLog(std::string file) : file_(std::move(file))
+AccessLog::AccessLog(std::string file) : m_file(std::move(file))
 {
-    if (file_.empty())
+    if (m_file.empty())
         return;
-    descriptor_ = openLog(file_);
-    sink_.emplace(descriptor_.get());
+    m_descriptor = openLog(m_file);
+    m_sink.emplace(m_descriptor.get());
 }
 
 AccessLog::~AccessLog()
@@ -63,7 +63,7 @@ AccessLog::~AccessLog()
 void AccessLog::write(const AccessEntry& entry)
 {
     // Made apart, so that nothing of it is left where memory ends on the way.
-    std::string& out = line_;
+    std::string& out = m_line;
     out = "{\"time\":";
     appendTime(out);
     appendMember(out, "id", entry.id);
@@ -82,44 +82,44 @@ void AccessLog::write(const AccessEntry& entry)
         appendMember(out, "error", entry.error);
     out += "}\n";
 
-    collected_ += out;
-    ++count_;
-    if (collected_.size() >= mostCollected)
+    m_collected += out;
+    ++m_count;
+    if (m_collected.size() >= mostCollected)
         flush();
 }
 
 void AccessLog::flush() noexcept
 {
-    if (count_ > 0)
+    if (m_count > 0)
         withoutFailure("the access log", [this] { writeCollected(); });
 }
 
 void AccessLog::writeCollected()
 {
-    LineSink& sink = sink_ ? *sink_ : errors_;
-    if (untold_ > 0) {
-        line_ = "{\"time\":";
-        appendTime(line_);
-        appendMember(line_, "dropped", untold_);
-        line_ += "}\n";
-        untold_ = sink.write(line_) == 1 ? 0 : untold_;
+    LineSink& sink = m_sink ? *m_sink : m_errors;
+    if (m_untold > 0) {
+        m_line = "{\"time\":";
+        appendTime(m_line);
+        appendMember(m_line, "dropped", m_untold);
+        m_line += "}\n";
+        m_untold = sink.write(m_line) == 1 ? 0 : m_untold;
     }
-    const size_t lost = count_ - (untold_ == 0 ? sink.write(collected_) : 0);
-    collected_.clear();
-    count_ = 0;
-    dropped_ += lost;
-    untold_ += lost;
+    const size_t lost = m_count - (m_untold == 0 ? sink.write(m_collected) : 0);
+    m_collected.clear();
+    m_count = 0;
+    m_dropped += lost;
+    m_untold += lost;
 }
 
 void AccessLog::reopen()
 {
-    if (file_.empty())
+    if (m_file.empty())
         return;
     flush();
     try {
-        Descriptor descriptor = openLog(file_);
-        sink_.emplace(descriptor.get());
-        descriptor_ = std::move(descriptor);
+        Descriptor descriptor = openLog(m_file);
+        m_sink.emplace(descriptor.get());
+        m_descriptor = std::move(descriptor);
     } catch (const UsageError& e) {
         tell(std::string("the access log stays where it is: ") + e.what());
     }
@@ -127,7 +127,7 @@ void AccessLog::reopen()
 
 void AccessLog::tell(const std::string& text)
 {
-    errors_.write("corvane-host: " + text + "\n");
+    m_errors.write("corvane-host: " + text + "\n");
 }
 
 // The time of day in UTC, with milliseconds, as a JSON string.
@@ -135,15 +135,15 @@ void AccessLog::appendTime(std::string& out)
 {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec / 60 != minute_) {
+    if (now.tv_sec / 60 != m_minute) {
         tm parts = {};
         gmtime_r(&now.tv_sec, &parts);
         std::array<char, 40> text;
-        minuteText_.assign(text.data(),
-                           strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:", &parts));
-        minute_ = now.tv_sec / 60;
+        m_minuteText.assign(text.data(),
+                            strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:", &parts));
+        m_minute = now.tv_sec / 60;
     }
-    out.append("\"").append(minuteText_);
+    out.append("\"").append(m_minuteText);
     const auto ofMinute = static_cast<uint64_t>(now.tv_sec % 60 * 1000 + now.tv_nsec / 1000000);
     out.append(ofMinute < 10000 ? "0" : "");
     appendThousandths(out, ofMinute);

@@ -44,7 +44,7 @@ public:
     // by how many there were.
     void flush() noexcept;
     // Lines that were dropped since the start, as far as they were flushed.
-    uint64_t dropped() const { return dropped_; }
+    uint64_t dropped() const { return m_dropped; }
     // After the file was moved away. Keeps the old one if it cannot be made.
     void reopen();
 
@@ -55,17 +55,17 @@ private:
     void writeCollected();
     void appendTime(std::string& out);
 
-    const std::string file_;
-    Descriptor descriptor_;
-    LineSink errors_{STDERR_FILENO};
-    std::optional<LineSink> sink_;  // the file's; else lines go to errors_
-    std::string line_;              // the one that is being made
-    std::string collected_;         // whole lines
-    size_t count_ = 0;              // of them
-    uint64_t dropped_ = 0;
-    uint64_t untold_ = 0;  // of them, since the log told
-    time_t minute_ = 0;    // since 1970, whose text is in minuteText_
-    std::string minuteText_;
+    const std::string m_file;
+    Descriptor m_descriptor;
+    LineSink m_errors{STDERR_FILENO};
+    std::optional<LineSink> m_sink;  // the file's; else lines go to m_errors
+    std::string m_line;              // the one that is being made
+    std::string m_collected;         // whole lines
+    size_t m_count = 0;              // of them
+    uint64_t m_dropped = 0;
+    uint64_t m_untold = 0;  // of them, since the log told
+    time_t m_minute = 0;    // since 1970, whose text is in m_minuteText
+    std::string m_minuteText;
 };
 
 #endif

@@ -23,12 +23,12 @@ std::string_view firstLines(std::string_view lines)
 
 }  // namespace
 
-LineSink::LineSink(int descriptor) : descriptor_(descriptor)
+LineSink::LineSink(int descriptor) : m_descriptor(descriptor)
 {
     struct stat info = {};
-    isSocket_ = fstat(descriptor, &info) == 0 && S_ISSOCK(info.st_mode);
+    m_isSocket = fstat(descriptor, &info) == 0 && S_ISSOCK(info.st_mode);
     // A line must not be left without its end where there is no memory to keep that.
-    rest_.reserve(PIPE_BUF);
+    m_rest.reserve(PIPE_BUF);
 }
 
 size_t LineSink::write(std::string_view lines)
@@ -43,7 +43,7 @@ size_t LineSink::write(std::string_view lines)
             continue;
         if (!written.empty() && written.back() != '\n') {
             const std::string_view begun = some.substr(written.size());
-            rest_ = begun.substr(0, begun.find('\n') + 1);
+            m_rest = begun.substr(0, begun.find('\n') + 1);
             ++taken;
         }
         break;
@@ -54,15 +54,15 @@ size_t LineSink::write(std::string_view lines)
 // Writes what can be written now; -1 or 0 if nothing can.
 ssize_t LineSink::writeSome(std::string_view bytes) const
 {
-    if (isSocket_)
-        return send(descriptor_, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    if ((fcntl(descriptor_, F_GETFL) & O_NONBLOCK) != 0)
-        return ::write(descriptor_, bytes.data(), bytes.size());
+    if (m_isSocket)
+        return send(m_descriptor, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if ((fcntl(m_descriptor, F_GETFL) & O_NONBLOCK) != 0)
+        return ::write(m_descriptor, bytes.data(), bytes.size());
     // A pipe that has room takes so much without waiting.
-    pollfd waiting = {descriptor_, POLLOUT, 0};
+    pollfd waiting = {m_descriptor, POLLOUT, 0};
     if (poll(&waiting, 1, 0) != 1)
         return -1;
-    return ::write(descriptor_, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
+    return ::write(m_descriptor, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
 }
 
 // How many bytes could be written.
@@ -81,8 +81,8 @@ size_t LineSink::writeAll(std::string_view bytes) const
 // Whether nothing is left.
 bool LineSink::writeRest()
 {
-    rest_.erase(0, writeAll(rest_));
-    return rest_.empty();
+    m_rest.erase(0, writeAll(m_rest));
+    return m_rest.empty();
 }
 
 void openStandardStreams()

@@ -23,9 +23,9 @@ private:
     size_t writeAll(std::string_view bytes) const;
     bool writeRest();
 
-    const int descriptor_;
-    bool isSocket_ = false;
-    std::string rest_;  // of a line that is begun
+    const int m_descriptor;
+    bool m_isSocket = false;
+    std::string m_rest;  // of a line that is begun
 };
 
 // Descriptors 0 to 2, where they are closed, lead nowhere, so that nothing else gets their

@@ -48,11 +48,11 @@ bool isPlain(const std::string& code)
 void Metrics::countRequest(const std::string& name, const std::string& code, double seconds)
 {
     auto key = std::pair(name, isPlain(code) ? code : "other");
-    if (requests_.size() >= mostRows && requests_.count(key) == 0)
+    if (m_requests.size() >= mostRows && m_requests.count(key) == 0)
         key.second = "other";
-    ++requests_[key];
+    ++m_requests[key];
 
-    Histogram& histogram = times_[name];
+    Histogram& histogram = m_times[name];
     const auto bound = std::lower_bound(bounds.begin(), bounds.end(), seconds);
     ++histogram.counts[static_cast<size_t>(bound - bounds.begin())];
     histogram.sum += seconds;
@@ -61,13 +61,13 @@ void Metrics::countRequest(const std::string& name, const std::string& code, dou
 std::string Metrics::text() const
 {
     std::string out = type("corvane_requests_total", "counter");
-    for (const auto& [key, count] : requests_)
+    for (const auto& [key, count] : m_requests)
         out += line("corvane_requests_total",
                     label("name", key.first) + "," + label("code", key.second),
                     static_cast<double>(count));
 
     out += type("corvane_request_seconds", "histogram");
-    for (const auto& [name, histogram] : times_) {
+    for (const auto& [name, histogram] : m_times) {
         uint64_t sum = 0;
         for (size_t i = 0; i <= bounds.size(); ++i) {
             sum += histogram.counts[i];
@@ -80,7 +80,7 @@ std::string Metrics::text() const
     }
 
     out += type("corvane_http_answers_total", "counter");
-    for (const auto& [status, count] : answers_)
+    for (const auto& [status, count] : m_answers)
         out += line("corvane_http_answers_total", label("status", std::to_string(status)),
                     static_cast<double>(count));
     return out;

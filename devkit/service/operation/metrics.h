@@ -13,7 +13,7 @@ class Metrics {
 public:
     // An outcome: the result code, or the host's own code.
     void countRequest(const std::string& name, const std::string& code, double seconds);
-    void countAnswer(unsigned status) { ++answers_[status]; }
+    void countAnswer(unsigned status) { ++m_answers[status]; }
 
     std::string text() const;
 
@@ -25,9 +25,9 @@ private:
         double sum = 0;
     };
 
-    std::map<std::pair<std::string, std::string>, uint64_t> requests_;
-    std::map<std::string, Histogram> times_;
-    std::map<unsigned, uint64_t> answers_;
+    std::map<std::pair<std::string, std::string>, uint64_t> m_requests;
+    std::map<std::string, Histogram> m_times;
+    std::map<unsigned, uint64_t> m_answers;
 };
 
 // One line of the format, with its type if it is the first of its name.

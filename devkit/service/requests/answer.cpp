@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 
 #include "common/codec.h"
 #include "common/secrets.h"
@@ -70,7 +71,7 @@ std::string beginningOf(const WireReply& reply, const Json& error, const std::st
     out += "{\"results\":";
     appendResults(out, reply.results);
     appendSecret(out, ",\"error\":");
-    appendSecret(out, error.is_null() ? "null" : write(error, -1));
+    appendSecret(out, error.is_null() ? "null" : jsonText(error, -1));
     appendSecret(out, ",\"warnings\":");
     appendSecret(out, warnings);
     return out;
@@ -89,7 +90,7 @@ Answer answerOf(const Refusal& refusal)
 Answer answerOf(const Json& json)
 {
     Answer answer;
-    answer.body = write(json, -1);
+    answer.body = jsonText(json, -1);
     return answer;
 }
 

@@ -2,7 +2,7 @@
 #ifndef CORVANE_SERVICE_REQUESTS_ANSWER_H
 #define CORVANE_SERVICE_REQUESTS_ANSWER_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 

@@ -32,8 +32,8 @@ ConfinedFiles::ConfinedFiles(const std::string& folder)
 {
     if (folder.empty())
         return;
-    folder_ = Descriptor(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!folder_ || faccessat(AT_FDCWD, folder.c_str(), R_OK | X_OK, AT_EACCESS) != 0)
+    m_folder = Descriptor(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!m_folder || faccessat(AT_FDCWD, folder.c_str(), R_OK | X_OK, AT_EACCESS) != 0)
         throw UsageError("cannot open the folder " + folder + ": " +
                          std::generic_category().message(errno));
 }
@@ -41,7 +41,7 @@ ConfinedFiles::ConfinedFiles(const std::string& folder)
 Descriptor ConfinedFiles::open(const std::string& name, const std::string& field,
                                bool isFolder) const
 {
-    if (!folder_)
+    if (!m_folder)
         throw Refusal::because("no_folder", field);
     if (name.empty() || name.find('\0') != std::string::npos || name.front() == '/' ||
         hasParent(name))
@@ -54,7 +54,7 @@ Descriptor ConfinedFiles::open(const std::string& name, const std::string& field
         how.flags |= O_DIRECTORY;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_SYMLINKS;
     Descriptor file(
-        static_cast<int>(syscall(SYS_openat2, folder_.get(), name.c_str(), &how, sizeof how)));
+        static_cast<int>(syscall(SYS_openat2, m_folder.get(), name.c_str(), &how, sizeof how)));
     struct stat info = {};
     if (!file || fstat(file.get(), &info) != 0 || !(isFolder || S_ISREG(info.st_mode)))
         throw Refusal::because(isFolder ? "no_such_folder" : "no_such_file", field);

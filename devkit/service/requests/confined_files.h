@@ -24,7 +24,7 @@ public:
 private:
     Descriptor open(const std::string& name, const std::string& field, bool isFolder) const;
 
-    Descriptor folder_;
+    Descriptor m_folder;
 };
 
 #endif

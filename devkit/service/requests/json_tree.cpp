@@ -13,9 +13,9 @@ constexpr size_t longestName = 128;
 // Builds the tree from the parser's events. What it throws passes through the parser.
 class Builder : public nlohmann::json_sax<nlohmann::json> {
 public:
-    explicit Builder(const JsonLimits& limits) : limits_(limits) {}
+    explicit Builder(const JsonLimits& limits) : m_limits(limits) {}
 
-    JsonNode take() { return std::move(root_); }
+    JsonNode take() { return std::move(m_root); }
 
     bool null() override { return add(JsonNode::Other, ""); }
     bool boolean(bool /*value*/) override { return add(JsonNode::Other, ""); }
@@ -46,14 +46,14 @@ public:
     {
         if (!isName(name))
             throw Refusal("malformed", where(), "a name is not 1 to 128 printable characters");
-        const JsonNode& object = *path_.back();
+        const JsonNode& object = *m_path.back();
         if (object.find(name) != nullptr)
             throw Refusal("duplicate_parameter", memberOf(where(), name), name + " is given twice");
-        if (object.members.size() >= limits_.members)
+        if (object.members.size() >= m_limits.members)
             throw Refusal(
                 "too_many_parameters", where(),
-                "an object has more than " + std::to_string(limits_.members) + " members");
-        key_ = name;
+                "an object has more than " + std::to_string(m_limits.members) + " members");
+        m_key = name;
         return true;
     }
     // The parser's message quotes what it read.
@@ -79,30 +79,30 @@ private:
 
     JsonNode& place(JsonNode node)
     {
-        if (path_.empty())
-            return root_ = std::move(node);
-        JsonNode& parent = *path_.back();
-        if (parent.kind == JsonNode::Array && parent.members.size() >= limits_.items)
+        if (m_path.empty())
+            return m_root = std::move(node);
+        JsonNode& parent = *m_path.back();
+        if (parent.kind == JsonNode::Array && parent.members.size() >= m_limits.items)
             throw Refusal("too_many_parameters", where(),
-                          "an array has more than " + std::to_string(limits_.items) + " items");
-        return parent.members.emplace_back(key_, std::move(node)).second;
+                          "an array has more than " + std::to_string(m_limits.items) + " items");
+        return parent.members.emplace_back(m_key, std::move(node)).second;
     }
 
     bool open(JsonNode::Kind kind)
     {
-        if (path_.size() >= limits_.depth)
+        if (m_path.size() >= m_limits.depth)
             throw Refusal("malformed", where(), "the body is nested more deeply than it can be");
         JsonNode node;
         node.kind = kind;
-        path_.push_back(&place(std::move(node)));
-        key_.clear();
+        m_path.push_back(&place(std::move(node)));
+        m_key.clear();
         return true;
     }
 
     // Nothing is added to a node's parent while the node is open, so pointers stay good.
     bool close()
     {
-        path_.pop_back();
+        m_path.pop_back();
         return true;
     }
 
@@ -110,17 +110,17 @@ private:
     std::string where() const
     {
         std::string place;
-        for (size_t i = 0; i + 1 < path_.size(); ++i)
-            place = path_[i]->kind == JsonNode::Array
-                        ? itemOf(place, path_[i]->members.size() - 1)
-                        : memberOf(place, path_[i]->members.back().first);
+        for (size_t i = 0; i + 1 < m_path.size(); ++i)
+            place = m_path[i]->kind == JsonNode::Array
+                        ? itemOf(place, m_path[i]->members.size() - 1)
+                        : memberOf(place, m_path[i]->members.back().first);
         return place;
     }
 
-    const JsonLimits& limits_;
-    JsonNode root_;
-    std::vector<JsonNode*> path_;
-    std::string key_;
+    const JsonLimits& m_limits;
+    JsonNode m_root;
+    std::vector<JsonNode*> m_path;
+    std::string m_key;
 };
 
 }  // namespace
@@ -132,7 +132,7 @@ const JsonNode* JsonNode::find(const std::string& name) const
     return found == members.end() ? nullptr : &found->second;
 }
 
-JsonNode parseJson(std::string_view text, const JsonLimits& limits)
+JsonNode readJsonTree(std::string_view text, const JsonLimits& limits)
 {
     if (!isUtf8(text))
         throw Refusal("bad_encoding", "", "the body is not UTF-8");

@@ -27,7 +27,7 @@ struct JsonLimits {
 };
 
 // Throws a Refusal.
-JsonNode parseJson(std::string_view text, const JsonLimits& limits);
+JsonNode readJsonTree(std::string_view text, const JsonLimits& limits);
 
 // "requests[3].parameters" and such.
 std::string memberOf(const std::string& where, const std::string& name);

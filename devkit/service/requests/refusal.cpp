@@ -1,5 +1,7 @@
 #include "refusal.h"
 
+#include <nlohmann/json.hpp>
+
 namespace {
 
 // A name that is not in the table is a fault of the caller, and still gives an answer.
@@ -12,7 +14,7 @@ const ErrorCode& rowOf(const char* code)
 }  // namespace
 
 Refusal::Refusal(const char* code, std::string field, std::string text)
-    : code_(rowOf(code)), field_(std::move(field)), text_(std::move(text))
+    : m_code(rowOf(code)), m_field(std::move(field)), m_text(std::move(text))
 {
 }
 
@@ -22,17 +24,17 @@ Refusal Refusal::because(const std::string& reason, std::string field)
     if (row == nullptr)
         return {"malformed", std::move(field), reason};
     Refusal refusal(row->code, std::move(field), row->text);
-    refusal.reason_ = row->name;
+    refusal.m_reason = row->name;
     return refusal;
 }
 
 nlohmann::ordered_json Refusal::json() const
 {
     using Json = nlohmann::ordered_json;
-    const Json field = field_.empty() ? Json() : Json(field_);
-    Json error = {{"code", code_.name}, {"source", code_.source}, {"field", field},
-                  {"text", text_},      {"cause", code_.cause},   {"remedy", code_.remedy}};
-    if (reason_ != nullptr)
-        error["reason"] = reason_;
+    const Json field = m_field.empty() ? Json() : Json(m_field);
+    Json error = {{"code", m_code.name}, {"source", m_code.source}, {"field", field},
+                  {"text", m_text},      {"cause", m_code.cause},   {"remedy", m_code.remedy}};
+    if (m_reason != nullptr)
+        error["reason"] = m_reason;
     return {{"results", Json::object()}, {"error", error}, {"warnings", Json::array()}};
 }

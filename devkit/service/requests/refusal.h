@@ -3,7 +3,7 @@
 #define CORVANE_SERVICE_REQUESTS_REFUSAL_H
 
 #include <exception>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "host/catalogue/error_codes.h"
@@ -15,16 +15,16 @@ public:
     // For a reason of hostReasons(), which has code and text.
     static Refusal because(const std::string& reason, std::string field = "");
 
-    const char* what() const noexcept override { return text_.c_str(); }
-    const ErrorCode& code() const { return code_; }
+    const char* what() const noexcept override { return m_text.c_str(); }
+    const ErrorCode& code() const { return m_code; }
     // The answer to the request, as the interface shapes it.
     nlohmann::ordered_json json() const;
 
 private:
-    const ErrorCode& code_;
-    std::string field_;
-    std::string text_;
-    const char* reason_ = nullptr;  // the reason's name, if there is one
+    const ErrorCode& m_code;
+    std::string m_field;
+    std::string m_text;
+    const char* m_reason = nullptr;  // the reason's name, if there is one
 };
 
 #endif

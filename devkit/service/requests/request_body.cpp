@@ -94,7 +94,7 @@ void checkSizes(const Fields& fields, const BodyLimits& limits)
 Fields readFields(const std::string& contentType, std::string_view body, const BodyLimits& limits)
 {
     if (isJson(contentType)) {
-        const JsonNode root = parseJson(body, {2, limits.parameters, 0});
+        const JsonNode root = readJsonTree(body, {2, limits.parameters, 0});
         return readParameters(root, "", limits);
     }
     const std::string_view type = mediaType(contentType);
@@ -122,7 +122,7 @@ std::vector<BatchPart> readBatch(const std::string& contentType, std::string_vie
 {
     if (!isJson(contentType))
         throw Refusal("unsupported_type", "Content-Type", "a batch is JSON");
-    const JsonNode root = parseJson(body, {5, limits.parameters, limits.batch});
+    const JsonNode root = readJsonTree(body, {5, limits.parameters, limits.batch});
     const JsonNode* requests = root.kind == JsonNode::Object ? root.find("requests") : nullptr;
     if (requests == nullptr || requests->kind != JsonNode::Array || root.members.size() != 1)
         throw Refusal("wrong_type", "requests",

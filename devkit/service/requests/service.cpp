@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "host/catalogue/descriptions.h"
 #include "host/catalogue/peer_steps.h"
@@ -52,46 +53,46 @@ struct Gathering {
 
 Service::Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool, Metrics& metrics,
                  std::function<void()> onReady)
-    : loop_(loop),
-      options_(options),
-      limits_{BodyLimits().parameters, options.parameterBytes, BodyLimits().batch},
-      metrics_(metrics),
-      sessions_(pool.workers, options.sessions),
-      files_(options.caFolder),
-      idleSessions_(loop, [this] { endIdleSessions(); }),
-      pool_(loop, std::move(pool), std::move(onReady),
-            [this](WorkerLife life) { sessions_.endAllOf(life, "session_worker_ended"); })
+    : m_loop(loop),
+      m_options(options),
+      m_limits{BodyLimits().parameters, options.parameterBytes, BodyLimits().batch},
+      m_metrics(metrics),
+      m_sessions(pool.workers, options.sessions),
+      m_files(options.caFolder),
+      m_idleSessions(loop, [this] { endIdleSessions(); }),
+      m_pool(loop, std::move(pool), std::move(onReady),
+             [this](WorkerLife life) { m_sessions.endAllOf(life, "session_worker_ended"); })
 {
     endIdleSessions();
 }
 
 void Service::offerPeer(PoolOptions pool)
 {
-    peer_.emplace(
-        loop_, std::move(pool), [] {}, [](WorkerLife) {});
+    m_peer.emplace(
+        m_loop, std::move(pool), [] {}, [](WorkerLife) {});
 }
 
 void Service::collectChildren()
 {
     for (pid_t pid; (pid = waitpid(-1, nullptr, WNOHANG)) > 0;) {
-        pool_.childEnded(pid);
-        if (peer_)
-            peer_->childEnded(pid);
+        m_pool.childEnded(pid);
+        if (m_peer)
+            m_peer->childEnded(pid);
     }
 }
 
 void Service::flush()
 {
-    pool_.flush();
-    if (peer_)
-        peer_->flush();
+    m_pool.flush();
+    if (m_peer)
+        m_peer->flush();
 }
 
 void Service::stop(Seconds grace)
 {
-    if (peer_)
-        peer_->stop(Seconds(0));
-    pool_.stop(grace);
+    if (m_peer)
+        m_peer->stop(Seconds(0));
+    m_pool.stop(grace);
 }
 
 // ---- Checks.
@@ -115,7 +116,7 @@ Service::Part Service::check(const std::string& name, Fields& fields,
 
     const std::string* token = findValue(part.wire.parameters, sessionParameter);
     if (takesSession(*part.info) && token != nullptr && !token->empty()) {
-        if (sessions_.find(*token) == nullptr)
+        if (m_sessions.find(*token) == nullptr)
             throw goneRefusal(*token, where.empty() ? sessionParameter
                                                     : where + ".parameters." + sessionParameter);
         part.wire.session = *token;
@@ -136,22 +137,22 @@ void Service::checkFiles(Part& part, const std::optional<SecretText>& upload,
         if (isFile && upload)
             part.files.push_back(ConfinedFiles::upload(*upload));
         else if (isFile)
-            part.files.push_back(files_.openFile(*value, where + name));
+            part.files.push_back(m_files.openFile(*value, where + name));
         else
-            part.files.push_back(files_.openFolder(*value, where + name));
+            part.files.push_back(m_files.openFolder(*value, where + name));
     }
 }
 
 void Service::checkRoom(const WorkerPool& pool, size_t parts) const
 {
     const size_t free = pool.ready() - pool.busy();
-    if (pool.queued() + parts > options_.queue + free)
+    if (pool.queued() + parts > m_options.queue + free)
         throw Refusal::because("queue_full");
 }
 
 Refusal Service::goneRefusal(const std::string& token, const std::string& field) const
 {
-    return Refusal::because(sessions_.reasonOf(token), field);
+    return Refusal::because(m_sessions.reasonOf(token), field);
 }
 
 // ---- Sending.
@@ -160,13 +161,13 @@ void Service::request(const std::string& name, const std::string& contentType,
                       std::string_view body, Done done)
 {
     try {
-        Fields fields = readBody(contentType, body, limits_);
+        Fields fields = readBody(contentType, body, m_limits);
         Part part = check(name, fields, "");
-        checkRoom(pool_, 1);
+        checkRoom(m_pool, 1);
         send(std::move(part), std::move(done));
     } catch (const Refusal& refusal) {
         if (findRequest(name) != nullptr)
-            metrics_.countRequest(name, refusal.code().name, 0);
+            m_metrics.countRequest(name, refusal.code().name, 0);
         throw;
     }
 }
@@ -174,9 +175,9 @@ void Service::request(const std::string& name, const std::string& contentType,
 void Service::batch(const std::string& contentType, std::string_view body, Done done)
 {
     std::vector<Part> parts;
-    for (BatchPart& part : readBatch(contentType, body, limits_))
+    for (BatchPart& part : readBatch(contentType, body, m_limits))
         parts.push_back(check(part.name, part.fields, part.where));
-    checkRoom(pool_, parts.size());
+    checkRoom(m_pool, parts.size());
 
     const auto gathering = std::make_shared<Gathering>();
     gathering->answers.resize(parts.size());
@@ -193,13 +194,13 @@ void Service::peer(const std::string& step, const std::string& contentType, std:
                    Done done)
 {
     const PeerStep* known = findPeerStep(step);
-    if (!peer_ || known == nullptr)
+    if (!m_peer || known == nullptr)
         throw Refusal("not_found", "",
-                      peer_ ? "the peer has no such step" : "there is no peer at this host");
+                      m_peer ? "the peer has no such step" : "there is no peer at this host");
 
     Task task;
     task.request.name = known->name;
-    for (Field& field : readBody(contentType, body, limits_)) {
+    for (Field& field : readBody(contentType, body, m_limits)) {
         if (field.given != Given::Plain)
             throw Refusal("wrong_type", field.where, "the peer takes texts of Base64");
         task.request.parameters.emplace_back(std::move(field.name), std::move(field.value));
@@ -207,13 +208,13 @@ void Service::peer(const std::string& step, const std::string& contentType, std:
     for (const char* member : known->members)
         if (findValue(task.request.parameters, member) == nullptr)
             throw Refusal("malformed", member, std::string(member) + " is missing");
-    checkRoom(*peer_, 1);
+    checkRoom(*m_peer, 1);
 
     task.done = [done = std::move(done)](Ending ending, WireReply& reply, WorkerLife) {
         const bool isAnswer = ending == Ending::Answered && reply.kind == WireReply::Answer;
         done(isAnswer ? peerAnswer(reply) : answerOf(refusalOf(ending, reply)));
     };
-    peer_->submit(std::move(task));
+    m_peer->submit(std::move(task));
 }
 
 void Service::submit(Part part, std::optional<WorkerLife> bound,
@@ -224,7 +225,7 @@ void Service::submit(Part part, std::optional<WorkerLife> bound,
     task.files = std::move(part.files);
     task.bound = bound;
     task.done = std::move(done);
-    pool_.submit(std::move(task));
+    m_pool.submit(std::move(task));
 }
 
 void Service::send(Part part, Done done)
@@ -244,7 +245,7 @@ void Service::sendToSession(Part part, const Waiter& waiter)
 {
     const std::string token = part.wire.session;
     // An earlier part of the same batch may have ended it.
-    const std::shared_ptr<Sessions::Use> use = sessions_.enter(token);
+    const std::shared_ptr<Sessions::Use> use = m_sessions.enter(token);
     if (use == nullptr)
         return refuse(waiter, goneRefusal(token, sessionParameter));
 
@@ -256,11 +257,11 @@ void Service::sendToSession(Part part, const Waiter& waiter)
                    return refuse(waiter,
                                  Refusal::because("session_worker_ended", sessionParameter));
                if (ending == Ending::Answered && reply.kind == WireReply::SessionGone) {
-                   sessions_.end(token, "session_worker_forgot");
+                   m_sessions.end(token, "session_worker_forgot");
                    return refuse(waiter, goneRefusal(token, sessionParameter));
                }
                if (ending == Ending::Answered && frees)
-                   sessions_.end(token, "session_freed");
+                   m_sessions.end(token, "session_freed");
                finish(waiter, ending, reply);
            });
 }
@@ -269,11 +270,11 @@ void Service::sendToSession(Part part, const Waiter& waiter)
 void Service::sendNewSession(Part part, const Waiter& waiter, unsigned attempt)
 {
     std::optional<WorkerLife> chosen;
-    for (size_t slot = 0; slot < pool_.size(); ++slot)
-        if (pool_.info(slot).pid > 0 &&
-            (!chosen || sessions_.countOf(slot) < sessions_.countOf(chosen->slot)))
-            chosen = WorkerLife{slot, pool_.info(slot).generation};
-    const auto reservation = chosen ? sessions_.reserve(*chosen) : nullptr;
+    for (size_t slot = 0; slot < m_pool.size(); ++slot)
+        if (m_pool.info(slot).pid > 0 &&
+            (!chosen || m_sessions.countOf(slot) < m_sessions.countOf(chosen->slot)))
+            chosen = WorkerLife{slot, m_pool.info(slot).generation};
+    const auto reservation = chosen ? m_sessions.reserve(*chosen) : nullptr;
     if (reservation == nullptr)
         return refuse(waiter, Refusal::because("sessions_full"));
 
@@ -300,28 +301,28 @@ void Service::finish(const Waiter& waiter, Ending ending, const WireReply& reply
     const double seconds = Seconds(Clock::now() - waiter.start).count();
     if (ending != Ending::Answered || reply.kind != WireReply::Answer)
         return refuse(waiter, refusalOf(ending, reply), seconds);
-    metrics_.countRequest(waiter.info->name, reply.ok ? "0" : reply.code, seconds);
+    m_metrics.countRequest(waiter.info->name, reply.ok ? "0" : reply.code, seconds);
     waiter.done(pluginAnswer(reply, waiter.warnings));
 }
 
 void Service::refuse(const Waiter& waiter, const Refusal& refusal, double seconds)
 {
-    metrics_.countRequest(waiter.info->name, refusal.code().name, seconds);
+    m_metrics.countRequest(waiter.info->name, refusal.code().name, seconds);
     waiter.done(answerOf(refusal));
 }
 
 // As often as makes the time that was promised nearly right.
 void Service::endIdleSessions()
 {
-    const Seconds idle(options_.sessionSeconds);
-    idleSessions_.set(after(std::clamp(idle / 4, Seconds(0.05), Seconds(5))));
+    const Seconds idle(m_options.sessionSeconds);
+    m_idleSessions.set(after(std::clamp(idle / 4, Seconds(0.05), Seconds(5))));
     for (const std::string& token :
-         sessions_.idleSince(Clock::now() - std::chrono::duration_cast<Clock::duration>(idle))) {
+         m_sessions.idleSince(Clock::now() - std::chrono::duration_cast<Clock::duration>(idle))) {
         Part part;
         part.wire.name = freeSessionRequest;
         part.wire.session = token;
-        const WorkerLife life = *sessions_.find(token);
-        sessions_.end(token, "session_idle");
+        const WorkerLife life = *m_sessions.find(token);
+        m_sessions.end(token, "session_idle");
         submit(std::move(part), life, [](Ending, WireReply&, WorkerLife) {});
     }
 }
@@ -330,79 +331,79 @@ void Service::endIdleSessions()
 
 void Service::probe(Done done)
 {
-    if (probed_ != Clock::time_point() && Clock::now() - probed_ < std::chrono::seconds(1))
-        return done(lastProbe_);
-    if (!waitingForProbe_.empty())
-        return waitingForProbe_.push_back(std::move(done));
+    if (m_probed != Clock::time_point() && Clock::now() - m_probed < std::chrono::seconds(1))
+        return done(m_lastProbe);
+    if (!m_waitingForProbe.empty())
+        return m_waitingForProbe.push_back(std::move(done));
     Part part;
     part.wire.name = probeName;
     part.wire.parameters = probeParameters;
     // Where nothing comes of it, nobody waits for it any longer.
-    const std::shared_ptr<void> end(this, [this](void*) { waitingForProbe_.clear(); });
-    waitingForProbe_.push_back(std::move(done));
+    const std::shared_ptr<void> end(this, [this](void*) { m_waitingForProbe.clear(); });
+    m_waitingForProbe.push_back(std::move(done));
     submit(std::move(part), std::nullopt, [this, end](Ending ending, WireReply& reply, WorkerLife) {
         const std::string* data = findValue(reply.results, "Data");
         const bool isRight = data != nullptr && *data == probeAnswer;
         const char* status = "no worker answers";
         if (ending == Ending::Answered)
             status = isRight ? "ok" : "a worker gives a wrong answer";
-        lastProbe_ = answerOf(Json{{"status", status}});
-        lastProbe_.status = isRight ? 200 : 503;
-        probed_ = Clock::now();
-        for (const Done& one : std::exchange(waitingForProbe_, {}))
-            one(lastProbe_);
+        m_lastProbe = answerOf(Json{{"status", status}});
+        m_lastProbe.status = isRight ? 200 : 503;
+        m_probed = Clock::now();
+        for (const Done& one : std::exchange(m_waitingForProbe, {}))
+            one(m_lastProbe);
     });
 }
 
 Json Service::status() const
 {
     Json workers = Json::array();
-    for (size_t slot = 0; slot < pool_.size(); ++slot) {
-        const WorkerPool::WorkerInfo info = pool_.info(slot);
+    for (size_t slot = 0; slot < m_pool.size(); ++slot) {
+        const WorkerPool::WorkerInfo info = m_pool.info(slot);
         workers.push_back({{"slot", slot},
                            {"state", stateName(info.state)},
                            {"restarts", info.restarts},
-                           {"sessions", sessions_.countOf(slot)},
+                           {"sessions", m_sessions.countOf(slot)},
                            {"requests", info.served}});
     }
     return {{"version", CORVANE_VERSION},
-            {"uptime_seconds", static_cast<long>(Seconds(Clock::now() - start_).count())},
-            {"engine", pool_.version()},
+            {"uptime_seconds", static_cast<long>(Seconds(Clock::now() - m_start).count())},
+            {"engine", m_pool.version()},
             {"workers", workers},
-            {"sessions", sessions_.count()},
-            {"queue", pool_.queued()},
+            {"sessions", m_sessions.count()},
+            {"queue", m_pool.queued()},
             {"limits",
-             {{"body_bytes", options_.bodyBytes},
-              {"parameter_bytes", limits_.parameterBytes},
-              {"parameters", limits_.parameters},
-              {"batch", limits_.batch},
-              {"sessions_per_worker", options_.sessions},
-              {"session_idle_seconds", options_.sessionSeconds},
-              {"request_seconds", options_.requestSeconds}}},
-            {"peer", peer_.has_value()}};
+             {{"body_bytes", m_options.bodyBytes},
+              {"parameter_bytes", m_limits.parameterBytes},
+              {"parameters", m_limits.parameters},
+              {"batch", m_limits.batch},
+              {"sessions_per_worker", m_options.sessions},
+              {"session_idle_seconds", m_options.sessionSeconds},
+              {"request_seconds", m_options.requestSeconds}}},
+            {"peer", m_peer.has_value()}};
 }
 
 std::string Service::metricsText() const
 {
     uint64_t restarts = 0;
-    std::string out = metrics_.text();
+    std::string out = m_metrics.text();
     std::string memory = gauge("corvane_resident_bytes",
                                static_cast<double>(residentBytes(getpid())), "process=\"front\"");
-    for (size_t slot = 0; slot < pool_.size(); ++slot) {
-        const WorkerPool::WorkerInfo info = pool_.info(slot);
+    for (size_t slot = 0; slot < m_pool.size(); ++slot) {
+        const WorkerPool::WorkerInfo info = m_pool.info(slot);
         restarts += info.restarts;
         memory += gauge("corvane_resident_bytes",
                         info.pid > 0 ? static_cast<double>(residentBytes(info.pid)) : 0,
                         "process=\"worker" + std::to_string(slot) + "\"", nullptr);
     }
     const auto number = [](size_t value) { return static_cast<double>(value); };
-    out += gauge("corvane_workers", number(pool_.size()));
-    out += gauge("corvane_workers_ready", number(pool_.ready()));
-    out += gauge("corvane_workers_busy", number(pool_.busy()));
+    out += gauge("corvane_workers", number(m_pool.size()));
+    out += gauge("corvane_workers_ready", number(m_pool.ready()));
+    out += gauge("corvane_workers_busy", number(m_pool.busy()));
     out += gauge("corvane_worker_restarts_total", number(restarts), "", "counter");
-    out += gauge("corvane_sessions", number(sessions_.count()));
-    out += gauge("corvane_queue", number(pool_.queued()));
-    out += gauge("corvane_uptime_seconds", Seconds(Clock::now() - start_).count());
+    out += gauge("corvane_sessions", number(m_sessions.count()));
+    out += gauge("corvane_queue", number(m_pool.queued()));
+    out += gauge("corvane_uptime_seconds", Seconds(Clock::now() - m_start).count());
     out += gauge("process_open_fds", number(openDescriptors()));
     return out + memory;
 }

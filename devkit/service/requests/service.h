@@ -80,19 +80,19 @@ private:
     void refuse(const Waiter& waiter, const Refusal& refusal, double seconds = 0);
     Refusal goneRefusal(const std::string& token, const std::string& field) const;
 
-    EventLoop& loop_;
-    const ServeOptions& options_;
-    const BodyLimits limits_;
-    Metrics& metrics_;
-    const Clock::time_point start_ = Clock::now();
-    Sessions sessions_;
-    ConfinedFiles files_;
-    std::vector<Done> waitingForProbe_;
-    Clock::time_point probed_;
-    Answer lastProbe_;
-    Alarm idleSessions_;
-    std::optional<WorkerPool> peer_;
-    WorkerPool pool_;  // the last: its end tells all tasks
+    EventLoop& m_loop;
+    const ServeOptions& m_options;
+    const BodyLimits m_limits;
+    Metrics& m_metrics;
+    const Clock::time_point m_start = Clock::now();
+    Sessions m_sessions;
+    ConfinedFiles m_files;
+    std::vector<Done> m_waitingForProbe;
+    Clock::time_point m_probed;
+    Answer m_lastProbe;
+    Alarm m_idleSessions;
+    std::optional<WorkerPool> m_peer;
+    WorkerPool m_pool;  // the last: its end tells all tasks
 };
 
 #endif

@@ -17,7 +17,7 @@ constexpr size_t mostRemembered = 4096;
 }  // namespace
 
 Sessions::Sessions(size_t workers, size_t mostPerWorker)
-    : perWorker_(workers), mostPerWorker_(mostPerWorker)
+    : m_perWorker(workers), m_mostPerWorker(mostPerWorker)
 {
 }
 
@@ -31,35 +31,35 @@ std::string Sessions::makeToken()
 
 std::shared_ptr<Sessions::Reservation> Sessions::reserve(WorkerLife life)
 {
-    if (perWorker_[life.slot] >= mostPerWorker_)
+    if (m_perWorker[life.slot] >= m_mostPerWorker)
         return nullptr;
     auto reservation = std::make_shared<Reservation>(*this, life);
-    ++perWorker_[life.slot];
+    ++m_perWorker[life.slot];
     return reservation;
 }
 
 void Sessions::Reservation::cancel()
 {
-    if (!std::exchange(isOver_, true))
-        --sessions_.perWorker_[life_.slot];
+    if (!std::exchange(m_isOver, true))
+        --m_sessions.m_perWorker[m_life.slot];
 }
 
 void Sessions::Reservation::add(const std::string& token)
 {
-    sessions_.live_[token] = {life_, Clock::now(), 0};
-    isOver_ = true;
+    m_sessions.m_live[token] = {m_life, Clock::now(), 0};
+    m_isOver = true;
 }
 
 const WorkerLife* Sessions::find(const std::string& token) const
 {
-    const auto found = live_.find(token);
-    return found == live_.end() ? nullptr : &found->second.life;
+    const auto found = m_live.find(token);
+    return found == m_live.end() ? nullptr : &found->second.life;
 }
 
 std::shared_ptr<Sessions::Use> Sessions::enter(const std::string& token)
 {
-    const auto found = live_.find(token);
-    if (found == live_.end())
+    const auto found = m_live.find(token);
+    if (found == m_live.end())
         return nullptr;
     auto use = std::make_shared<Use>(*this, token, found->second.life);
     ++found->second.users;
@@ -68,8 +68,8 @@ std::shared_ptr<Sessions::Use> Sessions::enter(const std::string& token)
 
 Sessions::Use::~Use()
 {
-    const auto found = sessions_.live_.find(token_);
-    if (found == sessions_.live_.end())
+    const auto found = m_sessions.m_live.find(m_token);
+    if (found == m_sessions.m_live.end())
         return;
     --found->second.users;
     found->second.lastUse = Clock::now();
@@ -77,23 +77,23 @@ Sessions::Use::~Use()
 
 void Sessions::end(const std::string& token, const char* reason)
 {
-    const auto found = live_.find(token);
-    if (found == live_.end())
+    const auto found = m_live.find(token);
+    if (found == m_live.end())
         return;
-    --perWorker_[found->second.life.slot];
-    live_.erase(found);
-    ended_[token] = reason;
-    endedInOrder_.push_back(token);
-    if (endedInOrder_.size() > mostRemembered) {
-        ended_.erase(endedInOrder_.front());
-        endedInOrder_.pop_front();
+    --m_perWorker[found->second.life.slot];
+    m_live.erase(found);
+    m_ended[token] = reason;
+    m_endedInOrder.push_back(token);
+    if (m_endedInOrder.size() > mostRemembered) {
+        m_ended.erase(m_endedInOrder.front());
+        m_endedInOrder.pop_front();
     }
 }
 
 void Sessions::endAllOf(WorkerLife life, const char* reason)
 {
     std::vector<std::string> tokens;
-    for (const auto& [token, session] : live_)
+    for (const auto& [token, session] : m_live)
         if (session.life == life)
             tokens.push_back(token);
     for (const std::string& token : tokens)
@@ -102,14 +102,14 @@ void Sessions::endAllOf(WorkerLife life, const char* reason)
 
 std::string Sessions::reasonOf(const std::string& token) const
 {
-    const auto found = ended_.find(token);
-    return found == ended_.end() ? "session_unknown" : found->second;
+    const auto found = m_ended.find(token);
+    return found == m_ended.end() ? "session_unknown" : found->second;
 }
 
 std::vector<std::string> Sessions::idleSince(Clock::time_point time) const
 {
     std::vector<std::string> tokens;
-    for (const auto& [token, session] : live_)
+    for (const auto& [token, session] : m_live)
         if (session.users == 0 && session.lastUse <= time)
             tokens.push_back(token);
     return tokens;

@@ -39,9 +39,9 @@ public:
 
     std::vector<std::string> idleSince(Clock::time_point time) const;
 
-    size_t count() const { return live_.size(); }
+    size_t count() const { return m_live.size(); }
     // Made or being made.
-    size_t countOf(size_t slot) const { return perWorker_[slot]; }
+    size_t countOf(size_t slot) const { return m_perWorker[slot]; }
 
 private:
     struct Session {
@@ -50,48 +50,48 @@ private:
         size_t users = 0;
     };
 
-    std::unordered_map<std::string, Session> live_;
-    std::vector<size_t> perWorker_;
-    const size_t mostPerWorker_;
+    std::unordered_map<std::string, Session> m_live;
+    std::vector<size_t> m_perWorker;
+    const size_t m_mostPerWorker;
     // The last ones that ended, with the reason.
-    std::unordered_map<std::string, const char*> ended_;
-    std::deque<std::string> endedInOrder_;
+    std::unordered_map<std::string, const char*> m_ended;
+    std::deque<std::string> m_endedInOrder;
 };
 
 class Sessions::Reservation {
 public:
-    Reservation(Sessions& sessions, WorkerLife life) : sessions_(sessions), life_(life) {}
+    Reservation(Sessions& sessions, WorkerLife life) : m_sessions(sessions), m_life(life) {}
     ~Reservation() { cancel(); }
     Reservation(const Reservation&) = delete;
     Reservation& operator=(const Reservation&) = delete;
 
-    WorkerLife life() const { return life_; }
+    WorkerLife life() const { return m_life; }
     // The reserved one exists now.
     void add(const std::string& token);
     void cancel();
 
 private:
-    Sessions& sessions_;
-    const WorkerLife life_;
-    bool isOver_ = false;
+    Sessions& m_sessions;
+    const WorkerLife m_life;
+    bool m_isOver = false;
 };
 
 class Sessions::Use {
 public:
     Use(Sessions& sessions, std::string token, WorkerLife life)
-        : sessions_(sessions), token_(std::move(token)), life_(life)
+        : m_sessions(sessions), m_token(std::move(token)), m_life(life)
     {
     }
     ~Use();
     Use(const Use&) = delete;
     Use& operator=(const Use&) = delete;
 
-    WorkerLife life() const { return life_; }
+    WorkerLife life() const { return m_life; }
 
 private:
-    Sessions& sessions_;
-    const std::string token_;
-    const WorkerLife life_;
+    Sessions& m_sessions;
+    const std::string m_token;
+    const WorkerLife m_life;
 };
 
 #endif

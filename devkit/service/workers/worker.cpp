@@ -23,22 +23,22 @@ WireReply Worker::answer(WireRequest& request, const std::vector<Descriptor>& fi
     const bool makesSession = request.name == newSessionRequest;
 
     if (!request.session.empty() && !makesSession) {
-        const auto handle = handles_.find(request.session);
-        if (handle == handles_.end()) {
+        const auto handle = m_handles.find(request.session);
+        if (handle == m_handles.end()) {
             reply.kind = WireReply::SessionGone;
             return reply;
         }
         parameter(request.parameters, sessionParameter) = handle->second;
         // Whatever the engine answers: a handle that it was told to free is never used again.
         if (request.name == freeSessionRequest)
-            handles_.erase(handle);
+            m_handles.erase(handle);
     }
     for (size_t i = 0; i < request.files.size() && i < files.size(); ++i)
         parameter(request.parameters, request.files[i]) =
             "/proc/self/fd/" + std::to_string(files[i].get());
 
     try {
-        Outcome outcome = exchange(session_, info, request.name, request.parameters);
+        Outcome outcome = exchange(m_session, info, request.name, request.parameters);
         reply.ok = outcome.ok;
         reply.code = outcome.code;
         reply.text = outcome.text;
@@ -54,7 +54,7 @@ WireReply Worker::answer(WireRequest& request, const std::vector<Descriptor>& fi
         std::string& handle = parameter(reply.results, "Data");
         reply.ok = reply.ok && !handle.empty();
         if (reply.ok)
-            handles_[request.session] = std::exchange(handle, request.session);
+            m_handles[request.session] = std::exchange(handle, request.session);
     }
     return reply;
 }
@@ -63,7 +63,7 @@ void Worker::serve(int socket)
 {
     WireReply ready;
     ready.kind = WireReply::Ready;
-    Pairs version = session_.send("QZaVen_GetVersion", {}).results;
+    Pairs version = m_session.send("QZaVen_GetVersion", {}).results;
     if (const std::string* text = findValue(version, "Data"))
         ready.text = *text;
     if (!writeFrame(socket, encode(ready)))
@@ -74,7 +74,7 @@ void Worker::serve(int socket)
     std::vector<Descriptor> files;
     for (uint64_t number = 0; requests.next(request, files); ++number) {
         WireReply reply;
-        if (claims_.begin(number))
+        if (m_claims.begin(number))
             reply = answer(request, files);
         else
             reply.kind = WireReply::TakenBack;

@@ -14,7 +14,7 @@
 
 class Worker {
 public:
-    Worker(HostSession& session, Claims& claims) : session_(session), claims_(claims) {}
+    Worker(HostSession& session, Claims& claims) : m_session(session), m_claims(claims) {}
 
     // Tells that it is ready and serves until the socket ends.
     void serve(int socket);
@@ -22,9 +22,9 @@ public:
 private:
     WireReply answer(WireRequest& request, const std::vector<Descriptor>& files);
 
-    HostSession& session_;
-    Claims& claims_;
-    std::map<std::string, std::string> handles_;  // by token
+    HostSession& m_session;
+    Claims& m_claims;
+    std::map<std::string, std::string> m_handles;  // by token
 };
 
 #endif

@@ -40,17 +40,17 @@ bool isSmall(const Task& task)
 
 WorkerPool::WorkerPool(EventLoop& loop, PoolOptions options, std::function<void()> onReady,
                        std::function<void(WorkerLife)> onEnd)
-    : loop_(loop),
-      options_(std::move(options)),
-      onReady_(std::move(onReady)),
-      onEnd_(std::move(onEnd)),
-      slots_(options_.workers),
-      waitedTooLong_(loop, [this] { giveUp(); }),
-      aheadTooLong_(loop, [this] { takeBack(); })
+    : m_loop(loop),
+      m_options(std::move(options)),
+      m_onReady(std::move(onReady)),
+      m_onEnd(std::move(onEnd)),
+      m_slots(m_options.workers),
+      m_waitedTooLong(loop, [this] { giveUp(); }),
+      m_aheadTooLong(loop, [this] { takeBack(); })
 {
-    for (size_t slot = 0; slot < slots_.size(); ++slot)
-        slots_[slot].alarm = std::make_unique<Alarm>(loop_, [this, slot] { onAlarm(slot); });
-    for (size_t slot = 0; slot < slots_.size(); ++slot)
+    for (size_t slot = 0; slot < m_slots.size(); ++slot)
+        m_slots[slot].alarm = std::make_unique<Alarm>(m_loop, [this, slot] { onAlarm(slot); });
+    for (size_t slot = 0; slot < m_slots.size(); ++slot)
         start(slot);
 }
 
@@ -61,14 +61,14 @@ WorkerPool::~WorkerPool()
 
 void WorkerPool::start(size_t slot)
 {
-    Slot& place = slots_[slot];
+    Slot& place = m_slots[slot];
     ++place.info.generation;
     place.info.state = State::Starting;
     place.info.everReady = false;
     try {
-        place.process = std::make_unique<WorkerProcess>(options_.program, options_.command);
-        place.watch = loop_.watch(place.process->socket(), EPOLLIN,
-                                  [this, slot](uint32_t events) { onEvents(slot, events); });
+        place.process = std::make_unique<WorkerProcess>(m_options.program, m_options.command);
+        place.watch = m_loop.watch(place.process->socket(), EPOLLIN,
+                                   [this, slot](uint32_t events) { onEvents(slot, events); });
     } catch (const std::exception& e) {
         tellFailure("a worker does not start", e);
         place.process.reset();
@@ -77,12 +77,12 @@ void WorkerPool::start(size_t slot)
     place.info.pid = place.process->pid();
     place.servedBefore = place.info.served;
     place.sentCount = place.replyCount = 0;
-    place.alarm->set(after(options_.taskTime));
+    place.alarm->set(after(m_options.taskTime));
 }
 
 void WorkerPool::startLater(size_t slot)
 {
-    Slot& place = slots_[slot];
+    Slot& place = m_slots[slot];
     const double delay = std::min(0.1 * (1U << std::min(place.failedStarts, 10U)), longestDelay);
     ++place.failedStarts;
     place.alarm->set(after(Seconds(delay)));
@@ -90,15 +90,15 @@ void WorkerPool::startLater(size_t slot)
 
 void WorkerPool::onAlarm(size_t slot)
 {
-    if (slots_[slot].process)
+    if (m_slots[slot].process)
         end(slot, Ending::TimedOut);
-    else if (!stopping_)
+    else if (!m_stopping)
         start(slot);
 }
 
 void WorkerPool::onEvents(size_t slot, uint32_t events)
 {
-    Slot& place = slots_[slot];
+    Slot& place = m_slots[slot];
     if (!place.process)
         return;
     const WorkerLife life = lifeOf(slot);
@@ -121,20 +121,20 @@ void WorkerPool::onEvents(size_t slot, uint32_t events)
             return end(slot, Ending::Died);
     }
     if (life == lifeOf(slot) && place.process)
-        loop_.change(place.watch, process.unsent() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
+        m_loop.change(place.watch, process.unsent() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
     pump();
 }
 
 void WorkerPool::onReply(size_t slot, WireReply& reply)
 {
-    Slot& place = slots_[slot];
+    Slot& place = m_slots[slot];
     if (reply.kind == WireReply::Ready && !place.info.everReady) {
-        version_ = std::move(reply.text);
+        m_version = std::move(reply.text);
         place.alarm->clear();
         place.info.everReady = true;
         place.info.state = State::Idle;
         place.failedStarts = 0;
-        return onReady_();
+        return m_onReady();
     }
     if (reply.kind == WireReply::Ready || place.replyCount == place.sentCount)
         return end(slot, Ending::Died);
@@ -149,7 +149,7 @@ void WorkerPool::onReply(size_t slot, WireReply& reply)
 
 void WorkerPool::onAnswer(size_t slot, WireReply& reply)
 {
-    Slot& place = slots_[slot];
+    Slot& place = m_slots[slot];
     Task task = std::move(place.sent.front().task);
     place.sent.pop_front();
     place.alarm->clear();
@@ -165,22 +165,22 @@ void WorkerPool::onAnswer(size_t slot, WireReply& reply)
 // The worker has nothing else to do: the task's time begins, and it is not sent once more.
 void WorkerPool::beginFirst(size_t slot)
 {
-    Slot& place = slots_[slot];
-    --queued_;
+    Slot& place = m_slots[slot];
+    --m_queued;
     wipe(place.sent.front().task.request.parameters);
     place.since = Clock::now();
-    place.alarm->set(place.since + std::chrono::duration_cast<Clock::duration>(options_.taskTime));
+    place.alarm->set(place.since + std::chrono::duration_cast<Clock::duration>(m_options.taskTime));
 }
 
 void WorkerPool::end(size_t slot, Ending ending)
 {
-    Slot& place = slots_[slot];
+    Slot& place = m_slots[slot];
     const WorkerLife life = lifeOf(slot);
     const bool wasReady = place.info.everReady;
     const bool wasIdle = place.info.served == place.servedBefore && place.sent.empty();
     place.idleLives = wasReady && wasIdle ? place.idleLives + 1 : 0;
     place.alarm->clear();
-    loop_.unwatch(place.watch);
+    m_loop.unwatch(place.watch);
     place.process.reset();
     place.info.pid = -1;
     place.info.state = State::Starting;
@@ -193,7 +193,7 @@ void WorkerPool::end(size_t slot, Ending ending)
     waitAgain(place.sent);
 
     // Replaced before its tasks are told, which takes no time.
-    if (!stopping_) {
+    if (!m_stopping) {
         ++place.info.restarts;
         if (wasReady && place.idleLives < mostIdleLives)
             start(slot);
@@ -204,7 +204,7 @@ void WorkerPool::end(size_t slot, Ending ending)
     for (Waiting& waiting : lost)
         tell(waiting.task, ending, life);
     tellAll(std::move(place.bound), Ending::LifeIsOver, life);
-    withoutFailure("the end of a worker", [&] { onEnd_(life); });
+    withoutFailure("the end of a worker", [&] { m_onEnd(life); });
     pump();
 }
 
@@ -222,41 +222,41 @@ void WorkerPool::tell(Task& task, Ending ending, WorkerLife life)
 
 void WorkerPool::tellAll(Queue queue, Ending ending, WorkerLife life)
 {
-    queued_ -= queue.size();
+    m_queued -= queue.size();
     for (Waiting& waiting : queue)
         tell(waiting.task, ending, life);
 }
 
 void WorkerPool::submit(Task task)
 {
-    if (stopping_)
+    if (m_stopping)
         return tell(task, Ending::NotServed, {});
     if (task.bound && !(*task.bound == lifeOf(task.bound->slot)))
         return tell(task, Ending::LifeIsOver, *task.bound);
 
-    auto& queue = task.bound ? slots_[task.bound->slot].bound : shared_;
+    auto& queue = task.bound ? m_slots[task.bound->slot].bound : m_shared;
     const bool small = isSmall(task);
-    const Clock::time_point until = after(options_.taskTime);
-    queue.push_back({std::move(task), ++lastSerial_, until, small});
-    if (queued_++ == 0)
-        waitedTooLong_.set(until);
+    const Clock::time_point until = after(m_options.taskTime);
+    queue.push_back({std::move(task), ++m_lastSerial, until, small});
+    if (m_queued++ == 0)
+        m_waitedTooLong.set(until);
     pump();
 }
 
 // The one that has waited longest of what a worker may take.
 void WorkerPool::pump()
 {
-    for (size_t slot = 0; slot < slots_.size() && !stopping_; ++slot) {
-        Slot& place = slots_[slot];
+    for (size_t slot = 0; slot < m_slots.size() && !m_stopping; ++slot) {
+        Slot& place = m_slots[slot];
         if (place.info.state != State::Idle || !place.process)
             continue;
         const bool haveBound = !place.bound.empty();
-        if (haveBound && (shared_.empty() || place.bound.front().serial < shared_.front().serial))
+        if (haveBound && (m_shared.empty() || place.bound.front().serial < m_shared.front().serial))
             serve(slot, place.bound);
-        else if (!shared_.empty())
-            serve(slot, shared_);
+        else if (!m_shared.empty())
+            serve(slot, m_shared);
     }
-    if (options_.sendsAhead && !stopping_)
+    if (m_options.sendsAhead && !m_stopping)
         sendAhead();
 }
 
@@ -265,7 +265,7 @@ void WorkerPool::serve(size_t slot, Queue& queue)
 {
     if (!send(slot, queue))
         return;
-    slots_[slot].info.state = State::Busy;
+    m_slots[slot].info.state = State::Busy;
     beginFirst(slot);
 }
 
@@ -273,7 +273,7 @@ void WorkerPool::serve(size_t slot, Queue& queue)
 // task has ended; false then.
 bool WorkerPool::send(size_t slot, Queue& queue)
 {
-    Slot& place = slots_[slot];
+    Slot& place = m_slots[slot];
     Queue moved;
     moved.splice(moved.begin(), queue, queue.begin());
     Waiting& waiting = moved.front();
@@ -295,16 +295,16 @@ bool WorkerPool::send(size_t slot, Queue& queue)
 // To those that have least to do.
 void WorkerPool::sendAhead()
 {
-    while (!shared_.empty()) {
-        size_t best = slots_.size();
-        for (size_t slot = 0; slot < slots_.size(); ++slot)
-            if (canSendAhead(slots_[slot], shared_.front()) &&
-                (best == slots_.size() || slots_[slot].sent.size() < slots_[best].sent.size()))
+    while (!m_shared.empty()) {
+        size_t best = m_slots.size();
+        for (size_t slot = 0; slot < m_slots.size(); ++slot)
+            if (canSendAhead(m_slots[slot], m_shared.front()) &&
+                (best == m_slots.size() || m_slots[slot].sent.size() < m_slots[best].sent.size()))
                 best = slot;
-        if (best == slots_.size())
+        if (best == m_slots.size())
             return;
-        if (send(best, shared_) && !std::exchange(isAheadWatched_, true))
-            aheadTooLong_.set(after(longestAhead));
+        if (send(best, m_shared) && !std::exchange(m_isAheadWatched, true))
+            m_aheadTooLong.set(after(longestAhead));
     }
 }
 
@@ -319,11 +319,11 @@ bool WorkerPool::canSendAhead(const Slot& place, const Waiting& waiting) const
 // From workers that serve a task for long, and from all while another one has nothing to do.
 void WorkerPool::takeBack()
 {
-    const bool isAnyIdle = std::any_of(slots_.begin(), slots_.end(), [](const Slot& place) {
+    const bool isAnyIdle = std::any_of(m_slots.begin(), m_slots.end(), [](const Slot& place) {
         return place.info.state == State::Idle;
     });
-    isAheadWatched_ = false;
-    for (Slot& place : slots_) {
+    m_isAheadWatched = false;
+    for (Slot& place : m_slots) {
         if (place.sent.size() < 2)
             continue;
         Queue back;
@@ -335,10 +335,10 @@ void WorkerPool::takeBack()
                 waiting = next;
             }
         waitAgain(back);
-        isAheadWatched_ = isAheadWatched_ || place.sent.size() > 1;
+        m_isAheadWatched = m_isAheadWatched || place.sent.size() > 1;
     }
-    if (isAheadWatched_)
-        aheadTooLong_.set(after(longestAhead));
+    if (m_isAheadWatched)
+        m_aheadTooLong.set(after(longestAhead));
     pump();
 }
 
@@ -346,17 +346,17 @@ void WorkerPool::takeBack()
 void WorkerPool::waitAgain(Queue& tasks)
 {
     tasks.sort(isOlder);
-    shared_.merge(tasks, isOlder);
+    m_shared.merge(tasks, isOlder);
 }
 
 void WorkerPool::flush()
 {
-    for (Slot& place : slots_) {
+    for (Slot& place : m_slots) {
         if (!place.process || place.process->unsent() == 0)
             continue;
         // A process that is gone is found out by its event.
         withoutFailure("a request cannot be sent", [&] { place.process->send(); });
-        loop_.change(place.watch, place.process->unsent() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
+        m_loop.change(place.watch, place.process->unsent() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
     }
 }
 
@@ -372,20 +372,20 @@ void WorkerPool::giveUp()
         if (!queue.empty())
             next = std::min(next, queue.front().until);
     };
-    look(shared_);
-    for (Slot& place : slots_) {
+    look(m_shared);
+    for (Slot& place : m_slots) {
         look(place.bound);
         // Those that were sent ahead are looked at again: they may have to wait once more.
         if (place.sent.size() > 1)
             next = std::min(next, now + std::chrono::milliseconds(10));
     }
-    waitedTooLong_.set(next);
+    m_waitedTooLong.set(next);
     tellAll(std::move(lost), Ending::NotServed, {});
 }
 
 size_t WorkerPool::busy() const
 {
-    return static_cast<size_t>(std::count_if(slots_.begin(), slots_.end(), [](const Slot& place) {
+    return static_cast<size_t>(std::count_if(m_slots.begin(), m_slots.end(), [](const Slot& place) {
         return place.info.state == State::Busy;
     }));
 }
@@ -393,21 +393,21 @@ size_t WorkerPool::busy() const
 size_t WorkerPool::ready() const
 {
     return static_cast<size_t>(std::count_if(
-        slots_.begin(), slots_.end(), [](const Slot& place) { return place.info.everReady; }));
+        m_slots.begin(), m_slots.end(), [](const Slot& place) { return place.info.everReady; }));
 }
 
 WorkerPool::WorkerInfo WorkerPool::info(size_t slot) const
 {
-    return slots_[slot].info;
+    return m_slots[slot].info;
 }
 
 void WorkerPool::childEnded(pid_t pid)
 {
-    for (size_t slot = 0; slot < slots_.size(); ++slot)
-        if (slots_[slot].info.pid == pid) {
+    for (size_t slot = 0; slot < m_slots.size(); ++slot)
+        if (m_slots[slot].info.pid == pid) {
             // What it sent before its end counts.
             onEvents(slot, EPOLLIN);
-            if (slots_[slot].info.pid == pid)
+            if (m_slots[slot].info.pid == pid)
                 end(slot, Ending::Died);
             return;
         }
@@ -415,16 +415,16 @@ void WorkerPool::childEnded(pid_t pid)
 
 void WorkerPool::stop(Seconds grace)
 {
-    if (stopping_)
+    if (m_stopping)
         return;
-    stopping_ = true;
-    for (Slot& place : slots_)
+    m_stopping = true;
+    for (Slot& place : m_slots)
         if (place.process)
             place.process->hangUp();
 
     const auto deadline = after(grace);
-    for (size_t slot = 0; slot < slots_.size(); ++slot) {
-        Slot& place = slots_[slot];
+    for (size_t slot = 0; slot < m_slots.size(); ++slot) {
+        Slot& place = m_slots[slot];
         if (!place.process)
             continue;
         const pid_t pid = place.info.pid;
@@ -436,5 +436,5 @@ void WorkerPool::stop(Seconds grace)
         if (!isCollected)
             waitpid(pid, nullptr, 0);
     }
-    tellAll(std::move(shared_), Ending::NotServed, {});
+    tellAll(std::move(m_shared), Ending::NotServed, {});
 }

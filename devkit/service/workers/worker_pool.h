@@ -80,12 +80,12 @@ public:
     // Sends what workers are to get; call it before each wait for events.
     void flush();
     // Tasks that no worker has begun.
-    size_t queued() const { return queued_; }
+    size_t queued() const { return m_queued; }
     size_t busy() const;
     size_t ready() const;
-    const std::string& version() const { return version_; }
+    const std::string& version() const { return m_version; }
 
-    size_t size() const { return slots_.size(); }
+    size_t size() const { return m_slots.size(); }
     WorkerInfo info(size_t slot) const;
 
     // A child of the program has ended; others' are passed over.
@@ -141,21 +141,21 @@ private:
     static void tell(Task& task, Ending ending, WireReply& reply, WorkerLife life);
     static void tell(Task& task, Ending ending, WorkerLife life);
     void tellAll(Queue queue, Ending ending, WorkerLife life);
-    WorkerLife lifeOf(size_t slot) const { return {slot, slots_[slot].info.generation}; }
+    WorkerLife lifeOf(size_t slot) const { return {slot, m_slots[slot].info.generation}; }
 
-    EventLoop& loop_;
-    const PoolOptions options_;
-    const std::function<void()> onReady_;
-    const std::function<void(WorkerLife)> onEnd_;
-    std::vector<Slot> slots_;
-    Queue shared_;
-    size_t queued_ = 0;
-    uint64_t lastSerial_ = 0;
-    std::string version_;
-    bool stopping_ = false;
-    Alarm waitedTooLong_;
-    Alarm aheadTooLong_;
-    bool isAheadWatched_ = false;  // aheadTooLong_ is set
+    EventLoop& m_loop;
+    const PoolOptions m_options;
+    const std::function<void()> m_onReady;
+    const std::function<void(WorkerLife)> m_onEnd;
+    std::vector<Slot> m_slots;
+    Queue m_shared;
+    size_t m_queued = 0;
+    uint64_t m_lastSerial = 0;
+    std::string m_version;
+    bool m_stopping = false;
+    Alarm m_waitedTooLong;
+    Alarm m_aheadTooLong;
+    bool m_isAheadWatched = false;  // m_aheadTooLong is set
 };
 
 #endif

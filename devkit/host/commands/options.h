@@ -1,11 +1,14 @@
-// Checks of options' values. Each refuses with a sentence that follows the option's name.
-#ifndef CORVANE_HOST_COMMANDS_OPTION_CHECKS_H
-#define CORVANE_HOST_COMMANDS_OPTION_CHECKS_H
+// Options that several subcommands have, and checks of options' values. Each check refuses
+// with a sentence that follows the option's name.
+#ifndef CORVANE_HOST_COMMANDS_OPTIONS_H
+#define CORVANE_HOST_COMMANDS_OPTIONS_H
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <sstream>
 #include <string>
+
+#include "host/parameters.h"
 
 // Numbers as people write them; none that a type could not hold passes, and neither does NaN.
 inline CLI::Validator between(double low, double high, bool isWhole)
@@ -33,6 +36,16 @@ inline CLI::Validator notEmpty()
                 return std::string(text.empty() ? "takes a name, not an empty text" : "");
             },
             ""};
+}
+
+// The options of a subcommand that sends a request. The parameters must outlive it.
+inline void addParameterOptions(CLI::App& command, WrittenParameters& parameters)
+{
+    command.add_option("parameters", parameters.arguments, "name=value ...");
+    command
+        .add_option("--params-file", parameters.file,
+                    "File of parameters: a JSON object, or lines name=value; - for stdin")
+        ->type_name("FILE");
 }
 
 #endif
