@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# All 27 requests on real data, through host, parameter module, plug-in and engine, and
+# All requests on real data, through host, parameter module, plug-in and engine, and
 # each checked by something else: the openssl command, or the key exchange's other side.
 #   devkit/demo.sh BUILD_DIRECTORY [FILE]
 #   devkit/demo.sh BUILD_DIRECTORY --exchange [--rsa]   the key exchange alone; the server's

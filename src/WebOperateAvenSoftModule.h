@@ -1,4 +1,4 @@
-// The request handlers: one member for each of the 27 request names.
+// The request handlers: one member for each request name.
 #ifndef CORVANE_WEBOPERATEAVENSOFTMODULE_H
 #define CORVANE_WEBOPERATEAVENSOFTMODULE_H
 

@@ -12,103 +12,18 @@
 #include "module_CorvaneParams.h"
 #include "support/allocation_fault.h"
 #include "support/plugin_test.h"
+#include "support/request_rows.h"
 
 using support::engineDouble;
 using support::paramsDouble;
 using support::paramsLacking;
 using support::PluginHost;
+using support::RequestRow;
+using support::requestRows;
 
 namespace {
 
 using Names = std::vector<std::string>;
-
-// What a request does when the host has stored no parameters: which it asks for, and
-// what it answers. No two requests that read the same answer from the same function.
-const struct Row {
-    const char* name;
-    Names read;
-    Pairs results;
-    const char* engineCall;  // made even so
-} rows[] = {
-    {"QZaVen_GetVersion", {}, {{"Data", "engine double 1.0"}, {"errorCode", "0"}}, "aven_version"},
-    {"QZaVen_strerror", {"strErr"}, {{"Data", ""}}, nullptr},
-    {"QZaven_crypto_base64_encode", {"strIn"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
-    {"QZaven_crypto_base64_Decode", {"strIn"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
-    {"QZaven_ke_new", {}, {{"Data", "1582628864"}, {"errorCode", "0"}}, "aven_ke_new"},
-    {"QZaven_ke_free", {"strKe"}, {{"errorCode", "-20001"}}, nullptr},
-    {"QZaven_ke_set_public_key",
-     {"strKe", "strSig_key", "strEnc_key", "strPassword"},
-     {{"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_ke_set_certificate",
-     {"strKe", "strSig_cert", "strEnc_cert", "strPassword"},
-     {{"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_ke_set_root_certificate",
-     {"strKe", "strCa_file", "strCa_path"},
-     {{"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_ke_client_hello", {"strKe"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
-    {"QZaven_ke_client_key_exchange",
-     {"strKe", "strSrvr_rand", "strSrvr_sig_cert", "strSrvr_enc_cert", "strSrvr_sign"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_ke_encrypt", {"strKe", "strdata"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
-    {"QZaven_ke_decrypt", {"strKe", "strcipher"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
-    {"QZaven_ke_hmac", {"strKe", "strdata"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
-    {"QZaven_ke_cmac", {"strKe", "strdata"}, {{"Data", ""}, {"errorCode", "-20001"}}, nullptr},
-    {"QZaven_crypto_public_encrypt",
-     {"strKeyPairType", "strpk", "strRsaPaddingE", "strnoAsn1", "strnoc1c3c2", "strdata"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_crypto_private_decrypt",
-     {"strKeyPairType", "strsk", "strPassword", "strRsaPaddingE", "strnoAsn1", "strnoc1c3c2",
-      "strdata"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_crypto_encrypt",
-     {"strCipherAlg", "strMode", "strCipherPadding", "strKey", "strIV", "straad", "strdata",
-      "strgcmTagLen"},
-     {{"Data", ""}, {"errorCode", "-20001"}, {"gcmOutTag", ""}},
-     nullptr},
-    {"QZaven_crypto_decrypt",
-     {"strCipherAlg", "strMode", "strCipherPadding", "strKey", "strIV", "straad", "strtag",
-      "strdata"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_crypto_gen_symmkey",
-     {"strCipherAlg"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_crypto_hmac",
-     {"strHashAlg", "strKey", "strdata"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_crypto_cmac",
-     {"strCipherAlg", "strKey", "strdata"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_crypto_kdf",
-     {"HashType", "srcdata", "OutLen"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_crypto_envelope_encrypt",
-     {"strdata", "strpk", "strCipherAlg", "strMode"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     "aven_certificate_free"},
-    {"QZaven_crypto_envelope_decrypt",
-     {"strEncdata", "strKeyPairType", "strsk", "strCipherAlg", "strMode"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     "aven_keypair_free"},
-    {"QZaven_wbsm4_encrypt",
-     {"strKey", "strIV", "strdata"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-    {"QZaven_wbsm4_decrypt",
-     {"strKey", "strIV", "strdata"},
-     {{"Data", ""}, {"errorCode", "-20001"}},
-     nullptr},
-};
 
 // The engine function of each request that reads the same parameters as another, with
 // parameters that bring it there.
@@ -213,19 +128,20 @@ private:
 
 }  // namespace
 
-static_assert(std::size(rows) == 27, "one row for each request");
+static_assert(std::size(requestRows) == 27, "one row for each request");
 
 TEST(FunctionId, IsThePlaceInTheTable)
 {
     CWebOperateAvenSoftModule handler;
-    for (size_t i = 0; i < std::size(rows); ++i)
-        EXPECT_EQ(static_cast<int>(i), handler.GetFunctionID(rows[i].name)) << rows[i].name;
+    for (size_t i = 0; i < std::size(requestRows); ++i)
+        EXPECT_EQ(static_cast<int>(i), handler.GetFunctionID(requestRows[i].name))
+            << requestRows[i].name;
 }
 
 TEST(FunctionId, NamesAreMatchedWholeAndExactly)
 {
     CWebOperateAvenSoftModule handler;
-    for (const Row& row : rows) {
+    for (const RequestRow& row : requestRows) {
         const std::string name = row.name;
         std::string lower = name;
         std::string upper = name;
@@ -245,7 +161,7 @@ TEST(FunctionId, NamesAreMatchedWholeAndExactly)
 
 TEST_F(Dispatch, EachNameRunsItsHandler)
 {
-    for (const Row& row : rows) {
+    for (const RequestRow& row : requestRows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(row.results, request(row.name));
         EXPECT_EQ(row.read, host.parametersRead());
@@ -271,7 +187,7 @@ TEST_F(Dispatch, TwinRequestsCallTheirOwnEngineFunction)
 TEST_F(Dispatch, ResultsAreEmptiedFirstAndParametersLast)
 {
     Names names;
-    for (const Row& row : rows)
+    for (const RequestRow& row : requestRows)
         names.push_back(row.name);
     names.push_back("no such request");
     for (const std::string& name : names) {
@@ -394,7 +310,7 @@ TEST(DispatchUnbound, WithoutAModuleNothingIsWrittenAndNothingFails)
     *CorvaneParamsClass::getInstance() = CorvaneParamsClass();  // as freshly loaded
     PluginHost host(engineDouble(), "");
     host.init();
-    for (const Row& row : rows) {
+    for (const RequestRow& row : requestRows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(0,
                   host.requestBytes(row.name, static_cast<unsigned>(std::string(row.name).size())));
@@ -435,7 +351,7 @@ TEST(DispatchPartlyBound, OnlyTheMissingFunctionIsMissed)
 // frame does around a handler is done.
 TEST_F(Dispatch, NoExceptionOfAnotherLibraryEscapesARequest)
 {
-    for (const Row& row : rows) {
+    for (const RequestRow& row : requestRows) {
         SCOPED_TRACE(row.name);
         const std::string name = row.name;
         const auto expect = [&] {
@@ -472,7 +388,7 @@ TEST_F(Dispatch, NoAllocationFailureEscapesARequest)
 {
     SKIP_WITHOUT_ALLOCATION_FAULTS();
     host.logLevel() = 3;
-    for (const Row& row : rows) {
+    for (const RequestRow& row : requestRows) {
         SCOPED_TRACE(row.name);
         const std::string name = row.name;
         bool struck = true;

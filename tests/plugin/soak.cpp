@@ -6,13 +6,13 @@
 // Runs for 60 seconds in one thread unless told otherwise. Prints the requests by name, wrong
 // answers, the rate, and memory and open descriptors over the run. Ends with 0 only if all of
 // these hold:
-//   - requests of all 27 names were sent,
+//   - requests of all names were sent,
 //   - no answer was wrong; else the seed to repeat it with is printed,
 //   - no more descriptors are open at the end than when the clients started,
 //   - memory does not grow: once a third of the run is over, the line fitted to the resident
 //     memory rises by less than 256 KiB for each thread, or by less than 32 KiB in a million
 //     requests. The same holds for what malloc has given out.
-// So a run of ten million requests in one thread notices a byte lost in every 27 requests.
+// So a run of ten million requests in one thread notices a byte lost in every few dozen requests.
 #include <malloc.h>
 #include <unistd.h>
 

@@ -70,7 +70,8 @@ enum Output {
 struct Row {
     std::string function;  // the engine's
     Output output;
-    uint32_t margin;  // or the fixed capacity
+    uint32_t margin;       // or the fixed capacity
+    const char* exported;  // the binding's parameters as the loader knows them
     const char* what;
     int (*call)(CSoftMoudle_aven& engine, Exchange& x);
     std::string other = "";  // a function without which it fails too
@@ -87,37 +88,37 @@ struct Row {
         }
 
 inline const Row rows[] = {
-    {"aven_crypto_base64_encode",    ASKED,           0, CALL(aven_crypto_base64_encode(true, move(x.in), x.out)), "aven_crypto_base64_decode"},
-    {"aven_crypto_base64_decode",    ASKED,           0, CALL(aven_crypto_base64_encode(false, move(x.in), x.out)), "aven_crypto_base64_encode"},
-    {"aven_ke_new",                  NONE,            0, CALL(aven_ke_new(x.out))},
-    {"aven_ke_free",                 NONE,            0, CALL(aven_ke_free(move(x.ke)))},
-    {"aven_ke_set_public_key",       NONE,            0, CALL(aven_ke_set_public_key(move(x.ke), move(x.in), move(x.a), move(x.b)))},
-    {"aven_ke_set_certificate",      NONE,            0, CALL(aven_ke_set_certificate(move(x.ke), move(x.in), move(x.a), move(x.b)))},
-    {"aven_ke_set_root_certificate", NONE,            0, CALL(aven_ke_set_root_certificate(move(x.ke), move(x.a), move(x.b)))},
-    {"aven_ke_client_hello",         LOCAL,          32, CALL(aven_ke_client_hello(move(x.ke), x.out))},
-    {"aven_ke_client_key_exchange",  LOCAL,         256, CALL(aven_ke_client_key_exchange(move(x.ke), move(x.in), move(x.a), move(x.b), move(x.c), x.out))},
-    {"aven_ke_encrypt",              HEAP_NO_TEST,   64, CALL(aven_ke_encrypt(move(x.ke), move(x.in), x.out))},
-    {"aven_ke_decrypt",              HEAP_NO_TEST,   64, CALL(aven_ke_decrypt(move(x.ke), move(x.in), x.out))},
-    {"aven_ke_hmac",                 ASKED,           0, CALL(aven_ke_hmac(move(x.ke), move(x.in), x.out))},
-    {"aven_ke_cmac",                 ASKED,           0, CALL(aven_ke_cmac(move(x.ke), move(x.in), x.out))},
-    {"aven_crypto_public_encrypt",   HEAP,          528, CALL(aven_crypto_public_encrypt(x.block(&pkey), move(x.in), x.out))},
-    {"aven_crypto_private_decrypt",  HEAP,           16, CALL(aven_crypto_private_decrypt(x.block(&pkey), move(x.in), x.out))},
-    {"aven_crypto_encrypt",          HEAP,          128, CALL(aven_crypto_encrypt(x.block(&modeTwo), move(x.in), x.out, x.tag, 16))},
-    {"aven_crypto_encrypt",          HEAP,          128, CALL(aven_crypto_encrypt(x.block(&gcm), move(x.in), x.out, x.tag, 16))},
-    {"aven_crypto_decrypt",          HEAP,           64, CALL(aven_crypto_decrypt(x.block(&modeTwo), move(x.in), move(x.a), x.out))},
-    {"aven_crypto_decrypt",          HEAP,           64, CALL(aven_crypto_decrypt(x.block(&gcm), move(x.in), move(x.a), x.out))},
-    {"aven_crypto_gen_symmkey",      LOCAL,        1024, CALL(aven_crypto_gen_symmkey(3, x.out))},
-    {"aven_crypto_hmac",             HEAP_FIXED,     80, CALL(aven_crypto_hmac(x.block(&mac), move(x.in), x.out))},
-    {"aven_crypto_cmac",             HEAP_FIXED,     80, CALL(aven_crypto_cmac(x.block(&mac), move(x.in), x.out))},
-    {"aven_keypair_unmarshal",       NONE,            0, CALL(aven_keypair_read(3, move(x.in), move(x.a), move(x.b), x.place()))},
-    {"aven_keypair_free",            NONE,            0, CALL(aven_keypair_free(x.given()))},
-    {"aven_certificate_unmarshal",   NONE,            0, CALL(aven_certificate_read(move(x.in), move(x.a), x.place()))},
-    {"aven_certificate_free",        NONE,            0, CALL(aven_certificate_free(x.given()))},
-    {"aven_crypto_kdf",              KDF,           777, CALL(aven_crypto_kdf(2, move(x.in), 777, x.out))},
-    {"aven_crypto_pkcs7_encrypt",    HEAP,         3072, CALL(aven_crypto_envelope_encrypt(x.block(&envelope), move(x.in), x.out))},
-    {"aven_crypto_pkcs7_decrypt",    HEAP,           64, CALL(aven_crypto_envelope_decrypt(x.block(&envelope), move(x.in), x.out))},
-    {"aven_wbsm4_encrypt",           HEAP,           32, CALL(aven_wbsm4_encrypt(move(x.a), move(x.b), x.in, x.out))},
-    {"aven_wbsm4_decrypt",           HEAP,            0, CALL(aven_wbsm4_decrypt(move(x.a), move(x.b), x.in, x.out))},
+    {"aven_crypto_base64_encode",    ASKED,           0, "(bool, text, text&)",                    CALL(aven_crypto_base64_encode(true, move(x.in), x.out)), "aven_crypto_base64_decode"},
+    {"aven_crypto_base64_decode",    ASKED,           0, "(bool, text, text&)",                    CALL(aven_crypto_base64_encode(false, move(x.in), x.out)), "aven_crypto_base64_encode"},
+    {"aven_ke_new",                  NONE,            0, "(text&)",                                CALL(aven_ke_new(x.out))},
+    {"aven_ke_free",                 NONE,            0, "(text)",                                 CALL(aven_ke_free(move(x.ke)))},
+    {"aven_ke_set_public_key",       NONE,            0, "(text, text, text, text)",               CALL(aven_ke_set_public_key(move(x.ke), move(x.in), move(x.a), move(x.b)))},
+    {"aven_ke_set_certificate",      NONE,            0, "(text, text, text, text)",               CALL(aven_ke_set_certificate(move(x.ke), move(x.in), move(x.a), move(x.b)))},
+    {"aven_ke_set_root_certificate", NONE,            0, "(text, text, text)",                     CALL(aven_ke_set_root_certificate(move(x.ke), move(x.a), move(x.b)))},
+    {"aven_ke_client_hello",         LOCAL,          32, "(text, text&)",                          CALL(aven_ke_client_hello(move(x.ke), x.out))},
+    {"aven_ke_client_key_exchange",  LOCAL,         256, "(text, text, text, text, text, text&)",  CALL(aven_ke_client_key_exchange(move(x.ke), move(x.in), move(x.a), move(x.b), move(x.c), x.out))},
+    {"aven_ke_encrypt",              HEAP_NO_TEST,   64, "(text, text, text&)",                    CALL(aven_ke_encrypt(move(x.ke), move(x.in), x.out))},
+    {"aven_ke_decrypt",              HEAP_NO_TEST,   64, "(text, text, text&)",                    CALL(aven_ke_decrypt(move(x.ke), move(x.in), x.out))},
+    {"aven_ke_hmac",                 ASKED,           0, "(text, text, text&)",                    CALL(aven_ke_hmac(move(x.ke), move(x.in), x.out))},
+    {"aven_ke_cmac",                 ASKED,           0, "(text, text, text&)",                    CALL(aven_ke_cmac(move(x.ke), move(x.in), x.out))},
+    {"aven_crypto_public_encrypt",   HEAP,          528, "(void const*, text, text&)",             CALL(aven_crypto_public_encrypt(x.block(&pkey), move(x.in), x.out))},
+    {"aven_crypto_private_decrypt",  HEAP,           16, "(void const*, text, text&)",             CALL(aven_crypto_private_decrypt(x.block(&pkey), move(x.in), x.out))},
+    {"aven_crypto_encrypt",          HEAP,          128, "(void const*, text, text&, text&, int)", CALL(aven_crypto_encrypt(x.block(&modeTwo), move(x.in), x.out, x.tag, 16))},
+    {"aven_crypto_encrypt",          HEAP,          128, "(void const*, text, text&, text&, int)", CALL(aven_crypto_encrypt(x.block(&gcm), move(x.in), x.out, x.tag, 16))},
+    {"aven_crypto_decrypt",          HEAP,           64, "(void const*, text, text, text&)",       CALL(aven_crypto_decrypt(x.block(&modeTwo), move(x.in), move(x.a), x.out))},
+    {"aven_crypto_decrypt",          HEAP,           64, "(void const*, text, text, text&)",       CALL(aven_crypto_decrypt(x.block(&gcm), move(x.in), move(x.a), x.out))},
+    {"aven_crypto_gen_symmkey",      LOCAL,        1024, "(int, text&)",                           CALL(aven_crypto_gen_symmkey(3, x.out))},
+    {"aven_crypto_hmac",             HEAP_FIXED,     80, "(void const*, text, text&)",             CALL(aven_crypto_hmac(x.block(&mac), move(x.in), x.out))},
+    {"aven_crypto_cmac",             HEAP_FIXED,     80, "(void const*, text, text&)",             CALL(aven_crypto_cmac(x.block(&mac), move(x.in), x.out))},
+    {"aven_keypair_unmarshal",       NONE,            0, "(int, text, text, text, void**)",        CALL(aven_keypair_read(3, move(x.in), move(x.a), move(x.b), x.place()))},
+    {"aven_keypair_free",            NONE,            0, "(void*)",                                CALL(aven_keypair_free(x.given()))},
+    {"aven_certificate_unmarshal",   NONE,            0, "(text, text, void**)",                   CALL(aven_certificate_read(move(x.in), move(x.a), x.place()))},
+    {"aven_certificate_free",        NONE,            0, "(void*)",                                CALL(aven_certificate_free(x.given()))},
+    {"aven_crypto_kdf",              KDF,           777, "(int, text, int, text&)",                CALL(aven_crypto_kdf(2, move(x.in), 777, x.out))},
+    {"aven_crypto_pkcs7_encrypt",    HEAP,         3072, "(void const*, text, text&)",             CALL(aven_crypto_envelope_encrypt(x.block(&envelope), move(x.in), x.out))},
+    {"aven_crypto_pkcs7_decrypt",    HEAP,           64, "(void const*, text, text&)",             CALL(aven_crypto_envelope_decrypt(x.block(&envelope), move(x.in), x.out))},
+    {"aven_wbsm4_encrypt",           HEAP,           32, "(text, text, text&, text&)",             CALL(aven_wbsm4_encrypt(move(x.a), move(x.b), x.in, x.out))},
+    {"aven_wbsm4_decrypt",           HEAP,            0, "(text, text, text&, text&)",             CALL(aven_wbsm4_decrypt(move(x.a), move(x.b), x.in, x.out))},
 };
 #undef CALL
 // clang-format on

@@ -1,5 +1,5 @@
 // Traffic for the plug-in in front of the development engine: clients that draw requests of
-// all 27 names by chance, right ones and wrong ones, and know what each must answer.
+// all names by chance, right ones and wrong ones, and know what each must answer.
 //
 // The answers are computed by libcrypto (oracle.h) and the key exchange's other side
 // (devkit/peer). All data begins with a nonce of the client and the request, so that an answer
@@ -19,7 +19,7 @@
 namespace support {
 
 constexpr size_t NONCE = 12;          // bytes
-constexpr size_t REQUEST_NAMES = 27;  // that the plug-in has
+constexpr size_t REQUEST_NAMES = 27;  // that clients draw from
 
 // What clients have sent and what they did not like.
 struct TrafficCount {
