@@ -2,9 +2,62 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
+#include <string_view>
 
 #include "base64.h"
 #include "host/catalogue/catalogue.h"
+
+namespace {
+
+// What requests call the data that they work on.
+constexpr const char* payloadNames[] = {"strIn", "strdata", "strcipher", "srcdata", "strEncdata"};
+
+bool isPayload(const Parameter& parameter)
+{
+    return std::find(std::begin(payloadNames), std::end(payloadNames),
+                     std::string_view(parameter.name)) != std::end(payloadNames);
+}
+
+// A value that the plug-in takes. Keys are no real ones: no engine here reads them.
+std::string accepted(const Parameter& parameter)
+{
+    switch (parameter.allowed.kind) {
+        case Allowed::Range:
+            return std::to_string(std::clamp(32, parameter.allowed.low, parameter.allowed.high));
+        case Allowed::OneOf:
+            return {parameter.allowed.digits[1]};  // of modes, one that takes an IV
+        case Allowed::Size:
+            return url64(noise(parameter.allowed.size));
+        case Allowed::Any:
+            break;
+    }
+    switch (parameter.form) {
+        case Form::Path:
+            return "/etc/roots.pem";
+        case Form::KeyText:
+            return url64(noise(1200));
+        case Form::Base64:
+        case Form::Base64Text:
+            return url64(noise(16));
+        default:
+            return "1";
+    }
+}
+
+RequestCase caseOf(const RequestInfo& request)
+{
+    RequestCase made = {request.name, "", {}};
+    for (const Parameter& parameter : request.parameters) {
+        if (isPayload(parameter))
+            made.payloadName = parameter.name;
+        else
+            made.others.emplace_back(parameter.name, accepted(parameter));
+    }
+    return made;
+}
+
+}  // namespace
 
 Pairs RequestCase::parameters(size_t payload) const
 {
@@ -18,48 +71,26 @@ Pairs RequestCase::parameters(size_t payload) const
 
 const std::vector<RequestCase>& requestCases()
 {
-    static const std::string key16 = url64(noise(16));
-    static const std::string pem = url64(noise(1200));  // no engine here reads it
-    // clang-format off
-    static const std::vector<RequestCase> cases = {
-        {"QZaVen_GetVersion",              "", {}},
-        {"QZaVen_strerror",                "", {{"strErr", "-20001"}}},
-        {"QZaven_crypto_base64_encode",    "strIn", {}},
-        {"QZaven_crypto_base64_Decode",    "strIn", {}},
-        {"QZaven_ke_new",                  "", {}},
-        {"QZaven_ke_free",                 "", {{"strKe", "1"}}},
-        {"QZaven_ke_set_public_key",       "", {{"strKe", "1"}, {"strSig_key", pem}, {"strEnc_key", pem}, {"strPassword", "secret"}}},
-        {"QZaven_ke_set_certificate",      "", {{"strKe", "1"}, {"strSig_cert", pem}, {"strEnc_cert", pem}, {"strPassword", "secret"}}},
-        {"QZaven_ke_set_root_certificate", "", {{"strKe", "1"}, {"strCa_file", "/etc/roots.pem"}, {"strCa_path", "/etc"}}},
-        {"QZaven_ke_client_hello",         "", {{"strKe", "1"}}},
-        {"QZaven_ke_client_key_exchange",  "", {{"strKe", "1"}, {"strSrvr_rand", key16}, {"strSrvr_sig_cert", pem}, {"strSrvr_enc_cert", pem}, {"strSrvr_sign", key16}}},
-        {"QZaven_ke_encrypt",              "strdata", {{"strKe", "1"}}},
-        {"QZaven_ke_decrypt",              "strcipher", {{"strKe", "1"}}},
-        {"QZaven_ke_hmac",                 "strdata", {{"strKe", "1"}}},
-        {"QZaven_ke_cmac",                 "strdata", {{"strKe", "1"}}},
-        {"QZaven_crypto_public_encrypt",   "strdata", {{"strKeyPairType", "1"}, {"strpk", pem}, {"strnoAsn1", "1"}}},
-        {"QZaven_crypto_private_decrypt",  "strdata", {{"strKeyPairType", "1"}, {"strsk", pem}, {"strPassword", "secret"}}},
-        {"QZaven_crypto_encrypt",          "strdata", {{"strCipherAlg", "2"}, {"strMode", "2"}, {"strCipherPadding", "1"}, {"strKey", key16}, {"strIV", key16}}},
-        {"QZaven_crypto_decrypt",          "strdata", {{"strCipherAlg", "2"}, {"strMode", "2"}, {"strCipherPadding", "1"}, {"strKey", key16}, {"strIV", key16}}},
-        {"QZaven_crypto_gen_symmkey",      "", {{"strCipherAlg", "4"}}},
-        {"QZaven_crypto_hmac",             "strdata", {{"strHashAlg", "4"}, {"strKey", key16}}},
-        {"QZaven_crypto_cmac",             "strdata", {{"strCipherAlg", "2"}, {"strKey", key16}}},
-        {"QZaven_crypto_kdf",              "srcdata", {{"HashType", "4"}, {"OutLen", "32"}}},
-        {"QZaven_crypto_envelope_encrypt", "strdata", {{"strpk", pem}, {"strCipherAlg", "2"}, {"strMode", "2"}}},
-        {"QZaven_crypto_envelope_decrypt", "strEncdata", {{"strKeyPairType", "1"}, {"strsk", pem}, {"strCipherAlg", "2"}, {"strMode", "2"}}},
-        {"QZaven_wbsm4_encrypt",           "strdata", {{"strKey", key16}, {"strIV", key16}}},
-        {"QZaven_wbsm4_decrypt",           "strdata", {{"strKey", key16}, {"strIV", key16}}},
-    };
-    // clang-format on
+    static const std::vector<RequestCase> cases = [] {
+        std::vector<RequestCase> made;
+        for (const RequestInfo& request : catalogue())
+            made.push_back(caseOf(request));
+        return made;
+    }();
     return cases;
 }
 
 const RequestCase& encryption()
 {
-    const auto& cases = requestCases();
-    return *std::find_if(cases.begin(), cases.end(), [](const RequestCase& request) {
-        return request.name == "QZaven_crypto_encrypt";
-    });
+    static const std::string key = url64(noise(16));
+    static const RequestCase cbc = {"QZaven_crypto_encrypt",
+                                    "strdata",
+                                    {{"strCipherAlg", "2"},
+                                     {"strMode", "2"},
+                                     {"strCipherPadding", "1"},
+                                     {"strKey", key},
+                                     {"strIV", key}}};
+    return cbc;
 }
 
 // The top bytes of a linear congruential sequence (Knuth's constants).

@@ -1,4 +1,4 @@
-// The 27 requests with parameters that they accept.
+// The requests of the catalogue with parameters that they accept.
 #ifndef CORVANE_BENCH_REQUESTS_H
 #define CORVANE_BENCH_REQUESTS_H
 
@@ -19,7 +19,7 @@ struct RequestCase {
 
 const std::vector<RequestCase>& requestCases();
 
-// The symmetric encryption, with which the whole path is measured.
+// A symmetric encryption in CBC mode, with which the whole path is measured.
 const RequestCase& encryption();
 
 // The same bytes at each call.
