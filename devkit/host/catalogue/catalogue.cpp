@@ -152,11 +152,18 @@ const std::vector<RequestInfo> requests = {
         {cipherAlg}, {base64, code}, {MISSING, RANGE, ENGINE}},
 
     {"QZaven_crypto_hmac",              "MAC and key derivation", "HMAC.",
-        {hashAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        {hashAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE},
+        Sample{{{"strHashAlg", "4"}, {"strKey", "SmVmZQ=="}, {"strdata", "d2hhdCBkbyB5YSB3YW50IGZvciBub3RoaW5nPw=="}},
+               "W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=", "RFC 4231, HMAC-SHA-256"}},
     {"QZaven_crypto_cmac",              "MAC and key derivation", "CMAC.",
-        {cipherAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        {cipherAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE},
+        Sample{{{"strCipherAlg", "2"}, {"strKey", "K34VFiiu0qar9xWICc9PPA=="}, {"strdata", "a8G-4i5An5bpPX4Rc5MXKg=="}},
+               "BwoWtGtNQUT3m92d0EoofA==", "RFC 4493, AES-128-CMAC"}},
     {"QZaven_crypto_kdf",               "MAC and key derivation", "Derives a key.",
-        {hashType, srcdata, outLen}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        {hashType, srcdata, outLen}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE},
+        // Computed with: openssl kdf -keylen 16 -kdfopt digest:SHA256 -kdfopt "secret:..." X963KDF
+        Sample{{{"HashType", "4"}, {"srcdata", "corvane-host doctor"}, {"OutLen", "16"}},
+               "0jkvJ1ZRrA-DmDsuvbmfdQ==", "ANSI X9.63 with SHA-256"}},
 
     {"QZaven_crypto_envelope_encrypt",  "Envelope", "Seals data for the holder of a certificate.",
         {dataText, certificate, cipherAlg, mode}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},

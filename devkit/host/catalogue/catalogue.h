@@ -83,6 +83,13 @@ struct Result {
     const char* meaning;
 };
 
+// A call whose answer is known, with the development engine's numbers.
+struct Sample {
+    Pairs parameters;
+    const char* data;    // what "Data" is then
+    const char* source;  // who says so
+};
+
 struct RequestInfo {
     const char* name;
     const char* group;
@@ -90,6 +97,7 @@ struct RequestInfo {
     std::vector<Parameter> parameters;  // in the order in which the plug-in reads them
     std::vector<Result> results;        // in the order in which it writes them
     std::vector<int> codes;             // its own that it may write; the engine's come on top
+    std::optional<Sample> sample = {};  // of those whose answers are the same each time
 };
 
 // All requests, in the order of their function IDs, 0 to 26.
