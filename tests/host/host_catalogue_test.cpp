@@ -23,14 +23,15 @@ using HostDocuments = Host;
 Json catalogue(const Ended& listed)
 {
     EXPECT_EQ(SUCCESS, listed.code);
-    return listed.json();
+    Json requests = listed.json();
+    EXPECT_EQ(std::size(support::requestRows), requests.size());
+    return requests;
 }
 
 TEST_F(HostCatalogue, HasAllRequestsInOrder)
 {
     const Json requests = catalogue(run({"list", "--json"}));
     const std::string text = run({"list"}).out;
-    ASSERT_EQ(std::size(support::requestRows), requests.size());
     for (size_t i = 0; i < requests.size(); ++i) {
         const Json& request = requests[i];
         const std::string name = request["name"];
@@ -344,8 +345,7 @@ TEST_F(HostDocuments, OpenApiHasEveryRequestWithItsParameters)
 {
     const Json document = run({"openapi"}).json();
     EXPECT_EQ("3.1.0", document["openapi"]);
-    size_t found = 0;
-    for (const Json& request : run({"list", "--json"}).json()) {
+    for (const Json& request : catalogue(run({"list", "--json"}))) {
         const std::string path = "/v1/requests/" + request["name"].get<std::string>();
         ASSERT_TRUE(document["paths"].contains(path)) << path;
         const Json& post = document["paths"][path]["post"];
@@ -359,9 +359,7 @@ TEST_F(HostDocuments, OpenApiHasEveryRequestWithItsParameters)
                 required.push_back(parameter["name"]);
         }
         EXPECT_EQ(required, schema["required"]) << path;
-        ++found;
     }
-    EXPECT_EQ(27U, found);
 }
 
 TEST_F(HostDocuments, ConditionsAndSecretsAreForPrograms)

@@ -18,6 +18,7 @@ using support::HttpAnswer;
 using support::HttpConnection;
 using support::HttpHeaders;
 using support::Json;
+using support::sanitized;
 using support::ServedHost;
 
 const HttpHeaders jsonType = {{"Content-Type", "application/json"}};
@@ -232,7 +233,8 @@ void ServeOpenApi::askAFullHost()
 
 void ServeOpenApi::askStoppedProcesses()
 {
-    const ServedHost hasty({"--workers", "1", "--request-seconds", "0.2"});
+    // A worker must have started in that time, too.
+    const ServedHost hasty({"--workers", "1", "--request-seconds", sanitized ? "1.5" : "0.2"});
     const ServedHost host({"--workers", "1"});
     for (const Operation& operation : m_operations)
         for (const bool isKilled : {false, true})
