@@ -72,7 +72,7 @@ void checkKernelEncoding(const Base64Kernel& kernel, Base64Alphabet alphabet,
     Exact out(bytes.size() / 3 * 4);
     const size_t taken = kernel.encode[alphabet](in.data(), in.size(), out.chars());
     HOLDS(taken <= bytes.size() && taken % 3 == 0);
-    HOLDS(&kernel != base64_kernel_scalar() || taken == bytes.size() / 3 * 3);
+    HOLDS(&kernel != base64KernelScalar() || taken == bytes.size() / 3 * 3);
 
     const std::string text = fuzz::toBase64(bytes.substr(0, taken));
     HOLDS(out.text(taken / 3 * 4) == (alphabet == BASE64_URL ? fuzz::toUrl(text) : text));
@@ -87,7 +87,7 @@ void checkKernelDecoding(const Base64Kernel& kernel, Base64Alphabet alphabet,
     Exact out(text.size() / 4 * 3);
     const size_t taken = kernel.decode[alphabet](in.data(), in.size(), out.data());
     HOLDS(taken % 4 == 0 && taken / 4 <= groups);
-    HOLDS(&kernel != base64_kernel_scalar() || taken / 4 == groups);
+    HOLDS(&kernel != base64KernelScalar() || taken / 4 == groups);
     HOLDS(out.text(taken / 4 * 3) == fuzz::base64Decoded(standard.substr(0, taken)));
 
     const size_t takenInPlace = kernel.decode[alphabet](in.data(), in.size(), in.data());
@@ -113,11 +113,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         damaged = fuzz::toUrl(damaged);
 
     for (const Base64Kernel* kernel :
-         {base64_kernel_scalar(), base64_kernel_ssse3(), base64_kernel_avx2(),
-          base64_kernel_avx512(), base64_kernel_neon()}) {
+         {base64KernelScalar(), base64KernelSsse3(), base64KernelAvx2(), base64KernelAvx512(),
+          base64KernelNeon()}) {
         if (kernel == nullptr)
             continue;
-        base64_kernel = kernel;
+        base64Kernel = kernel;
         checkEncoding(bytes);
         checkDecoding(bytes);
         checkDecoding(damaged);

@@ -171,8 +171,8 @@ void setIdentities(const std::string& text, unsigned which)
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     fuzz::startEngine();
-    peers[0] = makePeer(KeyKind::sm2);
-    peers[1] = makePeer(KeyKind::rsa);
+    peers[0] = makePeer(KeyKind::Sm2);
+    peers[1] = makePeer(KeyKind::Rsa);
     return 0;
 }
 

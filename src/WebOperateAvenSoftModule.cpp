@@ -122,15 +122,15 @@ bool optionalDigitIn(const std::string& text, std::string_view digits, int32_t& 
 // URL-safe to standard Base64; text in the standard alphabet stays as it is.
 std::string toStandardAlphabet(std::string text)
 {
-    base64_kernel->replace(text.data(), text.length(), '-', '+');
-    base64_kernel->replace(text.data(), text.length(), '_', '/');
+    base64Kernel->replace(text.data(), text.length(), '-', '+');
+    base64Kernel->replace(text.data(), text.length(), '_', '/');
     return text;
 }
 
 std::string toUrlAlphabet(std::string text)
 {
-    base64_kernel->replace(text.data(), text.length(), '+', '-');
-    base64_kernel->replace(text.data(), text.length(), '/', '_');
+    base64Kernel->replace(text.data(), text.length(), '+', '-');
+    base64Kernel->replace(text.data(), text.length(), '/', '_');
     return text;
 }
 

@@ -266,7 +266,7 @@ int CWebServerBase::Utf8ToGbk(std::string& in, std::string& out)
 void CWebServerBase::ReplaceInChar(char* buf, int len, char from, char to)
 {
     if (buf != nullptr && len >= 1)
-        base64_kernel->replace(buf, static_cast<size_t>(len), from, to);
+        base64Kernel->replace(buf, static_cast<size_t>(len), from, to);
 }
 
 void CWebServerBase::URLDataDecode(char* buf, int len)

@@ -35,7 +35,7 @@ constexpr std::array<unsigned char, 256> sextets = makeSextets();
 void encodeLast(const unsigned char* in, size_t len, Base64Alphabet alphabet, char* out)
 {
     const unsigned char group[3] = {in[0], len > 1 ? in[1] : static_cast<unsigned char>(0), 0};
-    base64_kernel_scalar()->encode[alphabet](group, sizeof group, out);
+    base64KernelScalar()->encode[alphabet](group, sizeof group, out);
     if (len == 1)
         out[2] = '=';
     out[3] = '=';
@@ -52,9 +52,8 @@ std::string encode(const unsigned char* in, size_t len, Base64Alphabet alphabet)
         const size_t start = text.length();
         text.resize(start + groups * 4);
         char* const out = text.data() + start;
-        const size_t taken = base64_kernel->encode[alphabet](in, groups * 3, out);
-        base64_kernel_scalar()->encode[alphabet](in + taken, groups * 3 - taken,
-                                                 out + taken / 3 * 4);
+        const size_t taken = base64Kernel->encode[alphabet](in, groups * 3, out);
+        base64KernelScalar()->encode[alphabet](in + taken, groups * 3 - taken, out + taken / 3 * 4);
         in += groups * 3;
         len -= groups * 3;
     }
@@ -71,9 +70,9 @@ std::string encode(const unsigned char* in, size_t len, Base64Alphabet alphabet)
 size_t decodeGroups(const unsigned char* in, size_t len, Base64Alphabet alphabet,
                     unsigned char* out)
 {
-    const size_t taken = base64_kernel->decode[alphabet](in, len, out);
+    const size_t taken = base64Kernel->decode[alphabet](in, len, out);
     return taken +
-           base64_kernel_scalar()->decode[alphabet](in + taken, len - taken, out + taken / 4 * 3);
+           base64KernelScalar()->decode[alphabet](in + taken, len - taken, out + taken / 4 * 3);
 }
 
 // Decodes by the full rules, a character at a time: `next` gives the sextet of each, or

@@ -105,7 +105,7 @@ TARGET void replace(char* buf, size_t len, char from, char to)
 
 }  // namespace
 
-const Base64Kernel* base64_kernel_avx2()
+const Base64Kernel* base64KernelAvx2()
 {
     static constexpr Base64Kernel kernel = {
         "avx2", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replace};
@@ -114,7 +114,7 @@ const Base64Kernel* base64_kernel_avx2()
 
 #else
 
-const Base64Kernel* base64_kernel_avx2()
+const Base64Kernel* base64KernelAvx2()
 {
     return nullptr;
 }

@@ -130,7 +130,7 @@ TARGET void replace(char* buf, size_t len, char from, char to)
 
 }  // namespace
 
-const Base64Kernel* base64_kernel_avx512()
+const Base64Kernel* base64KernelAvx512()
 {
     static constexpr Base64Kernel kernel = {
         "avx512", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replace};
@@ -142,7 +142,7 @@ const Base64Kernel* base64_kernel_avx512()
 
 #else
 
-const Base64Kernel* base64_kernel_avx512()
+const Base64Kernel* base64KernelAvx512()
 {
     return nullptr;
 }

@@ -121,7 +121,7 @@ size_t decode(const unsigned char* in, size_t len, unsigned char* out)
 
 }  // namespace
 
-const Base64Kernel* base64_kernel_neon()
+const Base64Kernel* base64KernelNeon()
 {
     static constexpr Base64Kernel kernel = {
         "neon", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replaceBytes};
@@ -130,7 +130,7 @@ const Base64Kernel* base64_kernel_neon()
 
 #else
 
-const Base64Kernel* base64_kernel_neon()
+const Base64Kernel* base64KernelNeon()
 {
     return nullptr;
 }

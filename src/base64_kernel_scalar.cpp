@@ -85,5 +85,5 @@ size_t decode(const unsigned char* in, size_t len, unsigned char* out)
 
 }  // namespace
 
-constexpr Base64Kernel base64_scalar = {
+constexpr Base64Kernel base64Scalar = {
     "scalar", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replaceBytes};

@@ -91,7 +91,7 @@ TARGET size_t decode(const unsigned char* in, size_t len, unsigned char* out)
 
 }  // namespace
 
-const Base64Kernel* base64_kernel_ssse3()
+const Base64Kernel* base64KernelSsse3()
 {
     static constexpr Base64Kernel kernel = {
         "ssse3", {encode<false>, encode<true>}, {decode<false>, decode<true>}, replaceBytes};
@@ -100,7 +100,7 @@ const Base64Kernel* base64_kernel_ssse3()
 
 #else
 
-const Base64Kernel* base64_kernel_ssse3()
+const Base64Kernel* base64KernelSsse3()
 {
     return nullptr;
 }

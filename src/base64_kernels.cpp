@@ -4,23 +4,23 @@
 
 // Initialised as a constant: what runs before the library's constructors may use the codecs
 // too.
-const Base64Kernel* base64_kernel = &base64_scalar;
+const Base64Kernel* base64Kernel = &base64Scalar;
 
 namespace {
 
 const Base64Kernel* fastestKernel() noexcept
 {
     for (const auto kernel :
-         {base64_kernel_avx512, base64_kernel_avx2, base64_kernel_ssse3, base64_kernel_neon}) {
+         {base64KernelAvx512, base64KernelAvx2, base64KernelSsse3, base64KernelNeon}) {
         if (kernel() != nullptr)
             return kernel();
     }
-    return base64_kernel_scalar();
+    return base64KernelScalar();
 }
 
 __attribute__((constructor)) void chooseKernel() noexcept
 {
-    base64_kernel = fastestKernel();
+    base64Kernel = fastestKernel();
 }
 
 }  // namespace

@@ -28,20 +28,20 @@ struct Base64Kernel {
 };
 
 // Always there; takes all whole groups.
-extern const Base64Kernel base64_scalar;
-constexpr const Base64Kernel* base64_kernel_scalar()
+extern const Base64Kernel base64Scalar;
+constexpr const Base64Kernel* base64KernelScalar()
 {
-    return &base64_scalar;
+    return &base64Scalar;
 }
 
 // Null where the processor, or the target of the build, lacks the instructions.
-const Base64Kernel* base64_kernel_ssse3();
-const Base64Kernel* base64_kernel_avx2();
-const Base64Kernel* base64_kernel_avx512();
-const Base64Kernel* base64_kernel_neon();
+const Base64Kernel* base64KernelSsse3();
+const Base64Kernel* base64KernelAvx2();
+const Base64Kernel* base64KernelAvx512();
+const Base64Kernel* base64KernelNeon();
 
 // The fastest kernel here, chosen by a constructor when the library is loaded; the scalar
 // one before that has run. Never null.
-extern const Base64Kernel* base64_kernel;
+extern const Base64Kernel* base64Kernel;
 
 #endif

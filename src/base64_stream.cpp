@@ -87,7 +87,7 @@ size_t encode(const unsigned char* in, size_t inLen, unsigned char* out, Encoder
     memcpy(group, state.pending, filled);
     for (size_t i = 0; i < inLen; ++i) {
         if (filled == 0) {
-            const size_t taken = base64_kernel->encode[BASE64_STANDARD](
+            const size_t taken = base64Kernel->encode[BASE64_STANDARD](
                 in + i, inLen - i, reinterpret_cast<char*>(out + written));
             written += taken / 3 * 4;
             i += taken;
@@ -115,7 +115,7 @@ size_t decodeGroups(const unsigned char* in, size_t inLen, unsigned char* out)
     constexpr size_t chunk = 2048;
     unsigned char bytes[chunk / 4 * 3];
     const size_t taken =
-        base64_kernel->decode[BASE64_STANDARD](in, inLen < chunk ? inLen : chunk, bytes);
+        base64Kernel->decode[BASE64_STANDARD](in, inLen < chunk ? inLen : chunk, bytes);
     memcpy(out, bytes, taken / 4 * 3);
     return taken;
 }

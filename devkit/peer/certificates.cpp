@@ -71,7 +71,7 @@ void addName(X509_NAME* name, const char* field, const std::string& text)
 // With SM2, SM3 and the default ID, which libcrypto 3.0 does not take by itself.
 void sign(X509* certificate, EVP_PKEY* key)
 {
-    const bool isSm2 = kindOf(key) == KeyKind::sm2;
+    const bool isSm2 = kindOf(key) == KeyKind::Sm2;
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
                                                                           EVP_MD_CTX_free);
     EVP_PKEY_CTX* keyContext = nullptr;
@@ -184,7 +184,7 @@ CertificatePlan encryptionPlan()
 
 KeyPtr makeKey(KeyKind kind, unsigned rsaBits)
 {
-    KeyPtr key(kind == KeyKind::sm2 ? EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2")
+    KeyPtr key(kind == KeyKind::Sm2 ? EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2")
                                     : EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{rsaBits}),
                EVP_PKEY_free);
     must(key != nullptr, "make a key");
@@ -194,9 +194,9 @@ KeyPtr makeKey(KeyKind kind, unsigned rsaBits)
 KeyKind kindOf(const EVP_PKEY* key)
 {
     if (EVP_PKEY_is_a(key, "SM2") == 1)
-        return KeyKind::sm2;
+        return KeyKind::Sm2;
     if (EVP_PKEY_is_a(key, "RSA") == 1)
-        return KeyKind::rsa;
+        return KeyKind::Rsa;
     throw PeerError("a key is neither SM2 nor RSA");
 }
 

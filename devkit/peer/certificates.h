@@ -13,7 +13,7 @@
 
 #include "peer_error.h"
 
-enum class KeyKind { sm2, rsa };
+enum class KeyKind { Sm2, Rsa };
 
 using KeyPtr = std::shared_ptr<EVP_PKEY>;
 using CertificatePtr = std::shared_ptr<X509>;

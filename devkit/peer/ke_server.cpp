@@ -20,7 +20,7 @@ Bytes viewOf(const std::string& bytes)
 
 int hashOf(KeyKind kind)
 {
-    return keHash(kind == KeyKind::sm2);
+    return keHash(kind == KeyKind::Sm2);
 }
 
 std::string randomBytes(size_t size)
@@ -56,7 +56,7 @@ SecretBytes decryptPreMaster(const Credential& encryption, const std::string& me
     const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
         EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr), EVP_PKEY_CTX_free);
     must(context != nullptr && EVP_PKEY_decrypt_init(context.get()) == 1, "start decryption");
-    if (kindOf(key) == KeyKind::rsa)
+    if (kindOf(key) == KeyKind::Rsa)
         must(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1, "set a padding");
 
     const Bytes in = viewOf(message);
@@ -123,7 +123,7 @@ private:
 
 Sm4Gcm startGcm(const ChannelKeys& keys, Bytes nonce, Direction direction)
 {
-    const bool toServer = direction == Direction::toServer;
+    const bool toServer = direction == Direction::ToServer;
     return Sm4Gcm(toServer ? keys.clientWrite() : keys.serverWrite(), nonce,
                   toServer ? keClientLabel() : keServerLabel());
 }
@@ -144,7 +144,7 @@ std::string signExchange(const Credential& signing, const std::string& hello,
              EVP_DigestSignInit_ex(context.get(), &keyContext, keHashName(hashOf(kind)), nullptr,
                                    nullptr, key, nullptr) == 1,
          "start a signature");
-    if (kind == KeyKind::sm2)
+    if (kind == KeyKind::Sm2)
         must(EVP_PKEY_CTX_set1_id(keyContext, SM2_DEFAULT_ID,
                                   static_cast<int>(SM2_DEFAULT_ID_SIZE)) == 1,
              "set the signer's ID");

@@ -33,14 +33,14 @@ ChannelKeys acceptKeyExchange(const ServerCredentials& server, const std::string
 // For keys that a state file has kept.
 ChannelKeys restoreKeys(KeyKind kind, const std::string& block);
 
-enum class Direction { toServer, toClient };
+enum class Direction { ToServer, ToClient };
 
 // nonce || ciphertext || tag. The server seals for the client and opens what is for the
 // server; a test may want it otherwise.
 std::string sealMessage(const ChannelKeys& keys, const std::string& text,
-                        Direction direction = Direction::toClient);
+                        Direction direction = Direction::ToClient);
 std::string openMessage(const ChannelKeys& keys, const std::string& message,
-                        Direction direction = Direction::toServer);
+                        Direction direction = Direction::ToServer);
 
 std::string channelHmac(const ChannelKeys& keys, const std::string& data);
 std::string channelCmac(const ChannelKeys& keys, const std::string& data);

@@ -59,7 +59,7 @@ void printLine(const std::string& line)
 
 void makeCertificates(const Options& options)
 {
-    const KeyKind kind = options.rsa ? KeyKind::rsa : KeyKind::sm2;
+    const KeyKind kind = options.rsa ? KeyKind::Rsa : KeyKind::Sm2;
     const Credential root = makeRoot(rootPlan(), kind);
     writeCredentials(
         options.directory, root,

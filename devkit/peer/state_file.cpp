@@ -22,7 +22,7 @@ ExchangeState toState(const Json& json)
     const std::string kind = json.at("kind");
     if (kind != "SM2" && kind != "RSA")
         throw PeerError("");
-    ExchangeState state = {kind == "SM2" ? KeyKind::sm2 : KeyKind::rsa, bytesOf(json, "hello"),
+    ExchangeState state = {kind == "SM2" ? KeyKind::Sm2 : KeyKind::Rsa, bytesOf(json, "hello"),
                            bytesOf(json, "random"), std::nullopt};
     if (json.contains("keys"))
         state.keys = bytesOf(json, "keys");
@@ -34,7 +34,7 @@ ExchangeState toState(const Json& json)
 void writeState(const std::string& path, const ExchangeState& state)
 {
     Json json;
-    json["kind"] = state.kind == KeyKind::sm2 ? "SM2" : "RSA";
+    json["kind"] = state.kind == KeyKind::Sm2 ? "SM2" : "RSA";
     json["hello"] = toUrlBase64(state.hello);
     json["random"] = toUrlBase64(state.random);
     if (state.keys)

@@ -40,10 +40,10 @@ std::string makeToken()
 
 }  // namespace
 
-PeerWorker::PeerWorker() : m_root(makeRoot(rootPlan(), KeyKind::sm2))
+PeerWorker::PeerWorker() : m_root(makeRoot(rootPlan(), KeyKind::Sm2))
 {
-    m_server = {makeCredential(signingPlan(), KeyKind::sm2, m_root),
-                makeCredential(encryptionPlan(), KeyKind::sm2, m_root)};
+    m_server = {makeCredential(signingPlan(), KeyKind::Sm2, m_root),
+                makeCredential(encryptionPlan(), KeyKind::Sm2, m_root)};
 }
 
 PeerWorker::Exchange& PeerWorker::find(const std::string& token)

@@ -26,11 +26,11 @@ using support::TemporaryFolder;
 using support::toBase64;
 using support::toHex;
 
-const KeyKind kinds[] = {KeyKind::sm2, KeyKind::rsa};
+const KeyKind kinds[] = {KeyKind::Sm2, KeyKind::Rsa};
 
 const char* nameOf(KeyKind kind)
 {
-    return kind == KeyKind::sm2 ? "SM2" : "RSA";
+    return kind == KeyKind::Sm2 ? "SM2" : "RSA";
 }
 
 std::string stringOf(Bytes bytes)
@@ -56,9 +56,9 @@ struct World {
 
 const World& worldOf(KeyKind kind)
 {
-    static const World sm2(KeyKind::sm2);
-    static const World rsa(KeyKind::rsa);
-    return kind == KeyKind::sm2 ? sm2 : rsa;
+    static const World sm2(KeyKind::Sm2);
+    static const World rsa(KeyKind::Rsa);
+    return kind == KeyKind::Sm2 ? sm2 : rsa;
 }
 
 struct Result {
@@ -207,7 +207,7 @@ TEST_F(KeyExchange, BothSidesHaveTheSameKeys)
 
 TEST_F(KeyExchange, SessionsAndMessagesAreAllDifferent)
 {
-    const World& world = worldOf(KeyKind::sm2);
+    const World& world = worldOf(KeyKind::Sm2);
     const Channel one = connect(world), other = connect(world);
     EXPECT_NE(stringOf(one.keys.block()), stringOf(other.keys.block()));
     EXPECT_EQ(decrypt(other.ke, sealMessage(one.keys, "text")).code, AVEN_E_TAG_MISMATCH);
@@ -278,7 +278,7 @@ TEST_F(KeyExchange, OpensslDerivesTheSameKeys)
 {
     for (KeyKind kind : kinds) {
         SCOPED_TRACE(nameOf(kind));
-        const bool isSm2 = kind == KeyKind::sm2;
+        const bool isSm2 = kind == KeyKind::Sm2;
         const std::string hash = isSm2 ? "SM3" : "SHA256";
         const TemporaryFolder directory;
         const World& world = worldOf(kind);
@@ -381,7 +381,7 @@ TEST_F(KeyExchange, CertificateFaultsHaveTheirCodes)
     for (KeyKind kind : kinds) {
         const Credential& root = worldOf(kind).root;
         // RSA keys take long to make in an emulator.
-        const size_t step = kind == KeyKind::rsa ? support::EVERY_PLACE : 1;
+        const size_t step = kind == KeyKind::Rsa ? support::EVERY_PLACE : 1;
         for (size_t i = 0; i < std::size(certificateFaults); i += step) {
             const CertificateFault& fault = certificateFaults[i];
             SCOPED_TRACE(std::string(nameOf(kind)) + " " + fault.what);
@@ -396,13 +396,13 @@ TEST_F(KeyExchange, CertificateFaultsHaveTheirCodes)
 
 TEST_F(KeyExchange, RootsMustBeTheServersAndMayIssue)
 {
-    const KeyKind kind = KeyKind::sm2;
+    const KeyKind kind = KeyKind::Sm2;
     const World& world = worldOf(kind);
     EXPECT_EQ(codeWith(world.server, makeRoot(rootPlan(), kind)), AVEN_E_KE_UNTRUSTED);
     CertificatePlan stranger = rootPlan();
     stranger.name = "Another root";
     EXPECT_EQ(codeWith(world.server, makeRoot(stranger, kind)), AVEN_E_KE_UNTRUSTED);
-    EXPECT_EQ(codeWith(world.server, makeRoot(rootPlan(), KeyKind::rsa)), AVEN_E_KE_UNTRUSTED);
+    EXPECT_EQ(codeWith(world.server, makeRoot(rootPlan(), KeyKind::Rsa)), AVEN_E_KE_UNTRUSTED);
 
     const auto codeUnder = [&](const CertificatePlan& plan) {
         const Credential root = makeRoot(plan, kind);
@@ -425,11 +425,11 @@ TEST_F(KeyExchange, RootsMustBeTheServersAndMayIssue)
 
 TEST_F(KeyExchange, KindsAndSizesOfKeys)
 {
-    const World &sm2 = worldOf(KeyKind::sm2), &rsa = worldOf(KeyKind::rsa);
+    const World &sm2 = worldOf(KeyKind::Sm2), &rsa = worldOf(KeyKind::Rsa);
     EXPECT_EQ(codeWith({sm2.server.signing, rsa.server.encryption}, sm2.root), AVEN_E_KE_KINDS);
     EXPECT_EQ(codeWith({rsa.server.signing, sm2.server.encryption}, sm2.root), AVEN_E_KE_KINDS);
 
-    const KeyKind kind = KeyKind::rsa;
+    const KeyKind kind = KeyKind::Rsa;
     const Credential bigSigning = makeCredential(signingPlan(), kind, rsa.root, 3072);
     EXPECT_EQ(codeWith({bigSigning, rsa.server.encryption}, rsa.root), 0);
     const Credential bigEncryption = makeCredential(encryptionPlan(), kind, rsa.root, 3072);
@@ -525,7 +525,7 @@ TEST_F(KeyExchange, AnswersWithAFaultAreRefusedAndMayBeRepeated)
 
 TEST_F(KeyExchange, NoByteOfAnAnswerMayChange)
 {
-    const World& world = worldOf(KeyKind::sm2);
+    const World& world = worldOf(KeyKind::Sm2);
     void* ke = newSession(world.rootFile);
     const ServerAnswer good = answerHello(world.server, hello(ke).out);
     for (std::string ServerAnswer::*part :
@@ -566,7 +566,7 @@ protected:
         EXPECT_EQ(engine.aven_ke_free(ke), 0);
     }
 
-    const World& world = worldOf(KeyKind::sm2);
+    const World& world = worldOf(KeyKind::Sm2);
     const TemporaryFolder folder;
 };
 
@@ -574,10 +574,10 @@ TEST_F(TrustedRoots, FileHoldsAnyNumberInPemOrOneInDer)
 {
     X509* root = world.root.certificate.get();
     const std::string other =
-        toPem(worldOf(KeyKind::rsa).root.certificate.get()) + support::privatePem("sm2");
+        toPem(worldOf(KeyKind::Rsa).root.certificate.get()) + support::privatePem("sm2");
     const std::string several = folder.write("several", "text\n" + other + toPem(root));
     expectTrusted(several.c_str(), nullptr, world.server);
-    expectTrusted(several.c_str(), nullptr, worldOf(KeyKind::rsa).server);
+    expectTrusted(several.c_str(), nullptr, worldOf(KeyKind::Rsa).server);
     expectTrusted(folder.write("der", toDer(root)).c_str(), nullptr, world.server);
 }
 
@@ -590,7 +590,7 @@ TEST_F(TrustedRoots, DirectoryNeedsNoIndexAndMayHaveOne)
     std::filesystem::create_directory(folder.path("plain/folder"));
     std::filesystem::create_symlink("nowhere", folder.path("plain/dangling"));
     expectTrusted(nullptr, folder.path("plain").c_str(), world.server);
-    expectTrusted(worldOf(KeyKind::rsa).rootFile.c_str(), folder.path("plain").c_str(),
+    expectTrusted(worldOf(KeyKind::Rsa).rootFile.c_str(), folder.path("plain").c_str(),
                   world.server);
     openssl().run("rehash " + folder.path("plain"));
     expectTrusted(nullptr, folder.path("plain").c_str(), world.server);
@@ -600,7 +600,7 @@ TEST_F(TrustedRoots, IntermediateCertificatesMayBeAmongThem)
 {
     CertificatePlan plan = rootPlan();
     plan.name = "Issuer";
-    const KeyKind kind = KeyKind::sm2;
+    const KeyKind kind = KeyKind::Sm2;
     const Credential issuer = makeCredential(plan, kind, world.root);
     const ServerCredentials server = {makeCredential(signingPlan(), kind, issuer),
                                       makeCredential(encryptionPlan(), kind, issuer)};
@@ -775,7 +775,7 @@ TEST_F(TrustedRoots, OfAllSessionsAreLimitedInBytes)
 TEST_F(TrustedRoots, AreTheSameOnlyIfEveryCertificateIs)
 {
     // Two in one block are not two in two.
-    const Credential other = makeRoot(rootPlan(), KeyKind::sm2);
+    const Credential other = makeRoot(rootPlan(), KeyKind::Sm2);
     X509* root = world.root.certificate.get();
     const std::string both = toPem(root) + toPem(other.certificate.get());
     void* ke = newSession(folder.write("both", both));
@@ -805,7 +805,7 @@ TEST_F(TrustedRoots, ManyThreadsShareThem)
 
 TEST_F(TrustedRoots, WayToThemIsLimited)
 {
-    const KeyKind kind = KeyKind::sm2;
+    const KeyKind kind = KeyKind::Sm2;
     Credential issuer = world.root;
     std::string pem = toPem(world.root.certificate.get());
     for (int between = 0; between <= AVEN_KE_CHAIN_MAX + 1; ++between) {
@@ -860,7 +860,7 @@ TEST_F(ClientIdentity, KeysAndCertificatesThatBelongTogetherAreTaken)
     EXPECT_EQ(setCertificates(ke, "", support::certificatePem("rsa2048")), 0);
 
     // They change nothing about the exchange.
-    const World& world = worldOf(KeyKind::sm2);
+    const World& world = worldOf(KeyKind::Sm2);
     EXPECT_EQ(engine.aven_ke_set_root_certificate(ke, world.rootFile.c_str(), nullptr), 0);
     EXPECT_EQ(exchange(ke, answerHello(world.server, hello(ke).out)).code, 0);
 }
@@ -904,7 +904,7 @@ TEST_F(ClientIdentity, MalformedTextsAreRefused)
 
 TEST_F(ClientIdentity, SessionsDoNotKeepCertificatesWhole)
 {
-    const CertificatePtr certificate = rootOfSize(worldOf(KeyKind::sm2).root, 48000, 1);
+    const CertificatePtr certificate = rootOfSize(worldOf(KeyKind::Sm2).root, 48000, 1);
     const std::string text = toBase64(toDer(certificate.get()));
     const auto add = [&](int sessions) {
         for (int i = 0; i < sessions; ++i)
@@ -943,7 +943,7 @@ TEST_F(ClientIdentity, PasswordOpensEncryptedKeys)
 
 TEST_F(KeyExchange, CallsOutOfOrderAreRefused)
 {
-    const World& world = worldOf(KeyKind::sm2);
+    const World& world = worldOf(KeyKind::Sm2);
     const auto channelCode = [&](void* ke) {
         const int code = encrypt(ke, "text").code;
         EXPECT_EQ(decrypt(ke, pattern(40)).code, code);
@@ -987,7 +987,7 @@ TEST_F(KeyExchange, CallsOutOfOrderAreRefused)
 
 TEST_F(KeyExchange, HandlesThatAreNoneAreErrors)
 {
-    const World& world = worldOf(KeyKind::sm2);
+    const World& world = worldOf(KeyKind::Sm2);
     const ServerAnswer answer = answerHello(world.server, pattern(32));
     const auto everyCode = [&](void* ke) {
         const int code = hello(ke).code;
@@ -1076,7 +1076,7 @@ TEST_F(KeyExchange, LiveSessionsAreLimited)
 
 TEST_F(KeyExchange, TamperedAndCutMessagesAreRefused)
 {
-    const Channel channel = connect(worldOf(KeyKind::sm2));
+    const Channel channel = connect(worldOf(KeyKind::Sm2));
     const std::string text = pattern(50), message = sealMessage(channel.keys, text);
     for (size_t i = 0; i < message.size(); i += support::EVERY_PLACE) {
         for (int bit : {0, 7}) {
@@ -1099,26 +1099,26 @@ TEST_F(KeyExchange, TamperedAndCutMessagesAreRefused)
 
 TEST_F(KeyExchange, MessagesOfTheOtherDirectionAreRefused)
 {
-    const Channel channel = connect(worldOf(KeyKind::rsa));
+    const Channel channel = connect(worldOf(KeyKind::Rsa));
     const std::string own = encrypt(channel.ke, "text").out;
     EXPECT_EQ(decrypt(channel.ke, own).code, AVEN_E_TAG_MISMATCH);
-    EXPECT_EQ(decrypt(channel.ke, sealMessage(channel.keys, "text", Direction::toServer)).code,
+    EXPECT_EQ(decrypt(channel.ke, sealMessage(channel.keys, "text", Direction::ToServer)).code,
               AVEN_E_TAG_MISMATCH);
-    EXPECT_EQ(openMessage(channel.keys, own, Direction::toServer), "text");
-    EXPECT_THROW(openMessage(channel.keys, own, Direction::toClient), PeerError);
+    EXPECT_EQ(openMessage(channel.keys, own, Direction::ToServer), "text");
+    EXPECT_THROW(openMessage(channel.keys, own, Direction::ToClient), PeerError);
 
     // The label alone makes a difference, too: with both keys the same it still must.
     std::string block = stringOf(channel.keys.block());
     block.replace(48, 16, block.substr(64, 16));
-    const ChannelKeys sameKeys = restoreKeys(KeyKind::rsa, block);
-    EXPECT_EQ(decrypt(channel.ke, sealMessage(sameKeys, "text", Direction::toServer)).code,
+    const ChannelKeys sameKeys = restoreKeys(KeyKind::Rsa, block);
+    EXPECT_EQ(decrypt(channel.ke, sealMessage(sameKeys, "text", Direction::ToServer)).code,
               AVEN_E_TAG_MISMATCH);
-    EXPECT_EQ(decrypt(channel.ke, sealMessage(sameKeys, "text", Direction::toClient)).code, 0);
+    EXPECT_EQ(decrypt(channel.ke, sealMessage(sameKeys, "text", Direction::ToClient)).code, 0);
 }
 
 TEST_F(KeyExchange, InputMayBeTheOutput)
 {
-    const Channel channel = connect(worldOf(KeyKind::sm2));
+    const Channel channel = connect(worldOf(KeyKind::Sm2));
     const std::string text = pattern(300);
     std::vector<unsigned char> buffer(text.size() + KE_OVERHEAD);
     std::copy(text.begin(), text.end(), buffer.begin());
@@ -1152,7 +1152,7 @@ void checkCapacities(size_t needed, Run run)
 
 TEST_F(KeyExchange, HelloAndKeyExchangeCheckTheirBuffers)
 {
-    const World& world = worldOf(KeyKind::rsa);
+    const World& world = worldOf(KeyKind::Rsa);
     void* ke = newSession(world.rootFile);
     checkCapacities(KE_RANDOM, [&](unsigned char* out, uint32_t* len) {
         return engine.aven_ke_client_hello(ke, out, len);
@@ -1187,7 +1187,7 @@ TEST_F(KeyExchange, HelloAndKeyExchangeCheckTheirBuffers)
 
 TEST_F(KeyExchange, ChannelChecksItsBuffers)
 {
-    const Channel channel = connect(worldOf(KeyKind::sm2));
+    const Channel channel = connect(worldOf(KeyKind::Sm2));
     const std::string text = pattern(33), sealed = sealMessage(channel.keys, text);
     const struct {
         ChannelFunction function;
@@ -1231,8 +1231,8 @@ TEST_F(KeyExchange, ChannelChecksItsBuffers)
 
 TEST_F(KeyExchange, EightThreadsWithSessionsOfTheirOwn)
 {
-    worldOf(KeyKind::sm2);
-    worldOf(KeyKind::rsa);
+    worldOf(KeyKind::Sm2);
+    worldOf(KeyKind::Rsa);
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([this, t] {
@@ -1251,7 +1251,7 @@ TEST_F(KeyExchange, EightThreadsWithSessionsOfTheirOwn)
 // Only one thread can complete a step; all others learn that they are too late.
 TEST_F(KeyExchange, EightThreadsInOneExchange)
 {
-    const World& world = worldOf(KeyKind::sm2);
+    const World& world = worldOf(KeyKind::Sm2);
     void* ke = newSession(world.rootFile);
     std::atomic<int> greeted{0};
     std::string greeting;
@@ -1283,7 +1283,7 @@ TEST_F(KeyExchange, EightThreadsInOneExchange)
 
 TEST_F(KeyExchange, SessionMayBeFreedWhileInUse)
 {
-    const World& world = worldOf(KeyKind::sm2);
+    const World& world = worldOf(KeyKind::Sm2);
     for (int round = 0; round < 5; ++round) {
         const Channel channel = connect(world);
         const std::string text = pattern(2000), message = sealMessage(channel.keys, text);

@@ -43,7 +43,7 @@ int generateKey(DevkitEngine& engine)
 // The first code that is not 0.
 int useEverything(const DevkitEngine& engine)
 {
-    static const Everything everything(KeyKind::rsa);
+    static const Everything everything(KeyKind::Rsa);
     return everything.use(engine);
 }
 
@@ -93,7 +93,7 @@ TEST(EngineLifecycle, HandlesDoNotOutliveCleanup)
 {
     DevkitEngine engine;
     ASSERT_EQ(engine.aven_global_init(), 0);
-    const support::SharedKeys keys = Everything(KeyKind::sm2).readKeys(engine);
+    const support::SharedKeys keys = Everything(KeyKind::Sm2).readKeys(engine);
     void* ke = nullptr;
     EXPECT_EQ(engine.aven_ke_new(&ke), 0);
     EXPECT_EQ(engine.aven_global_cleanup(), 0);

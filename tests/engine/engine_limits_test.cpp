@@ -171,7 +171,7 @@ protected:
     void* greetedSession(std::string& hello)
     {
         void* ke = newSession();
-        const std::string& roots = server(KeyKind::rsa).rootFile();
+        const std::string& roots = server(KeyKind::Rsa).rootFile();
         EXPECT_EQ(engine.aven_ke_set_root_certificate(ke, roots.c_str(), nullptr), 0);
         unsigned char bytes[32];
         uint32_t length = 32;
@@ -183,7 +183,7 @@ protected:
     void* establishedSession(std::shared_ptr<ChannelKeys>& keys)
     {
         void* ke = newSession();
-        EXPECT_EQ(server(KeyKind::rsa).establish(engine, ke, keys), 0);
+        EXPECT_EQ(server(KeyKind::Rsa).establish(engine, ke, keys), 0);
         return ke;
     }
 
@@ -246,7 +246,7 @@ TEST_F(EngineLimits, EachPointerMayBeNullOrIsRefused)
     const std::string keyText = privatePem("rsa2048"), publicText = publicPem("rsa2048");
     const std::string certificateText = certificatePem("rsa2048");
     const std::string encoded = support::toBase64(data);
-    const std::string& roots = server(KeyKind::rsa).rootFile();
+    const std::string& roots = server(KeyKind::Rsa).rootFile();
     const std::string directory = openssl().path("roots");
     std::filesystem::create_directory(directory);
     std::filesystem::copy(roots, directory);
@@ -256,7 +256,7 @@ TEST_F(EngineLimits, EachPointerMayBeNullOrIsRefused)
     std::string hello;
     void* greeted = greetedSession(hello);
     void* fresh = newSession();
-    const ServerAnswer answer = server(KeyKind::rsa).answer(hello);
+    const ServerAnswer answer = server(KeyKind::Rsa).answer(hello);
     const std::string message = sealMessage(*keys, data);
     const std::string cipher = sealed([&](unsigned char* to, uint32_t* n) {
         return engine.aven_crypto_encrypt(&cbc, in, size, to, n, 0, nullptr);
@@ -448,7 +448,7 @@ TEST_F(EngineLimits, EveryOutputStaysWithinItsCapacity)
 
     // A call that has no room leaves the session as it was, so one will do for all but the
     // successes, which need one each.
-    const std::string& roots = server(KeyKind::rsa).rootFile();
+    const std::string& roots = server(KeyKind::Rsa).rootFile();
     expectCapacities(
         "aven_ke_client_hello", 32,
         [&](Out to, Length n) {
@@ -464,7 +464,7 @@ TEST_F(EngineLimits, EveryOutputStaysWithinItsCapacity)
         [&](Out to, Length n) {
             std::string hello;
             void* session = greetedSession(hello);
-            const ServerAnswer answer = server(KeyKind::rsa).answer(hello);
+            const ServerAnswer answer = server(KeyKind::Rsa).answer(hello);
             const int code = engine.aven_ke_client_key_exchange(
                 session, dataOf(answer.random), sizeOf(answer.random),
                 dataOf(answer.signingCertificate), sizeOf(answer.signingCertificate),
@@ -540,7 +540,7 @@ TEST_F(EngineLimits, LargestLengthsAreRefused)
     void* fresh = newSession();
     std::string hello;
     void* greeted = greetedSession(hello);
-    const ServerAnswer answer = server(KeyKind::rsa).answer(hello);
+    const ServerAnswer answer = server(KeyKind::Rsa).answer(hello);
 
     // With the length that is stored: 0, or what would be needed.
     const auto refused = [&](int line, int expected, uint32_t needed, const auto& call) {
@@ -715,7 +715,7 @@ TEST_F(EngineLimits, ForeignHandlesAreRefused)
                              reinterpret_cast<void*>(UINTPTR_MAX)};
     const auto notASession = [&](void* handleOfOther) {
         const std::string& text = privatePem("sm2");
-        const std::string& roots = server(KeyKind::rsa).rootFile();
+        const std::string& roots = server(KeyKind::Rsa).rootFile();
         uint32_t n = sizeof out;
         for (int code : {
                  engine.aven_ke_set_public_key(handleOfOther, dataOf(text), sizeOf(text), nullptr,

@@ -16,7 +16,7 @@ using support::SharedKeys;
 
 constexpr int THREADS = 8;
 
-const KeyKind kinds[] = {KeyKind::sm2, KeyKind::rsa};
+const KeyKind kinds[] = {KeyKind::Sm2, KeyKind::Rsa};
 
 // Runs `body(thread)` in eight threads at once.
 template <class Body>
@@ -84,7 +84,7 @@ TEST(EngineThreads, OneOfManyFreesWins)
 {
     DevkitEngine engine;
     ASSERT_EQ(engine.aven_global_init(), 0);
-    const Everything everything(KeyKind::sm2);
+    const Everything everything(KeyKind::Sm2);
     for (int round = 0; round < 20; ++round) {
         const SharedKeys keys = everything.readKeys(engine);
         std::atomic<int> freed{0}, gone{0};
@@ -106,7 +106,7 @@ TEST(EngineThreads, OneSessionServesAll)
     void* ke = nullptr;
     ASSERT_EQ(engine.aven_ke_new(&ke), 0);
     std::shared_ptr<ChannelKeys> keys;
-    ASSERT_EQ(support::server(KeyKind::sm2).establish(engine, ke, keys), 0);
+    ASSERT_EQ(support::server(KeyKind::Sm2).establish(engine, ke, keys), 0);
     inThreads([&](int thread) {
         const std::string text = support::pattern(100, static_cast<unsigned>(thread));
         for (int round = 0; round < 50; ++round) {
@@ -159,7 +159,7 @@ TEST(EngineThreads, ManyShortOnesComeAndGo)
 {
     DevkitEngine engine;
     ASSERT_EQ(engine.aven_global_init(), 0);
-    const Everything everything(KeyKind::rsa);
+    const Everything everything(KeyKind::Rsa);
     for (int round = 0; round < 10; ++round)
         inThreads([&](int) { EXPECT_EQ(everything.use(engine), 0); });
     EXPECT_EQ(engine.aven_global_cleanup(), 0);

@@ -19,7 +19,7 @@ using support::pattern;
 using support::toHex;
 using support::toUrlBase64;
 
-const KeyKind kinds[] = {KeyKind::sm2, KeyKind::rsa};
+const KeyKind kinds[] = {KeyKind::Sm2, KeyKind::Rsa};
 
 // The program, in a folder of its own.
 class Peer : public testing::Test, protected support::TemporaryFolder {
@@ -77,8 +77,8 @@ int modeOf(const std::string& file)
 TEST_F(Peer, CertificatesAreWhatOpensslExpects)
 {
     for (KeyKind kind : kinds) {
-        const std::string directory = kind == KeyKind::sm2 ? "sm2" : "rsa";
-        ASSERT_EQ(run("make-certs " + directory + (kind == KeyKind::rsa ? " --rsa" : "")), 0);
+        const std::string directory = kind == KeyKind::Sm2 ? "sm2" : "rsa";
+        ASSERT_EQ(run("make-certs " + directory + (kind == KeyKind::Rsa ? " --rsa" : "")), 0);
         EXPECT_EQ(modeOf(path(directory)), 0700);
         for (const char* name : {"root", "sign", "enc"}) {
             const std::string file = path(directory) + "/" + name;
@@ -94,7 +94,7 @@ TEST_F(Peer, CertificatesAreWhatOpensslExpects)
         EXPECT_NE(text("root").find("CA:TRUE"), std::string::npos);
         EXPECT_NE(text("sign").find("Digital Signature\n"), std::string::npos);
         EXPECT_NE(text("enc").find("Key Encipherment, Data Encipherment\n"), std::string::npos);
-        if (kind == KeyKind::rsa) {
+        if (kind == KeyKind::Rsa) {
             // For SM2 the command has no way to set an ID for the issuers.
             openssl().run("verify -CAfile " + path(directory) + "/root.crt " + path(directory) +
                           "/sign.crt " + path(directory) + "/enc.crt >verdict");
@@ -139,7 +139,7 @@ TEST_F(Peer, ExchangeWithTheProgram)
     const std::string text = pattern(100), data = toUrlBase64(text);
     EXPECT_EQ(line("hmac --dir s --data " + data), toUrlBase64(channelHmac(keys, text)));
     EXPECT_EQ(line("cmac --dir s --data " + data), toUrlBase64(channelCmac(keys, text)));
-    const std::string fromClient = toUrlBase64(sealMessage(keys, text, Direction::toServer));
+    const std::string fromClient = toUrlBase64(sealMessage(keys, text, Direction::ToServer));
     EXPECT_EQ(line("decrypt --dir s --data " + fromClient), data);
     const std::string toClient = line("encrypt --dir s --data " + data);
     EXPECT_NE(toClient, line("encrypt --dir s --data " + data));
@@ -200,12 +200,12 @@ TEST_F(Peer, TamperedAndCutMessagesAreRefused)
     for (KeyKind kind : kinds) {
         const ChannelKeys keys = restoreKeys(kind, pattern(ChannelKeys::SIZE));
         const std::string message = sealMessage(keys, pattern(40));
-        EXPECT_EQ(openMessage(keys, message, Direction::toClient), pattern(40));
+        EXPECT_EQ(openMessage(keys, message, Direction::ToClient), pattern(40));
         for (size_t i = 0; i < message.size(); ++i) {
             std::string bad = message;
             bad[i] = static_cast<char>(bad[i] ^ 1);
-            EXPECT_THROW(openMessage(keys, bad, Direction::toClient), PeerError) << i;
-            EXPECT_THROW(openMessage(keys, message.substr(0, i), Direction::toClient), PeerError)
+            EXPECT_THROW(openMessage(keys, bad, Direction::ToClient), PeerError) << i;
+            EXPECT_THROW(openMessage(keys, message.substr(0, i), Direction::ToClient), PeerError)
                 << i;
         }
     }

@@ -74,7 +74,7 @@ class Kernel : public ::testing::TestWithParam<std::tuple<const Base64Kernel*, B
 protected:
     const Base64Kernel* kernel = std::get<0>(GetParam());
     const Base64Alphabet alphabet = std::get<1>(GetParam());
-    const bool isScalar = kernel == base64_kernel_scalar();  // takes all whole groups
+    const bool isScalar = kernel == base64KernelScalar();  // takes all whole groups
 
     // Encodes from a buffer of exactly the input's size into one of exactly the room
     // that the kernel may use, `shift` bytes behind an aligned address.
@@ -172,7 +172,7 @@ TEST_P(Kernel, TakesBothAlphabetsOnlyInUrlDecoding)
 
 TEST_P(Kernel, AgreesWithTheScalarOneOnLargeInputs)
 {
-    const Base64Kernel* scalar = base64_kernel_scalar();
+    const Base64Kernel* scalar = base64KernelScalar();
     for (unsigned seed = 0; seed < 8; ++seed) {
         const Bytes in = randomBytes(300000 + seed * 77, seed);
         std::string expected(in.size() / 3 * 4, '\0');
@@ -209,10 +209,10 @@ TEST_P(Kernel, ReplacesInEverySizeAtEveryAlignment)
 // The whole codec with each kernel in turn.
 TEST_P(Kernel, GivesTheSameTextsAndBytesThroughTheCodec)
 {
-    const Base64Kernel* usual = base64_kernel;
+    const Base64Kernel* usual = base64Kernel;
     for (size_t len = 0; len <= 512; ++len) {
         const Bytes in = randomBytes(len, static_cast<unsigned>(len));
-        base64_kernel = base64_kernel_scalar();
+        base64Kernel = base64KernelScalar();
         const std::string text = base64_encode(in.data(), static_cast<unsigned>(len));
         const std::string url = base64_encode_url(in.data(), len);
         std::string odd = text;
@@ -220,7 +220,7 @@ TEST_P(Kernel, GivesTheSameTextsAndBytesThroughTheCodec)
             odd[len * 7 % odd.size()] = static_cast<char>(len);
         const std::string oddBytes = base64_decode(odd);
 
-        base64_kernel = kernel;
+        base64Kernel = kernel;
         ASSERT_EQ(text, base64_encode(in.data(), static_cast<unsigned>(len)));
         ASSERT_EQ(url, base64_encode_url(in.data(), len));
         ASSERT_EQ(std::string(in.begin(), in.end()), base64_decode(text));
@@ -230,7 +230,7 @@ TEST_P(Kernel, GivesTheSameTextsAndBytesThroughTheCodec)
             ASSERT_EQ(std::string(in.begin(), in.end()), bytes);
         }
     }
-    base64_kernel = usual;
+    base64Kernel = usual;
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, Kernel,
@@ -244,7 +244,7 @@ INSTANTIATE_TEST_SUITE_P(Every, Kernel,
 TEST(KernelChoice, IsTheFastestThatTheProcessorHas)
 {
     const std::vector<const Base64Kernel*> found = kernels();
-    EXPECT_EQ(found.back(), base64_kernel);
+    EXPECT_EQ(found.back(), base64Kernel);
     EXPECT_STREQ("scalar", found.front()->name);
 }
 

@@ -140,8 +140,8 @@ TEST_F(Serve, SendsEveryRequest)
     EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_wbsm4_decrypt", given)["Data"]));
 
     // Public keys: the same bytes as the certificate's.
-    const Credential root = makeRoot(rootPlan(), KeyKind::rsa);
-    const Credential holder = makeCredential(encryptionPlan(), KeyKind::rsa, root);
+    const Credential root = makeRoot(rootPlan(), KeyKind::Rsa);
+    const Credential holder = makeCredential(encryptionPlan(), KeyKind::Rsa, root);
     unsigned char* der = nullptr;
     const int length = i2d_PrivateKey(holder.key.get(), &der);
     const std::string privateKey(reinterpret_cast<char*>(der), static_cast<size_t>(length));
@@ -164,9 +164,9 @@ TEST_F(Serve, SendsEveryRequest)
     EXPECT_EQ("a%2520letter", ok("QZaven_crypto_envelope_decrypt", given)["Data"]);
 
     // A key exchange, with the roots as an upload.
-    const ServerCredentials server = {makeCredential(signingPlan(), KeyKind::sm2, root),
-                                      makeCredential(encryptionPlan(), KeyKind::sm2, root)};
-    const Credential client = makeCredential(signingPlan(), KeyKind::sm2, root);
+    const ServerCredentials server = {makeCredential(signingPlan(), KeyKind::Sm2, root),
+                                      makeCredential(encryptionPlan(), KeyKind::Sm2, root)};
+    const Credential client = makeCredential(signingPlan(), KeyKind::Sm2, root);
     const std::string clientCertificate = toDer(client.certificate.get());
     der = nullptr;
     const int clientLength = i2d_PrivateKey(client.key.get(), &der);
@@ -333,7 +333,7 @@ TEST(ServeSessions, FailedOneHasNoToken)
 TEST(ServeFiles, AreBelowTheFolder)
 {
     NEEDS_WORKERS();
-    const Credential root = makeRoot(rootPlan(), KeyKind::sm2);
+    const Credential root = makeRoot(rootPlan(), KeyKind::Sm2);
     const support::TemporaryFolder temporary;
     const fs::path& folder = temporary.path();
     fs::create_directories(folder / "ca/inner");

@@ -14,8 +14,8 @@ namespace support {
 inline std::vector<const Base64Kernel*> kernels()
 {
     std::vector<const Base64Kernel*> found;
-    for (const auto kernel : {base64_kernel_scalar, base64_kernel_ssse3, base64_kernel_avx2,
-                              base64_kernel_avx512, base64_kernel_neon}) {
+    for (const auto kernel : {base64KernelScalar, base64KernelSsse3, base64KernelAvx2,
+                              base64KernelAvx512, base64KernelNeon}) {
         if (kernel() != nullptr)
             found.push_back(kernel());
     }
@@ -30,13 +30,13 @@ constexpr size_t LONGER_THAN_ANY_VECTOR = 400;
 template <class Body>
 void withEachKernel(Body body)
 {
-    const Base64Kernel* usual = base64_kernel;
+    const Base64Kernel* usual = base64Kernel;
     for (const Base64Kernel* kernel : kernels()) {
         SCOPED_TRACE(kernel->name);
-        base64_kernel = kernel;
+        base64Kernel = kernel;
         body();
     }
-    base64_kernel = usual;
+    base64Kernel = usual;
 }
 
 }  // namespace support

@@ -53,7 +53,7 @@ public:
         const Credential root = makeRoot(rootPlan(), kind);
         m_credentials.signing = makeCredential(signingPlan(), kind, root);
         m_credentials.encryption = makeCredential(encryptionPlan(), kind, root);
-        const std::string name = kind == KeyKind::sm2 ? "server-sm2.crt" : "server-rsa.crt";
+        const std::string name = kind == KeyKind::Sm2 ? "server-sm2.crt" : "server-rsa.crt";
         openssl().write(name, toPem(root.certificate.get()));
         m_rootFile = openssl().path(name);
     }
@@ -99,8 +99,8 @@ private:
 // Made once for the test program.
 inline const TestServer& server(KeyKind kind)
 {
-    static const TestServer sm2(KeyKind::sm2), rsa(KeyKind::rsa);
-    return kind == KeyKind::sm2 ? sm2 : rsa;
+    static const TestServer sm2(KeyKind::Sm2), rsa(KeyKind::Rsa);
+    return kind == KeyKind::Sm2 ? sm2 : rsa;
 }
 
 // Handles that threads share; null ones are made and freed by each use.
@@ -114,8 +114,8 @@ class Everything {
 public:
     explicit Everything(KeyKind kind)
         : m_kind(kind),
-          m_keyText(privatePem(kind == KeyKind::sm2 ? "sm2" : "rsa2048")),
-          m_certificateText(certificatePem(kind == KeyKind::sm2 ? "sm2" : "rsa2048"))
+          m_keyText(privatePem(kind == KeyKind::Sm2 ? "sm2" : "rsa2048")),
+          m_certificateText(certificatePem(kind == KeyKind::Sm2 ? "sm2" : "rsa2048"))
     {
         server(kind);  // before threads begin
     }

@@ -38,7 +38,7 @@ const char* const KEY_PAIR_REQUESTS[] = {"QZaven_crypto_public_encrypt",
 struct Keys {
     Keys(KeyKind keyKind, const std::string& folder)
         : kind(keyKind),
-          type(keyKind == KeyKind::sm2 ? "1" : "3"),
+          type(keyKind == KeyKind::Sm2 ? "1" : "3"),
           own(makeRoot(rootPlan(), keyKind)),
           rootFile(folder + "/root" + type + ".crt"),
           privateText(toUrlBase64(oracle::privatePem(own.key.get()))),
@@ -69,7 +69,7 @@ bool isCipher(int cipher, int mode)
 // Which of them envelopes to a kind of key have.
 bool isEnvelope(KeyKind kind, int cipher, int mode)
 {
-    if (kind == KeyKind::sm2)
+    if (kind == KeyKind::Sm2)
         return cipher == AVEN_CIPHER_SM4 && mode != AVEN_MODE_GCM;
     if (cipher == AVEN_CIPHER_3DES)
         return mode == AVEN_MODE_CBC;
@@ -92,8 +92,8 @@ std::string number(long long value)
 
 struct TrafficSetting::Content {
     TemporaryFolder folder;
-    Keys sm2{KeyKind::sm2, folder.path()};
-    Keys rsa{KeyKind::rsa, folder.path()};
+    Keys sm2{KeyKind::Sm2, folder.path()};
+    Keys rsa{KeyKind::Rsa, folder.path()};
     mutable std::mutex keyPairs;
 };
 
@@ -532,7 +532,7 @@ void TrafficClient::Work::channelDecrypt()
         mistakes.push_back({"strcipher", "", AVEN_E_KE_MESSAGE});
         mistakes.push_back({"strcipher", toUrlBase64(damaged(message)), AVEN_E_TAG_MISMATCH});
         mistakes.push_back({"strcipher",
-                            toUrlBase64(sealMessage(*m_channel, data, Direction::toServer)),
+                            toUrlBase64(sealMessage(*m_channel, data, Direction::ToServer)),
                             AVEN_E_TAG_MISMATCH});
         return err(name, parameters, mistakes);
     }
@@ -587,7 +587,7 @@ oracle::PublicKeyForm TrafficClient::Work::publicKeyForm(Parameters& parameters)
 // The most that a key of 2048 bits takes, and what a margin of 129 bytes must suffice for.
 std::string TrafficClient::Work::publicKeyData(const Keys& keys, bool oaep)
 {
-    return somePayload(keys.kind == KeyKind::sm2 ? size_t{1} << 17 : oaep ? 256 - 66 : 256 - 11);
+    return somePayload(keys.kind == KeyKind::Sm2 ? size_t{1} << 17 : oaep ? 256 - 66 : 256 - 11);
 }
 
 void TrafficClient::Work::publicEncrypt()
@@ -606,7 +606,7 @@ void TrafficClient::Work::publicEncrypt()
                     {"strdata", "", MISSING},
                     {"strKeyPairType", "2", INVALID},
                     {"strnoAsn1", "2", INVALID},
-                    {"strKeyPairType", keys.kind == KeyKind::sm2 ? "3" : "1", AVEN_E_KEY_KIND},
+                    {"strKeyPairType", keys.kind == KeyKind::Sm2 ? "3" : "1", AVEN_E_KEY_KIND},
                     {"strpk", toUrlBase64("no key"), AVEN_E_KEY_TEXT},
                     {"strpk", keys.privateText, AVEN_E_KEY_ROLE}});
     expect(oracle::privateDecrypt(keys.own.key.get(), form, bytesOf(name, parameters)) == data,
@@ -636,7 +636,7 @@ void TrafficClient::Work::privateDecrypt()
             mistakes.push_back({"strPassword", "", AVEN_E_PASSWORD_MISSING});
             mistakes.push_back({"strPassword", "another", AVEN_E_PASSWORD_WRONG});
         }
-        if (keys.kind == KeyKind::sm2 || form.oaep)  // PKCS#1 v1.5 may not notice
+        if (keys.kind == KeyKind::Sm2 || form.oaep)  // PKCS#1 v1.5 may not notice
             mistakes.push_back({"strdata", toUrlBase64(damaged(encrypted)), AVEN_E_DECRYPTION});
         return err(name, parameters, mistakes);
     }
@@ -873,7 +873,7 @@ void TrafficClient::Work::envelopeEncrypt()
                     {"strpk", toUrlBase64("no certificate"), AVEN_E_KEY_TEXT},
                     {"strpk", keys.publicText, AVEN_E_KEY_ROLE}});
     const std::string envelope = bytesOf(name, parameters);
-    if (keys.kind == KeyKind::rsa && oracle::knowsEnvelope(cipher, mode)) {
+    if (keys.kind == KeyKind::Rsa && oracle::knowsEnvelope(cipher, mode)) {
         expect(oracle::openEnvelope(keys.own.key.get(), envelope) == data,
                "another text is in the envelope");
         return;

@@ -196,7 +196,7 @@ Store storeOf(const Engine& engine, const RootTexts& roots)
 
 const char* nameOf(ServerRole role)
 {
-    return role == ServerRole::signing ? "signing" : "encryption";
+    return role == ServerRole::Signing ? "signing" : "encryption";
 }
 
 int codeOfVerification(int error)
@@ -238,7 +238,7 @@ void checkTrust(const Engine& engine, const TrustedRoots& roots, X509* certifica
 void checkUsage(X509* certificate, ServerRole role)
 {
     const uint32_t usage = X509_get_key_usage(certificate);
-    const uint32_t wanted = role == ServerRole::signing
+    const uint32_t wanted = role == ServerRole::Signing
                                 ? KU_DIGITAL_SIGNATURE
                                 : uint32_t{KU_KEY_ENCIPHERMENT} | KU_DATA_ENCIPHERMENT;
     if (usage != UINT32_MAX && (usage & wanted) != 0)

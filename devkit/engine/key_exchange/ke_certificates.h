@@ -10,7 +10,7 @@
 // them. Throws AVEN_E_KE_ROOTS_ codes, AVEN_E_INPUT_TOO_LONG and AVEN_E_KEY_TEXT.
 TrustedRoots readTrustedRoots(const Engine& engine, const char* file, const char* directory);
 
-enum class ServerRole { signing, encryption };
+enum class ServerRole { Signing, Encryption };
 
 // A server's certificate as it came, in DER or PEM. Throws as readCertificate does.
 std::shared_ptr<Certificate> readServerCertificate(const Engine& engine, Bytes bytes);

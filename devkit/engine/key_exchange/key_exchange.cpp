@@ -39,9 +39,9 @@ private:
 };
 
 enum class Stage {
-    settings,    // keys, certificates and roots may be set
-    greeted,     // the hello is out, and the settings are fixed
-    established  // there are keys
+    Settings,    // keys, certificates and roots may be set
+    Greeted,     // the hello is out, and the settings are fixed
+    Established  // there are keys
 };
 
 // What the client has of its own, for one of the two uses.
@@ -61,7 +61,7 @@ struct ClientIdentity {
 struct Session : HandleObject {
     const SessionCount counted;
     std::mutex mutex;
-    Stage stage = Stage::settings;
+    Stage stage = Stage::Settings;
     ClientIdentity signing;
     ClientIdentity encryption;
     TrustedRoots roots;
@@ -87,7 +87,7 @@ std::shared_ptr<const ChannelKeys> channelOf(const Engine& engine, const void* h
 {
     const std::shared_ptr<Session> session = sessionOf(engine, handle);
     const std::lock_guard<std::mutex> lock(session->mutex);
-    session->requireStage(Stage::established);
+    session->requireStage(Stage::Established);
     return session->keys;
 }
 
@@ -97,14 +97,14 @@ std::shared_ptr<const ChannelKeys> channelOf(const Engine& engine, const void* h
 std::shared_ptr<const Key> readEitherKey(const Engine& engine, Bytes text, const char* password)
 {
     const KeyForm form = unwrapKeyText(text).form;
-    const bool isPublic = form == KeyForm::publicKey || form == KeyForm::certificate;
+    const bool isPublic = form == KeyForm::PublicKey || form == KeyForm::Certificate;
     return std::make_shared<const Key>(isPublic ? readPublicKey(engine, text)
                                                 : readPrivateKey(engine, text, password));
 }
 
 std::shared_ptr<const Key> readCertifiedKey(const Engine& engine, Bytes text)
 {
-    require(unwrapKeyText(text).form == KeyForm::certificate, AVEN_E_KEY_ROLE);
+    require(unwrapKeyText(text).form == KeyForm::Certificate, AVEN_E_KEY_ROLE);
     return std::make_shared<const Key>(readPublicKey(engine, text));
 }
 
@@ -114,7 +114,7 @@ void setIdentities(Session& session, Bytes signingText, Bytes encryptionText, Ch
 {
     require(signingText.size > 0 || encryptionText.size > 0, AVEN_E_KEY_MISSING);
     const std::lock_guard<std::mutex> lock(session.mutex);
-    session.requireStage(Stage::settings);
+    session.requireStage(Stage::Settings);
 
     ClientIdentity signing = session.signing;
     ClientIdentity encryption = session.encryption;
@@ -141,8 +141,8 @@ Server readServer(const Engine& engine, const TrustedRoots& roots, Bytes signing
     Server server = {readServerCertificate(engine, signing),
                      readServerCertificate(engine, encryption)};
     require(server.signing->key.kind == server.encryption->key.kind, AVEN_E_KE_KINDS);
-    checkServerCertificate(engine, roots, *server.signing, ServerRole::signing);
-    checkServerCertificate(engine, roots, *server.encryption, ServerRole::encryption);
+    checkServerCertificate(engine, roots, *server.signing, ServerRole::Signing);
+    checkServerCertificate(engine, roots, *server.encryption, ServerRole::Encryption);
     return server;
 }
 
@@ -282,7 +282,7 @@ int aven_ke_set_root_certificate(void* ke, const char* ca_file, const char* ca_p
     return answer("aven_ke_set_root_certificate", [&](const Engine& engine) {
         const std::shared_ptr<Session> session = sessionOf(engine, ke);
         const std::lock_guard<std::mutex> lock(session->mutex);
-        session->requireStage(Stage::settings);
+        session->requireStage(Stage::Settings);
         session->roots = readTrustedRoots(engine, ca_file, ca_path);
     });
 }
@@ -292,14 +292,14 @@ int aven_ke_client_hello(void* ke, unsigned char* out, uint32_t* out_len)
     return answer("aven_ke_client_hello", out, out_len, [&](const Engine& engine, Output& output) {
         const std::shared_ptr<Session> session = sessionOf(engine, ke);
         const std::lock_guard<std::mutex> lock(session->mutex);
-        session->requireStage(Stage::settings);
+        session->requireStage(Stage::Settings);
         require(session->roots != nullptr, AVEN_E_KE_TOO_EARLY);
 
         unsigned char* hello = output.room(KE_RANDOM);
         engine.random(session->clientRandom.data(), KE_RANDOM);
         memcpy(hello, session->clientRandom.data(), KE_RANDOM);
         output.setLength(KE_RANDOM);
-        session->stage = Stage::greeted;
+        session->stage = Stage::Greeted;
     });
 }
 
@@ -317,7 +317,7 @@ int aven_ke_client_key_exchange(void* ke, const unsigned char* srvr_rand, uint32
             const Bytes signature = input(srvr_sign, srvr_sign_len);
             const std::shared_ptr<Session> session = sessionOf(engine, ke);
             const std::lock_guard<std::mutex> lock(session->mutex);
-            session->requireStage(Stage::greeted);
+            session->requireStage(Stage::Greeted);
             require(serverRandom.size == KE_RANDOM, AVEN_E_KE_SERVER_RANDOM);
 
             const LibraryRandomness randomness(engine);
@@ -339,7 +339,7 @@ int aven_ke_client_key_exchange(void* ke, const unsigned char* srvr_rand, uint32
                                                             view(preMaster), randoms);
             put(output, message);
             session->keys = std::move(keys);
-            session->stage = Stage::established;
+            session->stage = Stage::Established;
         });
 }
 

@@ -97,7 +97,7 @@ void checkCost(const X509_ALGOR* encryption)
 
 }  // namespace
 
-Pkcs8 decryptPkcs8(const Engine& engine, Bytes der, const char* password)
+PrivateKeyInfo decryptPkcs8(const Engine& engine, Bytes der, const char* password)
 {
     const unsigned char* p = der.data;
     const Owned<X509_SIG_free, X509_SIG> sealed(
@@ -109,7 +109,7 @@ Pkcs8 decryptPkcs8(const Engine& engine, Bytes der, const char* password)
     checkCost(encryption);
     require(password != nullptr, AVEN_E_PASSWORD_MISSING);
 
-    Pkcs8 info(PKCS8_decrypt_ex(sealed.get(), password, -1, engine.library(), nullptr));
+    PrivateKeyInfo info(PKCS8_decrypt_ex(sealed.get(), password, -1, engine.library(), nullptr));
     if (info == nullptr) {
         // Wrong padding and wrong content behind it look alike here.
         const bool deciphered = ERR_GET_LIB(ERR_peek_last_error()) == ERR_LIB_PKCS12;

@@ -7,10 +7,10 @@
 #include "engine/buffers.h"
 #include "engine/engine.h"
 
-using Pkcs8 = Owned<PKCS8_PRIV_KEY_INFO_free, PKCS8_PRIV_KEY_INFO>;  // wiped when freed
+using PrivateKeyInfo = Owned<PKCS8_PRIV_KEY_INFO_free, PKCS8_PRIV_KEY_INFO>;  // wiped when freed
 
 // The password may be null. Before it is tried, its cost is checked against the limits in
 // engine_numbers.h. Throws the AVEN_E_ code of what is wrong.
-Pkcs8 decryptPkcs8(const Engine& engine, Bytes der, const char* password);
+PrivateKeyInfo decryptPkcs8(const Engine& engine, Bytes der, const char* password);
 
 #endif

@@ -64,17 +64,17 @@ KeyForm formOf(Bytes der)
 
     switch (first.identifier << 8 | second.identifier) {
         case V_ASN1_INTEGER << 8 | SEQUENCE:
-            return KeyForm::pkcs8;
+            return KeyForm::Pkcs8;
         case V_ASN1_INTEGER << 8 | V_ASN1_OCTET_STRING:
-            return KeyForm::sec1;
+            return KeyForm::Sec1;
         case V_ASN1_INTEGER << 8 | V_ASN1_INTEGER:
-            return KeyForm::pkcs1;
+            return KeyForm::Pkcs1;
         case SEQUENCE << 8 | V_ASN1_OCTET_STRING:
-            return KeyForm::encryptedPkcs8;
+            return KeyForm::EncryptedPkcs8;
         case SEQUENCE << 8 | V_ASN1_BIT_STRING:
-            return KeyForm::publicKey;
+            return KeyForm::PublicKey;
         case SEQUENCE << 8 | SEQUENCE:
-            return KeyForm::certificate;
+            return KeyForm::Certificate;
     }
     throw Failure{AVEN_E_KEY_TEXT};
 }
@@ -83,17 +83,17 @@ KeyForm formOf(Bytes der)
 bool labelFits(std::string_view label, KeyForm form)
 {
     switch (form) {
-        case KeyForm::pkcs8:
+        case KeyForm::Pkcs8:
             return label == "PRIVATE KEY";
-        case KeyForm::encryptedPkcs8:
+        case KeyForm::EncryptedPkcs8:
             return label == "ENCRYPTED PRIVATE KEY";
-        case KeyForm::sec1:
+        case KeyForm::Sec1:
             return label == "EC PRIVATE KEY" || label == "SM2 PRIVATE KEY";
-        case KeyForm::pkcs1:
+        case KeyForm::Pkcs1:
             return label == "RSA PRIVATE KEY";
-        case KeyForm::publicKey:
+        case KeyForm::PublicKey:
             return label == "PUBLIC KEY";
-        case KeyForm::certificate:
+        case KeyForm::Certificate:
             return label == "CERTIFICATE";
     }
     return false;

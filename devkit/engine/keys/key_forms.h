@@ -5,12 +5,12 @@
 #include "engine/secret_bytes.h"
 
 enum class KeyForm {
-    pkcs8,           // PrivateKeyInfo, RFC 5208
-    encryptedPkcs8,  // EncryptedPrivateKeyInfo, RFC 5208
-    sec1,            // ECPrivateKey, RFC 5915
-    pkcs1,           // RSAPrivateKey, RFC 8017
-    publicKey,       // SubjectPublicKeyInfo, RFC 5280
-    certificate      // RFC 5280
+    Pkcs8,           // PrivateKeyInfo, RFC 5208
+    EncryptedPkcs8,  // EncryptedPrivateKeyInfo, RFC 5208
+    Sec1,            // ECPrivateKey, RFC 5915
+    Pkcs1,           // RSAPrivateKey, RFC 8017
+    PublicKey,       // SubjectPublicKeyInfo, RFC 5280
+    Certificate      // RFC 5280
 };
 
 struct KeyBlock {

@@ -318,10 +318,10 @@ Key pkcs8PrivateKey(const Engine& engine, const PKCS8_PRIV_KEY_INFO* info)
                                              : ecPrivateKey(engine, inner, true);
 }
 
-Pkcs8 readPkcs8(Bytes der)
+PrivateKeyInfo readPkcs8(Bytes der)
 {
     const unsigned char* p = der.data;
-    Pkcs8 info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(der.size)));
+    PrivateKeyInfo info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(der.size)));
     require(info != nullptr, AVEN_E_KEY_TEXT);
     return info;
 }
@@ -336,7 +336,7 @@ Key publicKeyOf(const Engine& engine, const X509_ALGOR* algorithm, Bytes key)
 
 X509Certificate parseCertificate(const Engine& engine, const KeyBlock& block)
 {
-    require(block.form == KeyForm::certificate, AVEN_E_KEY_ROLE);
+    require(block.form == KeyForm::Certificate, AVEN_E_KEY_ROLE);
     X509* made = X509_new_ex(engine.library(), nullptr);
     require(made != nullptr, AVEN_E_NO_MEMORY);
     const unsigned char* p = block.der.data();
@@ -393,16 +393,16 @@ Key readPrivateKey(const Engine& engine, Bytes text, const char* password)
     const Bytes der = view(block.der);
 
     switch (block.form) {
-        case KeyForm::pkcs8:
+        case KeyForm::Pkcs8:
             return pkcs8PrivateKey(engine, readPkcs8(der).get());
-        case KeyForm::encryptedPkcs8:
+        case KeyForm::EncryptedPkcs8:
             return pkcs8PrivateKey(engine, decryptPkcs8(engine, der, password).get());
-        case KeyForm::sec1:
+        case KeyForm::Sec1:
             return ecPrivateKey(engine, der, false);
-        case KeyForm::pkcs1:
+        case KeyForm::Pkcs1:
             return rsaPrivateKey(engine, der);
-        case KeyForm::publicKey:
-        case KeyForm::certificate:
+        case KeyForm::PublicKey:
+        case KeyForm::Certificate:
             break;
     }
     throw Failure{AVEN_E_KEY_ROLE};
@@ -411,7 +411,7 @@ Key readPrivateKey(const Engine& engine, Bytes text, const char* password)
 Key readPublicKey(const Engine& engine, Bytes text)
 {
     const KeyBlock block = unwrapKeyText(text);
-    if (block.form == KeyForm::publicKey) {
+    if (block.form == KeyForm::PublicKey) {
         const PublicKey::Owner form =
             PublicKey::read(view(block.der), AVEN_E_KEY_TEXT, AVEN_E_KEY_TEXT);
         return publicKeyOf(engine, form->algorithm, contentOf(form->key));

@@ -120,13 +120,13 @@ private:
     static void encryptCounters(const unsigned char* in, unsigned char* out, size_t count,
                                 const void* key, const unsigned char ivec[16])
     {
-        constexpr size_t BATCH = 64;
-        unsigned char stream[BATCH * 16];
+        constexpr size_t batch = 64;
+        unsigned char stream[batch * 16];
         uint32_t counter = uint32_t{ivec[12]} << 24 | uint32_t{ivec[13]} << 16 |
                            uint32_t{ivec[14]} << 8 | ivec[15];
 
         while (count > 0) {
-            const size_t some = std::min(count, BATCH);
+            const size_t some = std::min(count, batch);
             for (size_t i = 0; i < some; ++i, ++counter) {
                 unsigned char* block = stream + i * 16;
                 memcpy(block, ivec, 12);

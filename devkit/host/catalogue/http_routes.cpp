@@ -87,11 +87,11 @@ std::set<unsigned> statusesOf(const Route& route)
     return statuses;
 }
 
-std::set<unsigned> statusesOf(const Route& route, const RequestInfo& request)
+std::set<unsigned> statusesOf(const Route& route, const RequestInfo& info)
 {
     std::set<unsigned> statuses = statusesOf(route);
     statuses.erase(findHostCode("unknown_request")->status);
-    if (!takesSession(request))
+    if (!takesSession(info))
         statuses.erase(findHostCode("session_gone")->status);
     return statuses;
 }

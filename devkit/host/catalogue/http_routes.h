@@ -39,6 +39,6 @@ const std::set<unsigned>& libraryStatuses();
 // Every status that can come of a route.
 std::set<unsigned> statusesOf(const Route& route);
 // The same for one request, whose name is known and which may take no session.
-std::set<unsigned> statusesOf(const Route& route, const RequestInfo& request);
+std::set<unsigned> statusesOf(const Route& route, const RequestInfo& info);
 
 #endif
