@@ -1,47 +1,22 @@
-// The text utilities of the handler base: escaping, hex digits, splitting, commands, and
-// that a host's locale changes none of them.
+// The text utilities of the handler base: escaping, hex digits, splitting.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
 #include <climits>
-#include <clocale>
 #include <list>
-#include <locale>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <string>
-#include <vector>
 
-#include "WebServerBase.h"
-#include "base64.h"
-#include "engine_binding.h"
-#include "log.h"
-#include "support/capture.h"
-#include "support/files.h"
+#include "support/text_handler.h"
 
 namespace {
 
-using support::StdoutCapture;
+using support::allBytes;
+using support::escaped;
+using support::LETTERS_AND_DIGITS;
+using support::Text;
 using Texts = std::vector<std::string>;
-
-const std::string LETTERS_AND_DIGITS =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-
-class Handler : public CWebServerBase {
-public:
-    std::string Request() override { return ""; }
-};
-
-class Text : public testing::Test {
-protected:
-    Handler handler;
-};
 
 // ---- Rewriting in place
 
@@ -145,30 +120,6 @@ TEST_F(Hex, LettersBeyondFHaveValues)
 // ---- Percent escapes
 
 using EncodeUri = Text;
-
-std::string escaped(const std::string& text)
-{
-    const std::string kept = LETTERS_AND_DIGITS + "-_.~!*'()";
-    std::string out;
-    for (char c : text) {
-        if (kept.find(c) != std::string::npos) {
-            out += c;
-        } else {
-            char escape[4];
-            snprintf(escape, sizeof escape, "%%%02X", static_cast<unsigned>(c) & 0xff);
-            out += escape;
-        }
-    }
-    return out;
-}
-
-std::string allBytes()
-{
-    std::string bytes;
-    for (int byte = 0; byte < 256; byte++)
-        bytes += static_cast<char>(byte);
-    return bytes;
-}
 
 TEST_F(EncodeUri, EscapesAllButTheUnreserved)
 {
@@ -404,253 +355,9 @@ TEST_F(WideList, KeepsWhatTheListHolds)
     EXPECT_EQ(pieces.size(), 3U);
 }
 
-// ---- Commands
-
-using RunCmd = Text;
-
-TEST_F(RunCmd, ReturnsWhatTheCommandPrints)
-{
-    EXPECT_EQ(handler.runCmd("printf abc"), "abc");
-    EXPECT_EQ(handler.runCmd("echo one; echo; echo two"), "one\n\ntwo\n");
-    EXPECT_EQ(handler.runCmd("true"), "");
-    EXPECT_EQ(handler.runCmd(""), "");
-}
-
-TEST_F(RunCmd, LeavesOutErrorsAndExitStatus)
-{
-    EXPECT_EQ(handler.runCmd("echo out; echo err 2>/dev/null >&2; exit 3"), "out\n");
-    EXPECT_EQ(handler.runCmd("/nonexistent/command 2>/dev/null"), "");
-}
-
-TEST_F(RunCmd, JoinsLinesOfAnyLength)
-{
-    for (size_t length : {1022U, 1023U, 1024U, 1025U, 2046U, 2047U, 5000U}) {
-        std::string command = "head -c " + std::to_string(length) + " /dev/zero | tr '\\0' x";
-        EXPECT_EQ(handler.runCmd(command), std::string(length, 'x'));
-        EXPECT_EQ(handler.runCmd(command + "; echo; echo y"), std::string(length, 'x') + "\ny\n");
-    }
-}
-
-TEST_F(RunCmd, CutsEachLineAtItsFirstZeroByte)
-{
-    EXPECT_EQ(handler.runCmd("printf 'ab\\0cd\\nef\\n'"), "abef\n");
-    EXPECT_EQ(handler.runCmd("printf '\\0ab\\n\\0\\ncd\\0'"), "cd");
-    EXPECT_EQ(handler.runCmd("printf 'ab\\0'"), "ab");
-}
-
-// Lines are read in parts of 1,023 bytes, and each part counts as a line here.
-TEST_F(RunCmd, GoesOnInTheNextPartOfALongLine)
-{
-    EXPECT_EQ(handler.runCmd("printf 'ab\\0'; head -c 1020 /dev/zero | tr '\\0' x; printf cd"),
-              "abcd");
-}
-
-TEST_F(RunCmd, KeepsTheFirst10239Bytes)
-{
-    for (size_t size : {10238U, 10239U, 10240U, 10241U, 11263U, 70000U, 1000000U}) {
-        std::string kept(std::min<size_t>(size, 10239), 'x');
-        std::string command = "head -c " + std::to_string(size) + " /dev/zero | tr '\\0' x";
-        EXPECT_EQ(handler.runCmd(command), kept) << size;
-    }
-}
-
-TEST_F(RunCmd, KeepsTheFirst10239BytesOfManyLines)
-{
-    std::string all;
-    for (int i = 1; i <= 4000; i++)
-        all += std::to_string(i) + "\n";
-    EXPECT_EQ(handler.runCmd("seq 4000"), all.substr(0, 10239));
-}
-
-TEST_F(RunCmd, WaitsForTheCommand)
-{
-    char path[] = "/tmp/corvane_test_XXXXXX";
-    int file = mkstemp(path);
-    ASSERT_GE(file, 0);
-    close(file);
-    handler.runCmd(std::string("echo begun; sleep 0.2; rm ") + path);
-    EXPECT_NE(access(path, F_OK), 0);
-    unlink(path);
-}
-
-// Its output ends long before the command does.
-TEST_F(RunCmd, WaitsForACommandThatHasClosedItsOutput)
-{
-    char path[] = "/tmp/corvane_test_XXXXXX";
-    int file = mkstemp(path);
-    ASSERT_GE(file, 0);
-    close(file);
-    EXPECT_EQ(handler.runCmd(std::string("echo begun; exec >&-; sleep 0.2; rm ") + path),
-              "begun\n");
-    EXPECT_NE(access(path, F_OK), 0);
-    unlink(path);
-}
-
-TEST_F(RunCmd, LeavesNoProcessAndNoOpenFileBehind)
-{
-    int before = dup(STDIN_FILENO);
-    ASSERT_GE(before, 0);
-    close(before);
-    for (const char* command : {"true", "echo abc", "head -c 20000 /dev/zero", "exit 3"})
-        handler.runCmd(command);
-    int after = dup(STDIN_FILENO);
-    close(after);
-    EXPECT_EQ(after, before) << "the lowest number that is free";
-    EXPECT_LE(waitpid(-1, nullptr, WNOHANG), 0) << "a child that nobody has waited for";
-}
-
-TEST_F(RunCmd, PrintsThatACommandCannotBeStarted)
-{
-    // A pipe needs two more files than the process has.
-    rlimit original;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &original), 0);
-    StdoutCapture output;
-    rlimit none = {0, original.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    std::string result = handler.runCmd("echo abc");
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &original), 0);
-    EXPECT_EQ(result, "");
-    EXPECT_EQ(output.text(), "popen error!\n");
-}
-
 TEST_F(Text, EnhancedProviderIsNeverAvailable)
 {
     EXPECT_EQ(handler.IS_MS_ENH_RSA_AES_PROV_XP(), -2);
-}
-
-// ---- Locales of the host
-
-// Groups digits and decorates them as few real locales do.
-class Grouping : public std::numpunct<char> {
-protected:
-    char do_decimal_point() const override { return ';'; }
-    char do_thousands_sep() const override { return ','; }
-    std::string do_grouping() const override { return "\1"; }
-};
-
-class LocaleCpp : public Text {
-protected:
-    void SetUp() override
-    {
-        previous = std::locale::global(std::locale(std::locale::classic(), new Grouping));
-        std::ostringstream stream;
-        stream << 1234;
-        ASSERT_EQ(stream.str(), "1,2,3,4") << "the locale has no effect";
-    }
-    void TearDown() override { std::locale::global(previous); }
-
-    std::locale previous;
-};
-
-TEST_F(LocaleCpp, LeavesErrorCodesAlone)
-{
-    EXPECT_EQ(handler.GetStrErrorForInt(-20001), "-20001");
-    EXPECT_EQ(handler.GetStrErrorForInt(INT_MIN), "-2147483648");
-    EXPECT_EQ(handler.GetStrErrorForInt(INT_MAX), "2147483647");
-    EXPECT_EQ(handler.GetStrErrorForInt(0), "0");
-    EXPECT_EQ(handler.GetStrErrorHexForInt(0x12ABCDEF), "0x12ABCDEF");
-    EXPECT_EQ(handler.GetStrErrorHexForInt(-20001), "-20001");
-}
-
-TEST_F(LocaleCpp, LeavesHandleTextsAlone)
-{
-    CSoftMoudle_aven engine;
-    for (long handle : {0L, -5L, 1234567L, LONG_MAX, LONG_MIN}) {
-        EXPECT_EQ(engine.GetStrForInt(handle), std::to_string(handle));
-        EXPECT_EQ(GetPtrForStr(engine.GetStrForInt(handle)), handle);
-    }
-}
-
-// An 8-bit locale in which bytes of 0x80 and above are letters, built from the sources
-// in the package locales.
-class LocaleLatin1 : public Text {
-protected:
-    static void SetUpTestSuite()
-    {
-        folder = std::make_unique<support::TemporaryFolder>();
-        const std::string command = "localedef -i de_DE -f ISO-8859-1 " +
-                                    folder->path("de_DE.ISO-8859-1") + " >/dev/null 2>&1";
-        // Its status only says whether there were warnings; setlocale tells.
-        if (system(command.c_str()) == -1)
-            return;
-        setenv("LOCPATH", folder->path().c_str(), 1);
-    }
-    static void TearDownTestSuite()
-    {
-        unsetenv("LOCPATH");
-        folder.reset();
-    }
-    void SetUp() override
-    {
-        if (setlocale(LC_ALL, "de_DE.ISO-8859-1") == nullptr)
-            GTEST_SKIP() << "NOT TESTED: no 8-bit locale can be built (package locales is missing)";
-        ASSERT_TRUE(isalnum(0xe9)) << "the locale has no effect";
-    }
-    void TearDown() override { setlocale(LC_ALL, "C"); }
-
-    static std::unique_ptr<support::TemporaryFolder> folder;
-};
-
-std::unique_ptr<support::TemporaryFolder> LocaleLatin1::folder;
-
-TEST_F(LocaleLatin1, LeavesEscapingAlone)
-{
-    EXPECT_EQ(handler.EncodeURIComponent("\xe9"), "%E9");
-    EXPECT_EQ(handler.EncodeURIComponent(allBytes()), escaped(allBytes()));
-    EXPECT_EQ(handler.JsonUrlEncode(allBytes()), escaped(escaped(allBytes())));
-    EXPECT_EQ(handler.DecodeURIComponent(escaped(allBytes())), allBytes());
-}
-
-TEST_F(LocaleLatin1, LeavesTheAlphabetAlone)
-{
-    const std::string alphabet = LETTERS_AND_DIGITS + "+/";
-    const std::string bytes = base64_decode(alphabet);
-    EXPECT_EQ(bytes.size(), 48U);
-    EXPECT_EQ(base64_encode(reinterpret_cast<const unsigned char*>(bytes.data()), 48), alphabet);
-    for (char c : alphabet)
-        EXPECT_TRUE(is_base64(static_cast<unsigned char>(c)));
-    for (char c : {'=', '-', '_', '\n', ' ', '\0'}) {
-        EXPECT_FALSE(is_base64(static_cast<unsigned char>(c)));
-        EXPECT_EQ(base64_decode("Zm9v" + std::string(1, c) + "YmFy"), "foo");
-    }
-}
-
-// The process's locale decides which bytes beyond ASCII are letters. Such a letter is in
-// no place of the alphabet and counts as 255.
-TEST_F(LocaleLatin1, AddsLettersThatCountAs255)
-{
-    EXPECT_TRUE(is_base64(0xe9));
-    EXPECT_FALSE(is_base64(0xa7));
-    EXPECT_EQ(base64_decode("Zm9v\xe9"
-                            "AAAZm9v"),
-              std::string("foo\xfc\0\0foo", 9));
-    EXPECT_EQ(base64_decode("Zm9v\xa7"
-                            "AAAZm9v"),
-              "foo");
-    // In each place the bits count that a sextet has there; the last has all eight.
-    EXPECT_EQ(base64_decode("A\xe9"
-                            "AA"),
-              std::string("\x03\xf0\0", 3));
-    EXPECT_EQ(base64_decode("AA\xe9"
-                            "A"),
-              std::string("\0\x0f\xc0", 3));
-    EXPECT_EQ(base64_decode("AAA\xe9"), std::string("\0\0\xff", 3));
-}
-
-TEST_F(LocaleLatin1, LeavesNumbersAlone)
-{
-    CSoftMoudle_aven engine;
-    EXPECT_EQ(handler.GetStrErrorForInt(-1234567), "-1234567");
-    EXPECT_EQ(handler.GetStrErrorHexForInt(1234567), "0x12D687");
-    EXPECT_EQ(engine.GetStrForInt(-1234567), "-1234567");
-    EXPECT_EQ(GetPtrForStr("-1234567"), -1234567);
-}
-
-TEST_F(LocaleLatin1, LeavesTheHexDumpAlone)
-{
-    char line[200];
-    hex_dump_to_buffer("\x41\xe9\x42", 3, 16, 1, line, sizeof line, true);
-    EXPECT_EQ(std::string(line).substr(49), "A.B");
 }
 
 }  // namespace
