@@ -1,7 +1,8 @@
 #include "engine_double.h"
 
-#include <algorithm>
 #include <cstring>
+
+#include "engine_call.h"
 
 #define EXPORT __attribute__((visibility("default")))
 
@@ -20,91 +21,6 @@ using namespace doubles;
 EngineDouble* state = nullptr;
 
 using Bytes = const unsigned char*;
-
-// One call: its record and its step.
-class EngineCall : public Recording {
-public:
-    explicit EngineCall(const char* function, bool query = false)
-        : Recording(state->journal, function), m_step(state->step(query, function))
-    {
-    }
-
-    const Step& step() const { return m_step; }
-
-    // Offers *len bytes at out; heap buffers have a byte more.
-    void offered(const unsigned char* out, const uint32_t* len, long long behind)
-    {
-        output("out", out, *len, behind);
-        number("out_len", *len);
-    }
-
-    // Fills the output and ends the call. `ordinary` is what an unscripted call writes.
-    int answer(unsigned char* out, uint32_t* len, const std::string& ordinary)
-    {
-        start();
-        if (out == nullptr) {
-            if (m_step.code == 0 || m_step.reported)
-                *len = static_cast<uint32_t>(
-                    m_step.reported.value_or(static_cast<long long>(ordinary.size())));
-            return finish(m_step);
-        }
-        const uint32_t capacity = *len;
-        const uint32_t written = write(out, capacity, ordinary);
-        if (m_step.beyond)
-            *len = capacity + 1;
-        else if (m_step.code == 0 || m_step.output || m_step.reported)
-            *len = static_cast<uint32_t>(m_step.reported.value_or(written));
-        return finish(m_step);
-    }
-
-    // The same for a buffer whose length the engine does not tell.
-    uint32_t write(unsigned char* out, uint32_t capacity, const std::string& ordinary)
-    {
-        if (m_step.scribble)
-            memset(out, 0xAA, capacity);
-        if (m_step.code != 0 && !m_step.output)
-            return 0;
-        const std::string& bytes = m_step.output ? *m_step.output : ordinary;
-        const auto size = static_cast<uint32_t>(std::min<size_t>(bytes.size(), capacity));
-        memcpy(out, bytes.data(), size);
-        return size;
-    }
-
-    int answer()
-    {
-        start();
-        return finish(m_step);
-    }
-
-    int giveObject(Objects& objects, void** place)
-    {
-        start();
-        if (m_step.object)
-            *place = *m_step.object;
-        else if (m_step.code == 0)
-            *place = objects.give();
-        if (*place != nullptr && (m_step.object || m_step.code == 0))
-            objects.take(*place);
-        return finish(m_step);
-    }
-
-    const char* answerText(const std::string& ordinary)
-    {
-        start();
-        finish(m_step);
-        state->text = m_step.text.value_or(ordinary);
-        return m_step.nullText ? nullptr : state->text.c_str();
-    }
-
-    void start() const
-    {
-        if (m_step.during)
-            m_step.during();
-    }
-
-private:
-    const Step m_step;  // a copy: `during` may change the script
-};
 
 std::string copyOf(Bytes data, uint32_t size)
 {
@@ -178,7 +94,7 @@ int blockTransform(const char* function, void (*record)(EngineCall&, const void*
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(function);
+    EngineCall call(*state, function);
     record(call, params);
     return transform(call, in, inLen, out, outLen);
 }
@@ -188,7 +104,7 @@ int sessionTransform(const char* function, void* ke, Bytes in, uint32_t inLen, u
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(function, out == nullptr);
+    EngineCall call(*state, function, out == nullptr);
     call.address("ke", ke);
     return transform(call, in, inLen, out, outLen);
 }
@@ -197,7 +113,7 @@ int base64(const char* function, Bytes in, uint32_t inLen, unsigned char* out, u
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(function, out == nullptr);
+    EngineCall call(*state, function, out == nullptr);
     return transform(call, in, inLen, out, outLen);
 }
 
@@ -206,7 +122,7 @@ int wbsm4(const char* function, int kind, Bytes key, uint32_t keyLen, Bytes iv, 
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(function);
+    EngineCall call(*state, function);
     call.number("kind", kind);
     call.bytes("key", key, keyLen);
     call.number("key_len", keyLen);
@@ -226,21 +142,21 @@ int aven_global_init()
 {
     if (state == nullptr)
         return DETACHED;
-    return EngineCall(__func__).answer();
+    return EngineCall(*state, __func__).answer();
 }
 
 int aven_global_cleanup()
 {
     if (state == nullptr)
         return DETACHED;
-    return EngineCall(__func__).answer();
+    return EngineCall(*state, __func__).answer();
 }
 
 int aven_global_set_logger(const char* target)
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.text("target", target);
     return call.answer();
 }
@@ -249,14 +165,14 @@ const char* aven_version()
 {
     if (state == nullptr)
         return nullptr;
-    return EngineCall(__func__).answerText("engine double 1.0");
+    return EngineCall(*state, __func__).answerText("engine double 1.0");
 }
 
 const char* aven_strerror(int code)
 {
     if (state == nullptr)
         return nullptr;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.number("code", code);
     return call.answerText("text of " + std::to_string(code));
 }
@@ -275,7 +191,7 @@ int aven_ke_new(void** ke)
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.address("ke", *ke);
     return call.giveObject(state->sessions, ke);
 }
@@ -284,7 +200,7 @@ int aven_ke_free(void* ke)
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.address("ke", ke);
     state->sessions.free(ke);
     return call.answer();
@@ -295,7 +211,7 @@ int aven_ke_set_public_key(void* ke, Bytes sig_key, uint32_t sig_key_len, Bytes 
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.address("ke", ke);
     call.bytes("sig_key", sig_key, sig_key_len);
     call.number("sig_key_len", sig_key_len);
@@ -310,7 +226,7 @@ int aven_ke_set_certificate(void* ke, Bytes sig_cert, uint32_t sig_cert_len, Byt
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.address("ke", ke);
     call.bytes("sig_cert", sig_cert, sig_cert_len);
     call.number("sig_cert_len", sig_cert_len);
@@ -324,7 +240,7 @@ int aven_ke_set_root_certificate(void* ke, const char* ca_file, const char* ca_p
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.address("ke", ke);
     call.text("ca_file", ca_file);
     call.text("ca_path", ca_path);
@@ -335,7 +251,7 @@ int aven_ke_client_hello(void* ke, unsigned char* out, uint32_t* out_len)
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.address("ke", ke);
     call.offered(out, out_len, 0);
     return call.answer(out, out_len, pattern(32));
@@ -348,7 +264,7 @@ int aven_ke_client_key_exchange(void* ke, Bytes srvr_rand, uint32_t srvr_rand_le
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.address("ke", ke);
     call.bytes("srvr_rand", srvr_rand, srvr_rand_len);
     call.number("srvr_rand_len", srvr_rand_len);
@@ -399,7 +315,7 @@ int aven_crypto_encrypt(const void* params, Bytes in, uint32_t in_len, unsigned 
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     recordSymm(call, params);
     call.number("tag_len", tag_len);
     call.output("tag", tag, 512, 0);
@@ -416,7 +332,7 @@ int aven_crypto_decrypt(const void* params, Bytes in, uint32_t in_len, Bytes tag
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     recordSymm(call, params);
     call.bytes("tag", tag, tag_len);
     call.number("tag_len", tag_len);
@@ -427,7 +343,7 @@ int aven_crypto_gen_symmkey(int type, unsigned char* out, uint32_t* out_len)
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.number("type", type);
     call.offered(out, out_len, 0);
     return call.answer(out, out_len, pattern(16));
@@ -450,7 +366,7 @@ int aven_keypair_unmarshal(int type, Bytes private_key, uint32_t private_key_len
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.number("type", type);
     call.bytes("private_key", private_key, private_key_len);
     call.number("private_key_len", private_key_len);
@@ -465,7 +381,7 @@ int aven_keypair_free(void* keypair)
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.address("keypair", keypair);
     state->keypairs.free(keypair);
     return call.answer();
@@ -476,7 +392,7 @@ int aven_certificate_unmarshal(Bytes cert, uint32_t cert_len, const char* passwo
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.bytes("cert", cert, cert_len);
     call.number("cert_len", cert_len);
     call.text("password", password);
@@ -488,7 +404,7 @@ int aven_certificate_free(void* certificate)
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.address("certificate", certificate);
     state->certificates.free(certificate);
     return call.answer();
@@ -498,7 +414,7 @@ int aven_crypto_kdf(int alg, Bytes in, uint32_t in_len, uint32_t out_len, unsign
 {
     if (state == nullptr)
         return DETACHED;
-    EngineCall call(__func__);
+    EngineCall call(*state, __func__);
     call.number("alg", alg);
     call.bytes("in", in, in_len);
     call.number("in_len", in_len);
