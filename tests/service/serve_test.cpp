@@ -1,4 +1,4 @@
-// The host as a service: every request by HTTP, with the development engine.
+// The host as a service, with the development engine.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include "peer/ke_server.h"
+#include "peer/certificates.h"
 #include "support/base64_text.h"
 #include "support/served_host.h"
 
@@ -30,41 +30,19 @@ const Json hmac = {{"strHashAlg", 4},
 // RFC 4231, section 4.3.
 const std::string hmacAnswer = "W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=";
 
-Json base64(const std::string& bytes)
-{
-    return {{"base64", toUrlBase64(bytes)}};
-}
-
-class Serve : public support::ServedSuite {
-protected:
-    static Json ok(const std::string& name, const Json& parameters = Json::object())
-    {
-        const HttpAnswer answer = host().request(name, parameters);
-        EXPECT_EQ(200, answer.status) << name << " " << answer.body;
-        const Json json = answer.json();
-        EXPECT_TRUE(json["error"].is_null()) << name << " " << answer.body;
-        EXPECT_EQ(Json::array(), json["warnings"]) << name;
-        EXPECT_TRUE(json["microseconds"].is_number()) << name;
-        m_sent.insert(name);
-        return json["results"];
-    }
-
-    static std::set<std::string> m_sent;
-};
-
-std::set<std::string> Serve::m_sent;
+class Serve : public support::ServedSuite {};
 
 // ---- Requests.
 
 TEST_F(Serve, AnswersAKnownRequestInEveryForm)
 {
     const Json results = {{"Data", hmacAnswer}, {"errorCode", "0"}};
-    EXPECT_EQ(
-        results,
-        ok("QZaven_crypto_hmac",
-           {{"strHashAlg", "4"},
-            {"strKey", "SmVmZQ=="},
-            {"strdata", {{"hex", "7768617420646f2079612077616e7420666f72206e6f7468696e673f"}}}}));
+    const HttpAnswer json = host().request(
+        "QZaven_crypto_hmac",
+        {{"strHashAlg", "4"},
+         {"strKey", "SmVmZQ=="},
+         {"strdata", {{"hex", "7768617420646f2079612077616e7420666f72206e6f7468696e673f"}}}});
+    EXPECT_EQ(results, json.json()["results"]) << json.body;
 
     const std::string path = "/v1/requests/QZaven_crypto_hmac";
     const HttpAnswer form = host().ask(
@@ -93,123 +71,6 @@ TEST_F(Serve, AnswersAKnownRequestInEveryForm)
         }() +
         "\r\n" + body.substr(5) + "\r\n0\r\n\r\n");
     EXPECT_EQ(results, chunked.json()["results"]) << chunked.body;
-}
-
-TEST_F(Serve, SendsEveryRequest)
-{
-    using namespace std::string_literals;
-    EXPECT_NE(std::string::npos, ok("QZaVen_GetVersion")["Data"].get<std::string>().find("1.0.0"));
-    EXPECT_NE("", ok("QZaVen_strerror", {{"strErr", "-20001"}})["Data"]);
-    const std::string bytes = "bytes \x00\x01\xfe"s;
-    EXPECT_EQ(toUrlBase64(bytes),
-              ok("QZaven_crypto_base64_encode", {{"strIn", base64(bytes)}})["Data"]);
-    EXPECT_EQ("bytes%2520",
-              ok("QZaven_crypto_base64_Decode", {{"strIn", toUrlBase64("bytes ")}})["Data"]);
-
-    const std::string key = ok("QZaven_crypto_gen_symmkey", {{"strCipherAlg", 4}})["Data"];
-    EXPECT_EQ(32U, fromUrlBase64(key).size());
-    const Json cipher = {{"strCipherAlg", 4},
-                         {"strMode", 6},
-                         {"strKey", key},
-                         {"strIV", base64("123456789012")},
-                         {"straad", base64("aad")}};
-    Json given = cipher;
-    given["strdata"] = base64(bytes);
-    given["strgcmTagLen"] = 16;
-    const Json sealed = ok("QZaven_crypto_encrypt", given);
-    given = cipher;
-    given["strdata"] = sealed["Data"];
-    given["strtag"] = sealed["gcmOutTag"];
-    EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_crypto_decrypt", given)["Data"]));
-
-    EXPECT_EQ(hmacAnswer, ok("QZaven_crypto_hmac", hmac)["Data"]);
-    EXPECT_EQ(16U, fromUrlBase64(ok("QZaven_crypto_cmac", {{"strCipherAlg", 4},
-                                                           {"strKey", key},
-                                                           {"strdata", base64(bytes)}})["Data"])
-                       .size());
-    EXPECT_EQ(40U,
-              fromUrlBase64(ok("QZaven_crypto_kdf",
-                               {{"HashType", 4}, {"srcdata", "secret"}, {"OutLen", 40}})["Data"])
-                  .size());
-
-    const Json whiteBox = {{"strKey", base64("1234567890123456")},
-                           {"strIV", base64("6543210987654321")}};
-    given = whiteBox;
-    given["strdata"] = base64(bytes);
-    given["strdata"] = ok("QZaven_wbsm4_encrypt", given)["Data"];
-    EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_wbsm4_decrypt", given)["Data"]));
-
-    // Public keys: the same bytes as the certificate's.
-    const Credential root = makeRoot(rootPlan(), KeyKind::Rsa);
-    const Credential holder = makeCredential(encryptionPlan(), KeyKind::Rsa, root);
-    unsigned char* der = nullptr;
-    const int length = i2d_PrivateKey(holder.key.get(), &der);
-    const std::string privateKey(reinterpret_cast<char*>(der), static_cast<size_t>(length));
-    OPENSSL_free(der);
-    const std::string certificate = toDer(holder.certificate.get());
-    given = {{"strKeyPairType", 3}, {"strpk", base64(certificate)}, {"strdata", base64(bytes)}};
-    const std::string ciphertext = ok("QZaven_crypto_public_encrypt", given)["Data"];
-    given = {{"strKeyPairType", 3}, {"strsk", base64(privateKey)}, {"strdata", ciphertext}};
-    EXPECT_EQ(bytes, fromUrlBase64(ok("QZaven_crypto_private_decrypt", given)["Data"]));
-    given = {{"strdata", "a letter"},
-             {"strpk", base64(certificate)},
-             {"strCipherAlg", 4},
-             {"strMode", 2}};
-    const std::string envelope = ok("QZaven_crypto_envelope_encrypt", given)["Data"];
-    given = {{"strEncdata", envelope},
-             {"strKeyPairType", 3},
-             {"strsk", base64(privateKey)},
-             {"strCipherAlg", 4},
-             {"strMode", 2}};
-    EXPECT_EQ("a%2520letter", ok("QZaven_crypto_envelope_decrypt", given)["Data"]);
-
-    // A key exchange, with the roots as an upload.
-    const ServerCredentials server = {makeCredential(signingPlan(), KeyKind::Sm2, root),
-                                      makeCredential(encryptionPlan(), KeyKind::Sm2, root)};
-    const Credential client = makeCredential(signingPlan(), KeyKind::Sm2, root);
-    const std::string clientCertificate = toDer(client.certificate.get());
-    der = nullptr;
-    const int clientLength = i2d_PrivateKey(client.key.get(), &der);
-    const std::string clientKey(reinterpret_cast<char*>(der), static_cast<size_t>(clientLength));
-    OPENSSL_free(der);
-    const std::string token = ok("QZaven_ke_new")["Data"];
-    EXPECT_EQ("ke_", token.substr(0, 3));
-    EXPECT_GE(token.size(), 3U + 22);
-    const auto ke = [&](Json more) {
-        more["strKe"] = token;
-        return more;
-    };
-    ok("QZaven_ke_set_public_key",
-       ke({{"strSig_key", base64(clientKey)}, {"strEnc_key", base64(clientKey)}}));
-    ok("QZaven_ke_set_certificate", ke({{"strSig_cert", base64(clientCertificate)},
-                                        {"strEnc_cert", base64(clientCertificate)}}));
-    ok("QZaven_ke_set_root_certificate",
-       ke({{"strCa_file", base64(toPem(root.certificate.get()))}}));
-    const std::string hello = fromUrlBase64(ok("QZaven_ke_client_hello", ke({}))["Data"]);
-    const ServerAnswer answer = answerHello(server, hello);
-    const std::string message = ok("QZaven_ke_client_key_exchange",
-                                   ke({{"strSrvr_rand", base64(answer.random)},
-                                       {"strSrvr_sig_cert", base64(answer.signingCertificate)},
-                                       {"strSrvr_enc_cert", base64(answer.encryptionCertificate)},
-                                       {"strSrvr_sign", base64(answer.signature)}}))["Data"];
-    const ChannelKeys keys =
-        acceptKeyExchange(server, hello, answer.random, fromUrlBase64(message));
-    EXPECT_EQ(bytes,
-              openMessage(keys, fromUrlBase64(ok("QZaven_ke_encrypt",
-                                                 ke({{"strdata", base64(bytes)}}))["Data"])));
-    EXPECT_EQ(bytes,
-              fromUrlBase64(ok("QZaven_ke_decrypt",
-                               ke({{"strcipher", base64(sealMessage(keys, bytes))}}))["Data"]));
-    EXPECT_EQ(channelHmac(keys, bytes),
-              fromUrlBase64(ok("QZaven_ke_hmac", ke({{"strdata", base64(bytes)}}))["Data"]));
-    EXPECT_EQ(channelCmac(keys, bytes),
-              fromUrlBase64(ok("QZaven_ke_cmac", ke({{"strdata", base64(bytes)}}))["Data"]));
-    ok("QZaven_ke_free", ke({}));
-    const HttpAnswer gone = host().request("QZaven_ke_free", ke({}));
-    EXPECT_EQ("session_gone", gone.code());
-    EXPECT_EQ("session_freed", gone.json()["error"]["reason"]);
-
-    EXPECT_EQ(27U, m_sent.size());
 }
 
 TEST_F(Serve, ExplainsARefusalOfThePlugin)
