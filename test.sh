@@ -68,7 +68,7 @@ formatting() {
 }
 
 scripts() {
-    git ls-files -z '*.sh' .ci/run | xargs -0 shellcheck --external-sources --severity=warning
+    git ls-files -z '*.sh' '*.bash' .ci/run | xargs -0 shellcheck --external-sources --severity=warning
 }
 
 # What ships and the devkit. clang-tidy takes too long for corvane-host: tests/tidy.sh looks at

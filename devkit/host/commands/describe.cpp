@@ -2,6 +2,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "host/catalogue/descriptions.h"
@@ -13,7 +14,42 @@ namespace {
 struct DescribeOptions {
     std::string request;
     bool json = false;
+    bool names = false;
 };
+
+// The few values that a parameter may have, or nothing.
+std::vector<std::string> valuesOf(const Parameter& parameter)
+{
+    std::vector<std::string> values;
+    for (const Choice& choice : parameter.choices)
+        values.emplace_back(choice.value);
+    if (values.empty() && parameter.allowed.kind == Allowed::OneOf)
+        for (const char* digit = parameter.allowed.digits; *digit != '\0'; ++digit)
+            values.emplace_back(1, *digit);
+    return values;
+}
+
+// A line `name=value` for each of the few values of a parameter, `name=` if it may have others.
+std::string names(const RequestInfo& request)
+{
+    std::string lines;
+    for (const Parameter& parameter : request.parameters) {
+        std::vector<std::string> values = valuesOf(parameter);
+        if (values.empty())
+            values.emplace_back();
+        for (const std::string& value : values)
+            lines.append(parameter.name).append("=").append(value).append("\n");
+    }
+    return lines;
+}
+
+std::string described(const DescribeOptions& options)
+{
+    const RequestInfo* request = requestByName(options.request, false);
+    if (options.json)
+        return jsonText(toJson(*request), 2) + "\n";
+    return options.names ? names(*request) : describe(*request);
+}
 
 }  // namespace
 
@@ -22,10 +58,10 @@ void addDescribe(CLI::App& app, Program& program)
     const auto options = std::make_shared<DescribeOptions>();
     CLI::App* command = app.add_subcommand("describe", "Describe one request");
     command->add_option("request", options->request, "Name of the request")->required();
-    command->add_flag("--json", options->json, "As JSON");
-    command->callback([options, &program] {
-        const RequestInfo* request = requestByName(options->request, false);
-        program.output.write(options->json ? jsonText(toJson(*request), 2) + "\n"
-                                           : describe(*request));
-    });
+    CLI::Option* json = command->add_flag("--json", options->json, "As JSON");
+    command
+        ->add_flag("--names", options->names,
+                   "The parameters alone, as name= or as name=value for the few values of one")
+        ->excludes(json);
+    command->callback([options, &program] { program.output.write(described(*options)); });
 }

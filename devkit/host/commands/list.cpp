@@ -10,6 +10,7 @@ namespace {
 
 struct ListOptions {
     bool json = false;
+    bool names = false;
     bool markdown = false;
 };
 
@@ -17,6 +18,12 @@ std::string listed(const ListOptions& options)
 {
     if (options.json)
         return jsonText(catalogueJson()["requests"], 2) + "\n";
+    if (options.names) {
+        std::string names;
+        for (const RequestInfo& request : catalogue())
+            names.append(request.name).append("\n");
+        return names;
+    }
     return options.markdown ? requestsDocument() : listRequests();
 }
 
@@ -27,7 +34,10 @@ void addList(CLI::App& app, Program& program)
     const auto options = std::make_shared<ListOptions>();
     CLI::App* command = app.add_subcommand("list", "List the requests and their parameters");
     CLI::Option* json = command->add_flag("--json", options->json, "As JSON");
+    CLI::Option* names =
+        command->add_flag("--names", options->names, "The requests' names alone")->excludes(json);
     command->add_flag("--markdown", options->markdown, "As a document: docs/requests.md")
-        ->excludes(json);
+        ->excludes(json)
+        ->excludes(names);
     command->callback([options, &program] { program.output.write(listed(*options)); });
 }
