@@ -1,5 +1,6 @@
-// A shared library as a file (ELF), looked at without loading it: a damaged one can end the
-// process that loads it.
+// A shared library as a file (ELF), looked at without loading it. The loader crashes on a file that
+// is cut, or takes it if only debugging information is missing, and says of a library for another
+// machine that there is no such file.
 #ifndef CORVANE_HOST_LIBRARY_FILE_H
 #define CORVANE_HOST_LIBRARY_FILE_H
 

@@ -13,7 +13,7 @@
 #include "host/exchange.h"
 #include "host/parameters.h"
 #include "host/values.h"
-#include "latency_histogram.h"
+#include "latencies.h"
 #include "options.h"
 
 namespace {
@@ -165,7 +165,7 @@ private:
     HostSession& m_session;
     const RequestInfo& m_request;
     const Pairs& m_parameters;
-    LatencyHistogram m_times;
+    Latencies m_times;
     double m_seconds = 0;
     uint64_t m_failed = 0;
     std::map<std::string, uint64_t> m_codes;
