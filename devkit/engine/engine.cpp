@@ -3,10 +3,9 @@
 #include <openssl/rand.h>
 
 #include <cstdio>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 
+#include "common/lifetime_gate.h"
 #include "exported_call.h"
 #include "exports.h"
 #include "faults.h"
@@ -34,29 +33,13 @@ const HashInfo hashes[] = {
     {"SHA2-512", 64},  // 6
 };
 
-// Calls hold `lifetime` shared, starting and stopping take it exclusively. The lock
-// itself favours calls; `turn`, held while waiting for it, lets the others come to
-// their turn among threads that call without a pause. None of the three has a
-// destructor, so that a process may exit while other threads still call.
-std::mutex turn;
-std::shared_mutex lifetime;
+// Calls enter `gate`; starting and stopping enter it alone.
+LifetimeGate gate;
 const Engine* running = nullptr;
-
-std::shared_lock<std::shared_mutex> enter()
-{
-    const std::lock_guard<std::mutex> waiting(turn);
-    return std::shared_lock<std::shared_mutex>(lifetime);
-}
-
-std::unique_lock<std::shared_mutex> enterAlone()
-{
-    const std::lock_guard<std::mutex> waiting(turn);
-    return std::unique_lock<std::shared_mutex>(lifetime);
-}
 
 void stop()
 {
-    const std::unique_lock<std::shared_mutex> alone = enterAlone();
+    const std::unique_lock<std::shared_mutex> alone = gate.enterAlone();
     delete running;
     running = nullptr;
 }
@@ -147,7 +130,7 @@ void Engine::random(unsigned char* out, size_t size) const
     require(EVP_RAND_generate(m_primary, out, size, strength, 0, nullptr, 0) == 1, AVEN_E_RANDOM);
 }
 
-EngineUse::EngineUse() : m_alive(enter()), m_engine(running)
+EngineUse::EngineUse() : m_alive(gate.enter()), m_engine(running)
 {
     require(m_engine != nullptr, AVEN_E_NOT_INITIALISED);
     ERR_set_mark();
@@ -161,7 +144,7 @@ EngineUse::~EngineUse()
 int aven_global_init(void)
 {
     return guarded("aven_global_init", nullptr, [] {
-        const std::unique_lock<std::shared_mutex> alone = enterAlone();
+        const std::unique_lock<std::shared_mutex> alone = gate.enterAlone();
         if (running != nullptr)
             return;
 
@@ -195,7 +178,7 @@ int aven_global_set_logger(const char* target)
         require(logOpen(target), AVEN_E_LOG_TARGET);
         logFaults();
 
-        const std::shared_lock<std::shared_mutex> alive = enter();
+        const std::shared_lock<std::shared_mutex> alive = gate.enter();
         if (running != nullptr)
             logBanner();  // the host set the log after starting the engine
     });

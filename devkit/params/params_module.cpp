@@ -6,11 +6,12 @@
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "common/lifetime_gate.h"
 
 #define DECLARE(name, params) extern "C" __attribute__((visibility("default"))) int name params;
 CORVANE_PARAMS_FUNCTIONS(DECLARE)
@@ -36,14 +37,11 @@ struct ThreadStores {
 // destructor would keep the library loaded after dlclose. The list has every thread's
 // stores, so that unloading frees those of threads that live on.
 //
-// Every call holds `lifetime` shared; unloading takes it exclusively. At process exit
-// other threads may still be calling: they are answered PARAMS_CLOSED from then on.
-// The lock itself favours calls; `turn`, held while waiting for it, lets unloading come
-// to its turn among threads that call without a pause.
+// Every call enters `gate`; unloading enters it alone. At process exit other threads may still
+// be calling: they are answered PARAMS_CLOSED from then on.
 pthread_key_t key;
 bool isOpen = false;
-std::mutex turn;
-std::shared_mutex lifetime;
+LifetimeGate gate;
 std::mutex listMutex;
 ThreadStores* list = nullptr;
 
@@ -58,18 +56,12 @@ void unlink(ThreadStores* stores)
         stores->next->previous = stores->previous;
 }
 
-std::shared_lock<std::shared_mutex> enter()
-{
-    const std::lock_guard<std::mutex> waiting(turn);
-    return std::shared_lock<std::shared_mutex>(lifetime);
-}
-
 // Runs when a thread ends.
 void freeThreadStores(void* stores)
 {
     ThreadStores* own = static_cast<ThreadStores*>(stores);
 
-    const std::shared_lock<std::shared_mutex> alive = enter();
+    const std::shared_lock<std::shared_mutex> alive = gate.enter();
     if (!isOpen)
         return;  // unloading has freed them
     {
@@ -86,8 +78,7 @@ __attribute__((constructor)) void openStores()
 
 __attribute__((destructor)) void closeStores()
 {
-    const std::lock_guard<std::mutex> waiting(turn);
-    const std::unique_lock<std::shared_mutex> alone(lifetime);
+    const std::unique_lock<std::shared_mutex> alone = gate.enterAlone();
 
     if (!isOpen)
         return;
@@ -136,7 +127,7 @@ template <class Body>
 int withStores(Body body) noexcept
 {
     try {
-        const std::shared_lock<std::shared_mutex> alive = enter();
+        const std::shared_lock<std::shared_mutex> alive = gate.enter();
         require(isOpen, PARAMS_CLOSED);
         body(threadStores());
         return PARAMS_OK;
