@@ -3,6 +3,7 @@
 #define CORVANE_COMMON_PAIRS_H
 
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -12,5 +13,8 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 // The first value of that name, or null.
 const std::string* findValue(const Pairs& pairs, const std::string& name);
+
+// The text with the value of a name for each {name}. Other braces stay.
+std::string filled(std::string_view text, const Pairs& values);
 
 #endif

@@ -3,21 +3,36 @@
 
 import { findCode } from './catalogue.js';
 import { currentLanguage, filled, t } from './i18n.js';
-import { codes, reasons, warnings } from './zh_host.js';
+import { codes, peerTexts, reasons, warnings } from './zh_host.js';
 
-// {text, cause, remedy} of an error. What another engine or the peer says stays as it is.
+// With values that may be texts themselves.
+function filledIn(template, values) {
+    return filled(template, Object.fromEntries(Object.entries(values).map(([name, value]) => [name, t(value)])));
+}
+
+// What the peer says. It has one code for all, so its texts are known by their English.
+function peerText(text) {
+    for (const [english, chinese] of Object.entries(peerTexts)) {
+        const match = text.match(new RegExp(`^${english.replace(/\{(\w+)\}/g, '(?<$1>.+)')}$`));
+        if (match) return filledIn(chinese, match.groups ?? {});
+    }
+    return text;
+}
+
+// {text, cause, remedy} of an error. What another engine says stays as it is.
 export function errorTexts(error) {
     const { source, text, cause, remedy } = error;
     if (source === 'page') return { text: t(text), cause: cause && t(cause), remedy: remedy && t(remedy) };
+    if (currentLanguage() !== 'zh') return { text, cause, remedy };
+    if (source === 'peer') return { text: peerText(text), cause, remedy };
     const known = codes[error.code];
     const said = source === 'host' || findCode(error.code)?.text === text;
-    if (currentLanguage() !== 'zh' || !known || !said) return { text, cause, remedy };
-    return { text: reasons[error.reason] ?? known[0], cause: known[1], remedy: known[2] };
+    if (!known || !said) return { text: t(text), cause, remedy };
+    return { text: filled(reasons[error.reason] ?? known[0], error.values ?? {}), cause: known[1], remedy: known[2] };
 }
 
 export function warningText({ field, text, code, values = {} }) {
     const template = warnings[code];
     if (currentLanguage() !== 'zh' || template === undefined) return text;
-    const parts = Object.entries({ field, ...values }).map(([name, value]) => [name, t(value)]);
-    return filled(template, Object.fromEntries(parts));
+    return filledIn(template, { field, ...values });
 }

@@ -146,6 +146,13 @@ const own = {
     'idle': '空闲',
     'busy': '忙碌',
     'starting': '启动中',
+
+    // What the host says of a refusal without a code, and of whose bytes the peer speaks.
+    'no text': '没有文本',
+    'the plug-in wrote no results': '插件没有写出结果',
+    'the client\'s hello': '客户端问候',
+    'the server\'s random': '服务器随机数',
+
     '{count} s': '{count} 秒',
     '{count} min': '{count} 分钟',
     '{count} h': '{count} 小时',

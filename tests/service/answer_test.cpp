@@ -5,7 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <regex>
+#include <set>
+
 #include "host/values.h"
+#include "support/files.h"
 
 namespace {
 
@@ -68,6 +73,50 @@ TEST(Answer, OfARefusalExplainsItsCode)
     EXPECT_TRUE(Json::parse(peerAnswer(good({})).body)["error"].is_null());
 }
 
+TEST(Answer, OfTheHostsOwnRefusalNamesItsReason)
+{
+    const Json full = Json::parse(answerOf(Refusal(Reason::queue_full)).body)["error"];
+    EXPECT_EQ("busy", full["code"]);
+    EXPECT_EQ("queue_full", full["reason"]);
+    EXPECT_EQ(Json::object(), full["values"]);
+    EXPECT_EQ(nullptr, full["field"]);
+    // A value's own braces mean nothing.
+    const Refusal large(Reason::value_too_large, "p", {{"name", "{most}{"}, {"most", "7"}});
+    const Json error = Json::parse(answerOf(large).body)["error"];
+    EXPECT_EQ("{most}{ has more than 7 bytes", error["text"]);
+    EXPECT_EQ((Json{{"name", "{most}{"}, {"most", "7"}}), error["values"]);
+    EXPECT_EQ("p", error["field"]);
+}
+
+TEST(Reasons, StandInTheTableOnce)
+{
+    std::set<std::string> names;
+    std::set<std::string> codes;
+    for (const ReasonText& row : hostReasons()) {
+        EXPECT_TRUE(names.insert(row.name).second) << row.name;
+        codes.insert(row.code);
+        EXPECT_NE(nullptr, findHostCode(row.code)) << row.name;
+        EXPECT_NE("", std::string(row.text)) << row.name;
+    }
+    EXPECT_EQ(hostCodes().size(), codes.size()) << "a code has no reason";
+}
+
+TEST(Reasons, AreUsed)
+{
+    std::string sources;
+    for (const auto& file :
+         std::filesystem::recursive_directory_iterator(CORVANE_SOURCE_DIR "/devkit/service"))
+        if (file.is_regular_file())
+            sources += support::readWhole(file.path());
+    std::set<std::string> used;
+    const std::regex use("Reason::(\\w+)");
+    for (std::sregex_iterator found(sources.begin(), sources.end(), use), end; found != end;
+         ++found)
+        used.insert((*found)[1]);
+    for (const ReasonText& row : hostReasons())
+        EXPECT_EQ(1U, used.count(row.name)) << row.name;
+}
+
 TEST(Answer, HasItsWarnings)
 {
     EXPECT_EQ("[]", warningsText({}));
@@ -83,7 +132,7 @@ TEST(Answer, OfABatchHasThoseOfItsPartsInOrder)
 {
     EXPECT_EQ(R"({"answers":[]})", batchAnswer({}).body);
     const std::vector<Answer> parts = {pluginAnswer(good({{"a", "1"}}), "[]"),
-                                       answerOf(Refusal("busy", "", "text"))};
+                                       answerOf(Refusal(Reason::queue_full))};
     const Json json = Json::parse(batchAnswer(parts).body);
     ASSERT_EQ(2U, json["answers"].size());
     EXPECT_EQ("1", json["answers"][0]["results"]["a"]);

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <thread>
 
 #include "common/claims.h"
@@ -40,6 +41,7 @@ Read read(const std::string& type, const std::string& body, BodyLimits limits = 
         result.code = error["code"];
         result.field = error["field"].is_null() ? "" : error["field"].get<std::string>();
         result.text = refusal.what();
+        EXPECT_FALSE(std::regex_search(result.text, std::regex("\\{\\w+\\}"))) << result.text;
     }
     return result;
 }
@@ -141,6 +143,7 @@ TEST(JsonBody, NamesAreUniqueShortAndPrintable)
     const Read twice = read(json, "{\"a\": 1, \"b\": 2, \"a\": 1}");
     EXPECT_EQ("duplicate_parameter", twice.code);
     EXPECT_EQ("a", twice.field);
+    EXPECT_EQ("a is given twice", twice.text);
     EXPECT_EQ("duplicate_parameter", codeOf(json, "{\"a\": 1, \"\\u0061\": 1}"));
     EXPECT_EQ("duplicate_parameter", codeOf(json, "{\"a\": {\"hex\": \"\", \"hex\": \"\"}}"));
     EXPECT_EQ("malformed", codeOf(json, "{\"\": 1}"));
@@ -156,13 +159,17 @@ TEST(JsonBody, HasLimits)
     for (int i = 0; i < 64; ++i)
         most += (i == 0 ? "\"p" : ", \"p") + std::to_string(i) + "\": 1";
     EXPECT_EQ(64U, read(json, most + "}").fields.size());
-    EXPECT_EQ("too_many_parameters", codeOf(json, most + ", \"q\": 1}"));
+    const Read more = read(json, most + ", \"q\": 1}");
+    EXPECT_EQ("too_many_parameters", more.code);
+    EXPECT_EQ("an object has more than 64 members", more.text);
 
     BodyLimits limits;
     limits.parameterBytes = 4;
     EXPECT_EQ("", codeOf(json, "{\"a\": \"1234\", \"b\": {\"hex\": \"01020304\"}}", limits));
     EXPECT_EQ("parameter_too_large", codeOf(json, "{\"a\": \"12345\"}", limits));
-    EXPECT_EQ("a", read(json, "{\"a\": {\"hex\": \"0102030405\"}}", limits).field);
+    const Read large = read(json, "{\"a\": {\"hex\": \"0102030405\"}}", limits);
+    EXPECT_EQ("a", large.field);
+    EXPECT_EQ("a has more than 4 bytes", large.text);
 
     EXPECT_EQ("malformed", codeOf(json, "{\"a\": {\"text\": {}}}"));
     EXPECT_NE("", codeOf(json, std::string(1000000, '[')));

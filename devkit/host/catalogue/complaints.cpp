@@ -13,17 +13,6 @@ const std::vector<ComplaintKind> kinds = {
     {"wrong_size", "must be {bytes} bytes"},
 };
 
-std::string filled(std::string text, const Pairs& values)
-{
-    for (const auto& [name, value] : values) {
-        const std::string place = "{" + name + "}";
-        const size_t at = text.find(place);
-        if (at != std::string::npos)
-            text.replace(at, place.size(), value);
-    }
-    return text;
-}
-
 Complaint complaintOf(const std::string& code, const std::string& field, Pairs values)
 {
     for (const ComplaintKind& kind : kinds)

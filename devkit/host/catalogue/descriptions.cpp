@@ -210,7 +210,7 @@ Json toJson(const ErrorCode& code)
         return row;
     row["status"] = code.status;
     row["reasons"] = Json::array();
-    for (const Reason& reason : hostReasons())
+    for (const ReasonText& reason : hostReasons())
         if (reason.code == std::string(code.name))
             row["reasons"].push_back({{"name", reason.name}, {"text", reason.text}});
     return row;

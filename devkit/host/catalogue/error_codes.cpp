@@ -13,32 +13,11 @@ const std::vector<ErrorCode> numbers = {
 #undef ROW
 };
 
-// Reasons of one code differ in what a client does next.
-const std::vector<Reason> reasons = {
-    {"bad_path", "no_folder",
-     "the host was started without --ca-folder; files can only be uploaded"},
-    {"bad_path", "outside_folder", "a file is named from the host's folder, without \"..\""},
-    {"bad_path", "no_such_file", "there is no such file below the host's folder"},
-    {"bad_path", "no_such_folder", "there is no such folder below the host's folder"},
-    {"session_gone", "session_unknown", "there is no such session: it is not known here"},
-    {"session_gone", "session_freed", "there is no such session: it was freed"},
-    {"session_gone", "session_idle", "there is no such session: it was idle for too long"},
-    {"session_gone", "session_worker_ended", "there is no such session: its worker process ended"},
-    {"session_gone", "session_worker_forgot",
-     "there is no such session: its worker does not know it"},
-    {"busy", "queue_full", "too many requests wait for a worker"},
-    {"busy", "no_worker", "no process was free for the request in time"},
-    {"busy", "sessions_full", "there are as many sessions as the host takes"},
+const std::vector<ReasonText> reasons = {
+#define ROW(code, name, text) {#code, #name, text},
+    HOST_REASONS(ROW)
+#undef ROW
 };
-
-template <typename Row>
-const Row* findByName(const std::vector<Row>& rows, const std::string& name)
-{
-    for (const Row& row : rows)
-        if (row.name == name)
-            return &row;
-    return nullptr;
-}
 
 }  // namespace
 
@@ -57,7 +36,10 @@ const ErrorCode* findErrorCode(int code)
 
 const ErrorCode* findHostCode(const std::string& name)
 {
-    return findByName(hostCodes(), name);
+    for (const ErrorCode& row : hostCodes())
+        if (row.name == name)
+            return &row;
+    return nullptr;
 }
 
 std::string codeText(const ErrorCode& code)
@@ -65,12 +47,12 @@ std::string codeText(const ErrorCode& code)
     return code.code == 0 ? code.name : std::to_string(code.code);
 }
 
-const std::vector<Reason>& hostReasons()
+const std::vector<ReasonText>& hostReasons()
 {
     return reasons;
 }
 
-const Reason* findReason(const std::string& name)
+const ReasonText& textOf(Reason reason)
 {
-    return findByName(reasons, name);
+    return reasons[static_cast<size_t>(reason)];
 }

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "host_reasons.h"
+
 struct ErrorCode {
     int code;            // 0 for the host's
     const char* name;    // the constant's
@@ -28,15 +30,15 @@ const ErrorCode* findHostCode(const std::string& name);
 // As answers have it: the number, or the host's name.
 std::string codeText(const ErrorCode& code);
 
-// Why the host refuses, where its code has several reasons that a client can do something
-// about. Programs know a reason by its name, which no two have.
-struct Reason {
+// A row of HOST_REASONS.
+struct ReasonText {
     const char* code;
     const char* name;
     const char* text;
 };
 
-const std::vector<Reason>& hostReasons();
-const Reason* findReason(const std::string& name);
+// In the order of Reason.
+const std::vector<ReasonText>& hostReasons();
+const ReasonText& textOf(Reason reason);
 
 #endif

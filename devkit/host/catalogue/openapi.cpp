@@ -308,7 +308,7 @@ Json schemas()
           bytes("hex", "^([0-9A-Fa-f]{2})*$"), bytes("raw", "")}}};
 
     Json reasons = Json::array();
-    for (const Reason& reason : hostReasons())
+    for (const ReasonText& reason : hostReasons())
         reasons.push_back(reason.name);
     const Json error = object(
         {{"code", {{"type", "string"}, {"description", "A number, or a word of the host's"}}},
@@ -318,7 +318,8 @@ Json schemas()
          {"text", text()},
          {"cause", text()},
          {"remedy", text()},
-         {"reason", {{"type", "string"}, {"enum", reasons}}}},
+         {"reason", {{"type", "string"}, {"enum", reasons}}},
+         {"values", {{"type", "object"}, {"additionalProperties", text()}}}},
         {"code", "source", "text"});
     Json complaints = Json::array();
     for (const ComplaintKind& kind : complaintKinds())
@@ -336,7 +337,7 @@ Json schemas()
         {"Warning", object({{"field", text()},
                             {"text", text()},
                             {"code", {{"type", "string"}, {"enum", complaints}}},
-                            {"values", {{"type", "object"}}}},
+                            {"values", {{"type", "object"}, {"additionalProperties", text()}}}},
                            {"field", "text", "code", "values"})},
         {"Answer", object({{"results", {{"type", "object"}}},
                            {"error", errorOrNull},

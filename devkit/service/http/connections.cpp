@@ -84,7 +84,7 @@ void Server::add(MHD_Connection* handle, void** context)
     *context = &connection;
     ++m_accepted;
     if (++ofAddress > m_options.connectionsPerAddress) {
-        const Refusal refusal("too_many_requests", "", "this address has too many connections");
+        const Refusal refusal(Reason::too_many_connections);
         cutOff(connection, &refusal);
     }
 }

@@ -99,7 +99,7 @@ public:
         if (exchange == nullptr)
             return;
         if (exchange->server.m_draining && answer.code == "busy")
-            answer = answerOf(Refusal("draining", "", "the host stopped before the request began"));
+            answer = answerOf(Refusal(Reason::host_stopped));
         exchange->answer = std::move(answer);
         exchange->resume();
     }

@@ -129,26 +129,24 @@ void readHeaders(MHD_Connection* connection, const FirstLine& first, Headers& he
     headers.hasBody = isChunked || (hasLength && length != "0");
 
     if (!reader.twice().empty())
-        throw Refusal("malformed", reader.twice(), reader.twice() + " is given twice");
+        throw Refusal(Reason::header_twice, reader.twice(), {{"header", reader.twice()}});
     if (size == nullptr || !reader.isWhole(size->header_size))
-        throw Refusal("malformed", "",
-                      "the head has NUL bytes, folded lines or lines that do not end in CR LF");
+        throw Refusal(Reason::bad_head);
     if (reader.isMalformed())
-        throw Refusal("malformed", "", "a header is not of its form");
+        throw Refusal(Reason::bad_header);
     if (isChunked && hasLength)
-        throw Refusal("malformed", lengthHeader,
-                      "Content-Length and Transfer-Encoding exclude each other");
+        throw Refusal(Reason::length_and_chunks, lengthHeader);
     if (isChunked && first.version == std::string_view("HTTP/1.0"))
-        throw Refusal("malformed", encodingHeader, "HTTP/1.0 has no Transfer-Encoding");
+        throw Refusal(Reason::old_and_chunked, encodingHeader);
     if (isChunked && !equalIgnoringCase(headers.transferEncoding, "chunked"))
-        throw Refusal("malformed", encodingHeader, "the body can only be chunked");
+        throw Refusal(Reason::not_chunked, encodingHeader);
     if (hasLength &&
         (length.empty() || length.find_first_not_of("0123456789") != std::string::npos))
-        throw Refusal("malformed", lengthHeader, "Content-Length is not a number");
+        throw Refusal(Reason::bad_length, lengthHeader);
     if (reader.isTooMuch())
-        throw Refusal("headers_too_large", "",
-                      "there are more than " + std::to_string(mostHeaders) +
-                          " headers, or more than " + std::to_string(longestHeaders) + " bytes");
+        throw Refusal(
+            Reason::too_many_headers, "",
+            {{"headers", std::to_string(mostHeaders)}, {"bytes", std::to_string(longestHeaders)}});
 }
 
 size_t Headers::bodySize() const

@@ -89,8 +89,7 @@ MHD_Result Server::take(Exchange& exchange, const FirstLine& first, const char* 
         }
     }
     if (!exchange.answer)
-        exchange.answer =
-            answerOf(Refusal("worker_failed", "", "there was no memory for the answer"));
+        exchange.answer = answerOf(Refusal(Reason::no_memory));
     return queue(exchange);
 }
 
@@ -103,7 +102,7 @@ MHD_Result Server::takeHead(Exchange& exchange, const FirstLine& first)
         readHeaders(exchange.handle, first, exchange.headers);
         exchange.mustClose = false;
         if (!exchange.isWithinRate)
-            throw Refusal("too_many_requests", "", "this address sends too many requests");
+            throw Refusal(Reason::too_fast);
         checkAccess(exchange);
         route(exchange, first.method);
         checkBody(exchange);
@@ -140,18 +139,17 @@ void Server::checkAccess(const Exchange& exchange) const
     const bool isApi = needsToken(exchange.path);
 
     if (!m_sites.isHost(headers.host))
-        throw Refusal("forbidden_host", "Host", "the host is not known by the name in Host");
+        throw Refusal(Reason::unknown_host, "Host");
     if (!headers.origin.empty() && !m_sites.isOrigin(headers.origin, headers.host))
-        throw Refusal("forbidden_origin", "Origin", "pages of this origin may not use the host");
+        throw Refusal(Reason::other_origin, "Origin");
     const bool isOwnSite = headers.fetchSite.empty() ||
                            equalIgnoringCase(headers.fetchSite, "none") ||
                            equalIgnoringCase(headers.fetchSite, "same-origin");
     if (isApi && headers.origin.empty() && !isOwnSite)
-        throw Refusal("forbidden_origin", "Sec-Fetch-Site",
-                      "pages of other origins may not use the host");
+        throw Refusal(Reason::other_site, "Sec-Fetch-Site");
     if (isApi && m_token != nullptr && !m_token->isShownBy(headers.authorization))
-        throw Refusal("unauthorized", "Authorization",
-                      headers.authorization.empty() ? "there is no token" : "the token is wrong");
+        throw Refusal(headers.authorization.empty() ? Reason::no_token : Reason::wrong_token,
+                      "Authorization");
 }
 
 void Server::route(Exchange& exchange, const char* method)
@@ -159,12 +157,12 @@ void Server::route(Exchange& exchange, const char* method)
     exchange.route = findRoute(exchange.path);
     exchange.file = exchange.route == nullptr ? findFile(exchange.path) : nullptr;
     if (exchange.route == nullptr && exchange.file == nullptr)
-        throw Refusal("not_found", "", "there is nothing at this path");
+        throw Refusal(Reason::no_such_path);
     const std::string taken = exchange.route != nullptr ? exchange.route->method : "GET";
     if (method != taken && !(taken == "GET" && std::string_view(method) == "HEAD"))
-        throw Refusal("method_not_allowed", "", "this path takes " + taken);
+        throw Refusal(Reason::other_method, "", {{"method", taken}});
     if (exchange.route != nullptr && exchange.hasQuery)
-        throw Refusal("malformed", "", "parameters belong into the body, not behind a \"?\"");
+        throw Refusal(Reason::query);
     if (exchange.route != nullptr)
         exchange.file = findDocument(*exchange.route);
 }
@@ -175,9 +173,9 @@ void Server::checkBody(Exchange& exchange)
     if (!headers.hasBody)
         return;
     if (exchange.route == nullptr || exchange.route->method != std::string_view("POST"))
-        throw Refusal("malformed", "", "this path takes no body");
+        throw Refusal(Reason::body_not_due);
     if (!headers.contentEncoding.empty())
-        throw Refusal("unsupported_type", "Content-Encoding", "the body is encoded once more");
+        throw Refusal(Reason::body_encoded, "Content-Encoding");
     makeRoom(exchange, headers.bodySize());
 }
 
@@ -185,13 +183,12 @@ void Server::checkBody(Exchange& exchange)
 void Server::makeRoom(Exchange& exchange, size_t bytes)
 {
     if (bytes > m_options.bodyBytes)
-        throw Refusal("too_large", "",
-                      "the body has more than " + std::to_string(m_options.bodyBytes) + " bytes");
+        throw Refusal(Reason::body_too_large, "", {{"most", std::to_string(m_options.bodyBytes)}});
     if (bytes <= exchange.room)
         return;
     const size_t more = bytes - exchange.room;
     if (m_bodyBytes + more > mostBodies * m_options.bodyBytes)
-        throw Refusal("busy", "", "the bodies of other requests take all memory there is for them");
+        throw Refusal(Reason::bodies_full);
     m_bodyBytes += more;
     exchange.room += more;
 }

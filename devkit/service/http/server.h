@@ -85,7 +85,7 @@ private:
     const AllowedSites m_sites;
     Rates m_rates;
     // Made before there is no memory for it.
-    const Refusal m_late{"timeout", "", "the request did not arrive whole in time"};
+    const Refusal m_late{Reason::not_whole_in_time};
     std::string m_url;
     std::string m_certificate;
     std::string m_key;

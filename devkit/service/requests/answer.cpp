@@ -160,14 +160,14 @@ Refusal refusalOf(Ending ending, const WireReply& reply)
 {
     switch (ending) {
         case Ending::Answered:
-            return {"worker_failed", "", "the request could not be carried out: " + reply.text};
+            return Refusal(Reason::not_carried_out, "", {{"why", reply.text}});
         case Ending::Died:
-            return {"worker_failed", "", "the process that served the request ended in it"};
+            return Refusal(Reason::worker_ended);
         case Ending::TimedOut:
-            return {"worker_timeout", "", "the request took too long and was ended"};
+            return Refusal(Reason::too_slow);
         case Ending::LifeIsOver:
         case Ending::NotServed:
             break;
     }
-    return Refusal::because("no_worker");
+    return Refusal(Reason::no_worker);
 }

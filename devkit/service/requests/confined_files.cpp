@@ -42,10 +42,10 @@ Descriptor ConfinedFiles::open(const std::string& name, const std::string& field
                                bool isFolder) const
 {
     if (!m_folder)
-        throw Refusal::because("no_folder", field);
+        throw Refusal(Reason::no_folder, field);
     if (name.empty() || name.find('\0') != std::string::npos || name.front() == '/' ||
         hasParent(name))
-        throw Refusal::because("outside_folder", field);
+        throw Refusal(Reason::outside_folder, field);
 
     // A pipe must not keep the host waiting.
     open_how how = {};
@@ -57,7 +57,7 @@ Descriptor ConfinedFiles::open(const std::string& name, const std::string& field
         static_cast<int>(syscall(SYS_openat2, m_folder.get(), name.c_str(), &how, sizeof how)));
     struct stat info = {};
     if (!file || fstat(file.get(), &info) != 0 || !(isFolder || S_ISREG(info.st_mode)))
-        throw Refusal::because(isFolder ? "no_such_folder" : "no_such_file", field);
+        throw Refusal(isFolder ? Reason::no_such_folder : Reason::no_such_file, field);
     return file;
 }
 

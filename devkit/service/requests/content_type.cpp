@@ -7,11 +7,6 @@
 
 namespace {
 
-[[noreturn]] void failParameter(const char* what)
-{
-    throw Refusal("malformed", "", what);
-}
-
 // Takes a parameter's value, in quotes or not, up to the next ";" or the end.
 std::string takeValue(std::string_view& text)
 {
@@ -20,7 +15,7 @@ std::string takeValue(std::string_view& text)
     if (text.substr(0, 1) != "\"") {
         value = trimmed(text.substr(0, text.find(';')));
         if (value.find('"') != std::string::npos)
-            failParameter("a parameter of a header has a quote in its midst");
+            throw Refusal(Reason::quote_inside);
     } else {
         size_t end = 1;
         for (; end < text.size() && text[end] != '"'; ++end) {
@@ -31,10 +26,10 @@ std::string takeValue(std::string_view& text)
             value += text[end];
         }
         if (end >= text.size())
-            failParameter("a parameter of a header has a quote without its other one");
+            throw Refusal(Reason::quote_open);
         text.remove_prefix(end + 1);
         if (!trimmed(text.substr(0, text.find(';'))).empty())
-            failParameter("a parameter of a header has more behind its quotes");
+            throw Refusal(Reason::text_behind_quotes);
     }
     text.remove_prefix(std::min(text.size(), text.find(';')));
     return value;
@@ -58,7 +53,7 @@ std::optional<std::string> headerParameter(std::string_view value, std::string_v
         if (!equalIgnoringCase(word, name))
             continue;
         if (found)
-            failParameter("a parameter of a header is given twice");
+            throw Refusal(Reason::header_value_twice);
         found = std::move(text);
     }
     return found;

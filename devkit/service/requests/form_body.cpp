@@ -13,22 +13,16 @@ namespace {
 constexpr size_t mostHeaderBytes = 4096;  // with the empty line behind them
 constexpr size_t mostHeaders = 16;
 
-[[noreturn]] void failMultipart(const std::string& what)
-{
-    throw Refusal("malformed", "", "the form is not whole: " + what);
-}
-
 void add(Fields& fields, Field field, size_t mostFields)
 {
     if (!isName(field.name))
-        throw Refusal("malformed", "", "a name is not 1 to 128 printable characters");
+        throw Refusal(Reason::bad_name);
     const bool twice = std::any_of(fields.begin(), fields.end(),
                                    [&](const Field& other) { return other.name == field.name; });
     if (twice)
-        throw Refusal("duplicate_parameter", field.name, field.name + " is given twice");
+        throw Refusal(Reason::name_twice, field.name, {{"name", field.name}});
     if (fields.size() >= mostFields)
-        throw Refusal("too_many_parameters", "",
-                      "there are more than " + std::to_string(mostFields) + " parameters");
+        throw Refusal(Reason::too_many_fields, "", {{"most", std::to_string(mostFields)}});
     field.where = field.name;
     fields.push_back(std::move(field));
 }
@@ -62,14 +56,12 @@ PartHeader readHeader(std::string_view line)
     const auto isControl = [](char c) {
         return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F;
     };
-    if (std::any_of(line.begin(), line.end(), isControl))
-        failMultipart("a part's header has control characters");
     const size_t colon = line.find(':');
-    if (colon == std::string_view::npos)
-        failMultipart("a part's header has no colon");
     const std::string_view name = line.substr(0, colon);
-    if (name.empty() || name.find_first_of(" \t") != std::string_view::npos)
-        failMultipart("a part's header has no name, or blanks in it");
+    if (colon == std::string_view::npos || name.empty() ||
+        name.find_first_of(" \t") != std::string_view::npos ||
+        std::any_of(line.begin(), line.end(), isControl))
+        throw Refusal(Reason::bad_part_header);
     return {name, line.substr(colon + 1)};
 }
 
@@ -81,14 +73,14 @@ std::vector<PartHeader> takeHeaders(std::string_view& part)
     for (;;) {
         const auto line = takeUntil(lines, "\r\n");
         if (!line && part.size() > mostHeaderBytes)
-            failMultipart("a part's headers have more than " + std::to_string(mostHeaderBytes) +
-                          " bytes");
+            throw Refusal(Reason::part_headers_large, "",
+                          {{"most", std::to_string(mostHeaderBytes)}});
         if (!line)
-            failMultipart("a part's headers do not end");
+            throw Refusal(Reason::part_headers_open);
         if (line->empty())
             break;
         if (headers.size() == mostHeaders)
-            failMultipart("a part has more than " + std::to_string(mostHeaders) + " headers");
+            throw Refusal(Reason::part_headers_many, "", {{"most", std::to_string(mostHeaders)}});
         headers.push_back(readHeader(*line));
     }
     part.remove_prefix(static_cast<size_t>(lines.data() - part.data()));
@@ -104,7 +96,7 @@ void readDisposition(std::string_view value, Field& field)
 {
     const auto name = headerParameter(value, "name");
     if (!name || !equalIgnoringCase(withoutParameters(value), "form-data"))
-        failMultipart("a part does not say which field it is");
+        throw Refusal(Reason::part_without_field);
     field.name = *name;
     // The other spelling is for names that are not ASCII.
     const bool isFile = headerParameter(value, "filename").has_value();
@@ -116,17 +108,17 @@ void readDisposition(std::string_view value, Field& field)
 void checkEncoding(std::string_view encoding)
 {
     if (!equalIgnoringCase(encoding, "binary") && !equalIgnoringCase(encoding, "8bit"))
-        throw Refusal("unsupported_type", "", "a part of the form is encoded once more");
+        throw Refusal(Reason::part_encoded);
 }
 
 void checkType(std::string_view type, const Field& field)
 {
     if (equalIgnoringCase(type.substr(0, type.find('/')), "multipart"))
-        throw Refusal("unsupported_type", "", "a part of the form is a form of parts");
+        throw Refusal(Reason::part_of_parts);
     const auto charset = headerParameter(type, "charset");
     if (field.given != Given::Bytes && charset && !equalIgnoringCase(*charset, "utf-8") &&
         !equalIgnoringCase(*charset, "us-ascii"))
-        throw Refusal("unsupported_type", "", "a text of the form is not in UTF-8");
+        throw Refusal(Reason::part_charset);
 }
 
 Field readPart(std::string_view part)
@@ -138,7 +130,7 @@ Field readPart(std::string_view part)
             if (!equalIgnoringCase(header.name, name))
                 continue;
             if (found)
-                failMultipart(std::string("a part has two headers ") + name);
+                throw Refusal(Reason::part_header_twice, "", {{"header", name}});
             found = trimmed(header.value);
         }
         return found;
@@ -147,7 +139,7 @@ Field readPart(std::string_view part)
     Field field;
     const auto disposition = find("Content-Disposition");
     if (!disposition)
-        failMultipart("a part does not say which field it is");
+        throw Refusal(Reason::part_without_field);
     readDisposition(*disposition, field);
     if (const auto encoding = find("Content-Transfer-Encoding"))
         checkEncoding(*encoding);
@@ -182,11 +174,10 @@ Fields readUrlEncoded(std::string_view body, size_t mostFields)
         const size_t equals = pair.find('=');
         const auto name = formDecode(pair.substr(0, equals));
         if (!name)
-            throw Refusal("bad_encoding", "", "a name has a percent sign that escapes nothing");
+            throw Refusal(Reason::bad_escape_in_name);
         auto value = formDecode(equals == std::string_view::npos ? "" : pair.substr(equals + 1));
         if (!value)
-            throw Refusal("bad_encoding", isName(*name) ? *name : "",
-                          "the value has a percent sign that escapes nothing");
+            throw Refusal(Reason::bad_escape, isName(*name) ? *name : "");
         add(fields, {*name, *std::move(value), Given::Plain, ""}, mostFields);
     }
     return fields;
@@ -195,8 +186,7 @@ Fields readUrlEncoded(std::string_view body, size_t mostFields)
 Fields readMultipart(std::string_view body, const std::string& boundary, size_t mostFields)
 {
     if (!isBoundary(boundary))
-        throw Refusal("malformed", "",
-                      "the boundary of the form is not 1 to 70 of the characters for it");
+        throw Refusal(Reason::bad_boundary);
     const std::string mark = "--" + boundary;
     const std::string delimiter = "\r\n" + mark;
 
@@ -204,7 +194,7 @@ Fields readMultipart(std::string_view body, const std::string& boundary, size_t 
     if (body.substr(0, mark.size()) == mark)
         body.remove_prefix(mark.size());
     else if (!takeUntil(body, delimiter))
-        failMultipart("its boundary is not there");
+        throw Refusal(Reason::no_boundary);
 
     Fields fields;
     for (;;) {
@@ -212,10 +202,10 @@ Fields readMultipart(std::string_view body, const std::string& boundary, size_t 
             return fields;
         const auto blanks = takeUntil(body, "\r\n");
         if (!blanks || blanks->find_first_not_of(" \t") != std::string_view::npos)
-            failMultipart("a boundary's line has more than the boundary");
+            throw Refusal(Reason::more_at_boundary);
         const auto part = takeUntil(body, delimiter);
         if (!part)
-            failMultipart("its last boundary is not there");
+            throw Refusal(Reason::no_last_boundary);
         add(fields, readPart(*part), mostFields);
     }
 }

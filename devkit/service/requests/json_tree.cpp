@@ -45,14 +45,13 @@ public:
     bool key(string_t& name) override
     {
         if (!isName(name))
-            throw Refusal("malformed", where(), "a name is not 1 to 128 printable characters");
+            throw Refusal(Reason::bad_name, where());
         const JsonNode& object = *m_path.back();
         if (object.find(name) != nullptr)
-            throw Refusal("duplicate_parameter", memberOf(where(), name), name + " is given twice");
+            throw Refusal(Reason::name_twice, memberOf(where(), name), {{"name", name}});
         if (object.members.size() >= m_limits.members)
-            throw Refusal(
-                "too_many_parameters", where(),
-                "an object has more than " + std::to_string(m_limits.members) + " members");
+            throw Refusal(Reason::too_many_members, where(),
+                          {{"most", std::to_string(m_limits.members)}});
         m_key = name;
         return true;
     }
@@ -62,9 +61,8 @@ public:
     {
         constexpr int numberOutOfRange = 406;
         if (error.id == numberOutOfRange)
-            throw Refusal("wrong_type", where(), "a number is too large");
-        throw Refusal("malformed", where(),
-                      "the body is not JSON; reading stopped at byte " + std::to_string(position));
+            throw Refusal(Reason::number_too_large, where());
+        throw Refusal(Reason::not_json, where(), {{"position", std::to_string(position)}});
     }
 
 private:
@@ -83,15 +81,15 @@ private:
             return m_root = std::move(node);
         JsonNode& parent = *m_path.back();
         if (parent.kind == JsonNode::Array && parent.members.size() >= m_limits.items)
-            throw Refusal("too_many_parameters", where(),
-                          "an array has more than " + std::to_string(m_limits.items) + " items");
+            throw Refusal(Reason::too_many_items, where(),
+                          {{"most", std::to_string(m_limits.items)}});
         return parent.members.emplace_back(m_key, std::move(node)).second;
     }
 
     bool open(JsonNode::Kind kind)
     {
         if (m_path.size() >= m_limits.depth)
-            throw Refusal("malformed", where(), "the body is nested more deeply than it can be");
+            throw Refusal(Reason::too_deep, where());
         JsonNode node;
         node.kind = kind;
         m_path.push_back(&place(std::move(node)));
@@ -135,10 +133,10 @@ const JsonNode* JsonNode::find(const std::string& name) const
 JsonNode readJsonTree(std::string_view text, const JsonLimits& limits)
 {
     if (!isUtf8(text))
-        throw Refusal("bad_encoding", "", "the body is not UTF-8");
+        throw Refusal(Reason::not_utf8);
     // The parser takes such a byte for the end of the text.
     if (text.find('\0') != std::string_view::npos)
-        throw Refusal("malformed", "", "the body has a byte of value 0");
+        throw Refusal(Reason::zero_byte);
     Builder builder(limits);
     nlohmann::json::sax_parse(text, &builder);
     return builder.take();

@@ -2,39 +2,25 @@
 
 #include <nlohmann/json.hpp>
 
-namespace {
-
-// A name that is not in the table is a fault of the caller, and still gives an answer.
-const ErrorCode& rowOf(const char* code)
+Refusal::Refusal(Reason reason, std::string field, Pairs values)
+    : m_reason(textOf(reason)),
+      m_code(*findHostCode(m_reason.code)),
+      m_field(std::move(field)),
+      m_values(std::move(values)),
+      m_text(filled(m_reason.text, m_values))
 {
-    const ErrorCode* row = findHostCode(code);
-    return row == nullptr ? hostCodes().front() : *row;
-}
-
-}  // namespace
-
-Refusal::Refusal(const char* code, std::string field, std::string text)
-    : m_code(rowOf(code)), m_field(std::move(field)), m_text(std::move(text))
-{
-}
-
-Refusal Refusal::because(const std::string& reason, std::string field)
-{
-    const Reason* row = findReason(reason);
-    if (row == nullptr)
-        return {"malformed", std::move(field), reason};
-    Refusal refusal(row->code, std::move(field), row->text);
-    refusal.m_reason = row->name;
-    return refusal;
 }
 
 nlohmann::ordered_json Refusal::json() const
 {
     using Json = nlohmann::ordered_json;
     const Json field = m_field.empty() ? Json() : Json(m_field);
-    Json error = {{"code", m_code.name}, {"source", m_code.source}, {"field", field},
-                  {"text", m_text},      {"cause", m_code.cause},   {"remedy", m_code.remedy}};
-    if (m_reason != nullptr)
-        error["reason"] = m_reason;
+    Json values = Json::object();
+    for (const auto& [name, value] : m_values)
+        values[name] = value;
+    const Json error = {{"code", m_code.name},     {"source", m_code.source},
+                        {"field", field},          {"text", m_text},
+                        {"cause", m_code.cause},   {"remedy", m_code.remedy},
+                        {"reason", m_reason.name}, {"values", values}};
     return {{"results", Json::object()}, {"error", error}, {"warnings", Json::array()}};
 }

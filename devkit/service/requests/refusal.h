@@ -6,14 +6,13 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
+#include "common/pairs.h"
 #include "host/catalogue/error_codes.h"
 
 class Refusal : public std::exception {
 public:
-    // The text quotes no value. An empty field stands for none.
-    Refusal(const char* code, std::string field, std::string text);
-    // For a reason of hostReasons(), which has code and text.
-    static Refusal because(const std::string& reason, std::string field = "");
+    // `values` are those of the reason's text. An empty field stands for none.
+    explicit Refusal(Reason reason, std::string field = "", Pairs values = {});
 
     const char* what() const noexcept override { return m_text.c_str(); }
     const ErrorCode& code() const { return m_code; }
@@ -21,10 +20,11 @@ public:
     nlohmann::ordered_json json() const;
 
 private:
+    const ReasonText& m_reason;
     const ErrorCode& m_code;
     std::string m_field;
+    Pairs m_values;
     std::string m_text;
-    const char* m_reason = nullptr;  // the reason's name, if there is one
 };
 
 #endif

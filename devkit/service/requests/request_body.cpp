@@ -24,7 +24,7 @@ bool isJson(const std::string& contentType)
         return false;
     const auto charset = headerParameter(contentType, "charset");
     if (charset && !equalIgnoringCase(*charset, "utf-8"))
-        throw Refusal("unsupported_type", "Content-Type", "JSON is read as UTF-8 only");
+        throw Refusal(Reason::json_charset, "Content-Type");
     return true;
 }
 
@@ -32,9 +32,7 @@ bool isJson(const std::string& contentType)
 Field readObject(const JsonNode& node, const std::string& where)
 {
     if (node.members.size() != 1 || node.members[0].second.kind != JsonNode::Text)
-        throw Refusal("wrong_type", where,
-                      "an object as a value has one member, text, base64, hex or raw, and that is "
-                      "a string");
+        throw Refusal(Reason::not_a_value_object, where);
     const auto& [form, value] = node.members[0];
     Field field;
     if (form == "text" || form == "raw") {
@@ -45,23 +43,18 @@ Field readObject(const JsonNode& node, const std::string& where)
     field.given = Given::Bytes;
     const bool isBase64 = form == "base64";
     if (!isBase64 && form != "hex")
-        throw Refusal("wrong_type", where, "a value has text, base64, hex or raw, nothing else");
+        throw Refusal(Reason::not_a_value_object, where);
     auto bytes = isBase64 ? fromBase64(value.text) : fromHex(value.text);
     if (!bytes)
-        throw Refusal(
-            "bad_encoding", where,
-            isBase64 ? "the value is not Base64" : "the value is not pairs of hex digits");
+        throw Refusal(isBase64 ? Reason::bad_base64 : Reason::bad_hex, where);
     field.value = *std::move(bytes);
     return field;
 }
 
-Fields readParameters(const JsonNode& object, const std::string& where, const BodyLimits& limits)
+Fields readParameters(const JsonNode& object, const std::string& where)
 {
     if (object.kind != JsonNode::Object)
-        throw Refusal("wrong_type", where, "the parameters are not a JSON object");
-    if (object.members.size() > limits.parameters)
-        throw Refusal("too_many_parameters", where,
-                      "there are more than " + std::to_string(limits.parameters) + " parameters");
+        throw Refusal(Reason::not_parameters, where);
     Fields fields;
     fields.reserve(object.members.size());
     for (const auto& [name, node] : object.members) {
@@ -72,9 +65,7 @@ Fields readParameters(const JsonNode& object, const std::string& where, const Bo
         else if (node.kind == JsonNode::Text || node.kind == JsonNode::Integer)
             field.value = node.text;
         else
-            throw Refusal("wrong_type", place,
-                          "a value is a string, an integer of at most 64 bits, or an object with "
-                          "text, base64, hex or raw");
+            throw Refusal(Reason::not_a_value, place);
         field.name = name;
         field.where = place;
         fields.push_back(std::move(field));
@@ -86,16 +77,15 @@ void checkSizes(const Fields& fields, const BodyLimits& limits)
 {
     for (const Field& field : fields)
         if (field.value.size() > limits.parameterBytes)
-            throw Refusal(
-                "parameter_too_large", field.where,
-                field.name + " has more than " + std::to_string(limits.parameterBytes) + " bytes");
+            throw Refusal(Reason::value_too_large, field.where,
+                          {{"name", field.name}, {"most", std::to_string(limits.parameterBytes)}});
 }
 
 Fields readFields(const std::string& contentType, std::string_view body, const BodyLimits& limits)
 {
     if (isJson(contentType)) {
         const JsonNode root = readJsonTree(body, {2, limits.parameters, 0});
-        return readParameters(root, "", limits);
+        return readParameters(root, "");
     }
     const std::string_view type = mediaType(contentType);
     if (equalIgnoringCase(type, "application/x-www-form-urlencoded"))
@@ -103,7 +93,7 @@ Fields readFields(const std::string& contentType, std::string_view body, const B
     if (equalIgnoringCase(type, "multipart/form-data"))
         return readMultipart(body, headerParameter(contentType, "boundary").value_or(""),
                              limits.parameters);
-    throw Refusal("unsupported_type", "Content-Type", "the body's type is not read here");
+    throw Refusal(Reason::unknown_body, "Content-Type");
 }
 
 }  // namespace
@@ -121,14 +111,13 @@ std::vector<BatchPart> readBatch(const std::string& contentType, std::string_vie
                                  const BodyLimits& limits)
 {
     if (!isJson(contentType))
-        throw Refusal("unsupported_type", "Content-Type", "a batch is JSON");
+        throw Refusal(Reason::batch_not_json, "Content-Type");
     const JsonNode root = readJsonTree(body, {5, limits.parameters, limits.batch});
     const JsonNode* requests = root.kind == JsonNode::Object ? root.find("requests") : nullptr;
     if (requests == nullptr || requests->kind != JsonNode::Array || root.members.size() != 1)
-        throw Refusal("wrong_type", "requests",
-                      "a batch is an object with one member, requests, and that is an array");
+        throw Refusal(Reason::not_a_batch, "requests");
     if (requests->members.empty())
-        throw Refusal("malformed", "requests", "a batch has at least one request");
+        throw Refusal(Reason::empty_batch, "requests");
 
     std::vector<BatchPart> parts;
     for (const auto& member : requests->members) {
@@ -137,14 +126,13 @@ std::vector<BatchPart> readBatch(const std::string& contentType, std::string_vie
         part.where = itemOf("requests", parts.size());
         const JsonNode* name = node.kind == JsonNode::Object ? node.find("name") : nullptr;
         if (name == nullptr || name->kind != JsonNode::Text)
-            throw Refusal("wrong_type", part.where + ".name", "a request has a name, a string");
+            throw Refusal(Reason::no_request_name, part.where + ".name");
         part.name = name->text;
         const JsonNode* parameters = node.find("parameters");
         if (node.members.size() > (parameters == nullptr ? 1U : 2U))
-            throw Refusal("malformed", part.where,
-                          "a request has a name and parameters, nothing else");
+            throw Refusal(Reason::more_in_batch, part.where);
         if (parameters != nullptr)
-            part.fields = readParameters(*parameters, part.where + ".parameters", limits);
+            part.fields = readParameters(*parameters, part.where + ".parameters");
         checkSizes(part.fields, limits);
         parts.push_back(std::move(part));
     }
@@ -163,12 +151,9 @@ Prepared prepare(const RequestInfo& request, Fields& fields)
             prepared.upload = std::move(field.value);
             field.value = "upload";
         } else if (isBytes && isPlace) {
-            throw Refusal("wrong_type", field.where, field.name + " takes a string, not bytes");
+            throw Refusal(Reason::bytes_for_text, field.where, {{"name", field.name}});
         } else if (isMisencoded(form, field.given, field.value)) {
-            throw Refusal("bad_encoding", field.where,
-                          field.name + " " + notBase64 +
-                              ": send {\"text\"}, {\"hex\"} or {\"base64\"}, or {\"raw\"} to send "
-                              "it as it is");
+            throw Refusal(Reason::text_for_base64, field.where, {{"name", field.name}});
         } else if (isEncoded(form, field.given)) {
             field.value = toUrlBase64(field.value);
         }

@@ -57,7 +57,7 @@ Service::Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool,
       m_files(options.caFolder),
       m_idleSessions(loop, [this] { endIdleSessions(); }),
       m_pool(loop, std::move(pool), std::move(onReady),
-             [this](WorkerLife life) { m_sessions.endAllOf(life, "session_worker_ended"); })
+             [this](WorkerLife life) { m_sessions.endAllOf(life, Reason::session_worker_ended); })
 {
     endIdleSessions();
 }
@@ -100,10 +100,10 @@ Service::Part Service::check(const std::string& name, Fields& fields,
     part.info = findRequest(name);
     if (part.info == nullptr) {
         // How near a name is takes time by its length.
-        const std::string hint =
-            name.size() > 64 ? "" : "; did you mean " + nearestRequest(name) + "?";
-        throw Refusal("unknown_request", where.empty() ? "name" : where + ".name",
-                      "there is no request of this name" + hint);
+        const std::string place = where.empty() ? "name" : where + ".name";
+        if (name.size() > 64)
+            throw Refusal(Reason::no_such_request, place);
+        throw Refusal(Reason::misspelt_request, place, {{"nearest", nearestRequest(name)}});
     }
     Prepared prepared = prepare(*part.info, fields);
     part.wire.name = name;
@@ -143,12 +143,12 @@ void Service::checkRoom(const WorkerPool& pool, size_t parts) const
 {
     const size_t free = pool.ready() - pool.busy();
     if (pool.queued() + parts > m_options.queue + free)
-        throw Refusal::because("queue_full");
+        throw Refusal(Reason::queue_full);
 }
 
 Refusal Service::goneRefusal(const std::string& token, const std::string& field) const
 {
-    return Refusal::because(m_sessions.reasonOf(token), field);
+    return Refusal(m_sessions.reasonOf(token), field);
 }
 
 // ---- Sending.
@@ -191,19 +191,18 @@ void Service::peer(const std::string& step, const std::string& contentType, std:
 {
     const PeerStep* known = findPeerStep(step);
     if (!m_peer || known == nullptr)
-        throw Refusal("not_found", "",
-                      m_peer ? "the peer has no such step" : "there is no peer at this host");
+        throw Refusal(m_peer ? Reason::no_such_step : Reason::no_peer);
 
     Task task;
     task.request.name = known->name;
     for (Field& field : readBody(contentType, body, m_limits)) {
         if (field.given != Given::Plain)
-            throw Refusal("wrong_type", field.where, "the peer takes texts of Base64");
+            throw Refusal(Reason::not_for_peer, field.where);
         task.request.parameters.emplace_back(std::move(field.name), std::move(field.value));
     }
     for (const char* member : known->members)
         if (findValue(task.request.parameters, member) == nullptr)
-            throw Refusal("malformed", member, std::string(member) + " is missing");
+            throw Refusal(Reason::missing_for_peer, member, {{"name", member}});
     checkRoom(*m_peer, 1);
 
     task.done = [done = std::move(done)](Ending ending, WireReply& reply, WorkerLife) {
@@ -250,14 +249,13 @@ void Service::sendToSession(Part part, const Waiter& waiter)
     submit(std::move(part), use->life(),
            [this, waiter, token, frees, use](Ending ending, WireReply& reply, WorkerLife) {
                if (ending == Ending::LifeIsOver)
-                   return refuse(waiter,
-                                 Refusal::because("session_worker_ended", sessionParameter));
+                   return refuse(waiter, Refusal(Reason::session_worker_ended, sessionParameter));
                if (ending == Ending::Answered && reply.kind == WireReply::SessionGone) {
-                   m_sessions.end(token, "session_worker_forgot");
+                   m_sessions.end(token, Reason::session_worker_forgot);
                    return refuse(waiter, goneRefusal(token, sessionParameter));
                }
                if (ending == Ending::Answered && frees)
-                   m_sessions.end(token, "session_freed");
+                   m_sessions.end(token, Reason::session_freed);
                finish(waiter, ending, reply);
            });
 }
@@ -272,7 +270,7 @@ void Service::sendNewSession(Part part, const Waiter& waiter, unsigned attempt)
             chosen = WorkerLife{slot, m_pool.info(slot).generation};
     const auto reservation = chosen ? m_sessions.reserve(*chosen) : nullptr;
     if (reservation == nullptr)
-        return refuse(waiter, Refusal::because("sessions_full"));
+        return refuse(waiter, Refusal(Reason::sessions_full));
 
     part.wire.session = Sessions::makeToken();
     const std::string token = part.wire.session;
@@ -318,7 +316,7 @@ void Service::endIdleSessions()
         part.wire.name = freeSessionRequest;
         part.wire.session = token;
         const WorkerLife life = *m_sessions.find(token);
-        m_sessions.end(token, "session_idle");
+        m_sessions.end(token, Reason::session_idle);
         submit(std::move(part), life, [](Ending, WireReply&, WorkerLife) {});
     }
 }

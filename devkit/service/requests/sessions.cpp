@@ -75,7 +75,7 @@ Sessions::Use::~Use()
     found->second.lastUse = Clock::now();
 }
 
-void Sessions::end(const std::string& token, const char* reason)
+void Sessions::end(const std::string& token, Reason reason)
 {
     const auto found = m_live.find(token);
     if (found == m_live.end())
@@ -90,7 +90,7 @@ void Sessions::end(const std::string& token, const char* reason)
     }
 }
 
-void Sessions::endAllOf(WorkerLife life, const char* reason)
+void Sessions::endAllOf(WorkerLife life, Reason reason)
 {
     std::vector<std::string> tokens;
     for (const auto& [token, session] : m_live)
@@ -100,10 +100,10 @@ void Sessions::endAllOf(WorkerLife life, const char* reason)
         end(token, reason);
 }
 
-std::string Sessions::reasonOf(const std::string& token) const
+Reason Sessions::reasonOf(const std::string& token) const
 {
     const auto found = m_ended.find(token);
-    return found == m_ended.end() ? "session_unknown" : found->second;
+    return found == m_ended.end() ? Reason::session_unknown : found->second;
 }
 
 std::vector<std::string> Sessions::idleSince(Clock::time_point time) const

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/event_loop.h"
+#include "host/catalogue/host_reasons.h"
 #include "service/workers/worker_pool.h"
 
 class Sessions {
@@ -31,11 +32,10 @@ public:
     // Where it lives, or null.
     const WorkerLife* find(const std::string& token) const;
 
-    // Reasons are names of hostReasons().
-    void end(const std::string& token, const char* reason);
-    void endAllOf(WorkerLife life, const char* reason);
-    // Why a token is not that of a session: the name of a reason.
-    std::string reasonOf(const std::string& token) const;
+    void end(const std::string& token, Reason reason);
+    void endAllOf(WorkerLife life, Reason reason);
+    // Why a token is not that of a session.
+    Reason reasonOf(const std::string& token) const;
 
     std::vector<std::string> idleSince(Clock::time_point time) const;
 
@@ -54,7 +54,7 @@ private:
     std::vector<size_t> m_perWorker;
     const size_t m_mostPerWorker;
     // The last ones that ended, with the reason.
-    std::unordered_map<std::string, const char*> m_ended;
+    std::unordered_map<std::string, Reason> m_ended;
     std::deque<std::string> m_endedInOrder;
 };
 
