@@ -117,6 +117,36 @@ std::string section(const RequestInfo& request)
     return out + "\n";
 }
 
+// The text of a kind of warning, with {name} for a value.
+std::string textOf(const ComplaintKind& kind)
+{
+    return std::string("{field} ") + kind.text;
+}
+
+std::string codesSection()
+{
+    std::string out =
+        "## Codes\n\n| code | source | text | likely cause | what to do |\n|---|---|---|---|---|\n";
+    for (const ErrorCode& code : errorCodes())
+        out += row({codeText(code), code.source, code.text, code.cause, code.remedy});
+    out +=
+        "\n`corvane-host serve` has codes of its own, with the status of HTTP:\n\n"
+        "| code | status | text | likely cause | what to do |\n|---|---|---|---|---|\n";
+    for (const ErrorCode& own : hostCodes())
+        out += row({code(own.name), std::to_string(own.status), own.text, own.cause, own.remedy});
+    out +=
+        "\nWith such a code comes a `reason`, with `values` for the names in braces:\n\n"
+        "| code | reason | text |\n|---|---|---|\n";
+    for (const ReasonText& reason : hostReasons())
+        out += row({code(reason.code), code(reason.name), reason.text});
+    out +=
+        "\nWarnings are of these kinds, with `field` and `values` for the names in braces:\n\n"
+        "| code | text |\n|---|---|\n";
+    for (const ComplaintKind& kind : complaintKinds())
+        out += row({code(kind.code), textOf(kind)});
+    return out;
+}
+
 }  // namespace
 
 std::string describe(const RequestInfo& request)
@@ -229,7 +259,7 @@ Json catalogueJson()
         host.push_back(toJson(code));
     Json warnings = Json::array();
     for (const ComplaintKind& kind : complaintKinds())
-        warnings.push_back({{"code", kind.code}, {"text", std::string("{field} ") + kind.text}});
+        warnings.push_back({{"code", kind.code}, {"text", textOf(kind)}});
     return {{"version", CORVANE_VERSION},
             {"requests", requests},
             {"codes", codes},
@@ -272,14 +302,5 @@ development engine; another engine may number otherwise.
         }
         out += section(request);
     }
-    out +=
-        "## Codes\n\n| code | source | text | likely cause | what to do |\n|---|---|---|---|---|\n";
-    for (const ErrorCode& code : errorCodes())
-        out += row({codeText(code), code.source, code.text, code.cause, code.remedy});
-    out +=
-        "\n`corvane-host serve` has codes of its own, with the status of HTTP:\n\n"
-        "| code | status | text | likely cause | what to do |\n|---|---|---|---|---|\n";
-    for (const ErrorCode& own : hostCodes())
-        out += row({code(own.name), std::to_string(own.status), own.text, own.cause, own.remedy});
-    return out;
+    return out + codesSection();
 }
