@@ -10,6 +10,7 @@
 
 #include "peer/certificates.h"
 #include "support/base64_text.h"
+#include "support/request_rows.h"
 #include "support/served_host.h"
 
 namespace fs = std::filesystem;
@@ -244,7 +245,8 @@ TEST_F(Serve, TellsItsState)
     EXPECT_EQ(2U, status["workers"].size());
     EXPECT_EQ(256, status["limits"]["batch"]);
     EXPECT_NE(std::string::npos, status["engine"].get<std::string>().find("development engine"));
-    EXPECT_EQ(27U, host().get("/v1/catalogue").json()["requests"].size());
+    EXPECT_EQ(std::size(support::requestRows),
+              host().get("/v1/catalogue").json()["requests"].size());
     EXPECT_EQ("3.1.0", host().get("/openapi.json").json()["openapi"]);
     for (const char* path : {"/livez", "/readyz"}) {
         const HttpAnswer answer = host().ask("GET", path, {{"Authorization", ""}});

@@ -188,8 +188,8 @@ std::map<std::string, ServeWalk::Check> ServeWalk::checks()
 
 TEST_F(ServeWalk, EveryRequestIsAnswered)
 {
-    addCredential("rsa", KeyKind::rsa);
-    addCredential("sm2", KeyKind::sm2);
+    addCredential("rsa", KeyKind::Rsa);
+    addCredential("sm2", KeyKind::Sm2);
     m_files["server/root.crt"] = fromUrlBase64(peer("root")["root"]);
 
     std::map<std::string, Check> checks = this->checks();
