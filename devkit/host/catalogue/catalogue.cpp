@@ -107,7 +107,7 @@ constexpr int MISSING = -20001, RANGE = -20084, MEMORY = -20000, ENGINE = -20215
 
 const std::vector<RequestInfo> requests = {
     {"QZaVen_GetVersion",               "Engine",   "The engine's version text.",
-        {}, {plain, code}, {}},
+        {}, {plain, code}, {ENGINE}},
     {"QZaVen_strerror",                 "Engine",   "The engine's text for an error code. Writes no errorCode.",
         {strErr}, {plain}, {}},
     {"QZaven_crypto_base64_encode",     "Base64",   "Bytes to URL-safe Base64, by the engine.",
@@ -219,13 +219,20 @@ const Result* findResult(const RequestInfo& request, const std::string& name)
     return nullptr;
 }
 
+std::string nearestName(const std::vector<std::string>& known, const std::string& name)
+{
+    return *std::min_element(known.begin(), known.end(),
+                             [&](const std::string& a, const std::string& b) {
+                                 return editDistance(name, a) < editDistance(name, b);
+                             });
+}
+
 std::string nearestRequest(const std::string& name)
 {
-    return std::min_element(requests.begin(), requests.end(),
-                            [&](const RequestInfo& a, const RequestInfo& b) {
-                                return editDistance(name, a.name) < editDistance(name, b.name);
-                            })
-        ->name;
+    std::vector<std::string> known;
+    for (const RequestInfo& request : requests)
+        known.emplace_back(request.name);
+    return nearestName(known, name);
 }
 
 const Parameter* findParameter(const RequestInfo& request, const std::string& name)

@@ -106,7 +106,10 @@ const std::vector<RequestInfo>& catalogue();
 const RequestInfo* findRequest(const std::string& name);
 const Result* findResult(const RequestInfo& request, const std::string& name);
 
-// The known name that is nearest to a mistyped one.
+// The one of the known names, of which there are some, that is nearest to a mistyped one. Takes
+// time by the product of the names' lengths.
+std::string nearestName(const std::vector<std::string>& known, const std::string& name);
+// The same of the requests' names.
 std::string nearestRequest(const std::string& name);
 
 const Parameter* findParameter(const RequestInfo& request, const std::string& name);

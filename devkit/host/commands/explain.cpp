@@ -15,14 +15,28 @@ struct ExplainOptions {
     bool json = false;
 };
 
+// Of the service's codes, and of the constants for numbers.
+const ErrorCode& rowOfName(const std::string& name)
+{
+    std::vector<std::string> known;
+    for (const auto* codes : {&hostCodes(), &errorCodes()})
+        for (const ErrorCode& row : *codes) {
+            if (row.name == name)
+                return row;
+            known.emplace_back(row.name);
+        }
+    throw UsageError("there is no code " + name + "; did you mean " + nearestName(known, name) +
+                     "? `corvane-host explain` lists all");
+}
+
 // The whole text must be a code. The minus sign of a number may be left out: all have one.
 const ErrorCode& rowOf(const std::string& text)
 {
-    if (const ErrorCode* own = findHostCode(text))
-        return *own;
+    if (text.find_first_of("-0123456789") != 0)
+        return rowOfName(text);
     char* end = nullptr;
     const long number = strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0')
+    if (*end != '\0')
         throw UsageError(
             "an error code is a number, as in an errorCode result, or a name that "
             "`corvane-host explain` lists");
@@ -49,7 +63,7 @@ void addExplain(CLI::App& app, Program& program)
     CLI::App* command = app.add_subcommand(
         "explain", "Explain an error code: its meaning, likely cause and remedy");
     command->add_option("code", options->code,
-                        "As in errorCode, or an error of the host's; none: list all");
+                        "As in errorCode, or an error of the host's by its name; none: list all");
     command->add_flag("--json", options->json, "As JSON");
     command->callback([options, &program] {
         if (options->code.empty())
