@@ -29,18 +29,17 @@ const char* const GM_SIGNED_ENVELOPED = "1.2.156.10197.6.1.4.2.4";
 
 // ---- The ASN.1. Parts that are only read over are of any type.
 
+// clang-format off
 struct IssuerAndSerialForm {
     X509_NAME* issuer;
     ASN1_INTEGER* serial;
 };
-// clang-format off
 ASN1_SEQUENCE(IssuerAndSerialForm) = {
     ASN1_SIMPLE(IssuerAndSerialForm, issuer, X509_NAME),
     ASN1_SIMPLE(IssuerAndSerialForm, serial, ASN1_INTEGER)
 } static_ASN1_SEQUENCE_END(IssuerAndSerialForm)
-    // clang-format on
 
-    struct RecipientNameForm {
+struct RecipientNameForm {
     int type;  // which of the two, from 0; -1 for none
     union {
         ASN1_STRING* issuerAndSerial;  // DER
@@ -48,53 +47,46 @@ ASN1_SEQUENCE(IssuerAndSerialForm) = {
     } value;
 };
 constexpr int ISSUER_AND_SERIAL = 0;
-// clang-format off
 ASN1_CHOICE(RecipientNameForm) = {
     ASN1_SIMPLE(RecipientNameForm, value.issuerAndSerial, ASN1_SEQUENCE),
     ASN1_IMP(RecipientNameForm, value.keyIdentifier, ASN1_OCTET_STRING, 0)
 } static_ASN1_CHOICE_END(RecipientNameForm)
-    // clang-format on
 
-    // Of the five kinds of recipients the one to whose key the content key is encrypted.
-    struct RecipientForm {
+// Of the five kinds of recipients the one to whose key the content key is encrypted.
+struct RecipientForm {
     ASN1_INTEGER* version;
     RecipientNameForm* name;  // written as issuer and serial number
     X509_ALGOR* algorithm;
     ASN1_OCTET_STRING* key;
 };
-// clang-format off
 ASN1_SEQUENCE(RecipientForm) = {
     ASN1_SIMPLE(RecipientForm, version, ASN1_INTEGER),
     ASN1_SIMPLE(RecipientForm, name, RecipientNameForm),
     ASN1_SIMPLE(RecipientForm, algorithm, X509_ALGOR),
     ASN1_SIMPLE(RecipientForm, key, ASN1_OCTET_STRING)
 } static_ASN1_SEQUENCE_END(RecipientForm)
-    // clang-format on
 
-    struct EncryptedContentForm {
+struct EncryptedContentForm {
     ASN1_OBJECT* type;
     X509_ALGOR* algorithm;
     ASN1_OCTET_STRING* content;  // may be null
 };
-// clang-format off
 ASN1_SEQUENCE(EncryptedContentForm) = {
     ASN1_SIMPLE(EncryptedContentForm, type, ASN1_OBJECT),
     ASN1_SIMPLE(EncryptedContentForm, algorithm, X509_ALGOR),
     ASN1_IMP_OPT(EncryptedContentForm, content, ASN1_OCTET_STRING, 0)
 } static_ASN1_SEQUENCE_END(EncryptedContentForm)
-    // clang-format on
 
-    // EnvelopedData, and AuthEnvelopedData, which has the tag.
-    struct EnvelopeForm {
+// EnvelopedData, and AuthEnvelopedData, which has the tag.
+struct EnvelopeForm {
     ASN1_INTEGER* version;
-    STACK_OF(ASN1_TYPE) * originator;  // may be null, as may all that follow the content
-    STACK_OF(ASN1_TYPE) * recipients;
+    STACK_OF(ASN1_TYPE)* originator;  // may be null, as may all that follow the content
+    STACK_OF(ASN1_TYPE)* recipients;
     EncryptedContentForm* content;
-    STACK_OF(X509_ATTRIBUTE) * attributes;
+    STACK_OF(X509_ATTRIBUTE)* attributes;
     ASN1_OCTET_STRING* tag;
-    STACK_OF(X509_ATTRIBUTE) * openAttributes;
+    STACK_OF(X509_ATTRIBUTE)* openAttributes;
 };
-// clang-format off
 ASN1_SEQUENCE(EnvelopeForm) = {
     ASN1_SIMPLE(EnvelopeForm, version, ASN1_INTEGER),
     ASN1_IMP_SEQUENCE_OF_OPT(EnvelopeForm, originator, ASN1_ANY, 0),
@@ -104,22 +96,20 @@ ASN1_SEQUENCE(EnvelopeForm) = {
     ASN1_OPT(EnvelopeForm, tag, ASN1_OCTET_STRING),
     ASN1_IMP_SET_OF_OPT(EnvelopeForm, openAttributes, X509_ATTRIBUTE, 2)
 } static_ASN1_SEQUENCE_END(EnvelopeForm)
-    // clang-format on
 
-    struct OuterForm {
+struct OuterForm {
     ASN1_OBJECT* type;
     EnvelopeForm* envelope;
 };
-// clang-format off
 ASN1_SEQUENCE(OuterForm) = {
     ASN1_SIMPLE(OuterForm, type, ASN1_OBJECT),
     ASN1_EXP(OuterForm, envelope, EnvelopeForm, 0)
 } static_ASN1_SEQUENCE_END(OuterForm)
-    // clang-format on
 
-    using IssuerAndSerial = Asn1<IssuerAndSerialForm, IssuerAndSerialForm_it>;
+using IssuerAndSerial = Asn1<IssuerAndSerialForm, IssuerAndSerialForm_it>;
 using Recipient = Asn1<RecipientForm, RecipientForm_it>;
 using Outer = Asn1<OuterForm, OuterForm_it>;
+// clang-format on
 
 // ---- Both directions.
 

@@ -61,9 +61,9 @@ ASN1_SEQUENCE(GcmForm) = {
     ASN1_SIMPLE(GcmForm, nonce, ASN1_OCTET_STRING),
     ASN1_OPT(GcmForm, tagLength, ASN1_INTEGER)
 } static_ASN1_SEQUENCE_END(GcmForm)
-    // clang-format on
 
-    using GcmParameters = Asn1<GcmForm, GcmForm_it>;
+using GcmParameters = Asn1<GcmForm, GcmForm_it>;
+// clang-format on
 using OaepParameters = Asn1<RSA_OAEP_PARAMS, RSA_OAEP_PARAMS_it>;
 using Algorithm = Asn1<X509_ALGOR, X509_ALGOR_it>;
 using StringOwner = Owned<ASN1_STRING_free, ASN1_STRING>;

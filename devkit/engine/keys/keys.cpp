@@ -16,6 +16,7 @@ namespace {
 // ---- The ASN.1 of keys that libcrypto has no type of its own for. CBIGNUM numbers are
 // wiped when freed.
 
+// clang-format off
 struct RsaPrivateForm {
     ASN1_INTEGER* version;
     BIGNUM* n;
@@ -27,7 +28,6 @@ struct RsaPrivateForm {
     BIGNUM* dq;
     BIGNUM* qInverse;
 };
-// clang-format off
 ASN1_SEQUENCE(RsaPrivateForm) = {
     ASN1_SIMPLE(RsaPrivateForm, version, ASN1_INTEGER),
     ASN1_SIMPLE(RsaPrivateForm, n, BIGNUM),
@@ -39,49 +39,43 @@ ASN1_SEQUENCE(RsaPrivateForm) = {
     ASN1_SIMPLE(RsaPrivateForm, dq, CBIGNUM),
     ASN1_SIMPLE(RsaPrivateForm, qInverse, CBIGNUM)
 } static_ASN1_SEQUENCE_END(RsaPrivateForm)
-    // clang-format on
 
-    struct RsaPublicForm {
+struct RsaPublicForm {
     BIGNUM* n;
     BIGNUM* e;
 };
-// clang-format off
 ASN1_SEQUENCE(RsaPublicForm) = {
     ASN1_SIMPLE(RsaPublicForm, n, BIGNUM),
     ASN1_SIMPLE(RsaPublicForm, e, BIGNUM)
 } static_ASN1_SEQUENCE_END(RsaPublicForm)
-    // clang-format on
 
-    struct EcPrivateForm {
+struct EcPrivateForm {
     ASN1_INTEGER* version;
     ASN1_OCTET_STRING* scalar;
     ASN1_TYPE* curve;        // may be null
     ASN1_BIT_STRING* point;  // may be null
 };
-// clang-format off
 ASN1_SEQUENCE(EcPrivateForm) = {
     ASN1_SIMPLE(EcPrivateForm, version, ASN1_INTEGER),
     ASN1_SIMPLE(EcPrivateForm, scalar, ASN1_OCTET_STRING),
     ASN1_EXP_OPT(EcPrivateForm, curve, ASN1_ANY, 0),
     ASN1_EXP_OPT(EcPrivateForm, point, ASN1_BIT_STRING, 1)
 } static_ASN1_SEQUENCE_END(EcPrivateForm)
-    // clang-format on
 
-    struct PublicKeyForm {
+struct PublicKeyForm {
     X509_ALGOR* algorithm;
     ASN1_BIT_STRING* key;
 };
-// clang-format off
 ASN1_SEQUENCE(PublicKeyForm) = {
     ASN1_SIMPLE(PublicKeyForm, algorithm, X509_ALGOR),
     ASN1_SIMPLE(PublicKeyForm, key, ASN1_BIT_STRING)
 } static_ASN1_SEQUENCE_END(PublicKeyForm)
-    // clang-format on
 
-    using RsaPrivate = Asn1<RsaPrivateForm, RsaPrivateForm_it>;
+using RsaPrivate = Asn1<RsaPrivateForm, RsaPrivateForm_it>;
 using RsaPublic = Asn1<RsaPublicForm, RsaPublicForm_it>;
 using EcPrivate = Asn1<EcPrivateForm, EcPrivateForm_it>;
 using PublicKey = Asn1<PublicKeyForm, PublicKeyForm_it>;
+// clang-format on
 
 using Number = Owned<BN_clear_free, BIGNUM>;
 using Numbers = Owned<BN_CTX_free, BN_CTX>;

@@ -26,9 +26,9 @@ ASN1_SEQUENCE(Sm2CipherForm) = {
     ASN1_SIMPLE(Sm2CipherForm, third, ASN1_OCTET_STRING),
     ASN1_SIMPLE(Sm2CipherForm, fourth, ASN1_OCTET_STRING)
 } static_ASN1_SEQUENCE_END(Sm2CipherForm)
-    // clang-format on
 
-    using Sm2Cipher = Asn1<Sm2CipherForm, Sm2CipherForm_it>;
+using Sm2Cipher = Asn1<Sm2CipherForm, Sm2CipherForm_it>;
+// clang-format on
 
 // A ciphertext in its parts. The bytes of C3 and C2 belong to someone else.
 struct Parts {
