@@ -1,6 +1,6 @@
-// Which of the requests that are on their way to a worker it has begun: a page of memory that
-// the front and the worker share. The front can take back what has not been begun, and exactly
-// one of the two gets each request.
+// Settles who gets a request that was sent ahead to a worker (see wire.h): the worker, which
+// begins it, or the front, which takes it back. It is a page of memory that both share, so that
+// exactly one of the two gets each request.
 #ifndef CORVANE_COMMON_CLAIMS_H
 #define CORVANE_COMMON_CLAIMS_H
 
@@ -12,7 +12,7 @@
 
 class Claims {
 public:
-    // So many requests at most are on their way at once. Both sides count them from 0 on.
+    // How many requests may be on their way at once. Both sides number them from 0 on.
     static constexpr uint64_t most = 16;
 
     // The front's side. Throws a std::system_error.

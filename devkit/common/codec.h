@@ -1,6 +1,7 @@
-// The text forms that binary values take on their way through requests and JSON.
-// Decoders check their input first and give nothing for text that is not of their form, so that
-// they leave no copies of a part of it.
+// The text forms of binary values in requests and JSON.
+//
+// A decoder gives nothing for a text that is not of its form. It looks at the whole text before it
+// decodes any of it, so that no part of a secret stays behind in memory.
 #ifndef CORVANE_COMMON_CODEC_H
 #define CORVANE_COMMON_CODEC_H
 

@@ -1,4 +1,4 @@
-// One thread's loop over descriptors and times.
+// A loop that waits for descriptors and alarms and calls functions, all in one thread.
 #ifndef CORVANE_COMMON_EVENT_LOOP_H
 #define CORVANE_COMMON_EVENT_LOOP_H
 
@@ -32,9 +32,9 @@ public:
     void change(WatchId id, uint32_t events);
     void unwatch(WatchId id);
 
-    // Runs until stopped. `between` is called before each wait and tells for how many
-    // milliseconds to wait at most; -1 for any time. What the other calls throw is told on
-    // standard error, and ends nothing but that call.
+    // Runs until stopped. `between` is called before each wait; it returns for how many
+    // milliseconds to wait at most, -1 for any time. What the functions of watches and alarms
+    // throw is written to standard error, and the loop goes on.
     void run(const std::function<int()>& between);
     void stop() { m_stopped = true; }
 
@@ -62,8 +62,8 @@ private:
     bool m_stopped = false;
 };
 
-// Calls at a time, once for each that it is set to. It takes memory when it is made and
-// none when it is set. The loop outlives it; the call may end it.
+// Calls a function at a time, once each time it is set. Only making it takes memory; setting it
+// cannot fail. The loop must outlive it; the function may destroy it.
 class Alarm {
 public:
     Alarm(EventLoop& loop, std::function<void()> call);
@@ -71,7 +71,7 @@ public:
     Alarm(const Alarm&) = delete;
     Alarm& operator=(const Alarm&) = delete;
 
-    // In place of a time that it was set to before.
+    // Replaces the time that it was set to before.
     void set(Clock::time_point time);
     void clear();
 

@@ -1,4 +1,4 @@
-// What went wrong in a place from which nothing can be thrown, on standard error.
+// Reports on standard error, for places from which nothing may be thrown.
 #ifndef CORVANE_COMMON_FAILURE_H
 #define CORVANE_COMMON_FAILURE_H
 
@@ -6,14 +6,14 @@
 #include <exception>
 #include <new>
 
-// Takes no memory.
+// `what` says what was being done. Takes no memory.
 inline void tellFailure(const char* what, const std::exception& failure) noexcept
 {
     const bool isMemory = dynamic_cast<const std::bad_alloc*>(&failure) != nullptr;
     fprintf(stderr, "corvane-host: %s: %s\n", what, isMemory ? "out of memory" : failure.what());
 }
 
-// Calls it, and tells what it throws.
+// Calls a function, and reports the exception that it throws.
 template <typename Call>
 void withoutFailure(const char* what, const Call& call) noexcept
 {

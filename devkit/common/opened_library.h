@@ -1,5 +1,5 @@
-// Libraries that are opened at run time, and the functions that the plug-in and its two
-// contracts list. For all who play the host: the host itself, tests and measurements.
+// Opens libraries at run time, and finds the functions that the plug-in exports and that its two
+// contracts list. For every program that is a host: corvane-host, tests and benches.
 #ifndef CORVANE_COMMON_OPENED_LIBRARY_H
 #define CORVANE_COMMON_OPENED_LIBRARY_H
 
@@ -21,7 +21,7 @@ struct CloseLibrary {
     void operator()(void* library) const { dlclose(library); }
 };
 
-// Closed at the end, unless it is released. Null stands for a library that is left out.
+// Closes the library in its destructor. Null stands for a library that is left out.
 using OpenedLibrary = std::unique_ptr<void, CloseLibrary>;
 
 inline std::string loaderMessage()

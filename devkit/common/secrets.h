@@ -1,5 +1,4 @@
-// Keeping keys, passwords and plaintext out of memory that is no longer used and out of
-// core dumps.
+// Keeps keys, passwords and plaintext out of memory that is given back, and out of core dumps.
 #ifndef CORVANE_COMMON_SECRETS_H
 #define CORVANE_COMMON_SECRETS_H
 
@@ -14,8 +13,7 @@
 
 #include "pairs.h"
 
-// The text is empty afterwards, and gone from memory, with what a longer one or one that has
-// moved away left in its room.
+// Overwrites all the memory that the text has, also what is behind its end, and makes it empty.
 inline void wipe(std::string& text)
 {
     text.resize(text.capacity());
@@ -23,7 +21,7 @@ inline void wipe(std::string& text)
     text.clear();
 }
 
-// As append, but leaves no copy behind when the text must move to grow.
+// Appends. If the text must move to grow, its old memory is wiped.
 inline void appendSecret(std::string& text, std::string_view more)
 {
     if (text.capacity() - text.size() < more.size()) {
@@ -43,7 +41,7 @@ inline void wipe(Pairs& pairs)
     pairs.clear();
 }
 
-// A text or parameters that are wiped wherever they end or move away from.
+// A text, or pairs, that are wiped when they are destroyed or moved from.
 template <class Value>
 class Wiped : public Value {
 public:
@@ -62,8 +60,8 @@ public:
 using SecretText = Wiped<std::string>;
 using SecretPairs = Wiped<Pairs>;
 
-// While it exists, the process leaves no core dump and cannot be read by others of its
-// user. A leak checker can look at the process afterwards.
+// While it exists, the process leaves no core dump, and other processes of the same user cannot
+// read its memory. Its destructor allows the latter again, which a leak checker needs.
 class Undumpable {
 public:
     Undumpable()

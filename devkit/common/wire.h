@@ -1,10 +1,10 @@
-// What front and worker processes say to each other over a stream socket: frames of a
-// length (32 bits, little-endian) and as many bytes. Descriptors travel beside a frame.
+// The protocol between the front process and its workers, over a stream socket. A frame is a
+// length (32 bits, little-endian) and as many bytes; descriptors are passed along with it.
 //
 // A worker sends one Ready frame when it can serve, then one reply for each request, in the
-// order of the requests. Any program that does so can be a worker. One that is sent requests
-// ahead, before it has answered the one before, claims each of them (claims.h) before it
-// begins, and answers TakenBack for those that it does not get.
+// order of the requests. Any program that does so can be a worker. Requests may be sent ahead,
+// which is before the worker has answered the one before. Then it must claim each request
+// (claims.h) before it begins it, and answer TakenBack if the front was faster.
 #ifndef CORVANE_COMMON_WIRE_H
 #define CORVANE_COMMON_WIRE_H
 
@@ -17,17 +17,17 @@
 #include "pairs.h"
 #include "secrets.h"
 
-// A longer frame is a fault of the other side.
+// In bytes. A longer frame is an error of the other side.
 constexpr size_t longestFrame = size_t{512} << 20;
 
-// At most so many descriptors beside a frame.
+// How many descriptors may come with a frame.
 constexpr size_t mostFiles = 4;
 
 struct WireRequest {
     std::string name;
     std::string session;  // token of the session that the request makes or uses, or ""
     SecretPairs parameters;
-    // Parameters whose value is a path to the descriptor of the same place.
+    // Names of parameters. The value of the first is a path to the first descriptor, and so on.
     std::vector<std::string> files;
 };
 
@@ -51,18 +51,18 @@ struct WireReply {
 std::string encode(const WireRequest& request);
 std::string encode(const WireReply& reply);
 
-// A frame's bytes without the length; nothing if they are not of the form.
+// From a frame's bytes without the length. Nothing if they are malformed.
 std::optional<WireRequest> decodeRequest(std::string_view frame);
 std::optional<WireReply> decodeReply(std::string_view frame);
 
-// The first frame's size with its length, or nothing as long as the length is not there.
+// The size of the first frame, with its length field; nothing if that is not whole yet.
 std::optional<size_t> frameSize(std::string_view bytes);
 
-// For a socket that does not block. Sends what it takes, descriptors with the first byte,
-// and returns how many bytes that were; negative with errno set.
+// For a socket that does not block. Sends as much as the socket takes, and the descriptors with
+// the first byte. Returns how many bytes were sent; negative, with errno set, on failure.
 ssize_t sendSome(int socket, std::string_view bytes, const std::vector<Descriptor>& files);
 
-// A worker's side of a socket that blocks: requests as they come.
+// Reads requests from a worker's end of the socket, which blocks.
 class RequestReader {
 public:
     explicit RequestReader(int socket) : m_socket(socket) {}
@@ -70,8 +70,8 @@ public:
     RequestReader(const RequestReader&) = delete;
     RequestReader& operator=(const RequestReader&) = delete;
 
-    // The next request with the descriptors that came beside its frame. False at the socket's
-    // end, and for what is not of the form.
+    // Waits for the next request and its descriptors. False at the socket's end, and for a
+    // malformed frame.
     bool next(WireRequest& request, std::vector<Descriptor>& files);
 
 private:
@@ -80,14 +80,14 @@ private:
     void drop(size_t frame);
 
     const int m_socket;
-    // Its part from m_start to m_end has been received and not given yet.
+    // What has been received and not returned yet is from m_start to m_end.
     std::string m_buffer;
     size_t m_start = 0;
     size_t m_end = 0;
     std::vector<Descriptor> m_files;  // likewise
 };
 
-// For a socket that blocks. False at its end.
+// Sends the whole frame over a socket that blocks. False if the other end is closed.
 bool writeFrame(int socket, std::string_view frame);
 
 #endif

@@ -16,11 +16,11 @@ constexpr int workerClaims = 4;
 
 class WorkerProcess {
 public:
-    // Starts a program with these arguments, its name the first. It inherits standard
-    // output, standard error and the environment, and no other descriptor but these two.
-    // Throws a std::system_error.
+    // Starts a program; `command` is its name and its arguments. It inherits standard output,
+    // standard error, the environment, the two descriptors above, and nothing else. Throws a
+    // std::system_error.
     WorkerProcess(const std::string& program, const std::vector<std::string>& command);
-    // Ends it at once. Its exit status is the caller's to collect.
+    // Kills it. The caller collects its exit status.
     ~WorkerProcess();
     WorkerProcess(const WorkerProcess&) = delete;
     WorkerProcess& operator=(const WorkerProcess&) = delete;
@@ -28,21 +28,21 @@ public:
     pid_t pid() const { return m_pid; }
     int socket() const { return m_socket.get(); }
 
-    // Takes a frame over, behind those that were not sent yet. Its files go with the first of
-    // them: the reader gives them out in the order of the frames that name them.
+    // Queues a frame behind those that were not sent yet. Its files may be sent with an earlier
+    // frame of these: the reader hands files out in the order of the frames that name them.
     void post(std::string frame, std::vector<Descriptor> files);
     // How many bytes are still to be sent.
     size_t unsent() const { return m_outgoing.size() - m_sent; }
-    // Sends what the socket takes. False if the process is gone.
+    // Sends as much as the socket takes. False if the process is gone.
     bool send();
-    // Receives what is there. False if the process is gone or breaks the form.
+    // Receives what is there. False if the process is gone or sends what is malformed.
     bool receive();
-    // The next reply, if it has come whole. False in `good` if it breaks the form.
+    // Gives the next reply, and true, if it has come whole. `good` is false if it is malformed.
     bool take(WireReply& reply, bool& good);
 
     Claims& claims() { return m_claims; }
 
-    // Lets it end when it has nothing more to do.
+    // Sends nothing more, so that it ends when it has answered what it has.
     void hangUp();
 
 private:
@@ -57,8 +57,8 @@ private:
     size_t m_taken = 0;  // bytes of it
 };
 
-// In the worker: ends the process with the one that started it, and gives it the signals
-// of an ordinary process.
+// For the worker to call at its start: it is killed when the process that started it ends, and
+// ignores SIGINT, SIGTERM and SIGHUP, as it is that process which lets it end.
 void tieToParent();
 
 #endif

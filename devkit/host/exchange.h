@@ -1,4 +1,4 @@
-// One request and its outcome, as `call` and `script` report it.
+// Sends one request, and finds out what a failure means. For `call`, `script` and `bench`.
 #ifndef CORVANE_HOST_EXCHANGE_H
 #define CORVANE_HOST_EXCHANGE_H
 
@@ -9,16 +9,16 @@
 
 struct Outcome {
     Pairs results;
-    double microseconds = 0;  // these three as in Reply
+    double microseconds = 0;  // these three are as in Reply
     double storeMicroseconds = 0;
     double readMicroseconds = 0;
     bool ok = false;
     std::string code;  // of a failure; empty if the plug-in wrote none
-    std::string text;  // the failure's, in the engine's words or the host's
+    std::string text;  // what the failure means, in the engine's words or the host's
 };
 
-// The catalogue's entry; null for an unknown name that is sent all the same. Throws a
-// UsageError with the nearest name for an unknown one.
+// The catalogue's entry. For an unknown name it is null if `force` is set; else throws a
+// UsageError that tells the nearest name.
 const RequestInfo* requestByName(const std::string& name, bool force);
 
 // Warnings about the parameters of a request, to standard error. `request` may be null.
@@ -28,8 +28,8 @@ void warn(const RequestInfo* request, const Pairs& parameters);
 Outcome exchange(HostSession& session, const RequestInfo* request, const std::string& name,
                  const Pairs& parameters);
 
-// The bytes of a result, decoded by the catalogue; as it is if the catalogue does not
-// know it. Throws a UsageError.
+// The bytes of a result, decoded as the catalogue says; undecoded if the catalogue does not know
+// the result. Throws a UsageError if there is no such result or it is malformed.
 std::string resultBytes(const RequestInfo* request, const Outcome& outcome,
                         const std::string& name);
 

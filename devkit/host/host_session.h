@@ -12,8 +12,8 @@ constexpr const char* pluginName = "libCorvane_plugin.so";
 constexpr const char* paramsName = "libCorvaneParamsModule.so";
 constexpr const char* engineName = "libSoftModuleaven.so";
 
-// A library was loaded from its path, but the plug-in, which opens it by its bare name,
-// would not get it: its SONAME is missing or another one.
+// A library was loaded from its path, but has no SONAME or another one. The plug-in, which opens
+// it by its bare name, would not find it.
 struct BareNameError : LoadError {
     using LoadError::LoadError;
 };
@@ -28,29 +28,28 @@ struct LibraryPaths {
 
 LibraryPaths withDefaults(LibraryPaths paths);
 
-// Looks at the files without loading them: a cut one would end the process that does, and a
-// pipe keep it for ever. Names that are left to the loader are not looked at. Throws a
-// LoadError that says what is wrong and what to do.
+// Looks at the files without loading them: the loader would crash on a file that is cut, and wait
+// for ever for a pipe. Names that are left to the loader are not looked at. Throws a LoadError
+// that says what is wrong and what to do.
 void checkLibraries(const LibraryPaths& paths);
 
-// The files that are looked for, in this order, before a library is left to the loader:
-// beside the program, in its build tree, and in lib/ beside an installation's bin/.
+// Where a library is looked for, in this order, before it is left to the loader: beside the
+// program, in its build tree, and in lib/ beside an installation's bin/.
 std::vector<std::string> usualPlaces(const std::string& name);
 
 struct Reply {
     Pairs results;                 // all of them, in the module's order
     double microseconds = 0;       // of the request call alone
-    double storeMicroseconds = 0;  // of what comes before it, the parameters
-    double readMicroseconds = 0;   // of what comes behind it, the results
+    double storeMicroseconds = 0;  // of storing the parameters, before it
+    double readMicroseconds = 0;   // of reading the results, after it
 };
 
-// One per process, as the plug-in's state is the process's; used from one thread. The
-// libraries print to standard output as they like, so a program whose own output goes
-// there moves it out of their way first.
+// One per process, as the plug-in's state is the process's, and for one thread. The libraries may
+// print to standard output; a program that writes there itself makes an Output first.
 class HostSession {
 public:
-    // Checks and loads the libraries and has the plug-in bind and initialise them. Throws a
-    // LoadError, also if the plug-in printed that it failed, which is all it tells.
+    // Checks and loads the libraries, and has the plug-in bind and initialise them. Throws a
+    // LoadError. That the plug-in failed is known from what it prints, as it has no other sign.
     explicit HostSession(const LibraryPaths& paths);
     ~HostSession();
     HostSession(const HostSession&) = delete;
@@ -60,8 +59,8 @@ public:
     // stores. An unknown name gives no results.
     Reply send(const std::string& name, const Pairs& parameters);
 
-    // Which of its messages the plug-in sends to syslog from here on: "crit" to "debug", see
-    // log.h. One that cannot be told keeps its own level.
+    // Which messages the plug-in sends to syslog from here on: "crit" to "debug", see log.h. A
+    // plug-in that does not export its level keeps it.
     void setLogLevel(const std::string& name);
 
 private:

@@ -1,4 +1,4 @@
-// The program's standard output, kept clean of what libraries print.
+// The program's own output: standard output, without what libraries print there, and files.
 #ifndef CORVANE_HOST_OUTPUT_H
 #define CORVANE_HOST_OUTPUT_H
 
@@ -19,45 +19,45 @@ public:
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
-    // Whole or not at all as far as the program is concerned: throws a UsageError.
+    // Writes all of it, or throws a UsageError.
     void write(std::string_view text) const;
 
     // Whether a person reads it.
     bool isTerminal() const;
-    // For one that must not wait as write() does.
+    // For a writer that must not wait, as write() may.
     int descriptor() const { return m_descriptor; }
 
-    // Gives descriptor 1 back, for a program that takes this one's place.
+    // Makes descriptor 1 standard output again, before another program is executed.
     void giveBack() const;
 
 private:
     int m_descriptor;
 };
 
-// A file of results, its owner's alone, as it may hold a key. It is whole or not there: what
-// was not written to the end is removed, and a file that is to be replaced stays until then.
-// A link is replaced and not followed. Devices and pipes are just written to.
+// A file of results. Only its owner may read it, as it may hold a key. It is there when it is
+// whole: an unfinished one is removed, and a file that is to be replaced stays until then. A
+// symbolic link is replaced and not followed. Devices and pipes are just written to.
 class OutputFile {
 public:
-    // Opens it, so that what is in its way is known before there are results. Throws a
-    // UsageError, also for a file that exists, unless it may be replaced.
+    // Opens the file, so that an error comes before there are results. Throws a UsageError, also
+    // if the file exists, unless it may be replaced.
     OutputFile(const std::string& path, bool mayReplace);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    // Once. Throws a UsageError.
+    // To be called once. Throws a UsageError.
     void write(std::string_view text);
 
 private:
     void openBeside();
 
     std::string m_path;
-    std::string m_unfinished;  // what to remove if nothing is written; "" if nothing
+    std::string m_unfinished;  // the file to remove if nothing is written, or ""
     int m_file = -1;
 };
 
-// Whether a path stands for standard output; the empty one does too.
+// Whether a path stands for standard output, as "-", "/dev/stdout" and "" do.
 bool isStandardOutput(const std::string& path);
 
 #endif

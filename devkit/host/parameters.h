@@ -1,5 +1,5 @@
-// The parameters of a request as people write them: arguments "name=value", or a file of
-// such lines or with a JSON object, as a script's "params". values.h has the values' forms.
+// The parameters of a request as people write them: as arguments "name=value", or in a file of
+// such lines, or in a file with a JSON object. values.h has the forms of values.
 #ifndef CORVANE_HOST_PARAMETERS_H
 #define CORVANE_HOST_PARAMETERS_H
 
@@ -9,12 +9,12 @@
 
 #include "host/catalogue/catalogue.h"
 
-// JSON text. Throws a UsageError, also for two members of the same name; it quotes no
-// value, as that may be secret.
+// Throws a UsageError for text that is no JSON, and if an object has two members of the same
+// name. The error quotes no value, as that may be secret.
 nlohmann::ordered_json parseJson(const std::string& text);
 
-// A value in JSON as it would be written elsewhere: a text, or an integer's decimal text.
-// Throws a UsageError for others.
+// A JSON value as it would be written on the command line: a string's text, or an integer's
+// digits. Throws a UsageError for other values.
 std::string writtenValue(const std::string& name, const nlohmann::ordered_json& value);
 
 struct WrittenParameters {
@@ -24,9 +24,9 @@ struct WrittenParameters {
     // Throws a UsageError if an argument is not written name=value, or comes twice.
     void check() const;
 
-    // Names and values to send: the file's, in its order, in which arguments take the place
-    // of those of the same name; then the other arguments. `request` may be null. May read
-    // standard input. Throws a UsageError that quotes no value.
+    // The names and values to send: those of the file, in its order, then the arguments. An
+    // argument of the same name takes the place of the file's value. `request` may be null. May
+    // read standard input. Throws a UsageError that quotes no value.
     Pairs read(const RequestInfo* request) const;
 };
 

@@ -1,8 +1,8 @@
-// Several requests in one process, a later one using results of earlier ones.
+// Sends several requests in one process. A later one can use the results of earlier ones.
 //
-// A script is a JSON array of steps, answered by an array, or one step to a line,
-// answered line by line, so that a program at the other end of two pipes can choose its
-// next step by the last answer. A step:
+// A script is either a JSON array of steps, and the answer an array; or each line is a step, and
+// each answer a line, so that a program at the other end of two pipes can choose its next step by
+// the last answer. A step:
 //
 //     {"id": "k", "request": "QZaven_ke_new", "params": {...}, "allowFailure": true}
 //

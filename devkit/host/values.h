@@ -23,12 +23,13 @@
 
 #include "host/catalogue/catalogue.h"
 
-// Turns the text of a value into what it stands for; the forms' prefixes are gone.
+// Replaces what a script has in the text of a value, such as ${k.Data}. It gets the text without
+// the prefix of its form.
 using Expand = std::function<std::string(const std::string& text)>;
 
 class ValueReader {
 public:
-    // Standard input can serve one value, unless it holds the script.
+    // Whether a value may be read from standard input, which holds one value, or the script.
     explicit ValueReader(bool standardInputIsFree) : m_standardInputIsFree(standardInputIsFree) {}
 
     // The value of a parameter of that form, as it is sent. Throws a UsageError that names
@@ -45,7 +46,7 @@ private:
     bool m_standardInputIsFree;
 };
 
-// The bytes that a result stands for, or nothing if it is not of its form.
+// The bytes that a result stands for. Nothing if it is not of the form.
 std::optional<std::string> decodeResult(Form form, const std::string& value);
 
 // A result in JSON: a string, or {"base64": ...} in the standard alphabet if the bytes
@@ -53,7 +54,7 @@ std::optional<std::string> decodeResult(Form form, const std::string& value);
 nlohmann::ordered_json toJson(const std::string& value);
 nlohmann::ordered_json toJson(const Pairs& results);
 
-// JSON as text; never throws for its strings.
+// JSON as text. Strings that are not UTF-8 do not make it throw.
 std::string jsonText(const nlohmann::ordered_json& json, int indent);
 
 #endif

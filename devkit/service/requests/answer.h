@@ -1,4 +1,5 @@
-// The answers that clients get, as text: what a worker said, and what the host says itself.
+// The bodies of the answers that clients get, from a worker's reply or from a refusal of the
+// host's own.
 #ifndef CORVANE_SERVICE_REQUESTS_ANSWER_H
 #define CORVANE_SERVICE_REQUESTS_ANSWER_H
 
@@ -15,7 +16,7 @@ struct Answer {
     unsigned status = 200;
     std::string body;
     const char* type = "application/json";
-    std::string code;  // the host's own, if it refused
+    std::string code;  // the host's, if it refused; else ""
 };
 
 Answer answerOf(const Refusal& refusal);
@@ -28,7 +29,7 @@ Answer peerAnswer(const WireReply& reply);
 // The answers to the parts of a batch, in order.
 Answer batchAnswer(const std::vector<Answer>& parts);
 
-// A JSON array of what is odd about parameters that are sent all the same.
+// The complaints as a JSON array, for requests that are sent in spite of them.
 std::string warningsText(const std::vector<Complaint>& complaints);
 
 // Why a task came to an end without results.

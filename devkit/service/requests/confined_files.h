@@ -1,5 +1,4 @@
-// Files that clients name, below one folder whatever they write, and files that they
-// upload.
+// Files that clients name, which must lie below one folder, and files that they upload.
 #ifndef CORVANE_SERVICE_REQUESTS_CONFINED_FILES_H
 #define CORVANE_SERVICE_REQUESTS_CONFINED_FILES_H
 
@@ -10,11 +9,12 @@
 
 class ConfinedFiles {
 public:
-    // An empty folder's name: no file can be named. Throws a UsageError.
+    // With "" for the folder no file can be named. Throws a UsageError if there is no such
+    // folder.
     explicit ConfinedFiles(const std::string& folder);
 
-    // A regular file or a folder below the folder, for reading. No absolute path, no "..",
-    // no symbolic link. Throws a Refusal that names the field.
+    // Opens a regular file, or a folder, for reading. Absolute paths, ".." and symbolic links
+    // are refused. Throws a Refusal that names the field.
     Descriptor openFile(const std::string& name, const std::string& field) const;
     Descriptor openFolder(const std::string& name, const std::string& field) const;
 

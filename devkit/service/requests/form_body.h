@@ -5,9 +5,9 @@
 
 #include "request_body.h"
 
-// Names are checked, and that none is given twice. Both throw a Refusal. The time that they
-// take grows with the body's length; the headers of a part of a form are 16 and 4096 bytes
-// at most.
+// Both throw a Refusal, also for a name that is given twice or is no name (see isName). Their
+// time is linear in the body's length. A part of a multipart body may have 16 headers, of 4096
+// bytes in all.
 Fields readUrlEncoded(std::string_view body, size_t mostFields);
 Fields readMultipart(std::string_view body, const std::string& boundary, size_t mostFields);
 

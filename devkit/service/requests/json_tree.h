@@ -1,5 +1,5 @@
-// JSON as a tree of texts, as far as bodies of requests need it: what is deeper, larger
-// or twice there is refused as soon as it is seen.
+// JSON as a tree of texts, as far as the bodies of requests need it. What is nested too deep, has
+// too many members or has a member twice is refused as soon as it is seen.
 #ifndef CORVANE_SERVICE_REQUESTS_JSON_TREE_H
 #define CORVANE_SERVICE_REQUESTS_JSON_TREE_H
 
@@ -14,8 +14,9 @@ struct JsonNode {
     enum Kind { Other, Text, Integer, Object, Array };
 
     Kind kind = Other;
-    SecretText text;                                        // of a text; decimal of an integer
-    std::vector<std::pair<std::string, JsonNode>> members;  // without names in an array
+    SecretText text;  // a text's, or the digits of an integer
+    // Of an object, or the items of an array, which have no names.
+    std::vector<std::pair<std::string, JsonNode>> members;
 
     const JsonNode* find(const std::string& name) const;
 };
@@ -33,7 +34,7 @@ JsonNode readJsonTree(std::string_view text, const JsonLimits& limits);
 std::string memberOf(const std::string& where, const std::string& name);
 std::string itemOf(const std::string& where, size_t index);
 
-// Whether a name is short and printable: others are refused, and never repeated.
+// Whether a name is short and printable. Others are refused, and not quoted in the refusal.
 bool isName(std::string_view name);
 
 #endif

@@ -1,4 +1,4 @@
-// What the host itself refuses, and how it says so.
+// An error of the host's own, which ends a request without the plug-in.
 #ifndef CORVANE_SERVICE_REQUESTS_REFUSAL_H
 #define CORVANE_SERVICE_REQUESTS_REFUSAL_H
 
@@ -11,12 +11,13 @@
 
 class Refusal : public std::exception {
 public:
-    // `values` are those of the reason's text. An empty field stands for none.
+    // `field` is what the error is about, or "". `values` fill the places of the reason's text;
+    // they must not be values of parameters.
     explicit Refusal(Reason reason, std::string field = "", Pairs values = {});
 
     const char* what() const noexcept override { return m_text.c_str(); }
     const ErrorCode& code() const { return m_code; }
-    // The answer to the request, as the interface shapes it.
+    // The body of the answer.
     nlohmann::ordered_json json() const;
 
 private:

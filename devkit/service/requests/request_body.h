@@ -1,7 +1,7 @@
-// From the body of an HTTP request to the parameters of a request to the plug-in. There
-// is no HTTP here but the name of the body's type.
+// From the body of an HTTP request to the parameters of a request to the plug-in. Of HTTP only
+// the body's content type is known here.
 //
-// Everything that is wrong is a Refusal that names the field and quotes no value.
+// All functions throw a Refusal, which names the field and quotes no value.
 #ifndef CORVANE_SERVICE_REQUESTS_REQUEST_BODY_H
 #define CORVANE_SERVICE_REQUESTS_REQUEST_BODY_H
 
@@ -23,10 +23,10 @@ struct BodyLimits {
 
 // A parameter as it came.
 struct Field {
-    SecretText name;  // what is no form at all is read as one long name
+    SecretText name;  // secret, as a body that is no form at all is read as one long name
     SecretText value;
     Given given = Given::Plain;
-    std::string where;  // in the body, for people
+    std::string where;  // in the body, for messages: "requests[3].parameters.strKey"
 };
 using Fields = std::vector<Field>;
 
@@ -37,7 +37,7 @@ struct BatchPart {
     std::string where;
 };
 
-// An object or a form; no body means no parameters.
+// Of a JSON object or a form. An empty body has no parameters.
 Fields readBody(const std::string& contentType, std::string_view body, const BodyLimits& limits);
 std::vector<BatchPart> readBatch(const std::string& contentType, std::string_view body,
                                  const BodyLimits& limits);
@@ -48,10 +48,10 @@ struct Prepared {
     std::optional<SecretText> upload;  // the content of the file of root certificates
 };
 
-// `fields` are used up.
+// Moves the values out of `fields`.
 Prepared prepare(const RequestInfo& request, Fields& fields);
 
-// The parameters that name files of the host.
+// The parameters whose values are paths on the host's machine.
 constexpr const char* rootFileParameter = "strCa_file";
 constexpr const char* rootFolderParameter = "strCa_path";
 

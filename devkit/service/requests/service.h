@@ -1,5 +1,5 @@
-// Requests to the plug-in as the interface takes and answers them, by worker processes.
-// There is no HTTP here but the status of an answer.
+// Takes the bodies of requests and answers them with the help of worker processes. Of HTTP only
+// the status of an answer is known here.
 #ifndef CORVANE_SERVICE_REQUESTS_SERVICE_H
 #define CORVANE_SERVICE_REQUESTS_SERVICE_H
 
@@ -24,33 +24,34 @@ public:
     Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool, Metrics& metrics,
             std::function<void()> onReady);
 
-    // Offers the other side of a key exchange too, by a process of its own.
+    // Also offers the other side of a key exchange, in a process of its own.
     void offerPeer(PoolOptions pool);
 
-    // Everything is checked before anything is sent; throws a Refusal then. Otherwise
-    // `done` is called once, perhaps from within the call; or it goes without a call, where
-    // there was no memory for an answer.
+    // Throws a Refusal if anything is wrong with the body; then nothing has been sent, not even
+    // a part of a batch. Otherwise `done` is called once, perhaps before this returns. If there
+    // is no memory for an answer, it is destroyed without having been called.
     void request(const std::string& name, const std::string& contentType, std::string_view body,
                  Done done);
     void batch(const std::string& contentType, std::string_view body, Done done);
-    // A step of the peer; see peer_steps.h.
+    // A step of the key exchange's other side; see peer_steps.h.
     void peer(const std::string& step, const std::string& contentType, std::string_view body,
               Done done);
 
-    // A request with a known answer, not more often than once a second.
+    // Whether requests are answered: sends one whose answer is known. Within a second the same
+    // answer is given again.
     void probe(Done done);
 
     nlohmann::ordered_json status() const;
     std::string metricsText() const;
 
-    // Sends what workers are to get; call it before each wait for events.
+    // Writes what is due to the workers' sockets. Call it before each wait for events.
     void flush();
-    // Children of the program that have ended are collected; call on SIGCHLD.
+    // Collects child processes that have ended. Call it on SIGCHLD.
     void collectChildren();
     void stop(Seconds grace);
 
 private:
-    // One request that was checked.
+    // One request, checked and ready to be sent.
     struct Part {
         const RequestInfo* info = nullptr;
         WireRequest wire;
@@ -58,7 +59,7 @@ private:
         std::string warnings;  // JSON
     };
 
-    // Who waits for the answer to one of them, and what has to be known when it comes.
+    // What has to be known of it when its answer comes, and who gets that.
     struct Waiter {
         const RequestInfo* info;
         std::string warnings;
@@ -92,7 +93,7 @@ private:
     Answer m_lastProbe;
     Alarm m_idleSessions;
     std::optional<WorkerPool> m_peer;
-    WorkerPool m_pool;  // the last: its end tells all tasks
+    WorkerPool m_pool;  // the last: its destructor calls `done` of all tasks, which use the rest
 };
 
 #endif

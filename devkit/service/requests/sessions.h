@@ -1,4 +1,5 @@
-// Key-exchange sessions by their tokens: where they live and why they ended.
+// The key-exchange sessions by their tokens: in which process each lives, and why those that are
+// over have ended.
 #ifndef CORVANE_SERVICE_REQUESTS_SESSIONS_H
 #define CORVANE_SERVICE_REQUESTS_SESSIONS_H
 
@@ -19,28 +20,28 @@ public:
     // A new token, of 192 random bits.
     static std::string makeToken();
 
-    // Room for a session that is being made, given back at its end unless the session was
-    // added.
+    // The room for a session that is being made. Its destructor gives the room back, unless the
+    // session was added.
     class Reservation;
-    // Null if the worker has no room.
+    // Null if the worker has as many sessions as it may.
     std::shared_ptr<Reservation> reserve(WorkerLife life);
 
-    // A session in use, which does not expire until the end of this.
+    // As long as it exists, the session is not idle.
     class Use;
-    // Null if there is none.
+    // Null if there is no such session.
     std::shared_ptr<Use> enter(const std::string& token);
     // Where it lives, or null.
     const WorkerLife* find(const std::string& token) const;
 
     void end(const std::string& token, Reason reason);
     void endAllOf(WorkerLife life, Reason reason);
-    // Why a token is not that of a session.
+    // Why there is no session of this token.
     Reason reasonOf(const std::string& token) const;
 
     std::vector<std::string> idleSince(Clock::time_point time) const;
 
     size_t count() const { return m_live.size(); }
-    // Made or being made.
+    // Of one worker, with those that are being made.
     size_t countOf(size_t slot) const { return m_perWorker[slot]; }
 
 private:
@@ -66,7 +67,7 @@ public:
     Reservation& operator=(const Reservation&) = delete;
 
     WorkerLife life() const { return m_life; }
-    // The reserved one exists now.
+    // The session has been made; it keeps the room.
     void add(const std::string& token);
     void cancel();
 

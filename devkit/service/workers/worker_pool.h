@@ -1,10 +1,11 @@
-// A fixed number of worker processes that serve tasks, each one at a time. A worker that ends
-// is replaced, and one that takes too long for a task is ended.
+// A fixed number of worker processes. Each serves one task at a time. A worker that ends is
+// replaced; one that takes too long for a task is ended.
 //
-// While all workers are busy, small tasks are sent ahead: they reach a worker before it has
-// answered the task before, so that one call sends or receives several. A task that is sent
-// ahead still waits. It is taken back and given to another worker as soon as the one that it
-// waits for takes long or ends, so that a task is lost only with a worker that was serving it.
+// While all workers are busy, small tasks are sent ahead: a worker receives them while it still
+// serves another task, which saves system calls, as one call sends or receives several. A task
+// that was sent ahead has not begun. If the task before it takes long, or the worker ends, it is
+// taken back and given to another worker. So only the task that a worker was serving is lost
+// when the worker ends.
 #ifndef CORVANE_SERVICE_WORKERS_WORKER_POOL_H
 #define CORVANE_SERVICE_WORKERS_WORKER_POOL_H
 
@@ -18,8 +19,8 @@
 #include "common/wire.h"
 #include "common/worker_process.h"
 
-// One process in one place of the pool: each that is started there has another generation. A
-// session lives in one process and ends with it.
+// Names one worker process: its place in the pool, and which of the processes that were started
+// there one after the other. A key-exchange session lives in one process and ends with it.
 struct WorkerLife {
     size_t slot = 0;
     uint64_t generation = 0;
@@ -32,27 +33,27 @@ struct WorkerLife {
 
 enum class Ending {
     Answered,    // there is a reply
-    Died,        // the worker ended in the task
-    TimedOut,    // and this one was ended
-    LifeIsOver,  // the worker that the task was bound to ended before it began
+    Died,        // the worker ended while it served the task
+    TimedOut,    // the task took too long, and the worker was ended
+    LifeIsOver,  // the task was bound to a process that ended before it began the task
     NotServed,   // no worker was free in time, or the pool has stopped
 };
 
 struct Task {
     WireRequest request;
     std::vector<Descriptor> files;
-    std::optional<WorkerLife> bound;
-    // Called once, with how the task ended, the reply and the process that served it. Where
-    // there is no memory for the call, it is destroyed without one.
+    std::optional<WorkerLife> bound;  // the only process that may serve it, if there is one
+    // Called once, with how the task ended, the reply and the process that served it. If there
+    // is no memory for the call, the function is destroyed without having been called.
     std::function<void(Ending, WireReply&, WorkerLife)> done;
 };
 
 struct PoolOptions {
-    std::string program;               // its file
+    std::string program;               // the file to start
     std::vector<std::string> command;  // its name and arguments
     size_t workers = 1;
-    Seconds taskTime{30};     // for a task, for its waiting, and for a worker's start
-    bool sendsAhead = false;  // the program claims tasks before it begins them
+    Seconds taskTime{30};     // each for a task, for its waiting before, and for a worker's start
+    bool sendsAhead = false;  // only for a program that claims tasks before it begins them
 };
 
 class WorkerPool {
@@ -61,15 +62,15 @@ public:
 
     struct WorkerInfo {
         State state = State::Starting;
-        bool everReady = false;  // this process
+        bool everReady = false;  // this process has been ready
         pid_t pid = -1;          // -1 between two processes
         uint64_t generation = 0;
         uint64_t restarts = 0;
-        uint64_t served = 0;
+        uint64_t served = 0;  // tasks, by all processes in this place
     };
 
-    // `onReady` is called when a worker can serve, `onEnd` when one has ended; the tasks that
-    // ended with it have been told before.
+    // `onReady` is called when a worker can serve; `onEnd` when one has ended, after `done` of
+    // the tasks that ended with it.
     WorkerPool(EventLoop& loop, PoolOptions options, std::function<void()> onReady,
                std::function<void(WorkerLife)> onEnd);
     ~WorkerPool();
@@ -77,9 +78,9 @@ public:
     WorkerPool& operator=(const WorkerPool&) = delete;
 
     void submit(Task task);
-    // Sends what workers are to get; call it before each wait for events.
+    // Writes the tasks that are due to the workers' sockets. Call it before each wait for events.
     void flush();
-    // Tasks that no worker has begun.
+    // How many tasks no worker has begun.
     size_t queued() const { return m_queued; }
     size_t busy() const;
     size_t ready() const;
@@ -88,19 +89,21 @@ public:
     size_t size() const { return m_slots.size(); }
     WorkerInfo info(size_t slot) const;
 
-    // A child of the program has ended; others' are passed over.
+    // To be called for each child process that has ended. Those that are no workers are ignored.
     void childEnded(pid_t pid);
-    // Ends the workers: politely, and after the time by force. Waiting tasks are told.
+    // Sends the workers nothing more, so that they end; kills those that have not ended after the
+    // time. Tasks without an answer end as NotServed.
     void stop(Seconds grace);
 
 private:
-    // None of what keeps the pool going takes memory: lists, which move without, and alarms.
+    // Keeping the pool going must not fail for lack of memory: tasks move from list to list, and
+    // alarms are set, without any.
     struct Waiting {
         Task task;
-        uint64_t serial;          // of all tasks; older ones go first
-        Clock::time_point until;  // waits no longer
-        bool isSmall;             // may be sent ahead
-        uint64_t number = 0;      // of those that its worker was sent
+        uint64_t serial;          // counts all tasks; older ones go first
+        Clock::time_point until;  // when it has waited long enough
+        bool isSmall;             // it may be sent ahead
+        uint64_t number = 0;      // counts the tasks that its worker was sent
     };
     using Queue = std::list<Waiting>;
 
@@ -108,18 +111,19 @@ private:
         WorkerInfo info;
         std::unique_ptr<WorkerProcess> process;
         EventLoop::WatchId watch = 0;
-        Queue bound;
-        // The task that it is serving, and those that were sent ahead.
+        Queue bound;  // tasks that only this process may serve
+        // The task that it is serving, then those that were sent ahead.
         Queue sent;
-        Clock::time_point since;  // the first of them is served
-        uint64_t sentCount = 0;   // this process, with those that were taken back
-        uint64_t replyCount = 0;  // likewise
-        // Without a process, of the next start; else of this one or the first task.
+        Clock::time_point since;  // when it began the first of them
+        uint64_t sentCount = 0;   // to this process, with those that were taken back
+        uint64_t replyCount = 0;  // from this process, likewise
+        // Rings when the next process is to be started or, if there is one, when its start or its
+        // first task has taken too long.
         std::unique_ptr<Alarm> alarm;
         unsigned failedStarts = 0;
-        // Processes one after the other that were ready and ended before they served anything.
+        // How many processes in a row were ready and ended before they served anything.
         unsigned idleLives = 0;
-        uint64_t servedBefore = 0;  // this process
+        uint64_t servedBefore = 0;  // `served` when this process was started
     };
 
     void start(size_t slot);
