@@ -23,15 +23,11 @@ using support::oid;
 using support::openssl;
 using support::pattern;
 using support::privatePem;
+using support::Result;
+using support::resultOf;
 using support::tlv;
 using support::toBase64;
 using support::toHex;
-
-struct Result {
-    int code;
-    uint32_t len;
-    std::string out;
-};
 
 class Envelope : public support::KeyedEngineTest {
 protected:
@@ -42,11 +38,7 @@ protected:
         Fenced out(capacity);
         const int code =
             engine.aven_crypto_pkcs7_encrypt(&params, in.data(), in.size(), out.data(), &out.len);
-        EXPECT_TRUE(out.fenceIntact());
-        if (code != 0) {
-            EXPECT_TRUE(out.untouched());
-        }
-        return {code, out.len, code == 0 ? out.text() : ""};
+        return resultOf(code, out);
     }
 
     Result open(void* key, int alg, int mode, const std::string& envelope, size_t capacity)
@@ -56,11 +48,7 @@ protected:
         Fenced out(capacity);
         const int code =
             engine.aven_crypto_pkcs7_decrypt(&params, in.data(), in.size(), out.data(), &out.len);
-        EXPECT_TRUE(out.fenceIntact());
-        if (code != 0) {
-            EXPECT_TRUE(out.wiped());
-        }
-        return {code, out.len, code == 0 ? out.text() : ""};
+        return resultOf(code, out, &Fenced::wiped);
     }
 
     // With the capacities that the plug-in offers.

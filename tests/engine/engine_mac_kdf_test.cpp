@@ -10,14 +10,10 @@ using support::Exact;
 using support::Fenced;
 using support::fromHex;
 using support::pattern;
+using support::Result;
+using support::resultOf;
 using support::Sizes;
 using support::toHex;
-
-struct Result {
-    int code;
-    uint32_t len;
-    std::string out;
-};
 
 class MacTest : public support::EngineTest {
 protected:
@@ -34,11 +30,7 @@ protected:
         params.key_len = key.size();
         Fenced out(capacity);
         const int code = function(&params, in.data(), in.size(), out.data(), &out.len);
-        EXPECT_TRUE(out.fenceIntact());
-        if (code != 0) {
-            EXPECT_TRUE(out.untouched());
-        }
-        return {code, out.len, code == 0 ? out.text() : ""};
+        return resultOf(code, out);
     }
 
     static void refusesNullPointers(Function function, int alg, size_t keyLength)

@@ -16,14 +16,10 @@ using support::keyFile;
 using support::openssl;
 using support::pattern;
 using support::publicPem;
+using support::Result;
+using support::resultOf;
 using support::toBase64;
 using support::toHex;
-
-struct Result {
-    int code;
-    uint32_t len;
-    std::string out;
-};
 
 // How the key is used; the pair comes with each call.
 struct How {
@@ -43,7 +39,7 @@ protected:
         Fenced out(capacity);
         const int code =
             engine.aven_crypto_public_encrypt(&params, in.data(), in.size(), out.data(), &out.len);
-        return check(code, out);
+        return resultOf(code, out);
     }
 
     Result decrypt(void* key, const How& how, const std::string& data, size_t capacity)
@@ -53,7 +49,7 @@ protected:
         Fenced out(capacity);
         const int code =
             engine.aven_crypto_private_decrypt(&params, in.data(), in.size(), out.data(), &out.len);
-        return check(code, out);
+        return resultOf(code, out);
     }
 
     // With the capacities that the plug-in offers at the least.
@@ -71,17 +67,6 @@ protected:
         const Result result = decrypt(key, how, sealed);
         EXPECT_EQ(result.code, 0);
         EXPECT_EQ(toHex(result.out), toHex(text));
-    }
-
-private:
-    static Result check(int code, const Fenced& out)
-    {
-        EXPECT_TRUE(out.fenceIntact());
-        if (code != 0) {
-            EXPECT_TRUE(out.untouched());
-            return {code, out.len, ""};
-        }
-        return {code, out.len, out.text()};
     }
 };
 

@@ -94,6 +94,23 @@ private:
     std::vector<unsigned char> m_bytes;
 };
 
+// What a call gave that writes into a buffer.
+struct Result {
+    int code;
+    uint32_t len;
+    std::string out;  // nothing if the call failed
+};
+
+// Of a call that took `out` and its length. It must have written within the capacity and, if it
+// failed, have left the buffer as `ifFailed` says.
+inline Result resultOf(int code, const Fenced& out,
+                       bool (Fenced::*ifFailed)() const = &Fenced::untouched)
+{
+    EXPECT_TRUE(out.fenceIntact());
+    EXPECT_TRUE(code == 0 || (out.*ifFailed)());
+    return {code, out.len, code == 0 ? out.text() : ""};
+}
+
 // That a function of a parameter block, an input and an output refuses each that is null.
 template <class Function, class Block>
 void expectNullsRefused(Function function, const Block& block)
