@@ -73,6 +73,35 @@ INSTANTIATE_TEST_SUITE_P(
                               &doubles::ParamsDouble::ret}),
     [](const auto& reading) { return reading.param.function; });
 
+// The two writing members, which must not differ but in the store and in what they leave out.
+struct Writing {
+    const char* function;
+    void (CWebServerBase::*write)(std::string, std::string);
+    Pairs doubles::ParamsDouble::*store;
+    bool takesEmptyNames;
+    bool takesEmptyValues;
+};
+
+class WriteParam : public ParamMaps, public ::testing::WithParamInterface<Writing> {
+protected:
+    void write(const std::string& name, const std::string& value)
+    {
+        journal.calls.clear();
+        (handler.*GetParam().write)(name, value);
+    }
+
+    Pairs& store() { return params.*GetParam().store; }
+    const char* function() const { return GetParam().function; }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    , WriteParam,
+    ::testing::Values(Writing{"AddHttpParams", &CWebServerBase::InsertStringValueFromMapParams,
+                              &doubles::ParamsDouble::http, true, false},
+                      Writing{"AddRetParams", &CWebServerBase::AddRetStrToParamsMap,
+                              &doubles::ParamsDouble::ret, false, true}),
+    [](const auto& writing) { return writing.param.function; });
+
 // A C++ locale that groups digits; streams would obey it.
 struct Grouping : std::numpunct<char> {
     char do_thousands_sep() const override { return '.'; }
@@ -246,7 +275,7 @@ TEST_F(ParamMaps, ReadingMembersUseTheirOwnStore)
     EXPECT_EQ("result", handler.GetRetStrToParamsMap("name"));
 }
 
-TEST_F(ParamMaps, InsertPassesAllButEmptyValues)
+TEST_P(WriteParam, PassesAllButWhatIsEmpty)
 {
     const struct {
         const char* what;
@@ -256,27 +285,31 @@ TEST_F(ParamMaps, InsertPassesAllButEmptyValues)
     } rows[] = {
         {"ordinary", "name", "value", true},
         {"bytes", everyByte(), everyByte(), true},
+        {"NUL is a name", std::string(1, '\0'), "value", true},
         {"NUL is a value", "name", std::string(1, '\0'), true},
-        {"empty name", "", "value", true},
-        {"empty value", "name", "", false},
+        {"empty name", "", "value", GetParam().takesEmptyNames},
+        {"empty value", "Data", "", GetParam().takesEmptyValues},
         {"both empty", "", "", false},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        journal.calls.clear();
-        params.http.clear();
-        handler.InsertStringValueFromMapParams(row.name, row.value);
-        EXPECT_EQ(row.passed ? Functions{"AddHttpParams"} : Functions(), journal.functions());
-        EXPECT_EQ(row.passed ? Pairs({{row.name, row.value}}) : Pairs(), params.http);
+        store().clear();
+        write(row.name, row.value);
+        EXPECT_EQ(row.passed ? Functions{function()} : Functions(), journal.functions());
+        EXPECT_EQ(row.passed ? Pairs({{row.name, row.value}}) : Pairs(), store());
+        if (row.passed) {
+            EXPECT_EQ(static_cast<long long>(row.value.size()),
+                      journal.at(function())["value_len"].number);
+        }
     }
 }
 
-TEST_F(ParamMaps, InsertIgnoresTheModulesResult)
+TEST_P(WriteParam, NeverFailsVisibly)
 {
     for (const bool throws : {false, true}) {
-        params.on("AddHttpParams").code = 5;
-        params.on("AddHttpParams").throws = throws;
-        EXPECT_NO_THROW(handler.InsertStringValueFromMapParams("name", "value"));
+        params.on(function()).code = 5;
+        params.on(function()).throws = throws;
+        EXPECT_NO_THROW(write("name", "value"));
     }
 }
 
@@ -296,41 +329,6 @@ TEST_F(ParamMaps, ChangePassesEverythingAndReturnsTheModulesResult)
     }
     params.on("ChangeHttpParams").throws = true;  // there is no code to return
     EXPECT_THROW(handler.ChangedParamsValueByInputName("name", "x"), doubles::ScriptedException);
-}
-
-TEST_F(ParamMaps, AddResultPassesAllButEmptyNames)
-{
-    const struct {
-        const char* what;
-        std::string name;
-        std::string value;
-        bool passed;
-    } rows[] = {
-        {"ordinary", "name", "value", true}, {"bytes", everyByte(), everyByte(), true},
-        {"empty value", "Data", "", true},   {"NUL is a name", std::string(1, '\0'), "value", true},
-        {"empty name", "", "value", false},  {"both empty", "", "", false},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        journal.calls.clear();
-        params.ret.clear();
-        handler.AddRetStrToParamsMap(row.name, row.value);
-        EXPECT_EQ(row.passed ? Functions{"AddRetParams"} : Functions(), journal.functions());
-        EXPECT_EQ(row.passed ? Pairs({{row.name, row.value}}) : Pairs(), params.ret);
-    }
-    EXPECT_EQ(0, [this] {
-        handler.AddRetStrToParamsMap("Data", "");
-        return journal.at("AddRetParams")["value_len"].number;
-    }());
-}
-
-TEST_F(ParamMaps, AddResultNeverFailsVisibly)
-{
-    for (const bool throws : {false, true}) {
-        params.on("AddRetParams").code = 5;
-        params.on("AddRetParams").throws = throws;
-        EXPECT_NO_THROW(handler.AddRetStrToParamsMap("name", "value"));
-    }
 }
 
 TEST_F(ParamMaps, ClearResultsClearsTheCustomTextOnlyIfAsked)
