@@ -11,6 +11,7 @@
 namespace {
 
 using support::Cipher;
+using support::CipherResult;
 using support::ciphers;
 using support::CryptoEncrypt;
 using support::fromHex;
@@ -19,7 +20,6 @@ using support::Job;
 using support::jobFor;
 using support::libcryptoEncrypt;
 using support::pattern;
-using support::Result;
 using support::Sizes;
 using support::toHex;
 
@@ -64,11 +64,11 @@ TEST_F(Gcm, PublishedVectorsBothWays)
     for (const GcmVector& v : gcmVectors) {
         SCOPED_TRACE(v.source);
         const Job job = {v.alg, AVEN_MODE_GCM, 0, fromHex(v.key), fromHex(v.iv), fromHex(v.aad)};
-        const Result sealed = encrypt(job, fromHex(v.plain));
+        const CipherResult sealed = encrypt(job, fromHex(v.plain));
         EXPECT_EQ(sealed.code, 0);
         EXPECT_EQ(toHex(sealed.out), v.cipher);
         EXPECT_EQ(toHex(sealed.tag), v.tag);
-        const Result opened = decrypt(job, fromHex(v.cipher), fromHex(v.tag));
+        const CipherResult opened = decrypt(job, fromHex(v.cipher), fromHex(v.tag));
         EXPECT_EQ(opened.code, 0);
         EXPECT_EQ(toHex(opened.out), v.plain);
     }
@@ -193,11 +193,11 @@ TEST_F(Gcm, EveryCipherAgreesWithTheTextbook)
                     job.aad = pattern(aadSize, 6);
                     const std::string plain = pattern(size);
                     const auto expected = TextbookGcm{cipher, job}.seal(plain);
-                    const Result sealed = encrypt(job, plain);
+                    const CipherResult sealed = encrypt(job, plain);
                     ASSERT_EQ(sealed.code, 0);
                     ASSERT_EQ(toHex(sealed.out), toHex(expected.first)) << size;
                     ASSERT_EQ(toHex(sealed.tag), toHex(expected.second)) << size;
-                    const Result opened = decrypt(job, sealed.out, sealed.tag);
+                    const CipherResult opened = decrypt(job, sealed.out, sealed.tag);
                     ASSERT_EQ(opened.code, 0);
                     ASSERT_EQ(toHex(opened.out), toHex(plain));
                 }
@@ -238,7 +238,7 @@ TEST_F(Gcm, CounterWrapsWithinItsLastFourBytes)
 
             const std::string plain = pattern(200 * 16 + 5);
             const auto expected = textbook.seal(plain);
-            const Result sealed = encrypt(job, plain);
+            const CipherResult sealed = encrypt(job, plain);
             EXPECT_EQ(toHex(sealed.out), toHex(expected.first));
             EXPECT_EQ(toHex(sealed.tag), toHex(expected.second));
             EXPECT_EQ(decrypt(job, sealed.out, sealed.tag).out, plain);
@@ -257,7 +257,7 @@ TEST_F(Gcm, ShortTagsAreTheFirstBytesOfTheWhole)
         const std::string whole = encrypt(job, plain).tag;
         ASSERT_EQ(whole.size(), 16u);
         for (int n = 4; n <= 16; ++n) {
-            const Result sealed = encrypt(job, plain, 50, n);
+            const CipherResult sealed = encrypt(job, plain, 50, n);
             EXPECT_EQ(sealed.code, 0);
             EXPECT_EQ(sealed.tag, whole.substr(0, static_cast<size_t>(n)));
             EXPECT_EQ(decrypt(job, sealed.out, sealed.tag).out, plain);
@@ -272,9 +272,9 @@ TEST_F(Gcm, AnyChangeIsRefusedAndNothingIsReleased)
             continue;
         SCOPED_TRACE(cipher.name);
         const Job job = jobFor(cipher, AVEN_MODE_GCM);
-        const Result sealed = encrypt(job, pattern(100));
+        const CipherResult sealed = encrypt(job, pattern(100));
         const auto refused = [&](const Job& j, const std::string& data, const std::string& tag) {
-            const Result opened = decrypt(j, data, tag);
+            const CipherResult opened = decrypt(j, data, tag);
             EXPECT_EQ(opened.code, AVEN_E_TAG_MISMATCH);
             EXPECT_EQ(opened.len, 0u);
         };

@@ -8,6 +8,7 @@
 namespace {
 
 using support::Cipher;
+using support::CipherResult;
 using support::ciphers;
 using support::CryptoEncrypt;
 using support::Exact;
@@ -19,7 +20,6 @@ using support::jobFor;
 using support::libcryptoEncrypt;
 using support::modes;
 using support::pattern;
-using support::Result;
 using support::Sizes;
 using support::toHex;
 
@@ -151,10 +151,10 @@ TEST_F(CryptoEncrypt, AgreesWithLibcryptoAndRoundTrips)
                     if (whole && size % cipher.block != 0)
                         continue;
                     const std::string plain = pattern(size);
-                    const Result sealed = encrypt(job, plain);
+                    const CipherResult sealed = encrypt(job, plain);
                     EXPECT_EQ(sealed.code, 0);
                     EXPECT_EQ(toHex(sealed.out), toHex(libcryptoEncrypt(cipher, job, plain)));
-                    const Result opened = decrypt(job, sealed.out);
+                    const CipherResult opened = decrypt(job, sealed.out);
                     EXPECT_EQ(opened.code, 0);
                     EXPECT_EQ(toHex(opened.out), toHex(plain));
                 }
@@ -255,19 +255,19 @@ TEST_F(CryptoEncrypt, NeverWritesPastTheCapacity)
                 const std::string plain = pattern(48);
                 const size_t needed =
                     padding == 1 && mode <= AVEN_MODE_CBC ? 48 + cipher.block : 48;
-                const Result exact = encrypt(job, plain, needed, tagLength);
+                const CipherResult exact = encrypt(job, plain, needed, tagLength);
                 EXPECT_EQ(exact.code, 0);
                 EXPECT_EQ(exact.len, needed);
                 for (size_t capacity : {size_t{0}, size_t{1}, needed - 1}) {
-                    const Result small = encrypt(job, plain, capacity, tagLength);
+                    const CipherResult small = encrypt(job, plain, capacity, tagLength);
                     EXPECT_EQ(small.code, AVEN_E_BUFFER_TOO_SMALL) << capacity;
                     EXPECT_EQ(small.len, needed);
                 }
 
-                const Result opened = decrypt(job, exact.out, exact.tag, needed);
+                const CipherResult opened = decrypt(job, exact.out, exact.tag, needed);
                 EXPECT_EQ(opened.out, plain);
                 for (size_t capacity : {size_t{0}, size_t{1}, needed - 1}) {
-                    const Result small = decrypt(job, exact.out, exact.tag, capacity);
+                    const CipherResult small = decrypt(job, exact.out, exact.tag, capacity);
                     EXPECT_EQ(small.code, AVEN_E_BUFFER_TOO_SMALL) << capacity;
                     EXPECT_EQ(small.len, needed);
                 }
@@ -347,7 +347,7 @@ TEST_F(CryptoDecrypt, BrokenBlockDataIsRefusedAndWiped)
                 plain.replace(plain.size() - tail.size(), tail.size(), tail);
                 if (std::string(ending) == "0102")
                     plain[63] = 3;
-                const Result opened = decrypt(padded, encrypt(raw, plain).out);
+                const CipherResult opened = decrypt(padded, encrypt(raw, plain).out);
                 EXPECT_EQ(opened.code, AVEN_E_BAD_PADDING) << ending;
                 EXPECT_EQ(opened.len, 0u);
             }
@@ -399,8 +399,8 @@ TEST_F(GenSymmkey, ArgumentsAreChecked)
 
 class WhiteboxSm4 : public support::EngineTest {
 protected:
-    Result run(bool encrypting, const std::string& keyBytes, const std::string& ivBytes,
-               const std::string& data, size_t capacity, int kind = 1)
+    CipherResult run(bool encrypting, const std::string& keyBytes, const std::string& ivBytes,
+                     const std::string& data, size_t capacity, int kind = 1)
     {
         const Exact key(keyBytes), iv(ivBytes), in(data);
         Fenced out(capacity);
@@ -420,11 +420,11 @@ TEST_F(WhiteboxSm4, IsSm4CbcWithPkcs7)
     const Job job = {AVEN_CIPHER_SM4, AVEN_MODE_CBC, 1, m_key, m_iv, ""};
     for (size_t size : Sizes{0, 1, 15, 16, 17, 31, 32, 1000}) {
         const std::string plain = pattern(size);
-        const Result sealed = run(true, m_key, m_iv, plain, size + 32);
+        const CipherResult sealed = run(true, m_key, m_iv, plain, size + 32);
         EXPECT_EQ(sealed.code, 0);
         EXPECT_EQ(toHex(sealed.out), toHex(libcryptoEncrypt(ciphers[0], job, plain)));
         // The plug-in offers exactly the input's length here.
-        const Result opened = run(false, m_key, m_iv, sealed.out, sealed.out.size());
+        const CipherResult opened = run(false, m_key, m_iv, sealed.out, sealed.out.size());
         EXPECT_EQ(opened.code, 0);
         EXPECT_EQ(opened.out, plain);
     }
@@ -443,7 +443,7 @@ TEST_F(WhiteboxSm4, ArgumentsAreChecked)
         EXPECT_EQ(run(encrypting, m_key, pattern(15), in, 32).code, AVEN_E_IV_LENGTH);
         EXPECT_EQ(run(encrypting, m_key, "", in, 32).code, AVEN_E_IV_LENGTH);
         for (size_t capacity : Sizes{0, 1, 31}) {
-            const Result small = run(encrypting, m_key, m_iv, in, capacity);
+            const CipherResult small = run(encrypting, m_key, m_iv, in, capacity);
             EXPECT_EQ(small.code, AVEN_E_BUFFER_TOO_SMALL);
             EXPECT_EQ(small.len, 32u);
         }

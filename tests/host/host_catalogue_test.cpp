@@ -247,12 +247,9 @@ TEST_F(HostCatalogue, AnEngineThatLacksAFunctionIsToldByEachRequestsCode)
         steps.push_back(step(request, allowedParameters(request)));
 
     std::map<std::string, std::set<int>> seen;
-    size_t engines = 0;
-    for (const auto& lacks : fs::directory_iterator(CORVANE_DOUBLES_DIR "/lacks")) {
-        const std::string function = lacks.path().filename();
-        if (function.compare(0, 5, "aven_") != 0 || function == "aven_global_init")
-            continue;
-        ++engines;
+    for (const std::string& function : doubles::engineFunctions()) {
+        if (function == "aven_global_init")
+            continue;  // without it no host starts
         const std::string name = '\0' + function + '\0';
         std::string other = name;
         other[1] = 'x';
@@ -264,7 +261,6 @@ TEST_F(HostCatalogue, AnEngineThatLacksAFunctionIsToldByEachRequestsCode)
                 seen[answer["request"]].insert(
                     std::stoi(answer["results"]["errorCode"].get<std::string>()));
     }
-    EXPECT_EQ(doubles::engineFunctions().size() - 1, engines);
     for (const Json& request : requests) {
         const std::string name = request["name"];
         if (numbers(request["codes"]).empty())

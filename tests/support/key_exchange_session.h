@@ -156,9 +156,6 @@ protected:
                                               enc.size(), nullptr);
     }
 };
-}
-}
-;
 
 // The root with another number and a comment that makes its DER so long.
 inline CertificatePtr rootOfSize(const Credential& root, size_t size, int serial)

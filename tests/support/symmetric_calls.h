@@ -54,7 +54,7 @@ inline Job jobFor(const Cipher& cipher, int mode, int padding = 0)
     return job;
 }
 
-struct Result {
+struct CipherResult {
     int code;
     uint32_t len;
     std::string out;
@@ -63,7 +63,8 @@ struct Result {
 
 class CryptoEncrypt : public EngineTest {
 protected:
-    Result encrypt(const Job& job, const std::string& data, size_t capacity, int tagLength = 0)
+    CipherResult encrypt(const Job& job, const std::string& data, size_t capacity,
+                         int tagLength = 0)
     {
         const Exact key(job.key), iv(job.iv), aad(job.aad), in(data);
         const SymmCipherParams params = block(job, key, iv, aad);
@@ -80,13 +81,13 @@ protected:
         return {code, out.len, code == 0 ? out.text() : "", code == 0 ? tag.text() : ""};
     }
 
-    Result encrypt(const Job& job, const std::string& data)
+    CipherResult encrypt(const Job& job, const std::string& data)
     {
         return encrypt(job, data, data.size() + 128, job.mode == AVEN_MODE_GCM ? 16 : 0);
     }
 
-    Result decrypt(const Job& job, const std::string& data, const std::string& tagBytes,
-                   size_t capacity)
+    CipherResult decrypt(const Job& job, const std::string& data, const std::string& tagBytes,
+                         size_t capacity)
     {
         const Exact key(job.key), iv(job.iv), aad(job.aad), in(data), tag(tagBytes);
         const SymmCipherParams params = block(job, key, iv, aad);
@@ -101,7 +102,7 @@ protected:
         return {code, out.len, code == 0 ? out.text() : "", ""};
     }
 
-    Result decrypt(const Job& job, const std::string& data, const std::string& tag = "")
+    CipherResult decrypt(const Job& job, const std::string& data, const std::string& tag = "")
     {
         return decrypt(job, data, tag, data.size() + 64);
     }
