@@ -10,9 +10,9 @@
 std::string makeId()
 {
     constexpr size_t size = 8;
-    // Of many ids at once; the front has one thread.
-    static std::array<unsigned char, 64 * size> random = {};
-    static size_t used = random.size();
+    // Of many ids at once, for each thread its own.
+    thread_local std::array<unsigned char, 64 * size> random = {};
+    thread_local size_t used = random.size();
     if (used == random.size()) {
         [[maybe_unused]] const ssize_t count = getrandom(random.data(), random.size(), 0);
         used = 0;

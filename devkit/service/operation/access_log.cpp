@@ -62,6 +62,7 @@ AccessLog::~AccessLog()
 
 void AccessLog::write(const AccessEntry& entry)
 {
+    const std::lock_guard lock(m_mutex);
     // Made apart, so that nothing of it is left where memory ends on the way.
     std::string& out = m_line;
     out = "{\"time\":";
@@ -85,10 +86,16 @@ void AccessLog::write(const AccessEntry& entry)
     m_collected += out;
     ++m_count;
     if (m_collected.size() >= mostCollected)
-        flush();
+        flushLocked();
 }
 
 void AccessLog::flush() noexcept
+{
+    const std::lock_guard lock(m_mutex);
+    flushLocked();
+}
+
+void AccessLog::flushLocked() noexcept
 {
     if (m_count > 0)
         withoutFailure("the access log", [this] { writeCollected(); });
@@ -115,17 +122,30 @@ void AccessLog::reopen()
 {
     if (m_file.empty())
         return;
-    flush();
+    const std::lock_guard lock(m_mutex);
+    flushLocked();
     try {
         Descriptor descriptor = openLog(m_file);
         m_sink.emplace(descriptor.get());
         m_descriptor = std::move(descriptor);
     } catch (const UsageError& e) {
-        tell(std::string("the access log stays where it is: ") + e.what());
+        tellLocked(std::string("the access log stays where it is: ") + e.what());
     }
 }
 
+uint64_t AccessLog::dropped() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_dropped;
+}
+
 void AccessLog::tell(const std::string& text)
+{
+    const std::lock_guard lock(m_mutex);
+    tellLocked(text);
+}
+
+void AccessLog::tellLocked(const std::string& text)
 {
     m_errors.write("corvane-host: " + text + "\n");
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,6 +28,7 @@ struct AccessEntry {
     std::string_view error = {};
 };
 
+// All of it may be called by several threads at once.
 class AccessLog {
 public:
     // Appends to the file, which is made for the owner alone; an empty name stands for
@@ -44,7 +46,7 @@ public:
     // by how many there were.
     void flush() noexcept;
     // Lines that were dropped since the start, as far as they were flushed.
-    uint64_t dropped() const { return m_dropped; }
+    uint64_t dropped() const;
     // After the file was moved away. Keeps the old one if it cannot be made.
     void reopen();
 
@@ -52,10 +54,14 @@ public:
     void tell(const std::string& text);
 
 private:
+    // With the lock.
+    void flushLocked() noexcept;
     void writeCollected();
     void appendTime(std::string& out);
+    void tellLocked(const std::string& text);
 
     const std::string m_file;
+    mutable std::mutex m_mutex;  // of all that follows
     Descriptor m_descriptor;
     LineSink m_errors{STDERR_FILENO};
     std::optional<LineSink> m_sink;  // the file's; else lines go to m_errors

@@ -80,9 +80,10 @@ std::string Metrics::text() const
     }
 
     out += type("corvane_http_answers_total", "counter");
-    for (const auto& [status, count] : m_answers)
-        out += line("corvane_http_answers_total", label("status", std::to_string(status)),
-                    static_cast<double>(count));
+    for (size_t status = 0; status < m_answers.size(); ++status)
+        if (const uint64_t count = m_answers[status]; count > 0)
+            out += line("corvane_http_answers_total", label("status", std::to_string(status)),
+                        static_cast<double>(count));
     return out;
 }
 
