@@ -8,18 +8,15 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
-#include <exception>
 #include <filesystem>
-#include <new>
 #include <optional>
 
-#include "common/failure.h"
 #include "common/secrets.h"
-#include "service/http/server.h"
+#include "service/http/fronts.h"
 #include "service/operation/access.h"
 #include "service/operation/access_log.h"
 #include "service/operation/line_sink.h"
+#include "service/operation/memory_end.h"
 #include "service/operation/metrics.h"
 #include "service/requests/service.h"
 
@@ -32,17 +29,19 @@ constexpr Seconds workersGrace{2};
 
 // What front and workers take beside connections, and files for requests.
 constexpr size_t otherDescriptors = 128;
+constexpr size_t descriptorsOfThread = 8;
 
 // Each connection takes a descriptor: as many as the system allows.
-size_t possibleConnections(size_t wanted, AccessLog& log)
+size_t possibleConnections(const ServeOptions& options, AccessLog& log)
 {
+    const size_t wanted = options.connections;
+    const size_t others = otherDescriptors + descriptorsOfThread * options.frontThreads;
     rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return wanted;
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
-    const size_t possible =
-        std::max<size_t>(limit.rlim_max, 2 * otherDescriptors) - otherDescriptors;
+    const size_t possible = std::max<size_t>(limit.rlim_max, 2 * others) - others;
     if (possible < wanted)
         log.tell("there are descriptors for " + std::to_string(possible) + " connections only");
     return std::min(possible, wanted);
@@ -93,32 +92,12 @@ std::string greeting(const BearerToken* token, const std::string& url, bool isTe
            "; console: " + url + "/\n";
 }
 
-// Whether memory has ended in this round of the loop.
-bool hadNoMemory = false;
-
-void noteNoMemory()
-{
-    hadNoMemory = true;
-    throw std::bad_alloc();
-}
-
-// For where memory ends and nothing can be thrown, as in destructors of libraries: a sentence
-// and an exit code in place of a signal. The workers end with the front.
-[[noreturn]] void endWithoutMemory()
-{
-    if (!hadNoMemory)
-        abort();
-    tellFailure("the host ends", std::bad_alloc());
-    _exit(EXIT_FAILURE);
-}
-
 }  // namespace
 
 void serve(ServeOptions options, std::vector<std::string> worker, const Output& output)
 {
     const Undumpable undumpable;
-    std::set_new_handler(noteNoMemory);
-    std::set_terminate(endWithoutMemory);
+    endBySentenceWithoutMemory();
     openStandardStreams();
     checkOptions(options);
     const Descriptor signals = takeSignals();
@@ -128,7 +107,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
         token.emplace(options.tokenFile.empty() ? BearerToken::defaultFile() : options.tokenFile);
     unblockStandardError();
     AccessLog log(options.accessLog);
-    options.connections = possibleConnections(options.connections, log);
+    options.connections = possibleConnections(options, log);
     Metrics metrics;
     EventLoop loop;
 
@@ -148,10 +127,10 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
         service.offerPeer(
             {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds), false});
     const BearerToken* shown = token ? &*token : nullptr;
-    Server server(loop, options, service, metrics, log, shown);
-    if (LineSink(output.descriptor()).write(greeting(shown, server.url(), output.isTerminal())) ==
+    Fronts fronts(loop, options, service, metrics, log, shown);
+    if (LineSink(output.descriptor()).write(greeting(shown, fronts.url(), output.isTerminal())) ==
         0)
-        log.tell("standard output takes nothing; listening on " + server.url());
+        log.tell("standard output takes nothing; listening on " + fronts.url());
 
     bool isDraining = false;
     Alarm end(loop, [&loop] { loop.stop(); });
@@ -167,26 +146,26 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
             } else {
                 sd_notify(0, "STOPPING=1");
                 end.set(after(Seconds(options.drainSeconds)));
-                server.drain();
+                fronts.drain();
             }
         }
     });
     loop.run([&] {
-        hadNoMemory = false;
-        const int timeout = server.run();
+        forgetEndOfMemory();
+        const int timeout = fronts.run();
         service.flush();
         log.flush();
-        if (isDraining && !server.isBusy())
+        if (isDraining && !fronts.isBusy())
             loop.stop();
         return timeout;
     });
 
     // What is still under way is told that it was not served, and the answers go out.
-    service.stop(server.isBusy() ? Seconds(0) : workersGrace);
-    server.endWaiting();
+    service.stop(fronts.isBusy() ? Seconds(0) : workersGrace);
+    fronts.endWaiting();
     const auto deadline = after(Seconds(1));
-    while (server.isBusy() && Clock::now() < deadline) {
-        server.run();
+    while (fronts.isBusy() && Clock::now() < deadline) {
+        fronts.run();
         usleep(1000);
     }
 }

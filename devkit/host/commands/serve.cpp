@@ -75,6 +75,8 @@ void addOptions(CLI::App& command, ServeOptions& options)
         ->capture_default_str();
     number("--workers", options.workers, 1, double{mostWorkers},
            "Worker processes; default: processors");
+    number("--front-threads", options.frontThreads, 1, double{mostFrontThreads},
+           "Threads for HTTP; default: one for each four workers, 4 at most");
 
     command.add_flag("--no-auth", options.noAuth, "Ask for no token; on loopback only");
     file("--token-file", options.tokenFile, "Where the token is, or is to be made")

@@ -88,7 +88,7 @@ MHD_Result Server::queue(Exchange& exchange)
     if (!isWhole)
         return MHD_NO;
 
-    m_metrics.countAnswer(answer.status);
+    m_shared.metrics.countAnswer(answer.status);
     exchange.status = answer.status;
     exchange.connection.phase = Connection::Answering;
     exchange.connection.deadline = after(Seconds(
@@ -110,7 +110,7 @@ void Server::onCompleted(void* self, MHD_Connection* handle, void** context,
     if (exchange.status == 0 && info != nullptr) {
         exchange.status = info->http_status;
         withoutFailure("an answer is not counted",
-                       [&] { server.m_metrics.countAnswer(exchange.status); });
+                       [&] { server.m_shared.metrics.countAnswer(exchange.status); });
     }
     server.finish(exchange.connection, how == MHD_REQUEST_TERMINATED_COMPLETED_OK);
 }
@@ -148,5 +148,5 @@ void Server::log(const Exchange& exchange, bool isWhole)
             entry.request = info->name;
     if (exchange.answer)
         entry.error = exchange.answer->code;
-    m_log.write(entry);
+    m_shared.log.write(entry);
 }

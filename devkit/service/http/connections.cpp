@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <tuple>
+#include <utility>
 
 #include "common/failure.h"
 #include "exchange.h"
@@ -72,18 +72,18 @@ void Server::onConnection(void* self, MHD_Connection* handle, void** context,
 
 void Server::add(MHD_Connection* handle, void** context)
 {
-    auto owner = std::make_unique<Connection>();
+    auto [address, client] =
+        addressOf(MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr);
+    auto owner =
+        std::make_unique<Connection>(m_shared.limits, std::move(address), std::move(client));
     Connection& connection = *owner;
     connection.socket =
         MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
-    std::tie(connection.address, connection.client) =
-        addressOf(MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr);
     connection.deadline = after(Seconds(m_options.readSeconds));
-    size_t& ofAddress = m_perAddress[connection.client];
     m_connections[&connection] = std::move(owner);
     *context = &connection;
     ++m_accepted;
-    if (++ofAddress > m_options.connectionsPerAddress) {
+    if (!connection.place.isWithin()) {
         const Refusal refusal(Reason::too_many_connections);
         cutOff(connection, &refusal);
     }
@@ -100,9 +100,6 @@ void Server::remove(Connection& connection, MHD_Connection* handle)
         });
     if (connection.exchange != nullptr)
         finish(connection, false);
-    const auto found = m_perAddress.find(connection.client);
-    if (--found->second == 0)
-        m_perAddress.erase(found);
     m_connections.erase(&connection);
 }
 
@@ -125,7 +122,7 @@ void Server::cutOff(Connection& connection, const Refusal* refusal) noexcept
 
 void Server::sendRefusal(Connection& connection, const Refusal& refusal)
 {
-    m_metrics.countAnswer(refusal.code().status);
+    m_shared.metrics.countAnswer(refusal.code().status);
     if (!m_options.tlsCert.empty())
         return;
     const std::string body = answerOf(refusal).body;
@@ -156,5 +153,5 @@ void Server::sweep()
         const bool isLate = connection->phase == Connection::Reading && !isWaiting;
         cutOff(*connection, isLate ? &m_late : nullptr);
     }
-    m_rates.sweep(now);
+    m_shared.limits.sweep();
 }

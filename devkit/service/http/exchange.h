@@ -14,11 +14,17 @@
 #include "server.h"
 
 struct Server::Connection {
+    Connection(ClientLimits& limits, std::string itsAddress, std::string itsClient)
+        : address(std::move(itsAddress)), client(std::move(itsClient)), place(limits, client)
+    {
+    }
+
     enum Phase { Reading, Working, Answering };
 
     int socket = -1;
-    std::string address;
-    std::string client;  // for limits
+    const std::string address;
+    const std::string client;  // for limits
+    const ClientLimits::Place place;
     Clock::time_point start = Clock::now();
     Phase phase = Reading;
     Clock::time_point deadline;  // of the phase, unless it is Working
@@ -38,7 +44,7 @@ struct Server::Exchange {
     ~Exchange()
     {
         wipe(body);
-        server.m_bodyBytes -= room;
+        server.m_shared.limits.giveRoom(room);
     }
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;

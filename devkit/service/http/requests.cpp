@@ -5,13 +5,6 @@
 #include "common/text.h"
 #include "exchange.h"
 
-namespace {
-
-// Bodies that are kept at once, as a multiple of the largest one.
-constexpr size_t mostBodies = 16;
-
-}  // namespace
-
 void* Server::onUri(void* self, const char* uri, MHD_Connection* handle)
 {
     Server& server = *static_cast<Server*>(self);
@@ -39,7 +32,7 @@ Server::Exchange* Server::begin(Connection& connection, MHD_Connection* handle,
     exchange->path = std::string(target.substr(0, query));
     exchange->targetSize = target.size();
     exchange->hasQuery = query != std::string_view::npos;
-    exchange->isWithinRate = m_rates.take(connection.client, Clock::now());
+    exchange->isWithinRate = m_shared.limits.takeRequest(connection.client);
     connection.exchange = std::move(exchange);
     // Time once more for what is behind the first line.
     connection.deadline = after(Seconds(m_options.readSeconds));
@@ -75,13 +68,8 @@ MHD_Result Server::take(Exchange& exchange, const FirstLine& first, const char* 
     exchange.connection.phase = Connection::Working;
     if (!exchange.answer && !exchange.isDispatched) {
         exchange.isDispatched = true;
-        try {
-            dispatch(exchange);
-        } catch (const Refusal& refusal) {
-            exchange.answer = answerOf(refusal);
-        }
+        dispatch(exchange);
         wipe(exchange.body);
-        exchange.body.shrink_to_fit();
         if (!exchange.answer && !exchange.isForgotten) {
             exchange.isSuspended = true;
             MHD_suspend_connection(exchange.handle);
@@ -138,16 +126,16 @@ void Server::checkAccess(const Exchange& exchange) const
     const Headers& headers = exchange.headers;
     const bool isApi = needsToken(exchange.path);
 
-    if (!m_sites.isHost(headers.host))
+    if (!m_shared.sites.isHost(headers.host))
         throw Refusal(Reason::unknown_host, "Host");
-    if (!headers.origin.empty() && !m_sites.isOrigin(headers.origin, headers.host))
+    if (!headers.origin.empty() && !m_shared.sites.isOrigin(headers.origin, headers.host))
         throw Refusal(Reason::other_origin, "Origin");
     const bool isOwnSite = headers.fetchSite.empty() ||
                            equalIgnoringCase(headers.fetchSite, "none") ||
                            equalIgnoringCase(headers.fetchSite, "same-origin");
     if (isApi && headers.origin.empty() && !isOwnSite)
         throw Refusal(Reason::other_site, "Sec-Fetch-Site");
-    if (isApi && m_token != nullptr && !m_token->isShownBy(headers.authorization))
+    if (isApi && m_shared.token != nullptr && !m_shared.token->isShownBy(headers.authorization))
         throw Refusal(headers.authorization.empty() ? Reason::no_token : Reason::wrong_token,
                       "Authorization");
 }
@@ -187,9 +175,8 @@ void Server::makeRoom(Exchange& exchange, size_t bytes)
     if (bytes <= exchange.room)
         return;
     const size_t more = bytes - exchange.room;
-    if (m_bodyBytes + more > mostBodies * m_options.bodyBytes)
+    if (!m_shared.limits.takeRoom(more))
         throw Refusal(Reason::bodies_full);
-    m_bodyBytes += more;
     exchange.room += more;
 }
 
@@ -199,36 +186,13 @@ void Server::dispatch(Exchange& exchange)
         exchange.answer = Answer();
         return;
     }
-    const auto reply = std::make_shared<Reply>(exchange.connection.exchange);
-    const auto done = [reply](Answer answer) { reply->give(std::move(answer)); };
-    const std::string& type = exchange.headers.contentType;
-    switch (exchange.route->target) {
-        case Target::Request:
-            return m_service.request(nameBehind(*exchange.route, exchange.path), type,
-                                     exchange.body, done);
-        case Target::Batch:
-            return m_service.batch(type, exchange.body, done);
-        case Target::Peer:
-            return m_service.peer(nameBehind(*exchange.route, exchange.path), type, exchange.body,
-                                  done);
-        case Target::Ready:
-            return m_service.probe(done);
-        case Target::Status:
-            return done(answerOf(m_service.status()));
-        case Target::Live:
-            return done(answerOf(nlohmann::ordered_json{{"status", "ok"}}));
-        case Target::Metrics:
-            return done({200, metricsText(), "text/plain; version=0.0.4; charset=utf-8", ""});
-        case Target::Document:
-            return;  // is a file
+    const Target target = exchange.route->target;
+    if (target == Target::Live) {
+        exchange.answer = answerOf(nlohmann::ordered_json{{"status", "ok"}});
+        return;
     }
-}
-
-std::string Server::metricsText() const
-{
-    m_log.flush();
-    return m_service.metricsText() +
-           gauge("corvane_connections", static_cast<double>(m_connections.size())) +
-           gauge("corvane_access_log_dropped_total", static_cast<double>(m_log.dropped()), "",
-                 "counter");
+    const auto reply = std::make_shared<Reply>(exchange.connection.exchange);
+    m_service.begin({target, nameBehind(*exchange.route, exchange.path),
+                     std::move(exchange.headers.contentType), std::move(exchange.body)},
+                    [reply](Answer answer) { reply->give(std::move(answer)); });
 }

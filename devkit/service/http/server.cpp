@@ -11,7 +11,6 @@
 #include "common/secrets.h"
 #include "exchange.h"
 #include "host/output.h"
-#include "listening_socket.h"
 
 namespace {
 
@@ -55,21 +54,14 @@ std::string readWhole(const std::string& path)
 
 }  // namespace
 
-Server::Server(EventLoop& loop, const ServeOptions& options, Service& service, Metrics& metrics,
-               AccessLog& log, const BearerToken* token)
+Server::Server(EventLoop& loop, ServerShared& shared, Calls& calls, Descriptor listening)
     : m_loop(loop),
-      m_options(options),
-      m_service(service),
-      m_metrics(metrics),
-      m_log(log),
-      m_token(token),
-      m_sites(options),
-      m_rates(options.rate, options.burst),
+      m_options(shared.options),
+      m_shared(shared),
+      m_service(calls),
+      m_isListening(listening),
       m_sweep(loop, [this] { sweep(); })
 {
-    ListeningSocket listening = listenAt(options);
-    m_url = std::move(listening.url);
-
     unsigned flags = MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME;
     std::vector<MHD_OptionItem> items = {
         {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(&onConnection), this},
@@ -79,15 +71,18 @@ Server::Server(EventLoop& loop, const ServeOptions& options, Service& service, M
         {MHD_OPTION_STRICT_FOR_CLIENT, 1, nullptr},
         {MHD_OPTION_CONNECTION_MEMORY_LIMIT, connectionMemory, nullptr},
         // Beyond these, the system keeps connections waiting.
-        {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(options.connections), nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(m_options.connections), nullptr},
         // Its own time limit begins again with each byte; sweep() is there instead.
         {MHD_OPTION_CONNECTION_TIMEOUT, 0, nullptr},
-        {MHD_OPTION_LISTEN_SOCKET, listening.descriptor.get(), nullptr},
     };
-    if (!options.tlsCert.empty()) {
+    if (listening)
+        items.push_back({MHD_OPTION_LISTEN_SOCKET, listening.get(), nullptr});
+    else
+        flags |= MHD_USE_NO_LISTEN_SOCKET;
+    if (!m_options.tlsCert.empty()) {
         flags |= MHD_USE_TLS;
-        m_certificate = readWhole(options.tlsCert);
-        m_key = readWhole(options.tlsKey);
+        m_certificate = readWhole(m_options.tlsCert);
+        m_key = readWhole(m_options.tlsKey);
         items.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, m_certificate.data()});
         items.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, m_key.data()});
         items.push_back({MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(tlsPriorities)});
@@ -96,11 +91,11 @@ Server::Server(EventLoop& loop, const ServeOptions& options, Service& service, M
     m_daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &onRequest, this, MHD_OPTION_ARRAY,
                                 items.data(), MHD_OPTION_END);
     if (m_daemon == nullptr)
-        throw UsageError(options.tlsCert.empty()
+        throw UsageError(m_options.tlsCert.empty()
                              ? "cannot start the HTTP server"
                              : "cannot start the HTTPS server; is the certificate the key's?");
     // It closes the socket at its end.
-    listening.descriptor.release();
+    listening.release();
     const auto* info = MHD_get_daemon_info(m_daemon, MHD_DAEMON_INFO_EPOLL_FD);
     // run() is called after each event, so there is nothing else to do.
     m_loop.watch(info->epoll_fd, EPOLLIN, [](uint32_t) {});
@@ -133,6 +128,13 @@ int Server::run()
     return static_cast<int>(std::min<MHD_UNSIGNED_LONG_LONG>(milliseconds, 60000));
 }
 
+void Server::add(Descriptor socket, const sockaddr_storage& address, socklen_t size)
+{
+    // The library closes it also where it does not take it.
+    MHD_add_connection(m_daemon, socket.release(), reinterpret_cast<const sockaddr*>(&address),
+                       size);
+}
+
 Seconds Server::grace() const
 {
     return std::min(longestGrace, Seconds(m_options.drainSeconds));
@@ -155,9 +157,10 @@ void Server::drain()
 {
     if (m_draining)
         return;
-    acceptAll();
+    if (m_isListening)
+        acceptAll();
     m_draining = true;
-    const Descriptor closed(MHD_quiesce_daemon(m_daemon));
+    const Descriptor closed(m_isListening ? MHD_quiesce_daemon(m_daemon) : -1);
     const Clock::time_point end = after(grace());
     for (const auto& [connection, owner] : m_connections)
         if (connection->exchange == nullptr)

@@ -1,30 +1,41 @@
-// HTTP: connections, headers, routes and answers, on libmicrohttpd.
+// HTTP: connections, headers, routes and answers, on libmicrohttpd. A server belongs to the
+// thread of its loop.
 #ifndef CORVANE_SERVICE_HTTP_SERVER_H
 #define CORVANE_SERVICE_HTTP_SERVER_H
 
 #include <microhttpd.h>
+#include <sys/socket.h>
 
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 
+#include "calls.h"
 #include "headers.h"
 #include "service/operation/access.h"
 #include "service/operation/access_log.h"
-#include "service/requests/service.h"
+#include "service/operation/client_limits.h"
+#include "service/operation/metrics.h"
+
+// What the servers of all threads share: nothing else is used by more than one of them.
+struct ServerShared {
+    const ServeOptions& options;
+    const BearerToken* const token;  // null: none is asked for
+    const AllowedSites sites;
+    Metrics& metrics;  // answers alone are counted
+    AccessLog& log;
+    ClientLimits limits;
+};
 
 class Server {
 public:
-    // Listens. A null token: none is asked for. Throws a UsageError.
-    Server(EventLoop& loop, const ServeOptions& options, Service& service, Metrics& metrics,
-           AccessLog& log, const BearerToken* token);
+    // Takes connections from the socket; without one, those that are added. Throws a
+    // UsageError.
+    Server(EventLoop& loop, ServerShared& shared, Calls& calls, Descriptor listening);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
-
-    // "http://127.0.0.1:8720"
-    const std::string& url() const { return m_url; }
 
     // Does what is to do, and tells for how many milliseconds there is nothing.
     int run();
@@ -32,7 +43,9 @@ public:
     // Takes no more connections. The ones that there are get one more answer each, if they
     // ask for it within a second.
     void drain();
-    // Whether there are connections.
+    // A connection that was made elsewhere. It is closed if it cannot be taken.
+    void add(Descriptor socket, const sockaddr_storage& address, socklen_t size);
+    size_t connections() const { return m_connections.size(); }
     bool isBusy() const { return !m_connections.empty(); }
     // Ends those that have asked for nothing.
     void endWaiting();
@@ -74,28 +87,21 @@ private:
     void sendRefusal(Connection& connection, const Refusal& refusal);
     void sweep();
     Seconds grace() const;
-    std::string metricsText() const;
 
     EventLoop& m_loop;
     const ServeOptions& m_options;
-    Service& m_service;
-    Metrics& m_metrics;
-    AccessLog& m_log;
-    const BearerToken* const m_token;
-    const AllowedSites m_sites;
-    Rates m_rates;
+    ServerShared& m_shared;
+    Calls& m_service;
+    const bool m_isListening;
     // Made before there is no memory for it.
     const Refusal m_late{Reason::not_whole_in_time};
-    std::string m_url;
     std::string m_certificate;
     std::string m_key;
     MHD_Daemon* m_daemon = nullptr;
     std::map<Connection*, std::unique_ptr<Connection>> m_connections;
-    std::map<std::string, size_t> m_perAddress;
     size_t m_calls = 0;       // of the library
     size_t m_accepted = 0;    // connections, ever
     size_t m_idleRounds = 0;  // of run() in which it did not call, less those that were paid for
-    size_t m_bodyBytes = 0;   // of requests that are under way, with what is announced
     bool m_draining = false;
     Alarm m_sweep;
 };

@@ -60,6 +60,14 @@ void checkSites(const ServeOptions& options)
     }
 }
 
+// More than a few wait for the service's own thread.
+size_t frontThreadsFor(size_t workers)
+{
+    constexpr size_t workersOfOne = 4;
+    constexpr size_t mostUnasked = 4;
+    return std::min((workers + workersOfOne - 1) / workersOfOne, mostUnasked);
+}
+
 }  // namespace
 
 bool isLoopback(const std::string& address)
@@ -102,6 +110,8 @@ void checkOptions(ServeOptions& options)
     if (options.workers == 0)
         options.workers = std::clamp<size_t>(
             static_cast<size_t>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN))), 1, mostWorkers);
+    if (options.frontThreads == 0)
+        options.frontThreads = frontThreadsFor(options.workers);
     if (options.parameterBytes == 0)
         options.parameterBytes = options.bodyBytes;
 }

@@ -7,10 +7,12 @@
 #include <vector>
 
 constexpr size_t mostWorkers = 256;
+constexpr size_t mostFrontThreads = 64;
 
 struct ServeOptions {
     std::string listen = "127.0.0.1:8720";
-    size_t workers = 0;  // 0: one for each processor
+    size_t workers = 0;       // 0: one for each processor
+    size_t frontThreads = 0;  // for HTTP; 0: as many as suit the workers
 
     bool noAuth = false;
     std::string tokenFile;  // empty: the default place
