@@ -85,9 +85,9 @@ address_sanitizer() {
     build_preset asan all && run_ctest asan -E '^headers_test$'
 }
 
-# Where threads meet: the parameter module, the engine, requests at once.
+# Where threads meet: the parameter module, the engine, requests at once, HTTP.
 thread_sanitizer() {
-    local tests=(concurrency_test engine_threads_test engine_key_exchange_test)
+    local tests=(concurrency_test engine_threads_test engine_key_exchange_test serve_threads_test)
     build_preset tsan "${tests[@]}" && run_ctest tsan -R "^($(IFS='|' && echo "${tests[*]}"))$"
 }
 

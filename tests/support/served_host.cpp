@@ -247,6 +247,10 @@ ServedHost::ServedHost(const Options& options, const Options& environment, const
     arguments.insert(arguments.end(), {"serve", "--listen", "127.0.0.1:0"});
     if (!has("--workers"))
         arguments.insert(arguments.end(), {"--workers", "2"});
+    // So that a suite can be run with another number than most machines have.
+    if (const char* threads = getenv("CORVANE_FRONT_THREADS");
+        threads != nullptr && !has("--front-threads"))
+        arguments.insert(arguments.end(), {"--front-threads", threads});
     if (!has("--token-file") && !has("--no-auth"))
         arguments.insert(arguments.end(), {"--token-file", path("token")});
     if (!has("--access-log"))

@@ -1,0 +1,227 @@
+// HTTP on several threads: what clients see is the same whichever thread their connection is on.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/served_host.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using support::eventually;
+using support::HttpAnswer;
+using support::HttpConnection;
+using support::HttpHeaders;
+using support::Json;
+using support::ServedHost;
+
+constexpr size_t threads = 3;
+const HttpHeaders jsonType = {{"Content-Type", "application/json"}};
+
+ServedHost::Options with(ServedHost::Options more)
+{
+    more.insert(more.end(), {"--front-threads", std::to_string(threads)});
+    return more;
+}
+
+using Connections = std::vector<std::unique_ptr<HttpConnection>>;
+
+// Each goes to the thread that has the fewest, so that they are on all threads.
+Connections connect(const ServedHost& host, size_t count)
+{
+    Connections all;
+    for (size_t i = 0; i < count; ++i) {
+        all.push_back(std::make_unique<HttpConnection>(host.port()));
+        all.back()->send(host.text("GET", "/livez"));
+        EXPECT_EQ(200, all.back()->receive().status);
+    }
+    return all;
+}
+
+HttpAnswer ask(const ServedHost& host, HttpConnection& connection, const std::string& name,
+               const Json& parameters)
+{
+    connection.send(host.text("POST", "/v1/requests/" + name, jsonType, parameters.dump()));
+    return connection.receive();
+}
+
+Json kdfOf(const std::string& data)
+{
+    return {{"HashType", 4}, {"srcdata", data}, {"OutLen", 16}};
+}
+
+class ServeThreads : public testing::Test {
+protected:
+    void SetUp() override { NEEDS_WORKERS(); }
+};
+
+TEST_F(ServeThreads, AreAsManyAsToldBesideTheServices)
+{
+    const ServedHost host(with({}));
+    const auto count = [&](const ServedHost& of) {
+        size_t found = 0;
+        for ([[maybe_unused]] const auto& task :
+             fs::directory_iterator("/proc/" + std::to_string(of.pid()) + "/task"))
+            ++found;
+        return found;
+    };
+    const ServedHost one({"--front-threads", "1"});
+    EXPECT_EQ(count(one) + threads, count(host));
+}
+
+TEST_F(ServeThreads, GiveEachClientItsOwnAnswers)
+{
+    const ServedHost host(with({"--rate", "0"}));
+    host.workers();
+    constexpr size_t clients = 24;
+    std::vector<std::string> right;
+    for (size_t i = 0; i < clients; ++i)
+        right.push_back(host.request("QZaven_crypto_kdf", kdfOf(std::to_string(i))).result("Data"));
+    std::atomic<size_t> wrong = 0;
+    std::vector<std::thread> all;
+    for (size_t i = 0; i < clients; ++i)
+        all.emplace_back([&, i] {
+            HttpConnection connection(host.port());
+            for (int round = 0; round < 100; ++round) {
+                const HttpAnswer answer =
+                    ask(host, connection, "QZaven_crypto_kdf", kdfOf(std::to_string(i)));
+                wrong += answer.status != 200 || answer.result("Data") != right[i] ? 1 : 0;
+            }
+        });
+    for (std::thread& one : all)
+        one.join();
+    EXPECT_EQ(0U, wrong);
+    EXPECT_EQ(clients * 101,
+              host.metric("corvane_requests_total{name=\"QZaven_crypto_kdf\",code=\"0\"}"));
+    // A line for each of them.
+    EXPECT_TRUE(eventually([&] {
+        const std::string log = support::readWhole(host.path("access.log"));
+        size_t lines = 0;
+        for (size_t at = 0; (at = log.find("QZaven_crypto_kdf", at)) != std::string::npos; ++at)
+            ++lines;
+        return lines == clients * 101;
+    }));
+}
+
+TEST_F(ServeThreads, ServeASessionAndABatchFromAny)
+{
+    const ServedHost host(with({}));
+    host.workers();
+    const Connections connections = connect(host, threads);
+    const std::string token =
+        ask(host, *connections[0], "QZaven_ke_new", Json::object()).result("Data");
+    for (const auto& connection : connections) {
+        const HttpAnswer answer =
+            ask(host, *connection, "QZaven_ke_client_hello", {{"strKe", token}});
+        // The engine's own answer: it has the session, which lacks its roots.
+        EXPECT_EQ("-30081", answer.result("errorCode")) << answer.body;
+        connection->send(host.text("POST", "/v1/batch", jsonType,
+                                   R"({"requests": [{"name": "QZaVen_GetVersion"},
+                                       {"name": "QZaVen_GetVersion"}]})"));
+        EXPECT_EQ(200, connection->receive().status);
+    }
+    EXPECT_EQ(200, ask(host, *connections[1], "QZaven_ke_free", {{"strKe", token}}).status);
+    EXPECT_EQ(410, ask(host, *connections[2], "QZaven_ke_free", {{"strKe", token}}).status);
+}
+
+TEST_F(ServeThreads, CountAClientsRequestsTogether)
+{
+    const ServedHost host(with({"--rate", "0.01", "--burst", "7"}));
+    Connections connections;
+    for (size_t i = 0; i < threads; ++i)
+        connections.push_back(std::make_unique<HttpConnection>(host.port()));
+    size_t taken = 0;
+    for (size_t i = 0; i < 12; ++i) {
+        HttpConnection& connection = *connections[i % threads];
+        connection.send(host.text("GET", "/livez"));
+        taken += connection.receive().status == 200 ? 1 : 0;
+    }
+    EXPECT_EQ(7U, taken);
+}
+
+TEST_F(ServeThreads, CountAClientsConnectionsTogether)
+{
+    const ServedHost host(with({"--connections-per-address", "4"}));
+    const Connections connections = connect(host, 4);
+    HttpConnection beyond(host.port());
+    EXPECT_EQ(429, beyond.receive().status);
+    connections[0]->send(host.text("GET", "/metrics"));
+    EXPECT_EQ(4, support::rowOf(connections[0]->receive().body, "corvane_connections"));
+}
+
+TEST_F(ServeThreads, TakeOnlySoManyConnectionsTogether)
+{
+    const ServedHost host(with({"--connections", "4"}));
+    Connections connections = connect(host, 4);
+    HttpConnection waiting(host.port());
+    waiting.send(host.text("GET", "/livez"));
+    connections[0]->send(host.text("GET", "/metrics"));
+    EXPECT_EQ(4, support::rowOf(connections[0]->receive().body, "corvane_connections"));
+    connections.pop_back();
+    EXPECT_EQ(200, waiting.receive().status);
+}
+
+TEST_F(ServeThreads, AreNotHeldUpByStalledConnections)
+{
+    ServedHost host(with({"--rate", "0", "--drain-seconds", "1"}));
+    host.workers();
+    const std::string whole = host.text("POST", "/v1/requests/QZaVen_GetVersion", jsonType, "{}");
+    Connections stalled;
+    for (size_t i = 0; i < 60; ++i) {
+        stalled.push_back(std::make_unique<HttpConnection>(host.port()));
+        stalled.back()->send(whole.substr(0, whole.size() - 1 - i));
+    }
+    for (size_t i = 0; i < 50; ++i)
+        EXPECT_EQ(200, host.request("QZaVen_GetVersion").status);
+    EXPECT_EQ(0, host.stop());
+}
+
+TEST_F(ServeThreads, AnswerAllOthersWhileWorkersAreKilledAndThenEnd)
+{
+    ServedHost host(with({"--rate", "0"}));
+    host.workers();
+    std::atomic<bool> isOver = false;
+    std::atomic<size_t> good = 0;
+    std::atomic<size_t> failed = 0;
+    std::atomic<size_t> wrong = 0;
+    std::vector<std::thread> clients;
+    for (size_t i = 0; i < 16; ++i)
+        clients.emplace_back([&] {
+            HttpConnection connection(host.port());
+            while (!isOver) {
+                const HttpAnswer answer = ask(host, connection, "QZaven_crypto_kdf", kdfOf("s"));
+                const auto close = answer.headers.find("connection");
+                if (answer.status == 200)
+                    ++good;
+                else
+                    ++(answer.status == 502 ? failed : wrong);
+                // The goodbye of a host that ends.
+                if (close != answer.headers.end() && close->second == "close")
+                    return;
+            }
+        });
+    constexpr size_t rounds = 5;
+    for (size_t i = 0; i < rounds; ++i) {
+        const size_t before = good;
+        const std::vector<pid_t> workers = support::childrenOf(host.pid());
+        if (!workers.empty())
+            kill(workers[i % workers.size()], SIGKILL);
+        EXPECT_TRUE(eventually([&] { return good > before + 50; }));
+    }
+    // With all of them asking: none is lost.
+    EXPECT_EQ(0, host.stop());
+    isOver = true;
+    for (std::thread& client : clients)
+        client.join();
+    EXPECT_EQ(0U, wrong);
+    EXPECT_LE(failed, rounds);
+}
+
+}  // namespace
