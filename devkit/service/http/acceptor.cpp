@@ -43,9 +43,7 @@ bool Acceptor::hasRoom() const
 // Whether there was one.
 bool Acceptor::acceptOne()
 {
-    Newcomers one;
-    one.emplace_back();
-    Newcomer& newcomer = one.front();
+    Newcomer newcomer;
     newcomer.size = sizeof newcomer.address;
     newcomer.socket =
         Descriptor(accept4(m_listening.get(), reinterpret_cast<sockaddr*>(&newcomer.address),
@@ -58,6 +56,9 @@ bool Acceptor::acceptOne()
         }
         return false;
     }
+    // Where there is no memory for it, it is closed and waits no longer.
+    Newcomers one;
+    one.push_back(std::move(newcomer));
     (*std::min_element(m_threads.begin(), m_threads.end(), [](const auto& a, const auto& b) {
         return a->load() < b->load();
     }))->take(one);
