@@ -3,7 +3,7 @@
 // plug-in as the catalogue says; what is refused is refused in printable words. Input: one
 // byte that chooses the type of the body, with 4 a line with the type, then the body.
 
-#include "service/requests/request_body.h"
+#include "service/bodies/request_body.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -11,7 +11,7 @@
 
 #include "common/codec.h"
 #include "fuzz.h"
-#include "service/requests/json_tree.h"
+#include "service/bodies/json_tree.h"
 
 namespace {
 

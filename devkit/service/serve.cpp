@@ -12,7 +12,7 @@
 #include <optional>
 
 #include "common/secrets.h"
-#include "service/http/fronts.h"
+#include "service/front/fronts.h"
 #include "service/operation/access.h"
 #include "service/operation/access_log.h"
 #include "service/operation/line_sink.h"

@@ -1,5 +1,5 @@
 // Bodies of requests, and the frames in which they reach a worker.
-#include "service/requests/request_body.h"
+#include "service/bodies/request_body.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -12,7 +12,7 @@
 #include "common/claims.h"
 #include "common/codec.h"
 #include "common/wire.h"
-#include "service/requests/json_tree.h"
+#include "service/bodies/json_tree.h"
 #include "support/allocation_fault.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "common/text.h"
-#include "service/requests/refusal.h"
+#include "service/bodies/refusal.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include "common/wire.h"
 #include "host/catalogue/catalogue.h"
-#include "refusal.h"
+#include "service/bodies/refusal.h"
 #include "service/workers/worker_pool.h"
 
 struct Answer {

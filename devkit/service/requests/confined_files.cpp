@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "host/output.h"
-#include "refusal.h"
+#include "service/bodies/refusal.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include "answer.h"
 #include "confined_files.h"
-#include "request_body.h"
+#include "service/bodies/request_body.h"
 #include "service/operation/metrics.h"
 #include "service/operation/options.h"
 #include "service/workers/worker_pool.h"

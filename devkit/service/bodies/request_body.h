@@ -2,8 +2,8 @@
 // the body's content type is known here.
 //
 // All functions throw a Refusal, which names the field and quotes no value.
-#ifndef CORVANE_SERVICE_REQUESTS_REQUEST_BODY_H
-#define CORVANE_SERVICE_REQUESTS_REQUEST_BODY_H
+#ifndef CORVANE_SERVICE_BODIES_REQUEST_BODY_H
+#define CORVANE_SERVICE_BODIES_REQUEST_BODY_H
 
 #include <optional>
 #include <string>

@@ -1,7 +1,7 @@
 // The servers by which the service is reached: one on the service's own thread, or several
 // on threads of their own.
-#ifndef CORVANE_SERVICE_HTTP_FRONTS_H
-#define CORVANE_SERVICE_HTTP_FRONTS_H
+#ifndef CORVANE_SERVICE_FRONT_FRONTS_H
+#define CORVANE_SERVICE_FRONT_FRONTS_H
 
 #include <optional>
 #include <string>

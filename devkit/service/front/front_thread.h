@@ -1,7 +1,7 @@
 // A server on a thread of its own, which sends its calls to the service's thread and gets
 // them back with their answers.
-#ifndef CORVANE_SERVICE_HTTP_FRONT_THREAD_H
-#define CORVANE_SERVICE_HTTP_FRONT_THREAD_H
+#ifndef CORVANE_SERVICE_FRONT_FRONT_THREAD_H
+#define CORVANE_SERVICE_FRONT_FRONT_THREAD_H
 
 #include <sys/socket.h>
 
@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "common/mailbox.h"
-#include "server.h"
+#include "service/http/server.h"
 
 class FrontThread;
 

@@ -1,7 +1,7 @@
 // JSON as a tree of texts, as far as the bodies of requests need it. What is nested too deep, has
 // too many members or has a member twice is refused as soon as it is seen.
-#ifndef CORVANE_SERVICE_REQUESTS_JSON_TREE_H
-#define CORVANE_SERVICE_REQUESTS_JSON_TREE_H
+#ifndef CORVANE_SERVICE_BODIES_JSON_TREE_H
+#define CORVANE_SERVICE_BODIES_JSON_TREE_H
 
 #include <string>
 #include <string_view>

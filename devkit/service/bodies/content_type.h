@@ -1,6 +1,6 @@
 // Content-Type and other headers whose value has parameters (RFC 9110, section 5.6.6).
-#ifndef CORVANE_SERVICE_REQUESTS_CONTENT_TYPE_H
-#define CORVANE_SERVICE_REQUESTS_CONTENT_TYPE_H
+#ifndef CORVANE_SERVICE_BODIES_CONTENT_TYPE_H
+#define CORVANE_SERVICE_BODIES_CONTENT_TYPE_H
 
 #include <optional>
 #include <string>

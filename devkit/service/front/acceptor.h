@@ -1,6 +1,6 @@
 // Takes connections for several front threads: each goes to the thread that has the fewest.
-#ifndef CORVANE_SERVICE_HTTP_ACCEPTOR_H
-#define CORVANE_SERVICE_HTTP_ACCEPTOR_H
+#ifndef CORVANE_SERVICE_FRONT_ACCEPTOR_H
+#define CORVANE_SERVICE_FRONT_ACCEPTOR_H
 
 #include <memory>
 #include <vector>

@@ -1,7 +1,7 @@
 // The two forms of HTML as bodies: application/x-www-form-urlencoded (WHATWG URL, section
 // 5.1) and multipart/form-data (RFC 7578).
-#ifndef CORVANE_SERVICE_REQUESTS_FORM_BODY_H
-#define CORVANE_SERVICE_REQUESTS_FORM_BODY_H
+#ifndef CORVANE_SERVICE_BODIES_FORM_BODY_H
+#define CORVANE_SERVICE_BODIES_FORM_BODY_H
 
 #include "request_body.h"
 

@@ -1,6 +1,6 @@
 // An error of the host's own, which ends a request without the plug-in.
-#ifndef CORVANE_SERVICE_REQUESTS_REFUSAL_H
-#define CORVANE_SERVICE_REQUESTS_REFUSAL_H
+#ifndef CORVANE_SERVICE_BODIES_REFUSAL_H
+#define CORVANE_SERVICE_BODIES_REFUSAL_H
 
 #include <exception>
 #include <nlohmann/json_fwd.hpp>

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "common/failure.h"
-#include "listening_socket.h"
+#include "service/http/listening_socket.h"
 
 namespace {
 
