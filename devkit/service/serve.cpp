@@ -13,8 +13,8 @@
 
 #include "common/secrets.h"
 #include "service/front/fronts.h"
-#include "service/operation/access.h"
 #include "service/operation/access_log.h"
+#include "service/operation/authorization.h"
 #include "service/operation/line_sink.h"
 #include "service/operation/memory_end.h"
 #include "service/operation/metrics.h"
@@ -92,6 +92,29 @@ std::string greeting(const BearerToken* token, const std::string& url, bool isTe
            "; console: " + url + "/\n";
 }
 
+PoolOptions workerPool(const ServeOptions& options, std::vector<std::string> command)
+{
+    PoolOptions pool;
+    pool.program = "/proc/self/exe";
+    pool.command = std::move(command);
+    pool.workers = options.workers;
+    pool.taskTime = Seconds(options.requestSeconds);
+    pool.sendsAhead = true;
+    return pool;
+}
+
+// What is still under way is told that it was not served, and the answers go out.
+void end(Service& service, Fronts& fronts)
+{
+    service.stop(fronts.isBusy() ? Seconds(0) : workersGrace);
+    fronts.endWaiting();
+    const auto deadline = after(Seconds(1));
+    while (fronts.isBusy() && Clock::now() < deadline) {
+        fronts.run();
+        usleep(1000);
+    }
+}
+
 }  // namespace
 
 void serve(ServeOptions options, std::vector<std::string> worker, const Output& output)
@@ -111,14 +134,8 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     Metrics metrics;
     EventLoop loop;
 
-    PoolOptions pool;
-    pool.program = "/proc/self/exe";
-    pool.command = std::move(worker);
-    pool.workers = options.workers;
-    pool.taskTime = Seconds(options.requestSeconds);
-    pool.sendsAhead = true;
     bool isReady = false;
-    Service service(loop, options, std::move(pool), metrics, [&isReady] {
+    Service service(loop, options, workerPool(options, std::move(worker)), metrics, [&isReady] {
         if (!std::exchange(isReady, true))
             sd_notify(0, "READY=1");
     });
@@ -133,7 +150,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
         log.tell("standard output takes nothing; listening on " + fronts.url());
 
     bool isDraining = false;
-    Alarm end(loop, [&loop] { loop.stop(); });
+    Alarm drained(loop, [&loop] { loop.stop(); });
     loop.watch(signals.get(), EPOLLIN, [&](uint32_t) {
         signalfd_siginfo info = {};
         while (read(signals.get(), &info, sizeof info) == sizeof info) {
@@ -145,7 +162,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
                 loop.stop();  // asked twice
             } else {
                 sd_notify(0, "STOPPING=1");
-                end.set(after(Seconds(options.drainSeconds)));
+                drained.set(after(Seconds(options.drainSeconds)));
                 fronts.drain();
             }
         }
@@ -160,12 +177,5 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
         return timeout;
     });
 
-    // What is still under way is told that it was not served, and the answers go out.
-    service.stop(fronts.isBusy() ? Seconds(0) : workersGrace);
-    fronts.endWaiting();
-    const auto deadline = after(Seconds(1));
-    while (fronts.isBusy() && Clock::now() < deadline) {
-        fronts.run();
-        usleep(1000);
-    }
+    end(service, fronts);
 }

@@ -18,8 +18,8 @@
 #include <thread>
 
 #include "host/output.h"
-#include "service/operation/access.h"
 #include "service/operation/access_log.h"
+#include "service/operation/authorization.h"
 #include "service/operation/line_sink.h"
 #include "support/served_host.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "commands.h"
-#include "host/catalogue/descriptions.h"
+#include "host/catalogue/renderings.h"
 #include "host/values.h"
 
 namespace {

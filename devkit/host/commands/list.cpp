@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
-#include "host/catalogue/descriptions.h"
+#include "host/catalogue/renderings.h"
 #include "host/values.h"
 
 namespace {

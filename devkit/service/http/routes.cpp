@@ -4,8 +4,8 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 
-#include "host/catalogue/descriptions.h"
 #include "host/catalogue/openapi.h"
+#include "host/catalogue/renderings.h"
 #include "host/values.h"
 
 namespace {

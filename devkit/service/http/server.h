@@ -13,8 +13,8 @@
 
 #include "calls.h"
 #include "headers.h"
-#include "service/operation/access.h"
 #include "service/operation/access_log.h"
+#include "service/operation/authorization.h"
 #include "service/operation/client_limits.h"
 #include "service/operation/metrics.h"
 

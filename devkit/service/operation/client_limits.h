@@ -6,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "access.h"
+#include "authorization.h"
 #include "options.h"
 
 // All of it may be called by several threads at once.

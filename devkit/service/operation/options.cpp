@@ -9,7 +9,7 @@
 #include <fstream>
 #include <system_error>
 
-#include "access.h"
+#include "authorization.h"
 #include "host/output.h"
 
 namespace {

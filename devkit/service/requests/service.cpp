@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "host/catalogue/descriptions.h"
 #include "host/catalogue/peer_steps.h"
+#include "host/catalogue/renderings.h"
 #include "service/workers/session_requests.h"
 
 namespace {

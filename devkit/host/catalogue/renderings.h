@@ -1,6 +1,6 @@
 // The catalogue as people and programs read it.
-#ifndef CORVANE_HOST_CATALOGUE_DESCRIPTIONS_H
-#define CORVANE_HOST_CATALOGUE_DESCRIPTIONS_H
+#ifndef CORVANE_HOST_CATALOGUE_RENDERINGS_H
+#define CORVANE_HOST_CATALOGUE_RENDERINGS_H
 
 #include <nlohmann/json_fwd.hpp>
 #include <string>

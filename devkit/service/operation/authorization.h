@@ -1,6 +1,6 @@
 // Who may send requests, and how many.
-#ifndef CORVANE_SERVICE_OPERATION_ACCESS_H
-#define CORVANE_SERVICE_OPERATION_ACCESS_H
+#ifndef CORVANE_SERVICE_OPERATION_AUTHORIZATION_H
+#define CORVANE_SERVICE_OPERATION_AUTHORIZATION_H
 
 #include <string>
 #include <unordered_map>

@@ -1,4 +1,4 @@
-#include "access.h"
+#include "authorization.h"
 
 #include <fcntl.h>
 #include <sys/random.h>

@@ -1,4 +1,4 @@
-#include "descriptions.h"
+#include "renderings.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
