@@ -82,6 +82,11 @@ struct Writing {
     bool takesEmptyValues;
 };
 
+void PrintTo(const Writing& writing, std::ostream* out)
+{
+    *out << writing.function;
+}
+
 class WriteParam : public ParamMaps, public ::testing::WithParamInterface<Writing> {
 protected:
     void write(const std::string& name, const std::string& value)
