@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # A newcomer's walk: the README's commands in its order, then a request to the service. The
 # checkout should be fresh.
-#   tests/walk.sh [all]   with the tests that `./test.sh` or `./test.sh all` runs
+#   tests/walk.sh [COMMAND]   with the tests that the command runs, ./test.sh if there is none
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -9,8 +9,9 @@ step() { printf '\n== %s\n' "$1"; }
 
 step "./run.sh"
 ./run.sh
-step "./test.sh $*"
-./test.sh "$@"
+[ $# -gt 0 ] || set -- ./test.sh
+step "$*"
+"$@"
 step "./run.sh again"
 ./run.sh | tail -n 1
 
