@@ -31,6 +31,6 @@ is_configured $build || configure $build --preset release -DCORVANE_TESTS=OFF
 build_targets $build Corvane_plugin CorvaneParamsModule SoftModuleaven corvane-host corvane-ke-peer
 
 if [ "${1-}" = serve ]; then
-    exec $build/devkit/host/corvane-host "$@"
+    exec $build/bin/corvane-host "$@"
 fi
 exec devkit/demo.sh $build

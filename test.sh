@@ -108,7 +108,7 @@ soak() {
 
 # The host's server as this build made it.
 abuse() {
-    HOST=build/release/devkit/host/corvane-host bench/serve_abuse.sh 30
+    HOST=build/release/bin/corvane-host bench/serve_abuse.sh 30
 }
 
 # The console's tests wait for the browser half of their time, so they run beside the load.

@@ -6,7 +6,7 @@
 packaging/install-packages.sh "${serve_packages[@]}"
 if [ -z "${HOST-}" ]; then
     build_programs corvane-host
-    HOST=$build/devkit/host/corvane-host
+    HOST=$build/bin/corvane-host
 fi
 
 work=$(mktemp -d)

@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
 # All requests on real data, through host, parameter module, plug-in and engine, and
 # each checked by something else: the openssl command, or the key exchange's other side.
-#   devkit/demo.sh BUILD_DIRECTORY [FILE]
-#   devkit/demo.sh BUILD_DIRECTORY --exchange [--rsa]   the key exchange alone; the server's
-#                                                       keys are SM2, or RSA
+#   devkit/demo.sh PREFIX [FILE]               with PREFIX/bin/corvane-host: of a build tree or
+#                                              an installation
+#   devkit/demo.sh PREFIX --exchange [--rsa]   the key exchange alone; the server's keys are
+#                                              SM2, or RSA
 # The requests are those of walk.jsonl, a script for corvane-host in whose folder the files
 # lie that it names.
 set -euo pipefail
 
 devkit=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-host=$(realpath "$1")/devkit/host/corvane-host
-peer=$(realpath "$1")/devkit/peer/corvane-ke-peer
+host=$(realpath "$1")/bin/corvane-host
+peer=$(realpath "$1")/bin/corvane-ke-peer
 shift
 mapfile -t steps <"$devkit/walk.jsonl"
 file=${1:-src/WebOperateAvenSoftModule.cpp}

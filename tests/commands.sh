@@ -48,7 +48,7 @@ in_tree() {
 }
 
 # What run.sh and test.sh do, with one library for all of theirs.
-small=build/release/devkit/params/libCorvaneParamsModule.so
+small=build/release/lib/corvane/devkit/libCorvaneParamsModule.so
 run_configured='is_configured build/release || configure build/release --preset release -DCORVANE_TESTS=OFF'
 as_run="$run_configured; build_targets build/release CorvaneParamsModule"
 as_test='configure build/release --preset release && build_targets build/release CorvaneParamsModule'

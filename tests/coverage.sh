@@ -41,6 +41,6 @@ LLVM_PROFILE_FILE=$profiles/%p-%m%c.profraw \
 }
 
 llvm-profdata-14 merge -o "$build/coverage.profdata" "$profiles"/*.profraw
-llvm-cov-14 export "$build/src/libCorvane_plugin.so" \
+llvm-cov-14 export "$build/lib/corvane/libCorvane_plugin.so" \
     "-instr-profile=$build/coverage.profdata" >"$build/coverage.json"
 python3 tests/coverage_report.py "$build/coverage.json" src tests/coverage_gaps.txt

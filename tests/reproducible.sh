@@ -4,8 +4,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-libraries=(src/libCorvane_plugin.so devkit/params/libCorvaneParamsModule.so
-    devkit/engine/libSoftModuleaven.so)
+libraries=(libCorvane_plugin.so devkit/libCorvaneParamsModule.so devkit/libSoftModuleaven.so)
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
@@ -28,8 +27,8 @@ build "$copy" "$scratch/elsewhere"
 
 status=0
 for library in "${libraries[@]}"; do
-    one=$(sha256sum <"build/release/$library")
-    other=$(sha256sum <"$scratch/elsewhere/$library")
+    one=$(sha256sum <"build/release/lib/corvane/$library")
+    other=$(sha256sum <"$scratch/elsewhere/lib/corvane/$library")
     if [ "$one" = "$other" ]; then
         echo "same bytes  ${one%% *}  $library"
     else

@@ -77,7 +77,7 @@ export class StatusView {
             return;
         }
         const facts = [
-            [t('Host'), status.version],
+            [t('Host'), status.commit ? `${status.version} (${status.commit})` : status.version],
             [t('Engine'), status.engine],
             [t('Running for'), span(status.uptime_seconds)],
             [t('Key-exchange sessions'), number(status.sessions)],

@@ -63,7 +63,8 @@ const char* versionText()
         char text[128];
         Version()
         {
-            snprintf(text, sizeof text, "SoftModuleaven development engine 1.0.0 (%s)",
+            snprintf(text, sizeof text,
+                     "SoftModuleaven development engine " CORVANE_VERSION " (%s)",
                      OpenSSL_version(OPENSSL_VERSION));
         }
     } version;

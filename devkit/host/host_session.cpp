@@ -22,9 +22,9 @@ std::string chosen(const std::string& given, const char* name)
     if (!given.empty())
         return fs::absolute(given);
     std::error_code ignored;
-    for (const std::string& place : usualPlaces(name))
-        if (fs::exists(place, ignored))
-            return place;
+    for (const std::string& folder : usualFolders())
+        if (fs::exists(folder + "/" + name, ignored))
+            return folder + "/" + name;
     return name;
 }
 
@@ -116,17 +116,17 @@ long lengthOf(const std::string& text)
 
 }  // namespace
 
-std::vector<std::string> usualPlaces(const std::string& name)
+std::string programFolder()
 {
-    const char* buildFolder = name == pluginName   ? "../../src"
-                              : name == paramsName ? "../params"
-                                                   : "../engine";
     std::error_code ignored;
-    const fs::path home = fs::read_symlink("/proc/self/exe", ignored).parent_path();
-    std::vector<std::string> places;
-    for (const char* folder : {".", buildFolder, "../lib/corvane", "../lib"})
-        places.push_back((home / folder / name).lexically_normal());
-    return places;
+    return fs::read_symlink("/proc/self/exe", ignored).parent_path();
+}
+
+std::vector<std::string> usualFolders()
+{
+    const fs::path home = programFolder();
+    const fs::path libraries = (home / CORVANE_LIBRARIES_FROM_PROGRAMS).lexically_normal();
+    return {home, libraries, libraries / "devkit"};
 }
 
 LibraryPaths withDefaults(LibraryPaths paths)

@@ -33,9 +33,13 @@ LibraryPaths withDefaults(LibraryPaths paths);
 // that says what is wrong and what to do.
 void checkLibraries(const LibraryPaths& paths);
 
-// Where a library is looked for, in this order, before it is left to the loader: beside the
-// program, in its build tree, and in lib/ beside an installation's bin/.
-std::vector<std::string> usualPlaces(const std::string& name);
+// The folder of the running program.
+std::string programFolder();
+
+// The folders in which libraries are looked for, in this order, before they are left to the
+// loader: the program's own, the plug-in's, and the devkit's. A module or an engine beside the
+// plug-in so comes before the devkit's.
+std::vector<std::string> usualFolders();
 
 struct Reply {
     Pairs results;                 // all of them, in the module's order

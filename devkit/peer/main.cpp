@@ -10,6 +10,7 @@
 
 #include "common/codec.h"
 #include "common/secrets.h"
+#include "common/version.h"
 #include "common/worker_process.h"
 #include "state_file.h"
 #include "worker.h"
@@ -144,6 +145,8 @@ int runCommandLine(int argc, char** argv)
     Options options;
     CLI::App app("The server's side of a key exchange, for tests", "corvane-ke-peer");
     app.require_subcommand(1);
+    app.set_version_flag("--version", "corvane-ke-peer " + versionWithCommit(),
+                         "Print the version");
     app.footer(
         "Values are Base64 in either alphabet, @FILE with such a text, or - for standard input.\n"
         "Exit codes: 0 success, 1 refused or a file failed, 2 usage");

@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "common/secrets.h"
+#include "host/host_session.h"
 #include "service/front/fronts.h"
 #include "service/operation/access_log.h"
 #include "service/operation/authorization.h"
@@ -59,15 +60,12 @@ Descriptor takeSignals()
     return Descriptor(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
 }
 
-// The key exchange's other side is beside this program, in its build tree too.
+// The key exchange's other side is beside this program; "" if it is not.
 std::string peerProgram()
 {
     std::error_code ignored;
-    const fs::path home = fs::read_symlink("/proc/self/exe", ignored).parent_path();
-    for (const char* place : {"corvane-ke-peer", "../peer/corvane-ke-peer"})
-        if (fs::exists(home / place, ignored))
-            return home / place;
-    return "";
+    const std::string program = programFolder() + "/corvane-ke-peer";
+    return fs::exists(program, ignored) ? program : "";
 }
 
 // For a shell.

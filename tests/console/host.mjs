@@ -10,8 +10,8 @@ import { promisify } from 'node:util';
 export const build = process.env.CORVANE_BUILD;
 if (!build) throw new Error('CORVANE_BUILD must name the build tree');
 
-const hostProgram = path.join(build, 'devkit/host/corvane-host');
-const peerProgram = path.join(build, 'devkit/peer/corvane-ke-peer');
+const hostProgram = path.join(build, 'bin/corvane-host');
+const peerProgram = path.join(build, 'bin/corvane-ke-peer');
 
 // Ample: the machine may be busy.
 const START_LIMIT = 60000;  // milliseconds

@@ -241,7 +241,7 @@ TEST(ServeFiles, NeedAFolder)
 TEST_F(Serve, TellsItsState)
 {
     const Json status = host().status();
-    EXPECT_EQ("1.0.0", status["version"]);
+    EXPECT_EQ(CORVANE_VERSION, status["version"]);
     EXPECT_EQ(2U, status["workers"].size());
     EXPECT_EQ(256, status["limits"]["batch"]);
     EXPECT_NE(std::string::npos, status["engine"].get<std::string>().find("development engine"));

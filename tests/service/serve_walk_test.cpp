@@ -153,7 +153,8 @@ std::map<std::string, ServeWalk::Check> ServeWalk::checks()
     };
 
     return {
-        {"version", [](auto& data) { EXPECT_NE(std::string::npos, data.find("1.0.0")) << data; }},
+        {"version",
+         [](auto& data) { EXPECT_NE(std::string::npos, data.find(CORVANE_VERSION)) << data; }},
         {"error_text", [](auto& data) { EXPECT_NE("", data); }},
         {"b64", gives(m_bytes)},
         {"b64_back", givesEscaped("bytes%2520%2500%2501%25FE")},

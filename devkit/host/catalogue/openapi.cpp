@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "common/version.h"
 #include "http_routes.h"
 #include "peer_steps.h"
 
@@ -359,7 +360,7 @@ Json openApi()
     return {{"openapi", "3.1.0"},
             {"info",
              {{"title", "Corvane reference host"},
-              {"version", CORVANE_VERSION},
+              {"version", productVersion()},
               {"description", description}}},
             {"servers", {{{"url", "http://127.0.0.1:8720"}}}},
             {"security", {{{"bearer", Json::array()}}}},

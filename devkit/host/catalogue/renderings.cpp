@@ -1,4 +1,5 @@
 #include "renderings.h"
+#include "common/version.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -260,7 +261,7 @@ Json catalogueJson()
     Json warnings = Json::array();
     for (const ComplaintKind& kind : complaintKinds())
         warnings.push_back({{"code", kind.code}, {"text", textOf(kind)}});
-    return {{"version", CORVANE_VERSION},
+    return {{"version", productVersion()},
             {"requests", requests},
             {"codes", codes},
             {"hostCodes", host},

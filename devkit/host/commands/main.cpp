@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "commands.h"
+#include "common/version.h"
 #include "host/exchange.h"
 #include "program.h"
 
@@ -32,6 +33,7 @@ ExitCode run(int argc, char** argv)
     CLI::App app("Reference host of the Corvane crypto plug-in", "corvane-host");
     app.require_subcommand(1);
     app.fallthrough();
+    app.set_version_flag("--version", "corvane-host " + versionWithCommit(), "Print the version");
     app.add_option("--plugin", program.paths.plugin, "Plug-in library")->type_name("PATH");
     app.add_option("--params", program.paths.params, "Parameter module library")->type_name("PATH");
     app.add_option("--engine", program.paths.engine, "Crypto engine library")->type_name("PATH");

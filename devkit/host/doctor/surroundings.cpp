@@ -1,4 +1,5 @@
 #include "surroundings.h"
+#include "common/version.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -78,8 +79,7 @@ Finding checkLibraryFile(const LibraryChoice& library)
     Finding finding = {std::string(library.what) + " file", Status::Ok, ""};
     if (path.empty()) {
         finding.status = Status::Note;
-        finding.detail = std::string(library.name) + " is neither at " +
-                         joined(usualPlaces(library.name)) +
+        finding.detail = std::string(library.name) + " is neither in " + joined(usualFolders()) +
                          " nor in the loader's folders; its cache remains";
         finding.hint = "name the file with --plugin, --params or --engine";
     } else if (!file.fault.empty()) {
@@ -234,7 +234,7 @@ Finding checkSystem()
     utsname system = {};
     uname(&system);
     return {"host", Status::Ok,
-            std::string("corvane-host " CORVANE_VERSION ", ") + system.sysname + " " +
+            std::string("corvane-host " + versionWithCommit() + ", ") + system.sysname + " " +
                 system.release + " " + system.machine + ", user " + std::to_string(geteuid())};
 }
 
@@ -242,7 +242,7 @@ Finding checkSearchPath()
 {
     const char* path = getenv("LD_LIBRARY_PATH");
     Finding finding = {"search path", Status::Ok, ""};
-    finding.detail = "beside the program, build tree, ../lib/corvane, ../lib; LD_LIBRARY_PATH " +
+    finding.detail = joined(usualFolders()) + "; LD_LIBRARY_PATH " +
                      (path == nullptr ? std::string("is not set") : std::string("is ") + path) +
                      "; the loader's folders: " + joined(loaderFolders());
     return finding;

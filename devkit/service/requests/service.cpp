@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "common/version.h"
 #include "host/catalogue/peer_steps.h"
 #include "host/catalogue/renderings.h"
 #include "service/workers/session_requests.h"
@@ -360,7 +361,8 @@ Json Service::status() const
                            {"sessions", m_sessions.countOf(slot)},
                            {"requests", info.served}});
     }
-    return {{"version", CORVANE_VERSION},
+    return {{"version", productVersion()},
+            {"commit", productCommit()},
             {"uptime_seconds", static_cast<long>(Seconds(Clock::now() - m_start).count())},
             {"engine", m_pool.version()},
             {"workers", workers},

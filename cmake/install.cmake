@@ -1,0 +1,73 @@
+# Where what ships lies, in an installation and, alike, in the build tree; and the component
+# that it belongs to: plugin, dev, devkit, host or doc.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# The libraries' folder is private: they are opened by their paths, and no loader searches it.
+set(PLUGIN_DIR ${CMAKE_INSTALL_LIBDIR}/corvane)
+set(DEVKIT_DIR ${PLUGIN_DIR}/devkit)
+set(HEADERS_DIR ${CMAKE_INSTALL_INCLUDEDIR}/corvane)
+# Programs look there by a path from their own folder, so that an installation can be moved.
+file(RELATIVE_PATH LIBRARIES_FROM_PROGRAMS
+  ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/corvane)
+set(BUILT_PROGRAMS ${PROJECT_BINARY_DIR}/bin)
+cmake_path(SET BUILT_LIBRARIES NORMALIZE ${BUILT_PROGRAMS}/${LIBRARIES_FROM_PROGRAMS})
+
+# ---- What is built.
+
+set_target_properties(Corvane_plugin PROPERTIES
+  LIBRARY_OUTPUT_DIRECTORY ${BUILT_LIBRARIES}
+  EXPORT_NAME plugin)
+install(TARGETS Corvane_plugin EXPORT CorvanePlugin
+  LIBRARY DESTINATION ${PLUGIN_DIR} COMPONENT plugin)
+install(TARGETS corvane_headers EXPORT CorvaneHeaders
+  FILE_SET HEADERS DESTINATION ${HEADERS_DIR} COMPONENT dev)
+
+if(CORVANE_DEVKIT)
+  set_target_properties(CorvaneParamsModule SoftModuleaven PROPERTIES
+    LIBRARY_OUTPUT_DIRECTORY ${BUILT_LIBRARIES}/devkit)
+  install(TARGETS CorvaneParamsModule SoftModuleaven
+    LIBRARY DESTINATION ${DEVKIT_DIR} COMPONENT devkit)
+  set_target_properties(corvane-host corvane-ke-peer PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${BUILT_PROGRAMS})
+  install(TARGETS corvane-host corvane-ke-peer RUNTIME COMPONENT host)
+  target_compile_definitions(corvane_host PRIVATE
+    CORVANE_LIBRARIES_FROM_PROGRAMS="${LIBRARIES_FROM_PROGRAMS}")
+endif()
+
+# ---- For those who build against it: find_package(Corvane) and pkg-config.
+
+set(CMAKE_CONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Corvane)
+foreach(part Headers Plugin)
+  install(EXPORT Corvane${part} NAMESPACE Corvane:: DESTINATION ${CMAKE_CONFIG_DIR} COMPONENT dev)
+endforeach()
+configure_package_config_file(cmake/CorvaneConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/cmake/CorvaneConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_CONFIG_DIR} PATH_VARS PLUGIN_DIR DEVKIT_DIR
+  NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/cmake/CorvaneConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/cmake/CorvaneConfig.cmake
+  ${PROJECT_BINARY_DIR}/cmake/CorvaneConfigVersion.cmake
+  DESTINATION ${CMAKE_CONFIG_DIR} COMPONENT dev)
+
+set(PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(PREFIX_FROM_PKGCONFIG /)
+cmake_path(RELATIVE_PATH PREFIX_FROM_PKGCONFIG BASE_DIRECTORY /${PKGCONFIG_DIR})
+configure_file(cmake/corvane.pc.in ${PROJECT_BINARY_DIR}/cmake/corvane.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/cmake/corvane.pc DESTINATION ${PKGCONFIG_DIR} COMPONENT dev)
+
+# ---- Documents, in the folders that their links name.
+
+install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+foreach(folder host engine)
+  install(FILES devkit/${folder}/README.md
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}/devkit/${folder} COMPONENT doc)
+endforeach()
+
+add_custom_target(uninstall
+  COMMAND ${CMAKE_COMMAND} -D BUILD=${PROJECT_BINARY_DIR}
+    -P ${PROJECT_SOURCE_DIR}/cmake/uninstall.cmake
+  VERBATIM)
