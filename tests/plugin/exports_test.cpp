@@ -243,6 +243,16 @@ TEST(Needed, HasNoSearchPath)
     EXPECT_EQ(dynamicNames("SONAME"), Names{"libCorvane_plugin.so"});
 }
 
+TEST(Version, IsInANoteOfTheFile)
+{
+    std::string notes;
+    for (const std::string& line : tool("readelf -n"))
+        notes += line + "\n";
+    EXPECT_TRUE(contains(notes, R"({"type":"corvane","name":"libCorvane_plugin.so","version":")"
+                                CORVANE_VERSION R"("})"))
+        << notes;
+}
+
 TEST(Hardening, BindsNowAndSealsItsTables)
 {
     bool relro = false;

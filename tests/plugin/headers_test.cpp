@@ -8,28 +8,14 @@
 #include <vector>
 
 #include "support/files.h"
+#include "support/shell.h"
 
 namespace {
 
+using support::shell;
+using support::ShellOutcome;
+
 const std::string SOURCES = std::string(CORVANE_SOURCE_DIR) + "/src";
-
-struct Outcome {
-    int status;
-    std::string output;  // of both streams
-};
-
-Outcome run(const std::string& command)
-{
-    Outcome outcome = {-1, ""};
-    FILE* output = popen(("{ " + command + "; } 2>&1").c_str(), "r");
-    if (output == nullptr)
-        return outcome;
-    char part[4096];
-    for (size_t got; (got = fread(part, 1, sizeof part, output)) > 0;)
-        outcome.output.append(part, got);
-    outcome.status = pclose(output);
-    return outcome;
-}
 
 // The compiler for this program's architecture.
 std::string compilerCommand(const std::string& name)
@@ -42,7 +28,7 @@ std::string compilerCommand(const std::string& name)
 
 bool installed(const std::string& compiler)
 {
-    return run("command -v " + compilerCommand(compiler)).status == 0;
+    return shell("command -v " + compilerCommand(compiler)).status == 0;
 }
 
 struct Language {
@@ -70,9 +56,9 @@ protected:
     void compile(const std::string& text)
     {
         const std::string source = scratch.write(std::string("source") + GetParam().suffix, text);
-        const Outcome outcome =
-            run(compilerCommand(GetParam().compiler) + " " + GetParam().options +
-                " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I'" + SOURCES + "' " + source);
+        const ShellOutcome outcome =
+            shell(compilerCommand(GetParam().compiler) + " " + GetParam().options +
+                  " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I'" + SOURCES + "' " + source);
         EXPECT_EQ(outcome.status, 0) << text << outcome.output;
     }
 
@@ -156,17 +142,17 @@ TEST(PlainBuild, OneCommandBuildsAWorkingPlugin)
         GTEST_SKIP() << "NOT TESTED: there is no g++";
     support::TemporaryFolder scratch;
     const std::string library = scratch.path("libplain.so");
-    Outcome built = run(compilerCommand("g++") + " -std=c++17 -O2 -shared -fPIC '" + SOURCES +
-                        "'/*.cpp -o " + library);
+    ShellOutcome built = shell(compilerCommand("g++") + " -std=c++17 -O2 -shared -fPIC '" +
+                               SOURCES + "'/*.cpp -o " + library);
     ASSERT_EQ(built.status, 0) << built.output;
     EXPECT_EQ(built.output, "");
 
     const std::string host = scratch.path("host");
-    built = run(compilerCommand("gcc") + " -std=c11 -I'" + SOURCES + "' " +
-                scratch.write("host.c", HOST) + " " + library + " -o " + host);
+    built = shell(compilerCommand("gcc") + " -std=c11 -I'" + SOURCES + "' " +
+                  scratch.write("host.c", HOST) + " " + library + " -o " + host);
     ASSERT_EQ(built.status, 0) << built.output;
 
-    const Outcome outcome = run(CORVANE_EMULATOR " " + host);
+    const ShellOutcome outcome = shell(CORVANE_EMULATOR " " + host);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output,
               "0 4 Zm9v\n"

@@ -4,10 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "shell.h"
 
 namespace support {
 
@@ -23,15 +24,9 @@ constexpr bool SANITIZED = false;
 inline std::vector<std::string> tool(const std::string& command)
 {
     std::vector<std::string> lines;
-    FILE* output = popen((CORVANE_TOOLCHAIN + command + " '" + LIBRARY + "'").c_str(), "r");
-    if (output == nullptr)
-        return lines;
-    std::string all;
-    char part[4096];
-    for (size_t got; (got = fread(part, 1, sizeof part, output)) > 0;)
-        all.append(part, got);
-    EXPECT_EQ(pclose(output), 0) << command;
-    std::istringstream stream(all);
+    const ShellOutcome ended = shell(CORVANE_TOOLCHAIN + command + " '" + LIBRARY + "'");
+    EXPECT_EQ(ended.status, 0) << command << ended.output;
+    std::istringstream stream(ended.output);
     for (std::string line; std::getline(stream, line);)
         lines.push_back(line);
     EXPECT_FALSE(lines.empty()) << command;
