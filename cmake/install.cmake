@@ -67,6 +67,25 @@ foreach(folder host engine)
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/devkit/${folder} COMPONENT doc)
 endforeach()
 
+# ---- Completion of command lines, where each shell looks for it. Debian's zsh leaves
+# share/zsh/site-functions to /usr/local; its packages use vendor-completions.
+
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(zsh_folder vendor-completions)
+else()
+  set(zsh_folder site-functions)
+endif()
+# corvane_completion(SHELL FOLDER FILE)
+function(corvane_completion shell folder file)
+  install(FILES devkit/host/commands/completion.${shell} RENAME ${file}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/${folder} COMPONENT host)
+endfunction()
+if(CORVANE_DEVKIT)
+  corvane_completion(bash bash-completion/completions corvane-host)
+  corvane_completion(zsh zsh/${zsh_folder} _corvane-host)
+  corvane_completion(fish fish/vendor_completions.d corvane-host.fish)
+endif()
+
 add_custom_target(uninstall
   COMMAND ${CMAKE_COMMAND} -D BUILD=${PROJECT_BINARY_DIR}
     -P ${PROJECT_SOURCE_DIR}/cmake/uninstall.cmake

@@ -4,7 +4,8 @@
 build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
     libmicrohttpd-dev libsystemd-dev openssl)
 
-test_packages=(libgtest-dev googletest binutils clang locales python3-cryptography-vectors)
+test_packages=(libgtest-dev googletest binutils clang fish locales
+    python3-cryptography-vectors zsh)
 
 # The stages of `./test.sh all`.
 all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python3

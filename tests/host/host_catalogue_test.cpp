@@ -418,49 +418,4 @@ TEST_F(HostDocuments, ConditionsAndSecretsAreForPrograms)
     EXPECT_EQ(false, parameters["strgcmTagLen"]["secret"]);
 }
 
-// ---- Completion, in the shell that it is for.
-
-class Completion : public Host {
-protected:
-    std::string complete(const std::string& line) const
-    {
-        const std::string program = file(
-            "complete", run({"completion"}).out +
-                            "\nCOMP_LINE=$1 COMP_POINT=${#1}\n_corvane_host '" CORVANE_HOST_PROGRAM
-                            "'\n"
-                            "printf '%s' \"${COMPREPLY[*]}\" >\"$0.out\"\n");
-        const std::string command = "bash -eu '" + program + "' '" + line + "'";
-        EXPECT_EQ(0, system(command.c_str())) << line;
-        return readWhole(program + ".out");
-    }
-};
-
-TEST_F(Completion, FollowsTheLine)
-{
-    EXPECT_EQ("describe", complete("corvane-host de"));
-    EXPECT_EQ("QZaven_wbsm4_encrypt QZaven_wbsm4_decrypt", complete("corvane-host call QZaven_wb"));
-    EXPECT_EQ("QZaven_crypto_kdf", complete("corvane-host --plugin call describe QZaven_crypto_k"));
-    EXPECT_EQ("strHashAlg= strKey= strdata=", complete("corvane-host call QZaven_crypto_hmac "));
-    EXPECT_EQ("1 3", complete("corvane-host call QZaven_crypto_public_encrypt strKeyPairType="));
-    EXPECT_EQ("3", complete("corvane-host call QZaven_crypto_public_encrypt strKeyPairType=3"));
-    EXPECT_EQ("", complete("corvane-host call QZaven_crypto_hmac strKey="));
-    EXPECT_EQ("--help --json --names --markdown", complete("corvane-host list --"));
-    EXPECT_EQ("--help --plugin --params --engine", complete("corvane-host -"));
-    EXPECT_EQ("1 2 3 4 5 6", complete("corvane-host bench QZaven_crypto_encrypt strMode="));
-    EXPECT_EQ("busy", complete("corvane-host explain bu"));
-    EXPECT_EQ("-20215 -20216", complete("corvane-host explain -202"));
-    EXPECT_EQ("", complete("corvane-host list "));
-    EXPECT_EQ("", complete("corvane-host nothing QZaven_wb"));
-}
-
-TEST_F(Completion, OffersEverySubcommand)
-{
-    const std::string help = run({"--help"}).out;
-    std::istringstream offered(complete("corvane-host "));
-    size_t count = 0;
-    for (std::string name; offered >> name; ++count)
-        EXPECT_TRUE(holds(help, "\n  " + name + " ")) << name << "\n" << help;
-    EXPECT_GE(count, 7U);
-}
-
 }  // namespace

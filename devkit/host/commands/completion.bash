@@ -19,6 +19,7 @@ _corvane_host() # PROGRAM, as it was typed
     explain:*) words=$("$host" explain | sed 's/ .*//') ;;
     *:-*) words=$("$host" $subcommand --help | sed -nE 's/^  (-.,)?(--[a-z-]+).*/\2/p') ;;
     :*) words=$("$host" --help | sed -nE '/^Subcommands/,/^$/s/^  ([a-z]+) .*/\1/p') ;;
+    completion:*) words="bash zsh fish" ;;
     call::* | describe::* | bench::*) words=$("$host" list --names) ;;
     # Names with their values while a value is typed, names alone before.
     call:*=* | bench:*=*) words=$("$host" describe "$request" --names) ;;
