@@ -61,11 +61,28 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/corvane.pc DESTINATION ${PKGCONFIG_DIR
 # ---- Documents, in the folders that their links name.
 
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc PATTERN man EXCLUDE)
 foreach(folder host engine)
   install(FILES devkit/${folder}/README.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/devkit/${folder} COMPONENT doc)
 endforeach()
+
+# ---- Manual pages, which carry the version; they are read before an installation by
+# `man -M build/release/share/man corvane-host`.
+
+set(MAN_DATE "November 22, 2026")  # when what they say was last changed
+set(BUILT_MAN ${PROJECT_BINARY_DIR}/share/man)
+# corvane_page(NAME SECTION COMPONENT)
+function(corvane_page name section component)
+  set(page ${BUILT_MAN}/man${section}/${name}.${section})
+  configure_file(docs/man/${name}.${section}.in ${page} @ONLY)
+  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+endfunction()
+corvane_page(corvane_plugin 3 dev)
+if(CORVANE_DEVKIT)
+  corvane_page(corvane-host 1 host)
+  corvane_page(corvane-ke-peer 1 host)
+endif()
 
 # ---- Completion of command lines, where each shell looks for it. Debian's zsh leaves
 # share/zsh/site-functions to /usr/local; its packages use vendor-completions.
