@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "support/document_table.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -27,15 +29,6 @@ struct Include {
     std::string what;
 };
 
-std::vector<std::string> namesIn(const std::string& text)
-{
-    static const std::regex name("`([^`]+)`");
-    std::vector<std::string> names;
-    for (std::sregex_iterator hit(text.begin(), text.end(), name), end; hit != end; ++hit)
-        names.push_back((*hit)[1]);
-    return names;
-}
-
 // The rows "| `folder` | what it is | `folder`, ... |".
 Rooms readRooms(std::istream& text)
 {
@@ -44,7 +37,7 @@ Rooms readRooms(std::istream& text)
     std::smatch match;
     for (std::string line; std::getline(text, line);)
         if (std::regex_match(line, match, row)) {
-            Room room = {match[1], namesIn(match[2])};
+            Room room = {match[1], support::namesIn(match[2])};
             for (std::string& used : room.uses)
                 used.erase(used.find_last_not_of('/') + 1);
             rooms.push_back(room);
