@@ -66,18 +66,10 @@ typedef struct EnvelopeParams {
 } EnvelopeParams;
 
 /*
- * The engine's functions in the order in which the plug-in resolves them, one row
- * each: X(result, name, parameters). Users expand the list with an X of their own:
- * the plug-in into function pointers, an engine into the declarations of its
- * exports (so that a wrong signature does not compile).
- *
- *   aven_global_set_logger   where the engine writes its log; the result is ignored
- *   aven_crypto_base64_*     with out = null and *out_len = 0: stores the needed
- *                            length in *out_len; so do aven_ke_hmac, aven_ke_cmac
- *   aven_crypto_encrypt      tag: tag_len bytes are written in GCM mode; null, 0 else
- *   aven_crypto_decrypt      tag: the tag to verify in GCM mode; null, 0 else
- *   aven_crypto_kdf          fills exactly out_len bytes of out
- *   aven_wbsm4_*             kind is always 1
+ * The engine's functions in the order in which the plug-in resolves them, one row each:
+ * X(result, name, parameters). Users expand the list with an X of their own, the plug-in
+ * into function pointers. What each function does is told at its declaration, at the end
+ * of this file; headers_test holds the two against each other.
  */
 /* clang-format off */
 #define AVEN_ENGINE_FUNCTIONS(X)                                                          \
@@ -187,4 +179,150 @@ AVEN_LAYOUT(EnvelopeParams, keypair, 8);
 AVEN_LAYOUT(EnvelopeParams, certificate, 16);
 #undef AVEN_LAYOUT
 
+#endif
+
+/*
+ * The declarations of the same functions, for who writes an engine: the source defines
+ * AVEN_ENGINE_PROTOTYPES and includes this header. A definition with a wrong signature
+ * then does not compile, and the functions are exported under -fvisibility=hidden too.
+ * Others go without: the plug-in finds the functions at run time.
+ */
+#if defined(AVEN_ENGINE_PROTOTYPES) && !defined(AVEN_ENGINE_PROTOTYPES_DECLARED)
+#define AVEN_ENGINE_PROTOTYPES_DECLARED
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/* The engine as a whole. Called by Corvane_plugin_Init and Corvane_plugin_Free, which print
+   the code of a failed start and ignore that of the end. */
+int aven_global_init(void);
+int aven_global_cleanup(void);
+
+/* Names the file that the engine writes its log to; called behind aven_global_init also if
+   that failed. The result is ignored. */
+int aven_global_set_logger(const char* target);
+
+/* The engine's own version, for people. */
+const char* aven_version(void);
+
+/* The text of one of the engine's codes; any number may be asked for. */
+const char* aven_strerror(int code);
+
+/* Base64 in the standard alphabet. With out = null and *out_len = 0: stores the needed
+   length in *out_len. */
+int aven_crypto_base64_encode(const unsigned char* in, uint32_t in_len, unsigned char* out,
+                              uint32_t* out_len);
+int aven_crypto_base64_decode(const unsigned char* in, uint32_t in_len, unsigned char* out,
+                              uint32_t* out_len);
+
+/*
+ * Key exchange, the client's side. A handle travels to the client and back as a number
+ * that the plug-in does not check: an engine should look it up, not follow it.
+ */
+
+/* Stores the handle of a new session in *ke; the client frees it by aven_ke_free. */
+int aven_ke_new(void** ke);
+int aven_ke_free(void* ke);
+
+/* The client's own keys and certificates, each in a text form of the engine's choice. */
+int aven_ke_set_public_key(void* ke, const unsigned char* sig_key, uint32_t sig_key_len,
+                           const unsigned char* enc_key, uint32_t enc_key_len,
+                           const char* password);
+int aven_ke_set_certificate(void* ke, const unsigned char* sig_cert, uint32_t sig_cert_len,
+                            const unsigned char* enc_cert, uint32_t enc_cert_len,
+                            const char* password);
+
+/* The roots that the server's certificates must lead to: a file, a folder, or both. */
+int aven_ke_set_root_certificate(void* ke, const char* ca_file, const char* ca_path);
+
+/* The client's first message. */
+int aven_ke_client_hello(void* ke, unsigned char* out, uint32_t* out_len);
+
+/* Takes the server's answer, whose parts may be empty, and writes the client's second
+   message. From then on the session has keys. */
+int aven_ke_client_key_exchange(void* ke, const unsigned char* srvr_rand, uint32_t srvr_rand_len,
+                                const unsigned char* srvr_sig_cert, uint32_t srvr_sig_cert_len,
+                                const unsigned char* srvr_enc_cert, uint32_t srvr_enc_cert_len,
+                                const unsigned char* srvr_sign, uint32_t srvr_sign_len,
+                                unsigned char* out, uint32_t* out_len);
+
+/* To and from the server, under the session's keys. */
+int aven_ke_encrypt(void* ke, const unsigned char* in, uint32_t in_len, unsigned char* out,
+                    uint32_t* out_len);
+int aven_ke_decrypt(void* ke, const unsigned char* in, uint32_t in_len, unsigned char* out,
+                    uint32_t* out_len);
+
+/* Under the session's keys. With out = null and *out_len = 0: stores the needed length in
+ *out_len. */
+int aven_ke_hmac(void* ke, const unsigned char* in, uint32_t in_len, unsigned char* out,
+                 uint32_t* out_len);
+int aven_ke_cmac(void* ke, const unsigned char* in, uint32_t in_len, unsigned char* out,
+                 uint32_t* out_len);
+
+/* params: a PkeyCipherParams whose key pair has the public or the private key. */
+int aven_crypto_public_encrypt(const void* params, const unsigned char* in, uint32_t in_len,
+                               unsigned char* out, uint32_t* out_len);
+int aven_crypto_private_decrypt(const void* params, const unsigned char* in, uint32_t in_len,
+                                unsigned char* out, uint32_t* out_len);
+
+/* params: a SymmCipherParams. In GCM mode the engine writes exactly tag_len bytes to tag,
+   the caller's zero-filled buffer; in others tag is null and tag_len 0. */
+int aven_crypto_encrypt(const void* params, const unsigned char* in, uint32_t in_len,
+                        unsigned char* out, uint32_t* out_len, int tag_len, unsigned char* tag);
+
+/* params: a SymmCipherParams. In GCM mode a tag that does not verify is a failure; in
+   others tag is null and tag_len 0. */
+int aven_crypto_decrypt(const void* params, const unsigned char* in, uint32_t in_len,
+                        const unsigned char* tag, uint32_t tag_len, unsigned char* out,
+                        uint32_t* out_len);
+
+/* A random key for cipher algorithm `type`, 1 to 7. */
+int aven_crypto_gen_symmkey(int type, unsigned char* out, uint32_t* out_len);
+
+/* params: a MacParams with a hash number. */
+int aven_crypto_hmac(const void* params, const unsigned char* in, uint32_t in_len,
+                     unsigned char* out, uint32_t* out_len);
+
+/* Reads a key pair from the text of its private key, of its public key, or of both, and
+   stores it in *keypair; the caller frees it by aven_keypair_free. `type` is what the
+   request named, 0 if it named none. */
+int aven_keypair_unmarshal(int type, const unsigned char* private_key, uint32_t private_key_len,
+                           const unsigned char* public_key, uint32_t public_key_len,
+                           const char* password, void** keypair);
+int aven_keypair_free(void* keypair);
+
+/* params: a MacParams with a cipher algorithm number. */
+int aven_crypto_cmac(const void* params, const unsigned char* in, uint32_t in_len,
+                     unsigned char* out, uint32_t* out_len);
+
+/* Reads a certificate's text and stores the certificate in *certificate; the caller frees
+   it by aven_certificate_free. */
+int aven_certificate_unmarshal(const unsigned char* cert, uint32_t cert_len, const char* password,
+                               void** certificate);
+int aven_certificate_free(void* certificate);
+
+/* Derives a key with hash `alg`, 1 to 6, or 0 for the engine's default: fills exactly
+   out_len bytes of out. */
+int aven_crypto_kdf(int alg, const unsigned char* in, uint32_t in_len, uint32_t out_len,
+                    unsigned char* out);
+
+/* Seals for the holder of a certificate, and opens. params: an EnvelopeParams. */
+int aven_crypto_pkcs7_encrypt(const void* params, const unsigned char* in, uint32_t in_len,
+                              unsigned char* out, uint32_t* out_len);
+int aven_crypto_pkcs7_decrypt(const void* params, const unsigned char* in, uint32_t in_len,
+                              unsigned char* out, uint32_t* out_len);
+
+/* White-box SM4. kind is always 1. */
+int aven_wbsm4_encrypt(int kind, const unsigned char* key, uint32_t key_len,
+                       const unsigned char* iv, uint32_t iv_len, const unsigned char* in,
+                       uint32_t in_len, unsigned char* out, uint32_t* out_len);
+int aven_wbsm4_decrypt(int kind, const unsigned char* key, uint32_t key_len,
+                       const unsigned char* iv, uint32_t iv_len, const unsigned char* in,
+                       uint32_t in_len, unsigned char* out, uint32_t* out_len);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
 #endif

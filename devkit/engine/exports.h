@@ -1,13 +1,9 @@
-// Declares the engine's 34 functions from the contract's list, so that a definition
-// with a wrong signature does not compile.
+// Declares the engine's functions, so that a definition with a wrong signature does not
+// compile and they alone are exported.
 #ifndef CORVANE_ENGINE_EXPORTS_H
 #define CORVANE_ENGINE_EXPORTS_H
 
+#define AVEN_ENGINE_PROTOTYPES
 #include "engine_interface.h"
-
-#define DECLARE(result, name, params) \
-    extern "C" __attribute__((visibility("default"))) result name params;
-AVEN_ENGINE_FUNCTIONS(DECLARE)
-#undef DECLARE
 
 #endif

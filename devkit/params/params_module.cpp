@@ -1,3 +1,4 @@
+#define CORVANE_PARAMS_PROTOTYPES
 #include "params_module.h"
 
 #include <pthread.h>
@@ -12,10 +13,6 @@
 #include <vector>
 
 #include "common/lifetime_gate.h"
-
-#define DECLARE(name, params) extern "C" __attribute__((visibility("default"))) int name params;
-CORVANE_PARAMS_FUNCTIONS(DECLARE)
-#undef DECLARE
 
 namespace {
 

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -109,12 +112,95 @@ TEST_P(Headers, DeclareWhatAHostCalls)
         "    CV_Base64Decode;\n");
 }
 
+struct Contract {
+    const char* header;
+    const char* prototypes;  // with this macro the header declares the functions
+    const char* list;        // this macro lists them
+    const char* row;         // ROW, of one in the list, with `result`, `name` and `parameters`
+    const char* result;
+};
+
+const Contract CONTRACTS[] = {
+    {"params_interface.h", "CORVANE_PARAMS_PROTOTYPES", "CORVANE_PARAMS_FUNCTIONS",
+     "ROW(name, parameters)", "int"},
+    {"engine_interface.h", "AVEN_ENGINE_PROTOTYPES", "AVEN_ENGINE_FUNCTIONS",
+     "ROW(result, name, parameters)", "result"},
+};
+
+std::string includeLine(const Contract& contract)
+{
+    return std::string("#include \"") + contract.header + "\"\n";
+}
+
+std::string prototypesLine(const Contract& contract)
+{
+    return std::string("#define ") + contract.prototypes + "\n";
+}
+
+// The list with each function as `text`, in which {} stands for the result's type.
+std::string listAs(const Contract& contract, std::string text)
+{
+    text.replace(text.find("{}"), 2, contract.result);
+    return std::string("#define ") + contract.row + " " + text + "\n" + contract.list + "(ROW)\n";
+}
+
+TEST_P(Headers, DeclarationsHaveTheListsTypes)
+{
+    for (const Contract& contract : CONTRACTS)
+        compile(prototypesLine(contract) + includeLine(contract) +
+                listAs(contract, "{}(*p_##name) parameters = name;"));
+}
+
+TEST_P(Headers, DeclareTheFunctionsAlsoAfterTheyWereIncludedWithout)
+{
+    for (const Contract& contract : CONTRACTS)
+        compile(includeLine(contract) + prototypesLine(contract) + includeLine(contract) +
+                includeLine(contract) + listAs(contract, "{}(*p_##name) parameters = name;"));
+}
+
 std::string languageName(const testing::TestParamInfo<Language>& language)
 {
     return language.param.name;
 }
 
 INSTANTIATE_TEST_SUITE_P(Compilers, Headers, testing::ValuesIn(LANGUAGES), languageName);
+
+// What the preprocessor makes of a text, without blanks.
+std::string preprocessed(const std::string& text)
+{
+    support::TemporaryFolder scratch;
+    ShellOutcome outcome = shell(compilerCommand("gcc") + " -E -P -I'" + SOURCES + "' " +
+                                 scratch.write("source.c", text));
+    EXPECT_EQ(outcome.status, 0) << outcome.output;
+    std::string& output = outcome.output;
+    output.erase(std::remove_if(output.begin(), output.end(), isspace), output.end());
+    return output;
+}
+
+// The declarations are for readers, the list is what the code goes by: same functions in the
+// same order, same types, same names of parameters.
+TEST(Prototypes, SayWhatTheListSays)
+{
+    if (!installed("gcc"))
+        GTEST_SKIP() << "NOT TESTED: there is no gcc";
+    for (const Contract& contract : CONTRACTS) {
+        const std::string without = preprocessed(includeLine(contract));
+        const std::string with = preprocessed(prototypesLine(contract) + includeLine(contract));
+        ASSERT_EQ(with.substr(0, without.size()), without);
+
+        std::string declared = with.substr(without.size());
+        for (const char* around :
+             {"#pragmaGCCvisibilitypush(default)", "#pragmaGCCvisibilitypop"}) {
+            const size_t at = declared.find(around);
+            ASSERT_NE(at, std::string::npos) << declared;
+            declared.erase(at, strlen(around));
+        }
+        const std::string listed =
+            preprocessed(includeLine(contract) + listAs(contract, "{} name parameters;"));
+        EXPECT_EQ(declared, listed.substr(without.size()));
+        EXPECT_NE(declared, "");
+    }
+}
 
 // A host in C that is linked to the library and prints what it gets from it.
 const char* const HOST =
