@@ -4,7 +4,7 @@
 build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
     libmicrohttpd-dev libsystemd-dev openssl)
 
-test_packages=(libgtest-dev googletest binutils clang fish locales man-db mandoc
+test_packages=(libgtest-dev googletest binutils clang fish locales make man-db mandoc pkgconf
     python3-cryptography-vectors zsh)
 
 # The stages of `./test.sh all`.

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "support/files.h"
+#include "support/held.h"
 #include "support/shell.h"
 
 namespace {
@@ -200,6 +201,16 @@ TEST_F(Installed, ServesARequestAndTheKeyExchangesOtherSide)
     const ShellOutcome peer =
         run("corvane-ke-peer", "make-certs " + quoted(scratch.path() / "certificates"));
     EXPECT_EQ(0, peer.status) << peer.output;
+}
+
+TEST_F(Installed, IsEnoughForAHostOfOnesOwn)
+{
+    if (support::sanitized)
+        GTEST_SKIP() << "NOT TESTED: such a library wants a host that is built alike";
+    const ShellOutcome built =
+        shell(quoted(CORVANE_SOURCE_DIR "/tests/own_host.sh") + " " + quoted(prefix) +
+              " '" CORVANE_TOOLCHAIN "' '" CORVANE_EMULATOR "'");
+    EXPECT_EQ(0, built.status) << built.output;
 }
 
 TEST_F(Installed, UninstallTakesBackWhatItWroteAndNothingElse)
