@@ -3,6 +3,15 @@
 #   ./run.sh                    every request, through all four layers
 #   ./run.sh serve [OPTION]...  the host as a service (docs/serving.md)
 #   ./run.sh --help             these lines
+#
+# Debian packages that are missing are installed. With CORVANE_NO_INSTALL=1 in the environment
+# nothing is: what is missing is named, and the build goes on with what is there.
+#
+# What else there is:
+#   ./test.sh                   builds and runs the tests (./test.sh --help)
+#   build/release/bin/          corvane-host and corvane-ke-peer, once built; each has --help
+#   README.md, docs/            for integrators and operators; CONTRIBUTING.md for changes
+#   examples/own-host/          a host and a parameter module of one's own
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 . packaging/packages.sh

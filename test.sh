@@ -5,6 +5,9 @@
 #                   emulation, coverage, fuzzers, a minute of load, the console in a browser,
 #                   reproducibility
 #   ./test.sh --help  these lines
+#
+# Debian packages that are missing are installed. With CORVANE_NO_INSTALL=1 in the environment
+# nothing is: what is missing is named, and the tests go on with what is there.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 . packaging/packages.sh

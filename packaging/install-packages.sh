@@ -2,7 +2,23 @@
 # Installs the Debian packages that are named and missing, and says so on standard error. A name
 # may end in an architecture (libssl-dev:arm64), which is then added to those of the machine.
 # Needs root or sudo only when there is something to install.
+#
+# With CORVANE_NO_INSTALL=1 in the environment nothing is installed: what is missing is named as it
+# is called on any system, and the script that asked goes on. Without dpkg there is no other way.
 set -euo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/needs.sh"
+
+if [ "${CORVANE_NO_INSTALL-}" = 1 ]; then
+    missing=$(show_needs missing "$@")
+    [ -z "$missing" ] || printf 'Nothing is installed, as CORVANE_NO_INSTALL says. Needed:\n%s\n' "$missing" >&2
+    exit 0
+fi
+if ! command -v dpkg-query >/dev/null; then
+    printf '%s\n' "There is no dpkg on this machine, so nothing can be installed here. Needed:" \
+        "$(show_needs all "$@")" \
+        "Install what is missing; CORVANE_NO_INSTALL=1 in the environment then goes on without dpkg." >&2
+    exit 1
+fi
 
 missing=()
 for package in "$@"; do

@@ -42,6 +42,15 @@ says() {
     [[ $output == *"$text"* ]]
 }
 
+# names TEXT COMMAND...: succeeds, and says so.
+names() {
+    local text=$1 output
+    shift
+    output=$("$@" 2>&1) || return 1
+    echo "$output"
+    [[ $output == *"$text"* ]]
+}
+
 # in_tree TREE COMMAND: in a shell that builds as the scripts do.
 in_tree() {
     (cd "$1" && shift && bash -c "set -euo pipefail; . cmake/build.sh; $*")
@@ -71,6 +80,48 @@ for script in run.sh test.sh; do
     done
 done
 expect "refused words build nothing" test ! -e "$first/build"
+for words in ./test.sh docs/ corvane-host CORVANE_NO_INSTALL; do
+    expect "run.sh --help names $words" names "$words" "$first/run.sh" --help
+done
+
+# A system of another kind: all programs of this one but dpkg, apt-get that leaves a trace, and
+# cmake that only tells how far it came.
+other=$scratch/other
+mkdir "$other"
+IFS=: read -ra folders <<<"$PATH"
+for folder in "${folders[@]}"; do
+    find "$folder/" -maxdepth 1 -perm /111 ! -name 'dpkg*' ! -name 'apt*' -exec ln -sft "$other" {} +
+done 2>/dev/null
+rm -f "$other/cmake"
+printf '#!/bin/sh\necho "as far as cmake"\nexit 1\n' >"$other/cmake"
+printf '#!/bin/sh\n: >"%s/installed"\n' "$scratch" >"$other/apt-get"
+chmod +x "$other/cmake" "$other/apt-get"
+elsewhere() { PATH=$other CORVANE_NO_INSTALL='' "$@"; }
+elsewhere_as_is() { PATH=$other CORVANE_NO_INSTALL=1 "$@"; }
+
+for script in run.sh test.sh; do
+    for words in "no dpkg" CORVANE_NO_INSTALL=1 "program  ninja" "library  CLI11" "CMake OpenSSL"; do
+        expect "$script without dpkg says $words" says "$words" elsewhere "$first/$script"
+    done
+    expect "$script without dpkg, told to install nothing, goes on" \
+        says "as far as cmake" elsewhere_as_is "$first/$script"
+done
+expect "test.sh without dpkg says GoogleTest" says "library  GoogleTest" elsewhere "$first/test.sh"
+rm -rf "$first/build"
+
+install=$first/packaging/install-packages.sh
+silent() { [ -z "$("$@" 2>&1)" ]; }
+expect "what is there is not named" \
+    silent elsewhere_as_is "$install" "${build_packages[@]}" "${test_packages[@]}"
+rm "$other/ninja"
+expect "a missing program is named" names "missing  program  ninja" \
+    elsewhere_as_is "$install" "${build_packages[@]}"
+expect "missing libraries are named" names "missing  library  OpenSSL 3 (pkg-config openssl" \
+    env CXX="g++ -nostdinc" CORVANE_NO_INSTALL=1 "$install" "${build_packages[@]}"
+expect "nothing is installed where that is not wanted" names "missing  program  corvane-nothing" \
+    elsewhere_as_is "$install" corvane-nothing
+expect "also where there is dpkg" ends_with 0 env CORVANE_NO_INSTALL=1 "$install" corvane-nothing
+expect "no installer was called" test ! -e "$scratch/installed"
 
 mark "$first"
 expect "a first build" in_tree "$first" "$as_run"
