@@ -7,6 +7,9 @@ build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
 test_packages=(libgtest-dev googletest binutils clang fish locales make man-db mandoc pkgconf
     python3-cryptography-vectors zsh)
 
+# Packages and images.
+image_packages=(binutils buildah)
+
 # The stages of `./test.sh all`.
 all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python3
     shellcheck valgrind)

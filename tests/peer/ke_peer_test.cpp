@@ -214,11 +214,11 @@ TEST_F(Peer, TamperedAndCutMessagesAreRefused)
 TEST_F(Peer, TalksWithTheHostThroughPlugInAndEngine)
 {
     for (const char* kind : {"", " --rsa"}) {
-        const std::string build =
-            std::filesystem::path(CORVANE_HOST_PROGRAM).parent_path().parent_path().parent_path();
-        EXPECT_EQ(
-            runCommand("'" CORVANE_SOURCE_DIR "/devkit/demo.sh' '" + build + "' --exchange" + kind),
-            0)
+        const std::string prefix =
+            std::filesystem::path(CORVANE_HOST_PROGRAM).parent_path().parent_path();
+        EXPECT_EQ(runCommand("'" CORVANE_SOURCE_DIR "/devkit/demo.sh' '" + prefix + "' --exchange" +
+                             kind),
+                  0)
             << read("out") << read("err");
         std::string checks;
         std::istringstream out(read("out"));
