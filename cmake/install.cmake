@@ -61,7 +61,8 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/corvane.pc DESTINATION ${PKGCONFIG_DIR
 # ---- Documents, in the folders that their links name.
 
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc PATTERN man EXCLUDE)
+install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc
+  PATTERN man EXCLUDE PATTERN build EXCLUDE)
 foreach(folder host engine)
   install(FILES devkit/${folder}/README.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/devkit/${folder} COMPONENT doc)
