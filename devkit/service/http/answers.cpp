@@ -8,6 +8,10 @@ namespace {
 // Slower readers of an answer are cut off.
 constexpr double slowestBytesPerSecond = 65536;
 
+// A larger body may have filled the library's buffer. Then the next request may be in the socket
+// without an event that tells of it.
+constexpr size_t mostOfOneRead = size_t{16} << 10;
+
 // For pages and what belongs to them, which browsers show.
 constexpr const char* pageHeaders[][2] = {
     {"Content-Security-Policy",
@@ -88,6 +92,7 @@ MHD_Result Server::queue(Exchange& exchange)
     if (!isWhole)
         return MHD_NO;
 
+    ++m_queued;
     m_shared.metrics.countAnswer(answer.status);
     exchange.status = answer.status;
     exchange.connection.phase = Connection::Answering;
@@ -119,6 +124,7 @@ void Server::finish(Connection& connection, bool isWhole)
 {
     const std::shared_ptr<Exchange> exchange = std::move(connection.exchange);
     connection.exchange = nullptr;
+    m_unfinished += exchange->received > mostOfOneRead ? 1 : 0;
     connection.phase = Connection::Reading;
     connection.deadline = after(m_draining ? grace() : Seconds(m_options.readSeconds));
     withoutFailure("a request is not logged", [&] { log(*exchange, isWhole); });

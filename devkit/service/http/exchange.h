@@ -73,6 +73,8 @@ struct Server::Exchange {
     bool isDispatched = false;
     bool isForgotten = false;  // dispatched, but no answer will come
     bool isSuspended = false;
+    unsigned looks = 0;   // of the library for the answer
+    size_t lastRead = 0;  // the run in which the library read a part of it
     bool mustClose = false;
     std::string body;
     size_t received = 0;

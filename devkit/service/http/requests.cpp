@@ -5,6 +5,13 @@
 #include "common/text.h"
 #include "exchange.h"
 
+namespace {
+
+// Suspending a connection and resuming it takes about as long as so many looks for its answer.
+constexpr unsigned mostLooks = 16;
+
+}  // namespace
+
 void* Server::onUri(void* self, const char* uri, MHD_Connection* handle)
 {
     Server& server = *static_cast<Server*>(self);
@@ -60,25 +67,41 @@ MHD_Result Server::onRequest(void* self, MHD_Connection* /*handle*/, const char*
 
 MHD_Result Server::take(Exchange& exchange, const FirstLine& first, const char* data, size_t* size)
 {
+    const bool isWhole = exchange.isStarted && *size == 0;
+    if (!isWhole && std::exchange(exchange.lastRead, m_runs) != m_runs)
+        ++m_unfinished;
     if (!exchange.isStarted)
         return takeHead(exchange, first);
-    if (*size > 0)
+    if (!isWhole)
         return takePiece(exchange, {data, std::exchange(*size, 0)});
 
     exchange.connection.phase = Connection::Working;
     if (!exchange.answer && !exchange.isDispatched) {
         exchange.isDispatched = true;
+        m_unfinished -= exchange.lastRead == m_runs ? 1 : 0;
         dispatch(exchange);
         wipe(exchange.body);
-        if (!exchange.answer && !exchange.isForgotten) {
-            exchange.isSuspended = true;
-            MHD_suspend_connection(exchange.handle);
-            return MHD_YES;
-        }
+    }
+    if (!exchange.answer && !exchange.isForgotten) {
+        waitForAnswer(exchange);
+        return MHD_YES;
     }
     if (!exchange.answer)
         exchange.answer = answerOf(Refusal(Reason::no_memory));
     return queue(exchange);
+}
+
+// The library asks again in each of its runs until there is an answer, which mostly comes soon.
+// One that does not is waited for with the connection suspended. TLS always is: the library may
+// hold a part of another request there without saying so.
+void Server::waitForAnswer(Exchange& exchange)
+{
+    if (m_options.tlsCert.empty() && exchange.looks++ < mostLooks) {
+        ++m_looks;
+        return;
+    }
+    exchange.isSuspended = true;
+    MHD_suspend_connection(exchange.handle);
 }
 
 MHD_Result Server::takeHead(Exchange& exchange, const FirstLine& first)

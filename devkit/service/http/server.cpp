@@ -112,10 +112,24 @@ Server::~Server()
     wipe(m_key);
 }
 
+void Server::runOnce()
+{
+    ++m_runs;
+    m_looks = m_queued = m_unfinished = 0;
+    MHD_run(m_daemon);
+}
+
 int Server::run()
 {
     const size_t before = m_calls;
-    MHD_run(m_daemon);
+    runOnce();
+    // What the library was given in this run it mostly sends in the next one.
+    if (m_queued > 0)
+        runOnce();
+    // It wants to run again at once for each answer it looks for, but there is nothing to do
+    // until one comes.
+    if (m_looks > 0 && m_queued == 0 && m_unfinished == 0)
+        return -1;
     MHD_UNSIGNED_LONG_LONG milliseconds = 0;
     const bool hasTimeout = MHD_get_timeout(m_daemon, &milliseconds) == MHD_YES;
     const bool isIdle = hasTimeout && milliseconds == 0 && m_calls == before;
@@ -149,7 +163,7 @@ void Server::acceptAll()
     size_t before;
     do {
         before = m_accepted;
-        MHD_run(m_daemon);
+        runOnce();
     } while (m_accepted != before && poll(&waiting, 1, 0) > 0 && Clock::now() < end);
 }
 

@@ -65,6 +65,7 @@ private:
     static void onCompleted(void* self, MHD_Connection* connection, void** context,
                             MHD_RequestTerminationCode how);
 
+    void runOnce();
     void acceptAll();
     void add(MHD_Connection* handle, void** context);
     void remove(Connection& connection, MHD_Connection* handle);
@@ -80,6 +81,7 @@ private:
     void checkBody(Exchange& exchange);
     void makeRoom(Exchange& exchange, size_t bytes);
     void dispatch(Exchange& exchange);
+    void waitForAnswer(Exchange& exchange);
     MHD_Result queue(Exchange& exchange);
     MHD_Response* makeResponse(Exchange& exchange);
 
@@ -99,7 +101,13 @@ private:
     std::string m_key;
     MHD_Daemon* m_daemon = nullptr;
     std::map<Connection*, std::unique_ptr<Connection>> m_connections;
-    size_t m_calls = 0;       // of the library
+    size_t m_calls = 0;  // of the library
+    size_t m_runs = 0;   // of the library
+    // In the last run: answers it looked for in vain, answers it was given, and requests of
+    // which more may be there to read.
+    size_t m_looks = 0;
+    size_t m_queued = 0;
+    size_t m_unfinished = 0;
     size_t m_accepted = 0;    // connections, ever
     size_t m_idleRounds = 0;  // of run() in which it did not call, less those that were paid for
     bool m_draining = false;
