@@ -26,7 +26,10 @@ std::string_view firstLines(std::string_view lines)
 LineSink::LineSink(int descriptor) : m_descriptor(descriptor)
 {
     struct stat info = {};
-    m_isSocket = fstat(descriptor, &info) == 0 && S_ISSOCK(info.st_mode);
+    if (fstat(descriptor, &info) == 0) {
+        m_isSocket = S_ISSOCK(info.st_mode);
+        m_isFile = S_ISREG(info.st_mode);
+    }
     // A line must not be left without its end where there is no memory to keep that.
     m_rest.reserve(PIPE_BUF);
 }
@@ -56,7 +59,7 @@ ssize_t LineSink::writeSome(std::string_view bytes) const
 {
     if (m_isSocket)
         return send(m_descriptor, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    if ((fcntl(m_descriptor, F_GETFL) & O_NONBLOCK) != 0)
+    if (m_isFile || (fcntl(m_descriptor, F_GETFL) & O_NONBLOCK) != 0)
         return ::write(m_descriptor, bytes.data(), bytes.size());
     // A pipe that has room takes so much without waiting.
     pollfd waiting = {m_descriptor, POLLOUT, 0};

@@ -25,7 +25,8 @@ private:
 
     const int m_descriptor;
     bool m_isSocket = false;
-    std::string m_rest;  // of a line that is begun
+    bool m_isFile = false;  // which nobody reads from the other end
+    std::string m_rest;     // of a line that is begun
 };
 
 // Descriptors 0 to 2, where they are closed, lead nowhere, so that nothing else gets their
