@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "common/text.h"
@@ -72,7 +73,10 @@ private:
 // Gathers the headers, and what is wrong with them.
 class Reader {
 public:
-    Reader(const FirstLine& first, Headers& headers) : m_headers(headers), m_layout(first) {}
+    Reader(const FirstLine& first, Headers& headers) : m_headers(headers), m_layout(first)
+    {
+        m_seen.reserve(std::size(knownHeaders));
+    }
 
     static MHD_Result read(void* self, MHD_ValueKind /*kind*/, const char* name, size_t nameSize,
                            const char* value, size_t valueSize)

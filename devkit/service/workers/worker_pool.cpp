@@ -295,10 +295,13 @@ bool WorkerPool::send(size_t slot, Queue& queue)
 // To those that have least to do.
 void WorkerPool::sendAhead()
 {
+    if (m_shared.empty())
+        return;
+    const Clock::time_point now = Clock::now();
     while (!m_shared.empty()) {
         size_t best = m_slots.size();
         for (size_t slot = 0; slot < m_slots.size(); ++slot)
-            if (canSendAhead(m_slots[slot], m_shared.front()) &&
+            if (canSendAhead(m_slots[slot], m_shared.front(), now) &&
                 (best == m_slots.size() || m_slots[slot].sent.size() < m_slots[best].sent.size()))
                 best = slot;
         if (best == m_slots.size())
@@ -308,12 +311,12 @@ void WorkerPool::sendAhead()
     }
 }
 
-bool WorkerPool::canSendAhead(const Slot& place, const Waiting& waiting) const
+bool WorkerPool::canSendAhead(const Slot& place, const Waiting& waiting, Clock::time_point now)
 {
     // Tasks that are bound to it come first, once it is idle.
     return waiting.isSmall && place.info.state == State::Busy && place.bound.empty() &&
            place.sent.size() < mostSent && place.sentCount - place.replyCount < Claims::most &&
-           place.process->unsent() <= largestAhead && Clock::now() - place.since < longestAhead;
+           place.process->unsent() <= largestAhead && now - place.since < longestAhead;
 }
 
 // From workers that serve a task for long, and from all while another one has nothing to do.

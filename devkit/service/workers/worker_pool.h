@@ -137,7 +137,7 @@ private:
     void serve(size_t slot, Queue& queue);
     bool send(size_t slot, Queue& queue);
     void sendAhead();
-    bool canSendAhead(const Slot& place, const Waiting& waiting) const;
+    static bool canSendAhead(const Slot& place, const Waiting& waiting, Clock::time_point now);
     void takeBack();
     void waitAgain(Queue& tasks);
     void beginFirst(size_t slot);
