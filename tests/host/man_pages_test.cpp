@@ -76,7 +76,7 @@ Options optionsOfHelp(const std::string& help)
     std::smatch match;
     for (const std::string& line : linesOf(help))
         if (std::regex_match(line, match, row))
-            for (const int name : {1, 2})
+            for (const size_t name : {1U, 2U})
                 if (match[name].matched)
                     options[match[name]] = {match[3].matched, match[4], match[5], ""};
     return options;
