@@ -17,11 +17,16 @@ googletest | file /usr/src/googletest/CMakeLists.txt | GoogleTest, its sources i
 binutils | program readelf | GNU binutils
 clang | program clang++ | Clang 14
 locales | file /usr/share/i18n/locales/de_DE | glibc, the sources of its locales
+man-db | program man | man
 pkgconf | program pkg-config | pkg-config
 python3-cryptography-vectors | file /usr/lib/python3/dist-packages/cryptography_vectors | cryptography_vectors of Python (CORVANE_VECTORS names its folder)
 libclang-rt-14-dev | file /usr/lib/llvm-14/lib/clang | runtimes of the sanitizers of Clang 14
 llvm-14 | program llvm-cov-14 | LLVM 14
 libbenchmark-dev | header benchmark/benchmark.h | Google Benchmark (pkg-config benchmark, CMake benchmark)
+softhsm2 | program softhsm2-util | SoftHSM 2
+libp11-kit-dev | file /usr/include/p11-kit-1 | headers of p11-kit (pkg-config p11-kit-1)
+nginx-light | program nginx | nginx
+procps | program ps | procps
 nodejs | program node | Node.js
 fonts-wqy-microhei | file /usr/share/fonts/truetype/wqy | a Chinese font
 g++-aarch64-linux-gnu | program aarch64-linux-gnu-g++ | GCC 12 for 64-bit ARM
