@@ -36,6 +36,7 @@ mkdir "$scratch/image"
 mount --bind "$(buildah "${storage[@]}" mount "$image")" "$scratch/image"
 mount -o remount,bind,ro "$scratch/image"
 mount -t proc proc "$scratch/image/proc"
+mount --rbind /dev "$scratch/image/dev"
 mount -t tmpfs -o mode=700,uid=65532,gid=65532 state "$scratch/image/var/lib/corvane-host"
 in_image() {
     chroot --userspec=65532:65532 "$scratch/image" /usr/bin/corvane-host "$@"
@@ -50,15 +51,12 @@ in_image call QZaVen_GetVersion
 
 in_image serve --listen 127.0.0.1:8720 >"$scratch/log" 2>&1 &
 server=$!
-until curl --silent --fail http://127.0.0.1:8720/readyz >/dev/null; do
-    kill -0 $server || {
-        cat "$scratch/log"
-        exit 1
-    }
-    sleep 0.2
-done
+curl --silent --retry 5 --retry-connrefused --fail http://127.0.0.1:8720/readyz || {
+    cat "$scratch/log"
+    exit 1
+}
 curl --silent --show-error --fail http://127.0.0.1:8720/v1/requests/QZaVen_GetVersion --json '{}' \
-    -H "Authorization: Bearer $(cat "$scratch/image/var/lib/corvane-host/token")" | grep -o '"ok":true'
+    -H "Authorization: Bearer $(cat "$scratch/image/var/lib/corvane-host/token")" | grep -F '"errorCode":"0"'
 kill $server
 wait $server
 echo "the image works"
