@@ -38,18 +38,16 @@ mount -o remount,bind,ro "$scratch/image"
 mount -t proc proc "$scratch/image/proc"
 mount --rbind /dev "$scratch/image/dev"
 mount -t tmpfs -o mode=700,uid=65532,gid=65532 state "$scratch/image/var/lib/corvane-host"
-in_image() {
-    chroot --userspec=65532:65532 "$scratch/image" /usr/bin/corvane-host "$@"
-}
+host=(chroot --userspec=65532:65532 "$scratch/image" /usr/bin/corvane-host)
 export -n HOME LANG
 unset LD_LIBRARY_PATH
 export XDG_STATE_HOME=/var/lib
 
-in_image doctor | tee "$scratch/doctor" | tail -n 1
+"${host[@]}" doctor | tee "$scratch/doctor" | tail -n 1
 grep -q ', 0 failed$' "$scratch/doctor"
-in_image call QZaVen_GetVersion
+"${host[@]}" call QZaVen_GetVersion
 
-in_image serve --listen 127.0.0.1:8720 >"$scratch/log" 2>&1 &
+"${host[@]}" serve --listen 127.0.0.1:8720 >"$scratch/log" 2>&1 &
 server=$!
 curl --silent --retry 5 --retry-connrefused --fail http://127.0.0.1:8720/readyz || {
     cat "$scratch/log"
