@@ -162,4 +162,5 @@ void tieToParent()
     signal(SIGINT, SIG_IGN);
     signal(SIGTERM, SIG_IGN);
     signal(SIGHUP, SIG_IGN);
+    signal(SIGUSR2, SIG_IGN);
 }

@@ -58,7 +58,7 @@ private:
 };
 
 // For the worker to call at its start: it is killed when the process that started it ends, and
-// ignores SIGINT, SIGTERM and SIGHUP, as it is that process which lets it end.
+// ignores SIGINT, SIGTERM, SIGHUP and SIGUSR2, as it is that process which lets it end.
 void tieToParent();
 
 #endif

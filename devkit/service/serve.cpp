@@ -53,7 +53,7 @@ Descriptor takeSignals()
 {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD})
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR2, SIGCHLD})
         sigaddset(&signals, number);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
@@ -98,6 +98,7 @@ PoolOptions workerPool(const ServeOptions& options, std::vector<std::string> com
     pool.workers = options.workers;
     pool.taskTime = Seconds(options.requestSeconds);
     pool.sendsAhead = true;
+    pool.rollTime = Seconds(options.rollSeconds);
     return pool;
 }
 
@@ -140,7 +141,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     const std::string peer = options.noPeer ? "" : peerProgram();
     if (!peer.empty())
         service.offerPeer(
-            {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds), false});
+            {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds)});
     const BearerToken* shown = token ? &*token : nullptr;
     Fronts fronts(loop, options, service, metrics, log, shown);
     if (LineSink(output.descriptor()).write(greeting(shown, fronts.url(), output.isTerminal())) ==
@@ -156,6 +157,8 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
                 service.collectChildren();
             } else if (info.ssi_signo == SIGHUP) {
                 log.reopen();
+            } else if (info.ssi_signo == SIGUSR2) {
+                service.rollWorkers();
             } else if (std::exchange(isDraining, true)) {
                 loop.stop();  // asked twice
             } else {

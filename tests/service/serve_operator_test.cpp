@@ -778,6 +778,7 @@ TEST_F(OperatorOptions, NumbersHaveBounds)
         {"--read-seconds", "0.01", "86400", {"0", "0.001", "1e-300"}, {"86401", "1e10"}},
         {"--session-seconds", "0.01", "86400", {"0", "0.001", "1e-300"}, {"86401", "1e10"}},
         {"--drain-seconds", "0", "3600", {}, {"3601", "1e10"}},
+        {"--roll-seconds", "0", "3600", {}, {"3601", "1e10"}},
     };
     for (const Row& row : rows) {
         const bool isCount = std::string(row.low).find('.') == std::string::npos &&
@@ -834,6 +835,8 @@ TEST_F(OperatorOptions, TheLargestNumbersServe)
                      "--session-seconds",
                      "86400",
                      "--drain-seconds",
+                     "3600",
+                     "--roll-seconds",
                      "3600"});
     host.workers();
     EXPECT_EQ(10U, askOften(host, 10));

@@ -114,6 +114,8 @@ void addOptions(CLI::App& command, ServeOptions& options)
     seconds("--session-seconds", options.sessionSeconds, "Idle time of a key-exchange session");
     limit("--drain-seconds", options.drainSeconds, 0, longestDrain,
           "Time to finish requests at the end");
+    limit("--roll-seconds", options.rollSeconds, 0, longestDrain,
+          "Time for a worker's sessions to end when SIGUSR2 replaces the workers");
     command.add_option("--access-log", options.accessLog, "Access log; default: standard error")
         ->type_name("FILE");
     addPluginLog(command, options.pluginLog);

@@ -35,6 +35,7 @@ struct ServeOptions {
     double readSeconds = 30;
     double sessionSeconds = 300;
     double drainSeconds = 30;
+    double rollSeconds = 30;  // that sessions keep a worker which is to be replaced
 
     std::string accessLog;  // empty: standard error
     // Up to this level workers' plug-ins send messages to syslog. From "info" on that is two for

@@ -54,7 +54,7 @@ Service::Service(EventLoop& loop, const ServeOptions& options, PoolOptions pool,
       m_options(options),
       m_limits{BodyLimits().parameters, options.parameterBytes, BodyLimits().batch},
       m_metrics(metrics),
-      m_sessions(pool.workers, options.sessions),
+      m_sessions(pool.workers + 1, options.sessions),  // a roll makes one more
       m_files(options.caFolder),
       m_idleSessions(loop, [this] { endIdleSessions(); }),
       m_pool(loop, std::move(pool), std::move(onReady),
@@ -83,6 +83,11 @@ void Service::flush()
     m_pool.flush();
     if (m_peer)
         m_peer->flush();
+}
+
+void Service::rollWorkers()
+{
+    m_pool.roll([this](size_t slot) { return m_sessions.countOf(slot) > 0; });
 }
 
 void Service::stop(Seconds grace)
@@ -261,13 +266,16 @@ void Service::sendToSession(Part part, const Waiter& waiter)
            });
 }
 
-// To the worker with the fewest sessions. One that ends before it began does not count.
+// To the worker with the fewest sessions, if possible one that a roll leaves alone. One that ends
+// before it began does not count.
 void Service::sendNewSession(Part part, const Waiter& waiter, unsigned attempt)
 {
+    const auto rank = [this](size_t slot) {
+        return std::make_pair(!m_pool.stays(slot), m_sessions.countOf(slot));
+    };
     std::optional<WorkerLife> chosen;
     for (size_t slot = 0; slot < m_pool.size(); ++slot)
-        if (m_pool.info(slot).pid > 0 &&
-            (!chosen || m_sessions.countOf(slot) < m_sessions.countOf(chosen->slot)))
+        if (m_pool.info(slot).pid > 0 && (!chosen || rank(slot) < rank(chosen->slot)))
             chosen = WorkerLife{slot, m_pool.info(slot).generation};
     const auto reservation = chosen ? m_sessions.reserve(*chosen) : nullptr;
     if (reservation == nullptr)
@@ -356,7 +364,7 @@ Json Service::status() const
     for (size_t slot = 0; slot < m_pool.size(); ++slot) {
         const WorkerPool::WorkerInfo info = m_pool.info(slot);
         workers.push_back({{"slot", slot},
-                           {"state", stateName(info.state)},
+                           {"state", info.isLeaving ? "leaving" : stateName(info.state)},
                            {"restarts", info.restarts},
                            {"sessions", m_sessions.countOf(slot)},
                            {"requests", info.served}});

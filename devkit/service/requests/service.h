@@ -48,6 +48,8 @@ public:
     void flush();
     // Collects child processes that have ended. Call it on SIGCHLD.
     void collectChildren();
+    // Replaces the workers one after the other. Those with sessions are kept for a time.
+    void rollWorkers();
     void stop(Seconds grace);
 
 private:

@@ -44,13 +44,14 @@ WorkerPool::WorkerPool(EventLoop& loop, PoolOptions options, std::function<void(
       m_options(std::move(options)),
       m_onReady(std::move(onReady)),
       m_onEnd(std::move(onEnd)),
-      m_slots(m_options.workers),
+      m_slots(m_options.workers + 1),
       m_waitedTooLong(loop, [this] { giveUp(); }),
-      m_aheadTooLong(loop, [this] { takeBack(); })
+      m_aheadTooLong(loop, [this] { takeBack(); }),
+      m_rolls(loop, [this] { goOnRolling(); })
 {
     for (size_t slot = 0; slot < m_slots.size(); ++slot)
         m_slots[slot].alarm = std::make_unique<Alarm>(m_loop, [this, slot] { onAlarm(slot); });
-    for (size_t slot = 0; slot < m_slots.size(); ++slot)
+    for (size_t slot = 0; slot < extraSlot(); ++slot)
         start(slot);
 }
 
@@ -177,7 +178,8 @@ void WorkerPool::end(size_t slot, Ending ending)
     Slot& place = m_slots[slot];
     const WorkerLife life = lifeOf(slot);
     const bool wasReady = place.info.everReady;
-    const bool wasIdle = place.info.served == place.servedBefore && place.sent.empty();
+    const bool wasIdle =
+        place.info.served == place.servedBefore && place.sent.empty() && !place.info.isLeaving;
     place.idleLives = wasReady && wasIdle ? place.idleLives + 1 : 0;
     place.alarm->clear();
     m_loop.unwatch(place.watch);
@@ -185,6 +187,7 @@ void WorkerPool::end(size_t slot, Ending ending)
     place.info.pid = -1;
     place.info.state = State::Starting;
     place.info.everReady = false;
+    const bool wasLeaving = std::exchange(place.info.isLeaving, false);
 
     // The first task ends with it; the others wait once more.
     Queue lost;
@@ -193,9 +196,9 @@ void WorkerPool::end(size_t slot, Ending ending)
     waitAgain(place.sent);
 
     // Replaced before its tasks are told, which takes no time.
-    if (!m_stopping) {
+    if (!m_stopping && !(wasLeaving && slot == extraSlot())) {
         ++place.info.restarts;
-        if (wasReady && place.idleLives < mostIdleLives)
+        if (wasLeaving || (wasReady && place.idleLives < mostIdleLives))
             start(slot);
         else
             startLater(slot);
@@ -251,9 +254,10 @@ void WorkerPool::pump()
         if (place.info.state != State::Idle || !place.process)
             continue;
         const bool haveBound = !place.bound.empty();
-        if (haveBound && (m_shared.empty() || place.bound.front().serial < m_shared.front().serial))
+        const bool mayShare = !m_shared.empty() && !place.info.isLeaving;
+        if (haveBound && (!mayShare || place.bound.front().serial < m_shared.front().serial))
             serve(slot, place.bound);
-        else if (!m_shared.empty())
+        else if (mayShare)
             serve(slot, m_shared);
     }
     if (m_options.sendsAhead && !m_stopping)
@@ -314,8 +318,9 @@ void WorkerPool::sendAhead()
 bool WorkerPool::canSendAhead(const Slot& place, const Waiting& waiting, Clock::time_point now)
 {
     // Tasks that are bound to it come first, once it is idle.
-    return waiting.isSmall && place.info.state == State::Busy && place.bound.empty() &&
-           place.sent.size() < mostSent && place.sentCount - place.replyCount < Claims::most &&
+    return waiting.isSmall && place.info.state == State::Busy && !place.info.isLeaving &&
+           place.bound.empty() && place.sent.size() < mostSent &&
+           place.sentCount - place.replyCount < Claims::most &&
            place.process->unsent() <= largestAhead && now - place.since < longestAhead;
 }
 
@@ -323,7 +328,7 @@ bool WorkerPool::canSendAhead(const Slot& place, const Waiting& waiting, Clock::
 void WorkerPool::takeBack()
 {
     const bool isAnyIdle = std::any_of(m_slots.begin(), m_slots.end(), [](const Slot& place) {
-        return place.info.state == State::Idle;
+        return place.info.state == State::Idle && !place.info.isLeaving;
     });
     m_isAheadWatched = false;
     for (Slot& place : m_slots) {
@@ -414,6 +419,8 @@ void WorkerPool::childEnded(pid_t pid)
                 end(slot, Ending::Died);
             return;
         }
+    if (m_departed && m_departed->pid() == pid)
+        m_departed.reset();
 }
 
 void WorkerPool::stop(Seconds grace)
@@ -421,6 +428,8 @@ void WorkerPool::stop(Seconds grace)
     if (m_stopping)
         return;
     m_stopping = true;
+    m_rolls.clear();
+    m_departed.reset();
     for (Slot& place : m_slots)
         if (place.process)
             place.process->hangUp();

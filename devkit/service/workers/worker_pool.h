@@ -6,6 +6,9 @@
 // that was sent ahead has not begun. If the task before it takes long, or the worker ends, it is
 // taken back and given to another worker. So only the task that a worker was serving is lost
 // when the worker ends.
+//
+// A roll replaces all workers, one after the other, by processes that load the libraries anew
+// (worker_roll.cpp). Meanwhile there is one worker more.
 #ifndef CORVANE_SERVICE_WORKERS_WORKER_POOL_H
 #define CORVANE_SERVICE_WORKERS_WORKER_POOL_H
 
@@ -54,6 +57,7 @@ struct PoolOptions {
     size_t workers = 1;
     Seconds taskTime{30};     // each for a task, for its waiting before, and for a worker's start
     bool sendsAhead = false;  // only for a program that claims tasks before it begins them
+    Seconds rollTime{0};      // how long a roll leaves a worker to those who need it
 };
 
 class WorkerPool {
@@ -62,6 +66,7 @@ public:
 
     struct WorkerInfo {
         State state = State::Starting;
+        bool isLeaving = false;  // gets nothing but what is bound to it, as a roll replaces it
         bool everReady = false;  // this process has been ready
         pid_t pid = -1;          // -1 between two processes
         uint64_t generation = 0;
@@ -86,8 +91,16 @@ public:
     size_t ready() const;
     const std::string& version() const { return m_version; }
 
-    size_t size() const { return m_slots.size(); }
+    // Places with a worker; during a roll one more.
+    size_t size() const { return extraSlot() + (m_roll.step != Roll::None ? 1 : 0); }
     WorkerInfo info(size_t slot) const;
+    // Whether the roll that is under way, if there is one, leaves the place's worker alone so far.
+    bool stays(size_t slot) const { return slot != extraSlot() && !m_slots[slot].info.isLeaving; }
+
+    // Begins a roll, or another one after that which is under way. A worker is kept for
+    // `rollTime` at most while `isNeeded` says so of its place. Once a new process does not
+    // start, no further worker is replaced, and standard error says so.
+    void roll(std::function<bool(size_t)> isNeeded);
 
     // To be called for each child process that has ended. Those that are no workers are ignored.
     void childEnded(pid_t pid);
@@ -126,6 +139,17 @@ private:
         uint64_t servedBefore = 0;  // `served` when this process was started
     };
 
+    // Starts the extra worker, drains the first and starts it anew, and so on to the last; then
+    // drains the extra one.
+    struct Roll {
+        enum Step { None, Starting, Draining };
+        Step step = None;
+        size_t slot = 0;          // whose worker that is
+        Clock::time_point until;  // when a worker is no longer kept for those who need it
+        bool isStopped = false;   // only the extra worker is still to be drained
+        bool isAskedAgain = false;
+    };
+
     void start(size_t slot);
     void startLater(size_t slot);
     void onEvents(size_t slot, uint32_t events);
@@ -142,6 +166,13 @@ private:
     void waitAgain(Queue& tasks);
     void beginFirst(size_t slot);
     void giveUp();
+    // The place of the worker that is there during a roll.
+    size_t extraSlot() const { return m_options.workers; }
+    void goOnRolling();
+    void onRollStarted();
+    void drain(size_t slot);
+    void depart(size_t slot);
+    void endRoll();
     static void tell(Task& task, Ending ending, WireReply& reply, WorkerLife life);
     static void tell(Task& task, Ending ending, WorkerLife life);
     void tellAll(Queue queue, Ending ending, WorkerLife life);
@@ -160,6 +191,12 @@ private:
     Alarm m_waitedTooLong;
     Alarm m_aheadTooLong;
     bool m_isAheadWatched = false;  // m_aheadTooLong is set
+    Roll m_roll;
+    std::function<bool(size_t)> m_isNeeded;
+    Alarm m_rolls;
+    // A worker that was replaced and is to end by itself, and when it is killed.
+    std::unique_ptr<WorkerProcess> m_departed;
+    Clock::time_point m_departedUntil;
 };
 
 #endif
