@@ -10,6 +10,12 @@ test_packages=(libgtest-dev googletest binutils clang fish locales make man-db m
 # Packages and images.
 image_packages=(binutils buildah)
 
+# Debian packages, built and checked. For another architecture each of package_libraries is needed
+# of that architecture too.
+package_packages=(build-essential debhelper git lintian)
+package_libraries=(libssl-dev libmicrohttpd-dev libsystemd-dev)
+package_check_packages=(mmdebstrap arch-test qemu-user-static)
+
 # The stages of `./test.sh all`.
 all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python3
     shellcheck valgrind)
