@@ -80,8 +80,11 @@ make_system() {
     mirror=$(apt-get indextargets --format '$(RELEASE) $(SITE)' 'Created-By: Packages' |
         sed -n 's/^bookworm //p' | sort -u | tail -n 1)
     mkdir -p "${3%/*}"
-    inside "$1" mmdebstrap --quiet --mode=root --architectures="$1" --variant=minbase \
-        --include="curl,$2" bookworm "$3.part.tar" "$mirror"
+    if ! inside "$1" mmdebstrap --mode=root --architectures="$1" --variant=essential \
+        --include="curl,$2" bookworm "$3.part.tar" "$mirror" >"$scratch/log" 2>&1; then
+        tail -n 30 "$scratch/log" >&2
+        exit 1
+    fi
     mv "$3.part.tar" "$3"
 }
 
