@@ -248,8 +248,9 @@ TEST(Version, IsInANoteOfTheFile)
     std::string notes;
     for (const std::string& line : tool("readelf -n"))
         notes += line + "\n";
-    EXPECT_TRUE(contains(notes, R"({"type":"corvane","name":"libCorvane_plugin.so","version":")"
-                                CORVANE_VERSION R"("})"))
+    EXPECT_TRUE(contains(
+        notes,
+        R"({"type":"corvane","name":"libCorvane_plugin.so","version":")" CORVANE_VERSION R"("})"))
         << notes;
 }
 
