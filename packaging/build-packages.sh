@@ -53,7 +53,9 @@ build() {
         echo "The packages for $1 could not be built." >&2
         exit 1
     fi
-    rm -f "$output"/corvane_*_"$1".*
+    # Nothing of another version is left beside them.
+    rm -f "$output"/corvane_*_"$1".* "$output"/*_"$1".deb
+    [ "${*:2}" = -B ] || rm -f "$output"/*_all.deb
     cp "$folder"/*.deb "$folder"/*.changes "$folder"/*.buildinfo "$output"
 }
 
