@@ -106,5 +106,5 @@ buildah "${storage[@]}" commit --quiet --format oci --timestamp "$date" "$image"
 mkdir -p "$(dirname "$output")"
 rm -f "$output"
 buildah "${storage[@]}" push --quiet --digestfile "$scratch/digest" corvane-host \
-    "oci-archive:$output:$version"
+    "oci-archive:$output:corvane-host:$version"
 echo "$output: $(($(stat -c %s "$output") / 1024)) KiB, $(cat "$scratch/digest")"
