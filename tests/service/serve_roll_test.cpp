@@ -48,6 +48,14 @@ size_t countOfSame(const std::vector<pid_t>& some, const std::vector<pid_t>& oth
     }));
 }
 
+// The workers once those that were replaced are gone: they may take a moment to clean up.
+std::vector<pid_t> workersAfter(const ServedHost& host, size_t count)
+{
+    std::vector<pid_t> now;
+    EXPECT_TRUE(eventually([&] { return (now = host.workers(count)).size() == count; }));
+    return now;
+}
+
 // Clients that ask for an HMAC again and again, and look at each answer.
 class Load {
 public:
@@ -96,8 +104,7 @@ void expectNothingLost(const std::string& workers, size_t count)
         EXPECT_TRUE(eventually([&] { return load.right() > right + 50 || load.others() > 0; }));
         host.signal(SIGUSR2);
         waitForEnds(host, round);
-        const std::vector<pid_t> now = host.workers(count);
-        EXPECT_EQ(count, now.size());
+        const std::vector<pid_t> now = workersAfter(host, count);
         EXPECT_EQ(0U, countOfSame(now, before));
         EXPECT_EQ(static_cast<double>(count), host.metric("corvane_workers"));
         before = now;
@@ -144,8 +151,7 @@ TEST(ServeRoll, GoesOnWhenWorkersDie)
         for (const pid_t worker : before)
             kill(worker, SIGKILL);
         waitForEnds(host, round);
-        const std::vector<pid_t> now = host.workers(3);
-        EXPECT_EQ(3U, now.size());
+        const std::vector<pid_t> now = workersAfter(host, 3);
         EXPECT_EQ(0U, countOfSame(now, before));
         EXPECT_EQ(rightHmac, host.request("QZaven_crypto_hmac", hmac).result("Data"));
         before = now;
