@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the packages alone in a fresh Debian 12, lets the doctor look, sends a request by the
-# command line and one by HTTP, purges them, and shows that nothing stays:
+# command line, one by HTTP and some from hosts of one's own, purges them, and shows that nothing
+# stays:
 # packaging/check-packages.sh [--arch amd64|arm64|all] [DIR]. The packages are those that
 # packaging/build-packages.sh has made. Programs of another architecture are emulated. Needs root,
 # to make a system, which build/chroots keeps for the next time.
@@ -105,9 +106,17 @@ ok=$(grep -c '^ *ok' /packages/doctor || true)
 failed=$(grep -c '^ *FAIL' /packages/doctor || true)
 echo "doctor: $ok ok, $failed FAIL"
 [ "$ok" -ge 48 ] && [ "$failed" -eq 0 ] || { cat /packages/doctor; exit 1; }
-for test in $TESTS; do
+for test in one-request service; do
     sh "/packages/tests/$test"
     echo "$test: passed"
+done
+libraries=$(dirname /usr/lib/*/corvane/libCorvane_plugin.so)
+for host in /packages/own/own-host-*; do
+    "$host" /packages/own/libCorvaneParamsModule.so "$libraries/devkit/libSoftModuleaven.so" \
+        "$libraries/libCorvane_plugin.so" >/packages/log || { cat /packages/log; exit 1; }
+    # RFC 4231, test case 2.
+    grep -q 'Data: W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=$' /packages/log
+    echo "$(basename "$host"): passed"
 done
 names=$(for package in /packages/*.deb; do dpkg-deb -f "$package" Package; done)
 dpkg --remove $names >/packages/log 2>&1 || { cat /packages/log; exit 1; }
@@ -120,9 +129,24 @@ fi
 echo "purged: nothing stays"
 END
 
+# build_own_hosts ARCHITECTURE FOLDER: the examples, made out here of the packages' headers, as
+# the fresh system has no compiler.
+build_own_hosts() {
+    local toolchain="" files=$scratch/$1.files example=examples/own-host
+    [ "$1" = "$own" ] || toolchain=$(dpkg-architecture -a "$1" -q DEB_HOST_GNU_TYPE 2>/dev/null)-
+    dpkg-deb --extract "$packages"/libcorvane-dev_*_"$1.deb" "$files"
+    mkdir -p "$2"
+    "${toolchain}g++" -std=c++17 -O2 -fPIC -shared -I"$files/usr/include/corvane" \
+        $example/own_params.cpp -Wl,-soname,libCorvaneParamsModule.so -o "$2/libCorvaneParamsModule.so"
+    "${toolchain}gcc" -std=c11 -O2 -I"$files/usr/include/corvane" $example/own_host.c \
+        -o "$2/own-host-c"
+    "${toolchain}g++" -std=c++17 -O2 -I"$files/usr/include/corvane" $example/own_host.cpp \
+        -o "$2/own-host-cpp"
+}
+
 # check ARCHITECTURE: in a system of its own.
 check() {
-    local root=$scratch/$1 system debs tests
+    local root=$scratch/$1 system debs
     debs=("$packages"/*_"$1".deb "$packages"/*_all.deb)
     needed=$(needs "${debs[@]}")
     system=build/chroots/$1-$(sha256sum <<<"$needed" | cut -c 1-12).tar
@@ -133,12 +157,12 @@ check() {
     cp "${debs[@]}" "$scratch/check.sh" "$root/packages"
     rm -f "$root"/packages/*-dbgsym_*
     cp -r debian/tests "$root/packages/tests"
-    tests="one-request service"
+    build_own_hosts "$1" "$root/packages/own"
     # shellcheck disable=SC2016  # for the shell inside
     inside "$1" sh -ec 'mount --rbind /proc "$0/proc"
         mount --rbind /dev "$0/dev"
         exec chroot "$0" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root TMPDIR=/tmp \
-            TESTS="$1" sh /packages/check.sh' "$root" "$tests"
+            sh /packages/check.sh' "$root"
 }
 
 for one in "${architectures[@]}"; do

@@ -12,10 +12,11 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
 step() {
-    local start=$SECONDS
+    local start=$SECONDS status=0
     printf -- '-- %s\n' "$*"
-    "$@"
+    "$@" || status=$?
     printf -- '-- %d s\n' $((SECONDS - start))
+    return $status
 }
 
 # An own host against what the packages of an architecture install.
@@ -27,17 +28,26 @@ own_host() {
     tests/own_host.sh "$scratch/$arch files/usr" "${@:2}"
 }
 
+# Those of both architectures can be installed at once: what lies in the same place is the same.
+same_files() {
+    local file
+    while read -r file; do
+        cmp "$scratch/amd64 files/$file" "$scratch/arm64 files/$file" || return 1
+    done < <(cd "$scratch/amd64 files" && find . -type f -exec test -e "$scratch/arm64 files/{}" \; -print)
+}
+
 packaging/install-packages.sh "${aarch64_packages[@]}" "${test_packages[@]}"
 step packaging/build-packages.sh --arch all --output $packages
 # The fresh systems wait for one thing at a time.
 step packaging/check-packages.sh --arch all $packages >"$scratch/check" 2>&1 &
 check=$!
-step packaging/compare-packages.sh $packages
 well=true
+step packaging/compare-packages.sh $packages || well=false
 wait $check || well=false
 cat "$scratch/check"
 $well
 step own_host amd64
 step own_host arm64 aarch64-linux-gnu- qemu-aarch64
+step same_files
 step packaging/check-image.sh $packages
 step tests/packaged.sh $packages
