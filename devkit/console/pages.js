@@ -35,7 +35,7 @@ export class StartView {
     }
 }
 
-const STATES = { idle: 'idle', busy: 'busy', starting: 'starting' };
+const STATES = { idle: 'idle', busy: 'busy', starting: 'starting', leaving: 'being replaced' };
 
 // "1 h 2 min 3 s", of seconds.
 function span(seconds) {

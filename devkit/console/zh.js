@@ -146,6 +146,7 @@ const own = {
     'idle': '空闲',
     'busy': '忙碌',
     'starting': '启动中',
+    'being replaced': '正在被替换',
 
     // What the host says of a refusal without a code, and of whose bytes the peer speaks.
     'no text': '没有文本',
