@@ -14,6 +14,12 @@ export class Failure extends Error {
     }
 }
 
+export const SESSION_HEADER = 'X-Corvane-Session';
+
+export function isSessionToken(text) {
+    return typeof text === 'string' && /^ke_[\w.-]+$/.test(text);
+}
+
 export function token() {
     return sessionStorage.getItem(STORED) ?? '';
 }
@@ -48,8 +54,11 @@ const unreadable = {
     remedy: 'Check the address, and what stands between browser and host.',
 };
 
-async function call(method, path, body) {
+// `session` is the token of the key-exchange session that a call belongs to, by which balancers
+// find its host. What cannot be a token is sent in the body alone.
+async function call(method, path, body, session = '') {
     const headers = {};
+    if (isSessionToken(session)) headers[SESSION_HEADER] = session;
     if (token() !== '') headers.Authorization = `Bearer ${token()}`;
     if (body !== undefined) headers['Content-Type'] = 'application/json';
     let response;
@@ -77,10 +86,12 @@ export function getStatus() {
 }
 
 // Parameters are values of the API, {name: value}.
-export function sendRequest(name, parameters) {
-    return call('POST', `/v1/requests/${encodeURIComponent(name)}`, JSON.stringify(parameters));
+export function sendRequest(request, parameters) {
+    const handle = request.parameters.find((parameter) => parameter.form === 'handle');
+    return call('POST', `/v1/requests/${encodeURIComponent(request.name)}`, JSON.stringify(parameters),
+        parameters[handle?.name]);
 }
 
-export function sendToPeer(step, body) {
-    return call('POST', `/v1/peer/${step}`, JSON.stringify(body));
+export function sendToPeer(step, body, session) {
+    return call('POST', `/v1/peer/${step}`, JSON.stringify(body), session);
 }

@@ -1,6 +1,7 @@
 // The same call for a shell: with curl over HTTP, and with corvane-host without it. Values are
 // written as they were given; the bearer token is left to the variable TOKEN. Lines suit bash.
 
+import { SESSION_HEADER, isSessionToken } from './api.js';
 import { entryBytes, entryValue, fieldKind, travelsAsBase64 } from './entries.js';
 import { bareHex, isPrintable, textOf, toBase64, toHex, toUrlBase64, utf8 } from './values.js';
 
@@ -41,6 +42,8 @@ export function curlLine(origin, requestName, given) {
         `curl -sS ${quote(`${origin}/v1/requests/${requestName}`)}`,
         '-H "Authorization: Bearer $TOKEN"',
     ];
+    const session = given.find(({ parameter }) => parameter.form === 'handle')?.entry.text;
+    if (isSessionToken(session)) head.push(`-H ${quote(`${SESSION_HEADER}: ${session}`)}`);
     const parts = given.map(({ parameter, entry }) => formPart(parameter, entry));
     if (given.some(({ entry }) => entry.how === 'file') && !parts.includes(null))
         return multiline([...head, ...parts.map((words) => words.join(' '))]);

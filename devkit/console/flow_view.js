@@ -86,7 +86,7 @@ class Step {
             return true;
         }
         const sent = step.send(s);
-        const outcome = step.request ? await exchange(findRequest(step.request), sent) : await this.ask(sent);
+        const outcome = step.request ? await exchange(findRequest(step.request), sent) : await this.ask(sent, s.session);
         // The peer's time is not the plug-in's, and is not measured.
         if (step.request) this.time.textContent = duration(outcome.microseconds);
         if (step.refused) return this.expectRefusal(sent, outcome);
@@ -99,9 +99,9 @@ class Step {
         return true;
     }
 
-    async ask(sent) {
+    async ask(sent, session) {
         try {
-            const answer = await sendToPeer(this.step.peer, sent);
+            const answer = await sendToPeer(this.step.peer, sent, session);
             return { ...answer, ok: answer.error === null };
         } catch (failure) {
             if (!(failure instanceof Failure) || failure.status === 401) throw failure;

@@ -154,7 +154,7 @@ class Field {
         }
         if (this.kind === 'handle')
             return openSessions().map((handle) =>
-                chip(t('Use {session}', { session: `${handle.slice(0, 10)}…` }),
+                chip(t('Use {session}', { session: handle.replace(/^(ke_(?:[a-z0-9-]+\.)?.{6}).*/, '$1…') }),
                     () => this.put({ how: 'text', text: handle, file: null }), handle));
         return [];
     }

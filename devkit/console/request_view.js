@@ -19,7 +19,7 @@ const SHOWN_LINE = 4000;
 export async function exchange(request, parameters) {
     let outcome;
     try {
-        const answer = await sendRequest(request.name, parameters);
+        const answer = await sendRequest(request, parameters);
         outcome = { ...answer, ok: answer.error === null, status: 200 };
     } catch (failure) {
         if (!(failure instanceof Failure) || failure.status === 401) throw failure;

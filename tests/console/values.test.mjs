@@ -141,6 +141,14 @@ describe('CommandLines', () => {
         assert.match(upload, /--form-string strIn=@x$/);
     });
 
+    test('The token of a session is in a header too, if it can be one', () => {
+        const parameter = { name: 'strKe', form: 'handle', need: 'always', allowed: null };
+        const line = (token) => curlLine('http://h:1', 'R', [{ parameter, entry: text(token) }]);
+        assert.match(line('ke_a.Fl2Y'), / -H 'X-Corvane-Session: ke_a\.Fl2Y' \\\n.*\{"strKe":"ke_a\.Fl2Y"\}'$/s);
+        for (const odd of ['', '140', 'ke_a b', 'ke_a\r\nHost: x', 'ke_桥'])
+            assert.doesNotMatch(line(odd), /X-Corvane-Session/, odd);
+    });
+
     test('A file beside a text for Base64 sends both in a form; a raw value needs JSON', () => {
         const line = (entry) => curlLine('http://h:1', 'R', [
             { parameter: { ...bytesParameter, name: 'strKey' }, entry },

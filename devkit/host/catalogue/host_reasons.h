@@ -25,6 +25,9 @@
     X(malformed,           bad_name,              "a name is not 1 to 128 printable characters") \
     X(malformed,           empty_batch,           "a batch has at least one request") \
     X(malformed,           more_in_batch,         "a request has a name and parameters, nothing else") \
+    X(malformed,           bad_node_header,       "X-Corvane-Node is not a node's name") \
+    X(malformed,           bad_session_header,    "X-Corvane-Session is not a session's token") \
+    X(malformed,           header_contradicts,    "{header} names another one than {name}") \
     X(malformed,           missing_for_peer,      "{name} is missing") \
     X(malformed,           bad_boundary,          "the boundary of the form is not 1 to 70 of the characters for it") \
     X(malformed,           no_boundary,           "the form is not whole: its boundary is not there") \
@@ -75,6 +78,7 @@
     X(session_gone,        session_idle,          "there is no such session: it was idle for too long") \
     X(session_gone,        session_worker_ended,  "there is no such session: its worker process ended") \
     X(session_gone,        session_worker_forgot, "there is no such session: its worker does not know it") \
+    X(wrong_node,          wrong_node,            "the request is for the node {node}, not for this one") \
     X(too_large,           body_too_large,        "the body has more than {most} bytes") \
     X(parameter_too_large, value_too_large,       "{name} has more than {most} bytes") \
     X(unsupported_type,    unknown_body,          "the body's type is not read here") \

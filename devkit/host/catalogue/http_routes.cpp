@@ -16,10 +16,12 @@ Codes operator+(Codes left, const Codes& right)
 const Codes head = {"malformed", "forbidden_host",    "forbidden_origin", "method_not_allowed",
                     "timeout",   "too_many_requests", "headers_too_large"};
 const Codes token = head + Codes{"unauthorized"};
+// Where headers name a node.
+const Codes node = token + Codes{"wrong_node"};
 // What becomes of bodies.
-const Codes body = token + Codes{"wrong_type",          "bad_encoding", "duplicate_parameter",
-                                 "too_many_parameters", "too_large",    "parameter_too_large",
-                                 "unsupported_type",    "busy",         "draining"};
+const Codes body = node + Codes{"wrong_type",          "bad_encoding", "duplicate_parameter",
+                                "too_many_parameters", "too_large",    "parameter_too_large",
+                                "unsupported_type",    "busy",         "draining"};
 // What is refused of a request to the plug-in.
 const Codes request = body + Codes{"unknown_request", "bad_path", "session_gone"};
 // Where an answer is waited for and no memory is left for it, it is worker_failed too.
@@ -33,7 +35,7 @@ const std::vector<Route> routes = {
     {"/v1/batch",     "/v1/batch",           "POST", Target::Batch,    {200},      request + memory},
     {"/v1/peer/",     "/v1/peer/{step}",     "POST", Target::Peer,     {200},      body + Codes{"not_found"} + worker},
     {"/v1/catalogue", "/v1/catalogue",       "GET",  Target::Document, {200, 304}, token},
-    {"/v1/status",    "/v1/status",          "GET",  Target::Status,   {200},      token},
+    {"/v1/status",    "/v1/status",          "GET",  Target::Status,   {200},      node},
     {"/livez",        "/livez",              "GET",  Target::Live,     {200},      head},
     {"/readyz",       "/readyz",             "GET",  Target::Ready,    {200, 503}, head + memory},
     {"/metrics",      "/metrics",            "GET",  Target::Metrics,  {200},      token},

@@ -1,5 +1,6 @@
 #include "openapi.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
@@ -44,7 +45,36 @@ Json json(const Json& schema)
 
 Json answerOf(const std::string& description, const Json& schema)
 {
-    return {{"description", description}, {"content", json(schema)}};
+    return {{"description", description},
+            {"headers", {{"X-Corvane-Node", {{"$ref", "#/components/headers/Node"}}}}},
+            {"content", json(schema)}};
+}
+
+// ---- Several hosts behind a balancer.
+
+Json nodeHeader()
+{
+    return {{"description", "The name of the host that answers, if it has one"},
+            {"schema", {{"type", "string"}, {"pattern", "^[a-z0-9]([a-z0-9-]{0,61}[a-z0-9])?$"}}}};
+}
+
+// The headers of requests by which balancers choose.
+Json headerParameters()
+{
+    const auto header = [](const char* name, const char* description, const Json& schema) {
+        return Json{
+            {"name", name}, {"in", "header"}, {"description", description}, {"schema", schema}};
+    };
+    return {{"Node",
+             header("X-Corvane-Node", "The node that the request is for", nodeHeader()["schema"])},
+            {"Session",
+             header("X-Corvane-Session",
+                    "The token of the session that the request belongs to, as in strKe", text())}};
+}
+
+bool hasNode(const Route& route)
+{
+    return std::count(route.refusals.begin(), route.refusals.end(), std::string("wrong_node")) > 0;
 }
 
 // ---- Requests.
@@ -155,6 +185,7 @@ struct Operation {
     std::string summary;
     Json body;  // null: takes none
     Json answer;
+    bool hasSession = false;
 };
 
 // The item of a path: its one method with all statuses that can come of it.
@@ -170,6 +201,11 @@ Json pathItem(const Route& route, const std::set<unsigned>& statuses, const Oper
         {"operationId", operation.id}, {"tags", {operation.tag}}, {"summary", operation.summary}};
     if (!needsToken(route.path))
         entry["security"] = Json::array();
+    for (const auto& [isThere, name] :
+         {std::pair(hasNode(route), "Node"), {operation.hasSession, "Session"}})
+        if (isThere)
+            entry["parameters"].push_back(
+                {{"$ref", std::string("#/components/parameters/") + name}});
     if (!operation.body.is_null())
         entry["requestBody"] = operation.body;
     entry["responses"] = responses;
@@ -182,7 +218,8 @@ Json requestPath(const Route& route, const RequestInfo& request)
     return pathItem(route, statusesOf(route, request),
                     {request.name, request.group, request.summary, bodyOf(request),
                      answerOf("The plug-in's answer; `error` says if it or the engine refused",
-                              answerSchema(request))});
+                              answerSchema(request)),
+                     takesSession(request)});
 }
 
 Json batchPath(const Route& route)
@@ -196,7 +233,7 @@ Json batchPath(const Route& route)
     const Json answers = object({{"answers", arrayOf(reference("Answer"))}}, {"answers"});
     return pathItem(route, statusesOf(route),
                     {"batch", "Service", "Several requests, answered in their order.", body,
-                     answerOf("An answer for each", answers)});
+                     answerOf("An answer for each", answers), true});
 }
 
 // ---- The bundled other side of a key exchange.
@@ -220,7 +257,7 @@ Json peerPath(const Route& route, const PeerStep& step)
                  Json::array())}}};
     return pathItem(route, statusesOf(route),
                     {std::string("peer_") + step.name, "Key-exchange peer", step.summary, body,
-                     answerOf("The peer's answer", answer)});
+                     answerOf("The peer's answer", answer), true});
 }
 
 // ---- What is read.
@@ -240,7 +277,7 @@ Json catalogueSchema()
 Operation reading(const Route& route)
 {
     const auto read = [](const char* id, const char* summary, const Json& answer) {
-        return Operation{id, "Service", summary, nullptr, answer};
+        return Operation{id, "Service", summary, nullptr, answer, false};
     };
     const Json any = {{"type", "object"}};
     switch (route.target) {
@@ -368,5 +405,7 @@ Json openApi()
             {"components",
              {{"schemas", schemas()},
               {"responses", commonResponses()},
+              {"parameters", headerParameters()},
+              {"headers", {{"Node", nodeHeader()}}},
               {"securitySchemes", {{"bearer", {{"type", "http"}, {"scheme", "bearer"}}}}}}}};
 }

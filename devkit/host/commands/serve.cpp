@@ -77,6 +77,7 @@ void addOptions(CLI::App& command, ServeOptions& options)
            "Worker processes; default: processors");
     number("--front-threads", options.frontThreads, 1, double{mostFrontThreads},
            "Threads for HTTP; default: one for each four workers, 4 at most");
+    file("--node", options.node, "Name among several hosts behind a balancer")->type_name("NAME");
 
     command.add_flag("--no-auth", options.noAuth, "Ask for no token; on loopback only");
     file("--token-file", options.tokenFile, "Where the token is, or is to be made")

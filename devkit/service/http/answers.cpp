@@ -74,6 +74,8 @@ MHD_Result Server::queue(Exchange& exchange)
         for (const auto& [name, value] : pageHeaders)
             header(name, value);
     header("X-Request-Id", exchange.id.c_str());
+    if (!m_options.node.empty())
+        header(nodeHeader, m_options.node.c_str());
     header("Content-Type", isFile ? exchange.file->type : answer.type);
     header("Cache-Control", isFile ? "no-cache" : "no-store");
     if (isFile)

@@ -7,15 +7,15 @@ void DirectCalls::begin(Call call, Service::Done done)
     try {
         switch (call.target) {
             case Target::Request:
-                return m_service.request(call.name, call.contentType, call.body, done);
+                return m_service.request(call.name, call.to, call.contentType, call.body, done);
             case Target::Batch:
-                return m_service.batch(call.contentType, call.body, done);
+                return m_service.batch(call.to, call.contentType, call.body, done);
             case Target::Peer:
-                return m_service.peer(call.name, call.contentType, call.body, done);
+                return m_service.peer(call.name, call.to, call.contentType, call.body, done);
             case Target::Ready:
                 return m_service.probe(done);
             case Target::Status:
-                return done(answerOf(m_service.status()));
+                return done(answerOf(m_service.status(call.to)));
             case Target::Metrics:
                 return done({200, metricsText(), "text/plain; version=0.0.4; charset=utf-8", ""});
             case Target::Live:

@@ -14,6 +14,7 @@
 struct Call {
     Target target;
     std::string name;  // behind the route's path
+    Addressee to;
     std::string contentType;
     SecretText body;
 };

@@ -32,6 +32,8 @@ constexpr Known knownHeaders[] = {
     {"Content-Encoding", &Headers::contentEncoding},
     {encodingHeader, &Headers::transferEncoding},
     {"If-None-Match", &Headers::noneMatch},
+    {nodeHeader, &Headers::node},
+    {sessionHeader, &Headers::session},
 };
 
 bool isHeaderValue(std::string_view value)

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "common/secrets.h"
+#include "service/requests/addressee.h"
 
 struct Headers {
     std::string host;
@@ -19,10 +20,14 @@ struct Headers {
     std::string contentEncoding;
     std::string transferEncoding;
     std::string noneMatch;
+    std::string node;
+    std::string session;
     bool hasBody = false;
 
     ~Headers() { wipe(authorization); }
 
+    // Which node the request is for.
+    Addressee to() const { return {node, session}; }
     // As announced; 0 for one in chunks.
     size_t bodySize() const;
 };

@@ -115,6 +115,8 @@ MHD_Result Server::takeHead(Exchange& exchange, const FirstLine& first)
         if (!exchange.isWithinRate)
             throw Refusal(Reason::too_fast);
         checkAccess(exchange);
+        if (!m_options.node.empty())
+            checkHeaders(exchange.headers.to());
         route(exchange, first.method);
         checkBody(exchange);
     } catch (const Refusal& refusal) {
@@ -215,7 +217,7 @@ void Server::dispatch(Exchange& exchange)
         return;
     }
     const auto reply = std::make_shared<Reply>(exchange.connection.exchange);
-    m_service.begin({target, nameBehind(*exchange.route, exchange.path),
+    m_service.begin({target, nameBehind(*exchange.route, exchange.path), exchange.headers.to(),
                      std::move(exchange.headers.contentType), std::move(exchange.body)},
                     [reply](Answer answer) { reply->give(std::move(answer)); });
 }

@@ -11,6 +11,7 @@
 
 #include "authorization.h"
 #include "host/output.h"
+#include "nodes.h"
 
 namespace {
 
@@ -92,6 +93,9 @@ void checkOptions(ServeOptions& options)
         options.port.find_first_not_of("0123456789") != std::string::npos ||
         std::stoi(options.port) > 65535)
         throw UsageError("--listen takes a port from 0 to 65535");
+
+    if (!options.node.empty() && !isNodeName(options.node))
+        throw UsageError("--node takes 1 to 63 of a-z, 0-9 and \"-\", which is not at an end");
 
     const bool tls = !options.tlsCert.empty();
     if (tls != !options.tlsKey.empty())

@@ -13,6 +13,7 @@ struct ServeOptions {
     std::string listen = "127.0.0.1:8720";
     size_t workers = 0;       // 0: one for each processor
     size_t frontThreads = 0;  // for HTTP; 0: as many as suit the workers
+    std::string node;         // name among the hosts behind a balancer; empty: none
 
     bool noAuth = false;
     std::string tokenFile;  // empty: the default place

@@ -8,6 +8,7 @@
 #include "common/version.h"
 #include "host/catalogue/peer_steps.h"
 #include "host/catalogue/renderings.h"
+#include "service/operation/nodes.h"
 #include "service/workers/session_requests.h"
 
 namespace {
@@ -99,7 +100,7 @@ void Service::stop(Seconds grace)
 
 // ---- Checks.
 
-Service::Part Service::check(const std::string& name, Fields& fields,
+Service::Part Service::check(const std::string& name, const Addressee& to, Fields& fields,
                              const std::string& where) const
 {
     Part part;
@@ -116,15 +117,31 @@ Service::Part Service::check(const std::string& name, Fields& fields,
     part.wire.parameters = std::move(prepared.parameters);
     part.warnings = warningsText(complaints(*part.info, part.wire.parameters));
 
-    const std::string* token = findValue(part.wire.parameters, sessionParameter);
-    if (takesSession(*part.info) && token != nullptr && !token->empty()) {
-        if (m_sessions.find(*token) == nullptr)
-            throw goneRefusal(*token, where.empty() ? sessionParameter
-                                                    : where + ".parameters." + sessionParameter);
-        part.wire.session = *token;
-    }
-    checkFiles(part, prepared.upload, where.empty() ? "" : where + ".parameters.");
+    const std::string place = where.empty() ? "" : where + ".parameters.";
+    if (takesSession(*part.info))
+        checkSession(part, to, place + sessionParameter);
+    checkAddressee(to);
+    checkFiles(part, prepared.upload, place);
     return part;
+}
+
+// `field` is where the session's token stands.
+void Service::checkSession(Part& part, const Addressee& to, const std::string& field) const
+{
+    const std::string* token = findValue(part.wire.parameters, sessionParameter);
+    if (token == nullptr || token->empty())
+        return;
+    if (!m_options.node.empty())
+        ::checkSession(to, *token, m_options.node, field);
+    if (m_sessions.find(*token) == nullptr)
+        throw goneRefusal(*token, field);
+    part.wire.session = *token;
+}
+
+void Service::checkAddressee(const Addressee& to) const
+{
+    if (!m_options.node.empty())
+        checkNode(to, m_options.node);
 }
 
 void Service::checkFiles(Part& part, const std::optional<SecretText>& upload,
@@ -159,12 +176,12 @@ Refusal Service::goneRefusal(const std::string& token, const std::string& field)
 
 // ---- Sending.
 
-void Service::request(const std::string& name, const std::string& contentType,
+void Service::request(const std::string& name, const Addressee& to, const std::string& contentType,
                       std::string_view body, Done done)
 {
     try {
         Fields fields = readBody(contentType, body, m_limits);
-        Part part = check(name, fields, "");
+        Part part = check(name, to, fields, "");
         checkRoom(m_pool, 1);
         send(std::move(part), std::move(done));
     } catch (const Refusal& refusal) {
@@ -174,11 +191,12 @@ void Service::request(const std::string& name, const std::string& contentType,
     }
 }
 
-void Service::batch(const std::string& contentType, std::string_view body, Done done)
+void Service::batch(const Addressee& to, const std::string& contentType, std::string_view body,
+                    Done done)
 {
     std::vector<Part> parts;
     for (BatchPart& part : readBatch(contentType, body, m_limits))
-        parts.push_back(check(part.name, part.fields, part.where));
+        parts.push_back(check(part.name, to, part.fields, part.where));
     checkRoom(m_pool, parts.size());
 
     const auto gathering = std::make_shared<Gathering>();
@@ -192,9 +210,10 @@ void Service::batch(const std::string& contentType, std::string_view body, Done 
         });
 }
 
-void Service::peer(const std::string& step, const std::string& contentType, std::string_view body,
-                   Done done)
+void Service::peer(const std::string& step, const Addressee& to, const std::string& contentType,
+                   std::string_view body, Done done)
 {
+    checkAddressee(to);
     const PeerStep* known = findPeerStep(step);
     if (!m_peer || known == nullptr)
         throw Refusal(m_peer ? Reason::no_such_step : Reason::no_peer);
@@ -281,7 +300,7 @@ void Service::sendNewSession(Part part, const Waiter& waiter, unsigned attempt)
     if (reservation == nullptr)
         return refuse(waiter, Refusal(Reason::sessions_full));
 
-    part.wire.session = Sessions::makeToken();
+    part.wire.session = makeSessionToken(m_options.node);
     const std::string token = part.wire.session;
     submit(
         std::move(part), *chosen,
@@ -358,8 +377,9 @@ void Service::probe(Done done)
     });
 }
 
-Json Service::status() const
+Json Service::status(const Addressee& to) const
 {
+    checkAddressee(to);
     Json workers = Json::array();
     for (size_t slot = 0; slot < m_pool.size(); ++slot) {
         const WorkerPool::WorkerInfo info = m_pool.info(slot);
@@ -369,22 +389,24 @@ Json Service::status() const
                            {"sessions", m_sessions.countOf(slot)},
                            {"requests", info.served}});
     }
-    return {{"version", productVersion()},
-            {"commit", productCommit()},
-            {"uptime_seconds", static_cast<long>(Seconds(Clock::now() - m_start).count())},
-            {"engine", m_pool.version()},
-            {"workers", workers},
-            {"sessions", m_sessions.count()},
-            {"queue", m_pool.queued()},
-            {"limits",
-             {{"body_bytes", m_options.bodyBytes},
-              {"parameter_bytes", m_limits.parameterBytes},
-              {"parameters", m_limits.parameters},
-              {"batch", m_limits.batch},
-              {"sessions_per_worker", m_options.sessions},
-              {"session_idle_seconds", m_options.sessionSeconds},
-              {"request_seconds", m_options.requestSeconds}}},
-            {"peer", m_peer.has_value()}};
+    Json status = {{"version", productVersion()}, {"commit", productCommit()}};
+    if (!m_options.node.empty())
+        status["node"] = m_options.node;
+    status.update({{"uptime_seconds", static_cast<long>(Seconds(Clock::now() - m_start).count())},
+                   {"engine", m_pool.version()},
+                   {"workers", workers},
+                   {"sessions", m_sessions.count()},
+                   {"queue", m_pool.queued()},
+                   {"limits",
+                    {{"body_bytes", m_options.bodyBytes},
+                     {"parameter_bytes", m_limits.parameterBytes},
+                     {"parameters", m_limits.parameters},
+                     {"batch", m_limits.batch},
+                     {"sessions_per_worker", m_options.sessions},
+                     {"session_idle_seconds", m_options.sessionSeconds},
+                     {"request_seconds", m_options.requestSeconds}}},
+                   {"peer", m_peer.has_value()}});
+    return status;
 }
 
 std::string Service::metricsText() const

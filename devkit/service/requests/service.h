@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "addressee.h"
 #include "answer.h"
 #include "confined_files.h"
 #include "service/bodies/request_body.h"
@@ -27,21 +28,23 @@ public:
     // Also offers the other side of a key exchange, in a process of its own.
     void offerPeer(PoolOptions pool);
 
-    // Throws a Refusal if anything is wrong with the body; then nothing has been sent, not even
-    // a part of a batch. Otherwise `done` is called once, perhaps before this returns. If there
-    // is no memory for an answer, it is destroyed without having been called.
-    void request(const std::string& name, const std::string& contentType, std::string_view body,
-                 Done done);
-    void batch(const std::string& contentType, std::string_view body, Done done);
+    // Throws a Refusal if anything is wrong with the body, or it is another node's; then nothing
+    // has been sent, not even a part of a batch. Otherwise `done` is called once, perhaps before
+    // this returns. If there is no memory for an answer, it is destroyed without having been
+    // called.
+    void request(const std::string& name, const Addressee& to, const std::string& contentType,
+                 std::string_view body, Done done);
+    void batch(const Addressee& to, const std::string& contentType, std::string_view body,
+               Done done);
     // A step of the key exchange's other side; see peer_steps.h.
-    void peer(const std::string& step, const std::string& contentType, std::string_view body,
-              Done done);
+    void peer(const std::string& step, const Addressee& to, const std::string& contentType,
+              std::string_view body, Done done);
 
     // Whether requests are answered: sends one whose answer is known. Within a second the same
     // answer is given again.
     void probe(Done done);
 
-    nlohmann::ordered_json status() const;
+    nlohmann::ordered_json status(const Addressee& to) const;
     std::string metricsText() const;
 
     // Writes what is due to the workers' sockets. Call it before each wait for events.
@@ -69,7 +72,10 @@ private:
         Done done;
     };
 
-    Part check(const std::string& name, Fields& fields, const std::string& where) const;
+    Part check(const std::string& name, const Addressee& to, Fields& fields,
+               const std::string& where) const;
+    void checkSession(Part& part, const Addressee& to, const std::string& field) const;
+    void checkAddressee(const Addressee& to) const;
     void checkFiles(Part& part, const std::optional<SecretText>& upload,
                     const std::string& where) const;
     void checkRoom(const WorkerPool& pool, size_t parts) const;

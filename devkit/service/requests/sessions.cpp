@@ -1,14 +1,6 @@
 #include "sessions.h"
 
-#include <sys/random.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
-#include <system_error>
 #include <utility>
-
-#include "common/codec.h"
 
 namespace {
 
@@ -19,14 +11,6 @@ constexpr size_t mostRemembered = 4096;
 Sessions::Sessions(size_t workers, size_t mostPerWorker)
     : m_perWorker(workers), m_mostPerWorker(mostPerWorker)
 {
-}
-
-std::string Sessions::makeToken()
-{
-    std::array<char, 24> random;
-    if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size()))
-        throw std::system_error(errno, std::generic_category(), "no random bytes");
-    return "ke_" + toUrlBase64({random.data(), random.size()});
 }
 
 std::shared_ptr<Sessions::Reservation> Sessions::reserve(WorkerLife life)

@@ -17,9 +17,6 @@ class Sessions {
 public:
     Sessions(size_t workers, size_t mostPerWorker);
 
-    // A new token, of 192 random bits.
-    static std::string makeToken();
-
     // The room for a session that is being made. Its destructor gives the room back, unless the
     // session was added.
     class Reservation;
