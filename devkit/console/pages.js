@@ -78,6 +78,7 @@ export class StatusView {
         }
         const facts = [
             [t('Host'), status.commit ? `${status.version} (${status.commit})` : status.version],
+            ...(status.node ? [[t('Node'), status.node]] : []),
             [t('Engine'), status.engine],
             [t('Running for'), span(status.uptime_seconds)],
             [t('Key-exchange sessions'), number(status.sessions)],

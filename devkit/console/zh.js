@@ -292,6 +292,7 @@ const own = {
 
 const catalogue = {
     // Groups, requests.
+    'Node': '节点',
     'Engine': '引擎',
     'Key-exchange session': '密钥交换会话',
     'Key-exchange channel': '密钥交换通道',
