@@ -37,6 +37,7 @@ const own = {
     // Form.
     'Parameters': '参数',
     'This request takes no parameters.': '此请求没有参数。',
+    'If the answer is lost: {what}': '应答丢失时：{what}',
     'Text': '文本',
     'Hex': '十六进制',
     'Base64': 'Base64',
@@ -379,6 +380,16 @@ const catalogue = {
     'raw bytes': '原始字节',
     'none': '无',
     'default (SM3)': '默认（SM3）',
+
+    // What comes of sending a request again.
+    'nothing is kept of it: it may be sent again, to any worker or host':
+        '不留下任何东西：可以再次发送，发给任何工作进程或主机',
+    'sending it again makes another session; the first stays until it is freed, which corvane-host serve does once it is idle':
+        '再次发送会另建一个会话；原来的会话保留到被释放为止，“corvane-host serve”在其闲置后释放',
+    'happens once in a session: sent again it is refused, and the session is of no use without the lost answer':
+        '在一个会话中只进行一次：再次发送会被拒绝，丢了应答的会话没有用处',
+    'not to be sent again: the first time may have changed the session, or ended it':
+        '不可再次发送：第一次可能已经改变了会话，或者结束了它',
 };
 
 // Names are the same in both languages.

@@ -36,7 +36,7 @@ describe('Chinese', () => {
         const { requests } = await getJson(host, '/v1/catalogue');
         assert.equal(requests.length, 27);
         const texts = requests.flatMap((request) => [
-            request.group, request.summary,
+            request.group, request.summary, request.retry.text,
             ...request.parameters.flatMap((parameter) => [
                 parameter.meaning, parameter.need, ...(parameter.choices ?? []).map((choice) => choice.text)]),
             ...request.results.map((result) => result.meaning),

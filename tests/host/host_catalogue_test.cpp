@@ -273,20 +273,71 @@ TEST_F(HostCatalogue, AnEngineThatLacksAFunctionIsToldByEachRequestsCode)
     }
 }
 
+// The same for the plug-in itself.
+Pairs allowedPairs(const Json& request)
+{
+    Pairs given;
+    const Json parameters = allowedParameters(request);
+    for (const auto& [name, value] : parameters.items())
+        given.emplace_back(name, value.is_number()      ? value.dump()
+                                 : holds(value, "b64:") ? "MDEyMzQ1Njc4OWFiY2RlZg=="
+                                                        : value.get<std::string>());
+    return given;
+}
+
 // corvane-host needs an engine; in another host the plug-in may be asked without one.
 TEST_F(HostCatalogue, WithoutAnEngineEachRequestHasItsCode)
 {
     PluginHost host("", paramsDouble());
     host.init();
-    for (const Json& request : catalogue(run({"list", "--json"}))) {
-        Pairs given;
-        const Json parameters = allowedParameters(request);
-        for (const auto& [name, value] : parameters.items())
-            given.emplace_back(name, value.is_number()      ? value.dump()
-                                     : holds(value, "b64:") ? "MDEyMzQ1Njc4OWFiY2RlZg=="
-                                                            : value.get<std::string>());
-        for (const auto& [name, value] : host.request(request["name"], given))
+    for (const Json& request : catalogue(run({"list", "--json"})))
+        for (const auto& [name, value] : host.request(request["name"], allowedPairs(request)))
             EXPECT_EQ(name == "errorCode" ? "-20215" : "", value) << request["name"];
+    host.free();
+}
+
+// ---- Sent again.
+
+TEST_F(HostCatalogue, RequestsSayWhetherTheyMayBeSentAgain)
+{
+    const std::map<std::string, std::set<std::string>> exceptions = {
+        {"leaves-a-session", {"QZaven_ke_new"}},
+        {"once", {"QZaven_ke_client_hello", "QZaven_ke_client_key_exchange"}},
+        {"no",
+         {"QZaven_ke_free", "QZaven_ke_set_public_key", "QZaven_ke_set_certificate",
+          "QZaven_ke_set_root_certificate", "QZaven_ke_encrypt", "QZaven_ke_decrypt",
+          "QZaven_ke_hmac", "QZaven_ke_cmac"}}};
+    std::map<std::string, std::set<std::string>> told;
+    for (const Json& request : catalogue(run({"list", "--json"}))) {
+        const std::string name = request["name"];
+        const std::string code = request["retry"]["code"];
+        EXPECT_TRUE(holds(run({"describe", name}).out,
+                          code + ": " + request["retry"]["text"].get<std::string>()))
+            << name;
+        told[code].insert(name);
+    }
+    EXPECT_EQ(16U, told["safe"].size());
+    told.erase("safe");
+    EXPECT_EQ(exceptions, told);
+}
+
+// A request that may be sent again asks nothing of the engine that belongs to a session, and the
+// second time is like the first.
+TEST_F(HostCatalogue, WhatMayBeSentAgainKeepsNothingInTheEngine)
+{
+    PluginHost host;
+    host.init();
+    for (const Json& request : catalogue(run({"list", "--json"}))) {
+        const std::string name = request["name"];
+        const Pairs first = host.request(name, allowedPairs(request));
+        const std::vector<std::string> calls = host.journal.functions("aven_");
+        ASSERT_FALSE(calls.empty()) << name;
+        const bool isSafe = request["retry"]["code"] == "safe";
+        EXPECT_EQ(isSafe, host.journal.functions("aven_ke_").empty()) << name;
+        if (!isSafe)
+            continue;
+        EXPECT_EQ(first, host.request(name, allowedPairs(request))) << name;
+        EXPECT_EQ(calls, host.journal.functions("aven_")) << name;
     }
     host.free();
 }
@@ -397,6 +448,22 @@ TEST_F(HostDocuments, OpenApiHasEveryRequestWithItsParameters)
         }
         EXPECT_EQ(required, schema["required"]) << path;
     }
+}
+
+TEST_F(HostDocuments, OpenApiSaysOfEachOperationWhetherItMayBeSentAgain)
+{
+    std::map<std::string, std::string> retries;
+    for (const Json& request : catalogue(run({"list", "--json"})))
+        retries[request["name"]] = request["retry"]["code"];
+    const Json document = run({"openapi"}).json();
+    for (const auto& [path, item] : document["paths"].items())
+        for (const auto& [method, operation] : item.items()) {
+            const auto request = retries.find(operation["operationId"]);
+            const std::string other = method == "get" ? "safe" : "no";
+            EXPECT_EQ(request == retries.end() ? other : request->second,
+                      operation["x-corvane-retry"])
+                << path;
+        }
 }
 
 TEST_F(HostDocuments, ConditionsAndSecretsAreForPrograms)

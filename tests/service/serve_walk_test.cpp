@@ -37,7 +37,11 @@ std::string toDer(const std::shared_ptr<Object>& object,
     return bytes;
 }
 
-class ServeWalk : public support::ServedSuite {
+// The walk is gone twice: with the first answer to each request that may be sent again, and with
+// the second one.
+enum class Kept { First, Second };
+
+class ServeWalk : public support::ServedSuite, public testing::WithParamInterface<Kept> {
 protected:
     const std::string m_bytes = "bytes \x00\x01\xfe"s;
     const std::string m_message = "a letter";
@@ -47,8 +51,9 @@ protected:
                                                   {"nonce", "123456789012"},
                                                   {"iv", "6543210987654321"},
                                                   {"mackey", "1234567890123456"}};
-    std::map<std::string, Json> m_results;  // of the steps, by ID
-    Json m_exchange;                        // names the exchange to the other side
+    std::map<std::string, Json> m_results;         // of the steps, by ID
+    std::map<std::string, std::string> m_retries;  // of the requests, what the catalogue says
+    Json m_exchange;                               // names the exchange to the other side
 
     void addCredential(const std::string& name, KeyKind kind)
     {
@@ -87,7 +92,29 @@ protected:
         Json parameters = step.value("params", Json::object());
         for (Json& written : parameters)
             written = value(written.get<std::string>());
-        m_results[step["id"]] = succeeded(name, host().request(name, parameters));
+        const Json results = succeeded(name, host().request(name, parameters));
+        m_results[step["id"]] =
+            m_retries.at(name) == "safe" ? sendAgain(name, parameters, results) : results;
+        if (m_retries.at(name) == "once")
+            expectRefusal(name, parameters);
+    }
+
+    // The answer to be used.
+    Json sendAgain(const std::string& name, const Json& parameters, const Json& first) const
+    {
+        const double sessions = host().metric("corvane_sessions");
+        const Json second = succeeded(name, host().request(name, parameters));
+        EXPECT_EQ(sessions, host().metric("corvane_sessions")) << name;
+        for (const auto& [result, value] : first.items())
+            EXPECT_TRUE(second.contains(result)) << name << " " << result;
+        return GetParam() == Kept::First ? first : second;
+    }
+
+    static void expectRefusal(const std::string& name, const Json& parameters)
+    {
+        const HttpAnswer answer = host().request(name, parameters);
+        EXPECT_EQ(200, answer.status) << name;
+        EXPECT_EQ("AVEN_E_KE_TOO_LATE", answer.json()["error"]["name"]) << answer.body;
     }
 
     static Json succeeded(const std::string& name, const HttpAnswer& answer)
@@ -187,8 +214,11 @@ std::map<std::string, ServeWalk::Check> ServeWalk::checks()
     };
 }
 
-TEST_F(ServeWalk, EveryRequestIsAnswered)
+TEST_P(ServeWalk, EveryRequestIsAnswered)
 {
+    const Json catalogue = host().get("/v1/catalogue").json();
+    for (const Json& request : catalogue["requests"])
+        m_retries[request["name"]] = request["retry"]["code"];
     addCredential("rsa", KeyKind::Rsa);
     addCredential("sm2", KeyKind::Sm2);
     m_files["server/root.crt"] = fromUrlBase64(peer("root")["root"]);
@@ -205,7 +235,7 @@ TEST_F(ServeWalk, EveryRequestIsAnswered)
             check.mapped()(m_results[check.key()].value("Data", ""));
         sent.insert(step["request"]);
     }
-    EXPECT_EQ(host().get("/v1/catalogue").json()["requests"].size(), sent.size());
+    EXPECT_EQ(catalogue["requests"].size(), sent.size());
     EXPECT_TRUE(checks.empty()) << checks.begin()->first << " is no step";
 
     const std::string token = m_results["ke"]["Data"];
@@ -214,6 +244,45 @@ TEST_F(ServeWalk, EveryRequestIsAnswered)
     const HttpAnswer gone = host().request("QZaven_ke_free", {{"strKe", token}});
     EXPECT_EQ("session_gone", gone.code());
     EXPECT_EQ("session_freed", gone.json()["error"]["reason"]);
+}
+
+INSTANTIATE_TEST_SUITE_P(OfThoseSentAgain, ServeWalk, testing::Values(Kept::First, Kept::Second),
+                         [](const auto& kept) {
+                             return kept.param == Kept::First ? "TheFirst" : "TheSecond";
+                         });
+
+// The sessions of this test are its host's only ones.
+TEST(ServeRetry, OfANewSessionLeavesTheFirst)
+{
+    NEEDS_WORKERS();
+    const support::ServedHost host;
+    const std::string first = host.request("QZaven_ke_new").result("Data");
+    const std::string second = host.request("QZaven_ke_new").result("Data");
+    EXPECT_NE(first, second);
+    EXPECT_EQ(2, host.metric("corvane_sessions"));
+    for (const std::string& token : {first, second})
+        EXPECT_EQ("0", host.request("QZaven_ke_free", {{"strKe", token}}).result("errorCode"));
+    EXPECT_EQ(0, host.metric("corvane_sessions"));
+}
+
+// What a session refuses after its hello, it took before: whether a setting that got no answer was
+// carried out cannot be told by sending it again.
+TEST(ServeRetry, OfASettingDependsOnTheSession)
+{
+    NEEDS_WORKERS();
+    const support::ServedHost host;
+    const std::string token = host.request("QZaven_ke_new").result("Data");
+    const std::string root = host.ask("POST", "/v1/peer/root").json()["results"]["root"];
+    const auto set = [&] {
+        return host
+            .request("QZaven_ke_set_root_certificate",
+                     {{"strKe", token}, {"strCa_file", {{"base64", root}}}})
+            .json()["error"];
+    };
+    EXPECT_TRUE(set().is_null()) << set();
+    EXPECT_TRUE(set().is_null());
+    host.request("QZaven_ke_client_hello", {{"strKe", token}});
+    EXPECT_EQ("AVEN_E_KE_TOO_LATE", set()["name"]);
 }
 
 }  // namespace

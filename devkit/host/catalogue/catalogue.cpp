@@ -126,9 +126,9 @@ const std::vector<RequestInfo> requests = {
     {"QZaven_ke_set_root_certificate",  "Key-exchange session", "Sets the trusted roots.",
         {strKe, strCaFile, strCaPath}, {code}, {MISSING, ENGINE}},
     {"QZaven_ke_client_hello",          "Key-exchange session", "Makes the client hello, at most 32 bytes.",
-        {strKe}, {base64, code}, {MISSING, ENGINE}},
+        {strKe}, {base64, code}, {MISSING, ENGINE}, {}, Retry::Once},
     {"QZaven_ke_client_key_exchange",   "Key-exchange session", "Takes the server's answer and makes the client's message, at most 256 bytes.",
-        {strKe, strSrvrRand, strSrvrSig, strSrvrEnc, strSrvrSign}, {base64, code}, {MISSING, ENGINE}},
+        {strKe, strSrvrRand, strSrvrSig, strSrvrEnc, strSrvrSign}, {base64, code}, {MISSING, ENGINE}, {}, Retry::Once},
 
     {"QZaven_ke_encrypt",               "Key-exchange channel", "Encrypts with the session's keys.",
         {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
@@ -174,6 +174,15 @@ const std::vector<RequestInfo> requests = {
         {key16, iv16, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_wbsm4_decrypt",            "White-box SM4", "Decrypts.",
         {key16, iv16, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+};
+// clang-format on
+
+// clang-format off
+const std::vector<RetryKind> retries = {
+    {Retry::Safe,           "safe",             "nothing is kept of it: it may be sent again, to any worker or host"},
+    {Retry::LeavesASession, "leaves-a-session", "sending it again makes another session; the first stays until it is freed, which corvane-host serve does once it is idle"},
+    {Retry::Once,           "once",             "happens once in a session: sent again it is refused, and the session is of no use without the lost answer"},
+    {Retry::No,             "no",               "not to be sent again: the first time may have changed the session, or ended it"},
 };
 // clang-format on
 
@@ -247,6 +256,27 @@ bool takesSession(const RequestInfo& request)
 {
     return std::any_of(request.parameters.begin(), request.parameters.end(),
                        [](const Parameter& p) { return p.form == Form::Handle; });
+}
+
+Retry retryOf(const RequestInfo& request)
+{
+    if (takesSession(request))
+        return request.inSession;
+    const bool makesSession =
+        std::any_of(request.results.begin(), request.results.end(),
+                    [](const Result& result) { return result.form == Form::Handle; });
+    return makesSession ? Retry::LeavesASession : Retry::Safe;
+}
+
+const std::vector<RetryKind>& retryKinds()
+{
+    return retries;
+}
+
+const RetryKind& kindOf(Retry retry)
+{
+    return *std::find_if(retries.begin(), retries.end(),
+                         [&](const RetryKind& kind) { return kind.retry == retry; });
 }
 
 Form formOf(const RequestInfo* request, const std::string& name)

@@ -90,6 +90,9 @@ struct Sample {
     const char* source;  // who says so
 };
 
+// What comes of sending a request again when its answer was lost.
+enum class Retry { Safe, LeavesASession, Once, No };
+
 struct RequestInfo {
     const char* name;
     const char* group;
@@ -98,6 +101,7 @@ struct RequestInfo {
     std::vector<Result> results;        // in the order in which it writes them
     std::vector<int> codes;             // its own that it may write; the engine's come on top
     std::optional<Sample> sample = {};  // of those whose answers are the same each time
+    Retry inSession = Retry::No;        // of those that take a session
 };
 
 // All requests, in the order of their function IDs, 0 to 26.
@@ -116,6 +120,17 @@ const Parameter* findParameter(const RequestInfo& request, const std::string& na
 
 // Whether a request belongs to a key-exchange session.
 bool takesSession(const RequestInfo& request);
+
+Retry retryOf(const RequestInfo& request);
+
+// How programs know a kind, and what it means, as a sentence without its period.
+struct RetryKind {
+    Retry retry;
+    const char* name;
+    const char* text;
+};
+const std::vector<RetryKind>& retryKinds();
+const RetryKind& kindOf(Retry retry);
 
 // A parameter's form; text if the request, which may be null, does not know it.
 Form formOf(const RequestInfo* request, const std::string& name);

@@ -189,7 +189,8 @@ struct Operation {
 };
 
 // The item of a path: its one method with all statuses that can come of it.
-Json pathItem(const Route& route, const std::set<unsigned>& statuses, const Operation& operation)
+Json pathItem(const Route& route, const std::set<unsigned>& statuses, const Operation& operation,
+              Retry retry)
 {
     Json responses = Json::object();
     for (const unsigned status : statuses) {
@@ -199,6 +200,7 @@ Json pathItem(const Route& route, const std::set<unsigned>& statuses, const Oper
     responses["200"] = operation.answer;
     Json entry = {
         {"operationId", operation.id}, {"tags", {operation.tag}}, {"summary", operation.summary}};
+    entry["x-corvane-retry"] = kindOf(retry).name;
     if (!needsToken(route.path))
         entry["security"] = Json::array();
     for (const auto& [isThere, name] :
@@ -219,7 +221,8 @@ Json requestPath(const Route& route, const RequestInfo& request)
                     {request.name, request.group, request.summary, bodyOf(request),
                      answerOf("The plug-in's answer; `error` says if it or the engine refused",
                               answerSchema(request)),
-                     takesSession(request)});
+                     takesSession(request)},
+                    retryOf(request));
 }
 
 Json batchPath(const Route& route)
@@ -233,7 +236,8 @@ Json batchPath(const Route& route)
     const Json answers = object({{"answers", arrayOf(reference("Answer"))}}, {"answers"});
     return pathItem(route, statusesOf(route),
                     {"batch", "Service", "Several requests, answered in their order.", body,
-                     answerOf("An answer for each", answers), true});
+                     answerOf("An answer for each", answers), true},
+                    Retry::No);
 }
 
 // ---- The bundled other side of a key exchange.
@@ -257,7 +261,8 @@ Json peerPath(const Route& route, const PeerStep& step)
                  Json::array())}}};
     return pathItem(route, statusesOf(route),
                     {std::string("peer_") + step.name, "Key-exchange peer", step.summary, body,
-                     answerOf("The peer's answer", answer), true});
+                     answerOf("The peer's answer", answer), true},
+                    Retry::No);
 }
 
 // ---- What is read.
@@ -304,7 +309,7 @@ Operation reading(const Route& route)
 
 Json readPath(const Route& route)
 {
-    Json item = pathItem(route, statusesOf(route), reading(route));
+    Json item = pathItem(route, statusesOf(route), reading(route), Retry::Safe);
     if (route.target == Target::Ready)
         item["get"]["responses"]["503"] = answerOf("It does not", reference("Health"));
     return item;

@@ -115,7 +115,7 @@ std::string section(const RequestInfo& request)
         out += row({code(result.name), formName(result.form), result.meaning});
     if (!request.codes.empty())
         out += "\nIts own codes: " + codesText(request.codes) + ".\n";
-    return out + "\n";
+    return out + "\nSent again: " + code(kindOf(retryOf(request)).name) + ".\n\n";
 }
 
 // The text of a kind of warning, with {name} for a value.
@@ -168,7 +168,8 @@ std::string describe(const RequestInfo& request)
     if (!request.codes.empty())
         out += "  its own codes\n    " + codesText(request.codes) +
                "; `corvane-host explain CODE` says more\n";
-    return out;
+    const RetryKind& retry = kindOf(retryOf(request));
+    return out + "  if its answer is lost\n    " + retry.name + ": " + retry.text + "\n";
 }
 
 std::string listRequests()
@@ -220,13 +221,15 @@ Json toJson(const RequestInfo& request)
         results.push_back(
             {{"name", result.name}, {"form", formName(result.form)}, {"meaning", result.meaning}});
 
+    const RetryKind& retry = kindOf(retryOf(request));
     return {{"id", &request - catalogue().data()},
             {"name", request.name},
             {"group", request.group},
             {"summary", request.summary},
             {"parameters", parameters},
             {"results", results},
-            {"codes", request.codes}};
+            {"codes", request.codes},
+            {"retry", {{"code", retry.name}, {"text", retry.text}}}};
 }
 
 Json toJson(const ErrorCode& code)
@@ -294,7 +297,15 @@ An empty value counts as a missing one. `errorCode` is 0, one of the plug-in's o
 the engine's, which is passed on unchanged. Values that have names here have them in the
 development engine; another engine may number otherwise.
 
+Whether a request may be sent again when its answer was lost:
+
+| sent again | what comes of it |
+|---|---|
 )";
+    for (const RetryKind& kind : retryKinds())
+        out += row({code(kind.name), kind.text});
+    out += "\n";
+
     std::string group;
     for (const RequestInfo& request : catalogue()) {
         if (group != request.group) {
