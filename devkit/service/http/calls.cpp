@@ -31,7 +31,6 @@ std::string DirectCalls::metricsText() const
 {
     m_log.flush();
     return m_service.metricsText() +
-           gauge("corvane_connections", static_cast<double>(m_limits.connections())) +
-           gauge("corvane_access_log_dropped_total", static_cast<double>(m_log.dropped()), "",
-                 "counter");
+           metric("corvane_connections", static_cast<double>(m_limits.connections())) +
+           metric("corvane_access_log_dropped_total", static_cast<double>(m_log.dropped()));
 }

@@ -369,6 +369,7 @@ void Service::probe(Done done)
         const char* status = "no worker answers";
         if (ending == Ending::Answered)
             status = isRight ? "ok" : "a worker gives a wrong answer";
+        m_metrics.countReadiness(status);
         m_lastProbe = answerOf(Json{{"status", status}});
         m_lastProbe.status = isRight ? 200 : 503;
         m_probed = Clock::now();
@@ -411,25 +412,29 @@ Json Service::status(const Addressee& to) const
 
 std::string Service::metricsText() const
 {
+    const auto number = [](size_t value) { return static_cast<double>(value); };
     uint64_t restarts = 0;
-    std::string out = m_metrics.text();
-    std::string memory = gauge("corvane_resident_bytes",
-                               static_cast<double>(residentBytes(getpid())), "process=\"front\"");
+    std::string memory =
+        metric("corvane_resident_bytes", number(residentBytes(getpid())), {{"process", "front"}});
     for (size_t slot = 0; slot < m_pool.size(); ++slot) {
         const WorkerPool::WorkerInfo info = m_pool.info(slot);
         restarts += info.restarts;
-        memory += gauge("corvane_resident_bytes",
-                        info.pid > 0 ? static_cast<double>(residentBytes(info.pid)) : 0,
-                        "process=\"worker" + std::to_string(slot) + "\"", nullptr);
+        memory +=
+            metricRow("corvane_resident_bytes", info.pid > 0 ? number(residentBytes(info.pid)) : 0,
+                      {{"process", "worker" + std::to_string(slot)}});
     }
-    const auto number = [](size_t value) { return static_cast<double>(value); };
-    out += gauge("corvane_workers", number(m_pool.size()));
-    out += gauge("corvane_workers_ready", number(m_pool.ready()));
-    out += gauge("corvane_workers_busy", number(m_pool.busy()));
-    out += gauge("corvane_worker_restarts_total", number(restarts), "", "counter");
-    out += gauge("corvane_sessions", number(m_sessions.count()));
-    out += gauge("corvane_queue", number(m_pool.queued()));
-    out += gauge("corvane_uptime_seconds", Seconds(Clock::now() - m_start).count());
-    out += gauge("process_open_fds", number(openDescriptors()));
-    return out + memory;
+    return metric("corvane_build_info", 1,
+                  {{"version", productVersion()},
+                   {"commit", productCommit()},
+                   {"node", m_options.node}}) +
+           m_metrics.text() + metric("corvane_workers", number(m_pool.size())) +
+           metric("corvane_workers_ready", number(m_pool.ready())) +
+           metric("corvane_workers_busy", number(m_pool.busy())) +
+           metric("corvane_worker_restarts_total", number(restarts)) +
+           metric("corvane_sessions", number(m_sessions.count())) +
+           metric("corvane_sessions_limit", number(m_options.sessions * m_pool.size())) +
+           metric("corvane_queue", number(m_pool.queued())) +
+           metric("corvane_queue_limit", number(m_options.queue)) +
+           metric("corvane_uptime_seconds", Seconds(Clock::now() - m_start).count()) + memory +
+           processMetrics();
 }

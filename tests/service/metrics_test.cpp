@@ -1,0 +1,176 @@
+// The text of /metrics: its form, and that documents and rules name what is in it.
+// tests/prometheus.sh has promtool look at it too.
+#include "service/operation/metrics.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "support/document_table.h"
+#include "support/served_host.h"
+
+namespace {
+
+using support::Json;
+using support::ServedHost;
+using Names = std::set<std::string>;
+
+const Json hmac = {{"strHashAlg", 4}, {"strKey", "Jefe"}, {"strdata", {{"text", "message"}}}};
+
+Names namesOfInfos()
+{
+    Names names;
+    for (const MetricInfo& info : metricInfos())
+        names.insert(info.name);
+    return names;
+}
+
+// What a row is of: a histogram's rows have endings of their own.
+std::string metricOf(const std::string& row, const std::string& headed)
+{
+    const std::string name = row.substr(0, row.find_first_of("{ "));
+    for (const char* ending : {"_bucket", "_sum", "_count"})
+        if (name == headed + ending)
+            return headed;
+    return name;
+}
+
+// Reads the text as any reader of the format does; the names that have rows.
+Names metricsIn(const std::string& text)
+{
+    static const std::regex head("# HELP ([a-z_]+) [^ ].*\\.");
+    static const std::regex row(
+        "[a-z_]+(\\{[a-z]+=\"([^\"\\\\]|\\\\[\\\\\"n])*\"(,[a-z]+=\"([^\"\\\\]|\\\\[\\\\\"n])*\")*"
+        "\\})?"
+        " [-+0-9.e]+");
+    Names seen, filled;
+    std::string headed;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch parts;
+        if (std::regex_match(line, parts, head)) {
+            headed = parts[1];
+            EXPECT_TRUE(seen.insert(headed).second) << headed << " has two heads";
+            std::getline(lines, line);
+            EXPECT_EQ(0U, line.rfind("# TYPE " + headed + " ", 0)) << line;
+            continue;
+        }
+        EXPECT_TRUE(std::regex_match(line, row)) << line;
+        EXPECT_EQ(headed, metricOf(line, headed)) << line;
+        filled.insert(headed);
+    }
+    EXPECT_EQ(seen, filled) << "a head without rows";
+    return filled;
+}
+
+// ---- A host's.
+
+class MetricsOfAHost : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        NEEDS_WORKERS();
+        m_before = time(nullptr);
+        const ServedHost host({"--node", "a-1"});
+        host.workers();
+        host.request("QZaven_crypto_hmac", hmac);
+        host.request("QZaven_crypto_hmac", {{"strKey", true}});  // the host refuses it
+        host.request("QZaven_crypto_hmac");                      // the plug-in does
+        host.request("QZaven_ke_new");
+        host.get("/readyz");
+        m_text = host.get("/metrics").body;
+    }
+
+    double row(const std::string& name) const { return support::rowOf(m_text, name); }
+
+    time_t m_before = 0;
+    std::string m_text;
+};
+
+TEST_F(MetricsOfAHost, EachHasAHeadAndRows)
+{
+    EXPECT_EQ(namesOfInfos(), metricsIn(m_text));
+}
+
+TEST_F(MetricsOfAHost, TellWhatRunsAndSinceWhen)
+{
+    EXPECT_TRUE(
+        std::regex_search(m_text, std::regex("\ncorvane_build_info\\{version=\"" CORVANE_VERSION
+                                             "\",commit=\"[0-9a-f]*\",node=\"a-1\"\\} 1\n")))
+        << m_text;
+    // The system's boot is known to the second alone.
+    EXPECT_NEAR(static_cast<double>(m_before), row("process_start_time_seconds"), 60);
+    EXPECT_GE(row("process_start_time_seconds"), static_cast<double>(m_before) - 2);
+    EXPECT_GT(row("process_cpu_seconds_total"), 0);
+    EXPECT_GT(row("process_max_fds"), row("process_open_fds"));
+    EXPECT_EQ(1, row("corvane_readiness_checks_total{status=\"ok\"}"));
+    EXPECT_EQ(1, row("corvane_sessions"));
+    EXPECT_EQ(2 * 1024, row("corvane_sessions_limit"));
+    EXPECT_EQ(1024, row("corvane_queue_limit"));
+}
+
+TEST_F(MetricsOfAHost, WhatWasNotSentTookNoTime)
+{
+    EXPECT_EQ(1, row("corvane_requests_total{name=\"QZaven_crypto_hmac\",code=\"wrong_type\"}"));
+    EXPECT_EQ(1, row("corvane_requests_total{name=\"QZaven_crypto_hmac\",code=\"-20001\"}"));
+    EXPECT_EQ(2, row("corvane_request_seconds_count{name=\"QZaven_crypto_hmac\"}"));
+}
+
+// ---- The format.
+
+TEST(Metrics, BucketsTellFromTheFastestRequestToTheSlowest)
+{
+    Metrics metrics;
+    metrics.countRequest("x", "0", 0.00004);
+    metrics.countRequest("x", "0", 0.00005);
+    metrics.countRequest("x", "0", 29);
+    metrics.countRequest("x", "worker_timeout", 31);
+    const std::string text = metrics.text();
+    const std::regex bucket(
+        "corvane_request_seconds_bucket\\{name=\"x\",le=\"([^\"]+)\"\\} (\\d+)");
+    double last = 0;
+    std::vector<int> counts;
+    for (std::sregex_iterator hit(text.begin(), text.end(), bucket), end; hit != end; ++hit) {
+        counts.push_back(std::stoi((*hit)[2]));
+        if ((*hit)[1] == "+Inf")
+            continue;
+        const double bound = std::stod((*hit)[1]);
+        EXPECT_GT(bound, last);
+        EXPECT_LE(bound, last == 0 ? 0.00005 : 3 * last) << "quantiles are told too roughly";
+        last = bound;
+    }
+    EXPECT_EQ(30, last);
+    ASSERT_GT(counts.size(), 2U);
+    EXPECT_EQ(2, counts.front());
+    EXPECT_EQ(3, counts[counts.size() - 2]);
+    EXPECT_EQ(4, counts.back());
+}
+
+TEST(Metrics, LabelsMayBeAnyText)
+{
+    EXPECT_EQ("x{a=\"\\\\ \\\" \\n {}\",b=\"\"} 1\n",
+              metricRow("x", 1, {{"a", "\\ \" \n {}"}, {"b", ""}}));
+    EXPECT_EQ("x 0.00125\n", metricRow("x", 0.00125));
+}
+
+TEST(Metrics, OneThatIsInNoTableIsNotWritten)
+{
+    EXPECT_THROW(metricHead("corvane_unheard_of"), std::logic_error);
+}
+
+// ---- Who names them.
+
+TEST(Metrics, DocumentHasThemAll)
+{
+    Names listed;
+    for (support::TableRow& row : support::tableOf("docs/serving.md", {"name", "what it counts"}))
+        for (const std::string& name : support::namesIn(row["name"]))
+            listed.insert(name.substr(0, name.find('{')));
+    EXPECT_EQ(namesOfInfos(), listed);
+}
+
+}  // namespace
