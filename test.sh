@@ -3,7 +3,8 @@
 #   ./test.sh       the fast suite
 #   ./test.sh all   also static analysis, Clang, sanitizers, valgrind, 64-bit ARM in
 #                   emulation, coverage, fuzzers, a minute of load, the console in a browser,
-#                   the packages for both architectures (this one wants root)
+#                   the manifests for Kubernetes, the packages for both architectures (this one
+#                   wants root)
 #   ./test.sh --help  these lines
 #
 # Debian packages that are missing are installed. With CORVANE_NO_INSTALL=1 in the environment
@@ -150,6 +151,7 @@ if [ "${1-}" = all ]; then
     stage "64-bit ARM" tests_of aarch64
     stage "fuzzers" fuzz/run.sh 20
     stage "load, and the console in a browser" load_and_console
+    stage "manifests for Kubernetes" tests/kubernetes.sh
     stage "abuse of the host's server" abuse
     stage "packages" packages
 fi

@@ -4,12 +4,15 @@
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "support/document_table.h"
+#include "support/files.h"
 #include "support/shell.h"
 #include "support/shipped_files.h"
 
@@ -156,6 +159,22 @@ TEST(ThirdParty, PackagesForBuildingAndTestingAreTheListedOnes)
         listed.insert(namesIn(row["package"]).at(0));
     }
     EXPECT_EQ("", difference(listed, used));
+}
+
+// Those that tests install from npm's registry by themselves, with the licences in their locks.
+TEST(ThirdParty, PackagesOfNpmAreTheListedOnes)
+{
+    std::map<std::string, std::string> locked, listed;
+    for (const char* folder : {"tests/console", "tests/kubernetes"}) {
+        const fs::path lock = fs::path(CORVANE_SOURCE_DIR) / folder / "package-lock.json";
+        const nlohmann::json packages =
+            nlohmann::json::parse(support::readWhole(lock)).at("packages");
+        for (const auto& [name, version] : packages.at("").at("devDependencies").items())
+            locked[name] = packages.at("node_modules/" + name).at("license");
+    }
+    for (TableRow& row : tableOf(document, {"what for", "npm's package", "licence"}))
+        listed[namesIn(row["npm's package"]).at(0)] = row["licence"];
+    EXPECT_EQ(locked, listed);
 }
 
 }  // namespace
