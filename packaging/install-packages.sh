@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are named and missing, and says so on standard error. A name
 # may end in an architecture (libssl-dev:arm64), which is then added to those of the machine.
-# Needs root or sudo only when there is something to install.
+# Needs root or sudo only when there is something to install. Services that packages bring are not
+# started.
 #
 # With CORVANE_NO_INSTALL=1 in the environment nothing is installed: what is missing is named as it
 # is called on any system, and the script that asked goes on. Without dpkg there is no other way.
@@ -45,6 +46,13 @@ for package in "${missing[@]}"; do
 done
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
+# dpkg asks this file, where there is one, before it starts a service.
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+    trap 'rm -f "$log"; "${as_root[@]}" rm -f "$policy"' EXIT
+    printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+    "${as_root[@]}" chmod 755 "$policy"
+fi
 # An installation that was interrupted is finished first.
 if ! { "${as_root[@]}" dpkg --configure -a && "${as_root[@]}" apt-get update &&
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \

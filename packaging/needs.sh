@@ -27,6 +27,7 @@ softhsm2 | program softhsm2-util | SoftHSM 2
 libp11-kit-dev | file /usr/include/p11-kit-1 | headers of p11-kit (pkg-config p11-kit-1)
 nginx-light | program nginx | nginx
 procps | program ps | procps
+haproxy | program haproxy | HAProxy 2.6
 nodejs | program node | Node.js
 fonts-wqy-microhei | file /usr/share/fonts/truetype/wqy | a Chinese font
 g++-aarch64-linux-gnu | program aarch64-linux-gnu-g++ | GCC 12 for 64-bit ARM
