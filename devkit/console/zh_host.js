@@ -286,6 +286,7 @@ export const reasons = {
     no_worker: '没有进程及时空出来处理请求',
     sessions_full: '会话数已达主机上限',
     bodies_full: '其他请求的正文占满了可用的内存',
+    host_stops: '主机即将停止',
     host_stopped: '请求开始之前主机已停止',
     too_slow: '请求用时过长，已被终止',
 };

@@ -20,6 +20,7 @@
 #include "service/operation/memory_end.h"
 #include "service/operation/metrics.h"
 #include "service/requests/service.h"
+#include "shutdown.h"
 
 namespace fs = std::filesystem;
 
@@ -148,8 +149,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
         0)
         log.tell("standard output takes nothing; listening on " + fronts.url());
 
-    bool isDraining = false;
-    Alarm drained(loop, [&loop] { loop.stop(); });
+    Shutdown shutdown(loop, options, service, fronts);
     loop.watch(signals.get(), EPOLLIN, [&](uint32_t) {
         signalfd_siginfo info = {};
         while (read(signals.get(), &info, sizeof info) == sizeof info) {
@@ -159,12 +159,8 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
                 log.reopen();
             } else if (info.ssi_signo == SIGUSR2) {
                 service.rollWorkers();
-            } else if (std::exchange(isDraining, true)) {
-                loop.stop();  // asked twice
             } else {
-                sd_notify(0, "STOPPING=1");
-                drained.set(after(Seconds(options.drainSeconds)));
-                fronts.drain();
+                shutdown.ask();
             }
         }
     });
@@ -173,8 +169,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
         const int timeout = fronts.run();
         service.flush();
         log.flush();
-        if (isDraining && !fronts.isBusy())
-            loop.stop();
+        shutdown.run();
         return timeout;
     });
 

@@ -98,6 +98,7 @@
     X(busy,                no_worker,             "no process was free for the request in time") \
     X(busy,                sessions_full,         "there are as many sessions as the host takes") \
     X(busy,                bodies_full,           "the bodies of other requests take all memory there is for them") \
+    X(draining,            host_stops,            "the host is about to stop") \
     X(draining,            host_stopped,          "the host stopped before the request began") \
     X(worker_timeout,      too_slow,              "the request took too long and was ended")
 // clang-format on

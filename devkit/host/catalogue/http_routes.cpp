@@ -27,6 +27,7 @@ const Codes request = body + Codes{"unknown_request", "bad_path", "session_gone"
 // Where an answer is waited for and no memory is left for it, it is worker_failed too.
 const Codes worker = {"worker_failed", "worker_timeout"};
 const Codes memory = {"worker_failed"};
+const Codes ending = {"draining"};
 
 // clang-format off
 const std::vector<Route> routes = {
@@ -37,7 +38,7 @@ const std::vector<Route> routes = {
     {"/v1/catalogue", "/v1/catalogue",       "GET",  Target::Document, {200, 304}, token},
     {"/v1/status",    "/v1/status",          "GET",  Target::Status,   {200},      node},
     {"/livez",        "/livez",              "GET",  Target::Live,     {200},      head},
-    {"/readyz",       "/readyz",             "GET",  Target::Ready,    {200, 503}, head + memory},
+    {"/readyz",       "/readyz",             "GET",  Target::Ready,    {200, 503}, head + memory + ending},
     {"/metrics",      "/metrics",            "GET",  Target::Metrics,  {200},      token},
     {"/openapi.json", "/openapi.json",       "GET",  Target::Document, {200, 304}, head},
 };

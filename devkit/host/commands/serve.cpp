@@ -113,6 +113,8 @@ void addOptions(CLI::App& command, ServeOptions& options)
     seconds("--request-seconds", options.requestSeconds, "Time for a request in a worker");
     seconds("--read-seconds", options.readSeconds, "Time for a request to arrive");
     seconds("--session-seconds", options.sessionSeconds, "Idle time of a key-exchange session");
+    limit("--lame-duck-seconds", options.lameDuckSeconds, 0, longestDrain,
+          "Time between the signal to end and the drain, in which only /readyz refuses");
     limit("--drain-seconds", options.drainSeconds, 0, longestDrain,
           "Time to finish requests at the end");
     limit("--roll-seconds", options.rollSeconds, 0, longestDrain,

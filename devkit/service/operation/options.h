@@ -35,6 +35,7 @@ struct ServeOptions {
     double requestSeconds = 30;
     double readSeconds = 30;
     double sessionSeconds = 300;
+    double lameDuckSeconds = 0;  // from the signal to the drain
     double drainSeconds = 30;
     double rollSeconds = 30;  // that sessions keep a worker which is to be replaced
 

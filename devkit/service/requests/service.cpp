@@ -353,6 +353,8 @@ void Service::endIdleSessions()
 
 void Service::probe(Done done)
 {
+    if (m_isEnding)
+        return done(answerOf(Refusal(Reason::host_stops)));
     if (m_probed != Clock::time_point() && Clock::now() - m_probed < std::chrono::seconds(1))
         return done(m_lastProbe);
     if (!m_waitingForProbe.empty())

@@ -43,6 +43,8 @@ public:
     // Whether requests are answered: sends one whose answer is known. Within a second the same
     // answer is given again.
     void probe(Done done);
+    // From this on it refuses: the host is about to stop. Requests are answered as before.
+    void announceEnd() { m_isEnding = true; }
 
     nlohmann::ordered_json status(const Addressee& to) const;
     std::string metricsText() const;
@@ -99,6 +101,7 @@ private:
     std::vector<Done> m_waitingForProbe;
     Clock::time_point m_probed;
     Answer m_lastProbe;
+    bool m_isEnding = false;
     Alarm m_idleSessions;
     std::optional<WorkerPool> m_peer;
     WorkerPool m_pool;  // the last: its destructor calls `done` of all tasks, which use the rest
