@@ -3,8 +3,8 @@
 #   ./test.sh       the fast suite
 #   ./test.sh all   also static analysis, Clang, sanitizers, valgrind, 64-bit ARM in
 #                   emulation, coverage, fuzzers, a minute of load, the console in a browser,
-#                   the manifests for Kubernetes, the packages for both architectures (this one
-#                   wants root)
+#                   the manifests for Kubernetes, promtool, the packages for both architectures
+#                   (this one wants root)
 #   ./test.sh --help  these lines
 #
 # Debian packages that are missing are installed. With CORVANE_NO_INSTALL=1 in the environment
@@ -138,7 +138,7 @@ packaging/install-packages.sh "${build_packages[@]}" "${test_packages[@]}"
 stage "tests" tests_of release
 if [ "${1-}" = all ]; then
     packaging/install-packages.sh "${all_packages[@]}" "${aarch64_packages[@]}" \
-        "${browser_packages[@]}"
+        "${browser_packages[@]}" "${prometheus_packages[@]}"
     stage "formatting" formatting
     stage "scripts" scripts
     stage "scripts in other places" tests/commands.sh
@@ -152,6 +152,7 @@ if [ "${1-}" = all ]; then
     stage "fuzzers" fuzz/run.sh 20
     stage "load, and the console in a browser" load_and_console
     stage "manifests for Kubernetes" tests/kubernetes.sh
+    stage "prometheus" tests/prometheus.sh
     stage "abuse of the host's server" abuse
     stage "packages" packages
 fi

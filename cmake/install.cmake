@@ -63,6 +63,7 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/corvane.pc DESTINATION ${PKGCONFIG_DIR
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc
   PATTERN man EXCLUDE PATTERN build EXCLUDE)
+install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/packaging COMPONENT doc)
 foreach(folder host engine)
   install(FILES devkit/${folder}/README.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/devkit/${folder} COMPONENT doc)

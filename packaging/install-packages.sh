@@ -46,12 +46,12 @@ for package in "${missing[@]}"; do
 done
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-# dpkg asks this file, where there is one, before it starts a service.
+# Of packages with services their programs are wanted: the services, some of which listen on all
+# addresses, start neither now nor with the machine. dpkg asks this file, where there is one.
 policy=/usr/sbin/policy-rc.d
 if [ ! -e "$policy" ]; then
     trap 'rm -f "$log"; "${as_root[@]}" rm -f "$policy"' EXIT
-    printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
-    "${as_root[@]}" chmod 755 "$policy"
+    printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin "$policy"
 fi
 # An installation that was interrupted is finished first.
 if ! { "${as_root[@]}" dpkg --configure -a && "${as_root[@]}" apt-get update &&
@@ -61,3 +61,6 @@ if ! { "${as_root[@]}" dpkg --configure -a && "${as_root[@]}" apt-get update &&
     echo "The packages could not be installed." >&2
     exit 1
 fi
+for package in "${missing[@]}"; do
+    [ ! -e "/etc/init.d/$package" ] || "${as_root[@]}" update-rc.d "$package" disable
+done

@@ -26,6 +26,9 @@ balancer_packages=(haproxy nginx-light openssl python3)
 # The console's tests in a browser; the fonts are for Chinese on the pictures.
 browser_packages=(chromium curl fonts-wqy-microhei nodejs)
 
+# What hosts tell to Prometheus, and the rules for it. Of the package, promtool is used.
+prometheus_packages=(curl openssl prometheus)
+
 # Building for 64-bit ARM and running it in emulation. The last are of that architecture.
 aarch64_packages=(g++-aarch64-linux-gnu qemu-user libssl-dev:arm64 libstdc++6:arm64
     libmicrohttpd-dev:arm64 libsystemd-dev:arm64)

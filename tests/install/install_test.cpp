@@ -135,7 +135,8 @@ TEST_F(Installed, EachComponentHasItsFiles)
           "share/fish/vendor_completions.d/corvane-host.fish"},
          ""},
         {"doc",
-         {"share/doc/corvane/README.md", "share/doc/corvane/docs/embedding.md"},
+         {"share/doc/corvane/README.md", "share/doc/corvane/docs/embedding.md",
+          "share/doc/corvane/packaging/prometheus/alerts.yml"},
          "share/doc/"},
     };
     std::set<std::string> all;

@@ -15,6 +15,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using support::Json;
 using support::ServedHost;
 using Names = std::set<std::string>;
@@ -171,6 +172,52 @@ TEST(Metrics, DocumentHasThemAll)
         for (const std::string& name : support::namesIn(row["name"]))
             listed.insert(name.substr(0, name.find('{')));
     EXPECT_EQ(namesOfInfos(), listed);
+}
+
+constexpr const char* rulesFolder = CORVANE_SOURCE_DIR "/packaging/prometheus/";
+
+// What a pattern finds in a text, by its first group.
+Names found(const std::string& text, const std::string& pattern)
+{
+    const std::regex expression(pattern);
+    Names names;
+    for (std::sregex_iterator hit(text.begin(), text.end(), expression), end; hit != end; ++hit)
+        names.insert((*hit)[1]);
+    return names;
+}
+
+// Names that are recorded by rules have a colon in them.
+TEST(Metrics, RulesUseThoseThatAreThere)
+{
+    const std::string recording = support::readWhole(rulesFolder + "recording.yml"s);
+    const std::string both = recording + support::readWhole(rulesFolder + "alerts.yml"s);
+    Names used;
+    for (const std::string& name :
+         found(both, "(?:^|[^:a-z_])((?:corvane|process)_[a-z0-9_]+)(?![a-z0-9_:])"))
+        used.insert(metricOf(name, "corvane_request_seconds"));
+    EXPECT_GT(used.size(), 10U);
+    const Names known = namesOfInfos();
+    for (const std::string& name : used)
+        EXPECT_EQ(1U, known.count(name)) << name;
+
+    const Names recorded = found(recording, "- record: (\\S+)");
+    EXPECT_GT(recorded.size(), 5U);
+    for (const std::string& name : found(both, "([a-z_]+:corvane_[a-z0-9_]+(?::[a-z0-9]+)?)"))
+        EXPECT_EQ(1U, recorded.count(name)) << name;
+}
+
+// tests/prometheus.sh has promtool run these.
+TEST(Metrics, EachRuleIsTried)
+{
+    const std::string planted =
+        support::readWhole(CORVANE_SOURCE_DIR "/tests/prometheus_rules.yml");
+    const std::string alerts = support::readWhole(rulesFolder + "alerts.yml"s);
+    const std::string recording = support::readWhole(rulesFolder + "recording.yml"s);
+    EXPECT_EQ(found(alerts, "- alert: (\\w+)"), found(planted, "alertname=\"(\\w+)\""));
+    for (const std::string& name : found(recording, "- record: (\\S+)"))
+        EXPECT_TRUE(planted.find(name) != std::string::npos ||
+                    name == "name_le:corvane_request_seconds_bucket:rate5m")
+            << name << " is not asked for, nor by the quantiles that are";
 }
 
 }  // namespace
