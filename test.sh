@@ -29,18 +29,28 @@ esac
 passed=0
 failed=()
 
+# Seconds that processors have spent on this script's children which have ended, and on theirs.
+processor_seconds() {
+    local fields
+    read -ra fields <"/proc/$$/stat"  # the script's name, in the second, has no blanks
+    echo $(((fields[15] + fields[16]) / $(getconf CLK_TCK)))
+}
+
 # Runs one stage and goes on whatever becomes of it.
 stage() {
-    local name=$1 start=$SECONDS
+    local name=$1 start=$SECONDS processor word
+    processor=$(processor_seconds)
     shift
     printf '\n== %s\n' "$name"
     if "$@"; then
         passed=$((passed + 1))
-        printf '== %s: passed in %d s\n' "$name" $((SECONDS - start))
+        word='passed in'
     else
         failed+=("$name")
-        printf '== %s: FAILED after %d s\n' "$name" $((SECONDS - start))
+        word='FAILED after'
     fi
+    printf '== %s: %s %d s, %d s of processor time\n' "$name" "$word" $((SECONDS - start)) \
+        $(($(processor_seconds) - processor))
 }
 
 # Runs a command and shows its output only if it fails.
