@@ -61,6 +61,6 @@ if ! { "${as_root[@]}" dpkg --configure -a && "${as_root[@]}" apt-get update &&
     echo "The packages could not be installed." >&2
     exit 1
 fi
-for package in "${missing[@]}"; do
-    [ ! -e "/etc/init.d/$package" ] || "${as_root[@]}" update-rc.d "$package" disable
+for service in haproxy nginx prometheus; do
+    [[ " ${missing[*]} " != *" $service"* ]] || "${as_root[@]}" update-rc.d "$service" disable
 done
