@@ -3,8 +3,8 @@
 #   ./test.sh       the fast suite
 #   ./test.sh all   also static analysis, Clang, sanitizers, valgrind, 64-bit ARM in
 #                   emulation, coverage, fuzzers, a minute of load, the console in a browser,
-#                   the manifests for Kubernetes, promtool, the packages for both architectures
-#                   (this one wants root)
+#                   three hosts behind balancers, the manifests for Kubernetes, promtool, the
+#                   packages for both architectures (this one wants root)
 #   ./test.sh --help  these lines
 #
 # Debian packages that are missing are installed. With CORVANE_NO_INSTALL=1 in the environment
@@ -134,6 +134,11 @@ abuse() {
     HOST=build/release/bin/corvane-host bench/serve_abuse.sh 30
 }
 
+# Three hosts behind the balancers that are configured in packaging/.
+scale_out() {
+    HOST=build/release/bin/corvane-host tests/scale.sh
+}
+
 # The console's tests wait for the browser half of their time, so they run beside the load.
 load_and_console() {
     local well=true
@@ -164,6 +169,7 @@ if [ "${1-}" = all ]; then
     stage "manifests for Kubernetes" tests/kubernetes.sh
     stage "prometheus" tests/prometheus.sh
     stage "abuse of the host's server" abuse
+    stage "scale-out" scale_out
     stage "packages" packages
 fi
 
