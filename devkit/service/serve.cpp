@@ -9,16 +9,17 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <optional>
+#include <memory>
 
 #include "common/secrets.h"
 #include "host/host_session.h"
 #include "service/front/fronts.h"
 #include "service/operation/access_log.h"
-#include "service/operation/authorization.h"
+#include "service/operation/bearer_tokens.h"
 #include "service/operation/line_sink.h"
 #include "service/operation/memory_end.h"
 #include "service/operation/metrics.h"
+#include "service/operation/token_file.h"
 #include "service/requests/service.h"
 #include "shutdown.h"
 
@@ -79,16 +80,27 @@ std::string quoted(const std::string& text)
 }
 
 // The token is shown to a person alone: what a service prints is kept in journals.
-std::string greeting(const BearerToken* token, const std::string& url, bool isTerminal)
+std::string greeting(const BearerTokens* tokens, const std::string& url, bool isTerminal)
 {
     const std::string listening = "corvane-host: listening on " + url + "\n";
-    if (token == nullptr)
+    if (tokens == nullptr)
         return listening + "corvane-host: no token is asked for; console: " + url + "/\n";
     if (isTerminal)
-        return listening + "corvane-host: token in " + token->file() + "; console: " + url +
-               "/#token=" + token->text() + "\n";
-    return listening + "corvane-host: to see the token: cat " + quoted(token->file()) +
+        return listening + "corvane-host: token in " + tokens->file() + "; console: " + url +
+               "/#token=" + tokens->text() + "\n";
+    return listening + "corvane-host: to see the token: cat " + quoted(tokens->file()) +
            "; console: " + url + "/\n";
+}
+
+// For clients who have the next token already, or the last one still.
+void readAgain(BearerTokens* tokens, AccessLog& log)
+{
+    try {
+        if (tokens != nullptr && tokens->reload())
+            log.tell("the tokens were replaced");
+    } catch (const UsageError& e) {
+        log.tell(std::string("the tokens stay as they are: ") + e.what());
+    }
 }
 
 PoolOptions workerPool(const ServeOptions& options, std::vector<std::string> command)
@@ -125,9 +137,10 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     checkOptions(options);
     const Descriptor signals = takeSignals();
 
-    std::optional<BearerToken> token;
+    std::unique_ptr<BearerTokens> tokens;
     if (!options.noAuth)
-        token.emplace(options.tokenFile.empty() ? BearerToken::defaultFile() : options.tokenFile);
+        tokens = std::make_unique<BearerTokens>(
+            options.tokenFiles.empty() ? std::vector{defaultTokenFile()} : options.tokenFiles);
     unblockStandardError();
     AccessLog log(options.accessLog);
     options.connections = possibleConnections(options, log);
@@ -143,10 +156,9 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     if (!peer.empty())
         service.offerPeer(
             {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds)});
-    const BearerToken* shown = token ? &*token : nullptr;
-    Fronts fronts(loop, options, service, metrics, log, shown);
-    if (LineSink(output.descriptor()).write(greeting(shown, fronts.url(), output.isTerminal())) ==
-        0)
+    Fronts fronts(loop, options, service, metrics, log, tokens.get());
+    if (LineSink(output.descriptor())
+            .write(greeting(tokens.get(), fronts.url(), output.isTerminal())) == 0)
         log.tell("standard output takes nothing; listening on " + fronts.url());
 
     Shutdown shutdown(loop, options, service, fronts);
@@ -157,6 +169,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
                 service.collectChildren();
             } else if (info.ssi_signo == SIGHUP) {
                 log.reopen();
+                readAgain(tokens.get(), log);
             } else if (info.ssi_signo == SIGUSR2) {
                 service.rollWorkers();
             } else {

@@ -419,7 +419,7 @@ TEST(ServeStart, RefusesWhatIsNotSafe)
         EXPECT_EQ(2, code) << text;
         EXPECT_NE(std::string::npos, errors.find(text)) << errors;
     };
-    fs::permissions(token, fs::perms(0640));
+    fs::permissions(token, fs::perms(0644));
     run({"--listen", "127.0.0.1:0", "--token-file", token}, "mode 0600");
     fs::permissions(token, fs::perms(0600));
     support::writeWhole(token, "short\n");

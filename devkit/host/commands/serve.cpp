@@ -80,8 +80,12 @@ void addOptions(CLI::App& command, ServeOptions& options)
     file("--node", options.node, "Name among several hosts behind a balancer")->type_name("NAME");
 
     command.add_flag("--no-auth", options.noAuth, "Ask for no token; on loopback only");
-    file("--token-file", options.tokenFile, "Where the token is, or is to be made")
-        ->type_name("FILE");
+    command
+        .add_option("--token-file", options.tokenFiles,
+                    "Where the token is, or is to be made; a second file has one more")
+        ->type_name("FILE")
+        ->check(notEmpty())
+        ->allow_extra_args(false);
     command.add_option("--allow-host", options.allowHosts, "Host name that clients may use")
         ->type_name("NAME");
     command.add_option("--allow-origin", options.allowOrigins, "Origin whose pages may send")

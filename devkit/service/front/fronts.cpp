@@ -30,8 +30,8 @@ private:
 }  // namespace
 
 Fronts::Fronts(EventLoop& loop, const ServeOptions& options, Service& service, Metrics& metrics,
-               AccessLog& log, const BearerToken* token)
-    : m_shared{options, token, AllowedSites(options), metrics, log, ClientLimits(options)},
+               AccessLog& log, const BearerTokens* tokens)
+    : m_shared{options, tokens, AllowedSites(options), metrics, log, ClientLimits(options)},
       m_calls(service, log, m_shared.limits)
 {
     ListeningSocket listening = listenAt(options);

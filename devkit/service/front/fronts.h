@@ -10,9 +10,9 @@
 
 class Fronts {
 public:
-    // Listens. `loop` is the service's. A null token: none is asked for. Throws a UsageError.
+    // Listens. `loop` is the service's. Without tokens none is asked for. Throws a UsageError.
     Fronts(EventLoop& loop, const ServeOptions& options, Service& service, Metrics& metrics,
-           AccessLog& log, const BearerToken* token);
+           AccessLog& log, const BearerTokens* tokens);
 
     // "http://127.0.0.1:8720"
     const std::string& url() const { return m_url; }

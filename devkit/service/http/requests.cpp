@@ -160,7 +160,7 @@ void Server::checkAccess(const Exchange& exchange) const
                            equalIgnoringCase(headers.fetchSite, "same-origin");
     if (isApi && headers.origin.empty() && !isOwnSite)
         throw Refusal(Reason::other_site, "Sec-Fetch-Site");
-    if (isApi && m_shared.token != nullptr && !m_shared.token->isShownBy(headers.authorization))
+    if (isApi && m_shared.tokens != nullptr && !m_shared.tokens->isShownBy(headers.authorization))
         throw Refusal(headers.authorization.empty() ? Reason::no_token : Reason::wrong_token,
                       "Authorization");
 }

@@ -15,13 +15,14 @@
 #include "headers.h"
 #include "service/operation/access_log.h"
 #include "service/operation/authorization.h"
+#include "service/operation/bearer_tokens.h"
 #include "service/operation/client_limits.h"
 #include "service/operation/metrics.h"
 
 // What the servers of all threads share: nothing else is used by more than one of them.
 struct ServerShared {
     const ServeOptions& options;
-    const BearerToken* const token;  // null: none is asked for
+    const BearerTokens* const tokens;  // null: none is asked for
     const AllowedSites sites;
     Metrics& metrics;  // answers alone are counted
     AccessLog& log;

@@ -1,4 +1,4 @@
-// Who may send requests, and how many.
+// Which hosts and pages requests may name, and how many an address may send.
 #ifndef CORVANE_SERVICE_OPERATION_AUTHORIZATION_H
 #define CORVANE_SERVICE_OPERATION_AUTHORIZATION_H
 
@@ -8,32 +8,6 @@
 
 #include "common/event_loop.h"
 #include "options.h"
-
-// The token that clients show, in a file that its owner alone can read.
-class BearerToken {
-public:
-    // Reads the file, or makes it with a new token. Of many who make it at once, one does,
-    // and the others read; it is never there in part. Throws a UsageError.
-    explicit BearerToken(std::string file);
-    ~BearerToken();
-    BearerToken(const BearerToken&) = delete;
-    BearerToken& operator=(const BearerToken&) = delete;
-
-    static std::string defaultFile();
-
-    const std::string& file() const { return m_file; }
-    const std::string& text() const { return m_token; }
-
-    // Whether an Authorization header shows it. Takes the same time wherever they differ.
-    bool isShownBy(const std::string& authorization) const;
-
-private:
-    bool read();
-    bool make();
-
-    const std::string m_file;
-    std::string m_token;
-};
 
 // The name in a Host header, in lower case and without the port; "" if there is none.
 std::string hostName(const std::string& header);

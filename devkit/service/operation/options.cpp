@@ -106,6 +106,8 @@ void checkOptions(ServeOptions& options)
     if (!isLocal && !tls)
         throw UsageError("an address other than loopback needs --tls-cert and --tls-key");
     checkSites(options);
+    if (options.tokenFiles.size() > mostTokenFiles)
+        throw UsageError("--token-file is given twice at most");
     if (tls) {
         checkPem(options.tlsCert, "CERTIFICATE-----", "certificate");
         checkPem(options.tlsKey, "PRIVATE KEY-----", "private key");

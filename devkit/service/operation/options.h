@@ -8,6 +8,7 @@
 
 constexpr size_t mostWorkers = 256;
 constexpr size_t mostFrontThreads = 64;
+constexpr size_t mostTokenFiles = 2;
 
 struct ServeOptions {
     std::string listen = "127.0.0.1:8720";
@@ -16,7 +17,7 @@ struct ServeOptions {
     std::string node;         // name among the hosts behind a balancer; empty: none
 
     bool noAuth = false;
-    std::string tokenFile;  // empty: the default place
+    std::vector<std::string> tokenFiles;  // none: the default place
     std::vector<std::string> allowHosts;
     std::vector<std::string> allowOrigins;
     std::string tlsCert;
