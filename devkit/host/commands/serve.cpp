@@ -90,6 +90,10 @@ void addOptions(CLI::App& command, ServeOptions& options)
         ->type_name("NAME");
     command.add_option("--allow-origin", options.allowOrigins, "Origin whose pages may send")
         ->type_name("URL");
+    command
+        .add_option("--trusted-proxy", options.trustedProxies,
+                    "Proxy whose X-Forwarded-For and X-Request-Id are believed")
+        ->type_name("CIDR");
     file("--tls-cert", options.tlsCert, "Certificate chain, PEM")->type_name("FILE");
     file("--tls-key", options.tlsKey, "Private key, PEM")->type_name("FILE");
     file("--ca-folder", options.caFolder, "Folder whose files clients may name")

@@ -31,7 +31,8 @@ private:
 
 Fronts::Fronts(EventLoop& loop, const ServeOptions& options, Service& service, Metrics& metrics,
                AccessLog& log, const BearerTokens* tokens)
-    : m_shared{options, tokens, AllowedSites(options), metrics, log, ClientLimits(options)},
+    : m_shared{options, tokens, AllowedSites(options), TrustedProxies(options.trustedProxies),
+               metrics, log,    ClientLimits(options)},
       m_calls(service, log, m_shared.limits)
 {
     ListeningSocket listening = listenAt(options);

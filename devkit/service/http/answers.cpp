@@ -138,7 +138,7 @@ void Server::log(const Exchange& exchange, bool isWhole)
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - exchange.start);
     AccessEntry entry;
     entry.id = exchange.id;
-    entry.address = exchange.connection.address;
+    entry.address = exchange.address.empty() ? exchange.connection.address : exchange.address;
     // Methods and paths as clients wrote them may hold anything.
     if (isHeaderName(exchange.method) && exchange.method.size() <= 16)
         entry.method = exchange.method;

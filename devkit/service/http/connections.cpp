@@ -1,36 +1,15 @@
 // Connections of the server: how they come, how they end, and which are late.
-#include <arpa/inet.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
-#include <cstring>
 #include <utility>
 
 #include "common/failure.h"
 #include "exchange.h"
 
 namespace {
-
-// The numeric address, and what stands for the client in limits: the network of an IPv6
-// one, of which a client has many.
-std::pair<std::string, std::string> addressOf(const sockaddr* address)
-{
-    std::array<char, INET6_ADDRSTRLEN> text = {};
-    if (address->sa_family == AF_INET) {
-        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text.data(),
-                  text.size());
-        return {text.data(), text.data()};
-    }
-    in6_addr whole = reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
-    inet_ntop(AF_INET6, &whole, text.data(), text.size());
-    const std::string number = text.data();
-    memset(whole.s6_addr + 8, 0, 8);
-    inet_ntop(AF_INET6, &whole, text.data(), text.size());
-    return {number, text.data()};
-}
 
 // Whether bytes have come that the library has not taken yet.
 bool hasMore(int socket)
@@ -72,10 +51,9 @@ void Server::onConnection(void* self, MHD_Connection* handle, void** context,
 
 void Server::add(MHD_Connection* handle, void** context)
 {
-    auto [address, client] =
-        addressOf(MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr);
-    auto owner =
-        std::make_unique<Connection>(m_shared.limits, std::move(address), std::move(client));
+    const auto peer = IpAddress::of(
+        MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr);
+    auto owner = std::make_unique<Connection>(m_shared.limits, peer, m_shared.proxies.trusts(peer));
     Connection& connection = *owner;
     connection.socket =
         MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;

@@ -13,15 +13,35 @@
 #include "routes.h"
 #include "server.h"
 
+// Peers of a unix socket have no addresses of their own.
+constexpr const char* unixPeer = "unix";
+
+// For logs, and what stands for the client in limits.
+inline std::string textOf(const std::optional<IpAddress>& address)
+{
+    return address ? address->text() : unixPeer;
+}
+inline std::string clientOf(const std::optional<IpAddress>& address)
+{
+    return address ? address->client() : unixPeer;
+}
+
 struct Server::Connection {
-    Connection(ClientLimits& limits, std::string itsAddress, std::string itsClient)
-        : address(std::move(itsAddress)), client(std::move(itsClient)), place(limits, client)
+    // A proxy's connections are many clients'.
+    Connection(ClientLimits& limits, const std::optional<IpAddress>& itsPeer, bool isTrusted)
+        : peer(itsPeer),
+          isProxy(isTrusted),
+          address(textOf(peer)),
+          client(clientOf(peer)),
+          place(limits, client, !isProxy)
     {
     }
 
     enum Phase { Reading, Working, Answering };
 
     int socket = -1;
+    const std::optional<IpAddress> peer;  // nothing for one of a unix socket
+    const bool isProxy;                   // and trusted
     const std::string address;
     const std::string client;  // for limits
     const ClientLimits::Place place;
@@ -62,6 +82,7 @@ struct Server::Exchange {
     Clock::time_point start = Clock::now();
     std::string method;
     std::string path;
+    std::string address;  // that a proxy told; empty: the connection's
     size_t targetSize = 0;
     bool hasQuery = false;
     bool isWithinRate = true;

@@ -13,10 +13,11 @@ namespace {
 constexpr size_t longestHeaders = size_t{16} << 10;
 constexpr size_t mostHeaders = 64;
 
-// Each may be there once.
+// Each may be there once, but for those that whoever passes a request on adds to.
 struct Known {
     const char* name;
     std::string Headers::*value;
+    bool isList = false;
 };
 
 constexpr const char* lengthHeader = "Content-Length";
@@ -34,6 +35,8 @@ constexpr Known knownHeaders[] = {
     {"If-None-Match", &Headers::noneMatch},
     {nodeHeader, &Headers::node},
     {sessionHeader, &Headers::session},
+    {"X-Request-Id", &Headers::requestId, true},
+    {"X-Forwarded-For", &Headers::forwardedFor, true},
 };
 
 bool isHeaderValue(std::string_view value)
@@ -106,10 +109,15 @@ private:
         for (const Known& known : knownHeaders) {
             if (!equalIgnoringCase(name, known.name))
                 continue;
+            std::string& text = m_headers.*known.value;
+            if (has(known.name) && known.isList) {
+                text.append(",").append(trimmed(value));  // RFC 9110, section 5.3
+                continue;
+            }
             if (has(known.name))
                 m_twice = known.name;
             m_seen.emplace_back(known.name);
-            m_headers.*known.value = std::string(trimmed(value));
+            text = std::string(trimmed(value));
         }
     }
 

@@ -22,6 +22,8 @@ struct Headers {
     std::string noneMatch;
     std::string node;
     std::string session;
+    std::string requestId;
+    std::string forwardedFor;
     bool hasBody = false;
 
     ~Headers() { wipe(authorization); }

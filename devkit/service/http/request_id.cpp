@@ -2,6 +2,7 @@
 
 #include <sys/random.h>
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -20,4 +21,14 @@ std::string makeId()
     const std::string_view bytes(reinterpret_cast<const char*>(random.data()) + used, size);
     used += size;
     return toHex(bytes);
+}
+
+bool isRequestId(std::string_view text)
+{
+    constexpr size_t longest = 64;
+    return !text.empty() && text.size() <= longest &&
+           std::all_of(text.begin(), text.end(), [](char c) {
+               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                      std::string_view("-_.").find(c) != std::string_view::npos;
+           });
 }

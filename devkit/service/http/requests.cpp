@@ -39,7 +39,8 @@ Server::Exchange* Server::begin(Connection& connection, MHD_Connection* handle,
     exchange->path = std::string(target.substr(0, query));
     exchange->targetSize = target.size();
     exchange->hasQuery = query != std::string_view::npos;
-    exchange->isWithinRate = m_shared.limits.takeRequest(connection.client);
+    // Whose request a proxy passes on is told behind the first line.
+    exchange->isWithinRate = connection.isProxy || m_shared.limits.takeRequest(connection.client);
     connection.exchange = std::move(exchange);
     // Time once more for what is behind the first line.
     connection.deadline = after(Seconds(m_options.readSeconds));
@@ -112,6 +113,8 @@ MHD_Result Server::takeHead(Exchange& exchange, const FirstLine& first)
         exchange.mustClose = true;
         readHeaders(exchange.handle, first, exchange.headers);
         exchange.mustClose = false;
+        if (exchange.connection.isProxy)
+            believe(exchange);
         if (!exchange.isWithinRate)
             throw Refusal(Reason::too_fast);
         checkAccess(exchange);
@@ -144,6 +147,17 @@ MHD_Result Server::takePiece(Exchange& exchange, std::string_view piece)
         exchange.body.reserve(exchange.headers.bodySize());
     appendSecret(exchange.body, piece);
     return MHD_YES;
+}
+
+// Takes over what a proxy says of the request that it passes on.
+void Server::believe(Exchange& exchange)
+{
+    const auto client =
+        m_shared.proxies.clientOf(exchange.connection.peer, exchange.headers.forwardedFor);
+    exchange.address = textOf(client);
+    exchange.isWithinRate = m_shared.limits.takeRequest(clientOf(client));
+    if (isRequestId(exchange.headers.requestId))
+        exchange.id = exchange.headers.requestId;
 }
 
 void Server::checkAccess(const Exchange& exchange) const

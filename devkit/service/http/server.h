@@ -18,12 +18,14 @@
 #include "service/operation/bearer_tokens.h"
 #include "service/operation/client_limits.h"
 #include "service/operation/metrics.h"
+#include "service/operation/trusted_proxies.h"
 
 // What the servers of all threads share: nothing else is used by more than one of them.
 struct ServerShared {
     const ServeOptions& options;
     const BearerTokens* const tokens;  // null: none is asked for
     const AllowedSites sites;
+    const TrustedProxies proxies;
     Metrics& metrics;  // answers alone are counted
     AccessLog& log;
     ClientLimits limits;
@@ -77,6 +79,7 @@ private:
     MHD_Result take(Exchange& exchange, const FirstLine& first, const char* data, size_t* size);
     MHD_Result takeHead(Exchange& exchange, const FirstLine& first);
     MHD_Result takePiece(Exchange& exchange, std::string_view piece);
+    void believe(Exchange& exchange);
     void checkAccess(const Exchange& exchange) const;
     void route(Exchange& exchange, const char* method);
     void checkBody(Exchange& exchange);

@@ -57,11 +57,11 @@ void ClientLimits::sweep()
     m_rates.sweep(now);
 }
 
-ClientLimits::Place::Place(ClientLimits& limits, std::string client)
+ClientLimits::Place::Place(ClientLimits& limits, std::string client, bool isLimited)
     : m_limits(limits), m_client(std::move(client))
 {
     const std::lock_guard lock(m_limits.m_mutex);
-    m_isWithin = ++m_limits.m_perAddress[m_client] <= m_limits.m_mostPerAddress;
+    m_isWithin = ++m_limits.m_perAddress[m_client] <= m_limits.m_mostPerAddress || !isLimited;
     ++m_limits.m_connections;
 }
 

@@ -41,7 +41,8 @@ private:
 
 class ClientLimits::Place {
 public:
-    Place(ClientLimits& limits, std::string client);
+    // Of a client that is not limited, connections are counted but never too many.
+    Place(ClientLimits& limits, std::string client, bool isLimited);
     ~Place();
     Place(const Place&) = delete;
     Place& operator=(const Place&) = delete;

@@ -12,6 +12,7 @@
 #include "authorization.h"
 #include "host/output.h"
 #include "nodes.h"
+#include "trusted_proxies.h"
 
 namespace {
 
@@ -106,6 +107,7 @@ void checkOptions(ServeOptions& options)
     if (!isLocal && !tls)
         throw UsageError("an address other than loopback needs --tls-cert and --tls-key");
     checkSites(options);
+    TrustedProxies(options.trustedProxies);  // throws for what is none
     if (options.tokenFiles.size() > mostTokenFiles)
         throw UsageError("--token-file is given twice at most");
     if (tls) {

@@ -20,6 +20,7 @@ struct ServeOptions {
     std::vector<std::string> tokenFiles;  // none: the default place
     std::vector<std::string> allowHosts;
     std::vector<std::string> allowOrigins;
+    std::vector<std::string> trustedProxies;
     std::string tlsCert;
     std::string tlsKey;
     std::string caFolder;
