@@ -63,11 +63,15 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/corvane.pc DESTINATION ${PKGCONFIG_DIR
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc
   PATTERN man EXCLUDE PATTERN build EXCLUDE)
-install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/packaging COMPONENT doc)
+install(DIRECTORY packaging/haproxy packaging/kubernetes packaging/nginx packaging/prometheus
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/packaging COMPONENT doc)
 foreach(folder host engine)
   install(FILES devkit/${folder}/README.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/devkit/${folder} COMPONENT doc)
 endforeach()
+install(FILES devkit/walk.jsonl DESTINATION ${CMAKE_INSTALL_DOCDIR}/devkit COMPONENT doc)
+install(FILES devkit/engine/key_exchange/KEY_EXCHANGE.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/devkit/engine/key_exchange COMPONENT doc)
 
 # ---- Manual pages, which carry the version; they are read before an installation by
 # `man -M build/release/share/man corvane-host`.

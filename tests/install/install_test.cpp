@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -136,6 +137,7 @@ TEST_F(Installed, EachComponentHasItsFiles)
          ""},
         {"doc",
          {"share/doc/corvane/README.md", "share/doc/corvane/docs/embedding.md",
+          "share/doc/corvane/packaging/kubernetes/statefulset.yaml",
           "share/doc/corvane/packaging/prometheus/alerts.yml"},
          "share/doc/"},
     };
@@ -153,6 +155,31 @@ TEST_F(Installed, EachComponentHasItsFiles)
         }
     }
     EXPECT_EQ(files(prefix), all);
+}
+
+// The files that a document's links name, from its own folder; others' addresses are left out.
+std::set<fs::path> linksOf(const fs::path& document)
+{
+    static const std::regex link("\\]\\(([^)#:]+)(#[^)]*)?\\)");
+    const std::string text = readWhole(document);
+    std::set<fs::path> found;
+    for (std::sregex_iterator hit(text.begin(), text.end(), link), end; hit != end; ++hit)
+        found.insert(document.parent_path() / (*hit)[1].str());
+    return found;
+}
+
+TEST_F(Installed, LinksOfDocumentsLeadToInstalledFiles)
+{
+    size_t links = 0;
+    for (const std::string& file : files(prefix)) {
+        if (fs::path(file).extension() != ".md")
+            continue;
+        for (const fs::path& target : linksOf(prefix / file)) {
+            EXPECT_TRUE(fs::exists(target)) << file << " links to " << target;
+            ++links;
+        }
+    }
+    EXPECT_LT(10U, links);
 }
 
 TEST_F(Installed, TellsItsVersion)
