@@ -8,7 +8,7 @@ import shutil
 import signal
 import time
 
-from stand import LAME_DUCK_SECONDS, eventually
+from stand import LAME_DUCK_SECONDS, Failure, eventually
 
 # HAProxy takes a host back after two good checks, a second apart.
 TAKEN_BACK_SECONDS = 3
@@ -36,7 +36,7 @@ def end_well(host, ask, ended):
     ask(f"node {host.node} drains", ended)
     eventually(f"node {host.node} to end", host.ended)
     if host.child.returncode != 0:
-        raise RuntimeError(f"node {host.node} ended with {host.child.returncode}:\n{host.tail()}")
+        raise Failure(f"node {host.node} ended with {host.child.returncode}:\n{host.tail()}")
 
 
 def end_well_and_start(stand, ask, node="b", ended=""):

@@ -20,11 +20,11 @@ import disturb
 import sessions
 from client import Connection, Target
 from load import Load, Result, context, send_one
-from stand import NODES, Stand
+from stand import NODES, Failure, Stand
 
 SESSIONS = 200
 LEAST_CHECKED = 50000
-CLIENTS = 3  # for each balancer
+CLIENTS = 5  # for each balancer
 LATENCY_ROUNDS = 1500
 ATTACKER = "127.0.0.99"
 
@@ -251,6 +251,8 @@ def main():
             start = time.monotonic()
             part()
             report.line(f"-- {part.__name__}: {time.monotonic() - start:.0f} s", summary=False)
+    except (Failure, sessions.Wrong) as error:
+        report.fail(f"the stage cannot go on: {error}")
     finally:
         stand.end()
     report.line(f"{report.failures} failures; all figures: {path}")
