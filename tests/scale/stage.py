@@ -59,7 +59,8 @@ class Stage:
     def log_lines(self, name, identity):
         for balancer in self.stand.balancers:
             if balancer.name == name:
-                for line in balancer.lines_of(identity):
+                # HAProxy says nothing of a request that it ends without an answer.
+                for line in balancer.lines_of(identity) or ["not in its log"]:
                     self.report.line("    " + line, summary=self.report.failures <= 5)
 
     def exchanges(self):
