@@ -1,5 +1,6 @@
 """What is tried: three hosts, and the shipped configurations of HAProxy and nginx in front of
-them. Of these files only addresses, ports, paths and the user they run as are replaced."""
+them. Of these files only addresses, ports, paths, the user they run as and the time that a host
+may take are replaced."""
 import glob
 import os
 import random
@@ -15,6 +16,10 @@ NODES = ("a", "b", "c")
 # The configurations' addresses of the hosts, and what they are here.
 ADDRESS = {"a": "127.0.0.11", "b": "127.0.0.12", "c": "127.0.0.13"}
 LAME_DUCK_SECONDS = 4
+# Shorter than is usual, so that a host that hangs is given up while it is watched. The balancers'
+# time for a host is two of these, as in the files: 65 s for 30 s.
+REQUEST_SECONDS = 4
+GIVEN_UP_SECONDS = 2 * REQUEST_SECONDS
 
 
 class Failure(Exception):
@@ -118,7 +123,7 @@ class Host(Process):
         self.words = [stand.program, "serve", "--listen", f"{address}:{self.place[1]}",
                       "--workers", "2", "--rate", "0", "--token-file", stand.token_file,
                       "--access-log", os.path.join(stand.folder, name + "-access.log"),
-                      "--request-seconds", "6", "--allow-host", "corvane.example"]
+                      "--request-seconds", str(REQUEST_SECONDS), "--allow-host", "corvane.example"]
         if node is not None:
             self.words += ["--node", node, "--lame-duck-seconds", str(LAME_DUCK_SECONDS),
                            "--trusted-proxy", "127.0.0.1"]
@@ -165,7 +170,8 @@ class HaProxy(Process):
                    (r"/etc/haproxy/corvane\.pem", stand.pair),
                    (r"/etc/haproxy/corvane-hosts\.crt", stand.authority),
                    (r"^    log /dev/log local0$", "    log stdout format raw local0"),
-                   (r"^    (user|group|chroot) .*$", "")]
+                   (r"^    (user|group|chroot) .*$", ""),
+                   (r"timeout server 65s", f"timeout server {GIVEN_UP_SECONDS}s")]
         if not secure:
             changes += [(r"^( *bind \S+) ssl .*$", r"\1"),
                         (r"^ *default-server ssl .*$", ""),
@@ -197,6 +203,7 @@ class Nginx(Process):
                    (r"/etc/nginx/corvane\.key", stand.key),
                    (r"/etc/nginx/corvane-hosts\.crt", stand.authority),
                    (r"/var/log/nginx/corvane\.log", self.log),
+                   (r"proxy_read_timeout 65s", f"proxy_read_timeout {GIVEN_UP_SECONDS}s"),
                    # From `warn` on it tells of bodies that went to the disk.
                    (r"/var/log/nginx/corvane-error\.log error", f"{self.log} warn")]
         if not secure:
