@@ -46,12 +46,14 @@ for package in "${missing[@]}"; do
 done
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-# Of packages with services their programs are wanted: the services, some of which listen on all
+# Of packages with services their programs are wanted: these, of which some listen on all
 # addresses, start neither now nor with the machine. dpkg asks this file, where there is one.
+services=(haproxy nginx prometheus)
 policy=/usr/sbin/policy-rc.d
 if [ ! -e "$policy" ]; then
     trap 'rm -f "$log"; "${as_root[@]}" rm -f "$policy"' EXIT
-    printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin "$policy"
+    printf '#!/bin/sh\ncase " %s " in *" ${1%%.service} "*) exit 101 ;; esac\n' "${services[*]}" |
+        "${as_root[@]}" install -m 755 /dev/stdin "$policy"
 fi
 # An installation that was interrupted is finished first.
 if ! { "${as_root[@]}" dpkg --configure -a && "${as_root[@]}" apt-get update &&
@@ -61,6 +63,6 @@ if ! { "${as_root[@]}" dpkg --configure -a && "${as_root[@]}" apt-get update &&
     echo "The packages could not be installed." >&2
     exit 1
 fi
-for service in haproxy nginx prometheus; do
+for service in "${services[@]}"; do
     [[ " ${missing[*]} " != *" $service"* ]] || "${as_root[@]}" update-rc.d "$service" disable
 done
