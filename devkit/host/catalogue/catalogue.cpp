@@ -239,6 +239,7 @@ std::string nearestName(const std::vector<std::string>& known, const std::string
 std::string nearestRequest(const std::string& name)
 {
     std::vector<std::string> known;
+    known.reserve(requests.size());
     for (const RequestInfo& request : requests)
         known.emplace_back(request.name);
     return nearestName(known, name);
