@@ -199,7 +199,9 @@ void ServeOpenApi::sendBadHeads()
 void ServeOpenApi::askHostsWithLimits()
 {
     const ServedHost named({"--node", "a", "--workers", "1"});
-    provoke("another node", [&](const auto& o) { return ask(named, o, {{"X-Corvane-Node", "b"}}); });
+    provoke("another node", [&](const auto& o) {
+        return ask(named, o, {{"X-Corvane-Node", "b"}});
+    });
 
     const ServedHost alone({"--no-peer"});
     provoke("a host without a peer", [&](const auto& o) { return ask(alone, o); });
