@@ -80,16 +80,18 @@ std::string quoted(const std::string& text)
 }
 
 // The token is shown to a person alone: what a service prints is kept in journals.
-std::string greeting(const BearerTokens* tokens, const std::string& url, bool isTerminal)
+std::string greeting(const BearerTokens* tokens, const std::string& place, bool isTerminal)
 {
-    const std::string listening = "corvane-host: listening on " + url + "\n";
+    const std::string listening = "corvane-host: listening on " + place + "\ncorvane-host: ";
+    // Browsers have no way to a unix socket.
+    const bool hasConsole = place.compare(0, 5, "unix:") != 0;
+    const std::string console = hasConsole ? "; console: " + place + "/" : "";
     if (tokens == nullptr)
-        return listening + "corvane-host: no token is asked for; console: " + url + "/\n";
-    if (isTerminal)
-        return listening + "corvane-host: token in " + tokens->file() + "; console: " + url +
-               "/#token=" + tokens->text() + "\n";
-    return listening + "corvane-host: to see the token: cat " + quoted(tokens->file()) +
-           "; console: " + url + "/\n";
+        return listening + "no token is asked for" + console + "\n";
+    if (isTerminal && hasConsole)
+        return listening + "token in " + tokens->file() + console + "#token=" + tokens->text() +
+               "\n";
+    return listening + "to see the token: cat " + quoted(tokens->file()) + console + "\n";
 }
 
 // For clients who have the next token already, or the last one still.
@@ -158,8 +160,8 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
             {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds)});
     Fronts fronts(loop, options, service, metrics, log, tokens.get());
     if (LineSink(output.descriptor())
-            .write(greeting(tokens.get(), fronts.url(), output.isTerminal())) == 0)
-        log.tell("standard output takes nothing; listening on " + fronts.url());
+            .write(greeting(tokens.get(), fronts.place(), output.isTerminal())) == 0)
+        log.tell("standard output takes nothing; listening on " + fronts.place());
 
     Shutdown shutdown(loop, options, service, fronts);
     loop.watch(signals.get(), EPOLLIN, [&](uint32_t) {

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -155,6 +156,18 @@ HttpConnection::HttpConnection(int port) : m_socket(socket(AF_INET, SOCK_STREAM 
     }
 }
 
+HttpConnection::HttpConnection(const std::string& socketPath)
+    : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (::connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        close(m_socket);
+        m_socket = -1;
+    }
+}
+
 HttpConnection::~HttpConnection()
 {
     if (m_socket >= 0)
@@ -244,7 +257,9 @@ ServedHost::ServedHost(const Options& options, const Options& environment, const
     if (libraries.empty())
         arguments = {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
                      "--engine", CORVANE_ENGINE_LIBRARY};
-    arguments.insert(arguments.end(), {"serve", "--listen", "127.0.0.1:0"});
+    arguments.push_back("serve");
+    if (!has("--listen"))
+        arguments.insert(arguments.end(), {"--listen", "127.0.0.1:0"});
     if (!has("--workers"))
         arguments.insert(arguments.end(), {"--workers", "2"});
     // So that a suite can be run with another number than most machines have.
@@ -263,10 +278,13 @@ ServedHost::ServedHost(const Options& options, const Options& environment, const
         return std::count(out.begin(), out.end(), '\n') >= 2 || hasEnded();
     });
     const std::string out = output();
-    const size_t at = out.find("listening on http");
+    const size_t at = out.find("listening on ");
     if (!listens || at == std::string::npos)
         throw std::runtime_error("the host does not listen: " + this->errors());
-    m_port = atoi(out.c_str() + out.find(':', out.find("//", at)) + 1);
+    if (const size_t path = out.find("unix:", at); path != std::string::npos)
+        m_socket = out.substr(path + 5, out.find('\n', path) - path - 5);
+    else
+        m_port = atoi(out.c_str() + out.find(':', out.find("//", at)) + 1);
     const auto file = std::find(arguments.begin(), arguments.end(), "--token-file");
     if (file != arguments.end())
         m_token = readWhole(*std::next(file));
@@ -300,9 +318,14 @@ std::string ServedHost::text(const std::string& method, const std::string& targe
     return out + "\r\n" + body;
 }
 
+HttpConnection ServedHost::connect() const
+{
+    return m_socket.empty() ? HttpConnection(m_port) : HttpConnection(m_socket);
+}
+
 HttpAnswer ServedHost::raw(const std::string& bytes) const
 {
-    HttpConnection connection(m_port);
+    HttpConnection connection = connect();
     connection.send(bytes);
     return connection.receive();
 }
@@ -310,7 +333,7 @@ HttpAnswer ServedHost::raw(const std::string& bytes) const
 HttpAnswer ServedHost::ask(const std::string& method, const std::string& target,
                            const HttpHeaders& headers, const std::string& body) const
 {
-    HttpConnection connection(m_port);
+    HttpConnection connection = connect();
     connection.send(text(method, target, headers, body));
     return connection.receive(method != "HEAD");
 }

@@ -42,6 +42,7 @@ using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 class HttpConnection {
 public:
     explicit HttpConnection(int port);
+    explicit HttpConnection(const std::string& socketPath);
     ~HttpConnection();
     HttpConnection(const HttpConnection&) = delete;
     HttpConnection& operator=(const HttpConnection&) = delete;
@@ -65,9 +66,9 @@ class ServedHost {
 public:
     using Options = std::vector<std::string>;
 
-    // With two workers, a token and a log in a folder of its own, unless the options say
-    // otherwise. Waits until it listens. `errors` names what takes its standard error in
-    // place of a file in the folder.
+    // On a free port, with two workers, a token and a log in a folder of its own, unless the
+    // options say otherwise. Waits until it listens. `errors` names what takes its standard error
+    // in place of a file in the folder.
     explicit ServedHost(const Options& options = {}, const Options& environment = {},
                         const Options& libraries = {}, const std::string& errors = "");
     ~ServedHost();
@@ -77,7 +78,11 @@ public:
     int port() const { return m_port; }
     pid_t pid() const { return m_pid; }
     const std::string& token() const { return m_token; }
-    std::string host() const { return "127.0.0.1:" + std::to_string(m_port); }
+    std::string host() const
+    {
+        return m_socket.empty() ? "127.0.0.1:" + std::to_string(m_port) : "localhost";
+    }
+    HttpConnection connect() const;
     std::string path(const std::string& name) const { return m_folder.path(name); }
 
     // A whole request, with Host and token unless they are given ("" leaves one out).
@@ -117,6 +122,7 @@ private:
     pid_t m_pid = -1;
     int m_exitCode = -1;
     int m_port = 0;
+    std::string m_socket;  // the path, if it listens there
     std::string m_token;
 };
 

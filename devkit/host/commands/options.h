@@ -38,6 +38,18 @@ inline CLI::Validator notEmpty()
             ""};
 }
 
+// As chmod takes it, without bits that have no meaning for a socket.
+inline CLI::Validator octalMode()
+{
+    return {[](const std::string& text) {
+                const bool isMode = !text.empty() && text.size() <= 4 &&
+                                    text.find_first_not_of("01234567") == std::string::npos &&
+                                    (text.size() < 4 || text.front() == '0');
+                return std::string(isMode ? "" : "takes a mode such as 0660");
+            },
+            ""};
+}
+
 // The options of a subcommand that sends a request. The parameters must outlive it.
 inline void addParameterOptions(CLI::App& command, WrittenParameters& parameters)
 {

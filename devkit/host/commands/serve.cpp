@@ -59,50 +59,19 @@ void addPluginLog(CLI::App& command, std::string& level)
         ->capture_default_str();
 }
 
-void addOptions(CLI::App& command, ServeOptions& options)
+template <class Value>
+CLI::Option* addNumber(CLI::App& command, const char* name, Value& value, double low, double high,
+                       const char* text)
 {
-    const auto number = [&](const char* name, auto& value, double low, double high,
-                            const char* text) {
-        constexpr bool isWhole = std::is_integral_v<std::decay_t<decltype(value)>>;
-        return command.add_option(name, value, text)->check(between(low, high, isWhole));
-    };
-    const auto file = [&](const char* name, std::string& value, const char* text) {
-        return command.add_option(name, value, text)->check(notEmpty());
-    };
+    return command.add_option(name, value, text)
+        ->check(between(low, high, std::is_integral_v<Value>));
+}
 
-    command.add_option("--listen", options.listen, "Address and port; port 0 for any free one")
-        ->type_name("HOST:PORT")
-        ->capture_default_str();
-    number("--workers", options.workers, 1, double{mostWorkers},
-           "Worker processes; default: processors");
-    number("--front-threads", options.frontThreads, 1, double{mostFrontThreads},
-           "Threads for HTTP; default: one for each four workers, 4 at most");
-    file("--node", options.node, "Name among several hosts behind a balancer")->type_name("NAME");
-
-    command.add_flag("--no-auth", options.noAuth, "Ask for no token; on loopback only");
-    command
-        .add_option("--token-file", options.tokenFiles,
-                    "Where the token is, or is to be made; a second file has one more")
-        ->type_name("FILE")
-        ->check(notEmpty())
-        ->allow_extra_args(false);
-    command.add_option("--allow-host", options.allowHosts, "Host name that clients may use")
-        ->type_name("NAME");
-    command.add_option("--allow-origin", options.allowOrigins, "Origin whose pages may send")
-        ->type_name("URL");
-    command
-        .add_option("--trusted-proxy", options.trustedProxies,
-                    "Proxy whose X-Forwarded-For and X-Request-Id are believed")
-        ->type_name("CIDR");
-    file("--tls-cert", options.tlsCert, "Certificate chain, PEM")->type_name("FILE");
-    file("--tls-key", options.tlsKey, "Private key, PEM")->type_name("FILE");
-    file("--ca-folder", options.caFolder, "Folder whose files clients may name")
-        ->type_name("FOLDER");
-    command.add_flag("--no-peer", options.noPeer, "Do not offer the key exchange's other side");
-
+void addLimits(CLI::App& command, ServeOptions& options)
+{
     const auto limit = [&](const char* name, auto& value, double low, double high,
                            const char* text) {
-        number(name, value, low, high, text)->capture_default_str();
+        addNumber(command, name, value, low, high, text)->capture_default_str();
     };
     const auto seconds = [&](const char* name, double& value, const char* text) {
         limit(name, value, shortestSeconds, longestSeconds, text);
@@ -127,6 +96,53 @@ void addOptions(CLI::App& command, ServeOptions& options)
           "Time to finish requests at the end");
     limit("--roll-seconds", options.rollSeconds, 0, longestDrain,
           "Time for a worker's sessions to end when SIGUSR2 replaces the workers");
+}
+
+void addOptions(CLI::App& command, ServeOptions& options)
+{
+    const auto file = [&](const char* name, std::string& value, const char* text) {
+        return command.add_option(name, value, text)->check(notEmpty());
+    };
+
+    command
+        .add_option("--listen", options.listen,
+                    "Address and port, port 0 for any free one; or unix:/PATH")
+        ->type_name("PLACE")
+        ->capture_default_str();
+    command
+        .add_option("--listen-mode", options.listenMode, "Mode of the unix socket; default: 0660")
+        ->type_name("MODE")
+        ->check(octalMode());
+    file("--listen-group", options.listenGroup, "Group of the unix socket")->type_name("GROUP");
+    addNumber(command, "--workers", options.workers, 1, double{mostWorkers},
+              "Worker processes; default: processors");
+    addNumber(command, "--front-threads", options.frontThreads, 1, double{mostFrontThreads},
+              "Threads for HTTP; default: one for each four workers, 4 at most");
+    file("--node", options.node, "Name among several hosts behind a balancer")->type_name("NAME");
+
+    command.add_flag("--no-auth", options.noAuth,
+                     "Ask for no token; on loopback and unix sockets only");
+    command
+        .add_option("--token-file", options.tokenFiles,
+                    "Where the token is, or is to be made; a second file has one more")
+        ->type_name("FILE")
+        ->check(notEmpty())
+        ->allow_extra_args(false);
+    command.add_option("--allow-host", options.allowHosts, "Host name that clients may use")
+        ->type_name("NAME");
+    command.add_option("--allow-origin", options.allowOrigins, "Origin whose pages may send")
+        ->type_name("URL");
+    command
+        .add_option("--trusted-proxy", options.trustedProxies,
+                    "Proxy whose X-Forwarded-For and X-Request-Id are believed")
+        ->type_name("CIDR");
+    file("--tls-cert", options.tlsCert, "Certificate chain, PEM")->type_name("FILE");
+    file("--tls-key", options.tlsKey, "Private key, PEM")->type_name("FILE");
+    file("--ca-folder", options.caFolder, "Folder whose files clients may name")
+        ->type_name("FOLDER");
+    command.add_flag("--no-peer", options.noPeer, "Do not offer the key exchange's other side");
+
+    addLimits(command, options);
     command.add_option("--access-log", options.accessLog, "Access log; default: standard error")
         ->type_name("FILE");
     addPluginLog(command, options.pluginLog);

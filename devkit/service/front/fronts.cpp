@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "common/failure.h"
-#include "service/http/listening_socket.h"
 
 namespace {
 
@@ -36,7 +35,8 @@ Fronts::Fronts(EventLoop& loop, const ServeOptions& options, Service& service, M
       m_calls(service, log, m_shared.limits)
 {
     ListeningSocket listening = listenAt(options);
-    m_url = std::move(listening.url);
+    m_place = std::move(listening.place);
+    m_file.emplace(std::move(listening.file));
     if (options.frontThreads == 1) {
         m_server.emplace(loop, m_shared, m_calls, std::move(listening.descriptor));
         return;

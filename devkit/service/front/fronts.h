@@ -7,6 +7,7 @@
 #include <string>
 
 #include "acceptor.h"
+#include "service/http/listening_socket.h"
 
 class Fronts {
 public:
@@ -14,8 +15,8 @@ public:
     Fronts(EventLoop& loop, const ServeOptions& options, Service& service, Metrics& metrics,
            AccessLog& log, const BearerTokens* tokens);
 
-    // "http://127.0.0.1:8720"
-    const std::string& url() const { return m_url; }
+    // "http://127.0.0.1:8720", or "unix:/path"
+    const std::string& place() const { return m_place; }
 
     // Does what is to do, and tells for how many milliseconds there is nothing. Call it before
     // each wait for events.
@@ -34,7 +35,8 @@ private:
 
     ServerShared m_shared;
     DirectCalls m_calls;
-    std::string m_url;
+    std::string m_place;
+    std::optional<SocketFile> m_file;  // where it listens at a path
     // One of the two.
     std::optional<Server> m_server;
     std::optional<Mailbox<Errand>> m_inbox;

@@ -10,8 +10,25 @@
 
 #include "host/output.h"
 
+namespace {
+
+constexpr mode_t modeUnlessTold = 0660;
+
+ListeningSocket listenAtPath(const ServeOptions& options)
+{
+    const mode_t mode = options.listenMode.empty()
+                            ? modeUnlessTold
+                            : static_cast<mode_t>(std::stoul(options.listenMode, nullptr, 8));
+    UnixSocket made = listenAtPath(options.socketPath, SocketAccess{mode, options.listenGroup});
+    return {std::move(made.descriptor), options.listen, std::move(made.file)};
+}
+
+}  // namespace
+
 ListeningSocket listenAt(const ServeOptions& options)
 {
+    if (!options.socketPath.empty())
+        return listenAtPath(options);
     addrinfo hints = {};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE;
@@ -41,5 +58,5 @@ ListeningSocket listenAt(const ServeOptions& options)
     std::string url = std::string(options.tlsCert.empty() ? "http://" : "https://") +
                       (isName ? options.host : "[" + options.host + "]") + ":" +
                       std::to_string(port);
-    return {std::move(socket), std::move(url)};
+    return {std::move(socket), std::move(url), SocketFile()};
 }

@@ -6,10 +6,12 @@
 
 #include "common/descriptor.h"
 #include "service/operation/options.h"
+#include "unix_socket.h"
 
 struct ListeningSocket {
     Descriptor descriptor;
-    std::string url;  // "http://127.0.0.1:8720", with the port that it got
+    std::string place;  // "http://127.0.0.1:8720", with the port that it got, or "unix:/path"
+    SocketFile file;    // none of an address
 };
 
 // Throws a UsageError.

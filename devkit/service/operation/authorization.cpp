@@ -25,7 +25,8 @@ AllowedSites::AllowedSites(const ServeOptions& options)
       m_scheme(options.tlsCert.empty() ? "http://" : "https://")
 {
     const bool isIpv6 = options.host.find(':') != std::string::npos;
-    m_hosts.push_back(hostName(isIpv6 ? "[" + options.host + "]" : options.host));
+    if (!options.host.empty())
+        m_hosts.push_back(hostName(isIpv6 ? "[" + options.host + "]" : options.host));
     for (const std::string& name : options.allowHosts)
         m_hosts.push_back(hostName(name));
 }

@@ -70,6 +70,32 @@ size_t frontThreadsFor(size_t workers)
     return std::min((workers + workersOfOne - 1) / workersOfOne, mostUnasked);
 }
 
+void splitListen(ServeOptions& options)
+{
+    constexpr std::string_view unixScheme = "unix:";
+    if (options.listen.compare(0, unixScheme.size(), unixScheme) == 0) {
+        options.socketPath = options.listen.substr(unixScheme.size());
+        if (options.socketPath.empty() || options.socketPath.front() != '/')
+            throw UsageError("--listen takes a unix socket as unix:/PATH");
+        return;
+    }
+    if (!options.listenMode.empty() || !options.listenGroup.empty())
+        throw UsageError("--listen-mode and --listen-group are for --listen unix:/PATH");
+    const size_t colon = options.listen.rfind(':');
+    if (colon == std::string::npos || colon == 0)
+        throw UsageError("--listen takes HOST:PORT, an IPv6 address in brackets, or unix:/PATH");
+    options.host = options.listen.substr(0, colon);
+    options.port = options.listen.substr(colon + 1);
+    if (options.host.front() == '[' && options.host.back() == ']')
+        options.host = options.host.substr(1, options.host.size() - 2);
+    else if (options.host.find(':') != std::string::npos)
+        throw UsageError("--listen takes an IPv6 address in brackets");
+    if (options.port.empty() || options.port.size() > 5 ||
+        options.port.find_first_not_of("0123456789") != std::string::npos ||
+        std::stoi(options.port) > 65535)
+        throw UsageError("--listen takes a port from 0 to 65535");
+}
+
 }  // namespace
 
 bool isLoopback(const std::string& address)
@@ -81,29 +107,16 @@ bool isLoopback(const std::string& address)
 
 void checkOptions(ServeOptions& options)
 {
-    const size_t colon = options.listen.rfind(':');
-    if (colon == std::string::npos || colon == 0)
-        throw UsageError("--listen takes HOST:PORT, an IPv6 address in brackets");
-    options.host = options.listen.substr(0, colon);
-    options.port = options.listen.substr(colon + 1);
-    if (options.host.front() == '[' && options.host.back() == ']')
-        options.host = options.host.substr(1, options.host.size() - 2);
-    else if (options.host.find(':') != std::string::npos)
-        throw UsageError("--listen takes an IPv6 address in brackets");
-    if (options.port.empty() || options.port.size() > 5 ||
-        options.port.find_first_not_of("0123456789") != std::string::npos ||
-        std::stoi(options.port) > 65535)
-        throw UsageError("--listen takes a port from 0 to 65535");
-
+    splitListen(options);
     if (!options.node.empty() && !isNodeName(options.node))
         throw UsageError("--node takes 1 to 63 of a-z, 0-9 and \"-\", which is not at an end");
 
     const bool tls = !options.tlsCert.empty();
     if (tls != !options.tlsKey.empty())
         throw UsageError("--tls-cert and --tls-key belong together");
-    const bool isLocal = isLoopback(options.host);
+    const bool isLocal = !options.socketPath.empty() || isLoopback(options.host);
     if (!isLocal && options.noAuth)
-        throw UsageError("--no-auth is for loopback addresses only");
+        throw UsageError("--no-auth is for loopback addresses and unix sockets only");
     if (!isLocal && !tls)
         throw UsageError("an address other than loopback needs --tls-cert and --tls-key");
     checkSites(options);

@@ -12,6 +12,8 @@ constexpr size_t mostTokenFiles = 2;
 
 struct ServeOptions {
     std::string listen = "127.0.0.1:8720";
+    std::string listenMode;   // octal, of a unix socket
+    std::string listenGroup;  // its; empty: the process's
     size_t workers = 0;       // 0: one for each processor
     size_t frontThreads = 0;  // for HTTP; 0: as many as suit the workers
     std::string node;         // name among the hosts behind a balancer; empty: none
@@ -46,7 +48,8 @@ struct ServeOptions {
     // each request, and takes longer than a small request itself.
     std::string pluginLog = "notice";
 
-    // Settled by checkOptions: the two halves of `listen`.
+    // Settled by checkOptions, from what `listen` has: a unix socket's path, or else host and port.
+    std::string socketPath;
     std::string host;
     std::string port;
 };
