@@ -28,4 +28,8 @@ openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 \
     -keyout "$work/corvane.key" -out "$work/corvane.crt" 2>"$work/openssl.log"
 cat "$work/corvane.crt" "$work/corvane.key" >"$work/corvane.pem"
 
-PYTHONDONTWRITEBYTECODE=1 python3 tests/scale/stage.py "$(realpath "$HOST")" "$work" build/scale.txt
+# In the background, so that a signal to this script is not kept waiting.
+PYTHONDONTWRITEBYTECODE=1 python3 tests/scale/stage.py "$(realpath "$HOST")" "$work" build/scale.txt &
+stage=$!
+trap 'kill "$stage" 2>/dev/null || true; wait "$stage" || true; rm -rf "$work"' EXIT
+wait "$stage"

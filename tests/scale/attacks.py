@@ -1,5 +1,5 @@
 """What a client must not be able to do through a balancer. Each row is sent on a connection of
-its own; what is expected is a status, or 0 where the connection may end without an answer."""
+its own, and must get the status that is expected, after which others still get their answers."""
 import json
 import select
 import socket
@@ -19,69 +19,62 @@ CHUNKED = "Transfer-Encoding: chunked\r\n"
 # of these nodes, {long} and {longer} 10 and 20 kB. The request "encrypt" has {a} as strKe.
 HEADS = [
     ("two session headers", "encrypt", "X-Corvane-Session: {a}\r\nX-Corvane-Session: {b}\r\n",
-     {400}, {400}),
+     400, 400),
     ("two session headers, turned", "encrypt",
-     "X-Corvane-Session: {b}\r\nX-Corvane-Session: {a}\r\n", {400}, {400}),
+     "X-Corvane-Session: {b}\r\nX-Corvane-Session: {a}\r\n", 400, 400),
     ("the same session header twice", "encrypt",
-     "X-Corvane-Session: {a}\r\nX-Corvane-Session: {a}\r\n", {400}, {400}),
-    ("two session headers in one", "encrypt", "X-Corvane-Session: {a}, {b}\r\n", {400}, {400}),
-    ("another node's session header", "encrypt", "X-Corvane-Session: {b}\r\n", {400}, {400}),
-    ("another node asked for", "encrypt", "X-Corvane-Node: b\r\n", {400}, {400}),
+     "X-Corvane-Session: {a}\r\nX-Corvane-Session: {a}\r\n", 400, 400),
+    ("two session headers in one", "encrypt", "X-Corvane-Session: {a}, {b}\r\n", 400, 400),
+    ("another node's session header", "encrypt", "X-Corvane-Session: {b}\r\n", 400, 400),
+    ("another node asked for", "encrypt", "X-Corvane-Node: b\r\n", 400, 400),
     ("session and node contradict", "encrypt",
-     "X-Corvane-Session: {a}\r\nX-Corvane-Node: b\r\n", {400}, {400}),
-    ("two nodes asked for", "hmac", "X-Corvane-Node: a\r\nX-Corvane-Node: b\r\n", {400}, {400}),
-    ("node ..", "hmac", "X-Corvane-Node: ../a\r\n", {400}, {400}),
-    ("node in capitals", "hmac", "X-Corvane-Node: A\r\n", {400}, {400}),
-    ("node that is none", "hmac", "X-Corvane-Node: z\r\n", {421}, {421}),
-    ("the balancer's name for all hosts as node", "hmac", "X-Corvane-Node: hosts\r\n",
-     {421}, {421}),
-    ("the balancer's pool as node", "hmac", "X-Corvane-Node: corvane_a\r\n", {400}, {400}),
-    ("session of a node that is none", "hmac", "X-Corvane-Session: ke_z.{rest}\r\n",
-     {421}, {421}),
-    ("session of node ..", "hmac", "X-Corvane-Session: ke_../a.{rest}\r\n", {400}, {400}),
+     "X-Corvane-Session: {a}\r\nX-Corvane-Node: b\r\n", 400, 400),
+    ("two nodes asked for", "hmac", "X-Corvane-Node: a\r\nX-Corvane-Node: b\r\n", 400, 400),
+    ("node ..", "hmac", "X-Corvane-Node: ../a\r\n", 400, 400),
+    ("node in capitals", "hmac", "X-Corvane-Node: A\r\n", 400, 400),
+    ("node that is none", "hmac", "X-Corvane-Node: z\r\n", 421, 421),
+    ("the balancer's name for all hosts as node", "hmac", "X-Corvane-Node: hosts\r\n", 421, 421),
+    ("the balancer's pool as node", "hmac", "X-Corvane-Node: corvane_a\r\n", 400, 400),
+    ("session of a node that is none", "hmac", "X-Corvane-Session: ke_z.{rest}\r\n", 421, 421),
+    ("session of node ..", "hmac", "X-Corvane-Session: ke_../a.{rest}\r\n", 400, 400),
     ("session with an address as node", "hmac", "X-Corvane-Session: ke_127.0.0.1:80.{rest}\r\n",
-     {400}, {400}),
-    ("session that never was", "hmac", "X-Corvane-Session: ke_a.{rest}\r\n", {200, 410},
-     {200, 410}),
-    ("session of 10 kB", "hmac", "X-Corvane-Session: ke_a.{long}\r\n", {400}, {400}),
-    ("session of 20 kB", "hmac", "X-Corvane-Session: ke_a.{longer}\r\n", {400, 431}, {400, 431}),
-    ("node of 10 kB", "hmac", "X-Corvane-Node: {long}\r\n", {400}, {400}),
-    ("100 more headers", "hmac", "X-More: x\r\n" * 100, {400, 431}, {400, 431}),
+     400, 400),
+    ("session that never was", "hmac", "X-Corvane-Session: ke_a.{rest}\r\n", 200, 200),
+    ("session of 10 kB", "hmac", "X-Corvane-Session: ke_a.{long}\r\n", 400, 400),
+    ("session of 20 kB", "hmac", "X-Corvane-Session: ke_a.{longer}\r\n", 431, 400),
+    ("node of 10 kB", "hmac", "X-Corvane-Node: {long}\r\n", 400, 400),
+    ("100 more headers", "hmac", "X-More: x\r\n" * 100, 400, 431),
     ("header ended by a line feed alone", "hmac", "X-Corvane-Node: a\nX-Corvane-Node: b\r\n",
-     {0, 400}, {400}),
-    ("folded header", "hmac", "X-Corvane-Node: a\r\n b\r\n", {0, 400}, {400}),
-    ("carriage return in a header", "hmac", "X-Corvane-Node: a\rX-Corvane-Node: b\r\n",
-     {0, 400}, {400}),
-    ("NUL in a header", "hmac", "X-Corvane-Node: a\0b\r\n", {0, 400}, {400}),
-    ("blank before the colon", "hmac", "X-Corvane-Node : a\r\n", {0, 400}, {400}),
-    ("underscores, which are dropped", "hmac", "X_Corvane_Node: z\r\n", {200}, {200}),
+     400, 400),
+    ("folded header", "hmac", "X-Corvane-Node: a\r\n b\r\n", 400, 400),
+    ("carriage return in a header", "hmac", "X-Corvane-Node: a\rX-Corvane-Node: b\r\n", 400, 400),
+    ("NUL in a header", "hmac", "X-Corvane-Node: a\0b\r\n", 400, 400),
+    ("blank before the colon", "hmac", "X-Corvane-Node : a\r\n", 400, 400),
+    ("underscores, which are dropped", "hmac", "X_Corvane_Node: z\r\n", 200, 200),
     ("headers to be dropped on the way", "encrypt",
-     "X-Corvane-Session: {a}\r\nConnection: keep-alive, X-Corvane-Session\r\n", {200}, {200}),
-    ("forged address", "hmac", "X-Forwarded-For: {forged}\r\n", {200}, {200}),
+     "X-Corvane-Session: {a}\r\nConnection: keep-alive, X-Corvane-Session\r\n", 200, 200),
+    ("forged address", "hmac", "X-Forwarded-For: {forged}\r\n", 200, 200),
     ("forged addresses", "hmac",
-     "X-Forwarded-For: {forged}\r\nX-Forwarded-For: {forged}, 127.0.0.1\r\n",
-     {200}, {200}),
+     "X-Forwarded-For: {forged}\r\nX-Forwarded-For: {forged}, 127.0.0.1\r\n", 200, 200),
     ("identity that would be another log line", "hmac",
-     'X-Request-Id: {forged}"}} {{\r\n', {200}, {200}),
-    ("two identities", "hmac", "X-Request-Id: one\r\nX-Request-Id: two\r\n", {200}, {200}),
-    ("length and chunks", "smuggle", CHUNKED, {0, 200, 400}, {400}),
-    ("chunks that are none", "smuggle", "Transfer-Encoding: xchunked\r\n", {0, 400, 501},
-     {400, 501}),
-    ("chunks twice", "smuggle", CHUNKED + CHUNKED, {0, 400}, {400}),
-    ("two lengths", "smuggle", "Content-Length: 0\r\n", {0, 400}, {400}),
+     'X-Request-Id: {forged}"}} {{\r\n', 200, 200),
+    ("two identities", "hmac", "X-Request-Id: one\r\nX-Request-Id: two\r\n", 200, 200),
+    ("length and chunks", "smuggle", CHUNKED, 200, 400),
+    ("chunks that are none", "smuggle", "Transfer-Encoding: xchunked\r\n", 400, 501),
+    ("chunks twice", "smuggle", CHUNKED + CHUNKED, 400, 400),
+    ("two lengths", "smuggle", "Content-Length: 0\r\n", 400, 400),
 ]
 # What | method and path | expected of HAProxy | of nginx. Without the balancer's knowledge a
 # request with a session would count as one that may be repeated, or the other way round.
 PATHS = [
     ("way back to a session's request", "POST /v1/requests/QZaven_crypto_x/../QZaven_ke_new",
-     {404}, {404}),
-    ("the same, escaped", "POST /v1/requests/QZaven_crypto_x/%2e%2e/QZaven_ke_new", {404}, {404}),
-    ("escaped slash", "POST /v1/requests/QZaven_crypto_x%2f..%2fQZaven_ke_new", {404}, {404}),
-    ("doubled slashes", "POST /v1//requests/QZaven_crypto_hmac", {404}, {404}),
-    ("another server's whole address", f"POST http://{FORGED}{PATH}", {200, 400, 404},
-     {200}),
-    ("tunnel", f"CONNECT {FORGED}:80", {400, 404, 405}, {400, 405}),
-    ("blank in the path", f"POST {PATH} {PATH}", {0, 400}, {400}),
+     404, 404),
+    ("the same, escaped", "POST /v1/requests/QZaven_crypto_x/%2e%2e/QZaven_ke_new", 404, 404),
+    ("escaped slash", "POST /v1/requests/QZaven_crypto_x%2f..%2fQZaven_ke_new", 404, 404),
+    ("doubled slashes", "POST /v1//requests/QZaven_crypto_hmac", 404, 404),
+    ("another server's whole address", f"POST http://{FORGED}{PATH}", 400, 200),
+    ("tunnel", f"CONNECT {FORGED}:80", 400, 400),
+    ("blank in the path", f"POST {PATH} {PATH}", 400, 400),
 ]
 
 
@@ -142,11 +135,11 @@ def rows_for(target, tokens):
     """(what, raw bytes, expected) for each attack."""
     column = {"HAProxy": 0, "nginx": 1}[target.name]
     for what, kind, head, *expected in HEADS:
-        yield what, raw_request(kind, head, target, tokens), expected[column]
+        yield what, raw_request(kind, head, target, tokens), {expected[column]}
     body = json.dumps(HMAC)
     for what, start, *expected in PATHS:
         raw = head_of(start, target, "", len(body)) + body
-        yield what, raw.encode(), expected[column]
+        yield what, raw.encode(), {expected[column]}
     yield ("no token", head_of(f"POST {PATH}", target, "", len(body)).replace(
         "Authorization", "X-Nothing").encode() + body.encode(), {401})
     yield "17 MiB", head_of(f"POST {PATH}", target, "", 17 << 20).encode(), {413}

@@ -11,6 +11,7 @@ import json
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -236,6 +237,7 @@ class Stage:
 
 def main():
     program, folder, path = sys.argv[1:]
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # and end what was started
     report = Report(path)
     stand = Stand(folder, program)
     # An engine of its own for the host whose engine breaks.
