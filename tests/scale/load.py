@@ -5,6 +5,7 @@ import hmac
 import json
 import multiprocessing
 import os
+import queue
 import time
 
 from client import Connection, NoAnswer
@@ -19,6 +20,20 @@ context = multiprocessing.get_context("fork")
 
 def urlsafe(data):
     return base64.urlsafe_b64encode(data).decode()
+
+
+def gathered(out, processes):
+    """What each of the processes put there once. Raises if one failed instead."""
+    for _ in processes:
+        while True:
+            try:
+                yield out.get(timeout=1)
+                break
+            except queue.Empty:
+                if any(process.exitcode for process in processes):
+                    raise RuntimeError("a client has failed") from None
+    for process in processes:
+        process.join()
 
 
 class Result:
@@ -98,9 +113,6 @@ class Load:
     def stop(self):
         """Returns the results by the targets' names."""
         self.stopping.set()
-        for _ in self.processes:
-            name, result = self.out.get()
+        for name, result in gathered(self.out, self.processes):
             self.results[name].add(result)
-        for process in self.processes:
-            process.join()
         return self.results

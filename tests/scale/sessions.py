@@ -7,7 +7,7 @@ import subprocess
 import urllib.parse
 
 from client import Connection, NoAnswer
-from load import context, urlsafe
+from load import context, gathered, urlsafe
 
 # Bytes of data; three bytes are four of Base64, so that bodies have 300 kB and more.
 LARGE = 225000
@@ -190,12 +190,9 @@ def exchange_through(targets, sessions, processes, credential):
     for process in started:
         process.start()
     results = {target.name: (0, [], []) for target in targets}
-    for _ in started:
-        name, requests, wrong, nodes = out.get()
+    for name, requests, wrong, nodes in gathered(out, started):
         before = results[name]
         results[name] = (before[0] + requests, before[1] + wrong, before[2] + nodes)
-    for process in started:
-        process.join()
     return results
 
 
