@@ -65,19 +65,18 @@ protected:
     {
         if (support::emulated)
             return;
-        m_nodes = new std::map<std::string, Node>;
         for (const std::string name : {"a", "b"}) {
-            Node& node = (*m_nodes)[name];
+            Node& node = m_nodes[name];
             node.host = std::make_unique<ServedHost>(
                 ServedHost::Options{"--node", name, "--workers", "1", "--rate", "0"});
             node.session = node.host->request("QZaven_ke_new").result("Data");
         }
     }
-    static void TearDownTestSuite() { delete m_nodes; }
+    static void TearDownTestSuite() { m_nodes.clear(); }
     void SetUp() override { NEEDS_WORKERS(); }
 
-    static const ServedHost& host(const std::string& node) { return *m_nodes->at(node).host; }
-    static const std::string& session(const std::string& node) { return m_nodes->at(node).session; }
+    static const ServedHost& host(const std::string& node) { return *m_nodes.at(node).host; }
+    static const std::string& session(const std::string& node) { return m_nodes.at(node).session; }
 
     static HttpAnswer post(const std::string& path, HttpHeaders headers, const Json& body,
                            const std::string& node = "a")
@@ -93,7 +92,7 @@ protected:
     }
 
 private:
-    inline static std::map<std::string, Node>* m_nodes = nullptr;
+    inline static std::map<std::string, Node> m_nodes;
 };
 
 TEST_F(ServeNode, HasItsNameInTokensAndAnswers)
