@@ -21,7 +21,7 @@ all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python
     shellcheck valgrind)
 
 # The balancers in front of several hosts.
-balancer_packages=(haproxy nginx-light openssl python3)
+balancer_packages=(curl haproxy nginx-light openssl python3)
 
 # The console's tests in a browser; the fonts are for Chinese on the pictures.
 browser_packages=(chromium curl fonts-wqy-microhei nodejs)

@@ -52,8 +52,16 @@ class Result:
         self.slowest = max(self.slowest, other.slowest)
 
 
+def request_body(key, data):
+    return json.dumps({"strHashAlg": 4, "strKey": urlsafe(key), "strdata": urlsafe(data)})
+
+
+def expected(key, data):
+    return urlsafe(hmac.new(key, data, hashlib.sha256).digest())
+
+
 def request_bytes(token, identity, key, data):
-    body = json.dumps({"strHashAlg": 4, "strKey": urlsafe(key), "strdata": urlsafe(data)})
+    body = request_body(key, data)
     return (f"POST {PATH} HTTP/1.1\r\nHost: corvane.example\r\nAuthorization: Bearer {token}\r\n"
             f"X-Request-Id: {identity}\r\nContent-Type: application/json\r\n"
             f"Content-Length: {len(body)}\r\n\r\n{body}").encode()
@@ -73,7 +81,7 @@ def send_one(connection, result, identity, size):
     seconds = time.monotonic() - start
     if answer.status != 200:
         result.lost.append((identity, f"{answer.status} {answer.error()}", seconds))
-    elif answer.data() == urlsafe(hmac.new(key, data, hashlib.sha256).digest()):
+    elif answer.data() == expected(key, data):
         result.right += 1
         result.slowest = max(result.slowest, seconds)
     else:

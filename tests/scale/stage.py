@@ -20,7 +20,7 @@ import attacks
 import disturb
 import sessions
 from client import Connection, Target
-from load import Load, Result, context, send_one
+from load import PATH, Load, Result, expected, request_body, send_one
 from stand import NODES, Failure, Stand
 
 SESSIONS = 200
@@ -102,6 +102,25 @@ class Stage:
         for what in (f'"address":"{ATTACKER}"', f'"id":"after-{target.name}-1-0"'):
             if what not in seen:
                 self.report.fail(f"{target.name}: no host's log has {what}")
+
+    def http2(self):
+        """curl asks for HTTP/2 and gets it, with bodies below and above a balancer's buffer."""
+        for target in self.targets:
+            for size in (64, sessions.LARGE):
+                key, data = os.urandom(32), os.urandom(size)
+                body = os.path.join(self.stand.folder, "body")
+                with open(body, "w") as file:
+                    file.write(request_body(key, data))
+                curl = subprocess.run(
+                    ["curl", "-sS", "--http2", "--config", "-", "--cacert", target.authority,
+                     "--json", "@" + body, "--write-out", "\n%{http_version} %{http_code}",
+                     f"https://localhost:{target.place[1]}{PATH}"], capture_output=True, text=True,
+                    input=f'header = "Authorization: Bearer {target.token}"\n')
+                answer, _, kind = curl.stdout.rpartition("\n")
+                if kind != "2 200" or json.loads(answer)["results"]["Data"] != expected(key, data):
+                    self.report.fail(f"{target.name}: by HTTP/2, {size} bytes: {kind} "
+                                     f"{curl.stderr.strip()}")
+        self.report.line("HTTP/2 to both, with small and large bodies")
 
     def repeated_requests(self):
         """What the configurations repeat is what the catalogue calls safe."""
@@ -249,8 +268,8 @@ def main():
     try:
         stand.start()
         stage = Stage(stand, report)
-        for part in (stage.repeated_requests, stage.exchanges, stage.attacked,
-                     stage.resilience, stage.latency, stage.nothing_on_the_disk):
+        for part in (stage.repeated_requests, stage.http2, stage.exchanges,
+                     stage.attacked, stage.resilience, stage.latency, stage.nothing_on_the_disk):
             start = time.monotonic()
             part()
             report.line(f"-- {part.__name__}: {time.monotonic() - start:.0f} s", summary=False)

@@ -207,7 +207,7 @@ class Nginx(Process):
                    # From `warn` on it tells of bodies that went to the disk.
                    (r"/var/log/nginx/corvane-error\.log error", f"{self.log} warn")]
         if not secure:
-            changes += [(r"(listen \S+) ssl;", r"\1;"), (r"https://", "http://"),
+            changes += [(r"(listen \S+) ssl http2;", r"\1;"), (r"https://", "http://"),
                         (r"127.0.0.1[123]:\d+", f"127.0.0.1:{stand.plain.place[1]}")]
         with open(os.path.join(self.folder, "corvane.conf"), "w") as file:
             file.write(substituted("packaging/nginx/corvane.conf", changes))
