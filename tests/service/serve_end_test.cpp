@@ -20,6 +20,30 @@ using support::ServedHost;
 
 constexpr const char* version = "QZaVen_GetVersion";
 
+// A request that no worker serves before goOn().
+class HeldRequest {
+public:
+    explicit HeldRequest(const ServedHost& host) : m_workers(host.workers()), m_client(host.port())
+    {
+        for (const pid_t worker : m_workers)
+            kill(worker, SIGSTOP);
+        m_client.send(host.text("POST", std::string("/v1/requests/") + version,
+                                {{"Content-Type", "application/json"}}, "{}"));
+        EXPECT_TRUE(eventually([&] { return host.metric("corvane_workers_busy") == 1; }));
+    }
+
+    void goOn() const
+    {
+        for (const pid_t worker : m_workers)
+            kill(worker, SIGCONT);
+    }
+    HttpAnswer receive() { return m_client.receive(); }
+
+private:
+    const std::vector<pid_t> m_workers;
+    HttpConnection m_client;
+};
+
 class LameDuck : public testing::Test {
 protected:
     void SetUp() override { NEEDS_WORKERS(); }
@@ -83,18 +107,11 @@ TEST_F(LameDuck, ASecondSignalEndsAtOnce)
 TEST_F(LameDuck, TheDrainFollows)
 {
     ServedHost host({"--lame-duck-seconds", "0.5", "--drain-seconds", "600"});
-    const std::vector<pid_t> workers = host.workers();
-    for (const pid_t worker : workers)
-        kill(worker, SIGSTOP);
-    HttpConnection underWay(host.port());
-    underWay.send(host.text("POST", "/v1/requests/QZaVen_GetVersion",
-                            {{"Content-Type", "application/json"}}, "{}"));
-    EXPECT_TRUE(eventually([&] { return host.metric("corvane_workers_busy") == 1; }));
+    HeldRequest underWay(host);
     host.signal(SIGTERM);
     EXPECT_TRUE(eventually([&] { return HttpConnection(host.port()).descriptor() < 0; }));
     EXPECT_FALSE(host.hasEnded());
-    for (const pid_t worker : workers)
-        kill(worker, SIGCONT);
+    underWay.goOn();
     const HttpAnswer answer = underWay.receive();
     EXPECT_EQ("0", answer.result("errorCode")) << answer.body;
     EXPECT_EQ("close", answer.headers.at("connection"));
@@ -105,13 +122,7 @@ TEST_F(LameDuck, TheDrainFollows)
 TEST_F(LameDuck, ReadyRefusesInTheDrainToo)
 {
     ServedHost host({"--drain-seconds", "600"});
-    const std::vector<pid_t> workers = host.workers();
-    for (const pid_t worker : workers)
-        kill(worker, SIGSTOP);
-    HttpConnection underWay(host.port());
-    underWay.send(host.text("POST", "/v1/requests/QZaVen_GetVersion",
-                            {{"Content-Type", "application/json"}}, "{}"));
-    EXPECT_TRUE(eventually([&] { return host.metric("corvane_workers_busy") == 1; }));
+    HeldRequest underWay(host);
     const std::string ready = host.text("GET", "/readyz");
     HttpConnection asker(host.port());
     asker.send(ready.substr(0, ready.size() - 2));
@@ -122,8 +133,7 @@ TEST_F(LameDuck, ReadyRefusesInTheDrainToo)
     const HttpAnswer answer = asker.receive();
     EXPECT_EQ(503, answer.status);
     EXPECT_EQ("draining", answer.code());
-    for (const pid_t worker : workers)
-        kill(worker, SIGCONT);
+    underWay.goOn();
     EXPECT_EQ(200, underWay.receive().status);
     EXPECT_EQ(0, host.wait());
 }

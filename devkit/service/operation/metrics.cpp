@@ -170,7 +170,15 @@ std::string metricHead(const std::string& name)
 {
     for (const MetricInfo& info : infos)
         if (info.name == name)
-            return "# HELP " + name + " " + info.help + "\n# TYPE " + name + " " + info.type + "\n";
+            return std::string("# HELP ")
+                .append(name)
+                .append(" ")
+                .append(info.help)
+                .append("\n# TYPE ")
+                .append(name)
+                .append(" ")
+                .append(info.type)
+                .append("\n");
     throw std::logic_error("no metric is named " + name);
 }
 

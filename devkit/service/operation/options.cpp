@@ -120,7 +120,7 @@ void checkOptions(ServeOptions& options)
     if (!isLocal && !tls)
         throw UsageError("an address other than loopback needs --tls-cert and --tls-key");
     checkSites(options);
-    TrustedProxies(options.trustedProxies);  // throws for what is none
+    const TrustedProxies throwsForWhatIsNone(options.trustedProxies);
     if (options.tokenFiles.size() > mostTokenFiles)
         throw UsageError("--token-file is given twice at most");
     if (tls) {

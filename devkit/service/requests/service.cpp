@@ -192,7 +192,7 @@ void Service::request(const std::string& name, const Addressee& to, const std::s
 }
 
 void Service::batch(const Addressee& to, const std::string& contentType, std::string_view body,
-                    Done done)
+                    const Done& done)
 {
     std::vector<Part> parts;
     for (BatchPart& part : readBatch(contentType, body, m_limits))

@@ -35,7 +35,7 @@ public:
     void request(const std::string& name, const Addressee& to, const std::string& contentType,
                  std::string_view body, Done done);
     void batch(const Addressee& to, const std::string& contentType, std::string_view body,
-               Done done);
+               const Done& done);
     // A step of the key exchange's other side; see peer_steps.h.
     void peer(const std::string& step, const Addressee& to, const std::string& contentType,
               std::string_view body, Done done);
