@@ -13,6 +13,7 @@
 #include "base64_kernels.h"
 #include "engine_binding_text.h"
 #include "engine_interface.h"
+#include "secret_text.h"
 
 namespace {
 
@@ -119,19 +120,19 @@ bool optionalDigitIn(const std::string& text, std::string_view digits, int32_t& 
     return text.empty() || digitIn(text, digits, value);
 }
 
-// URL-safe to standard Base64; text in the standard alphabet stays as it is.
-std::string toStandardAlphabet(std::string text)
+// URL-safe to standard Base64 in place, for a callee to take over; text in the standard alphabet
+// stays as it is.
+std::string&& toStandardAlphabet(std::string& text)
 {
     base64Kernel->replace(text.data(), text.length(), '-', '+');
     base64Kernel->replace(text.data(), text.length(), '_', '/');
-    return text;
+    return std::move(text);
 }
 
-std::string toUrlAlphabet(std::string text)
+void toUrlAlphabet(std::string& text)
 {
     base64Kernel->replace(text.data(), text.length(), '+', '-');
     base64Kernel->replace(text.data(), text.length(), '/', '_');
-    return text;
 }
 
 std::string toUrlBase64(const std::string& data)
@@ -150,26 +151,23 @@ void checkAlgAndMode(const std::string& alg, const std::string& mode, Block& blo
 
 // The key of a public-key request: private with its password, or public.
 struct KeyTexts {
-    std::string sk, pk, password;
+    SecretText sk, pk, password;
 };
 
 // What the two symmetric cipher requests have in common. The block points into the texts,
 // so a request stays where it was made.
 struct CipherRequest {
-    explicit CipherRequest(CWebServerBase& handler)
-        : alg(handler.GetFindNameStringValueFromMapParams("strCipherAlg")),
-          mode(handler.GetFindNameStringValueFromMapParams("strMode")),
-          padding(handler.GetFindNameStringValueFromMapParams("strCipherPadding")),
-          key(handler.GetFindNameStringValueFromMapParams("strKey")),
-          iv(handler.GetFindNameStringValueFromMapParams("strIV")),
-          aad(handler.GetFindNameStringValueFromMapParams("straad"))
-    {
-    }
+    CipherRequest() = default;
     CipherRequest(const CipherRequest&) = delete;
     CipherRequest& operator=(const CipherRequest&) = delete;
 
-    std::string alg, mode, padding;
-    std::string key, iv, aad;  // Base64 texts, then their bytes
+    SecretText alg = CWebServerBase::param("strCipherAlg");
+    SecretText mode = CWebServerBase::param("strMode");
+    SecretText padding = CWebServerBase::param("strCipherPadding");
+    // Base64 texts, then their bytes
+    SecretText key = CWebServerBase::param("strKey");
+    SecretText iv = CWebServerBase::param("strIV");
+    SecretText aad = CWebServerBase::param("straad");
     SymmCipherParams block = {};
 };
 
@@ -231,20 +229,16 @@ std::string CWebOperateAvenSoftModule::Request()
     return ReturnRequest();
 }
 
-std::string CWebOperateAvenSoftModule::param(const char* name)
+void CWebOperateAvenSoftModule::reply(std::string& data, int code)
 {
-    return GetFindNameStringValueFromMapParams(name);
-}
-
-void CWebOperateAvenSoftModule::reply(std::string data, int code)
-{
-    AddRetStrToParamsMap("Data", std::move(data));
+    addResult("Data", data);
     replyCode(code);
 }
 
 void CWebOperateAvenSoftModule::replyCode(int code)
 {
-    AddRetStrToParamsMap("errorCode", GetStrErrorForInt(code));
+    std::string text = GetStrErrorForInt(code);
+    addResult("errorCode", text);
 }
 
 // The handlers. All that may fail stands in the `try`; a failure leaves its code and what
@@ -263,7 +257,7 @@ void CWebOperateAvenSoftModule::makeaVen_GetVersion()
     } catch (...) {
         out.clear();
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 // Answers with "Data" alone, whatever happens: the text is an explanation of a code, not
@@ -273,49 +267,48 @@ void CWebOperateAvenSoftModule::makeaVen_strerror()
     std::string text;
 
     try {
-        std::string error = param("strErr");
+        SecretText error = param("strErr");
         require(present(error));
         text = m_softMoudleAven.aven_strerror(std::move(error));
     } catch (...) {
         text.clear();
     }
-    AddRetStrToParamsMap("Data", std::move(text));
+    addResult("Data", text);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_base64_encode()
 {
     int code = 0;
-    std::string out;
+    SecretText out;
 
     try {
-        std::string in = param("strIn");
+        SecretText in = param("strIn");
         require(present(in), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_crypto_base64_encode(true, std::move(in), out);
         require(code == 0);
-        out = toUrlAlphabet(std::move(out));
+        toUrlAlphabet(out);
     } catch (...) {
         out.clear();
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 // Escapes its output, which may be any bytes; the encoding twin has no need to.
 void CWebOperateAvenSoftModule::makeaven_crypto_base64_Decode()
 {
     int code = 0;
-    std::string out;
+    SecretText out;
 
     try {
-        std::string in = param("strIn");
+        SecretText in = param("strIn");
         require(present(in), code, PARAM_MISSING);
-        code = m_softMoudleAven.aven_crypto_base64_encode(false, toStandardAlphabet(std::move(in)),
-                                                          out);
+        code = m_softMoudleAven.aven_crypto_base64_encode(false, toStandardAlphabet(in), out);
         require(code == 0);
         out = JsonUrlEncode(std::move(out));
     } catch (...) {
         out.clear();
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_new()
@@ -329,7 +322,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_new()
     } catch (...) {
         ke.clear();
     }
-    reply(std::move(ke), code);
+    reply(ke, code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_free()
@@ -337,7 +330,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_free()
     int code = 0;
 
     try {
-        std::string ke = param("strKe");
+        SecretText ke = param("strKe");
         require(present(ke), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_ke_free(std::move(ke));
     } catch (...) {  // the code tells it
@@ -362,14 +355,14 @@ void CWebOperateAvenSoftModule::setSessionKeys(const char* sigName, const char* 
     int code = 0;
 
     try {
-        std::string ke = param("strKe");
-        std::string sig = param(sigName);
-        std::string enc = param(encName);
-        std::string password = param("strPassword");
+        SecretText ke = param("strKe");
+        SecretText sig = param(sigName);
+        SecretText enc = param(encName);
+        SecretText password = param("strPassword");
 
         require(present(ke), code, PARAM_MISSING);
-        code = (m_softMoudleAven.*set)(std::move(ke), toStandardAlphabet(std::move(sig)),
-                                       toStandardAlphabet(std::move(enc)), std::move(password));
+        code = (m_softMoudleAven.*set)(std::move(ke), toStandardAlphabet(sig),
+                                       toStandardAlphabet(enc), std::move(password));
     } catch (...) {  // the code tells it
     }
     replyCode(code);
@@ -380,9 +373,9 @@ void CWebOperateAvenSoftModule::makeaven_ke_set_root_certificate()
     int code = 0;
 
     try {
-        std::string ke = param("strKe");
-        std::string caFile = param("strCa_file");
-        std::string caPath = param("strCa_path");
+        SecretText ke = param("strKe");
+        SecretText caFile = param("strCa_file");
+        SecretText caPath = param("strCa_path");
 
         require(present(ke, caFile), code, PARAM_MISSING);
         UTF8ToMulti(caFile, caFile);  // leaves the name as it is
@@ -399,7 +392,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_hello()
     std::string out;
 
     try {
-        std::string ke = param("strKe");
+        SecretText ke = param("strKe");
         require(present(ke), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_ke_client_hello(std::move(ke), out);
         requireOutputAlone(code, out);
@@ -407,7 +400,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_hello()
     } catch (...) {
         out.clear();
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
@@ -416,11 +409,11 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
     std::string out;
 
     try {
-        std::string ke = param("strKe");
-        std::string random = param("strSrvr_rand");
-        std::string sigCert = param("strSrvr_sig_cert");
-        std::string encCert = param("strSrvr_enc_cert");
-        std::string signature = param("strSrvr_sign");
+        SecretText ke = param("strKe");
+        SecretText random = param("strSrvr_rand");
+        SecretText sigCert = param("strSrvr_sig_cert");
+        SecretText encCert = param("strSrvr_enc_cert");
+        SecretText signature = param("strSrvr_sign");
 
         require(present(ke), code, PARAM_MISSING);
         base64_decode_url(random);
@@ -435,7 +428,7 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
     } catch (...) {
         out.clear();
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_ke_encrypt()
@@ -462,11 +455,11 @@ void CWebOperateAvenSoftModule::makeaven_ke_cmac()
 void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperation operation)
 {
     int code = 0;
-    std::string out;
+    SecretText out;
 
     try {
-        std::string ke = param("strKe");
-        std::string data = param(dataName);
+        SecretText ke = param("strKe");
+        SecretText data = param(dataName);
 
         require(present(ke), code, PARAM_MISSING);
         base64_decode_url(data);
@@ -475,7 +468,7 @@ void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperatio
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_public_encrypt()
@@ -500,17 +493,17 @@ template <class ReadKey>
 void CWebOperateAvenSoftModule::usePublicKey(ReadKey readKey, BlockOperation operation)
 {
     int code = 0;
-    std::string out;
+    SecretText out;
     void* keypair = nullptr;
 
     try {
-        const std::string typeText = param("strKeyPairType");
+        const SecretText typeText = param("strKeyPairType");
         KeyTexts key;
         readKey(key);
-        const std::string rsaPadding = param("strRsaPaddingE");
-        const std::string noAsn1 = param("strnoAsn1");
-        const std::string noC1c3c2 = param("strnoc1c3c2");
-        std::string data = param("strdata");
+        const SecretText rsaPadding = param("strRsaPaddingE");
+        const SecretText noAsn1 = param("strnoAsn1");
+        const SecretText noC1c3c2 = param("strnoc1c3c2");
+        SecretText data = param("strdata");
         PkeyCipherParams block = {};
         int32_t type = 0;
 
@@ -522,8 +515,8 @@ void CWebOperateAvenSoftModule::usePublicKey(ReadKey readKey, BlockOperation ope
         require(optionalDigitIn(typeText, KEY_PAIR_TYPES, type), code, PARAM_INVALID);
 
         base64_decode_url(data);
-        code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(std::move(key.sk)),
-                                                  toStandardAlphabet(std::move(key.pk)),
+        code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(key.sk),
+                                                  toStandardAlphabet(key.pk),
                                                   std::move(key.password), &keypair);
         require(code == 0);
         block.keypair = keypair;
@@ -534,7 +527,7 @@ void CWebOperateAvenSoftModule::usePublicKey(ReadKey readKey, BlockOperation ope
     } catch (...) {
         freeKeypair(std::exchange(keypair, nullptr));  // before the failure is told
     }
-    reply(std::move(out), code);
+    reply(out, code);
     freeKeypair(keypair);
 }
 
@@ -551,9 +544,9 @@ void CWebOperateAvenSoftModule::makeaven_crypto_encrypt()
     std::string tag;
 
     try {
-        CipherRequest cipher(*this);
-        std::string data = param("strdata");
-        const std::string tagLenText = param("strgcmTagLen");
+        CipherRequest cipher;
+        SecretText data = param("strdata");
+        const SecretText tagLenText = param("strgcmTagLen");
         int tagLen = 16;
 
         checkCipherRequest(cipher, data, code);
@@ -574,19 +567,19 @@ void CWebOperateAvenSoftModule::makeaven_crypto_encrypt()
         tag = toUrlBase64(tag);
     } catch (...) {  // both outputs are told as they stand
     }
-    reply(std::move(out), code);
-    AddRetStrToParamsMap("gcmOutTag", std::move(tag));
+    reply(out, code);
+    addResult("gcmOutTag", tag);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
 {
     int code = 0;
-    std::string out;
+    SecretText out;
 
     try {
-        CipherRequest cipher(*this);
-        std::string tag = param("strtag");
-        std::string data = param("strdata");
+        CipherRequest cipher;
+        SecretText tag = param("strtag");
+        SecretText data = param("strdata");
 
         checkCipherRequest(cipher, data, code);
         if (cipher.block.mode == AVEN_MODE_GCM) {
@@ -602,16 +595,16 @@ void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_gen_symmkey()
 {
     int code = 0;
-    std::string out;
+    SecretText out;
 
     try {
-        const std::string algText = param("strCipherAlg");
+        const SecretText algText = param("strCipherAlg");
         require(present(algText), code, PARAM_MISSING);
         const int alg = atoi(algText.c_str());
         require(inRange(alg, 1, CIPHER_ALGS), code, PARAM_INVALID);
@@ -621,7 +614,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_gen_symmkey()
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_hmac()
@@ -640,9 +633,9 @@ void CWebOperateAvenSoftModule::useMac(const char* algName, int algs, BlockOpera
     std::string out;
 
     try {
-        const std::string alg = param(algName);
-        std::string key = param("strKey");
-        std::string data = param("strdata");
+        const SecretText alg = param(algName);
+        SecretText key = param("strKey");
+        SecretText data = param("strdata");
         MacParams block = {};
 
         require(present(alg, key, data), code, PARAM_MISSING);
@@ -658,7 +651,7 @@ void CWebOperateAvenSoftModule::useMac(const char* algName, int algs, BlockOpera
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 // Takes its input byte for byte, not as Base64. Hash 0, the engine's default, is allowed
@@ -666,12 +659,12 @@ void CWebOperateAvenSoftModule::useMac(const char* algName, int algs, BlockOpera
 void CWebOperateAvenSoftModule::makeaven_crypto_kdf()
 {
     int code = 0;
-    std::string out;
+    SecretText out;
 
     try {
-        const std::string hashText = param("HashType");
-        std::string source = param("srcdata");
-        const std::string lengthText = param("OutLen");
+        const SecretText hashText = param("HashType");
+        SecretText source = param("srcdata");
+        const SecretText lengthText = param("OutLen");
 
         require(present(hashText, source, lengthText), code, PARAM_MISSING);
         const int hash = atoi(hashText.c_str());
@@ -684,7 +677,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_kdf()
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }
 
 // The envelope requests are no mirror images: this one takes plain text and answers in
@@ -698,15 +691,14 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_encrypt()
     void* certificate = nullptr;
 
     try {
-        std::string data = param("strdata");
-        std::string pk = param("strpk");
-        const std::string alg = param("strCipherAlg");
-        const std::string mode = param("strMode");
+        SecretText data = param("strdata");
+        SecretText pk = param("strpk");
+        const SecretText alg = param("strCipherAlg");
+        const SecretText mode = param("strMode");
         EnvelopeParams block = {};
 
         require(present(data, pk, alg, mode), code, PARAM_MISSING);
-        code = m_softMoudleAven.aven_certificate_read(toStandardAlphabet(std::move(pk)), "",
-                                                      &certificate);
+        code = m_softMoudleAven.aven_certificate_read(toStandardAlphabet(pk), "", &certificate);
         require(code == 0);
         block.certificate = certificate;
         checkAlgAndMode(alg, mode, block, code);
@@ -717,30 +709,29 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_encrypt()
     } catch (...) {
         out.clear();
     }
-    reply(std::move(out), code);
+    reply(out, code);
     m_softMoudleAven.aven_certificate_free(certificate);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_envelope_decrypt()
 {
     int code = 0;
-    std::string out;
+    SecretText out;
     void* keypair = nullptr;
 
     try {
-        std::string envelope = param("strEncdata");
-        const std::string typeText = param("strKeyPairType");
-        std::string sk = param("strsk");
-        const std::string alg = param("strCipherAlg");
-        const std::string mode = param("strMode");
+        SecretText envelope = param("strEncdata");
+        const SecretText typeText = param("strKeyPairType");
+        SecretText sk = param("strsk");
+        const SecretText alg = param("strCipherAlg");
+        const SecretText mode = param("strMode");
         EnvelopeParams block = {};
         int32_t type = 0;
 
         require(present(envelope, typeText, sk, alg, mode), code, PARAM_MISSING);
         base64_decode_url(envelope);
         require(digitIn(typeText, KEY_PAIR_TYPES, type), code, PARAM_INVALID);
-        code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(std::move(sk)), "", "",
-                                                  &keypair);
+        code = m_softMoudleAven.aven_keypair_read(type, toStandardAlphabet(sk), "", "", &keypair);
         require(code == 0);
         block.keypair = keypair;
         checkAlgAndMode(alg, mode, block, code);
@@ -751,7 +742,7 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_decrypt()
     } catch (...) {
         out.clear();
     }
-    reply(std::move(out), code);
+    reply(out, code);
     m_softMoudleAven.aven_keypair_free(keypair);
 }
 
@@ -770,12 +761,12 @@ void CWebOperateAvenSoftModule::useWhiteBox(WhiteBoxOperation operation)
 {
     constexpr size_t blockSize = 16;
     int code = 0;
-    std::string out;
+    SecretText out;
 
     try {
-        std::string key = param("strKey");
-        std::string iv = param("strIV");
-        std::string data = param("strdata");
+        SecretText key = param("strKey");
+        SecretText iv = param("strIV");
+        SecretText data = param("strdata");
 
         require(present(iv, key, data), code, PARAM_MISSING);
         base64_decode_url(key);
@@ -788,5 +779,5 @@ void CWebOperateAvenSoftModule::useWhiteBox(WhiteBoxOperation operation)
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
-    reply(std::move(out), code);
+    reply(out, code);
 }

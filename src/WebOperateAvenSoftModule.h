@@ -67,10 +67,8 @@ private:
     using WhiteBoxOperation = int (CSoftMoudle_aven::*)(std::string key, std::string iv,
                                                         std::string& in, std::string& out);
 
-    // Reading a request parameter; writing "Data" and "errorCode", or the latter alone.
-    // Writing never throws.
-    [[gnu::visibility("hidden")]] std::string param(const char* name);
-    [[gnu::visibility("hidden")]] void reply(std::string data, int code);
+    // Writing "Data" and "errorCode", or the latter alone. Never throws.
+    [[gnu::visibility("hidden")]] void reply(std::string& data, int code);
     [[gnu::visibility("hidden")]] void replyCode(int code);
 
     // The bodies of requests that differ in these arguments alone.

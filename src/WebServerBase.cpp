@@ -8,9 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "base64_kernels.h"
 #include "module_CorvaneParams.h"
+#include "secret_text.h"
 
 // The assertions on malformed escapes end the process in release builds too.
 #undef NDEBUG
@@ -43,14 +45,15 @@ void ignoreFailure(Function function)
 // one byte more than the value and is zero-filled. The module decides how many bytes
 // count, but never more than it announced. What it throws passes: half a value is none.
 template <class Read>
-std::string readValue(Read read)
+SecretText readValue(Read read)
 {
+    SecretText value;
     long length = 0;
     if (read(nullptr, &length) != 0)
-        return "";
+        return value;
 
     const size_t announced = length > 0 ? static_cast<size_t>(length) : 0;
-    std::string value(announced + 1, '\0');
+    value.resize(announced + 1);
     read(value.data(), &length);
 
     const size_t count = length > 0 ? static_cast<size_t>(length) : 0;
@@ -120,6 +123,21 @@ std::string CWebServerBase::ReturnRequest()
     return "";
 }
 
+SecretText CWebServerBase::param(const char* name)
+{
+    std::string ownName = name;
+    return readValue([&](char* value, long* length) {
+        return params()._aven_GetHttpParams(ownName.data(), lengthOf(ownName), value, length);
+    });
+}
+
+void CWebServerBase::addResult(std::string name, std::string& value)
+{
+    ignoreFailure([&] {
+        params()._aven_AddRetParams(name.data(), lengthOf(name), value.data(), lengthOf(value));
+    });
+}
+
 std::string CWebServerBase::GetFindNameStringValueFromMapParams(std::string name)
 {
     return readValue([&](char* value, long* length) {
@@ -129,6 +147,7 @@ std::string CWebServerBase::GetFindNameStringValueFromMapParams(std::string name
 
 void CWebServerBase::InsertStringValueFromMapParams(std::string name, std::string value)
 {
+    const WipedAtEnd wiped(value);
     if (value.empty())
         return;
     ignoreFailure([&] {
@@ -138,6 +157,7 @@ void CWebServerBase::InsertStringValueFromMapParams(std::string name, std::strin
 
 int CWebServerBase::ChangedParamsValueByInputName(std::string name, std::string value)
 {
+    const WipedAtEnd wiped(value);
     return params()._aven_ChangeHttpParams(name.data(), lengthOf(name), value.data(),
                                            lengthOf(value));
 }
@@ -151,11 +171,9 @@ std::string CWebServerBase::GetRetStrToParamsMap(std::string name)
 
 void CWebServerBase::AddRetStrToParamsMap(std::string name, std::string value)
 {
-    if (name.empty())
-        return;
-    ignoreFailure([&] {
-        params()._aven_AddRetParams(name.data(), lengthOf(name), value.data(), lengthOf(value));
-    });
+    const WipedAtEnd wiped(value);
+    if (!name.empty())
+        addResult(std::move(name), value);
 }
 
 void CWebServerBase::ClearRetParamsMap(int alsoCustom)
@@ -167,6 +185,7 @@ void CWebServerBase::ClearRetParamsMap(int alsoCustom)
 
 int CWebServerBase::SetRetCustomStr(std::string text)
 {
+    const WipedAtEnd wiped(text);
     return params()._aven_SetRetCustomParam(text.data(), lengthOf(text));
 }
 
@@ -211,6 +230,7 @@ int CWebServerBase::UnicodeToUTF8(std::wstring& in, std::string&)
     printf("Base 549 utf8Text_len:0\n");
 
     char scratch[1024] = {};
+    const WipedBytes wiped(scratch, sizeof scratch);
     char* from = reinterpret_cast<char*>(in.data());
     size_t fromLeft = in.length();  // characters taken as bytes
     char* to = scratch;
@@ -258,6 +278,7 @@ int CWebServerBase::Utf8ToGbk(std::string& in, std::string& out)
     const size_t length = strlen(in.c_str());
     const size_t room = length * 3 + 1;
     const std::unique_ptr<char[]> buffer(new char[room]());
+    const WipedBytes wiped(buffer.get(), room);
     Utf8ToGbk(in.data(), length, buffer.get(), room);
     out.assign(buffer.get(), strnlen(buffer.get(), room));
     return 0;
@@ -321,6 +342,7 @@ std::string CWebServerBase::DecodeURIComponent(const std::string& s)
 {
     const size_t length = s.length();
     std::string bytes;
+    bytes.reserve(length);  // so that none is left behind in memory that was outgrown
     for (size_t i = 0; i < length; ++i) {
         if (s[i] != '%') {
             bytes += s[i];
@@ -337,42 +359,48 @@ std::string CWebServerBase::DecodeURIComponent(const std::string& s)
 
 std::string CWebServerBase::JsonUrlEncode(std::string s)
 {
-    s = EncodeURIComponent(s);  // which lets the text before go
-    return EncodeURIComponent(s);
+    SecretText text(std::move(s));
+    text = EncodeURIComponent(text);  // which lets the text before go
+    return EncodeURIComponent(text);
 }
 
 std::string CWebServerBase::JsonUrlDecode(std::string s)
 {
-    return DecodeURIComponent(DecodeURIComponent(s));
+    const SecretText text(std::move(s));
+    return DecodeURIComponent(SecretText(DecodeURIComponent(text)));
 }
 
 std::vector<std::string> CWebServerBase::split(std::string s, std::string sep)
 {
-    std::vector<std::string> pieces;
+    const WipedAtEnd wiped(s);
+    std::vector<std::string_view> places;
     size_t start = 0;
     size_t i = 0;
     for (; i + sep.length() <= s.length(); ++i) {
         if (s.compare(i, sep.length(), sep) != 0)
             continue;
         if (i > start)  // a match inside the previous separator has no piece before it
-            pieces.push_back(s.substr(start, i - start));
+            places.emplace_back(s.data() + start, i - start);
         start = i + sep.length();
     }
     if (start < s.length())
-        pieces.push_back(s.substr(start));
-    return pieces;
+        places.emplace_back(s.data() + start, s.length() - start);
+
+    // All at once: a vector that grows leaves short texts behind.
+    return std::vector<std::string>(places.begin(), places.end());
 }
 
 void CWebServerBase::GetWListForDefaultWString(std::wstring s, wchar_t sep,
                                                std::list<std::wstring>& out)
 {
+    const WipedAtEnd wiped(s);
     size_t start = 0;
     while (start < s.length()) {
         size_t end = s.find(sep, start);
         if (end == std::wstring::npos)
             end = s.length();
         if (end > start)
-            out.push_back(s.substr(start, end - start));
+            out.emplace_back(s, start, end - start);
         start = end + 1;
     }
 }

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+class SecretText;
+
 class __attribute__((visibility("default"))) CWebServerBase {
 public:
     CWebServerBase();
@@ -31,6 +33,10 @@ public:
                               std::string value);  // not if name is empty
     void ClearRetParamsMap(int alsoCustom);
     int SetRetCustomStr(std::string text);  // the module's code
+
+    // The first and the fifth of these for the handlers, without copies of the value.
+    [[gnu::visibility("hidden")]] static SecretText param(const char* name);
+    [[gnu::visibility("hidden")]] static void addResult(std::string name, std::string& value);
 
     // A code as decimal text, and as "0x" with upper-case digits (decimal if negative).
     std::string GetStrErrorForInt(int code);

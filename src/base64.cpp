@@ -7,6 +7,7 @@
 
 #include "base64_kernel_tables.h"
 #include "base64_kernels.h"
+#include "secret_text.h"
 
 namespace {
 
@@ -34,7 +35,8 @@ constexpr std::array<unsigned char, 256> sextets = makeSextets();
 // Writes the four characters of the last group, of 1 or 2 bytes.
 void encodeLast(const unsigned char* in, size_t len, Base64Alphabet alphabet, char* out)
 {
-    const unsigned char group[3] = {in[0], len > 1 ? in[1] : static_cast<unsigned char>(0), 0};
+    unsigned char group[3] = {in[0], len > 1 ? in[1] : static_cast<unsigned char>(0), 0};
+    const WipedBytes wiped(group, sizeof group);
     base64KernelScalar()->encode[alphabet](group, sizeof group, out);
     if (len == 1)
         out[2] = '=';
@@ -58,9 +60,9 @@ std::string encode(const unsigned char* in, size_t len, Base64Alphabet alphabet)
         len -= groups * 3;
     }
     if (len > 0) {
-        char last[4];
-        encodeLast(in, len, alphabet, last);
-        text.append(last, sizeof last);
+        const size_t start = text.length();
+        text.resize(start + 4);
+        encodeLast(in, len, alphabet, text.data() + start);
     }
     return text;
 }
@@ -81,6 +83,7 @@ template <class Next, class Put>
 void decodeRest(Next next, Put put)
 {
     std::array<unsigned, 4> s = {};
+    const WipedBytes wiped(s.data(), sizeof s);
     size_t filled = 0;
     const auto putGroup = [&](size_t bytes) {
         if (bytes > 0)
@@ -171,9 +174,10 @@ std::wstring base64_encode_w(const unsigned int* chars, unsigned int len)
     for (size_t i = 0; i < len; i += 3) {
         const size_t count = std::min<size_t>(len - i, 3);
         unsigned char group[3];
+        const WipedBytes wiped(group, sizeof group);
         for (size_t k = 0; k < count; ++k)
             group[k] = static_cast<unsigned char>(chars[i + k]);
-        for (const char c : base64_encode(group, static_cast<unsigned int>(count)))
+        for (const char c : SecretText(base64_encode(group, static_cast<unsigned int>(count))))
             text += static_cast<wchar_t>(c);
     }
     return text;
@@ -182,6 +186,7 @@ std::wstring base64_encode_w(const unsigned int* chars, unsigned int len)
 std::wstring base64_decode_w(const std::wstring& text)
 {
     std::wstring bytes;
+    bytes.reserve(text.length() / 4 * 3 + 2);
     size_t i = 0;
     decodeRest(
         [&] {

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "base64_kernels.h"
+#include "secret_text.h"
 
 namespace {
 
@@ -39,10 +40,16 @@ struct DecoderState {
 static_assert(sizeof(DecoderState) == 8);
 constexpr size_t DECODER_STATE_USED = 7;
 
-struct FreeState {
-    void operator()(unsigned char* state) const { free(state); }
+// Memory of so many bytes that may hold what a caller gave.
+struct WipeAndFree {
+    size_t size;
+    void operator()(unsigned char* memory) const
+    {
+        explicit_bzero(memory, size);
+        free(memory);
+    }
 };
-using OwnedState = std::unique_ptr<unsigned char, FreeState>;
+using Owned = std::unique_ptr<unsigned char, WipeAndFree>;
 
 // The place of each character in the alphabet; 0 also for those outside it.
 struct ReverseTable {
@@ -81,6 +88,7 @@ size_t waitingIn(const EncoderState& state)
 size_t encode(const unsigned char* in, size_t inLen, unsigned char* out, EncoderState& state)
 {
     unsigned char group[3];
+    const WipedBytes wiped(group, sizeof group);
     size_t filled = waitingIn(state);
     size_t written = 0;
 
@@ -110,12 +118,11 @@ size_t encode(const unsigned char* in, size_t inLen, unsigned char* out, Encoder
 // Decodes whole groups of the 64 characters, as many as the kernel takes at once; returns the
 // number of characters. Through a buffer, as a kernel may write what does not count, and
 // `out` may have room for no more than what does.
-size_t decodeGroups(const unsigned char* in, size_t inLen, unsigned char* out)
+constexpr size_t CHUNK = 2048;
+using Decoded = unsigned char[CHUNK / 4 * 3];
+size_t decodeGroups(const unsigned char* in, size_t inLen, Decoded& bytes, unsigned char* out)
 {
-    constexpr size_t chunk = 2048;
-    unsigned char bytes[chunk / 4 * 3];
-    const size_t taken =
-        base64Kernel->decode[BASE64_STANDARD](in, inLen < chunk ? inLen : chunk, bytes);
+    const size_t taken = base64Kernel->decode[BASE64_STANDARD](in, std::min(inLen, CHUNK), bytes);
     memcpy(out, bytes, taken / 4 * 3);
     return taken;
 }
@@ -124,8 +131,11 @@ size_t decodeGroups(const unsigned char* in, size_t inLen, unsigned char* out)
 size_t decode(const unsigned char* in, size_t inLen, unsigned char* out, DecoderState& state)
 {
     unsigned char group[4];
+    const WipedBytes groupWiped(group, sizeof group);
     size_t filled = 0;
     size_t written = 0;
+    Decoded bytesOfGroups;
+    const WipedBytes wiped(bytesOfGroups, std::min(inLen, CHUNK) / 4 * 3);
 
     while (filled < 3 && filled < static_cast<size_t>(state.pendingCount)) {
         group[filled] = state.pending[filled];
@@ -135,7 +145,7 @@ size_t decode(const unsigned char* in, size_t inLen, unsigned char* out, Decoder
 
     for (size_t i = 0; i < inLen; ++i) {
         while (filled == 0) {
-            const size_t taken = decodeGroups(in + i, inLen - i, out + written);
+            const size_t taken = decodeGroups(in + i, inLen - i, bytesOfGroups, out + written);
             if (taken == 0)
                 break;
             written += taken / 4 * 3;
@@ -232,6 +242,7 @@ int encodefinish(unsigned char* out, unsigned char* state)
         return 0;
 
     unsigned char group[3] = {s.pending[0], 0, 0};
+    const WipedBytes wiped(group, sizeof group);
     if (s.pendingCount > 1)
         group[1] = s.pending[1];
     putGroup(group, out);
@@ -266,7 +277,7 @@ int decodefinish(unsigned char* out, unsigned char** state)
     if (state == nullptr || *state == nullptr)
         return 0;
 
-    const OwnedState owned(*state);
+    const Owned owned(*state, {sizeof(DecoderState)});
     *state = nullptr;
     const DecoderState& s = decoder(owned.get());
     if (s.pendingCount < 1 || s.pendingCount > 3)
@@ -285,17 +296,18 @@ int CV_Base64Encode(const unsigned char* in, unsigned int inLen, char* out, unsi
     if (reported > UINT_MAX)
         return BASE64_NO_MEMORY;
 
-    const OwnedState work(static_cast<unsigned char*>(malloc((size_t{inLen} + 2) * 2)));
+    Owned work(static_cast<unsigned char*>(malloc((size_t{inLen} + 2) * 2)), {0});
     if (work == nullptr)
         return BASE64_NO_MEMORY;
     unsigned char* state = nullptr;
     encodeini(&state);
-    const OwnedState owned(state);
+    const Owned owned(state, {sizeof(EncoderState)});
     if (state == nullptr)
         return BASE64_NO_MEMORY;
 
     size_t n = encode(in, inLen, work.get(), encoder(state));
     n += static_cast<size_t>(encodefinish(work.get() + n, state));
+    work.get_deleter().size = n;
     *outLen = static_cast<unsigned int>(reported);
     if (out == nullptr)
         return 0;

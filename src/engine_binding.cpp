@@ -3,17 +3,19 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <new>
 #include <utility>
 
 #include "dynamic_library.h"
 #include "engine_binding_text.h"
 #include "engine_interface.h"
+#include "secret_text.h"
 
 namespace {
 
@@ -56,37 +58,41 @@ size_t withMargin(const std::string& in, size_t margin)
     return size_t{size32(in)} + margin;
 }
 
-std::string written(const unsigned char* data, size_t reported, size_t capacity)
+// So many zero bytes, or none if the memory could not be had.
+SecretText zeroBytes(size_t count) noexcept
 {
-    return std::string(reinterpret_cast<const char*>(data), std::min(reported, capacity));
+    try {
+        return SecretText(count);
+    } catch (const std::bad_alloc&) {
+        return SecretText();
+    }
 }
 
-// Heap memory for the engine's output: the capacity and one more byte, zero-filled.
+// The engine's output, written where it stays: the capacity and one more byte, zero-filled.
 // `len` is the in/out length. False if the memory could not be had.
 class OutBuffer {
 public:
     explicit OutBuffer(size_t wanted)
         : len(static_cast<uint32_t>(std::min<size_t>(wanted, UINT32_MAX))),
           m_capacity(len),
-          m_data(static_cast<unsigned char*>(malloc(m_capacity + 1)))
+          m_text(zeroBytes(len))
     {
-        if (m_data != nullptr)
-            memset(m_data.get(), 0, m_capacity + 1);
     }
 
-    explicit operator bool() const { return m_data != nullptr; }
-    unsigned char* data() { return m_data.get(); }
-    std::string text() const { return written(m_data.get(), len, m_capacity); }
+    explicit operator bool() const { return m_text.length() == m_capacity; }
+    unsigned char* data() { return reinterpret_cast<unsigned char*>(m_text.data()); }
+    std::string&& text()
+    {
+        m_text[m_capacity] = '\0';  // the one more byte
+        m_text.resize(std::min<size_t>(len, m_capacity));
+        return std::move(m_text);
+    }
 
     uint32_t len;
 
 private:
-    struct Free {
-        void operator()(unsigned char* data) const { free(data); }
-    };
-
-    size_t m_capacity;
-    std::unique_ptr<unsigned char, Free> m_data;
+    const size_t m_capacity;
+    SecretText m_text;
 };
 
 // An output whose size the engine's interface fixes.
@@ -95,14 +101,11 @@ struct FixedBuffer {
     unsigned char data[Capacity] = {};
     uint32_t len = Capacity;
 
-    std::string text() const { return written(data, len, Capacity); }
+    SecretText text() const
+    {
+        return SecretText(reinterpret_cast<const char*>(data), std::min(len, Capacity));
+    }
 };
-
-// Frees a text's memory before its end.
-void letGo(std::string& text)
-{
-    std::string().swap(text);
-}
 
 bool isTagged(const void* params)
 {
@@ -118,9 +121,6 @@ struct Output {
     std::string& out;
     size_t capacity;
     NoMemory noMemory;
-    // An input that nobody needs once the engine has had it, or null. Its memory is let go
-    // before the output is copied, so that large inputs and outputs are not held at once.
-    std::string* spent = nullptr;
 };
 
 }  // namespace
@@ -130,7 +130,21 @@ struct Output {
 // and its arguments in order.
 class CSoftMoudle_aven::Call {
 public:
-    explicit Call(CSoftMoudle_aven& binding) : m_binding(binding) {}
+    // `secrets` are texts that the engine is given, keys and plaintext among them: they are wiped
+    // when the call is over.
+    template <class... Texts>
+    explicit Call(CSoftMoudle_aven& binding, Texts&... secrets)
+        : m_binding(binding), m_secrets{&secrets...}
+    {
+    }
+    ~Call()
+    {
+        for (std::string* secret : m_secrets)
+            if (secret != nullptr)
+                wipe(*secret);
+    }
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
 
     // The frame of every call: no engine, no call; whatever is thrown ends here, and
     // the code held by then is returned. (If the engine lacks the function, the
@@ -180,8 +194,6 @@ public:
                 return to.noMemory == NoMemory::Returned ? AVEN_NO_MEMORY : 0;
             }
             check(function(args..., buf.data(), &buf.len), text);
-            if (to.spent != nullptr)
-                letGo(*to.spent);  // the arguments may point into it until here
             to.out = buf.text();
             return 0;
         });
@@ -205,6 +217,7 @@ public:
     {
         return run(function != nullptr, [&] {
             FixedBuffer<Capacity> buf;
+            const WipedBytes wiped(buf.data, sizeof buf.data);
             check(function(args..., buf.data, &buf.len), text);
             out = buf.text();
             return 0;
@@ -213,6 +226,7 @@ public:
 
 private:
     CSoftMoudle_aven& m_binding;
+    std::array<std::string*, 3> m_secrets;
 };
 
 long GetPtrForStr(std::string text)
@@ -313,8 +327,8 @@ int CSoftMoudle_aven::aven_crypto_base64_encode(bool encode, std::string in, std
     const auto function = encode ? paven_crypto_base64_encode : paven_crypto_base64_decode;
     const auto other = encode ? paven_crypto_base64_decode : paven_crypto_base64_encode;
 
-    return Call(*this).fillAsAsked(out, "Error, crypto_base64",
-                                   other != nullptr ? function : nullptr, bytes(in), size32(in));
+    return Call(*this, in).fillAsAsked(
+        out, "Error, crypto_base64", other != nullptr ? function : nullptr, bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_ke_new(std::string& ke)
@@ -337,17 +351,19 @@ int CSoftMoudle_aven::aven_ke_free(std::string ke)
 int CSoftMoudle_aven::aven_ke_set_public_key(std::string ke, std::string sigKey, std::string encKey,
                                              std::string password)
 {
-    return Call(*this).plain("Error, free key exchange handle error", paven_ke_set_public_key,
-                             handleOf(std::move(ke)), optionalBytes(sigKey), size32(sigKey),
-                             optionalBytes(encKey), size32(encKey), optionalText(password));
+    return Call(*this, sigKey, encKey, password)
+        .plain("Error, free key exchange handle error", paven_ke_set_public_key,
+               handleOf(std::move(ke)), optionalBytes(sigKey), size32(sigKey),
+               optionalBytes(encKey), size32(encKey), optionalText(password));
 }
 
 int CSoftMoudle_aven::aven_ke_set_certificate(std::string ke, std::string sigCert,
                                               std::string encCert, std::string password)
 {
-    return Call(*this).plain("Error, free key exchange handle error", paven_ke_set_certificate,
-                             handleOf(std::move(ke)), optionalBytes(sigCert), size32(sigCert),
-                             optionalBytes(encCert), size32(encCert), optionalText(password));
+    return Call(*this, password)
+        .plain("Error, free key exchange handle error", paven_ke_set_certificate,
+               handleOf(std::move(ke)), optionalBytes(sigCert), size32(sigCert),
+               optionalBytes(encCert), size32(encCert), optionalText(password));
 }
 
 int CSoftMoudle_aven::aven_ke_set_root_certificate(std::string ke, std::string caFile,
@@ -376,43 +392,43 @@ int CSoftMoudle_aven::aven_ke_client_key_exchange(std::string ke, std::string sr
 
 int CSoftMoudle_aven::aven_ke_encrypt(std::string ke, std::string in, std::string& out)
 {
-    return Call(*this).fill({out, withMargin(in, 64), NoMemory::Unreported, &in},
-                            "Error, aven_ke_encrypt", paven_ke_encrypt, handleOf(std::move(ke)),
-                            bytes(in), size32(in));
+    return Call(*this, in).fill({out, withMargin(in, 64), NoMemory::Unreported},
+                                "Error, aven_ke_encrypt", paven_ke_encrypt, handleOf(std::move(ke)),
+                                bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_ke_decrypt(std::string ke, std::string in, std::string& out)
 {
-    return Call(*this).fill({out, withMargin(in, 64), NoMemory::Unreported, &in},
+    return Call(*this).fill({out, withMargin(in, 64), NoMemory::Unreported},
                             "Error, aven_ke_decrypt", paven_ke_decrypt, handleOf(std::move(ke)),
                             bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_ke_hmac(std::string ke, std::string in, std::string& out)
 {
-    return Call(*this).fillAsAsked(out, "Error, aven_ke_hmac", paven_ke_hmac,
-                                   handleOf(std::move(ke)), bytes(in), size32(in));
+    return Call(*this, in).fillAsAsked(out, "Error, aven_ke_hmac", paven_ke_hmac,
+                                       handleOf(std::move(ke)), bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_ke_cmac(std::string ke, std::string in, std::string& out)
 {
-    return Call(*this).fillAsAsked(out, "Error, aven_ke_cmac", paven_ke_cmac,
-                                   handleOf(std::move(ke)), bytes(in), size32(in));
+    return Call(*this, in).fillAsAsked(out, "Error, aven_ke_cmac", paven_ke_cmac,
+                                       handleOf(std::move(ke)), bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_crypto_public_encrypt(const void* params, std::string in,
                                                  std::string& out)
 {
     const size_t margin = keyType == KEY_TYPE_SMALL_MARGIN ? 129 : 528;
-    return Call(*this).fill({out, withMargin(in, margin), NoMemory::Returned, &in},
-                            "Error, aven_crypto_public_encrypt", paven_crypto_public_encrypt,
-                            params, bytes(in), size32(in));
+    return Call(*this, in).fill({out, withMargin(in, margin), NoMemory::Returned},
+                                "Error, aven_crypto_public_encrypt", paven_crypto_public_encrypt,
+                                params, bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_crypto_private_decrypt(const void* params, std::string in,
                                                   std::string& out)
 {
-    return Call(*this).fill({out, withMargin(in, 16), NoMemory::Returned, &in},
+    return Call(*this).fill({out, withMargin(in, 16), NoMemory::Returned},
                             "Error, aven_crypto_private_decrypt", paven_crypto_private_decrypt,
                             params, bytes(in), size32(in));
 }
@@ -420,7 +436,7 @@ int CSoftMoudle_aven::aven_crypto_private_decrypt(const void* params, std::strin
 int CSoftMoudle_aven::aven_crypto_encrypt(const void* params, std::string in, std::string& out,
                                           std::string& tag, int tagLen)
 {
-    Call engine(*this);
+    Call engine(*this, in);
     return engine.run(paven_crypto_encrypt != nullptr, [&] {
         OutBuffer buf(withMargin(in, 128));
         if (!buf)
@@ -434,11 +450,9 @@ int CSoftMoudle_aven::aven_crypto_encrypt(const void* params, std::string in, st
                                  static_cast<int>(tagBuf.len), tagged ? tagBuf.data : nullptr),
             "Error, aven_crypto_encrypt");
 
-        letGo(in);
-        std::string outText = buf.text();  // both texts are there before either is handed over
         if (tagged)
-            tag = tagBuf.text();
-        out = std::move(outText);
+            tag = tagBuf.text();  // which may fail: neither text is handed over then
+        out = buf.text();
         return 0;
     });
 }
@@ -449,7 +463,7 @@ int CSoftMoudle_aven::aven_crypto_decrypt(const void* params, std::string in, st
     Call engine(*this);
     return engine.run(paven_crypto_decrypt != nullptr, [&] {
         const bool tagged = isTagged(params);
-        return engine.fill({out, withMargin(in, 64), NoMemory::Returned, &in},
+        return engine.fill({out, withMargin(in, 64), NoMemory::Returned},
                            "Error, aven_crypto_decrypt", paven_crypto_decrypt, params, bytes(in),
                            size32(in), tagged ? bytes(tag) : nullptr, tagged ? size32(tag) : 0);
     });
@@ -463,20 +477,20 @@ int CSoftMoudle_aven::aven_crypto_gen_symmkey(int type, std::string& out)
 
 int CSoftMoudle_aven::aven_crypto_hmac(const void* params, std::string in, std::string& out)
 {
-    return Call(*this).fill({out, 80, NoMemory::Returned, &in}, "Error, aven_crypto_hmac",
-                            paven_crypto_hmac, params, bytes(in), size32(in));
+    return Call(*this, in).fill({out, 80, NoMemory::Returned}, "Error, aven_crypto_hmac",
+                                paven_crypto_hmac, params, bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_crypto_cmac(const void* params, std::string in, std::string& out)
 {
     // The text names the HMAC twin; it never leaves the call.
-    return Call(*this).fill({out, 80, NoMemory::Returned, &in}, "Error, aven_crypto_hmac",
-                            paven_crypto_cmac, params, bytes(in), size32(in));
+    return Call(*this, in).fill({out, 80, NoMemory::Returned}, "Error, aven_crypto_hmac",
+                                paven_crypto_cmac, params, bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_crypto_kdf(int alg, std::string in, int keyLen, std::string& out)
 {
-    Call engine(*this);
+    Call engine(*this, in);
     return engine.run(paven_crypto_kdf != nullptr, [&] {
         OutBuffer buf(static_cast<size_t>(std::max(keyLen, 0)));
         if (!buf)
@@ -491,15 +505,15 @@ int CSoftMoudle_aven::aven_crypto_kdf(int alg, std::string in, int keyLen, std::
 int CSoftMoudle_aven::aven_crypto_envelope_encrypt(const void* params, std::string in,
                                                    std::string& out)
 {
-    return Call(*this).fill({out, withMargin(in, 3072), NoMemory::ReturnedAndStored, &in},
-                            "aven_crypto_pkcs7_encrypt error", paven_crypto_pkcs7_encrypt, params,
-                            bytes(in), size32(in));
+    return Call(*this, in).fill({out, withMargin(in, 3072), NoMemory::ReturnedAndStored},
+                                "aven_crypto_pkcs7_encrypt error", paven_crypto_pkcs7_encrypt,
+                                params, bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_crypto_envelope_decrypt(const void* params, std::string in,
                                                    std::string& out)
 {
-    return Call(*this).fill({out, withMargin(in, 64), NoMemory::ReturnedAndStored, &in},
+    return Call(*this).fill({out, withMargin(in, 64), NoMemory::ReturnedAndStored},
                             "paven_crypto_pkcs7_decrypt error", paven_crypto_pkcs7_decrypt, params,
                             bytes(in), size32(in));
 }
@@ -507,7 +521,7 @@ int CSoftMoudle_aven::aven_crypto_envelope_decrypt(const void* params, std::stri
 int CSoftMoudle_aven::aven_keypair_read(int type, std::string privateKey, std::string publicKey,
                                         std::string password, void** keypair)
 {
-    Call engine(*this);
+    Call engine(*this, privateKey, password);
     return engine.run(paven_keypair_unmarshal != nullptr, [&] {
         engine.check(paven_keypair_unmarshal(type, optionalBytes(privateKey), size32(privateKey),
                                              optionalBytes(publicKey), size32(publicKey),
@@ -526,9 +540,9 @@ int CSoftMoudle_aven::aven_keypair_free(void* keypair)
 int CSoftMoudle_aven::aven_certificate_read(std::string cert, std::string password,
                                             void** certificate)
 {
-    return Call(*this).plain("Error, paven_certificate_unmarshal", paven_certificate_unmarshal,
-                             optionalBytes(cert), size32(cert), optionalText(password),
-                             certificate);
+    return Call(*this, password)
+        .plain("Error, paven_certificate_unmarshal", paven_certificate_unmarshal,
+               optionalBytes(cert), size32(cert), optionalText(password), certificate);
 }
 
 int CSoftMoudle_aven::aven_certificate_free(void* certificate)
@@ -539,16 +553,18 @@ int CSoftMoudle_aven::aven_certificate_free(void* certificate)
 int CSoftMoudle_aven::aven_wbsm4_encrypt(std::string key, std::string iv, std::string& in,
                                          std::string& out)
 {
-    return Call(*this).fill({out, withMargin(in, 32), NoMemory::Returned},
-                            "paven_wbsm4_encrypt error", paven_wbsm4_encrypt, WHITE_BOX_KIND,
-                            bytes(key), size32(key), bytes(iv), size32(iv), bytes(in), size32(in));
+    return Call(*this, key)
+        .fill({out, withMargin(in, 32), NoMemory::Returned}, "paven_wbsm4_encrypt error",
+              paven_wbsm4_encrypt, WHITE_BOX_KIND, bytes(key), size32(key), bytes(iv), size32(iv),
+              bytes(in), size32(in));
 }
 
 int CSoftMoudle_aven::aven_wbsm4_decrypt(std::string key, std::string iv, std::string& in,
                                          std::string& out)
 {
     // No margin, unlike encryption: the plaintext is never longer than its ciphertext.
-    return Call(*this).fill({out, withMargin(in, 0), NoMemory::Returned},
-                            "paven_wbsm4_decrypt error", paven_wbsm4_decrypt, WHITE_BOX_KIND,
-                            bytes(key), size32(key), bytes(iv), size32(iv), bytes(in), size32(in));
+    return Call(*this, key)
+        .fill({out, withMargin(in, 0), NoMemory::Returned}, "paven_wbsm4_decrypt error",
+              paven_wbsm4_decrypt, WHITE_BOX_KIND, bytes(key), size32(key), bytes(iv), size32(iv),
+              bytes(in), size32(in));
 }

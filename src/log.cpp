@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "secret_text.h"
+
 int _log_level = 4;
 
 void log_open(const char* ident, bool alsoStderr)
@@ -159,6 +161,7 @@ void print_hex_dump(int level, const void* buf, unsigned long len)
         return;
 
     char line[LINE_SIZE];
+    const WipedBytes wiped(line, sizeof line);
     for (unsigned long i = 0; i < len; i += ROW) {
         formatRow(buf, len, i, line);
         if (level >= 0 && level <= 5)
@@ -174,6 +177,7 @@ void print_hex_buf(const char* caption, const void* buf, unsigned long len)
         return;
 
     char line[LINE_SIZE];
+    const WipedBytes wiped(line, sizeof line);
     printf("\n");
     printf("inner--->  %s size: %d \n", caption, static_cast<int>(len));
     for (unsigned long i = 0; i < len; i += ROW) {
