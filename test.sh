@@ -68,8 +68,9 @@ build_preset() {
     configure "build/$1" --preset "$1" && build_targets "build/$1" "${@:2}"
 }
 
+# Twice as many programs at once as there are processors: many wait, for servers and for each other.
 run_ctest() {
-    ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j "$(nproc)" "${@:2}"
+    ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j $((2 * $(nproc))) "${@:2}"
 }
 
 # Builds a preset and runs all of its tests, or those that ctest's options behind it choose.
