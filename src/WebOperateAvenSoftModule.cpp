@@ -473,14 +473,14 @@ void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperatio
 
 void CWebOperateAvenSoftModule::makeaven_crypto_public_encrypt()
 {
-    usePublicKey([this](KeyTexts& key) { key.pk = param("strpk"); },
+    usePublicKey([](KeyTexts& key) { key.pk = param("strpk"); },
                  &CSoftMoudle_aven::aven_crypto_public_encrypt);
 }
 
 void CWebOperateAvenSoftModule::makeaven_crypto_private_decrypt()
 {
     usePublicKey(
-        [this](KeyTexts& key) {
+        [](KeyTexts& key) {
             key.sk = param("strsk");
             key.password = param("strPassword");
         },
