@@ -95,7 +95,7 @@ Sample take(const Comparison& comparison, Random& random)
 
 }  // namespace
 
-void select(unsigned kind, const std::string& first, const std::string& second, unsigned char* out)
+void select(unsigned kind, std::string_view first, std::string_view second, unsigned char* out)
 {
     const unsigned char mask = static_cast<unsigned char>(0U - kind);
     for (size_t i = 0; i < first.size(); ++i)

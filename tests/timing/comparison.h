@@ -6,6 +6,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace timing {
@@ -13,7 +14,7 @@ namespace timing {
 using Random = std::mt19937_64;
 
 // Copies one of two texts of the same size, by reading and writing alike for either kind.
-void select(unsigned kind, const std::string& first, const std::string& second, unsigned char* out);
+void select(unsigned kind, std::string_view first, std::string_view second, unsigned char* out);
 
 // Inputs of both kinds, all of one size: many, as with ciphers that look things up in tables the
 // time depends a little on each one, and a few would differ by that. The one that is chosen is put

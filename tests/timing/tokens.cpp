@@ -71,14 +71,15 @@ void addToken(std::vector<Comparison>& all, const std::shared_ptr<Tokens>& token
 // Tokens of live sessions, altered anew for each call: where a token lies in the table depends on
 // all of its characters, so that a few fixed ones would differ by their places.
 struct LiveSessions {
+    using Token = decltype(makeSessionToken(""));
     static constexpr size_t ALTERED = 4;
     Sessions sessions{1, 1024};
-    std::vector<std::string> tokens;
-    std::string shown;
+    std::vector<Token> tokens;
+    Token shown;
 
-    LiveSessions()
+    explicit LiveSessions(size_t count)
     {
-        while (tokens.size() < 1000) {
+        while (tokens.size() < count) {
             tokens.push_back(makeSessionToken(""));
             sessions.reserve({})->add(tokens.back());
         }
@@ -86,17 +87,32 @@ struct LiveSessions {
 
     void choose(unsigned kind, Random& random)
     {
-        const std::string& token = tokens[random() % tokens.size()];
-        std::string altered[2] = {token, token};
+        const Token& token = tokens[random() % tokens.size()];
+        Token altered[2] = {token, token};
         const size_t start = token.find('_') + 1;
         for (size_t i = 0; i < ALTERED; ++i) {
             for (char* letter : {&altered[0][start + i], &altered[1][token.size() - 1 - i]})
                 *letter = otherLetter(*letter, random);
         }
         shown.resize(token.size());
-        select(kind, altered[0], altered[1], bytes(shown));
+        select(kind, altered[0], altered[1], reinterpret_cast<unsigned char*>(shown.data()));
     }
 };
+
+// A table may look at a few in turn, and for many go by their places.
+void addSessions(std::vector<Comparison>& all, const char* what, size_t count)
+{
+    const auto live = std::make_shared<LiveSessions>(count);
+    Comparison lookup;
+    lookup.what = what;
+    lookup.kinds = "first four characters wrong or last";
+    lookup.cost = Cost::Microseconds;
+    lookup.mustLeak = false;
+    lookup.choose = [live](unsigned kind, Random& random) { live->choose(kind, random); };
+    lookup.work = [live] { return live->sessions.find(live->shown) != nullptr ? 1 : 0; };
+    lookup.expected = 0;
+    all.push_back(lookup);
+}
 
 }  // namespace
 
@@ -131,16 +147,8 @@ void addTokens(std::vector<Comparison>& all, Random& random)
     addToken(all, tokens, "right, of one file or the other", 1,
              [&](unsigned kind) { return kind == 0 ? tokens->first : tokens->second; });
 
-    const auto live = std::make_shared<LiveSessions>();
-    Comparison lookup;
-    lookup.what = "token of a session";
-    lookup.kinds = "first four characters wrong or last";
-    lookup.cost = Cost::Microseconds;
-    lookup.mustLeak = false;
-    lookup.choose = [live](unsigned kind, Random& from) { live->choose(kind, from); };
-    lookup.work = [live] { return live->sessions.find(live->shown) != nullptr ? 1 : 0; };
-    lookup.expected = 0;
-    all.push_back(lookup);
+    addSessions(all, "token of one of 8 sessions", 8);
+    addSessions(all, "token of one of 1000 sessions", 1000);
 }
 
 }  // namespace timing
