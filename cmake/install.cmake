@@ -60,7 +60,7 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/corvane.pc DESTINATION ${PKGCONFIG_DIR
 
 # ---- Documents, in the folders that their links name.
 
-install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc
   PATTERN man EXCLUDE PATTERN build EXCLUDE)
 install(DIRECTORY packaging/haproxy packaging/kubernetes packaging/nginx packaging/prometheus
