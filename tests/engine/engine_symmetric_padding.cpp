@@ -87,7 +87,7 @@ TEST_F(Pkcs7, OneWrongBitAnywhereInThePaddingIsFound)
 
 TEST_F(Pkcs7, BytesBehindTheTextStayTheCallers)
 {
-    for (size_t count : {1, 5, 16}) {
+    for (size_t count : {size_t{1}, size_t{5}, size_t{16}}) {
         const Job job = jobFor(ciphers[0], AVEN_MODE_CBC, AVEN_PADDING_PKCS7);
         const std::string plain = pattern(32 - count);
         const std::string sealed = encrypt(job, plain).out;
