@@ -97,7 +97,7 @@ void readDisposition(std::string_view value, Field& field)
     const auto name = headerParameter(value, "name");
     if (!name || !equalIgnoringCase(withoutParameters(value), "form-data"))
         throw Refusal(Reason::part_without_field);
-    field.name = *name;
+    field.name = SecretText(*name);
     // The other spelling is for names that are not ASCII.
     const bool isFile = headerParameter(value, "filename").has_value();
     if (headerParameter(value, "filename*").has_value() || isFile)

@@ -1,81 +1,116 @@
 #include "json_tree.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 #include "common/codec.h"
+#include "json_tokens.h"
 #include "refusal.h"
 
 namespace {
 
 constexpr size_t longestName = 128;
 
-// Builds the tree from the parser's events. What it throws passes through the parser.
-class Builder : public nlohmann::json_sax<nlohmann::json> {
+class TreeReader {
 public:
-    explicit Builder(const JsonLimits& limits) : m_limits(limits) {}
+    TreeReader(std::string& text, const JsonLimits& limits) : m_tokens(text), m_limits(limits) {}
 
-    JsonNode take() { return std::move(m_root); }
+    JsonNode read()
+    {
+        next();
+        readValue({});
+        next();
+        expect(JsonTokens::End);
+        return std::move(m_root);
+    }
 
-    bool null() override { return add(JsonNode::Other, ""); }
-    bool boolean(bool /*value*/) override { return add(JsonNode::Other, ""); }
-    bool number_integer(number_integer_t value) override
+private:
+    void next() { m_token = m_tokens.next(); }
+    void expect(JsonTokens::Kind token) const
     {
-        return add(JsonNode::Integer, std::to_string(value));
+        if (m_token != token)
+            throw Refusal(Reason::not_json, where(),
+                          {{"position", std::to_string(m_tokens.position())}});
     }
-    bool number_unsigned(number_unsigned_t value) override
+
+    // The one that begins with the last token.
+    void readValue(std::string_view name)
     {
-        return add(JsonNode::Integer, std::to_string(value));
+        switch (m_token) {
+            case JsonTokens::BeginObject:
+                open(JsonNode::Object, name);
+                return readMembers();
+            case JsonTokens::BeginArray:
+                open(JsonNode::Array, name);
+                return readItems();
+            case JsonTokens::Integer:
+                place(name, {JsonNode::Integer, m_tokens.text(), {}});
+                return;
+            case JsonTokens::Number:
+            case JsonTokens::Word:
+                place(name, {});
+                return;
+            case JsonTokens::TooLarge:
+                throw Refusal(Reason::number_too_large, where());
+            default:
+                expect(JsonTokens::Text);
+                place(name, {JsonNode::Text, m_tokens.text(), {}});
+        }
     }
-    bool number_float(number_float_t /*value*/, const string_t& /*text*/) override
+
+    // Of the innermost object, whose brace has been taken.
+    void readMembers()
     {
-        return add(JsonNode::Other, "");
+        next();
+        if (m_token != JsonTokens::EndObject)
+            for (;;) {
+                const std::string_view name = readName();
+                next();
+                expect(JsonTokens::Colon);
+                next();
+                readValue(name);
+                next();
+                if (m_token != JsonTokens::Comma)
+                    break;
+                next();
+            }
+        expect(JsonTokens::EndObject);
+        m_path.pop_back();
     }
-    bool binary(binary_t& /*value*/) override { return false; }
-    bool string(string_t& value) override
+
+    std::string_view readName() const
     {
-        add(JsonNode::Text, value);
-        wipe(value);
-        return true;
-    }
-    bool start_object(size_t /*size*/) override { return open(JsonNode::Object); }
-    bool start_array(size_t /*size*/) override { return open(JsonNode::Array); }
-    bool end_object() override { return close(); }
-    bool end_array() override { return close(); }
-    bool key(string_t& name) override
-    {
+        expect(JsonTokens::Text);
+        const std::string_view name = m_tokens.text();
         if (!isName(name))
             throw Refusal(Reason::bad_name, where());
         const JsonNode& object = *m_path.back();
         if (object.find(name) != nullptr)
-            throw Refusal(Reason::name_twice, memberOf(where(), name), {{"name", name}});
+            throw Refusal(Reason::name_twice, memberOf(where(), name),
+                          {{"name", std::string(name)}});
         if (object.members.size() >= m_limits.members)
             throw Refusal(Reason::too_many_members, where(),
                           {{"most", std::to_string(m_limits.members)}});
-        m_key = name;
-        return true;
-    }
-    // The parser's message quotes what it read.
-    bool parse_error(size_t position, const std::string& /*token*/,
-                     const nlohmann::detail::exception& error) override
-    {
-        constexpr int numberOutOfRange = 406;
-        if (error.id == numberOutOfRange)
-            throw Refusal(Reason::number_too_large, where());
-        throw Refusal(Reason::not_json, where(), {{"position", std::to_string(position)}});
+        return name;
     }
 
-private:
-    bool add(JsonNode::Kind kind, const std::string& text)
+    // Of the innermost array, whose bracket has been taken.
+    void readItems()
     {
-        JsonNode node;
-        node.kind = kind;
-        node.text = text;
-        place(std::move(node));
-        return true;
+        next();
+        if (m_token != JsonTokens::EndArray)
+            for (;;) {
+                readValue({});
+                next();
+                if (m_token != JsonTokens::Comma)
+                    break;
+                next();
+            }
+        expect(JsonTokens::EndArray);
+        m_path.pop_back();
     }
 
-    JsonNode& place(JsonNode node)
+    // In the innermost object or array, if there is one.
+    JsonNode& place(std::string_view name, JsonNode node)
     {
         if (m_path.empty())
             return m_root = std::move(node);
@@ -83,25 +118,15 @@ private:
         if (parent.kind == JsonNode::Array && parent.members.size() >= m_limits.items)
             throw Refusal(Reason::too_many_items, where(),
                           {{"most", std::to_string(m_limits.items)}});
-        return parent.members.emplace_back(m_key, std::move(node)).second;
-    }
-
-    bool open(JsonNode::Kind kind)
-    {
-        if (m_path.size() >= m_limits.depth)
-            throw Refusal(Reason::too_deep, where());
-        JsonNode node;
-        node.kind = kind;
-        m_path.push_back(&place(std::move(node)));
-        m_key.clear();
-        return true;
+        return parent.members.emplace_back(name, std::move(node)).second;
     }
 
     // Nothing is added to a node's parent while the node is open, so pointers stay good.
-    bool close()
+    void open(JsonNode::Kind kind, std::string_view name)
     {
-        m_path.pop_back();
-        return true;
+        if (m_path.size() >= m_limits.depth)
+            throw Refusal(Reason::too_deep, where());
+        m_path.push_back(&place(name, {kind, {}, {}}));
     }
 
     // Of the innermost object or array.
@@ -115,36 +140,35 @@ private:
         return place;
     }
 
+    JsonTokens m_tokens;
+    JsonTokens::Kind m_token = JsonTokens::End;
     const JsonLimits& m_limits;
     JsonNode m_root;
-    std::vector<JsonNode*> m_path;
-    std::string m_key;
+    std::vector<JsonNode*> m_path;  // the open ones, from the root on
 };
 
 }  // namespace
 
-const JsonNode* JsonNode::find(const std::string& name) const
+const JsonNode* JsonNode::find(std::string_view name) const
 {
     const auto found = std::find_if(members.begin(), members.end(),
                                     [&](const auto& member) { return member.first == name; });
     return found == members.end() ? nullptr : &found->second;
 }
 
-JsonNode readJsonTree(std::string_view text, const JsonLimits& limits)
+JsonNode readJsonTree(std::string& text, const JsonLimits& limits)
 {
     if (!isUtf8(text))
         throw Refusal(Reason::not_utf8);
-    // The parser takes such a byte for the end of the text.
-    if (text.find('\0') != std::string_view::npos)
+    // For other readers it is where the text ends.
+    if (text.find('\0') != std::string::npos)
         throw Refusal(Reason::zero_byte);
-    Builder builder(limits);
-    nlohmann::json::sax_parse(text, &builder);
-    return builder.take();
+    return TreeReader(text, limits).read();
 }
 
-std::string memberOf(const std::string& where, const std::string& name)
+std::string memberOf(const std::string& where, std::string_view name)
 {
-    return where.empty() ? name : where + "." + name;
+    return (where.empty() ? "" : where + ".").append(name);
 }
 
 std::string itemOf(const std::string& where, size_t index)

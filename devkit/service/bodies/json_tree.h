@@ -1,5 +1,6 @@
 // JSON as a tree of texts, as far as the bodies of requests need it. What is nested too deep, has
-// too many members or has a member twice is refused as soon as it is seen.
+// too many members or has a member twice is refused as soon as it is seen. The tree holds no
+// copies: names and texts are decoded in the JSON text, and are parts of it.
 #ifndef CORVANE_SERVICE_BODIES_JSON_TREE_H
 #define CORVANE_SERVICE_BODIES_JSON_TREE_H
 
@@ -8,17 +9,15 @@
 #include <utility>
 #include <vector>
 
-#include "common/secrets.h"
-
 struct JsonNode {
     enum Kind { Other, Text, Integer, Object, Array };
 
     Kind kind = Other;
-    SecretText text;  // a text's, or the digits of an integer
+    std::string_view text;  // a text's, or the digits of an integer
     // Of an object, or the items of an array, which have no names.
-    std::vector<std::pair<std::string, JsonNode>> members;
+    std::vector<std::pair<std::string_view, JsonNode>> members;
 
-    const JsonNode* find(const std::string& name) const;
+    const JsonNode* find(std::string_view name) const;
 };
 
 struct JsonLimits {
@@ -27,11 +26,12 @@ struct JsonLimits {
     size_t items;    // of an array
 };
 
-// Throws a Refusal.
-JsonNode readJsonTree(std::string_view text, const JsonLimits& limits);
+// Changes the text, which must outlive the tree. Throws a Refusal, which quotes nothing of it but
+// names.
+JsonNode readJsonTree(std::string& text, const JsonLimits& limits);
 
 // "requests[3].parameters" and such.
-std::string memberOf(const std::string& where, const std::string& name);
+std::string memberOf(const std::string& where, std::string_view name);
 std::string itemOf(const std::string& where, size_t index);
 
 // Whether a name is short and printable. Others are refused, and not quoted in the refusal.

@@ -37,7 +37,7 @@ Field readObject(const JsonNode& node, const std::string& where)
     Field field;
     if (form == "text" || form == "raw") {
         field.given = form == "raw" ? Given::Raw : Given::Text;
-        field.value = value.text;
+        field.value = SecretText(value.text);
         return field;
     }
     field.given = Given::Bytes;
@@ -63,10 +63,10 @@ Fields readParameters(const JsonNode& object, const std::string& where)
         if (node.kind == JsonNode::Object)
             field = readObject(node, place);
         else if (node.kind == JsonNode::Text || node.kind == JsonNode::Integer)
-            field.value = node.text;
+            field.value = SecretText(node.text);
         else
             throw Refusal(Reason::not_a_value, place);
-        field.name = name;
+        field.name = SecretText(name);
         field.where = place;
         fields.push_back(std::move(field));
     }
@@ -81,7 +81,7 @@ void checkSizes(const Fields& fields, const BodyLimits& limits)
                           {{"name", field.name}, {"most", std::to_string(limits.parameterBytes)}});
 }
 
-Fields readFields(const std::string& contentType, std::string_view body, const BodyLimits& limits)
+Fields readFields(const std::string& contentType, SecretText& body, const BodyLimits& limits)
 {
     if (isJson(contentType)) {
         const JsonNode root = readJsonTree(body, {2, limits.parameters, 0});
@@ -98,7 +98,7 @@ Fields readFields(const std::string& contentType, std::string_view body, const B
 
 }  // namespace
 
-Fields readBody(const std::string& contentType, std::string_view body, const BodyLimits& limits)
+Fields readBody(const std::string& contentType, SecretText body, const BodyLimits& limits)
 {
     if (body.empty())
         return {};
@@ -107,7 +107,7 @@ Fields readBody(const std::string& contentType, std::string_view body, const Bod
     return fields;
 }
 
-std::vector<BatchPart> readBatch(const std::string& contentType, std::string_view body,
+std::vector<BatchPart> readBatch(const std::string& contentType, SecretText body,
                                  const BodyLimits& limits)
 {
     if (!isJson(contentType))
@@ -127,7 +127,7 @@ std::vector<BatchPart> readBatch(const std::string& contentType, std::string_vie
         const JsonNode* name = node.kind == JsonNode::Object ? node.find("name") : nullptr;
         if (name == nullptr || name->kind != JsonNode::Text)
             throw Refusal(Reason::no_request_name, part.where + ".name");
-        part.name = name->text;
+        part.name = std::string(name->text);
         const JsonNode* parameters = node.find("parameters");
         if (node.members.size() > (parameters == nullptr ? 1U : 2U))
             throw Refusal(Reason::more_in_batch, part.where);

@@ -38,8 +38,8 @@ struct BatchPart {
 };
 
 // Of a JSON object or a form. An empty body has no parameters.
-Fields readBody(const std::string& contentType, std::string_view body, const BodyLimits& limits);
-std::vector<BatchPart> readBatch(const std::string& contentType, std::string_view body,
+Fields readBody(const std::string& contentType, SecretText body, const BodyLimits& limits);
+std::vector<BatchPart> readBatch(const std::string& contentType, SecretText body,
                                  const BodyLimits& limits);
 
 // The parameters as the plug-in takes them.

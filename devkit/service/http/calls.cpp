@@ -7,11 +7,13 @@ void DirectCalls::begin(Call call, Service::Done done)
     try {
         switch (call.target) {
             case Target::Request:
-                return m_service.request(call.name, call.to, call.contentType, call.body, done);
+                return m_service.request(call.name, call.to, call.contentType, std::move(call.body),
+                                         done);
             case Target::Batch:
-                return m_service.batch(call.to, call.contentType, call.body, done);
+                return m_service.batch(call.to, call.contentType, std::move(call.body), done);
             case Target::Peer:
-                return m_service.peer(call.name, call.to, call.contentType, call.body, done);
+                return m_service.peer(call.name, call.to, call.contentType, std::move(call.body),
+                                      done);
             case Target::Ready:
                 return m_service.probe(done);
             case Target::Status:

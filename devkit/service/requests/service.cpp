@@ -177,10 +177,10 @@ Refusal Service::goneRefusal(const std::string& token, const std::string& field)
 // ---- Sending.
 
 void Service::request(const std::string& name, const Addressee& to, const std::string& contentType,
-                      std::string_view body, Done done)
+                      SecretText body, Done done)
 {
     try {
-        Fields fields = readBody(contentType, body, m_limits);
+        Fields fields = readBody(contentType, std::move(body), m_limits);
         Part part = check(name, to, fields, "");
         checkRoom(m_pool, 1);
         send(std::move(part), std::move(done));
@@ -191,11 +191,11 @@ void Service::request(const std::string& name, const Addressee& to, const std::s
     }
 }
 
-void Service::batch(const Addressee& to, const std::string& contentType, std::string_view body,
+void Service::batch(const Addressee& to, const std::string& contentType, SecretText body,
                     const Done& done)
 {
     std::vector<Part> parts;
-    for (BatchPart& part : readBatch(contentType, body, m_limits))
+    for (BatchPart& part : readBatch(contentType, std::move(body), m_limits))
         parts.push_back(check(part.name, to, part.fields, part.where));
     checkRoom(m_pool, parts.size());
 
@@ -211,7 +211,7 @@ void Service::batch(const Addressee& to, const std::string& contentType, std::st
 }
 
 void Service::peer(const std::string& step, const Addressee& to, const std::string& contentType,
-                   std::string_view body, Done done)
+                   SecretText body, Done done)
 {
     checkAddressee(to);
     const PeerStep* known = findPeerStep(step);
@@ -220,7 +220,7 @@ void Service::peer(const std::string& step, const Addressee& to, const std::stri
 
     Task task;
     task.request.name = known->name;
-    for (Field& field : readBody(contentType, body, m_limits)) {
+    for (Field& field : readBody(contentType, std::move(body), m_limits)) {
         if (field.given != Given::Plain)
             throw Refusal(Reason::not_for_peer, field.where);
         task.request.parameters.emplace_back(std::move(field.name), std::move(field.value));

@@ -33,12 +33,12 @@ public:
     // this returns. If there is no memory for an answer, it is destroyed without having been
     // called.
     void request(const std::string& name, const Addressee& to, const std::string& contentType,
-                 std::string_view body, Done done);
-    void batch(const Addressee& to, const std::string& contentType, std::string_view body,
+                 SecretText body, Done done);
+    void batch(const Addressee& to, const std::string& contentType, SecretText body,
                const Done& done);
     // A step of the key exchange's other side; see peer_steps.h.
     void peer(const std::string& step, const Addressee& to, const std::string& contentType,
-              std::string_view body, Done done);
+              SecretText body, Done done);
 
     // Whether requests are answered: sends one whose answer is known. Within a second the same
     // answer is given again.
