@@ -106,13 +106,13 @@ std::optional<size_t> base64Size(std::string_view text)
     return digits->size() / 4 * 3 + digits->size() % 4 * 3 / 4;
 }
 
-std::optional<std::string> fromBase64(std::string_view text)
+std::optional<SecretText> fromBase64(std::string_view text)
 {
     const auto digits = unpadded(text);
     if (!digits)
         return std::nullopt;
 
-    std::string bytes;
+    SecretText bytes;
     bytes.reserve(digits->size() / 4 * 3 + 2);
     uint32_t bits = 0;
     int count = 0;
@@ -138,24 +138,24 @@ std::string toHex(std::string_view bytes)
     return text;
 }
 
-std::optional<std::string> fromHex(std::string_view text)
+std::optional<SecretText> fromHex(std::string_view text)
 {
     for (size_t i = 0; i < text.size(); i += 2)
         if (hexByte(text, i) < 0)
             return std::nullopt;
-    std::string bytes;
+    SecretText bytes;
     bytes.reserve(text.size() / 2);
     for (size_t i = 0; i < text.size(); i += 2)
         bytes += static_cast<char>(hexByte(text, i));
     return bytes;
 }
 
-std::optional<std::string> percentDecode(std::string_view text)
+std::optional<SecretText> percentDecode(std::string_view text)
 {
     for (size_t i = text.find('%'); i != text.npos; i = text.find('%', i + 1))
         if (hexByte(text, i + 1) < 0)
             return std::nullopt;
-    std::string bytes;
+    SecretText bytes;
     bytes.reserve(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
         const bool isEscape = text[i] == '%';

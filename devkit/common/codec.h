@@ -10,22 +10,24 @@
 #include <string>
 #include <string_view>
 
+#include "secrets.h"
+
 // Base64 with "=" padding (RFC 4648): the URL-safe alphabet of requests (section 5),
 // and the standard one (section 4).
 std::string toUrlBase64(std::string_view bytes);
 std::string toBase64(std::string_view bytes);
 
 // Either alphabet, padded or not.
-std::optional<std::string> fromBase64(std::string_view text);
+std::optional<SecretText> fromBase64(std::string_view text);
 // How many bytes the text stands for, without decoding it.
 std::optional<size_t> base64Size(std::string_view text);
 
 // Hex digits, two for a byte; of either case, where they are read.
 std::string toHex(std::string_view bytes);
-std::optional<std::string> fromHex(std::string_view text);
+std::optional<SecretText> fromHex(std::string_view text);
 
 // Undoes percent-escapes (RFC 3986, section 2.1) once.
-std::optional<std::string> percentDecode(std::string_view text);
+std::optional<SecretText> percentDecode(std::string_view text);
 
 // Whether the bytes are well-formed UTF-8 (RFC 3629), which JSON text must be.
 bool isUtf8(std::string_view bytes);

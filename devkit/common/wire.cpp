@@ -46,7 +46,7 @@ public:
             size += name.size() + value.size() + 8;
         m_bytes.reserve(size);
     }
-    std::string take()
+    SecretText take()
     {
         const size_t size = m_bytes.size() - lengthSize;
         for (size_t i = 0; i < lengthSize; ++i)
@@ -55,7 +55,7 @@ public:
     }
 
 private:
-    std::string m_bytes;
+    SecretText m_bytes;
 };
 
 size_t numberAt(std::string_view bytes)
@@ -76,7 +76,7 @@ public:
         const std::string_view bytes = take(lengthSize);
         return bytes.size() == lengthSize ? numberAt(bytes) : 0;
     }
-    std::string text() { return std::string(take(number())); }
+    SecretText text() { return SecretText(take(number())); }
     SecretPairs pairs()
     {
         SecretPairs values;
@@ -130,7 +130,7 @@ void takeFiles(msghdr& message, std::vector<Descriptor>& files)
 
 }  // namespace
 
-std::string encode(const WireRequest& request)
+SecretText encode(const WireRequest& request)
 {
     Writer writer;
     writer.reserve(request.parameters);
@@ -143,7 +143,7 @@ std::string encode(const WireRequest& request)
     return writer.take();
 }
 
-std::string encode(const WireReply& reply)
+SecretText encode(const WireReply& reply)
 {
     Writer writer;
     writer.reserve(reply.results);
@@ -250,9 +250,8 @@ bool RequestReader::receive(size_t frame)
         m_end = size;
     }
     if (m_buffer.size() < std::max(frame, pieceSize)) {
-        std::string larger(std::max(frame, pieceSize), '\0');
+        SecretText larger(std::max(frame, pieceSize), '\0');
         memcpy(larger.data(), m_buffer.data(), m_end);
-        wipe(m_buffer);
         m_buffer.swap(larger);
     }
 
@@ -289,7 +288,7 @@ void RequestReader::drop(size_t frame)
     m_start = m_end = 0;
     // The room for a large one is not kept.
     if (m_buffer.size() > pieceSize)
-        std::string().swap(m_buffer);
+        m_buffer = SecretText();
 }
 
 bool writeFrame(int socket, std::string_view frame)

@@ -48,8 +48,8 @@ struct WireReply {
 };
 
 // The whole frame, with its length.
-std::string encode(const WireRequest& request);
-std::string encode(const WireReply& reply);
+SecretText encode(const WireRequest& request);
+SecretText encode(const WireReply& reply);
 
 // From a frame's bytes without the length. Nothing if they are malformed.
 std::optional<WireRequest> decodeRequest(std::string_view frame);
@@ -66,7 +66,6 @@ ssize_t sendSome(int socket, std::string_view bytes, const std::vector<Descripto
 class RequestReader {
 public:
     explicit RequestReader(int socket) : m_socket(socket) {}
-    ~RequestReader() { wipe(m_buffer); }
     RequestReader(const RequestReader&) = delete;
     RequestReader& operator=(const RequestReader&) = delete;
 
@@ -81,7 +80,7 @@ private:
 
     const int m_socket;
     // What has been received and not returned yet is from m_start to m_end.
-    std::string m_buffer;
+    SecretText m_buffer;
     size_t m_start = 0;
     size_t m_end = 0;
     std::vector<Descriptor> m_files;  // likewise

@@ -66,19 +66,15 @@ WorkerProcess::WorkerProcess(const std::string& program, const std::vector<std::
 WorkerProcess::~WorkerProcess()
 {
     syscall(SYS_pidfd_send_signal, m_process.get(), SIGKILL, nullptr, 0);
-    wipe(m_outgoing);
-    wipe(m_incoming);
 }
 
-void WorkerProcess::post(std::string frame, std::vector<Descriptor> files)
+void WorkerProcess::post(SecretText frame, std::vector<Descriptor> files)
 {
     m_files.reserve(m_files.size() + files.size());
-    if (m_outgoing.empty()) {
+    if (m_outgoing.empty())
         m_outgoing = std::move(frame);
-    } else {
+    else
         appendSecret(m_outgoing, frame);
-        wipe(frame);
-    }
     std::move(files.begin(), files.end(), std::back_inserter(m_files));
 }
 
@@ -103,9 +99,7 @@ bool WorkerProcess::receive()
 {
     static std::array<char, size_t{1} << 16> buffer;
     if (m_taken > 0) {
-        std::string rest = m_incoming.substr(m_taken);
-        wipe(m_incoming);
-        m_incoming.swap(rest);
+        m_incoming = SecretText(std::string_view(m_incoming).substr(m_taken));
         m_taken = 0;
     }
     for (;;) {

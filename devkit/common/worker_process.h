@@ -30,7 +30,7 @@ public:
 
     // Queues a frame behind those that were not sent yet. Its files may be sent with an earlier
     // frame of these: the reader hands files out in the order of the frames that name them.
-    void post(std::string frame, std::vector<Descriptor> files);
+    void post(SecretText frame, std::vector<Descriptor> files);
     // How many bytes are still to be sent.
     size_t unsent() const { return m_outgoing.size() - m_sent; }
     // Sends as much as the socket takes. False if the process is gone.
@@ -50,10 +50,10 @@ private:
     Descriptor m_socket;
     pid_t m_pid = -1;
     Descriptor m_process;  // for signals: a number may be another process's by then
-    std::string m_outgoing;
+    SecretText m_outgoing;
     size_t m_sent = 0;
     std::vector<Descriptor> m_files;
-    std::string m_incoming;
+    SecretText m_incoming;
     size_t m_taken = 0;  // bytes of it
 };
 

@@ -4,11 +4,12 @@
 
 #include <string>
 
+#include "common/secrets.h"
 #include "host/catalogue/catalogue.h"
 #include "host_session.h"
 
 struct Outcome {
-    Pairs results;
+    SecretPairs results;
     double microseconds = 0;  // these three are as in Reply
     double storeMicroseconds = 0;
     double readMicroseconds = 0;

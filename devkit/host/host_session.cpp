@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdio>
@@ -95,6 +96,9 @@ OpenedLibrary openByBareName(const std::string& path, const char* bareName)
                             ", by which the plug-in opens it");
     return library;
 }
+
+// Growing leaves copies of short values behind.
+constexpr int mostUsualResults = 16;
 
 using Clock = std::chrono::steady_clock;
 
@@ -217,13 +221,14 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
 }
 
 // Each pair in two calls: the lengths, then the bytes into buffers with one byte more.
-Pairs HostSession::readResults()
+SecretPairs HostSession::readResults()
 {
     int count = 0;
     if (m_params.GetRetParamsSum(&count) != 0)
         throw LoadError("the parameter module does not tell how many results there are");
 
-    Pairs results;
+    SecretPairs results;
+    results.reserve(static_cast<size_t>(std::clamp(count, 0, mostUsualResults)));
     for (int i = 0; i < count; ++i) {
         const auto refused = [&] {
             return LoadError("the parameter module does not give result " + std::to_string(i) +
@@ -236,7 +241,7 @@ Pairs HostSession::readResults()
             throw refused();
 
         std::string name(static_cast<size_t>(nameLength) + 1, '\0');
-        std::string value(static_cast<size_t>(valueLength) + 1, '\0');
+        SecretText value(static_cast<size_t>(valueLength) + 1, '\0');
         const long nameRoom = nameLength;
         const long valueRoom = valueLength;
         if (m_params.GetRetParamFromIndex(i, name.data(), &nameLength, value.data(),

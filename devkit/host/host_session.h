@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "common/opened_library.h"
+#include "common/secrets.h"
 #include "host/catalogue/catalogue.h"
 
 constexpr const char* pluginName = "libCorvane_plugin.so";
@@ -42,7 +43,7 @@ std::string programFolder();
 std::vector<std::string> usualFolders();
 
 struct Reply {
-    Pairs results;                 // all of them, in the module's order
+    SecretPairs results;           // all of them, in the module's order
     double microseconds = 0;       // of the request call alone
     double storeMicroseconds = 0;  // of storing the parameters, before it
     double readMicroseconds = 0;   // of reading the results, after it
@@ -70,7 +71,7 @@ public:
 private:
     void initialise();
     void emptyStores();
-    Pairs readResults();
+    SecretPairs readResults();
 
     // In this order, so that the plug-in is unloaded first.
     OpenedLibrary m_paramsLibrary;

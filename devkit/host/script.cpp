@@ -81,7 +81,7 @@ private:
         if (!step.id.empty() && m_results.count(step.id) != 0)
             throw UsageError("id " + step.id + " is taken");
         const RequestInfo* request = requestByName(step.request, m_options.force);
-        const Pairs given = parameters(step, request);
+        const SecretPairs given = parameters(step, request);
         warn(request, given);
         const Outcome outcome = exchange(m_session, request, step.request, given);
         if (!step.id.empty())
@@ -153,7 +153,7 @@ private:
     const ScriptOptions& m_options;
     HostSession& m_session;
     ValueReader m_reader;
-    std::map<std::string, Pairs> m_results;
+    std::map<std::string, SecretPairs> m_results;
     size_t m_number = 0;
     bool m_allSucceeded = true;
 };

@@ -38,7 +38,7 @@ std::unique_ptr<HostSession> openSession(Program& program, bool trace)
 }
 
 // The bytes that results stand for, as hex digits. Codes and sessions are no bytes.
-Pairs inHex(const RequestInfo* request, Pairs results)
+SecretPairs inHex(const RequestInfo* request, SecretPairs results)
 {
     for (auto& [name, value] : results) {
         const Result* known = request == nullptr ? nullptr : findResult(*request, name);
@@ -91,7 +91,7 @@ ExitCode call(Program& program, const CallOptions& options)
     // Before the values are read: opening may start the program again, and standard
     // input can be read only once.
     const auto session = openSession(program, options.trace);
-    const Pairs parameters = options.parameters.read(request);
+    const SecretPairs parameters = options.parameters.read(request);
     warn(request, parameters);
     const auto file = openFile(options);
     if (options.trace)

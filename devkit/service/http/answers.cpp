@@ -25,9 +25,7 @@ constexpr const char* pageHeaders[][2] = {
 
 void freeBody(void* body)
 {
-    auto* text = static_cast<std::string*>(body);
-    wipe(*text);
-    delete text;
+    delete static_cast<SecretText*>(body);
 }
 
 }  // namespace
@@ -45,7 +43,7 @@ MHD_Response* Server::makeResponse(Exchange& exchange)
         return MHD_create_response_from_buffer(bytes.size(), const_cast<char*>(bytes.data()),
                                                MHD_RESPMEM_PERSISTENT);
     }
-    auto* body = new std::string(std::move(answer.body));
+    auto* body = new SecretText(std::move(answer.body));
     exchange.sent = body->size();
     MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
         body->size(), body->data(), &freeBody, body);

@@ -61,11 +61,7 @@ struct Server::Exchange {
         : server(itsServer), connection(itsConnection), handle(itsHandle)
     {
     }
-    ~Exchange()
-    {
-        wipe(body);
-        server.m_shared.limits.giveRoom(room);
-    }
+    ~Exchange() { server.m_shared.limits.giveRoom(room); }
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
 
@@ -97,7 +93,7 @@ struct Server::Exchange {
     unsigned looks = 0;   // of the library for the answer
     size_t lastRead = 0;  // the run in which the library read a part of it
     bool mustClose = false;
-    std::string body;
+    SecretText body;
     size_t received = 0;
     size_t room = 0;  // that it takes of all bodies'
 

@@ -33,11 +33,10 @@ void appendValue(std::string& out, const std::string& value)
 {
     if (isUtf8(value))
         return appendJsonText(out, value);
-    std::string bytes = toBase64(value);
+    const SecretText bytes = toBase64(value);
     appendSecret(out, "{\"base64\":");
     appendJsonText(out, bytes);
     appendSecret(out, "}");
-    wipe(bytes);
 }
 
 // Of a name that is given more than once, the last value counts.
@@ -61,12 +60,12 @@ void appendResults(std::string& out, const Pairs& results)
 }
 
 // Without its end, so that more members can follow.
-std::string beginningOf(const WireReply& reply, const Json& error, const std::string& warnings)
+SecretText beginningOf(const WireReply& reply, const Json& error, const std::string& warnings)
 {
     size_t size = 256;
     for (const auto& [name, value] : reply.results)
         size += name.size() + value.size() + 8;
-    std::string out;
+    SecretText out;
     out.reserve(size);
     out += "{\"results\":";
     appendResults(out, reply.results);

@@ -14,7 +14,7 @@
 
 struct Answer {
     unsigned status = 200;
-    std::string body;
+    SecretText body;
     const char* type = "application/json";
     std::string code;  // the host's, if it refused; else ""
 };

@@ -80,11 +80,9 @@ void Worker::serve(int socket)
             reply.kind = WireReply::TakenBack;
         wipe(request.parameters);
         files.clear();
-        std::string bytes = encode(reply);
+        const SecretText bytes = encode(reply);
         wipe(reply.results);
-        const bool isSent = writeFrame(socket, bytes);
-        wipe(bytes);
-        if (!isSent)
+        if (!writeFrame(socket, bytes))
             return;
     }
 }
