@@ -25,7 +25,7 @@ constexpr size_t mostFiles = 4;
 
 struct WireRequest {
     std::string name;
-    std::string session;  // token of the session that the request makes or uses, or ""
+    SecretText session;  // token of the session that the request makes or uses, or ""
     SecretPairs parameters;
     // Names of parameters. The value of the first is a path to the first descriptor, and so on.
     std::vector<std::string> files;

@@ -26,7 +26,11 @@ struct Headers {
     std::string forwardedFor;
     bool hasBody = false;
 
-    ~Headers() { wipe(authorization); }
+    ~Headers()
+    {
+        wipe(authorization);
+        wipe(session);
+    }
 
     // Which node the request is for.
     Addressee to() const { return {node, session}; }

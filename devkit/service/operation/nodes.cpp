@@ -39,13 +39,16 @@ bool isNodeName(std::string_view text)
            });
 }
 
-std::string makeSessionToken(const std::string& node)
+SecretText makeSessionToken(const std::string& node)
 {
     std::array<char, randomBytes> random;
     if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size()))
         throw std::system_error(errno, std::generic_category(), "no random bytes");
-    return std::string(beginning) + node + (node.empty() ? "" : ".") +
-           toUrlBase64({random.data(), random.size()});
+    SecretText token(beginning);
+    appendSecret(token, node + (node.empty() ? "" : "."));
+    appendSecret(token, SecretText(toUrlBase64({random.data(), random.size()})));
+    explicit_bzero(random.data(), random.size());
+    return token;
 }
 
 std::optional<std::string_view> nodeOfSession(std::string_view token)

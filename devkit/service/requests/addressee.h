@@ -5,13 +5,15 @@
 
 #include <string>
 
+#include "common/secrets.h"
+
 constexpr const char* nodeHeader = "X-Corvane-Node";
 constexpr const char* sessionHeader = "X-Corvane-Session";
 
 // As the headers have it; "" where they say nothing. A host without a name looks at neither.
 struct Addressee {
     std::string node;
-    std::string session;
+    SecretText session;
 };
 
 // All of these throw a Refusal.

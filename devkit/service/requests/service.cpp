@@ -133,9 +133,9 @@ void Service::checkSession(Part& part, const Addressee& to, const std::string& f
         return;
     if (!m_options.node.empty())
         ::checkSession(to, *token, m_options.node, field);
-    if (m_sessions.find(*token) == nullptr)
-        throw goneRefusal(*token, field);
     part.wire.session = *token;
+    if (m_sessions.find(part.wire.session) == nullptr)
+        throw goneRefusal(*token, field);
 }
 
 void Service::checkAddressee(const Addressee& to) const
@@ -263,7 +263,7 @@ void Service::send(Part part, Done done)
 
 void Service::sendToSession(Part part, const Waiter& waiter)
 {
-    const std::string token = part.wire.session;
+    const SecretText token = part.wire.session;
     // An earlier part of the same batch may have ended it.
     const std::shared_ptr<Sessions::Use> use = m_sessions.enter(token);
     if (use == nullptr)
@@ -301,7 +301,7 @@ void Service::sendNewSession(Part part, const Waiter& waiter, unsigned attempt)
         return refuse(waiter, Refusal(Reason::sessions_full));
 
     part.wire.session = makeSessionToken(m_options.node);
-    const std::string token = part.wire.session;
+    const SecretText token = part.wire.session;
     submit(
         std::move(part), *chosen,
         [this, waiter, attempt, token, reservation](Ending ending, WireReply& reply, WorkerLife) {
@@ -338,7 +338,7 @@ void Service::endIdleSessions()
 {
     const Seconds idle(m_options.sessionSeconds);
     m_idleSessions.set(after(std::clamp(idle / 4, Seconds(0.05), Seconds(5))));
-    for (const std::string& token :
+    for (const SecretText& token :
          m_sessions.idleSince(Clock::now() - std::chrono::duration_cast<Clock::duration>(idle))) {
         Part part;
         part.wire.name = freeSessionRequest;

@@ -28,19 +28,19 @@ void Sessions::Reservation::cancel()
         --m_sessions.m_perWorker[m_life.slot];
 }
 
-void Sessions::Reservation::add(const std::string& token)
+void Sessions::Reservation::add(const SecretText& token)
 {
     m_sessions.m_live[token] = {m_life, Clock::now(), 0};
     m_isOver = true;
 }
 
-const WorkerLife* Sessions::find(const std::string& token) const
+const WorkerLife* Sessions::find(const SecretText& token) const
 {
     const auto found = m_live.find(token);
     return found == m_live.end() ? nullptr : &found->second.life;
 }
 
-std::shared_ptr<Sessions::Use> Sessions::enter(const std::string& token)
+std::shared_ptr<Sessions::Use> Sessions::enter(const SecretText& token)
 {
     const auto found = m_live.find(token);
     if (found == m_live.end())
@@ -59,15 +59,16 @@ Sessions::Use::~Use()
     found->second.lastUse = Clock::now();
 }
 
-void Sessions::end(const std::string& token, Reason reason)
+void Sessions::end(const SecretText& token, Reason reason)
 {
     const auto found = m_live.find(token);
     if (found == m_live.end())
         return;
     --m_perWorker[found->second.life.slot];
     m_live.erase(found);
-    m_ended[token] = reason;
-    m_endedInOrder.push_back(token);
+    const size_t hash = HashOfToken()(token);
+    m_ended[hash] = reason;
+    m_endedInOrder.push_back(hash);
     if (m_endedInOrder.size() > mostRemembered) {
         m_ended.erase(m_endedInOrder.front());
         m_endedInOrder.pop_front();
@@ -76,23 +77,23 @@ void Sessions::end(const std::string& token, Reason reason)
 
 void Sessions::endAllOf(WorkerLife life, Reason reason)
 {
-    std::vector<std::string> tokens;
+    std::vector<SecretText> tokens;
     for (const auto& [token, session] : m_live)
         if (session.life == life)
             tokens.push_back(token);
-    for (const std::string& token : tokens)
+    for (const SecretText& token : tokens)
         end(token, reason);
 }
 
-Reason Sessions::reasonOf(const std::string& token) const
+Reason Sessions::reasonOf(std::string_view token) const
 {
-    const auto found = m_ended.find(token);
+    const auto found = m_ended.find(std::hash<std::string_view>()(token));
     return found == m_ended.end() ? Reason::session_unknown : found->second;
 }
 
-std::vector<std::string> Sessions::idleSince(Clock::time_point time) const
+std::vector<SecretText> Sessions::idleSince(Clock::time_point time) const
 {
-    std::vector<std::string> tokens;
+    std::vector<SecretText> tokens;
     for (const auto& [token, session] : m_live)
         if (session.users == 0 && session.lastUse <= time)
             tokens.push_back(token);

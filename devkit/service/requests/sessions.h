@@ -6,10 +6,12 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include "common/event_loop.h"
+#include "common/secrets.h"
 #include "host/catalogue/host_reasons.h"
 #include "service/workers/worker_pool.h"
 
@@ -26,16 +28,16 @@ public:
     // As long as it exists, the session is not idle.
     class Use;
     // Null if there is no such session.
-    std::shared_ptr<Use> enter(const std::string& token);
+    std::shared_ptr<Use> enter(const SecretText& token);
     // Where it lives, or null.
-    const WorkerLife* find(const std::string& token) const;
+    const WorkerLife* find(const SecretText& token) const;
 
-    void end(const std::string& token, Reason reason);
+    void end(const SecretText& token, Reason reason);
     void endAllOf(WorkerLife life, Reason reason);
     // Why there is no session of this token.
-    Reason reasonOf(const std::string& token) const;
+    Reason reasonOf(std::string_view token) const;
 
-    std::vector<std::string> idleSince(Clock::time_point time) const;
+    std::vector<SecretText> idleSince(Clock::time_point time) const;
 
     size_t count() const { return m_live.size(); }
     // Of one worker, with those that are being made.
@@ -48,12 +50,19 @@ private:
         size_t users = 0;
     };
 
-    std::unordered_map<std::string, Session> m_live;
+    struct HashOfToken {
+        size_t operator()(const SecretText& token) const
+        {
+            return std::hash<std::string_view>()(token);
+        }
+    };
+
+    std::unordered_map<SecretText, Session, HashOfToken> m_live;
     std::vector<size_t> m_perWorker;
     const size_t m_mostPerWorker;
-    // The last ones that ended, with the reason.
-    std::unordered_map<std::string, Reason> m_ended;
-    std::deque<std::string> m_endedInOrder;
+    // The last ones that ended, with the reason. Their tokens are forgotten but for the hashes.
+    std::unordered_map<size_t, Reason> m_ended;
+    std::deque<size_t> m_endedInOrder;
 };
 
 class Sessions::Reservation {
@@ -65,7 +74,7 @@ public:
 
     WorkerLife life() const { return m_life; }
     // The session has been made; it keeps the room.
-    void add(const std::string& token);
+    void add(const SecretText& token);
     void cancel();
 
 private:
@@ -76,7 +85,7 @@ private:
 
 class Sessions::Use {
 public:
-    Use(Sessions& sessions, std::string token, WorkerLife life)
+    Use(Sessions& sessions, SecretText token, WorkerLife life)
         : m_sessions(sessions), m_token(std::move(token)), m_life(life)
     {
     }
@@ -88,7 +97,7 @@ public:
 
 private:
     Sessions& m_sessions;
-    const std::string m_token;
+    const SecretText m_token;
     const WorkerLife m_life;
 };
 

@@ -54,7 +54,7 @@ WireReply Worker::answer(WireRequest& request, const std::vector<Descriptor>& fi
         std::string& handle = parameter(reply.results, "Data");
         reply.ok = reply.ok && !handle.empty();
         if (reply.ok)
-            m_handles[request.session] = std::exchange(handle, request.session);
+            m_handles[request.session] = std::exchange(handle, std::string(request.session));
     }
     return reply;
 }

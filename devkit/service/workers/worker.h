@@ -9,6 +9,7 @@
 #include <string>
 
 #include "common/claims.h"
+#include "common/secrets.h"
 #include "common/wire.h"
 #include "host/host_session.h"
 
@@ -24,7 +25,7 @@ private:
 
     HostSession& m_session;
     Claims& m_claims;
-    std::map<std::string, std::string> m_handles;  // by token
+    std::map<SecretText, SecretText> m_handles;  // by token
 };
 
 #endif
