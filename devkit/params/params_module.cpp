@@ -4,7 +4,9 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
@@ -16,16 +18,57 @@
 
 namespace {
 
+// A copy of a value's bytes, which may be a secret: wiped before the memory is given back. They are
+// always in a block of their own, never in the object as a short std::string's are, so that a
+// value that was moved leaves none behind.
+class Value {
+public:
+    Value() = default;
+    explicit Value(std::string_view bytes) : m_size(bytes.size())
+    {
+        if (m_size > MOST)
+            throw std::bad_alloc();
+        m_bytes.reset(new char[m_size]);
+        memcpy(m_bytes.get(), bytes.data(), m_size);
+    }
+    Value(Value&& other) noexcept { swap(other); }
+    Value& operator=(Value&& other) noexcept
+    {
+        swap(other);
+        return *this;
+    }
+    ~Value()
+    {
+        if (m_size > 0)
+            explicit_bzero(m_bytes.get(), m_size);
+    }
+
+    std::string_view view() const { return {m_bytes.get(), m_size}; }
+
+private:
+    // Absurd sizes never reach an allocator: a sanitizer's ends the process for them.
+    static constexpr size_t MOST = SIZE_MAX / 4;
+
+    void swap(Value& other) noexcept
+    {
+        m_bytes.swap(other.m_bytes);
+        std::swap(m_size, other.m_size);
+    }
+
+    std::unique_ptr<char[]> m_bytes;
+    size_t m_size = 0;
+};
+
 struct Pair {
     std::string name;
-    std::string value;
+    Value value;
 };
 using Store = std::vector<Pair>;  // in the order of the first insertion
 
 struct ThreadStores {
     Store http;
     Store ret;
-    std::string custom;
+    Value custom;
     ThreadStores* previous = nullptr;
     ThreadStores* next = nullptr;
 };
@@ -159,23 +202,23 @@ struct Target {
         require(buffer == nullptr || *len >= 0, PARAMS_NEGATIVE_LENGTH);
     }
 
-    bool fits(const std::string& text) const
+    bool fits(std::string_view text) const
     {
         return buffer == nullptr || text.size() <= static_cast<size_t>(*len);
     }
 
-    void putLength(const std::string& text) const { *len = static_cast<long>(text.size()); }
+    void putLength(std::string_view text) const { *len = static_cast<long>(text.size()); }
 
     // The text must fit.
-    void put(const std::string& text) const
+    void put(std::string_view text) const
     {
-        if (buffer != nullptr)
+        if (buffer != nullptr && !text.empty())
             memcpy(buffer, text.data(), text.size());
         putLength(text);
     }
 };
 
-void read(const std::string& text, const Target& target)
+void read(std::string_view text, const Target& target)
 {
     if (!target.fits(text)) {
         target.putLength(text);
@@ -188,12 +231,12 @@ int add(Store ThreadStores::*store, char* name, long nameLen, char* value, long 
 {
     return withStores([&](ThreadStores& stores) {
         const std::string_view wanted = bytes(name, nameLen);
-        std::string copy(bytes(value, valueLen));
+        Value copy(bytes(value, valueLen));
         Store& pairs = stores.*store;
 
         const auto at = find(pairs, wanted);
         if (at != pairs.end())
-            at->value.swap(copy);
+            at->value = std::move(copy);
         else
             pairs.push_back({std::string(wanted), std::move(copy)});
     });
@@ -212,7 +255,7 @@ int get(Store ThreadStores::*store, char* name, long nameLen, char* value, long*
         const auto at = find(pairs, wanted);
         isKnown = at != pairs.end();
         if (isKnown)
-            read(at->value, target);
+            read(at->value.view(), target);
     });
     return code == PARAMS_OK && !isKnown ? PARAMS_UNKNOWN_NAME : code;
 }
@@ -233,11 +276,11 @@ int ChangeHttpParams(char* name, long name_len, char* value, long value_len)
 {
     return withStores([&](ThreadStores& stores) {
         const std::string_view wanted = bytes(name, name_len);
-        std::string copy(bytes(value, value_len));
+        Value copy(bytes(value, value_len));
 
         const auto at = find(stores.http, wanted);
         require(at != stores.http.end(), PARAMS_UNKNOWN_NAME);
-        at->value.swap(copy);
+        at->value = std::move(copy);
     });
 }
 
@@ -272,13 +315,13 @@ int GetRetParamFromIndex(int index, char* name, long* name_len, char* value, lon
         require(index >= 0 && static_cast<size_t>(index) < stores.ret.size(), PARAMS_BAD_INDEX);
 
         const Pair& pair = stores.ret[static_cast<size_t>(index)];
-        if (!nameTarget.fits(pair.name) || !valueTarget.fits(pair.value)) {
+        if (!nameTarget.fits(pair.name) || !valueTarget.fits(pair.value.view())) {
             nameTarget.putLength(pair.name);
-            valueTarget.putLength(pair.value);
+            valueTarget.putLength(pair.value.view());
             throw Failure{PARAMS_BUFFER_TOO_SMALL};
         }
         nameTarget.put(pair.name);
-        valueTarget.put(pair.value);
+        valueTarget.put(pair.value.view());
     });
 }
 
@@ -289,18 +332,16 @@ int ClearRetParams(void)
 
 int SetRetCustomParam(char* text, long text_len)
 {
-    return withStores([&](ThreadStores& stores) {
-        std::string copy(bytes(text, text_len));
-        stores.custom.swap(copy);
-    });
+    return withStores([&](ThreadStores& stores) { stores.custom = Value(bytes(text, text_len)); });
 }
 
 int GetRetCustomParam(char* text, long* text_len)
 {
-    return withStores([&](ThreadStores& stores) { read(stores.custom, Target(text, text_len)); });
+    return withStores(
+        [&](ThreadStores& stores) { read(stores.custom.view(), Target(text, text_len)); });
 }
 
 int ClearRetCustomParam(void)
 {
-    return withStores([](ThreadStores& stores) { std::string().swap(stores.custom); });
+    return withStores([](ThreadStores& stores) { stores.custom = Value(); });
 }
