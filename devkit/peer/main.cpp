@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/codec.h"
+#include "common/locked_memory.h"
 #include "common/secrets.h"
 #include "common/version.h"
 #include "common/worker_process.h"
@@ -28,6 +29,7 @@ struct Options {
     std::string state;
     std::string value;  // of the step's one input
     bool rsa = false;
+    bool lockMemory = false;
 
     std::string statePath() const { return state.empty() ? directory + "/session.json" : state; }
 };
@@ -127,6 +129,8 @@ void run(const CLI::App& app, const Options& options)
     const std::string name = app.get_subcommands().front()->get_name();
     if (name == "worker") {
         tieToParent();
+        if (options.lockMemory)
+            lockMemory();
         return PeerWorker().serve(workerSocket);
     }
     if (name == "make-certs")
@@ -156,7 +160,8 @@ int runCommandLine(int argc, char** argv)
     certificates->add_option("directory", options.directory, "Where to")->required();
     certificates->add_flag("--rsa", options.rsa, "RSA of 2048 bits instead of SM2");
 
-    app.add_subcommand("worker")->group("");  // for corvane-host serve
+    // For corvane-host serve.
+    app.add_subcommand("worker")->group("")->add_flag("--lock-memory", options.lockMemory);
 
     const auto addStep = [&](const char* name, const char* text, const char* value) {
         CLI::App* step = app.add_subcommand(name, text);

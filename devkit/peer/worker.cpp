@@ -11,7 +11,7 @@ namespace {
 // For trying: the oldest exchange makes room for a new one.
 constexpr size_t MOST_EXCHANGES = 256;
 
-std::string valueOf(const WireRequest& request, const char* name)
+SecretText valueOf(const WireRequest& request, const char* name)
 {
     const std::string* value = nullptr;
     for (const auto& [given, text] : request.parameters)
@@ -22,12 +22,12 @@ std::string valueOf(const WireRequest& request, const char* name)
     return *value;
 }
 
-std::string bytesOf(const WireRequest& request, const char* name)
+SecretText bytesOf(const WireRequest& request, const char* name)
 {
-    const auto bytes = fromBase64(valueOf(request, name));
+    auto bytes = fromBase64(valueOf(request, name));
     if (!bytes)
         throw PeerError(std::string(name) + " is not Base64");
-    return *bytes;
+    return *std::move(bytes);
 }
 
 std::string makeToken()
@@ -54,24 +54,24 @@ PeerWorker::Exchange& PeerWorker::find(const std::string& token)
     throw PeerError("there is no such exchange: it has ended or never was");
 }
 
-Pairs PeerWorker::begin(const std::string& hello)
+SecretPairs PeerWorker::begin(const std::string& hello)
 {
     const ServerAnswer made = answerHello(m_server, hello);
     if (m_exchanges.size() == MOST_EXCHANGES)
         m_exchanges.pop_front();
     m_exchanges.push_back({makeToken(), hello, made.random, std::nullopt});
-    return {{"exchange", m_exchanges.back().token},
-            {"strSrvr_rand", toUrlBase64(made.random)},
-            {"strSrvr_sig_cert", toUrlBase64(made.signingCertificate)},
-            {"strSrvr_enc_cert", toUrlBase64(made.encryptionCertificate)},
-            {"strSrvr_sign", toUrlBase64(made.signature)},
-            {"root", toUrlBase64(toPem(m_root.certificate.get()))}};
+    return Pairs{{"exchange", m_exchanges.back().token},
+                 {"strSrvr_rand", toUrlBase64(made.random)},
+                 {"strSrvr_sig_cert", toUrlBase64(made.signingCertificate)},
+                 {"strSrvr_enc_cert", toUrlBase64(made.encryptionCertificate)},
+                 {"strSrvr_sign", toUrlBase64(made.signature)},
+                 {"root", toUrlBase64(toPem(m_root.certificate.get()))}};
 }
 
-Pairs PeerWorker::answer(const WireRequest& request)
+SecretPairs PeerWorker::answer(const WireRequest& request)
 {
     if (request.name == "root")
-        return {{"root", toUrlBase64(toPem(m_root.certificate.get()))}};
+        return Pairs{{"root", toUrlBase64(toPem(m_root.certificate.get()))}};
     if (request.name == "answer")
         return begin(bytesOf(request, "hello"));
 
@@ -85,15 +85,15 @@ Pairs PeerWorker::answer(const WireRequest& request)
     }
     if (!exchange.keys)
         throw PeerError("there are no keys yet: \"finish\" derives them");
-    const std::string data = bytesOf(request, "data");
+    const SecretText data = bytesOf(request, "data");
     if (request.name == "encrypt")
-        return {{"Data", toUrlBase64(sealMessage(*exchange.keys, data))}};
+        return Pairs{{"Data", toUrlBase64(sealMessage(*exchange.keys, data))}};
     if (request.name == "decrypt")
-        return {{"Data", toUrlBase64(openMessage(*exchange.keys, data))}};
+        return Pairs{{"Data", toUrlBase64(SecretText(openMessage(*exchange.keys, data)))}};
     if (request.name == "hmac")
-        return {{"Data", toUrlBase64(channelHmac(*exchange.keys, data))}};
+        return Pairs{{"Data", toUrlBase64(channelHmac(*exchange.keys, data))}};
     if (request.name == "cmac")
-        return {{"Data", toUrlBase64(channelCmac(*exchange.keys, data))}};
+        return Pairs{{"Data", toUrlBase64(channelCmac(*exchange.keys, data))}};
     throw PeerError("there is no such step");
 }
 
@@ -119,6 +119,7 @@ void PeerWorker::serve(int socket)
         } catch (const Failure&) {
             reply.text = "libcrypto failed";
         }
+        wipe(request.parameters);
         if (!writeFrame(socket, encode(reply)))
             return;
     }

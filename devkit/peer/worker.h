@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "common/secrets.h"
 #include "common/wire.h"
 #include "ke_server.h"
 
@@ -19,14 +20,14 @@ public:
 
 private:
     struct Exchange {
-        std::string token;
+        SecretText token;
         std::string hello;
         std::string random;
         std::optional<ChannelKeys> keys;
     };
 
-    Pairs answer(const WireRequest& request);
-    Pairs begin(const std::string& hello);
+    SecretPairs answer(const WireRequest& request);
+    SecretPairs begin(const std::string& hello);
     Exchange& find(const std::string& token);
 
     Credential m_root;

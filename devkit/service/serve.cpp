@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "common/locked_memory.h"
 #include "common/secrets.h"
 #include "host/host_session.h"
 #include "service/front/fronts.h"
@@ -117,6 +118,24 @@ PoolOptions workerPool(const ServeOptions& options, std::vector<std::string> com
     return pool;
 }
 
+std::vector<std::string> peerCommand(const ServeOptions& options)
+{
+    std::vector<std::string> command = {"corvane-ke-peer", "worker"};
+    if (options.lockMemory)
+        command.emplace_back("--lock-memory");
+    return command;
+}
+
+void lockMemoryIf(bool isAsked)
+{
+    try {
+        if (isAsked)
+            lockMemory();
+    } catch (const LockError& e) {
+        throw UsageError(e.what());
+    }
+}
+
 // What is still under way is told that it was not served, and the answers go out.
 void end(Service& service, Fronts& fronts)
 {
@@ -137,6 +156,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     endBySentenceWithoutMemory();
     openStandardStreams();
     checkOptions(options);
+    lockMemoryIf(options.lockMemory);
     const Descriptor signals = takeSignals();
 
     std::unique_ptr<BearerTokens> tokens;
@@ -156,8 +176,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     });
     const std::string peer = options.noPeer ? "" : peerProgram();
     if (!peer.empty())
-        service.offerPeer(
-            {peer, {"corvane-ke-peer", "worker"}, 1, Seconds(options.requestSeconds)});
+        service.offerPeer({peer, peerCommand(options), 1, Seconds(options.requestSeconds)});
     Fronts fronts(loop, options, service, metrics, log, tokens.get());
     if (LineSink(output.descriptor())
             .write(greeting(tokens.get(), fronts.place(), output.isTerminal())) == 0)

@@ -27,6 +27,12 @@ public:
     // bare_names.h). Returns if that has been done.
     void startAgain() { bareNames.startAgain(withDefaults(paths), m_argv, output); }
 
+    // Starts the program again, so that functions are bound when their libraries are loaded, in
+    // the processes that it starts as well. Bound at its first call, a function has the loader
+    // put the registers on the stack, with what the call before has copied. Returns if that has
+    // been done. Throws a LoadError.
+    void bindAtOnce();
+
     Output output;
     LibraryPaths paths;  // as given
     BareNames bareNames;

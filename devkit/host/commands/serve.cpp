@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "common/locked_memory.h"
 #include "common/secrets.h"
 #include "common/worker_process.h"
 #include "options.h"
@@ -23,6 +24,7 @@ constexpr double longestSeconds = 86400;
 constexpr double longestDrain = 3600;
 
 constexpr const char* pluginLogOption = "--plugin-log";
+constexpr const char* lockMemoryOption = "--lock-memory";
 
 // This program once more, as a worker with the same libraries.
 std::vector<std::string> workerCommand(const Program& program, const ServeOptions& options)
@@ -34,15 +36,19 @@ std::vector<std::string> workerCommand(const Program& program, const ServeOption
         if (!path.empty())
             command.insert(command.end(), {option, path});
     command.insert(command.end(), {"worker", pluginLogOption, options.pluginLog});
+    if (options.lockMemory)
+        command.emplace_back(lockMemoryOption);
     return command;
 }
 
-void work(Program& program, const std::string& pluginLog)
+void work(Program& program, const ServeOptions& options)
 {
     tieToParent();
     const Undumpable undumpable;
+    if (options.lockMemory)
+        lockMemory();
     const auto session = program.openSession();
-    session->setLogLevel(pluginLog);
+    session->setLogLevel(options.pluginLog);
     program.bareNames.removeFolder();
     Claims claims{Descriptor(workerClaims)};
     Worker(*session, claims).serve(workerSocket);
@@ -141,6 +147,8 @@ void addOptions(CLI::App& command, ServeOptions& options)
     file("--ca-folder", options.caFolder, "Folder whose files clients may name")
         ->type_name("FOLDER");
     command.add_flag("--no-peer", options.noPeer, "Do not offer the key exchange's other side");
+    command.add_flag(lockMemoryOption, options.lockMemory,
+                     "Keep the memory of all processes out of swap");
 
     addLimits(command, options);
     command.add_option("--access-log", options.accessLog, "Access log; default: standard error")
@@ -156,6 +164,7 @@ void addServe(CLI::App& app, Program& program)
     CLI::App* command = app.add_subcommand("serve", "Serve requests by HTTP");
     addOptions(*command, *options);
     command->callback([options, &program] {
+        program.bindAtOnce();
         // Workers would be started again and again.
         checkLibraries(withDefaults(program.paths));
         serve(*options, workerCommand(program, *options), program.output);
@@ -164,8 +173,9 @@ void addServe(CLI::App& app, Program& program)
 
 void addWorker(CLI::App& app, Program& program)
 {
-    const auto level = std::make_shared<std::string>(ServeOptions().pluginLog);
+    const auto options = std::make_shared<ServeOptions>();
     CLI::App* command = app.add_subcommand("worker")->group("");
-    addPluginLog(*command, *level);
-    command->callback([level, &program] { work(program, *level); });
+    addPluginLog(*command, options->pluginLog);
+    command->add_flag(lockMemoryOption, options->lockMemory);
+    command->callback([options, &program] { work(program, *options); });
 }

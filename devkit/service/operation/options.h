@@ -27,6 +27,7 @@ struct ServeOptions {
     std::string tlsKey;
     std::string caFolder;
     bool noPeer = false;
+    bool lockMemory = false;
 
     size_t bodyBytes = size_t{16} << 20;
     size_t parameterBytes = 0;  // 0: as the body
