@@ -42,6 +42,15 @@ uint32_t load32(const char* bytes)
     return value;
 }
 
+constexpr size_t LINE = 64;
+bool isZero(const char* line)
+{
+    uint64_t bits = load64(line);
+    for (size_t i = 8; bits == 0 && i < LINE; i += 8)
+        bits |= load64(line + i);
+    return bits == 0;
+}
+
 constexpr char STANDARD[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr char URL[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
@@ -266,6 +275,11 @@ void RangeScan::scan(const Bytes& bytes, const Mapping& mapping)
     const uint64_t* const filter = m_marks.m_filter.data();
     const char* seen = begin;  // what begins before is in a trace
     for (const char* at = begin + (0 - bytes.there) % STRIDE; at + WINDOW <= end; at += STRIDE) {
+        // Much of a process's memory was never written to. No piece lies there.
+        while (at + LINE <= end && isZero(at))
+            at += LINE;
+        if (at + WINDOW > end)
+            break;
         const size_t bit = m_marks.filterBit(at);
         if ((filter[bit / 64] >> bit % 64 & 1) == 0)
             continue;

@@ -24,6 +24,13 @@ using secrets::Scene;
 
 namespace {
 
+// Each is a program of its own.
+#ifdef CORVANE_NO_REUSE
+constexpr Heap HEAP = Heap::Kept;
+#else
+constexpr Heap HEAP = Heap::Ordinary;
+#endif
+
 constexpr size_t SIZE = 48;  // of the secrets where the size does not matter
 
 bool isSecret(const secrets::Parameter& parameter)
@@ -52,7 +59,7 @@ std::vector<Request> requestsWithSecrets()
     return found;
 }
 
-class PluginSecrets : public ::testing::TestWithParam<Heap> {
+class Secrets : public ::testing::Test {
 protected:
     // The functions that set a scene up are bound at their first calls: see Scene.
     static void SetUpTestSuite() { Scene(secrets::requests[0], SIZE).traces(); }
@@ -65,7 +72,7 @@ protected:
     // Sends the request as the scene has it, and scans.
     void play(Scene& scene, const Request& request, const std::string& what)
     {
-        scene.send(GetParam());
+        scene.send(HEAP);
         findings.add(std::string(request.label) + ": " + what, scene.traces());
     }
 
@@ -80,15 +87,7 @@ protected:
     Findings findings;
 };
 
-std::string nameOfHeap(const ::testing::TestParamInfo<Heap>& info)
-{
-    return info.param == Heap::Ordinary ? "OrdinaryHeap" : "KeptHeap";
-}
-
-INSTANTIATE_TEST_SUITE_P(Plugin, PluginSecrets, ::testing::Values(Heap::Ordinary, Heap::Kept),
-                         nameOfHeap);
-
-TEST_P(PluginSecrets, LeaveNothingIfAParameterIsWrong)
+TEST_F(Secrets, LeaveNothingIfAParameterIsWrong)
 {
     for (const Request& request : requestsWithSecrets())
         for (size_t place = 0; place < request.parameters.size(); ++place) {
@@ -106,7 +105,7 @@ TEST_P(PluginSecrets, LeaveNothingIfAParameterIsWrong)
         }
 }
 
-TEST_P(PluginSecrets, LeaveNothingIfACallFails)
+TEST_F(Secrets, LeaveNothingIfACallFails)
 {
     for (const Request& request : requestsWithSecrets()) {
         const std::vector<CallMade> calls = callsOf(request);
@@ -124,7 +123,7 @@ TEST_P(PluginSecrets, LeaveNothingIfACallFails)
     }
 }
 
-TEST_P(PluginSecrets, LeaveNothingIfALibraryLacksAFunction)
+TEST_F(Secrets, LeaveNothingIfALibraryLacksAFunction)
 {
     for (const Request& request : requestsWithSecrets()) {
         std::vector<const char*> functions;
@@ -143,7 +142,7 @@ TEST_P(PluginSecrets, LeaveNothingIfALibraryLacksAFunction)
     }
 }
 
-TEST_P(PluginSecrets, LeaveNothingWithoutAnEngine)
+TEST_F(Secrets, LeaveNothingWithoutAnEngine)
 {
     libraries.engineMissing = true;
     initialise();
@@ -155,7 +154,7 @@ TEST_P(PluginSecrets, LeaveNothingWithoutAnEngine)
 }
 
 // Small secrets, and ones whose buffers a string outgrows.
-TEST_P(PluginSecrets, LeaveNothingIfAnAllocationFails)
+TEST_F(Secrets, LeaveNothingIfAnAllocationFails)
 {
     for (const Request& request : requestsWithSecrets())
         for (const size_t size : {size_t{14}, SIZE, size_t{20000}}) {
@@ -164,7 +163,7 @@ TEST_P(PluginSecrets, LeaveNothingIfAnAllocationFails)
                 Scene scene(request, size);
                 {
                     const secrets::FailedAllocation failed(n);
-                    scene.send(GetParam());
+                    scene.send(HEAP);
                     struck = failed.struck();
                 }
                 findings.add(std::string(request.label) + ": " + std::to_string(size) +
@@ -176,7 +175,7 @@ TEST_P(PluginSecrets, LeaveNothingIfAnAllocationFails)
 
 // Around what a string keeps in itself, what vectors take at once and what the heap maps. The last
 // of the tests, as the heap stays large.
-TEST_P(PluginSecrets, LeaveNothingAtAnySize)
+TEST_F(Secrets, LeaveNothingAtAnySize)
 {
     for (const Request& request : secrets::requests)
         for (const size_t size : {12, 13, 14, 15, 16, 17, 18,  22,   23,   24,    31,    32,
@@ -189,7 +188,7 @@ TEST_P(PluginSecrets, LeaveNothingAtAnySize)
         }
 }
 
-TEST(PluginSecretsTable, HasEveryRequest)
+TEST(SecretsTable, HasEveryRequest)
 {
     std::set<std::string> names;
     std::set<std::string> known;
@@ -201,7 +200,7 @@ TEST(PluginSecretsTable, HasEveryRequest)
 }
 
 // What the tests above would find if the plug-in did not wipe.
-TEST(PluginSecretsScan, FindsEverySecretThatIsNotWiped)
+TEST(SecretsScan, FindsEverySecretThatIsNotWiped)
 {
     constexpr size_t LONG_SIZE = 100;  // no secret is in a string itself, where others cover it
     Corvane_plugin_Init();
