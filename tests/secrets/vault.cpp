@@ -39,6 +39,19 @@ std::string_view encoded(std::string_view bytes, const char* last)
     return {text, size};
 }
 
+// Two digits for each byte, with a mark before them.
+std::string_view digitsOf(std::string_view bytes, const char* digits, char before)
+{
+    char* const text = take(bytes.size() * 3);
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(bytes[i]);
+        text[3 * i] = before;
+        text[3 * i + 1] = digits[byte >> 4];
+        text[3 * i + 2] = digits[byte & 15];
+    }
+    return {text, bytes.size() * 3};
+}
+
 }  // namespace
 
 char* take(size_t size)
@@ -103,15 +116,12 @@ std::string_view urlBase64(std::string_view bytes)
 
 std::string_view percentEscaped(std::string_view bytes)
 {
-    static const char digits[] = "0123456789ABCDEF";
-    char* const text = take(bytes.size() * 3);
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(bytes[i]);
-        text[3 * i] = '%';
-        text[3 * i + 1] = digits[byte >> 4];
-        text[3 * i + 2] = digits[byte & 15];
-    }
-    return {text, bytes.size() * 3};
+    return digitsOf(bytes, "0123456789ABCDEF", '%');
+}
+
+std::string_view hexDigits(std::string_view bytes)
+{
+    return digitsOf(bytes, "0123456789abcdef", ' ');
 }
 
 uint64_t seed()

@@ -23,6 +23,7 @@ std::string_view repeated(std::string_view bytes, size_t size);
 std::string_view base64(std::string_view bytes);
 std::string_view urlBase64(std::string_view bytes);
 std::string_view percentEscaped(std::string_view bytes);  // every byte
+std::string_view hexDigits(std::string_view bytes);       // as in a dump
 
 // Of the random bytes: CORVANE_SECRETS_SEED, or another in each run.
 uint64_t seed();
