@@ -241,16 +241,18 @@ Outer::Owner seal(const Engine& engine, const ContentCipher& cipher, const Certi
 // ---- Opening.
 
 // Whether the recipient's content key opens and has the right size for the cipher; then
-// it is in `contentKey`. With RSA, the time does not tell which.
+// it is in `contentKey`.
 bool openContentKey(const Engine& engine, const Key& key, const RecipientForm& recipient,
                     const Transport& transport, SecretBytes& contentKey)
 {
     const Bytes sealed = contentOf(recipient.key);
-    if (key.kind == AVEN_KEY_RSA)
-        return rsaDecryptSecret(engine, key, transport.rsaPadding, sealed, contentKey);
+    // The other paddings open nothing but what was sealed so: how they fail tells nobody anything.
+    if (key.kind == AVEN_KEY_RSA && transport.rsaPadding.number == AVEN_RSA_PKCS1)
+        return rsaDecryptSecret(engine, key, sealed, contentKey);
     SecretBytes opened;
     try {
-        opened = sm2DecryptAnyForm(engine, key, sealed);
+        opened = key.kind == AVEN_KEY_RSA ? rsaDecrypt(engine, key, transport.rsaPadding, sealed)
+                                          : sm2DecryptAnyForm(engine, key, sealed);
     } catch (const Failure& failure) {
         if (failure.code != AVEN_E_DECRYPTION)
             throw;

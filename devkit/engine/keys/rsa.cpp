@@ -25,24 +25,6 @@ size_t paddingSize(const RsaPadding& padding)
     return 2 * digest + 2;
 }
 
-// Decrypts into `out`, which is as long as the modulus, as is `in`. Returns 1 if the padding was
-// right, with the length in `size`, and 0 in the same time if not; then `size` is out.size().
-unsigned decrypt(const Engine& engine, const Key& key, const RsaPadding& padding, Bytes in,
-                 SecretBytes& out, size_t& size)
-{
-    const LibraryRandomness randomness(engine);
-    const PKeyContext context = contextFor(engine, key);
-    require(EVP_PKEY_decrypt_init(context.get()) == 1, AVEN_E_INTERNAL);
-    setPadding(context.get(), padding);
-    size = out.size();
-    return EVP_PKEY_decrypt(context.get(), out.data(), &size, in.data, in.size) == 1 ? 1 : 0;
-}
-
-size_t modulusSize(const Key& key)
-{
-    return static_cast<size_t>(EVP_PKEY_get_size(key.pkey.get()));
-}
-
 }  // namespace
 
 std::vector<unsigned char> rsaEncrypt(const Engine& engine, const Key& key,
@@ -50,7 +32,7 @@ std::vector<unsigned char> rsaEncrypt(const Engine& engine, const Key& key,
 {
     const LibraryRandomness randomness(engine);
     const PKeyContext context = contextFor(engine, key);
-    std::vector<unsigned char> out(modulusSize(key));
+    std::vector<unsigned char> out(static_cast<size_t>(EVP_PKEY_get_size(key.pkey.get())));
     require(in.size + paddingSize(padding) <= out.size(), AVEN_E_INPUT_TOO_LONG);
 
     require(EVP_PKEY_encrypt_init(context.get()) == 1, AVEN_E_INTERNAL);
@@ -66,24 +48,35 @@ std::vector<unsigned char> rsaEncrypt(const Engine& engine, const Key& key,
 // with PKCS#1 v1.5 a caller who passes this answer on to strangers gives them an oracle.
 SecretBytes rsaDecrypt(const Engine& engine, const Key& key, const RsaPadding& padding, Bytes in)
 {
-    SecretBytes out(modulusSize(key));
+    const LibraryRandomness randomness(engine);
+    const PKeyContext context = contextFor(engine, key);
+    SecretBytes out(static_cast<size_t>(EVP_PKEY_get_size(key.pkey.get())));
     require(in.size == out.size(), AVEN_E_DECRYPTION);
-    size_t size = 0;
-    require(decrypt(engine, key, padding, in, out, size) == 1, AVEN_E_DECRYPTION);
+
+    require(EVP_PKEY_decrypt_init(context.get()) == 1, AVEN_E_INTERNAL);
+    setPadding(context.get(), padding);
+    size_t size = out.size();
+    require(EVP_PKEY_decrypt(context.get(), out.data(), &size, in.data, in.size) == 1,
+            AVEN_E_DECRYPTION);
     out.resize(size);
     return out;
 }
 
-bool rsaDecryptSecret(const Engine& engine, const Key& key, const RsaPadding& padding, Bytes in,
-                      SecretBytes& secret)
+bool rsaDecryptSecret(const Engine& engine, const Key& key, Bytes in, SecretBytes& secret)
 {
-    SecretBytes out(modulusSize(key));
+    const LibraryRandomness randomness(engine);
+    const PKeyContext context = contextFor(engine, key);
+    SecretBytes out(static_cast<size_t>(EVP_PKEY_get_size(key.pkey.get())));
     if (in.size != out.size())
         return false;
     require(secret.size() <= out.size(), AVEN_E_INTERNAL);
-    size_t size = 0;
-    const unsigned padded = decrypt(engine, key, padding, in, out, size);
-    const unsigned right = padded & static_cast<unsigned>(size == secret.size());
+
+    require(EVP_PKEY_decrypt_init(context.get()) == 1, AVEN_E_INTERNAL);
+    setPadding(context.get(), {AVEN_RSA_PKCS1});
+    size_t size = out.size();
+    const int result = EVP_PKEY_decrypt(context.get(), out.data(), &size, in.data, in.size);
+    const unsigned right =
+        static_cast<unsigned>(result == 1) & static_cast<unsigned>(size == secret.size());
     const unsigned mask = 0 - right;
     for (size_t i = 0; i < secret.size(); ++i)
         secret[i] = static_cast<unsigned char>((out[i] & mask) | (secret[i] & ~mask));

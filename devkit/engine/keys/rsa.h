@@ -22,10 +22,9 @@ std::vector<unsigned char> rsaEncrypt(const Engine& engine, const Key& key,
 // Throws AVEN_E_DECRYPTION whatever is wrong.
 SecretBytes rsaDecrypt(const Engine& engine, const Key& key, const RsaPadding& padding, Bytes in);
 
-// The same for a secret that must be as long as `secret`. Returns false, and leaves `secret` as
-// it is, if anything is wrong with the ciphertext; if that is as long as the modulus, this takes
+// Under PKCS#1 v1.5, a secret that must be as long as `secret`. Returns false, and leaves `secret`
+// as it is, if anything is wrong with the ciphertext; if that is as long as the modulus, this takes
 // the same time as success.
-bool rsaDecryptSecret(const Engine& engine, const Key& key, const RsaPadding& padding, Bytes in,
-                      SecretBytes& secret);
+bool rsaDecryptSecret(const Engine& engine, const Key& key, Bytes in, SecretBytes& secret);
 
 #endif

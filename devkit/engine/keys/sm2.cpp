@@ -154,7 +154,7 @@ std::vector<unsigned char> sm2Encrypt(const Engine& engine, const Key& key, Sm2F
         require(cipher.readAs(SM2_STANDARD_FORM.digestFirst), AVEN_E_INTERNAL);
         // The standard wants another try if all of the key stream is zero, as happens
         // with the shortest of texts. libcrypto does not look.
-        if (CRYPTO_memcmp(cipher.parts().data.data, in.data, in.size) != 0)
+        if (memcmp(cipher.parts().data.data, in.data, in.size) != 0)
             return encoded(cipher.parts(), form);
     }
 }
