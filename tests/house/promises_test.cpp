@@ -45,8 +45,8 @@ bool isCase(const std::string& name)
 bool isProgram(const std::string& name)
 {
     static const std::string lists = textOf(std::regex("CMakeLists\\.txt"));
-    return std::regex_search(
-        lists, std::regex("(corvane_test|add_executable)\\(" + patternOf(name) + "[ )]"));
+    return std::regex_search(lists, std::regex("(corvane_test|add_executable|\\w+_program)\\(" +
+                                               patternOf(name) + "[ )]"));
 }
 
 // A file with what it is given, a test's case, or a program.
