@@ -7,9 +7,7 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <string>
-#include <system_error>
 
 namespace {
 
@@ -28,11 +26,12 @@ void lockMemory()
     rlimit limit = {};
     getrlimit(RLIMIT_MEMLOCK, &limit);
     limit.rlim_cur = limit.rlim_max;
-    if (!mayLockAll() && limit.rlim_max != RLIM_INFINITY)
-        throw LockError("--lock-memory: only " + std::to_string(limit.rlim_max) +
-                        " bytes may be locked; the limit RLIMIT_MEMLOCK has to be unlimited "
-                        "(systemd: LimitMEMLOCK=infinity; shell: ulimit -l unlimited)");
+    const bool isLimited = !mayLockAll() && limit.rlim_max != RLIM_INFINITY;
     setrlimit(RLIMIT_MEMLOCK, &limit);
-    if (mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) != 0)
-        throw LockError("--lock-memory: " + std::generic_category().message(errno));
+    if (isLimited || mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) != 0)
+        throw LockError("--lock-memory: memory cannot be locked; the limit RLIMIT_MEMLOCK is " +
+                        (limit.rlim_max == RLIM_INFINITY ? std::string("off")
+                                                         : std::to_string(limit.rlim_max)) +
+                        " and has to be off (systemd: LimitMEMLOCK=infinity; shell: ulimit -l "
+                        "unlimited)");
 }

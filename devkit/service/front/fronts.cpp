@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "common/failure.h"
+#include "service/http/tls_memory.h"
 
 namespace {
 
@@ -35,6 +36,8 @@ Fronts::Fronts(EventLoop& loop, const ServeOptions& options, Service& service, M
       m_calls(service, log, m_shared.limits)
 {
     ListeningSocket listening = listenAt(options);
+    if (!options.tlsCert.empty())
+        wipeTlsMemory();
     m_place = std::move(listening.place);
     m_file.emplace(std::move(listening.file));
     if (options.frontThreads == 1) {
