@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "common/codec.h"
+#include "peer/certificates.h"
 #include "support/memory_scan.h"
 #include "support/served_host.h"
 #include "support/shell.h"
@@ -55,6 +56,7 @@ public:
         m_marks.add(name, secret);
         return secret;
     }
+    void add(const std::string& name, const std::string& bytes) { m_marks.add(name, bytes); }
     void mark(const std::string& name, const std::string& text) { m_marks.addText(name, text); }
     const Marks& marks() const { return m_marks; }
 
@@ -79,6 +81,14 @@ Json inBase64(const std::string& bytes)
 std::string part(const std::string& disposition, const std::string& content)
 {
     return "--B\r\nContent-Disposition: form-data; " + disposition + "\r\n\r\n" + content + "\r\n";
+}
+
+std::string privateDer(const Credential& credential)
+{
+    std::string der(static_cast<size_t>(i2d_PrivateKey(credential.key.get(), nullptr)), '\0');
+    auto* out = reinterpret_cast<unsigned char*>(der.data());
+    i2d_PrivateKey(credential.key.get(), &out);
+    return der;
 }
 
 // The bytes of one request each, for a connection that stays open.
@@ -328,19 +338,53 @@ void ServeMemory::sendOdd(const ServedHost& host)
                        .status);
 }
 
+// A whole exchange, and what is then sent each way.
 void ServeMemory::useSession(const ServedHost& host)
 {
+    const auto ask = [&](const std::string& path, const Json& members) {
+        return host.ask("POST", path, jsonType, members.dump());
+    };
     const std::string session = host.request("QZaven_ke_new").result("Data");
     ASSERT_NE("", session);
     m_secrets.mark("session", session);
-    host.ask("POST", pathOf("QZaven_ke_hmac"), {jsonType[0], {"X-Corvane-Session", session}},
-             Json{{"strKe", session}, {"strdata", inBase64(m_secrets.bytes("early", 40))}}.dump());
-    const std::string password = m_secrets.text("password", 14);
-    host.request("QZaven_ke_set_public_key",
-                 {{"strKe", session},
-                  {"strSig_key", inBase64(m_secrets.bytes("no key", 100))},
-                  {"strPassword", {{"text", password}}}});
-    EXPECT_EQ(200, host.request("QZaven_ke_free", {{"strKe", session}}).status);
+    const auto request = [&](const std::string& name, Json parameters) {
+        parameters["strKe"] = session;
+        const HttpAnswer answer = host.request("QZaven_ke_" + name, parameters);
+        EXPECT_EQ("0", answer.result("errorCode")) << name << answer.body;
+        return answer.result("Data");
+    };
+    const Credential client = makeRoot(rootPlan(), KeyKind::Sm2);
+    const std::string root = ask("/v1/peer/root", Json::object()).result("root");
+    const std::string certificate = toDer(client.certificate.get());
+    const std::string key = privateDer(client);
+    m_secrets.add("private key", key.substr(7, 32));
+    request("set_public_key", {{"strSig_key", inBase64(key)}, {"strEnc_key", inBase64(key)}});
+    request("set_certificate",
+            {{"strSig_cert", inBase64(certificate)}, {"strEnc_cert", inBase64(certificate)}});
+    request("set_root_certificate", {{"strCa_file", {{"base64", root}}}});
+    const HttpAnswer begun =
+        ask("/v1/peer/answer", {{"hello", request("client_hello", Json::object())}});
+    const std::string exchange = begun.result("exchange");
+    Json server;
+    for (const char* name :
+         {"strSrvr_rand", "strSrvr_sig_cert", "strSrvr_enc_cert", "strSrvr_sign"})
+        server[name] = begun.result(name);
+    const std::string message = request("client_key_exchange", server);
+    ask("/v1/peer/finish", {{"exchange", exchange}, {"message", message}});
+
+    for (const size_t size : {size_t{14}, size_t{500}, size_t{5000}}) {
+        const std::string there = m_secrets.bytes("for the server", size);
+        const std::string sealed = request("encrypt", {{"strdata", inBase64(there)}});
+        const HttpAnswer opened =
+            ask("/v1/peer/decrypt", {{"exchange", exchange}, {"data", sealed}});
+        EXPECT_EQ(there, fromBase64(opened.result("Data")).value_or(""));
+        const std::string back = m_secrets.bytes("for the client", size);
+        const HttpAnswer answer =
+            ask("/v1/peer/encrypt", {{"exchange", exchange}, {"data", toUrlBase64(back)}});
+        const std::string got = request("decrypt", {{"strcipher", answer.result("Data")}});
+        EXPECT_EQ(back, fromBase64(got).value_or(""));
+    }
+    request("free", Json::object());
     EXPECT_NE(200, host.request("QZaven_ke_hmac", {{"strKe", session}}).status);
 }
 

@@ -142,7 +142,8 @@ MHD_Result Server::takePiece(Exchange& exchange, std::string_view piece)
         cutOff(exchange.connection, &refusal);
         return MHD_NO;
     }
-    // An announced one in one piece of memory, at once.
+    // The library's own bytes are not ours to write. It overwrites them when the answer has gone.
+    // An announced body in one piece of memory, at once.
     if (exchange.body.empty())
         exchange.body.reserve(exchange.headers.bodySize());
     appendSecret(exchange.body, piece);
