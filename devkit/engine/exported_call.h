@@ -14,6 +14,7 @@
 #include "engine_log.h"
 #include "errors.h"
 #include "faults.h"
+#include "secret_bytes.h"
 
 // Holds the running engine for the length of a call: aven_global_cleanup waits for the
 // calls that are under way. Also keeps what the call leaves in libcrypto's error queue
@@ -42,9 +43,27 @@ void clearResult(Result* result)
 
 inline void clearResult(std::nullptr_t) {}
 
+// Runs `body` in a frame of its own, so that the caller can wipe that. Returns the code of what it
+// throws.
+template <class Body>
+[[gnu::noinline]] int codeOf(Body& body) noexcept
+{
+    try {
+        body();
+    } catch (const Failure& failure) {
+        return failure.code;
+    } catch (const std::bad_alloc&) {
+        return AVEN_E_NO_MEMORY;
+    } catch (...) {
+        return AVEN_E_INTERNAL;
+    }
+    return AVEN_OK;
+}
+
 // Turns whatever `body` throws into a code and logs it. Nothing is thrown beyond this
-// frame. `result` is where the call stores its length or handle, null if it has none: a
-// fault on request keeps the body from running and clears the result.
+// frame, and nothing of `body` is left on the stack. `result` is where the call stores its length
+// or handle, null if it has none: a fault on request keeps the body from running and clears the
+// result.
 template <class Result, class Body>
 int guarded(const char* function, Result result, Body body) noexcept
 {
@@ -53,16 +72,8 @@ int guarded(const char* function, Result result, Body body) noexcept
         return fault->code;
     }
 
-    int code = AVEN_OK;
-    try {
-        body();
-    } catch (const Failure& failure) {
-        code = failure.code;
-    } catch (const std::bad_alloc&) {
-        code = AVEN_E_NO_MEMORY;
-    } catch (...) {
-        code = AVEN_E_INTERNAL;
-    }
+    const int code = codeOf(body);
+    wipeStack<STACK_OF_CALL>();
     if (code != AVEN_OK)
         logLine("%s: %d %s", function, code, errorName(code));
     return code;

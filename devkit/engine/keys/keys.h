@@ -16,6 +16,7 @@
 #include "engine/buffers.h"
 #include "engine/engine.h"
 #include "engine/handle_table.h"
+#include "engine/secret_bytes.h"
 
 using PKey = Owned<EVP_PKEY_free, EVP_PKEY>;
 using X509Certificate = Owned<X509_free, X509>;
@@ -68,11 +69,15 @@ std::shared_ptr<const Certificate> certificateOf(const Engine& engine, const voi
 
 // Stands where a function draws randomness inside libcrypto, as every use of a private
 // key does: gives the thread's generators back at the end of the scope (see
-// Engine::random).
+// Engine::random), and wipes the stack as far down as such a use goes.
 class LibraryRandomness {
 public:
     explicit LibraryRandomness(const Engine& engine) : m_library(engine.library()) {}
-    ~LibraryRandomness() { OPENSSL_thread_stop_ex(m_library); }
+    ~LibraryRandomness()
+    {
+        OPENSSL_thread_stop_ex(m_library);
+        wipeStack<STACK_OF_KEY_USE>();
+    }
     LibraryRandomness(const LibraryRandomness&) = delete;
     LibraryRandomness& operator=(const LibraryRandomness&) = delete;
 
