@@ -108,8 +108,9 @@ Engine::Engine() : m_library(OSSL_LIB_CTX_new())
 
     m_hmac.reset(EVP_MAC_fetch(library(), "HMAC", nullptr));
     m_cmac.reset(EVP_MAC_fetch(library(), "CMAC", nullptr));
+    m_sm2Curve.reset(EC_GROUP_new_by_curve_name_ex(library(), nullptr, NID_sm2));
     m_primary = RAND_get0_primary(library());
-    require(m_hmac != nullptr && m_cmac != nullptr, AVEN_E_START);
+    require(m_hmac != nullptr && m_cmac != nullptr && m_sm2Curve != nullptr, AVEN_E_START);
     require(m_primary != nullptr, AVEN_E_RANDOM);
 
     for (int h = 0; h < HASHES; ++h)

@@ -7,6 +7,7 @@
 #ifndef CORVANE_ENGINE_ENGINE_H
 #define CORVANE_ENGINE_ENGINE_H
 
+#include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/provider.h>
 
@@ -61,6 +62,8 @@ public:
     const EVP_MAC_CTX* preparedHmac(int hash) const { return m_hmacs[hash - 1].get(); }
     const EVP_MAC_CTX* preparedCmac(int cipher) const { return m_cmacs[cipher - 1].get(); }
 
+    const EC_GROUP* sm2Curve() const { return m_sm2Curve.get(); }
+
     // Fills `out` from the context's primary generator, which is locked and reseeds
     // itself. RAND_bytes_ex would give each calling thread a generator of its own in
     // this context, which libcrypto frees when the thread ends, be it after the
@@ -82,6 +85,7 @@ private:
     Owned<EVP_CIPHER_free, EVP_CIPHER> m_ciphers[CIPHERS][MODES];
     Owned<EVP_MAC_free, EVP_MAC> m_hmac;
     Owned<EVP_MAC_free, EVP_MAC> m_cmac;
+    Owned<EC_GROUP_free, EC_GROUP> m_sm2Curve;
     MacContext m_hmacs[HASHES];
     MacContext m_cmacs[CIPHERS];
     EVP_RAND_CTX* m_primary = nullptr;  // the library context's

@@ -55,12 +55,22 @@ struct EcPrivateForm {
     ASN1_TYPE* curve;        // may be null
     ASN1_BIT_STRING* point;  // may be null
 };
-ASN1_SEQUENCE(EcPrivateForm) = {
+// Wipes the scalar before it is freed, also where reading has failed behind it.
+int beforeEcPrivateFormEnds(int operation, ASN1_VALUE** form, const ASN1_ITEM*, void*)
+{
+    if (operation == ASN1_OP_FREE_PRE) {
+        ASN1_OCTET_STRING* scalar = reinterpret_cast<EcPrivateForm*>(*form)->scalar;
+        if (scalar != nullptr)
+            OPENSSL_cleanse(scalar->data, static_cast<size_t>(scalar->length));
+    }
+    return 1;
+}
+ASN1_SEQUENCE_cb(EcPrivateForm, beforeEcPrivateFormEnds) = {
     ASN1_SIMPLE(EcPrivateForm, version, ASN1_INTEGER),
     ASN1_SIMPLE(EcPrivateForm, scalar, ASN1_OCTET_STRING),
     ASN1_EXP_OPT(EcPrivateForm, curve, ASN1_ANY, 0),
     ASN1_EXP_OPT(EcPrivateForm, point, ASN1_BIT_STRING, 1)
-} static_ASN1_SEQUENCE_END(EcPrivateForm)
+} static_ASN1_SEQUENCE_END_cb(EcPrivateForm, EcPrivateForm)
 
 struct PublicKeyForm {
     X509_ALGOR* algorithm;
@@ -79,7 +89,6 @@ using PublicKey = Asn1<PublicKeyForm, PublicKeyForm_it>;
 
 using Number = Owned<BN_clear_free, BIGNUM>;
 using Numbers = Owned<BN_CTX_free, BN_CTX>;
-using Curve = Owned<EC_GROUP_free, EC_GROUP>;
 using Point = Owned<EC_POINT_free, EC_POINT>;
 
 // ---- From numbers to libcrypto's keys.
@@ -190,13 +199,6 @@ Key rsaPrivateKey(const Engine& engine, Bytes der)
     return {AVEN_KEY_RSA, maker.make(engine, "RSA", EVP_PKEY_KEYPAIR)};
 }
 
-Curve sm2Curve(const Engine& engine)
-{
-    Curve curve(EC_GROUP_new_by_curve_name_ex(engine.library(), nullptr, NID_sm2));
-    require(curve != nullptr, AVEN_E_NO_MEMORY);
-    return curve;
-}
-
 // The point that `encoded` stands for, which is on the curve and not at infinity.
 Point decodePoint(const EC_GROUP* curve, Bytes encoded, BN_CTX* numbers)
 {
@@ -208,12 +210,11 @@ Point decodePoint(const EC_GROUP* curve, Bytes encoded, BN_CTX* numbers)
     return point;
 }
 
-Key sm2Key(const Engine& engine, const EC_GROUP* curve, const EC_POINT* point, const BIGNUM* scalar,
-           BN_CTX* numbers)
+Key sm2Key(const Engine& engine, const EC_POINT* point, const BIGNUM* scalar, BN_CTX* numbers)
 {
     unsigned char encoded[65];
-    require(EC_POINT_point2oct(curve, point, POINT_CONVERSION_UNCOMPRESSED, encoded, sizeof encoded,
-                               numbers) == sizeof encoded,
+    require(EC_POINT_point2oct(engine.sm2Curve(), point, POINT_CONVERSION_UNCOMPRESSED, encoded,
+                               sizeof encoded, numbers) == sizeof encoded,
             AVEN_E_INTERNAL);
     KeyMaker maker;
     maker.add(OSSL_PKEY_PARAM_GROUP_NAME, "SM2");
@@ -228,9 +229,8 @@ Key sm2PublicKey(const Engine& engine, Bytes encodedPoint)
 {
     const Numbers numbers(BN_CTX_new_ex(engine.library()));
     require(numbers != nullptr, AVEN_E_NO_MEMORY);
-    const Curve curve = sm2Curve(engine);
-    const Point point = decodePoint(curve.get(), encodedPoint, numbers.get());
-    return sm2Key(engine, curve.get(), point.get(), nullptr, numbers.get());
+    const Point point = decodePoint(engine.sm2Curve(), encodedPoint, numbers.get());
+    return sm2Key(engine, point.get(), nullptr, numbers.get());
 }
 
 // The public point is computed from the scalar; one in the text must be the same.
@@ -240,28 +240,27 @@ Key sm2PrivateKey(const Engine& engine, const EcPrivateForm& form)
     const Number scalar(BN_secure_new());
     const Number limit(BN_new());
     require(numbers != nullptr && scalar != nullptr && limit != nullptr, AVEN_E_NO_MEMORY);
-    const Curve curve = sm2Curve(engine);
+    const EC_GROUP* curve = engine.sm2Curve();
 
     // GB/T 32918.1: 1 to order - 2.
     const Bytes encoded = contentOf(form.scalar);
     require(encoded.size <= 32, AVEN_E_KEY_INVALID);
     require(BN_bin2bn(encoded.data, static_cast<int>(encoded.size), scalar.get()) != nullptr &&
-                BN_copy(limit.get(), EC_GROUP_get0_order(curve.get())) != nullptr &&
+                BN_copy(limit.get(), EC_GROUP_get0_order(curve)) != nullptr &&
                 BN_sub_word(limit.get(), 1) == 1,
             AVEN_E_NO_MEMORY);
     require(!BN_is_zero(scalar.get()) && BN_cmp(scalar.get(), limit.get()) < 0, AVEN_E_KEY_INVALID);
 
-    const Point point(EC_POINT_new(curve.get()));
+    const Point point(EC_POINT_new(curve));
     require(point != nullptr, AVEN_E_NO_MEMORY);
-    require(
-        EC_POINT_mul(curve.get(), point.get(), scalar.get(), nullptr, nullptr, numbers.get()) == 1,
-        AVEN_E_INTERNAL);
+    require(EC_POINT_mul(curve, point.get(), scalar.get(), nullptr, nullptr, numbers.get()) == 1,
+            AVEN_E_INTERNAL);
     if (form.point != nullptr) {
-        const Point given = decodePoint(curve.get(), contentOf(form.point), numbers.get());
-        require(EC_POINT_cmp(curve.get(), point.get(), given.get(), numbers.get()) == 0,
+        const Point given = decodePoint(curve, contentOf(form.point), numbers.get());
+        require(EC_POINT_cmp(curve, point.get(), given.get(), numbers.get()) == 0,
                 AVEN_E_KEY_INVALID);
     }
-    return sm2Key(engine, curve.get(), point.get(), scalar.get(), numbers.get());
+    return sm2Key(engine, point.get(), scalar.get(), numbers.get());
 }
 
 // ---- From DER to numbers.
@@ -290,7 +289,6 @@ int kindOf(const X509_ALGOR* algorithm)
 Key ecPrivateKey(const Engine& engine, Bytes der, bool curveIsKnown)
 {
     const EcPrivate::Owner form = EcPrivate::read(der, AVEN_E_KEY_TEXT, AVEN_E_KEY_TEXT);
-    const WipeUnlessKept wipe(form->scalar->data, static_cast<size_t>(form->scalar->length));
     require(ASN1_INTEGER_get(form->version) == 1, AVEN_E_KEY_TEXT);
 
     const ASN1_TYPE* curve = form->curve;

@@ -1,8 +1,14 @@
 #include "sm2.h"
 
+#include <openssl/core_names.h>
+#include <openssl/ec.h>
+#include <openssl/params.h>
+
+#include <algorithm>
 #include <cstring>
 
 #include "engine/asn1_form.h"
+#include "engine/kdf.h"
 
 namespace {
 
@@ -103,17 +109,166 @@ private:
     Parts m_parts = {};
 };
 
-// Returns whether the ciphertext's digest was right.
+// ---- The arithmetic. libcrypto's own encryption and decryption leave in freed memory what takes a
+// ciphertext apart: the shared point and the key stream.
+
+using Number = Owned<BN_clear_free, BIGNUM>;
+using Numbers = Owned<BN_CTX_free, BN_CTX>;
+using Point = Owned<EC_POINT_clear_free, EC_POINT>;
+
+Number makeNumber()
+{
+    Number number(BN_secure_new());
+    require(number != nullptr, AVEN_E_NO_MEMORY);
+    return number;
+}
+
+Number numberOf(const unsigned char* bytes)
+{
+    Number number = makeNumber();
+    require(BN_bin2bn(bytes, COORDINATE, number.get()) != nullptr, AVEN_E_NO_MEMORY);
+    return number;
+}
+
+// For points on the curve, and numbers in which secrets are computed.
+class Arithmetic {
+public:
+    explicit Arithmetic(const Engine& engine)
+        : m_curve(engine.sm2Curve()), m_numbers(BN_CTX_secure_new_ex(engine.library()))
+    {
+        require(m_numbers != nullptr, AVEN_E_NO_MEMORY);
+    }
+
+    Point makePoint() const
+    {
+        Point point(EC_POINT_new(m_curve));
+        require(point != nullptr, AVEN_E_NO_MEMORY);
+        return point;
+    }
+
+    // Null if there is no such point.
+    Point pointAt(const Parts& parts) const
+    {
+        const Number x = numberOf(parts.x), y = numberOf(parts.y);
+        Point point = makePoint();
+        if (EC_POINT_set_affine_coordinates(m_curve, point.get(), x.get(), y.get(),
+                                            m_numbers.get()) != 1)
+            return nullptr;
+        return point;
+    }
+
+    // `factor` times the point, or the base point if that is null. The time does not depend on the
+    // factor. Writes 32 bytes each.
+    void multiply(const EC_POINT* point, const BIGNUM* factor, unsigned char* x,
+                  unsigned char* y) const
+    {
+        const Point product = makePoint();
+        const Number productX = makeNumber(), productY = makeNumber();
+        const BIGNUM* ofBase = point == nullptr ? factor : nullptr;
+        const BIGNUM* ofPoint = point == nullptr ? nullptr : factor;
+        require(
+            EC_POINT_mul(m_curve, product.get(), ofBase, point, ofPoint, m_numbers.get()) == 1 &&
+                EC_POINT_get_affine_coordinates(m_curve, product.get(), productX.get(),
+                                                productY.get(), m_numbers.get()) == 1 &&
+                BN_bn2binpad(productX.get(), x, COORDINATE) == COORDINATE &&
+                BN_bn2binpad(productY.get(), y, COORDINATE) == COORDINATE,
+            AVEN_E_INTERNAL);
+    }
+
+    // From 1 to the order - 1.
+    Number randomFactor(const Engine& engine) const
+    {
+        for (;;) {
+            SecretBytes bytes(COORDINATE);
+            engine.random(bytes.data(), bytes.size());
+            Number number = numberOf(bytes.data());
+            if (!BN_is_zero(number.get()) && BN_cmp(number.get(), EC_GROUP_get0_order(m_curve)) < 0)
+                return number;
+        }
+    }
+
+private:
+    const EC_GROUP* m_curve;
+    Numbers m_numbers;
+};
+
+Number scalarOf(const Key& key)
+{
+    SecretBytes bytes(COORDINATE);
+    OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_BN(OSSL_PKEY_PARAM_PRIV_KEY, bytes.data(), bytes.size()),
+        OSSL_PARAM_construct_end()};
+    Number scalar = makeNumber();
+    BIGNUM* place = scalar.get();
+    require(
+        EVP_PKEY_get_params(key.pkey.get(), params) == 1 && OSSL_PARAM_get_BN(params, &place) == 1,
+        AVEN_E_INTERNAL);
+    return scalar;
+}
+
+// The point of a public key.
+Parts publicPoint(const Key& key)
+{
+    unsigned char encodedPoint[POINT];
+    size_t size = 0;
+    require(EVP_PKEY_get_octet_string_param(key.pkey.get(), OSSL_PKEY_PARAM_PUB_KEY, encodedPoint,
+                                            sizeof encodedPoint, &size) == 1 &&
+                size == POINT,
+            AVEN_E_INTERNAL);
+    Parts parts = {};
+    memcpy(parts.x, encodedPoint + 1, COORDINATE);
+    memcpy(parts.y, encodedPoint + 1 + COORDINATE, COORDINATE);
+    return parts;
+}
+
+// What both sides compute: x || y of a point, from which everything else comes.
+using SharedPoint = SecretBytes;
+
+SharedPoint sharedPoint(const Arithmetic& arithmetic, const EC_POINT* point, const BIGNUM* factor)
+{
+    SharedPoint shared(2 * COORDINATE);
+    arithmetic.multiply(point, factor, shared.data(), shared.data() + COORDINATE);
+    return shared;
+}
+
+// C3: the hash of x || text || y.
+void digest(const Engine& engine, const SharedPoint& shared, Bytes text, unsigned char* out)
+{
+    const Owned<EVP_MD_free, EVP_MD> hash(EVP_MD_fetch(engine.library(), "SM3", nullptr));
+    const Owned<EVP_MD_CTX_free, EVP_MD_CTX> context(EVP_MD_CTX_new());
+    require(hash != nullptr && context != nullptr, AVEN_E_NO_MEMORY);
+    require(EVP_DigestInit_ex2(context.get(), hash.get(), nullptr) == 1 &&
+                EVP_DigestUpdate(context.get(), shared.data(), COORDINATE) == 1 &&
+                EVP_DigestUpdate(context.get(), text.data, text.size) == 1 &&
+                EVP_DigestUpdate(context.get(), shared.data() + COORDINATE, COORDINATE) == 1 &&
+                EVP_DigestFinal_ex(context.get(), out, nullptr) == 1,
+            AVEN_E_INTERNAL);
+}
+
+void xorInto(SecretBytes& stream, Bytes in)
+{
+    for (size_t i = 0; i < in.size; ++i)
+        stream[i] ^= in.data[i];
+}
+
+// Returns whether the ciphertext's digest was right; then the text is in `out`.
 bool open(const Engine& engine, const Key& key, const Parts& parts, SecretBytes& out)
 {
-    const std::vector<unsigned char> in = encoded(parts, SM2_STANDARD_FORM);
-    const PKeyContext context = contextFor(engine, key);
-    require(EVP_PKEY_decrypt_init(context.get()) == 1, AVEN_E_INTERNAL);
-    out.resize(in.size());
-    size_t size = out.size();
-    if (EVP_PKEY_decrypt(context.get(), out.data(), &size, in.data(), in.size()) != 1)
+    const Arithmetic arithmetic(engine);
+    const Point point = arithmetic.pointAt(parts);
+    if (point == nullptr)
         return false;
-    out.resize(size);
+    const SharedPoint shared = sharedPoint(arithmetic, point.get(), scalarOf(key).get());
+    SecretBytes text(parts.data.size);
+    deriveKey(engine, "SM3", view(shared), text.data(), text.size());
+    xorInto(text, parts.data);
+
+    unsigned char expected[DIGEST];
+    const WipeUnlessKept wipe(expected, sizeof expected);
+    digest(engine, shared, view(text), expected);
+    if (CRYPTO_memcmp(expected, parts.digest.data, DIGEST) != 0)
+        return false;
+    out.swap(text);
     return true;
 }
 
@@ -125,21 +280,6 @@ bool isAsn1(Bytes in)
     return in.data[0] == SEQUENCE;
 }
 
-// Returns libcrypto's, in SM2_STANDARD_FORM.
-std::vector<unsigned char> seal(const Engine& engine, const Key& key, Bytes in)
-{
-    const PKeyContext context = contextFor(engine, key);
-    size_t size = 0;
-    require(EVP_PKEY_encrypt_init(context.get()) == 1 &&
-                EVP_PKEY_encrypt(context.get(), nullptr, &size, in.data, in.size) == 1,
-            AVEN_E_INTERNAL);
-    std::vector<unsigned char> out(size);
-    require(EVP_PKEY_encrypt(context.get(), out.data(), &size, in.data, in.size) == 1,
-            AVEN_E_INTERNAL);
-    out.resize(size);
-    return out;
-}
-
 }  // namespace
 
 std::vector<unsigned char> sm2Encrypt(const Engine& engine, const Key& key, Sm2Form form, Bytes in)
@@ -148,14 +288,24 @@ std::vector<unsigned char> sm2Encrypt(const Engine& engine, const Key& key, Sm2F
     require(in.size > 0, AVEN_E_INPUT_EMPTY);
     require(in.size <= AVEN_KDF_MAX, AVEN_E_INPUT_TOO_LONG);
 
+    const Arithmetic arithmetic(engine);
+    const Point recipient = arithmetic.pointAt(publicPoint(key));
+    require(recipient != nullptr, AVEN_E_INTERNAL);
+    SecretBytes data(in.size);
+    unsigned char hash[DIGEST];
     for (;;) {
-        const std::vector<unsigned char> sealed = seal(engine, key, in);
-        Ciphertext cipher({sealed.data(), sealed.size()}, SM2_STANDARD_FORM.asn1);
-        require(cipher.readAs(SM2_STANDARD_FORM.digestFirst), AVEN_E_INTERNAL);
-        // The standard wants another try if all of the key stream is zero, as happens
-        // with the shortest of texts. libcrypto does not look.
-        if (memcmp(cipher.parts().data.data, in.data, in.size) != 0)
-            return encoded(cipher.parts(), form);
+        Parts parts = {{}, {}, {hash, DIGEST}, view(data)};
+        const Number factor = arithmetic.randomFactor(engine);
+        arithmetic.multiply(nullptr, factor.get(), parts.x, parts.y);
+        const SharedPoint shared = sharedPoint(arithmetic, recipient.get(), factor.get());
+        deriveKey(engine, "SM3", view(shared), data.data(), data.size());
+        // The standard wants another try if all of the key stream is zero, as happens with the
+        // shortest of texts.
+        if (std::all_of(data.begin(), data.end(), [](unsigned char byte) { return byte == 0; }))
+            continue;
+        xorInto(data, in);
+        digest(engine, shared, in, hash);
+        return encoded(parts, form);
     }
 }
 
