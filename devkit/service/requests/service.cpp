@@ -194,8 +194,9 @@ void Service::request(const std::string& name, const Addressee& to, const std::s
 void Service::batch(const Addressee& to, const std::string& contentType, SecretText body,
                     const Done& done)
 {
+    std::vector<BatchPart> read = readBatch(contentType, std::move(body), m_limits);
     std::vector<Part> parts;
-    for (BatchPart& part : readBatch(contentType, std::move(body), m_limits))
+    for (BatchPart& part : read)
         parts.push_back(check(part.name, to, part.fields, part.where));
     checkRoom(m_pool, parts.size());
 
@@ -220,7 +221,8 @@ void Service::peer(const std::string& step, const Addressee& to, const std::stri
 
     Task task;
     task.request.name = known->name;
-    for (Field& field : readBody(contentType, std::move(body), m_limits)) {
+    Fields fields = readBody(contentType, std::move(body), m_limits);
+    for (Field& field : fields) {
         if (field.given != Given::Plain)
             throw Refusal(Reason::not_for_peer, field.where);
         task.request.parameters.emplace_back(std::move(field.name), std::move(field.value));
