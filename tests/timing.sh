@@ -4,7 +4,7 @@
 # 2017): calls with inputs of two kinds in random order, and Welch's t-test over their times.
 #   tests/timing.sh [--samples N] [--private-samples N] [--only TEXT]
 # By default a million calls of each, a hundred thousand of those with a private key's operation:
-# some six minutes; an hour with --private-samples 1000000.
+# some eight minutes; an hour with --private-samples 1000000.
 #
 # Prints a line for each comparison. Beyond |t| = 4.5 it is measured anew, three times in all; it
 # leaks if |t| is beyond 4.5 each time. Two comparisons leak on purpose, to show that this is found.
