@@ -175,11 +175,12 @@ TEST_F(Secrets, LeaveNothingIfAnAllocationFails)
 
 // Around what a string keeps in itself, what vectors take at once and what the heap maps. The last
 // of the tests, as the heap stays large.
+constexpr size_t SIZES[] = {12, 13, 14, 15, 16, 17, 18,  22,   23,   24,    31,    32,
+                            33, 47, 48, 49, 64, 65, 200, 1000, 5000, 20000, 70000, 1 << 20};
 TEST_F(Secrets, LeaveNothingAtAnySize)
 {
     for (const Request& request : secrets::requests)
-        for (const size_t size : {12, 13, 14, 15, 16, 17, 18,  22,   23,   24,    31,    32,
-                                  33, 47, 48, 49, 64, 65, 200, 1000, 5000, 20000, 70000, 1 << 20}) {
+        for (const size_t size : SIZES) {
             Scene scene(request, size);
             play(scene, request, std::to_string(size) + " bytes");
             const std::string_view code = libraries.result("errorCode");

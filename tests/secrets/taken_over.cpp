@@ -107,19 +107,23 @@ extern "C" void* realloc(void* memory, size_t size) noexcept
     return larger;
 }
 
-extern "C" void explicit_bzero(void* memory, size_t size) noexcept
+// By names of our own in the source, as the headers have fortified inline functions of these names.
+// The second is what callers with checked sizes call.
+void overwrite(void* memory, size_t size) noexcept __asm__("explicit_bzero");
+void overwriteChecked(void* memory, size_t size, size_t room) noexcept
+    __asm__("__explicit_bzero_chk");
+
+void overwrite(void* memory, size_t size) noexcept
 {
     if (wipes)
         support::wipeByHand(memory, size);
 }
 
-// What callers with checked sizes call.
-extern "C" void __explicit_bzero_chk(void* memory, size_t size, size_t room) noexcept;
-extern "C" void __explicit_bzero_chk(void* memory, size_t size, size_t room) noexcept
+void overwriteChecked(void* memory, size_t size, size_t room) noexcept
 {
     if (size > room)
         abort();
-    explicit_bzero(memory, size);
+    overwrite(memory, size);
 }
 
 namespace secrets {
