@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,6 +51,8 @@ protected:
     template <class Work>
     void doing(Work work)
     {
+        if (!m_kept)
+            m_kept.emplace();
         deeperInStack(work);
     }
 
@@ -70,6 +73,7 @@ protected:
     {
         const std::vector<Trace> found = traces();
         EXPECT_TRUE(found.empty()) << support::textOf(found);
+        m_kept.reset();
         marks = Marks();
     }
 
@@ -78,6 +82,9 @@ protected:
     Vault vault;
     Marks marks;
     char name[7] = "strKey";
+
+private:
+    std::optional<KeptBlocks> m_kept;  // freed blocks, until they have been looked at
 };
 
 TEST_F(ParamsTraces, NoneRemainOfReplacedValues)

@@ -1,10 +1,16 @@
 #include "wiping.h"
 
 #include <cstddef>
+#include <cstdlib>
+#include <iterator>
 
 namespace {
 
 bool wipes = true;
+
+bool keeps = false;
+void* kept[1 << 16];  // more are freed at once
+size_t keptCount = 0;
 
 void wipe(void* memory, size_t size)
 {
@@ -16,6 +22,16 @@ void wipe(void* memory, size_t size)
 }  // namespace
 
 extern "C" {
+void __libc_free(void* memory) noexcept;
+
+void free(void* memory) noexcept
+{
+    if (keeps && memory != nullptr && keptCount < std::size(kept))
+        kept[keptCount++] = memory;
+    else
+        __libc_free(memory);
+}
+
 void OPENSSL_cleanse(void* memory, size_t size)
 {
     wipe(memory, size);
@@ -42,6 +58,18 @@ WithoutWiping::WithoutWiping()
 WithoutWiping::~WithoutWiping()
 {
     wipes = true;
+}
+
+KeptBlocks::KeptBlocks()
+{
+    keeps = true;
+}
+
+KeptBlocks::~KeptBlocks()
+{
+    keeps = false;
+    while (keptCount > 0)
+        __libc_free(kept[--keptCount]);
 }
 
 }  // namespace support

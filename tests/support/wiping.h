@@ -1,5 +1,6 @@
-// Whether wiping works. A test program that links wiping.cpp answers OPENSSL_cleanse and
-// explicit_bzero itself, for the libraries that it loads and for libcrypto as well.
+// Whether wiping works, and what becomes of freed memory. A test program that links wiping.cpp
+// answers OPENSSL_cleanse, explicit_bzero and free itself, for the libraries that it loads and for
+// libcrypto as well.
 #ifndef CORVANE_TESTS_WIPING_H
 #define CORVANE_TESTS_WIPING_H
 
@@ -12,6 +13,16 @@ public:
     WithoutWiping(const WithoutWiping&) = delete;
     WithoutWiping& operator=(const WithoutWiping&) = delete;
     ~WithoutWiping();
+};
+
+// While it lives, freed memory stays as it is and is not given out again, so that traces in it are
+// not overwritten by chance. One at a time, without other threads.
+class KeptBlocks {
+public:
+    KeptBlocks();
+    KeptBlocks(const KeptBlocks&) = delete;
+    KeptBlocks& operator=(const KeptBlocks&) = delete;
+    ~KeptBlocks();
 };
 
 }  // namespace support
