@@ -23,6 +23,12 @@ size_t sizeOf(const Hash& hash)
     return static_cast<size_t>(EVP_MD_get_size(hash.get()));
 }
 
+// 1 or 0, in the same time.
+size_t isZeroByte(size_t byte)
+{
+    return (byte + 0xFF) >> 8 ^ 1;
+}
+
 // OAEP (RFC 8017, 7.1) without a label. libcrypto's own leaves the padded block in freed memory,
 // from which anybody can take the text.
 class Oaep {
@@ -70,8 +76,8 @@ public:
         size_t before = SIZE_MAX;
         size_t text = 0;
         for (size_t i = m_size; i < dataSize; ++i) {
-            const size_t isZero = (size_t{data[i]} - 1) >> 8 & 1;
-            const size_t isOne = ((size_t{data[i]} ^ 1) - 1) >> 8 & 1;
+            const size_t isZero = isZeroByte(data[i]);
+            const size_t isOne = isZeroByte(data[i] ^ 1U);
             text |= before & (0 - isOne) & (i + 1);
             wrong |= static_cast<unsigned int>(before & ((isZero | isOne) ^ 1));
             before &= 0 - (isOne ^ 1);
