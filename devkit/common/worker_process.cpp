@@ -31,6 +31,7 @@ WorkerProcess::WorkerProcess(const std::string& program, const std::vector<std::
     fcntl(m_socket.get(), F_SETFL, O_NONBLOCK);
 
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& word : command)
         arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);

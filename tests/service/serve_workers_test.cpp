@@ -452,11 +452,22 @@ TEST(ServeWorkers, HoldNothingOfTheFront)
             sockets += target.compare(0, 7, "socket:") == 0 ? 1 : 0;
         }
         EXPECT_EQ(1U, sockets);
-        // No core dumps.
-        EXPECT_NE(std::string::npos,
-                  support::readWhole("/proc/" + std::to_string(worker) + "/limits")
-                      .find("Max core file size        0                    0"));
     }
+}
+
+TEST(ServeWorkers, LeaveNoCoreDumpAndNeitherDoesTheFront)
+{
+    NEEDS_WORKERS();
+    ServedHost host;
+    HttpConnection connection(host.port());
+    connection.send(host.text("GET", "/livez"));
+    connection.receive();
+    std::vector<pid_t> processes = host.workers();
+    processes.push_back(host.pid());
+    for (const pid_t process : processes)
+        EXPECT_NE(std::string::npos,
+                  support::readWhole("/proc/" + std::to_string(process) + "/limits")
+                      .find("Max core file size        0                    0"));
 }
 
 }  // namespace

@@ -208,7 +208,7 @@ SecretBytes decrypted(const Engine& engine, const X509_ALGOR* encryption, const 
                              static_cast<int>(sealed.size)) == 1 &&
                 EVP_CipherFinal_ex(context.get(), out.data() + size, &last) == 1,
             AVEN_E_PASSWORD_WRONG);
-    out.resize(static_cast<size_t>(size + last));
+    out.resize(static_cast<size_t>(size) + static_cast<size_t>(last));
     return out;
 }
 

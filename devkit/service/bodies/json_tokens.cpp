@@ -216,7 +216,7 @@ JsonTokens::Kind JsonTokens::takeNumber(int first)
     while (!isZero && isDigit(c))
         c = take();
     const bool isInteger = c != '.' && c != 'e' && c != 'E';
-    if (!isInteger && (c = takeDecimals(c)) == 0)
+    if (!isInteger && takeDecimals(c) == 0)
         return Malformed;
     giveBack();  // what ended it
     const std::string_view number(m_text.data() + begin, m_at - begin);

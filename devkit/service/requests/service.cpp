@@ -196,6 +196,7 @@ void Service::batch(const Addressee& to, const std::string& contentType, SecretT
 {
     std::vector<BatchPart> read = readBatch(contentType, std::move(body), m_limits);
     std::vector<Part> parts;
+    parts.reserve(read.size());
     for (BatchPart& part : read)
         parts.push_back(check(part.name, to, part.fields, part.where));
     checkRoom(m_pool, parts.size());
