@@ -179,7 +179,7 @@ if [ "${1-}" = all ]; then
     stage "valgrind" valgrind_doubles
     stage "Base64 kernels" tests/kernels.sh
     stage "64-bit ARM" aarch64
-    stage "fuzzers" fuzz/run.sh 15
+    stage "fuzzers" fuzz/run.sh 10
     stage "load, the console in a browser, hosts behind balancers" load_console_and_balancers
     stage "manifests for Kubernetes" tests/kubernetes.sh
     stage "prometheus" tests/prometheus.sh

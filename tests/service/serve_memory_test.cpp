@@ -5,12 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <optional>
 #include <random>
 #include <system_error>
 
 #include "common/codec.h"
 #include "peer/certificates.h"
+#include "support/files.h"
 #include "support/memory_scan.h"
 #include "support/served_host.h"
 #include "support/shell.h"
@@ -426,7 +428,11 @@ TEST_F(ServeMemory, HoldsNothingOfRequestsThatAreOver)
 // The scan would see them.
 TEST_F(ServeMemory, IsFullOfTracesWhereNothingIsWiped)
 {
-    ServedHost host({"--rate", "0"}, {"LD_PRELOAD=" CORVANE_NO_WIPING_LIBRARY});
+    // The loader takes a blank in a path for the end of it.
+    const support::TemporaryFolder folder;
+    const std::string library = folder.path("no_wiping.so");
+    std::filesystem::create_symlink(CORVANE_NO_WIPING_LIBRARY, library);
+    ServedHost host({"--rate", "0"}, {"LD_PRELOAD=" + library});
     host.workers();
     std::optional<HttpConnection> open;
     sendAll(host, open, static_cast<int>(std::size(answered)));
@@ -509,10 +515,10 @@ TEST_F(ServeMemory, IsLockedOnDemandInAllProcesses)
 TEST_F(ServeMemory, IsNotServedFromWhereItCannotBeLocked)
 {
     const support::ShellOutcome ended = support::shell(
-        "ulimit -l 64; setpriv --bounding-set=-ipc_lock --inh-caps=-ipc_lock " CORVANE_HOST_PROGRAM
-        " --plugin " CORVANE_PLUGIN_LIBRARY " --params " CORVANE_PARAMS_LIBRARY
-        " --engine " CORVANE_ENGINE_LIBRARY
-        " serve --listen 127.0.0.1:0 --no-auth --lock-memory 2>&1");
+        "ulimit -l 64; setpriv --bounding-set=-ipc_lock --inh-caps=-ipc_lock '" CORVANE_HOST_PROGRAM
+        "' --plugin '" CORVANE_PLUGIN_LIBRARY "' --params '" CORVANE_PARAMS_LIBRARY
+        "' --engine '" CORVANE_ENGINE_LIBRARY
+        "' serve --listen 127.0.0.1:0 --no-auth --lock-memory 2>&1");
     EXPECT_EQ(2, WEXITSTATUS(ended.status)) << ended.output;
     EXPECT_NE(std::string::npos,
               ended.output.find("the limit RLIMIT_MEMLOCK is 65536 and has to be off"))
