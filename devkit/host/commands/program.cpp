@@ -1,10 +1,13 @@
 #include "program.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <system_error>
+
+#include "common/descriptor.h"
 
 std::unique_ptr<HostSession> Program::openSession()
 {
@@ -23,7 +26,12 @@ void Program::bindAtOnce()
     if (value != nullptr && *value != '\0')
         return;
     setenv(name, "1", 1);
+    const Descriptor redirected(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
     output.giveBack();
     execv("/proc/self/exe", m_argv);
-    throw LoadError("cannot start again: " + std::generic_category().message(errno));
+    const int reason = errno;
+    dup2(redirected.get(), STDOUT_FILENO);
+    // An emulator's program is none of the system's. Workers do not start there either.
+    if (reason != ENOEXEC)
+        throw LoadError("cannot start again: " + std::generic_category().message(reason));
 }

@@ -30,7 +30,7 @@ public:
     // Starts the program again, so that functions are bound when their libraries are loaded, in
     // the processes that it starts as well. Bound at its first call, a function has the loader
     // put the registers on the stack, with what the call before has copied. Returns if that has
-    // been done. Throws a LoadError.
+    // been done, or in an emulator. Throws a LoadError.
     void bindAtOnce();
 
     Output output;
