@@ -110,8 +110,10 @@ TEST_F(HostCatalogue, OthersAreNot)
 {
     const std::map<std::string, std::set<std::string>> neededBy = {
         {"1", {"required"}},
-        {"2", {"required", "required unless strMode is 1"}},
-        {"6", {"required", "required unless strMode is 1", "required if strMode is 6"}}};
+        {"2", {"required", "required unless the mode is ECB (strMode 1)"}},
+        {"6",
+         {"required", "required unless the mode is ECB (strMode 1)",
+          "required if the mode is GCM (strMode 6)"}}};
     Json steps = Json::array();
     for (const Json& request : catalogue(run({"list", "--json"})))
         for (const auto& [mode, needs] : neededBy) {
@@ -477,8 +479,16 @@ TEST_F(HostDocuments, ConditionsAndSecretsAreForPrograms)
               parameters["strIV"]["requiredWhen"]);
     EXPECT_EQ((Json{{"parameter", "strMode"}, {"is", "6"}}), parameters["straad"]["requiredWhen"]);
     EXPECT_FALSE(parameters["strKey"].contains("requiredWhen"));
-    EXPECT_EQ((Json{{"value", "4"}, {"text", "AES-256"}}),
+    EXPECT_EQ((Json{{"value", "4"},
+                    {"name", "aes-256"},
+                    {"text", "AES-256"},
+                    {"names", {"aes-256"}},
+                    {"keyBytes", 32},
+                    {"blockBytes", 16}}),
               parameters["strCipherAlg"]["choices"][3]);
+    EXPECT_EQ("block", parameters["strMode"]["choices"][1]["iv"]);
+    EXPECT_EQ("key", parameters["strKey"]["length"]);
+    EXPECT_EQ("iv", parameters["strIV"]["length"]);
     EXPECT_EQ(true, parameters["strKey"]["secret"]);
     EXPECT_EQ(true, parameters["strdata"]["secret"]);
     EXPECT_EQ(false, parameters["strMode"]["secret"]);

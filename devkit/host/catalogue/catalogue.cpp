@@ -25,6 +25,9 @@ constexpr Allowed size(size_t bytes)
     return {Allowed::Size, 0, 0, "", bytes};
 }
 
+constexpr Allowed sizeOfKey = {Allowed::CipherKey, 0, 0, "", 0};
+constexpr Allowed sizeOfIv = {Allowed::ModeIv, 0, 0, "", 0};
+
 // Each parameter once; a request names the ones that it reads. Numbers of ciphers,
 // modes, hashes and key pair types are the engine's.
 // clang-format off
@@ -32,19 +35,36 @@ constexpr Form T = Form::Text, H = Form::Handle, P = Form::Path, B = Form::Base6
                E = Form::Base64Text, K = Form::KeyText;
 constexpr Need must = Need::Always, may = Need::Never;
 
+constexpr IvSizes noIv = {IvSizes::None, 0, 0, 0}, blockIv = {IvSizes::Block, 0, 0, 0},
+                  gcmIv = {IvSizes::Between, 1, 128, 12};
+
 const Choices
-    pairTypes   = {{"1", "SM2"}, {"3", "RSA"}},
-    rsaPaddings = {{"0", "OAEP"}, {"1", "PKCS#1 v1.5"}},
-    sm2Forms    = {{"0", "ASN.1"}, {"1", "raw bytes"}},
-    sm2Orders   = {{"0", "C1C3C2"}, {"1", "C1C2C3"}},
-    ciphers     = {{"1", "SM4"}, {"2", "AES-128"}, {"3", "AES-192"}, {"4", "AES-256"},
-                   {"5", "ARIA-256"}, {"6", "Camellia-256"}, {"7", "3DES"}},
-    modes       = {{"1", "ECB"}, {"2", "CBC"}, {"3", "CFB"}, {"4", "OFB"}, {"5", "CTR"}, {"6", "GCM"}},
-    paddings    = {{"0", "none"}, {"1", "PKCS#7"}},
-    hashes      = {{"1", "SM3"}, {"2", "SHA-1"}, {"3", "SHA-224"}, {"4", "SHA-256"},
-                   {"5", "SHA-384"}, {"6", "SHA-512"}},
-    hashesOrDefault = {{"0", "default (SM3)"}, {"1", "SM3"}, {"2", "SHA-1"}, {"3", "SHA-224"},
-                       {"4", "SHA-256"}, {"5", "SHA-384"}, {"6", "SHA-512"}};
+    pairTypes   = {{"1", "SM2", {"sm2"}}, {"3", "RSA", {"rsa"}}},
+    rsaPaddings = {{"0", "OAEP", {"oaep"}}, {"1", "PKCS#1 v1.5", {"pkcs1", "pkcs1-v1.5"}}},
+    sm2Forms    = {{"0", "ASN.1", {"asn1"}}, {"1", "raw bytes", {"raw", "raw-bytes"}}},
+    sm2Orders   = {{"0", "C1C3C2", {"c1c3c2"}}, {"1", "C1C2C3", {"c1c2c3"}}},
+    ciphers     = {{"1", "SM4", {"sm4", "sm4-128"}, 16, 16},
+                   {"2", "AES-128", {"aes-128"}, 16, 16},
+                   {"3", "AES-192", {"aes-192"}, 24, 16},
+                   {"4", "AES-256", {"aes-256"}, 32, 16},
+                   {"5", "ARIA-256", {"aria-256"}, 32, 16},
+                   {"6", "Camellia-256", {"camellia-256"}, 32, 16},
+                   {"7", "3DES", {"3des", "des3", "tdes", "des-ede3"}, 24, 8}},
+    modes       = {{"1", "ECB", {"ecb"}, 0, 0, noIv},
+                   {"2", "CBC", {"cbc"}, 0, 0, blockIv},
+                   {"3", "CFB", {"cfb"}, 0, 0, blockIv},
+                   {"4", "OFB", {"ofb"}, 0, 0, blockIv},
+                   {"5", "CTR", {"ctr"}, 0, 0, blockIv},
+                   {"6", "GCM", {"gcm"}, 0, 0, gcmIv}},
+    paddings    = {{"0", "none", {"none"}}, {"1", "PKCS#7", {"pkcs7"}}},
+    hashes      = {{"1", "SM3", {"sm3"}}, {"2", "SHA-1", {"sha-1"}}, {"3", "SHA-224", {"sha-224"}},
+                   {"4", "SHA-256", {"sha-256"}}, {"5", "SHA-384", {"sha-384"}},
+                   {"6", "SHA-512", {"sha-512"}}},
+    hashesOrDefault = [] {
+        Choices all = hashes;
+        all.insert(all.begin(), {"0", "default (SM3)", {"default"}});
+        return all;
+    }();
 
 const Parameter
     strErr        = {"strErr",           T, must, any,              "",   "error code, as in an errorCode result"},
@@ -63,31 +83,35 @@ const Parameter
     strSrvrSig    = {"strSrvr_sig_cert", B, may,  any,              "",   "server's signing certificate"},
     strSrvrEnc    = {"strSrvr_enc_cert", B, may,  any,              "",   "server's encryption certificate"},
     strSrvrSign   = {"strSrvr_sign",     B, may,  any,              "",   "server's signature"},
+    channelPlain  = {"strdata",          B, may,  any,              "",   "the plaintext"},
     channelData   = {"strdata",          B, may,  any,              "",   "the data"},
     channelCipher = {"strcipher",        B, may,  any,              "",   "the ciphertext"},
 
     pairType      = {"strKeyPairType",   T, may,  oneOf("13"),      "0",  "type of the key pair; absent: as the key says", pairTypes},
     pairTypeMust  = {"strKeyPairType",   T, must, oneOf("13"),      "",   "type of the key pair", pairTypes},
-    publicKey     = {"strpk",            K, must, any,              "",   "public key"},
-    privateKey    = {"strsk",            K, must, any,              "",   "private key"},
+    publicKey     = {"strpk",            K, must, any,              "",   "recipient's public key"},
+    privateKey    = {"strsk",            K, must, any,              "",   "own private key"},
     certificate   = {"strpk",            K, must, any,              "",   "recipient's certificate"},
     rsaPadding    = {"strRsaPaddingE",   T, may,  oneOf("01"),      "0",  "padding of RSA", rsaPaddings},
     noAsn1        = {"strnoAsn1",        T, may,  oneOf("01"),      "0",  "form of SM2 ciphertext", sm2Forms},
     noC1C3C2      = {"strnoc1c3c2",      T, may,  oneOf("01"),      "0",  "order of the parts of SM2 ciphertext", sm2Orders},
     data          = {"strdata",          B, must, any,              "",   "the data"},
-    dataText      = {"strdata",          T, must, any,              "",   "the data, as it is"},
+    plaintext     = {"strdata",          B, must, any,              "",   "the plaintext"},
+    plaintextAsIs = {"strdata",          T, must, any,              "",   "the plaintext, as it is"},
+    ciphertext    = {"strdata",          B, must, any,              "",   "the ciphertext"},
     envelope      = {"strEncdata",       B, must, any,              "",   "the envelope"},
 
     cipherAlg     = {"strCipherAlg",     T, must, range(1, 7),      "",   "the cipher", ciphers},
-    mode          = {"strMode",          T, must, oneOf("123456"),  "",   "the cipher's mode; 1 takes no IV, 6 has a tag", modes},
+    mode          = {"strMode",          T, must, oneOf("123456"),  "",   "the cipher's mode; ECB takes no initial value, GCM has a tag", modes},
     padding       = {"strCipherPadding", T, may,  oneOf("01"),      "0",  "padding of the data", paddings},
-    key           = {"strKey",           B, must, any,              "",   "the key"},
+    macKey        = {"strKey",           B, must, any,              "",   "the key"},
+    key           = {"strKey",           B, must, sizeOfKey,        "",   "the key"},
     key16         = {"strKey",           B, must, size(16),         "",   "the key"},
-    iv            = {"strIV",            B, Need::UnlessMode1, any, "",   "initial value; ignored in mode 1"},
+    iv            = {"strIV",            B, Need::UnlessMode1, sizeOfIv, "", "initial value; ECB takes none"},
     iv16          = {"strIV",            B, must, size(16),         "",   "initial value"},
-    aad           = {"straad",           B, Need::InMode6,     any, "",   "additional authenticated data; mode 6 only"},
-    tagLength     = {"strgcmTagLen",     T, may,  range(4, 16),     "16", "length of the tag in bytes; mode 6 only"},
-    tag           = {"strtag",           B, Need::InMode6,     any, "",   "the tag; mode 6 only"},
+    aad           = {"straad",           B, Need::InMode6,     any, "",   "additional authenticated data; GCM alone takes it"},
+    tagLength     = {"strgcmTagLen",     T, may,  range(4, 16),     "16", "length of the tag in bytes; GCM alone has one"},
+    tag           = {"strtag",           B, Need::InMode6,     any, "",   "the tag; GCM alone has one"},
 
     hashAlg       = {"strHashAlg",       T, must, range(1, 6),      "",   "the hash", hashes},
     hashType      = {"HashType",         T, must, range(0, 6),      "",   "the hash; 0 for the engine's default", hashesOrDefault},
@@ -98,82 +122,116 @@ const Result
     code    = {"errorCode", Form::Text,    "0, or the code of the failure"},
     plain   = {"Data",      Form::Text,    "the text"},
     handle  = {"Data",      Form::Handle,  "the session"},
-    base64  = {"Data",      Form::Base64,  "the bytes"},
-    escaped = {"Data",      Form::Escaped, "the bytes"},
-    gcmTag  = {"gcmOutTag", Form::Base64,  "the tag; empty unless mode is 6"};
+    encoded = {"Data",      Form::Base64,  "the bytes in Base64"},
+    sealed  = {"Data",      Form::Base64,  "the ciphertext"},
+    opened  = {"Data",      Form::Base64,  "the plaintext"},
+    mac     = {"Data",      Form::Base64,  "the check value"},
+    madeKey = {"Data",      Form::Base64,  "the key"},
+    message = {"Data",      Form::Base64,  "the message for the server"},
+    sealedEnvelope = {"Data", Form::Base64,  "the envelope"},
+    decoded = {"Data",      Form::Escaped, "the bytes"},
+    openedEnvelope = {"Data", Form::Escaped, "the plaintext"},
+    gcmTag  = {"gcmOutTag", Form::Base64,  "the tag; empty in other modes than GCM"};
 
 // The plug-in's own codes; error_codes.cpp has their texts.
 constexpr int MISSING = -20001, RANGE = -20084, MEMORY = -20000, ENGINE = -20215;
 
 const std::vector<RequestInfo> requests = {
     {"QZaVen_GetVersion",               "Engine",   "The engine's version text.",
+        "engine library build release",
         {}, {plain, code}, {ENGINE}},
     {"QZaVen_strerror",                 "Engine",   "The engine's text for an error code. Writes no errorCode.",
+        "error message errorCode meaning",
         {strErr}, {plain}, {}},
     {"QZaven_crypto_base64_encode",     "Base64",   "Bytes to URL-safe Base64, by the engine.",
-        {strIn}, {base64, code}, {MISSING, ENGINE}},
+        "base64url RFC 4648 encode",
+        {strIn}, {encoded, code}, {MISSING, ENGINE}},
     {"QZaven_crypto_base64_Decode",     "Base64",   "Base64 of either alphabet to bytes, by the engine.",
-        {strInBase64}, {escaped, code}, {MISSING, ENGINE}},
+        "base64url RFC 4648 decode unescape",
+        {strInBase64}, {decoded, code}, {MISSING, ENGINE}},
 
     {"QZaven_ke_new",                   "Key-exchange session", "Creates a session.",
+        "handshake TLCP open start begin",
         {}, {handle, code}, {ENGINE}},
     {"QZaven_ke_free",                  "Key-exchange session", "Frees a session.",
+        "handshake close end delete",
         {strKe}, {code}, {MISSING, ENGINE}},
     {"QZaven_ke_set_public_key",        "Key-exchange session", "Sets the client's keys.",
+        "handshake private key pair PEM",
         {strKe, strSigKey, strEncKey, strPassword}, {code}, {MISSING, ENGINE}},
     {"QZaven_ke_set_certificate",       "Key-exchange session", "Sets the client's certificates.",
+        "handshake X.509 PEM",
         {strKe, strSigCert, strEncCert, strPassword}, {code}, {MISSING, ENGINE}},
     {"QZaven_ke_set_root_certificate",  "Key-exchange session", "Sets the trusted roots.",
+        "handshake X.509 CA trust anchor chain PEM",
         {strKe, strCaFile, strCaPath}, {code}, {MISSING, ENGINE}},
     {"QZaven_ke_client_hello",          "Key-exchange session", "Makes the client hello, at most 32 bytes.",
-        {strKe}, {base64, code}, {MISSING, ENGINE}, {}, Retry::Once},
+        "handshake ClientHello random nonce",
+        {strKe}, {message, code}, {MISSING, ENGINE}, {}, Retry::Once},
     {"QZaven_ke_client_key_exchange",   "Key-exchange session", "Takes the server's answer and makes the client's message, at most 256 bytes.",
-        {strKe, strSrvrRand, strSrvrSig, strSrvrEnc, strSrvrSign}, {base64, code}, {MISSING, ENGINE}, {}, Retry::Once},
+        "handshake ClientKeyExchange ServerHello premaster secret agreement",
+        {strKe, strSrvrRand, strSrvrSig, strSrvrEnc, strSrvrSign}, {message, code}, {MISSING, ENGINE}, {}, Retry::Once},
 
     {"QZaven_ke_encrypt",               "Key-exchange channel", "Encrypts with the session's keys.",
-        {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
+        "channel session send seal",
+        {strKe, channelPlain}, {sealed, code}, {MISSING, ENGINE}},
     {"QZaven_ke_decrypt",               "Key-exchange channel", "Decrypts with the session's keys.",
-        {strKe, channelCipher}, {base64, code}, {MISSING, ENGINE}},
+        "channel session receive open",
+        {strKe, channelCipher}, {opened, code}, {MISSING, ENGINE}},
     {"QZaven_ke_hmac",                  "Key-exchange channel", "HMAC with the session's keys.",
-        {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
+        "channel session MAC authentication integrity",
+        {strKe, channelData}, {mac, code}, {MISSING, ENGINE}},
     {"QZaven_ke_cmac",                  "Key-exchange channel", "CMAC with the session's keys.",
-        {strKe, channelData}, {base64, code}, {MISSING, ENGINE}},
+        "channel session MAC authentication integrity",
+        {strKe, channelData}, {mac, code}, {MISSING, ENGINE}},
 
     {"QZaven_crypto_public_encrypt",    "Public key", "Encrypts with a public key.",
-        {pairType, publicKey, rsaPadding, noAsn1, noC1C3C2, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        "asymmetric RSAES PKCS1 ECIES",
+        {pairType, publicKey, rsaPadding, noAsn1, noC1C3C2, plaintext}, {sealed, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_private_decrypt",   "Public key", "Decrypts with a private key.",
-        {pairType, privateKey, strPassword, rsaPadding, noAsn1, noC1C3C2, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        "asymmetric RSAES PKCS1 ECIES",
+        {pairType, privateKey, strPassword, rsaPadding, noAsn1, noC1C3C2, ciphertext}, {opened, code}, {MISSING, RANGE, MEMORY, ENGINE}},
 
-    {"QZaven_crypto_encrypt",           "Symmetric cipher", "Encrypts; mode 6 makes a tag too.",
-        {cipherAlg, mode, padding, key, iv, aad, data, tagLength}, {base64, code, gcmTag}, {MISSING, RANGE, MEMORY, ENGINE}},
-    {"QZaven_crypto_decrypt",           "Symmetric cipher", "Decrypts; mode 6 checks the tag.",
-        {cipherAlg, mode, padding, key, iv, aad, tag, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+    {"QZaven_crypto_encrypt",           "Symmetric cipher", "Encrypts; GCM makes a tag too.",
+        "AES DES AEAD authenticated block stream file",
+        {cipherAlg, mode, padding, key, iv, aad, plaintext, tagLength}, {sealed, code, gcmTag}, {MISSING, RANGE, MEMORY, ENGINE}},
+    {"QZaven_crypto_decrypt",           "Symmetric cipher", "Decrypts; GCM checks the tag.",
+        "AES DES AEAD authenticated block stream file verify tag",
+        {cipherAlg, mode, padding, key, iv, aad, tag, ciphertext}, {opened, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_gen_symmkey",       "Symmetric cipher", "Makes a key for a cipher.",
-        {cipherAlg}, {base64, code}, {MISSING, RANGE, ENGINE}},
+        "generate random secret AES key",
+        {cipherAlg}, {madeKey, code}, {MISSING, RANGE, ENGINE}},
 
     {"QZaven_crypto_hmac",              "MAC and key derivation", "HMAC.",
-        {hashAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE},
+        "digest hash message authentication code integrity RFC 2104",
+        {hashAlg, macKey, data}, {mac, code}, {MISSING, RANGE, MEMORY, ENGINE},
         Sample{{{"strHashAlg", "4"}, {"strKey", "SmVmZQ=="}, {"strdata", "d2hhdCBkbyB5YSB3YW50IGZvciBub3RoaW5nPw=="}},
                "W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=", "RFC 4231, HMAC-SHA-256"}},
     {"QZaven_crypto_cmac",              "MAC and key derivation", "CMAC.",
-        {cipherAlg, key, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE},
+        "message authentication code integrity AES-CMAC OMAC",
+        {cipherAlg, key, data}, {mac, code}, {MISSING, RANGE, MEMORY, ENGINE},
         Sample{{{"strCipherAlg", "2"}, {"strKey", "K34VFiiu0qar9xWICc9PPA=="}, {"strdata", "a8G-4i5An5bpPX4Rc5MXKg=="}},
                "BwoWtGtNQUT3m92d0EoofA==", "RFC 4493, AES-128-CMAC"}},
     {"QZaven_crypto_kdf",               "MAC and key derivation", "Derives a key.",
-        {hashType, srcdata, outLen}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE},
+        "KDF key derivation X9.63 hash digest",
+        {hashType, srcdata, outLen}, {madeKey, code}, {MISSING, RANGE, MEMORY, ENGINE},
         // Computed with: openssl kdf -keylen 16 -kdfopt digest:SHA256 -kdfopt "secret:..." X963KDF
         Sample{{{"HashType", "4"}, {"srcdata", "corvane-host doctor"}, {"OutLen", "16"}},
                "0jkvJ1ZRrA-DmDsuvbmfdQ==", "ANSI X9.63 with SHA-256"}},
 
     {"QZaven_crypto_envelope_encrypt",  "Envelope", "Seals data for the holder of a certificate.",
-        {dataText, certificate, cipherAlg, mode}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        "CMS PKCS#7 EnvelopedData AuthEnvelopedData S/MIME hybrid RSA SM2 certificate",
+        {plaintextAsIs, certificate, cipherAlg, mode}, {sealedEnvelope, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_envelope_decrypt",  "Envelope", "Opens an envelope.",
-        {envelope, pairTypeMust, privateKey, cipherAlg, mode}, {escaped, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        "CMS PKCS#7 EnvelopedData AuthEnvelopedData S/MIME hybrid RSA SM2 certificate",
+        {envelope, pairTypeMust, privateKey, cipherAlg, mode}, {openedEnvelope, code}, {MISSING, RANGE, MEMORY, ENGINE}},
 
     {"QZaven_wbsm4_encrypt",            "White-box SM4", "Encrypts.",
-        {key16, iv16, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        "SM4 CBC whitebox",
+        {key16, iv16, plaintext}, {sealed, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_wbsm4_decrypt",            "White-box SM4", "Decrypts.",
-        {key16, iv16, data}, {base64, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        "SM4 CBC whitebox",
+        {key16, iv16, ciphertext}, {opened, code}, {MISSING, RANGE, MEMORY, ENGINE}},
 };
 // clang-format on
 
@@ -363,9 +421,9 @@ const char* needText(Need need)
         case Need::Never:
             return "optional";
         case Need::UnlessMode1:
-            return "required unless strMode is 1";
+            return "required unless the mode is ECB (strMode 1)";
         case Need::InMode6:
-            return "required if strMode is 6";
+            return "required if the mode is GCM (strMode 6)";
     }
     return "";
 }
@@ -379,6 +437,10 @@ std::string allowedText(const Allowed& allowed)
             return std::to_string(allowed.low) + " to " + std::to_string(allowed.high);
         case Allowed::Size:
             return std::to_string(allowed.size) + " bytes";
+        case Allowed::CipherKey:
+            return "as many bytes as the cipher takes";
+        case Allowed::ModeIv:
+            return "as many bytes as the mode takes";
         case Allowed::OneOf:
             break;
     }

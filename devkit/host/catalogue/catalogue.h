@@ -49,17 +49,31 @@ enum class Need { Always, Never, UnlessMode1, InMode6 };
 
 // The values that a parameter may have.
 struct Allowed {
-    enum Kind { Any, Range, OneOf, Size } kind;
+    enum Kind { Any, Range, OneOf, Size, CipherKey, ModeIv } kind;
     int low;             // Range: a leading number counts, text behind it does not
     int high;            //
     const char* digits;  // OneOf: exactly one of these digits
     size_t size;         // Size: of the decoded bytes
+                         // CipherKey, ModeIv: the size that the chosen cipher and mode need
+};
+
+// The sizes in bytes of the initial value that a mode takes.
+struct IvSizes {
+    enum Kind { None, Block, Between } kind;
+    size_t least;  // Between
+    size_t most;   //
+    size_t usual;  //
 };
 
 // What the development engine takes a value for. Another engine may number otherwise.
 struct Choice {
-    const char* value;
-    const char* text;
+    std::string value;
+    std::string text;
+    std::vector<std::string>
+        names;              // that may be written for the value; the first is the one shown
+    size_t keyBytes = 0;    // of a cipher, else 0
+    size_t blockBytes = 0;  //
+    std::optional<IvSizes> iv = {};  // of a mode
 };
 using Choices = std::vector<Choice>;
 
@@ -97,6 +111,7 @@ struct RequestInfo {
     const char* name;
     const char* group;
     const char* summary;
+    const char* keywords;               // by which people search who do not know its name
     std::vector<Parameter> parameters;  // in the order in which the plug-in reads them
     std::vector<Result> results;        // in the order in which it writes them
     std::vector<int> codes;             // its own that it may write; the engine's come on top

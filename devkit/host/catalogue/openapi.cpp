@@ -117,7 +117,7 @@ Json schemaOf(const Parameter& parameter)
         description += ", " + allowedText(parameter.allowed);
     for (const Choice& choice : parameter.choices)
         description += std::string(&choice == parameter.choices.data() ? "; " : ", ") +
-                       choice.value + " " + choice.text;
+                       choice.value + " " + choice.names.front();
     schema["description"] = description + ")";
     if (*parameter.ifAbsent != '\0')
         schema["default"] = parameter.ifAbsent;

@@ -1,47 +1,12 @@
 #include "renderings.h"
-#include "common/version.h"
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
+
+#include "common/version.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-std::string pad(std::string text, size_t width)
-{
-    text.resize(std::max(text.size(), width), ' ');
-    return text;
-}
-
-// "required, 1 to 7, text" and the like.
-std::string traits(const Parameter& parameter)
-{
-    std::string line = needText(parameter.need);
-    const std::string values = allowedText(parameter.allowed);
-    if (!values.empty())
-        line += ", " + values;
-    if (*parameter.ifAbsent != '\0')
-        line += ", default " + std::string(parameter.ifAbsent);
-    return line + ", " + formName(parameter.form);
-}
-
-// "1 SM4, 2 AES-128" and so on; "" for a parameter without named values.
-std::string choicesText(const Choices& choices)
-{
-    std::string line;
-    for (const Choice& choice : choices)
-        line += (line.empty() ? "" : ", ") + std::string(choice.value) + " " + choice.text;
-    return line;
-}
-
-std::string codesText(const std::vector<int>& codes)
-{
-    std::string line;
-    for (const int code : codes)
-        line += (line.empty() ? "" : ", ") + std::to_string(code);
-    return line;
-}
 
 // When a parameter with a condition is required; see Need.
 Json condition(Need need)
@@ -49,6 +14,28 @@ Json condition(Need need)
     if (need == Need::UnlessMode1)
         return {{"parameter", "strMode"}, {"isNot", "1"}};
     return {{"parameter", "strMode"}, {"is", "6"}};
+}
+
+Json toJson(const IvSizes& iv)
+{
+    if (iv.kind == IvSizes::Between)
+        return {{"min", iv.least}, {"max", iv.most}, {"usual", iv.usual}};
+    return iv.kind == IvSizes::None ? "none" : "block";
+}
+
+Json toJson(const Choice& choice)
+{
+    Json row = {{"value", choice.value},
+                {"name", choice.names.front()},
+                {"text", choice.text},
+                {"names", choice.names}};
+    if (choice.keyBytes != 0) {
+        row["keyBytes"] = choice.keyBytes;
+        row["blockBytes"] = choice.blockBytes;
+    }
+    if (choice.iv)
+        row["iv"] = toJson(*choice.iv);
+    return row;
 }
 
 Json toJson(const Parameter& parameter)
@@ -68,8 +55,12 @@ Json toJson(const Parameter& parameter)
     if (allowed.kind == Allowed::OneOf)
         for (const char* digit = allowed.digits; *digit != '\0'; ++digit)
             row["oneOf"].push_back(std::string(1, *digit));
+    if (allowed.kind == Allowed::CipherKey)
+        row["length"] = "key";
+    if (allowed.kind == Allowed::ModeIv)
+        row["length"] = "iv";
     for (const Choice& choice : parameter.choices)
-        row["choices"].push_back({{"value", choice.value}, {"text", choice.text}});
+        row["choices"].push_back(toJson(choice));
 
     if (*parameter.ifAbsent != '\0')
         row["default"] = parameter.ifAbsent;
@@ -150,66 +141,6 @@ std::string codesSection()
 
 }  // namespace
 
-std::string describe(const RequestInfo& request)
-{
-    const auto more = [](const std::string& text) { return std::string(20, ' ') + text + "\n"; };
-    std::string out = std::string(request.name) + "\n  " + request.summary + "\n";
-    if (request.parameters.empty())
-        out += "  takes no parameters\n";
-    for (const Parameter& parameter : request.parameters) {
-        out += "  " + pad(parameter.name, 18) + traits(parameter) + "\n";
-        out += more(parameter.meaning);
-        if (!parameter.choices.empty())
-            out += more("development engine: " + choicesText(parameter.choices));
-    }
-    out += "  results\n";
-    for (const Result& result : request.results)
-        out += "  " + pad(result.name, 18) + formName(result.form) + ": " + result.meaning + "\n";
-    if (!request.codes.empty())
-        out += "  its own codes\n    " + codesText(request.codes) +
-               "; `corvane-host explain CODE` says more\n";
-    const RetryKind& retry = kindOf(retryOf(request));
-    return out + "  if its answer is lost\n    " + retry.name + ": " + retry.text + "\n";
-}
-
-std::string listRequests()
-{
-    std::string out;
-    std::string group;
-    for (const RequestInfo& request : catalogue()) {
-        if (group != request.group) {
-            group = request.group;
-            out += (out.empty() ? "" : "\n") + group + "\n";
-        }
-        out += "  " + std::string(request.name) + "\n";
-        for (const Parameter& parameter : request.parameters)
-            out += "      " + pad(parameter.name, 18) + traits(parameter) + "\n";
-    }
-    return out;
-}
-
-std::string explain(const ErrorCode& code)
-{
-    std::string head = codeText(code);
-    if (code.code == 0)
-        head += " (host, HTTP status " + std::to_string(code.status) + ")";
-    else
-        head += std::string(" ") + code.name + " (" +
-                (code.source == std::string("engine") ? "development engine" : code.source) + ")";
-    return head + "\n  " + code.text + "\n  likely cause  " + code.cause + "\n  what to do    " +
-           code.remedy + "\n";
-}
-
-std::string listErrorCodes()
-{
-    std::string out;
-    for (const ErrorCode& row : errorCodes())
-        out += pad(codeText(row), 8) + row.text + "\n";
-    for (const ErrorCode& row : hostCodes())
-        out += pad(codeText(row), 20) + row.text + "\n";
-    return out;
-}
-
 Json toJson(const RequestInfo& request)
 {
     Json parameters = Json::array();
@@ -226,6 +157,7 @@ Json toJson(const RequestInfo& request)
             {"name", request.name},
             {"group", request.group},
             {"summary", request.summary},
+            {"keywords", request.keywords},
             {"parameters", parameters},
             {"results", results},
             {"codes", request.codes},

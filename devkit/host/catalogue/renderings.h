@@ -8,6 +8,12 @@
 #include "catalogue.h"
 #include "error_codes.h"
 
+// "1 sm4, 2 aes-128" and so on, with what the numbers are called in the development engine; ""
+// for a parameter without named values.
+std::string choicesText(const Choices& choices);
+// "-20001, -20084".
+std::string codesText(const std::vector<int>& codes);
+
 // For a terminal.
 std::string describe(const RequestInfo& request);
 std::string listRequests();
