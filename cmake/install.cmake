@@ -65,7 +65,7 @@ install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT do
   PATTERN man EXCLUDE PATTERN build EXCLUDE)
 install(DIRECTORY packaging/haproxy packaging/kubernetes packaging/nginx packaging/prometheus
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/packaging COMPONENT doc)
-foreach(folder host engine)
+foreach(folder engine host peer)
   install(FILES devkit/${folder}/README.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/devkit/${folder} COMPONENT doc)
 endforeach()
