@@ -168,7 +168,7 @@ void largeRequestInDefaultHeap(const Host& host)
     Contender copy = copying(payload);
     Contender whole = request(host, parameters);
     race({&copy, &whole}, 3);
-    printRow("the same, default heap, x memcpy / page faults",
+    printRow("the request of 1 MiB, default heap, x memcpy / page faults",
              {{whole.time() / copy.time(), 40, 30}, {whole.faults(), 850, 650}});
 
     Contender floor = skeleton(host, parameters, MiB);
