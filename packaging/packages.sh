@@ -4,8 +4,8 @@
 build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
     libmicrohttpd-dev libsystemd-dev openssl)
 
-test_packages=(libgtest-dev googletest binutils clang fish locales make man-db mandoc pkgconf
-    python3-cryptography-vectors zsh)
+test_packages=(libgtest-dev googletest binutils clang curl fish locales make man-db mandoc pkgconf
+    python3 python3-cryptography-vectors zsh)
 
 # Packages and images.
 image_packages=(binutils buildah)
@@ -17,7 +17,7 @@ package_libraries=(libssl-dev libmicrohttpd-dev libsystemd-dev)
 package_check_packages=(mmdebstrap arch-test qemu-user-static)
 
 # The stages of `./test.sh all`.
-all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14 python3
+all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14
     shellcheck valgrind)
 
 # The balancers in front of several hosts.
