@@ -1,4 +1,6 @@
-"""Runs the commands of the documents: documents_test.py SOURCE_DIR BUILD_DIR [DOCUMENT]...
+"""Runs the commands of the documents and follows their links.
+
+documents_test.py SOURCE_DIR BUILD_DIR [DOCUMENT]...
 
 Every fenced block of a Markdown file is run by bash, the blocks of a file one after the other in
 one shell. In a block with prompts ("$ ", and "> " for a command's further lines) each command's
@@ -30,7 +32,8 @@ LEFT_OUT = re.compile(r"^\d{4}-\d\d-\d\dT[\d:]+Z SoftModuleaven: .*\n", re.M)
 
 # What is different each time, where a document shows one of many.
 VARYING = [r'(?<="microseconds":)\s?[\d.]+', r"OpenSSL 3[\d.]+ \d+ \w+ \d{4}",
-           r"\bke_[\w.-]+", r"\b\d+(\.\d+)? (us|ms|s)\b", r"\d+(?= requests)", r"\b(p[\d.]+|max) [\d.]+"]
+           r"\bke_[\w.-]+", r"\b\d+(\.\d+)? (us|ms|s)\b", r"\d+(?= requests)",
+           r"\b(p[\d.]+|max) [\d.]+"]
 
 MARK = re.compile(r"<!-- (not run|run by|file):? (.*?) -->", re.S)
 
@@ -41,7 +44,7 @@ class Block:
         self.mark, self.argument = mark or ("", "")
 
     def steps(self):
-        """(command, shown output) for each command; the output is None in a block without prompts."""
+        """(command, shown output) for each command; without prompts the block is one, and None."""
         lines = self.text.splitlines()
         if not lines[0].startswith("$ "):
             return [(self.text, None)]
@@ -116,8 +119,8 @@ class Reader:
         (self.place / "build/release").symlink_to(build)
         (self.home / ".curlrc").write_text("silent\nshow-error\n")
         self.environment = {
-            "PATH": f"{build}/bin:{os.environ['PATH']}", "HOME": str(self.home), "LC_ALL": "C.UTF-8",
-            "TMPDIR": str(scratch), "PORT": self.port, "SOURCE": str(source), "BUILD": str(build)}
+            "PATH": f"{build}/bin:{os.environ['PATH']}", "HOME": str(self.home),
+            "LC_ALL": "C.UTF-8", "TMPDIR": str(scratch), "PORT": self.port, "SOURCE": str(source), "BUILD": str(build)}
 
     def here(self, text):
         return text.replace("8720", self.port).replace("/home/ada", str(self.home))
@@ -158,10 +161,40 @@ def faults_of(block, source):
     return ""
 
 
+def texts_of(document):
+    """A document without its fenced blocks."""
+    return re.sub(r"^( *)```.*?^ *```$", "", document.read_text(), flags=re.M | re.S)
+
+
+def anchors_of(document):
+    """Where links may lead to in a document: its headings, as pages of repositories name them."""
+    headings = re.findall(r"^#+ (.*)$", texts_of(document), re.M)
+    anchors = set()
+    for heading in headings:
+        plain = re.sub(r"\[([^]]*)\]\([^)]*\)", r"\1", heading).lower()
+        name = re.sub(r"[^\w\- ]", "", plain).replace(" ", "-")
+        same = sum(one == name or re.fullmatch(re.escape(name) + r"-\d+", one) is not None
+                   for one in anchors)
+        anchors.add(f"{name}-{same}" if same else name)
+    return anchors
+
+
+def dead_links_of(document, source):
+    """What a document's links name that is not there."""
+    dead = []
+    for path, anchor in re.findall(r"\]\(([^)#:\s]*)(?:#([^)]*))?\)", texts_of(source / document)):
+        target = (source / document).parent / path if path else source / document
+        if not target.exists():
+            dead.append(f"{document}: links to {path}, which is not there")
+        elif anchor and target.suffix == ".md" and anchor not in anchors_of(target):
+            dead.append(f"{document}: links to {path}#{anchor}, which has no such heading")
+    return dead
+
+
 def check(source, build, document, scratch):
     """Follows a document. Gives what to print, and what is wrong."""
     reader = Reader(source, build, document, scratch)
-    steps, of_block, marked, faults = [], [], [], []
+    steps, of_block, marked, faults = [], [], [], dead_links_of(document, source)
     ran = 0
     for block in blocks_of(source / document):
         if block.mark == "file":
@@ -212,11 +245,13 @@ def main():
     well = True
     with tempfile.TemporaryDirectory(prefix="documents ") as scratch, \
             concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        checks = [(document, pool.submit(check, source, build, document, Path(scratch) / str(number)))
+        checks = [(document,
+                   pool.submit(check, source, build, document, Path(scratch) / str(number)))
                   for number, document in enumerate([*documents, wrong])]
         for document, checked in checks:
             lines, faults = checked.result()
             if document == wrong:
+                assert len(dead_links_of(wrong, source)) == 2
                 missed = {block.line for block in blocks_of(source / wrong)} - found_in(faults)
                 lines, faults = [], [f"{wrong}:{line}: is taken for right" for line in missed]
             for line in lines + [f"FAILED  {fault}" for fault in faults]:
