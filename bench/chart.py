@@ -1,7 +1,7 @@
-"""Draws a table of throughputs as a chart: chart.py table.tsv > chart.svg
+"""Draws a table over payload size as a chart: chart.py table.tsv "unit of the values" > chart.svg
 
-The table's first column is the size in bytes, each other one a line in GB/s. Both axes
-are logarithmic.
+The table's first column is the size in bytes, each other one a line. Both axes are logarithmic.
+Of a column NAME,PART all lines of a NAME have one colour; those of p99 are dashed.
 """
 
 import math
@@ -10,7 +10,7 @@ import sys
 WIDTH, HEIGHT = 760, 440
 LEFT, RIGHT, TOP, BOTTOM = 64, 120, 40, 56
 COLOURS = ["#7f7f7f", "#1f77b4", "#2ca02c", "#bcbd22", "#d62728"]
-DASHED = {"memcpy", "skeleton"}
+DASHED = {"memcpy", "skeleton", "p99"}
 
 
 def size_name(size):
@@ -26,6 +26,9 @@ def main():
         names = table.readline().split()[1:]
         rows = [line.split() for line in table]
     sizes = [int(row[0]) for row in rows]
+    parts = [name.split(",") for name in names]
+    kinds = list(dict.fromkeys(part[0] for part in parts))
+    colours = COLOURS if len(kinds) == len(names) else COLOURS[1:]
     speeds = [[float(row[1 + i]) for row in rows] for i in range(len(names))]
 
     low = 10 ** math.floor(math.log10(min(map(min, speeds))))
@@ -48,8 +51,9 @@ def main():
 
     print(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" '
           'font-family="sans-serif" font-size="12">')
+    print(f"<title>{sys.argv[2]}, over payload size</title>")
     print(f'<rect width="{WIDTH}" height="{HEIGHT}" fill="#fff"/>')
-    text(LEFT, TOP - 18, "GB/s of payload", "start")
+    text(LEFT, TOP - 18, sys.argv[2], "start")
     text((LEFT + WIDTH - RIGHT) / 2, HEIGHT - 14, "payload")
     speed = low
     while speed <= high * 1.001:
@@ -68,10 +72,11 @@ def main():
         last = label_y[i] = max(y(speeds[i][-1]) + 4, last + 15)
     for i, name in enumerate(names):
         points = " ".join(f"{x(s):.1f},{y(v):.1f}" for s, v in zip(sizes, speeds[i]))
-        dash = ' stroke-dasharray="5 4"' if name in DASHED else ""
-        print(f'<polyline points="{points}" fill="none" stroke="{COLOURS[i]}" '
+        dash = ' stroke-dasharray="5 4"' if parts[i][-1] in DASHED else ""
+        colour = colours[kinds.index(parts[i][0])]
+        print(f'<polyline points="{points}" fill="none" stroke="{colour}" '
               f'stroke-width="2"{dash}/>')
-        text(WIDTH - RIGHT + 8, label_y[i], name, "start", COLOURS[i])
+        text(WIDTH - RIGHT + 8, label_y[i], " ".join(parts[i]), "start", colour)
     print("</svg>")
 
 

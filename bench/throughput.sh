@@ -5,4 +5,4 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . bench/build.sh
 build_programs ratios
 GLIBC_TUNABLES=$warm_heap "$build/bench/ratios" throughput | tee "$build/throughput.tsv"
-python3 bench/chart.py "$build/throughput.tsv" >docs/throughput.svg
+python3 bench/chart.py "$build/throughput.tsv" "GB/s of payload" >docs/throughput.svg
