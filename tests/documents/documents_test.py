@@ -186,6 +186,8 @@ def dead_links_of(document, source):
         target = (source / document).parent / path if path else source / document
         if not target.exists():
             dead.append(f"{document}: links to {path}, which is not there")
+        elif target.suffix == ".svg" and "<title" not in target.read_text():
+            dead.append(f"{document}: shows {path}, which has no title for who does not see it")
         elif anchor and target.suffix == ".md" and anchor not in anchors_of(target):
             dead.append(f"{document}: links to {path}#{anchor}, which has no such heading")
     return dead
