@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * What a host includes to drive the plug-in, libCorvane_plugin.so, from C or C++.
  *
  * The host loads the library (dlopen, or by linking to it) and calls
@@ -25,15 +26,17 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/*
+/**
  * Opens the parameter module "libCorvaneParamsModule.so" and the crypto engine
  * "libSoftModuleaven.so" by their bare names (the dynamic loader's usual search)
  * and initialises the engine, whose own log goes to /dev/stderr.
  *
  * These failures are printed to standard output, and told nowhere else:
+ *
  *     load fail, <loader's message>                         parameter module
  *     libSoftModuleaven.so load fail                        engine
- *     m_softMoudleAven.aven_global_init ERROR 0x<code>      engine initialisation
+ *     m_softMoudleAven.aven_global_init ERROR 0x<number>    engine initialisation
+ *
  * A library that lacks a function loads without a message; the requests that need the
  * function fail. Requests may be sent after any failure. Without an engine they report
  * codes of their own; without a parameter module they can report nothing.
@@ -42,7 +45,7 @@ extern "C" {
  */
 int Corvane_plugin_Init(CORVANE_NO_ARGUMENTS);
 
-/*
+/**
  * Serves one request. `name` points at `len` bytes, the request's name; it needs
  * no terminator and stays the caller's. Before the call the host stores the request
  * parameters in the parameter module; after it the host reads the results there:
@@ -57,7 +60,7 @@ int Corvane_plugin_Init(CORVANE_NO_ARGUMENTS);
  */
 int Corvane_plugin_Request(const char* name, unsigned int len);
 
-/*
+/**
  * Closes the parameter module, cleans up the engine and closes it. No request may
  * follow, unless after another Corvane_plugin_Init.
  */
@@ -66,7 +69,7 @@ int Corvane_plugin_Free(CORVANE_NO_ARGUMENTS);
 #ifdef __cplusplus
 }
 
-/* Keeps the three entry points in static links; nothing calls it. */
+/** Keeps the three entry points in static links; nothing calls it. */
 void prevent_Corvane_forgetting();
 #endif
 

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Diagnostics through syslog, gated by one process-wide level, and hex dumps.
  * The plain functions compile as C11 too.
  *
@@ -17,22 +18,22 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* The process-wide level, 4 until log_set_level changes it. Any value is kept: a
+/** The process-wide level, 4 until log_set_level changes it. Any value is kept: a
    negative one silences everything, 5 and above let everything through. No lock:
    a change reaches each message at its next test of the level. */
 extern int _log_level;
 
-/* openlog with pid and console fall-back; a copy of each message goes to standard
+/** Opens syslog with pid and console fall-back; a copy of each message goes to standard
    error if alsoStderr. `ident` must stay valid while the log is in use. */
 void log_open(const char* ident, bool alsoStderr);
 
-/* The level of a name ("crit" to "debug", any case); 4 for null and other names. */
+/** The level of a name ("crit" to "debug", any case); 4 for null and other names. */
 int log_get_level(const char* name);
 
-/* Stores `level` unchecked. */
+/** Sets the process-wide level, unchecked. */
 void log_set_level(int level);
 
-/* closelog. */
+/** Closes the connection to syslog. */
 void log_close(void);
 
 #pragma GCC visibility pop
@@ -41,7 +42,7 @@ void log_close(void);
 
 #pragma GCC visibility push(default)
 
-/* Formats one line of at most `rowsize` bytes (16 or 32; anything else counts as
+/** Formats one line of at most `rowsize` bytes (16 or 32; anything else counts as
    16) of buf as hex digits in groups of `groupsize` bytes (8, 4, 2 in the
    machine's byte order, else 1) and, if `ascii`, the text beside them. A length
    that is no multiple of the group size is shown byte by byte. Writes at most
@@ -49,11 +50,11 @@ void log_close(void);
 void hex_dump_to_buffer(const void* buf, unsigned long len, int rowsize, int groupsize,
                         char* linebuf, unsigned long linebuflen, bool ascii);
 
-/* Sends buf to the log at level 0 to 5, a message for each 16 bytes; at any other
+/** Sends buf to the log at level 0 to 5, a message for each 16 bytes; at any other
    level prints the lines to standard output while _log_level is above 4. */
 void print_hex_dump(int level, const void* buf, unsigned long len);
 
-/* Prints buf under a caption to standard output while _log_level is above 4. */
+/** Prints buf under a caption to standard output while _log_level is above 4. */
 void print_hex_buf(const char* caption, const void* buf, unsigned long len);
 
 #pragma GCC visibility pop

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The contract towards the host's parameter module, libCorvaneParamsModule.so: its
  * twelve functions. C11 and C++17.
  *
@@ -12,7 +13,7 @@
 #ifndef CORVANE_PARAMS_INTERFACE_H
 #define CORVANE_PARAMS_INTERFACE_H
 
-/*
+/**
  * The functions in the order in which the plug-in resolves them, one row each:
  * X(name, parameters); all return int. Users expand the list with an X of their own, the
  * plug-in into function pointers. What each function does is told at its declaration, at
@@ -49,13 +50,14 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* Request parameters: the host adds them, the plug-in reads them and empties the store at
-   the end of the request. */
+/** @name Request parameters
+ *  The host adds them, the plug-in reads them and empties the store at the end of the request.
+ *  @{ */
 
-/* Inserts a pair. */
+/** Inserts a pair. */
 int AddHttpParams(char* name, long name_len, char* value, long value_len);
 
-/*
+/**
  * Reads a value in two calls:
  *   1. value null, *value_len 0: fails if the name is absent, else stores the value's
  *      length in *value_len;
@@ -64,42 +66,51 @@ int AddHttpParams(char* name, long name_len, char* value, long value_len);
  */
 int GetHttpParams(char* name, long name_len, char* value, long* value_len);
 
-/* Replaces the value of a name that is there. */
+/** Replaces the value of a name that is there. */
 int ChangeHttpParams(char* name, long name_len, char* value, long value_len);
 
-/* Empties the store; an empty one is no failure. */
+/** Empties the store; an empty one is no failure. */
 int ClearHttpParams(void);
 
-/* Results: the plug-in empties the store at the start of a request and adds to it, the
-   host reads it afterwards. */
+/** @} */
 
-/* Inserts a pair. */
+/** @name Results
+ *  The plug-in empties the store at the start of a request and adds to it, the host reads it
+ *  afterwards.
+ *  @{ */
+
+/** Inserts a pair. */
 int AddRetParams(char* name, long name_len, char* value, long value_len);
 
-/* Reads a value, in two calls as GetHttpParams does. */
+/** Reads a value, in two calls as GetHttpParams does. */
 int GetRetParams(char* name, long name_len, char* value, long* value_len);
 
-/* For the host; the plug-in requires only that it exists. Stores the number of results. */
+/** For the host; the plug-in requires only that it exists. Stores the number of results. */
 int GetRetParamsSum(int* count);
 
-/* For the host, likewise. Reads name and value of result `index`, which counts from 0, in
+/** For the host, likewise. Reads name and value of result `index`, which counts from 0, in
    two calls as GetHttpParams does: both pointers null, then both set. */
 int GetRetParamFromIndex(int index, char* name, long* name_len, char* value, long* value_len);
 
-/* Empties the store; an empty one is no failure. */
+/** Empties the store; an empty one is no failure. */
 int ClearRetParams(void);
 
-/* The custom result text, for hosts and handlers of their own: the plug-in's requests only
-   clear it, at their start. */
+/** @} */
 
-/* Replaces the text. */
+/** @name The custom result text
+ *  For hosts and handlers of their own: the plug-in's requests only clear it, at their start.
+ *  @{ */
+
+/** Replaces the text. */
 int SetRetCustomParam(char* text, long text_len);
 
-/* For the host, like GetRetParamsSum. Reads the text, in two calls as GetHttpParams does. */
+/** For the host, like GetRetParamsSum. Reads the text, in two calls as GetHttpParams does. */
 int GetRetCustomParam(char* text, long* text_len);
 
-/* Empties the text; an empty one is no failure. */
+/** Empties the text; an empty one is no failure. */
 int ClearRetCustomParam(void);
+
+/** @} */
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
