@@ -3,8 +3,9 @@
 #   ./test.sh       the fast suite
 #   ./test.sh all   also static analysis, Clang, sanitizers, valgrind, 64-bit ARM in
 #                   emulation, coverage, fuzzers, a minute of load, the console in a browser,
-#                   three hosts behind balancers, the manifests for Kubernetes, promtool, the
-#                   packages for both architectures (this one wants root)
+#                   three hosts behind balancers, clients in six languages, the manifests for
+#                   Kubernetes, promtool, the packages for both architectures (this one wants
+#                   root)
 #   ./test.sh --help  these lines
 #
 # Debian packages that are missing are installed. With CORVANE_NO_INSTALL=1 in the environment
@@ -168,7 +169,8 @@ packaging/install-packages.sh "${build_packages[@]}" "${test_packages[@]}"
 stage "tests" tests_of release
 if [ "${1-}" = all ]; then
     packaging/install-packages.sh "${all_packages[@]}" "${aarch64_packages[@]}" \
-        "${browser_packages[@]}" "${prometheus_packages[@]}" "${balancer_packages[@]}"
+        "${browser_packages[@]}" "${prometheus_packages[@]}" "${balancer_packages[@]}" \
+        "${client_packages[@]}"
     stage "formatting" formatting
     stage "scripts" scripts
     stage "scripts in other places" tests/commands.sh
@@ -181,6 +183,7 @@ if [ "${1-}" = all ]; then
     stage "64-bit ARM" aarch64
     stage "fuzzers" fuzz/run.sh 10
     stage "load, the console in a browser, hosts behind balancers" load_console_and_balancers
+    stage "clients in six languages" tests/clients.sh
     stage "manifests for Kubernetes" tests/kubernetes.sh
     stage "prometheus" tests/prometheus.sh
     stage "abuse of the host's server" abuse

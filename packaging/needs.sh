@@ -31,6 +31,10 @@ haproxy | program haproxy | HAProxy 2.6
 nodejs | program node | Node.js
 fonts-wqy-microhei | file /usr/share/fonts/truetype/wqy | a Chinese font
 prometheus | program promtool | promtool of Prometheus
+libcurl4-openssl-dev | header curl/curl.h | libcurl (pkg-config libcurl)
+libjansson-dev | header jansson.h | Jansson (pkg-config jansson)
+openjdk-17-jdk-headless | program javac | a Java development kit, 11 or later
+libgoogle-gson-java | file /usr/share/java/gson.jar | Gson
 g++-aarch64-linux-gnu | program aarch64-linux-gnu-g++ | GCC 12 for 64-bit ARM
 qemu-user | program qemu-aarch64 | QEMU in user mode
 libssl-dev:arm64 | file /usr/lib/aarch64-linux-gnu/libcrypto.so | OpenSSL 3 for 64-bit ARM

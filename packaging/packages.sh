@@ -32,3 +32,7 @@ prometheus_packages=(curl openssl prometheus)
 # Building for 64-bit ARM and running it in emulation. The last are of that architecture.
 aarch64_packages=(g++-aarch64-linux-gnu qemu-user libssl-dev:arm64 libstdc++6:arm64
     libmicrohttpd-dev:arm64 libsystemd-dev:arm64)
+# The clients in six languages, as their README.md has them.
+client_packages=(curl g++ gcc jq libcurl4-openssl-dev libgoogle-gson-java libjansson-dev
+    nlohmann-json3-dev nodejs openjdk-17-jdk-headless openssl python3)
+
