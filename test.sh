@@ -97,7 +97,7 @@ static_analysis() {
 }
 
 # What looks at documents, at shells and at the tree itself, which is the same in every build.
-written='^(completion|documents|man_pages|rooms|third_party)_test$'
+written='^(completion|documents|man_pages|reference|rooms|third_party)_test$'
 
 # All other programs but the one that compiles headers, which no sanitizer sees.
 address_sanitizer() {

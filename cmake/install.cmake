@@ -62,7 +62,11 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/corvane.pc DESTINATION ${PKGCONFIG_DIR
 
 install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc
-  PATTERN man EXCLUDE PATTERN build EXCLUDE)
+  PATTERN man EXCLUDE PATTERN reference EXCLUDE PATTERN build EXCLUDE)
+# The pages of the target `reference`, where they have been made.
+add_subdirectory(docs/reference)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/${CMAKE_INSTALL_DOCDIR}/reference
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc OPTIONAL)
 install(DIRECTORY packaging/haproxy packaging/kubernetes packaging/nginx packaging/prometheus
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/packaging COMPONENT doc)
 foreach(folder engine host peer)

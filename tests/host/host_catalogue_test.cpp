@@ -431,6 +431,13 @@ TEST_F(HostDocuments, RequestsDocumentIsTheCatalogues)
         << "corvane-host list --markdown >docs/requests.md";
 }
 
+// Too long to show where they differ.
+TEST_F(HostDocuments, OpenApiDocumentIsTheHosts)
+{
+    EXPECT_TRUE(readWhole(CORVANE_SOURCE_DIR "/docs/openapi.json") == run({"openapi"}).out)
+        << "corvane-host openapi >docs/openapi.json";
+}
+
 TEST_F(HostDocuments, OpenApiHasEveryRequestWithItsParameters)
 {
     const Json document = run({"openapi"}).json();

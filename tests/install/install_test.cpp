@@ -137,7 +137,9 @@ TEST_F(Installed, EachComponentHasItsFiles)
          ""},
         {"doc",
          {"share/doc/corvane/README.md", "share/doc/corvane/SECURITY.md",
-          "share/doc/corvane/docs/embedding.md",
+          "share/doc/corvane/docs/embedding.md", "share/doc/corvane/docs/openapi.json",
+          "share/doc/corvane/examples/clients/java/Client.java",
+          "share/doc/corvane/examples/own-host/own_host.c",
           "share/doc/corvane/packaging/kubernetes/statefulset.yaml",
           "share/doc/corvane/packaging/prometheus/alerts.yml"},
          "share/doc/"},
@@ -156,6 +158,16 @@ TEST_F(Installed, EachComponentHasItsFiles)
         }
     }
     EXPECT_EQ(files(prefix), all);
+}
+
+// What makes the pages stays with the sources.
+TEST_F(Installed, PagesOfTheReferenceAreThereIfTheyWereMade)
+{
+    if (!fs::exists(build / "share/doc/corvane/reference/http.html"))
+        GTEST_SKIP() << "NOT TESTED: there was no doxygen or no python3";
+    EXPECT_EQ((std::set<std::string>{"headers.html", "http.html"}),
+              files(prefix / "share/doc/corvane/reference"));
+    EXPECT_FALSE(fs::exists(prefix / "share/doc/corvane/docs/reference"));
 }
 
 // The files that a document's links name, from its own folder; others' addresses are left out.
