@@ -4,10 +4,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/un.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -15,6 +13,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+
+#include "host/syslog_target.h"
 
 namespace fs = std::filesystem;
 
@@ -154,25 +154,14 @@ Finding checkSoname(const LibraryChoice& library)
 Finding checkSyslog()
 {
     Finding finding = {"plug-in's messages", Status::Ok, ""};
-    sockaddr_un address = {AF_UNIX, "/dev/log"};
-    int reason = 0;
-    for (const int kind : {SOCK_DGRAM, SOCK_STREAM}) {
-        const int socket = ::socket(AF_UNIX, kind | SOCK_CLOEXEC, 0);
-        reason =
-            connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
-        close(socket);
-        if (reason != EPROTOTYPE)
-            break;
-    }
-    if (reason == 0) {
+    const SyslogTarget syslog = lookAtSyslog();
+    if (syslog.fault.empty()) {
         finding.detail = "syslog takes them at /dev/log, facilities local0 to local5";
         return finding;
     }
     finding.status = Status::Note;
-    finding.detail = "they go to syslog, but nobody takes them: /dev/log: " + errorText(reason);
-    finding.hint = reason == EACCES
-                       ? "let this user write to /dev/log"
-                       : "start a syslog service, or share /dev/log with the container";
+    finding.detail = "they go to syslog, but nobody takes them: " + syslog.fault;
+    finding.hint = syslog.remedy;
     return finding;
 }
 
