@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 
 #include "common/failure.h"
 #include "common/secrets.h"
@@ -34,6 +35,14 @@ bool isSmall(const Task& task)
     for (const auto& [name, value] : task.request.parameters)
         bytes += name.size() + value.size();
     return task.files.empty() && !task.bound && bytes <= largestAhead;
+}
+
+// By the number of the process, the system's log may tell more. Takes no memory.
+void tellOfEnd(pid_t pid, Ending ending, const char* request)
+{
+    fprintf(stderr, "corvane-host: worker process %d %s%s%s; another one takes its place\n",
+            static_cast<int>(pid), ending == Ending::TimedOut ? "took too long" : "ended",
+            *request == '\0' ? "" : " in ", request);
 }
 
 }  // namespace
@@ -181,6 +190,10 @@ void WorkerPool::end(size_t slot, Ending ending)
     const bool wasIdle =
         place.info.served == place.servedBefore && place.sent.empty() && !place.info.isLeaving;
     place.idleLives = wasReady && wasIdle ? place.idleLives + 1 : 0;
+    // One that does not start says why itself.
+    if (ending == Ending::TimedOut || (ending == Ending::Died && wasReady))
+        tellOfEnd(place.info.pid, ending,
+                  place.sent.empty() ? "" : place.sent.front().task.request.name.c_str());
     place.alarm->clear();
     m_loop.unwatch(place.watch);
     place.process.reset();
