@@ -14,6 +14,7 @@
 #include "common/locked_memory.h"
 #include "common/secrets.h"
 #include "host/host_session.h"
+#include "host/syslog_target.h"
 #include "service/front/fronts.h"
 #include "service/operation/access_log.h"
 #include "service/operation/bearer_tokens.h"
@@ -95,6 +96,17 @@ std::string greeting(const BearerTokens* tokens, const std::string& place, bool 
     return listening + "to see the token: cat " + quoted(tokens->file()) + console + "\n";
 }
 
+// At the other levels the plug-in sends none.
+void tellOfLostMessages(const std::string& level, AccessLog& log)
+{
+    if (level != "info" && level != "debug")
+        return;
+    const SyslogTarget syslog = lookAtSyslog();
+    if (!syslog.fault.empty())
+        log.tell("--plugin-log " + level +
+                 ": nobody takes the plug-in's messages: " + syslog.fault + "; " + syslog.remedy);
+}
+
 // For clients who have the next token already, or the last one still.
 void readAgain(BearerTokens* tokens, AccessLog& log)
 {
@@ -166,6 +178,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     unblockStandardError();
     AccessLog log(options.accessLog);
     options.connections = possibleConnections(options, log);
+    tellOfLostMessages(options.pluginLog, log);
     Metrics metrics;
     EventLoop loop;
 

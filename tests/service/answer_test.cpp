@@ -66,11 +66,27 @@ TEST(Answer, OfARefusalExplainsItsCode)
     EXPECT_EQ("-20084", json["error"]["code"]);
     EXPECT_EQ("text \xEF\xBF\xBD \"quoted\"", json["error"]["text"]);
     EXPECT_NE("", json["error"]["remedy"]);
+    EXPECT_EQ("-20084", pluginAnswer(reply, "[]").code);
+    EXPECT_EQ("", pluginAnswer(good({}), "[]").code);
 
     const Json peer = Json::parse(peerAnswer(reply).body);
     EXPECT_EQ("peer", peer["error"]["source"]);
     EXPECT_FALSE(peer.contains("microseconds"));
+    EXPECT_EQ("-20084", peerAnswer(reply).code);
+    EXPECT_EQ("", peerAnswer(good({})).code);
     EXPECT_TRUE(Json::parse(peerAnswer(good({})).body)["error"].is_null());
+}
+
+// What an engine of somebody else's writes for a code may hold anything.
+TEST(Answer, GivesLogsNoCodeThatIsNone)
+{
+    WireReply reply;
+    for (const std::string& code :
+         {""s, "secret value"s, "KEY"s, "-20084\n"s, "\xff"s, std::string(33, '1')}) {
+        reply.code = code;
+        EXPECT_EQ("other", pluginAnswer(reply, "[]").code) << code;
+        EXPECT_EQ("other", peerAnswer(reply).code) << code;
+    }
 }
 
 TEST(Answer, OfTheHostsOwnRefusalNamesItsReason)
@@ -132,9 +148,14 @@ TEST(Answer, OfABatchHasThoseOfItsPartsInOrder)
 {
     EXPECT_EQ(R"({"answers":[]})", batchAnswer({}).body);
     const std::vector<Answer> parts = {pluginAnswer(good({{"a", "1"}}), "[]"),
-                                       answerOf(Refusal(Reason::queue_full))};
-    const Json json = Json::parse(batchAnswer(parts).body);
-    ASSERT_EQ(2U, json["answers"].size());
+                                       answerOf(Refusal(Reason::queue_full)),
+                                       pluginAnswer(WireReply(), "[]")};
+    const Answer answer = batchAnswer(parts);
+    EXPECT_EQ("", answer.code);
+    EXPECT_EQ(3U, answer.parts);
+    EXPECT_EQ(2U, answer.failed);
+    const Json json = Json::parse(answer.body);
+    ASSERT_EQ(3U, json["answers"].size());
     EXPECT_EQ("1", json["answers"][0]["results"]["a"]);
     EXPECT_EQ("busy", json["answers"][1]["error"]["code"]);
     EXPECT_EQ(503U, parts[1].status);

@@ -380,6 +380,8 @@ TEST_F(OperatorLog, WhatIsCollectedIsWrittenAtTheEndAndBeforeANewFile)
     entry.microseconds = 12034;
     entry.request = "name";
     entry.error = "busy";
+    entry.requests = 4;
+    entry.failed = 3;
     {
         AccessLog log(path("log"));
         log.write(entry);
@@ -393,7 +395,8 @@ TEST_F(OperatorLog, WhatIsCollectedIsWrittenAtTheEndAndBeforeANewFile)
     EXPECT_EQ(
         "\"id\":\"0123456789abcdef\",\"address\":\"::1\",\"method\":\"POST\","
         "\"route\":\"/a\\\"b\",\"status\":200,\"received\":1,\"sent\":2,"
-        "\"milliseconds\":12.034,\"whole\":true,\"request\":\"name\",\"error\":\"busy\"}\n",
+        "\"milliseconds\":12.034,\"whole\":true,\"request\":\"name\",\"error\":\"busy\","
+        "\"requests\":4,\"failed\":3}\n",
         line.substr(line.find("\"id\"")));
     EXPECT_EQ(2U, answersIn(readWhole(path("log"))));
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <sstream>
 
 #include "support/served_host.h"
 
@@ -20,26 +19,12 @@ using support::ServedHost;
 constexpr const char* forwardedFor = "X-Forwarded-For";
 constexpr const char* requestId = "X-Request-Id";
 
-// The line of the access log with this number and status.
-Json loggedWith(const ServedHost& host, const std::string& id)
-{
-    Json found;
-    EXPECT_TRUE(eventually([&] {
-        std::istringstream log(support::readWhole(host.path("access.log")));
-        for (std::string line; std::getline(log, line);)
-            if (line.find("\"id\":\"" + id + "\"") != std::string::npos)
-                found = Json::parse(line, nullptr, false);
-        return found.is_object();
-    })) << id;
-    return found;
-}
-
 // The address by which the log knows who sent this.
 std::string loggedAddress(const ServedHost& host, const HttpHeaders& headers)
 {
     const HttpAnswer answer = host.ask("GET", "/livez", headers);
     EXPECT_EQ(200, answer.status) << answer.body;
-    return loggedWith(host, answer.headers.at("x-request-id")).value("address", "");
+    return host.logged(answer.headers.at("x-request-id")).value("address", "");
 }
 
 bool isOwnId(const std::string& id)
@@ -72,7 +57,7 @@ TEST_F(ServeProxy, TellsTheClient)
             headers.emplace_back(forwardedFor, address);
         connection.send(host.text("GET", "/livez", headers));
         const std::string id = connection.receive().headers.at("x-request-id");
-        EXPECT_EQ(address, loggedWith(host, id).value("address", ""));
+        EXPECT_EQ(address, host.logged(id).value("address", ""));
     }
 }
 
@@ -142,13 +127,13 @@ TEST_F(ServeProxy, TellsTheNumber)
         const HttpAnswer answer = host.ask("GET", "/v1/status", {{requestId, id}});
         EXPECT_EQ(200, answer.status);
         EXPECT_EQ(id, answer.headers.at("x-request-id"));
-        EXPECT_EQ("/v1/status", loggedWith(host, id).value("route", ""));
+        EXPECT_EQ("/v1/status", host.logged(id).value("route", ""));
     }
     // Also where the request is refused.
     const HttpAnswer refused = host.ask("GET", "/v1/nothing", {{"x-request-id", "refused"}});
     EXPECT_EQ(404, refused.status);
     EXPECT_EQ("refused", refused.headers.at("x-request-id"));
-    EXPECT_EQ(404, loggedWith(host, "refused").value("status", 0));
+    EXPECT_EQ(404, host.logged("refused").value("status", 0));
 }
 
 TEST_F(ServeProxy, TellsNoNumberThatIsOfAnotherForm)

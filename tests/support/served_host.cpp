@@ -362,6 +362,19 @@ double ServedHost::metric(const std::string& row) const
     return rowOf(get("/metrics").body, row);
 }
 
+Json ServedHost::logged(const std::string& id) const
+{
+    Json found;
+    EXPECT_TRUE(eventually([&] {
+        std::istringstream log(readWhole(path("access.log")));
+        for (std::string line; std::getline(log, line);)
+            if (line.find("\"id\":\"" + id + "\"") != std::string::npos)
+                found = Json::parse(line, nullptr, false);
+        return found.is_object();
+    })) << id;
+    return found;
+}
+
 std::vector<pid_t> ServedHost::workers(size_t count) const
 {
     eventually([&] { return metric("corvane_workers_ready") == static_cast<double>(count); });

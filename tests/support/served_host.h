@@ -101,6 +101,9 @@ public:
     // A row of the metrics; -1 without it.
     double metric(const std::string& row) const;
 
+    // The line of the log in its folder that has this number, once it is there.
+    Json logged(const std::string& id) const;
+
     // Its workers, once `count` of them run and can serve.
     std::vector<pid_t> workers(size_t count = 2) const;
     // The process of the key exchange's other side.

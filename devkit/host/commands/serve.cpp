@@ -58,8 +58,8 @@ void addPluginLog(CLI::App& command, std::string& level)
 {
     command
         .add_option(pluginLogOption, level,
-                    "What workers' plug-ins send to syslog; from info on, two messages for each "
-                    "request")
+                    "What workers' plug-ins send to syslog, from this level up; from info on, two "
+                    "messages for each request")
         ->type_name("LEVEL")
         ->check(CLI::IsMember({"crit", "err", "warning", "notice", "info", "debug"}))
         ->capture_default_str();
@@ -151,7 +151,10 @@ void addOptions(CLI::App& command, ServeOptions& options)
                      "Keep the memory of all processes out of swap");
 
     addLimits(command, options);
-    command.add_option("--access-log", options.accessLog, "Access log; default: standard error")
+    command
+        .add_option("--access-log", options.accessLog,
+                    "A line of JSON for each answer, with the code of what failed; default: "
+                    "standard error. Where all logs are: docs/serving.md")
         ->type_name("FILE");
     addPluginLog(command, options.pluginLog);
 }

@@ -152,7 +152,10 @@ void Server::log(const Exchange& exchange, bool isWhole)
     if (exchange.route != nullptr && exchange.route->target == Target::Request)
         if (const RequestInfo* info = findRequest(nameBehind(*exchange.route, exchange.path)))
             entry.request = info->name;
-    if (exchange.answer)
+    if (exchange.answer) {
         entry.error = exchange.answer->code;
+        entry.requests = exchange.answer->parts;
+        entry.failed = exchange.answer->failed;
+    }
     m_shared.log.write(entry);
 }

@@ -123,7 +123,7 @@ public:
         const std::shared_ptr<Exchange> exchange = m_exchange.lock();
         if (exchange == nullptr)
             return;
-        if (exchange->server.m_draining && answer.code == "busy")
+        if (exchange->server.m_draining && answer.status == 503 && answer.code == "busy")
             answer = answerOf(Refusal(Reason::host_stopped));
         exchange->answer = std::move(answer);
         exchange->resume();

@@ -81,6 +81,10 @@ void AccessLog::write(const AccessEntry& entry)
         appendMember(out, "request", entry.request);
     if (!entry.error.empty())
         appendMember(out, "error", entry.error);
+    if (entry.requests > 0) {
+        appendMember(out, "requests", entry.requests);
+        appendMember(out, "failed", entry.failed);
+    }
     out += "}\n";
 
     m_collected += out;

@@ -24,8 +24,10 @@ struct AccessEntry {
     size_t sent = 0;      // of the answer's
     uint64_t microseconds = 0;
     bool isWhole = true;
-    std::string_view request = {};  // these two only where there is one
-    std::string_view error = {};
+    std::string_view request = {};  // its name; these two only where there is one
+    std::string_view error = {};    // the code, if it failed
+    size_t requests = 0;            // of a batch, which has at least one
+    size_t failed = 0;              // of them
 };
 
 // All of it may be called by several threads at once.

@@ -60,13 +60,6 @@ std::string escaped(const std::string& value)
     return out;
 }
 
-// Codes are numbers or words; anything else that an engine wrote is not repeated.
-bool isPlain(const std::string& code)
-{
-    return !code.empty() && code.size() <= 32 &&
-           code.find_first_not_of("-0123456789_abcdefghijklmnopqrstuvwxyz") == std::string::npos;
-}
-
 double number(uint64_t count)
 {
     return static_cast<double>(count);
@@ -114,9 +107,17 @@ size_t openDescriptors()
 
 }  // namespace
 
+std::string plainCode(const std::string& code)
+{
+    const bool isPlain =
+        !code.empty() && code.size() <= 32 &&
+        code.find_first_not_of("-0123456789_abcdefghijklmnopqrstuvwxyz") == std::string::npos;
+    return isPlain ? code : "other";
+}
+
 void Metrics::countRequest(const std::string& name, const std::string& code, double seconds)
 {
-    auto key = std::pair(name, isPlain(code) ? code : "other");
+    auto key = std::pair(name, plainCode(code));
     if (m_requests.size() >= mostRows && m_requests.count(key) == 0)
         key.second = "other";
     ++m_requests[key];

@@ -11,6 +11,10 @@
 #include <utility>
 #include <vector>
 
+// The code as logs and metrics have it. Codes are numbers or words; what else an engine wrote in
+// place of one is "other".
+std::string plainCode(const std::string& code);
+
 class Metrics {
 public:
     // An outcome: the result code, or the host's own code. `seconds` from sending to a worker until

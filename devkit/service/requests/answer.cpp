@@ -10,6 +10,7 @@
 #include "host/catalogue/error_codes.h"
 #include "host/values.h"
 #include "service/operation/json_text.h"
+#include "service/operation/metrics.h"
 
 namespace {
 
@@ -26,6 +27,11 @@ Json errorOf(const WireReply& reply)
             {"text", reply.text},
             {"cause", known != nullptr ? known->cause : ""},
             {"remedy", known != nullptr ? known->remedy : ""}};
+}
+
+std::string codeOf(const WireReply& reply)
+{
+    return reply.ok ? "" : plainCode(reply.code);
 }
 
 // A result: its text, or what its bytes are in Base64 if they are not UTF-8.
@@ -97,6 +103,7 @@ Answer pluginAnswer(const WireReply& reply, const std::string& warnings)
 {
     Answer answer;
     answer.body = beginningOf(reply, reply.ok ? Json() : errorOf(reply), warnings);
+    answer.code = codeOf(reply);
     const std::string tenths = std::to_string(std::lround(reply.microseconds * 10));
     appendSecret(answer.body, ",\"microseconds\":");
     appendSecret(answer.body, tenths.size() > 1 ? tenths.substr(0, tenths.size() - 1) : "0");
@@ -113,6 +120,7 @@ Answer peerAnswer(const WireReply& reply)
     }
     Answer answer;
     answer.body = beginningOf(reply, error, "[]");
+    answer.code = codeOf(reply);
     appendSecret(answer.body, "}");
     return answer;
 }
@@ -125,7 +133,9 @@ Answer batchAnswer(const std::vector<Answer>& parts)
     Answer answer;
     answer.body.reserve(size);
     answer.body += "{\"answers\":[";
+    answer.parts = parts.size();
     for (const Answer& part : parts) {
+        answer.failed += part.code.empty() ? 0 : 1;
         answer.body += &part == parts.data() ? "" : ",";
         answer.body += part.body;
     }

@@ -16,7 +16,10 @@ struct Answer {
     unsigned status = 200;
     SecretText body;
     const char* type = "application/json";
-    std::string code;  // the host's, if it refused; else ""
+    // For logs: why it failed, the host's code or the plug-in's; "" if it did not.
+    std::string code;
+    size_t parts = 0;   // of a batch
+    size_t failed = 0;  // of them
 };
 
 Answer answerOf(const Refusal& refusal);
