@@ -5,10 +5,13 @@
 #include <cstdio>
 #include <string>
 
+#include "common/library_mark.h"
 #include "common/lifetime_gate.h"
 #include "exported_call.h"
 #include "exports.h"
 #include "faults.h"
+
+LIBRARY_MARK(LIBRARY_MARK_DEVELOPMENT_ENGINE);
 
 namespace {
 

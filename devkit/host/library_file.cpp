@@ -11,6 +11,8 @@
 #include <system_error>
 #include <vector>
 
+#include "common/library_mark.h"
+
 namespace {
 
 #if defined(__x86_64__)
@@ -164,6 +166,53 @@ std::string readSoname(const Reader& file, const std::vector<Elf64_Phdr>& segmen
     return soname == 0 ? "" : readString(file, segments, strings + soname);
 }
 
+// The mark among the notes of a segment; "" if there is none, or they are not whole.
+std::string markAmong(std::string_view notes)
+{
+    const auto take = [&](void* to, size_t count) {
+        if (count > notes.size())
+            return false;
+        memcpy(to, notes.data(), count);
+        notes.remove_prefix(count);
+        return true;
+    };
+    // Owner and description are filled up to whole words. The last may end with the segment.
+    const auto takeText = [&](uint64_t count, std::string& text) {
+        if (count > notes.size())
+            return false;
+        text = notes.substr(0, count);
+        notes.remove_prefix(std::min<size_t>(notes.size(), (count + 3) / 4 * 4));
+        return true;
+    };
+    const std::string owner(LIBRARY_MARK_OWNER, sizeof LIBRARY_MARK_OWNER);  // with its zero byte
+    Elf64_Nhdr note;
+    std::string name;
+    std::string description;
+    while (take(&note, sizeof note) && takeText(note.n_namesz, name) &&
+           takeText(note.n_descsz, description))
+        if (name == owner && note.n_type == LIBRARY_MARK_TYPE && !description.empty() &&
+            description.back() == '\0')
+            return description.c_str();
+    return "";
+}
+
+std::string readMark(const Reader& file, const std::vector<Elf64_Phdr>& segments)
+{
+    constexpr uint64_t mostNotes = 4096;  // bytes of a segment; ours is one of the first
+    for (const Elf64_Phdr& segment : segments) {
+        // Notes of eight-byte words are the linker's.
+        if (segment.p_type != PT_NOTE || segment.p_align == 8)
+            continue;
+        std::string notes(std::min(segment.p_filesz, mostNotes), '\0');
+        if (!file.reads(notes.data(), notes.size(), segment.p_offset))
+            continue;
+        const std::string mark = markAmong(notes);
+        if (!mark.empty())
+            return mark;
+    }
+    return "";
+}
+
 }  // namespace
 
 LibraryFile inspectLibrary(const std::string& path)
@@ -174,7 +223,9 @@ LibraryFile inspectLibrary(const std::string& path)
         const Reader file(path);
         library.size = file.size();
         const Elf64_Ehdr header = readHeader(file);
-        library.soname = readSoname(file, readSegments(file, header));
+        const std::vector<Elf64_Phdr> segments = readSegments(file, header);
+        library.soname = readSoname(file, segments);
+        library.mark = readMark(file, segments);
     } catch (const Fault& fault) {
         library.fault = path + fault.what;
         library.remedy = fault.remedy;

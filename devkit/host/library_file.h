@@ -12,6 +12,7 @@ struct LibraryFile {
     std::string remedy;   // what to do about it
     std::string machine;  // that it was built for
     std::string soname;   // "" if it has none
+    std::string mark;     // what a note of ours says it is (see common/library_mark.h), or ""
     uint64_t size = 0;    // bytes
 };
 
