@@ -11,6 +11,7 @@
 
 #include "common/codec.h"
 #include "fuzz.h"
+#include "host/catalogue/names.h"
 #include "service/bodies/json_tree.h"
 
 namespace {
@@ -170,7 +171,9 @@ void checkPrepared(const Fields& given)
             for (size_t i = 0; i < given.size(); ++i) {
                 const auto& [name, value] = prepared.parameters[i];
                 HOLDS(name == given[i].name);
-                if (value == given[i].value)
+                const std::string* number =
+                    numberNamed(&request, name, given[i].given, given[i].value);
+                if (value == (number != nullptr ? *number : given[i].value))
                     continue;
                 HOLDS(given[i].given == Given::Bytes || given[i].given == Given::Text);
                 if (name == rootFileParameter)

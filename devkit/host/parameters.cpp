@@ -140,6 +140,6 @@ Pairs WrittenParameters::read(const RequestInfo* request) const
     }
     ValueReader reader(file != "-");
     for (auto& [name, value] : pairs)
-        value = reader.read(name, formOf(request, name), value, asWritten);
+        value = reader.read(request, name, value, asWritten);
     return pairs;
 }

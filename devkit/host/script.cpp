@@ -113,7 +113,7 @@ private:
             const auto expand = [&, &parameter = name](const std::string& text) {
                 return expandReferences(parameter, text);
             };
-            pairs.emplace_back(name, m_reader.read(name, formOf(request, name), written, expand));
+            pairs.emplace_back(name, m_reader.read(request, name, written, expand));
         }
         return pairs;
     }

@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "common/codec.h"
+#include "host/catalogue/names.h"
 #include "output.h"
 
 namespace {
@@ -52,11 +53,14 @@ std::optional<std::string> readFile(const std::string& path)
 
 }  // namespace
 
-std::string ValueReader::read(const std::string& name, Form form, const std::string& written,
-                              const Expand& expand)
+std::string ValueReader::read(const RequestInfo* request, const std::string& name,
+                              const std::string& written, const Expand& expand)
 {
     std::string value = written;
     const Given given = resolve(name, value, expand);
+    if (const std::string* number = numberNamed(request, name, given, value))
+        return *number;
+    const Form form = formOf(request, name);
     if (isMisencoded(form, given, value)) {
         // A key in PEM is what people paste here.
         const char* remedy = form == Form::KeyText ? ": write b64:@FILE, also for PEM, or text:PEM"

@@ -5,7 +5,8 @@
 //             | "hex:" DIGITS     the bytes that the digits stand for
 //             | "b64:" BYTES      URL-safe Base64 of the bytes, whatever the parameter takes
 //             | "raw:" BYTES      the bytes as they are, whatever the parameter takes
-//             | BYTES             the bytes as they are; where Base64 is due they must be that
+//             | BYTES             the bytes as they are; where Base64 is due they must be that;
+//                                 a name of the parameter's, as "aes-256", for its number
 //     BYTES   = "@" PATH          a file's
 //             | "@-"              standard input's
 //             | "text:" TEXT      the text's, whatever it begins with
@@ -32,10 +33,10 @@ public:
     // Whether a value may be read from standard input, which holds one value, or the script.
     explicit ValueReader(bool standardInputIsFree) : m_standardInputIsFree(standardInputIsFree) {}
 
-    // The value of a parameter of that form, as it is sent. Throws a UsageError that names
-    // the parameter and quotes no value.
-    std::string read(const std::string& name, Form form, const std::string& written,
-                     const Expand& expand);
+    // The value of a request's parameter, as it is sent: a name as its number (names.h).
+    // `request` may be null. Throws a UsageError that names the parameter and quotes no value.
+    std::string read(const RequestInfo* request, const std::string& name,
+                     const std::string& written, const Expand& expand);
 
 private:
     // Turns `written` into what it stands for.

@@ -1,10 +1,9 @@
 #include "catalogue.h"
 
 #include <algorithm>
-#include <cctype>
-#include <numeric>
 
 #include "common/codec.h"
+#include "names.h"
 
 namespace {
 
@@ -27,6 +26,9 @@ constexpr Allowed size(size_t bytes)
 
 constexpr Allowed sizeOfKey = {Allowed::CipherKey, 0, 0, "", 0};
 constexpr Allowed sizeOfIv = {Allowed::ModeIv, 0, 0, "", 0};
+constexpr Allowed blocksUnlessPadded = {Allowed::BlocksUnlessPadded, 0, 0, "", 0};
+constexpr Allowed blocks = {Allowed::Blocks, 0, 0, "", 0};
+constexpr Allowed oneLine = {Allowed::OneLine, 0, 0, "", 0};
 
 // Each parameter once; a request names the ones that it reads. Numbers of ciphers,
 // modes, hashes and key pair types are the engine's.
@@ -49,9 +51,9 @@ const Choices
                    {"4", "AES-256", {"aes-256"}, 32, 16},
                    {"5", "ARIA-256", {"aria-256"}, 32, 16},
                    {"6", "Camellia-256", {"camellia-256"}, 32, 16},
-                   {"7", "3DES", {"3des", "des3", "tdes", "des-ede3"}, 24, 8}},
-    modes       = {{"1", "ECB", {"ecb"}, 0, 0, noIv},
-                   {"2", "CBC", {"cbc"}, 0, 0, blockIv},
+                   {"7", "3DES", {"3des", "des3", "tdes", "des-ede3"}, 24, 8, {}, "56"}},
+    modes       = {{"1", "ECB", {"ecb"}, 0, 0, noIv, "", true},
+                   {"2", "CBC", {"cbc"}, 0, 0, blockIv, "", true},
                    {"3", "CFB", {"cfb"}, 0, 0, blockIv},
                    {"4", "OFB", {"ofb"}, 0, 0, blockIv},
                    {"5", "CTR", {"ctr"}, 0, 0, blockIv},
@@ -76,7 +78,7 @@ const Parameter
     strEncKey     = {"strEnc_key",       K, may,  any,              "",   "client's encryption key"},
     strSigCert    = {"strSig_cert",      K, may,  any,              "",   "client's signing certificate"},
     strEncCert    = {"strEnc_cert",      K, may,  any,              "",   "client's encryption certificate"},
-    strPassword   = {"strPassword",      T, may,  any,              "",   "password of the private key"},
+    strPassword   = {"strPassword",      T, may,  oneLine,          "",   "password of the private key"},
     strCaFile     = {"strCa_file",       P, must, any,              "",   "file of trusted root certificates"},
     strCaPath     = {"strCa_path",       P, may,  any,              "",   "folder of trusted root certificates"},
     strSrvrRand   = {"strSrvr_rand",     B, may,  any,              "",   "server's random"},
@@ -92,14 +94,16 @@ const Parameter
     publicKey     = {"strpk",            K, must, any,              "",   "recipient's public key"},
     privateKey    = {"strsk",            K, must, any,              "",   "own private key"},
     certificate   = {"strpk",            K, must, any,              "",   "recipient's certificate"},
-    rsaPadding    = {"strRsaPaddingE",   T, may,  oneOf("01"),      "0",  "padding of RSA", rsaPaddings},
+    rsaPadding    = {"strRsaPaddingE",   T, may,  oneOf("01"),      "0",  "padding of RSA; the development engine's OAEP is with SHA-256, also in MGF1", rsaPaddings},
     noAsn1        = {"strnoAsn1",        T, may,  oneOf("01"),      "0",  "form of SM2 ciphertext", sm2Forms},
     noC1C3C2      = {"strnoc1c3c2",      T, may,  oneOf("01"),      "0",  "order of the parts of SM2 ciphertext", sm2Orders},
     data          = {"strdata",          B, must, any,              "",   "the data"},
     plaintext     = {"strdata",          B, must, any,              "",   "the plaintext"},
     plaintextAsIs = {"strdata",          T, must, any,              "",   "the plaintext, as it is"},
     ciphertext    = {"strdata",          B, must, any,              "",   "the ciphertext"},
-    envelope      = {"strEncdata",       B, must, any,              "",   "the envelope"},
+    blockPlain    = {"strdata",          B, must, blocksUnlessPadded, "", "the plaintext"},
+    blockCipher   = {"strdata",          B, must, blocks,           "",   "the ciphertext"},
+    envelope      = {"strEncdata",       B, must, any,              "",   "the envelope, in DER"},
 
     cipherAlg     = {"strCipherAlg",     T, must, range(1, 7),      "",   "the cipher", ciphers},
     mode          = {"strMode",          T, must, oneOf("123456"),  "",   "the cipher's mode; ECB takes no initial value, GCM has a tag", modes},
@@ -109,7 +113,7 @@ const Parameter
     key16         = {"strKey",           B, must, size(16),         "",   "the key"},
     iv            = {"strIV",            B, Need::UnlessMode1, sizeOfIv, "", "initial value; ECB takes none"},
     iv16          = {"strIV",            B, must, size(16),         "",   "initial value"},
-    aad           = {"straad",           B, Need::InMode6,     any, "",   "additional authenticated data; GCM alone takes it"},
+    aad           = {"straad",           B, Need::InMode6,     any, "",   "additional authenticated data; GCM alone takes it, and there it must not be empty"},
     tagLength     = {"strgcmTagLen",     T, may,  range(4, 16),     "16", "length of the tag in bytes; GCM alone has one"},
     tag           = {"strtag",           B, Need::InMode6,     any, "",   "the tag; GCM alone has one"},
 
@@ -128,7 +132,7 @@ const Result
     mac     = {"Data",      Form::Base64,  "the check value"},
     madeKey = {"Data",      Form::Base64,  "the key"},
     message = {"Data",      Form::Base64,  "the message for the server"},
-    sealedEnvelope = {"Data", Form::Base64,  "the envelope"},
+    sealedEnvelope = {"Data", Form::Base64,  "the envelope, in DER"},
     decoded = {"Data",      Form::Escaped, "the bytes"},
     openedEnvelope = {"Data", Form::Escaped, "the plaintext"},
     gcmTag  = {"gcmOutTag", Form::Base64,  "the tag; empty in other modes than GCM"};
@@ -136,7 +140,8 @@ const Result
 // The plug-in's own codes; error_codes.cpp has their texts.
 constexpr int MISSING = -20001, RANGE = -20084, MEMORY = -20000, ENGINE = -20215;
 
-const std::vector<RequestInfo> requests = {
+// Changed by useNames alone.
+std::vector<RequestInfo> requests = {
     {"QZaVen_GetVersion",               "Engine",   "The engine's version text.",
         "engine library build release",
         {}, {plain, code}, {ENGINE}},
@@ -194,10 +199,10 @@ const std::vector<RequestInfo> requests = {
 
     {"QZaven_crypto_encrypt",           "Symmetric cipher", "Encrypts; GCM makes a tag too.",
         "AES DES AEAD authenticated block stream file",
-        {cipherAlg, mode, padding, key, iv, aad, plaintext, tagLength}, {sealed, code, gcmTag}, {MISSING, RANGE, MEMORY, ENGINE}},
+        {cipherAlg, mode, padding, key, iv, aad, blockPlain, tagLength}, {sealed, code, gcmTag}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_decrypt",           "Symmetric cipher", "Decrypts; GCM checks the tag.",
         "AES DES AEAD authenticated block stream file verify tag",
-        {cipherAlg, mode, padding, key, iv, aad, tag, ciphertext}, {opened, code}, {MISSING, RANGE, MEMORY, ENGINE}},
+        {cipherAlg, mode, padding, key, iv, aad, tag, blockCipher}, {opened, code}, {MISSING, RANGE, MEMORY, ENGINE}},
     {"QZaven_crypto_gen_symmkey",       "Symmetric cipher", "Makes a key for a cipher.",
         "generate random secret AES key",
         {cipherAlg}, {madeKey, code}, {MISSING, RANGE, ENGINE}},
@@ -233,9 +238,7 @@ const std::vector<RequestInfo> requests = {
         "SM4 CBC whitebox",
         {key16, iv16, ciphertext}, {opened, code}, {MISSING, RANGE, MEMORY, ENGINE}},
 };
-// clang-format on
 
-// clang-format off
 const std::vector<RetryKind> retries = {
     {Retry::Safe,           "safe",             "nothing is kept of it: it may be sent again, to any worker or host"},
     {Retry::LeavesASession, "leaves-a-session", "sending it again makes another session; the first stays until it is freed, which corvane-host serve does once it is idle"},
@@ -243,25 +246,6 @@ const std::vector<RetryKind> retries = {
     {Retry::No,             "no",               "not to be sent again: the first time may have changed the session, or ended it"},
 };
 // clang-format on
-
-// How many letters to insert, remove or replace to turn one name into the other.
-size_t editDistance(const std::string& a, const std::string& b)
-{
-    std::vector<size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < a.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i + 1;
-        for (size_t j = 0; j < b.size(); ++j) {
-            const bool same = tolower(static_cast<unsigned char>(a[i])) ==
-                              tolower(static_cast<unsigned char>(b[j]));
-            const size_t replaced = diagonal + (same ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({row[j] + 1, diagonal + 1, replaced});
-        }
-    }
-    return row.back();
-}
 
 }  // namespace
 
@@ -309,6 +293,19 @@ const Parameter* findParameter(const RequestInfo& request, const std::string& na
         if (parameter.name == name)
             return &parameter;
     return nullptr;
+}
+
+void useNames(const std::map<std::string, Choices>& names)
+{
+    for (RequestInfo& request : requests)
+        for (Parameter& parameter : request.parameters) {
+            const auto known = names.find(parameter.name);
+            parameter.choices = known == names.end() ? Choices() : known->second;
+            const Allowed::Kind kind = parameter.allowed.kind;
+            if (kind == Allowed::CipherKey || kind == Allowed::ModeIv ||
+                kind == Allowed::BlocksUnlessPadded || kind == Allowed::Blocks)
+                parameter.allowed = any;
+        }
 }
 
 bool takesSession(const RequestInfo& request)
@@ -441,6 +438,12 @@ std::string allowedText(const Allowed& allowed)
             return "as many bytes as the cipher takes";
         case Allowed::ModeIv:
             return "as many bytes as the mode takes";
+        case Allowed::BlocksUnlessPadded:
+            return "whole blocks in ECB and CBC, unless padded";
+        case Allowed::Blocks:
+            return "whole blocks in ECB and CBC";
+        case Allowed::OneLine:
+            return "";
         case Allowed::OneOf:
             break;
     }

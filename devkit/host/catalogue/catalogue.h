@@ -49,12 +49,21 @@ enum class Need { Always, Never, UnlessMode1, InMode6 };
 
 // The values that a parameter may have.
 struct Allowed {
-    enum Kind { Any, Range, OneOf, Size, CipherKey, ModeIv } kind;
+    enum Kind {
+        Any,
+        Range,
+        OneOf,
+        Size,
+        CipherKey,           // the size that the chosen cipher needs
+        ModeIv,              // or that cipher and mode need
+        BlocksUnlessPadded,  // whole blocks of the cipher, if the mode has no others
+        Blocks,              // the same, padded or not
+        OneLine,             // a line end at its end was hardly meant
+    } kind;
     int low;             // Range: a leading number counts, text behind it does not
     int high;            //
     const char* digits;  // OneOf: exactly one of these digits
     size_t size;         // Size: of the decoded bytes
-                         // CipherKey, ModeIv: the size that the chosen cipher and mode need
 };
 
 // The sizes in bytes of the initial value that a mode takes.
@@ -65,7 +74,8 @@ struct IvSizes {
     size_t usual;  //
 };
 
-// What the development engine takes a value for. Another engine may number otherwise.
+// What the engine takes a value for: the development engine, unless useNames (names.h) says
+// otherwise. Another engine may number otherwise.
 struct Choice {
     std::string value;
     std::string text;
@@ -74,6 +84,8 @@ struct Choice {
     size_t keyBytes = 0;    // of a cipher, else 0
     size_t blockBytes = 0;  //
     std::optional<IvSizes> iv = {};  // of a mode
+    const char* lackedModes = "";    // of a cipher: the digits of those that it does not have
+    bool takesWholeBlocks = false;   // of a mode
 };
 using Choices = std::vector<Choice>;
 

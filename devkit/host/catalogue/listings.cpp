@@ -1,6 +1,7 @@
 // What a terminal shows of the catalogue.
 #include <algorithm>
 
+#include "names.h"
 #include "renderings.h"
 
 namespace {
@@ -28,8 +29,11 @@ std::string traits(const Parameter& parameter)
 std::string choicesText(const Choices& choices)
 {
     std::string line;
-    for (const Choice& choice : choices)
-        line.append(line.empty() ? "" : ", ").append(choice.value + " " + choice.names.front());
+    for (const Choice& choice : choices) {
+        line += (line.empty() ? "" : ", ") + choice.value + " " + choice.names.front();
+        if (choice.keyBytes != 0)
+            line += " (" + std::to_string(choice.keyBytes) + "-byte key)";
+    }
     return line;
 }
 
@@ -51,7 +55,7 @@ std::string describe(const RequestInfo& request)
         out += "  " + pad(parameter.name, 18) + traits(parameter) + "\n";
         out += more(parameter.meaning);
         if (!parameter.choices.empty())
-            out += more("development engine: " + choicesText(parameter.choices));
+            out += more("numbers: " + choicesText(parameter.choices));
     }
     out += "  results\n";
     for (const Result& result : request.results)
@@ -63,11 +67,13 @@ std::string describe(const RequestInfo& request)
     return out + "  if its answer is lost\n    " + retry.name + ": " + retry.text + "\n";
 }
 
-std::string listRequests()
+std::string listRequests(const std::vector<std::string>& words)
 {
     std::string out;
     std::string group;
     for (const RequestInfo& request : catalogue()) {
+        if (!isAbout(request, words))
+            continue;
         if (group != request.group) {
             group = request.group;
             out += (out.empty() ? "" : "\n") + group + "\n";

@@ -8,6 +8,7 @@
 #include "common/version.h"
 #include "http_routes.h"
 #include "peer_steps.h"
+#include "renderings.h"
 
 namespace {
 
@@ -99,10 +100,27 @@ Json number(const Allowed& allowed)
               {{"type", "string"}, {"pattern", "^[0-9]+$"}}}}};
 }
 
+// A number as one or as a text, or its name.
+Json named(const Choices& choices)
+{
+    Json texts = Json::array();
+    Json numbers = Json::array();
+    for (const Choice& choice : choices) {
+        numbers.push_back(std::stoi(choice.value));
+        texts.push_back(choice.value);
+        for (const std::string& name : choice.names)
+            texts.push_back(name);
+    }
+    return {{"anyOf",
+             {{{"type", "string"}, {"enum", texts}}, {{"type", "integer"}, {"enum", numbers}}}}};
+}
+
 Json schemaOf(const Parameter& parameter)
 {
     Json schema;
-    if (parameter.allowed.kind == Allowed::OneOf)
+    if (!parameter.choices.empty())
+        schema = named(parameter.choices);
+    else if (parameter.allowed.kind == Allowed::OneOf)
         schema = digits(parameter.allowed);
     else if (parameter.allowed.kind == Allowed::Range)
         schema = number(parameter.allowed);
@@ -115,9 +133,8 @@ Json schemaOf(const Parameter& parameter)
                               ", " + formName(parameter.form);
     if (parameter.allowed.kind == Allowed::Size)
         description += ", " + allowedText(parameter.allowed);
-    for (const Choice& choice : parameter.choices)
-        description += std::string(&choice == parameter.choices.data() ? "; " : ", ") +
-                       choice.value + " " + choice.names.front();
+    if (!parameter.choices.empty())
+        description += "; " + choicesText(parameter.choices);
     schema["description"] = description + ")";
     if (*parameter.ifAbsent != '\0')
         schema["default"] = parameter.ifAbsent;

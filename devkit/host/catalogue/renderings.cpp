@@ -33,6 +33,8 @@ Json toJson(const Choice& choice)
         row["keyBytes"] = choice.keyBytes;
         row["blockBytes"] = choice.blockBytes;
     }
+    for (const char* mode = choice.lackedModes; *mode != '\0'; ++mode)
+        row["lackedModes"].push_back(std::string(1, *mode));
     if (choice.iv)
         row["iv"] = toJson(*choice.iv);
     return row;
@@ -227,7 +229,9 @@ behind it is let pass; line ends within it where the engine decodes: key-text, a
 
 An empty value counts as a missing one. `errorCode` is 0, one of the plug-in's own codes or
 the engine's, which is passed on unchanged. Values that have names here have them in the
-development engine; another engine may number otherwise.
+development engine; another engine may number otherwise. With it a name may stand for its
+number; names are compared without regard to case and to the characters `-`, `_`, `.`, `/`, `#`
+and blanks.
 
 Whether a request may be sent again when its answer was lost:
 

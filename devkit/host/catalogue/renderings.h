@@ -8,15 +8,16 @@
 #include "catalogue.h"
 #include "error_codes.h"
 
-// "1 sm4, 2 aes-128" and so on, with what the numbers are called in the development engine; ""
-// for a parameter without named values.
+// "1 sm4 (16-byte key), 2 aes-128 (16-byte key)" and so on: numbers with their first name; "" for
+// a parameter without named values.
 std::string choicesText(const Choices& choices);
 // "-20001, -20084".
 std::string codesText(const std::vector<int>& codes);
 
 // For a terminal.
 std::string describe(const RequestInfo& request);
-std::string listRequests();
+// Those about all the words (names.h).
+std::string listRequests(const std::vector<std::string>& words);
 std::string explain(const ErrorCode& code);
 std::string listErrorCodes();
 

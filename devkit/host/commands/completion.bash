@@ -7,7 +7,7 @@ _corvane_host() # PROGRAM, as it was typed
     word=${line##*[[:space:]]}
     for given in ${line%"$word"}; do
         case $before:$given in
-        :* | --plugin:* | --params:* | --engine:* | *:-*) ;;
+        :* | --plugin:* | --params:* | --engine:* | --names:* | *:-*) ;;
         *:QZ*) request=${request:-$given} ;;
         *) subcommand=${subcommand:-$given} ;;
         esac
@@ -20,10 +20,10 @@ _corvane_host() # PROGRAM, as it was typed
     *:-*) words=$("$host" $subcommand --help | sed -nE 's/^  (-.,)?(--[a-z-]+).*/\2/p') ;;
     :*) words=$("$host" --help | sed -nE '/^Subcommands/,/^$/s/^  ([a-z]+) .*/\1/p') ;;
     completion:*) words="bash zsh fish" ;;
-    call::* | describe::* | bench::*) words=$("$host" list --names) ;;
+    call::* | describe::* | bench::*) words=$("$host" list --brief) ;;
     # Names with their values while a value is typed, names alone before.
-    call:*=* | bench:*=*) words=$("$host" describe "$request" --names) ;;
-    call:* | bench:*) words=$("$host" describe "$request" --names | sed 's/=.*/=/' | uniq) ;;
+    call:*=* | bench:*=*) words=$("$host" describe "$request" --brief) ;;
+    call:* | bench:*) words=$("$host" describe "$request" --brief | sed 's/=.*/=/' | uniq) ;;
     esac 2>/dev/null
 
     COMPREPLY=()

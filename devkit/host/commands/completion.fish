@@ -8,7 +8,7 @@ function __corvane_host
     set -l subcommand
     set -l request
     for given in $line[2..]
-        if contains -- "$before" --plugin --params --engine; or string match -q -- '-*' $given
+        if contains -- "$before" --plugin --params --engine --names; or string match -q -- '-*' $given
         else if string match -q 'QZ*' $given
             set -q request[1]; or set request $given
         else
@@ -16,7 +16,7 @@ function __corvane_host
         end
         set before $given
     end
-    contains -- "$before" --plugin --params --engine; and __fish_complete_path "$word"; and return
+    contains -- "$before" --plugin --params --engine --names; and __fish_complete_path "$word"; and return
 
     switch "$subcommand:$request:$word"
         case 'explain:*'
@@ -28,12 +28,12 @@ function __corvane_host
         case 'completion:*'
             printf '%s\n' bash zsh fish
         case 'call::*' 'describe::*' 'bench::*'
-            $host list --names
+            $host list --brief
         # Names with their values while a value is typed, names alone before.
         case 'call:*=*' 'bench:*=*'
-            $host describe $request --names
+            $host describe $request --brief
         case 'call:*' 'bench:*'
-            $host describe $request --names | string replace -r '=.*' '=' | uniq
+            $host describe $request --brief | string replace -r '=.*' '=' | uniq
         case '*'
             __fish_complete_path "$word"
     end 2>/dev/null

@@ -6,13 +6,13 @@ _corvane_host()
     local host=$words[1] word=$PREFIX before= given= subcommand= request=
     for given in ${words[1,CURRENT-1]}; do
         case $before:$given in
-        :*|--plugin:*|--params:*|--engine:*|*:-*) ;;
+        :*|--plugin:*|--params:*|--engine:*|--names:*|*:-*) ;;
         *:QZ*) request=${request:-$given} ;;
         *) subcommand=${subcommand:-$given} ;;
         esac
         before=$given
     done
-    [[ $before != --(plugin|params|engine) ]] || { _files; return }
+    [[ $before != --(plugin|params|engine|names) ]] || { _files; return }
 
     local -a found
     case $subcommand:$request:$word in
@@ -20,10 +20,10 @@ _corvane_host()
     *:-*) found=(${(f)"$($host $subcommand --help | sed -nE 's/^  (-.,)?(--[a-z-]+).*/\2/p')"}) ;;
     :*) found=(${(f)"$($host --help | sed -nE '/^Subcommands/,/^$/s/^  ([a-z]+) .*/\1/p')"}) ;;
     completion:*) found=(bash zsh fish) ;;
-    call::*|describe::*|bench::*) found=(${(f)"$($host list --names)"}) ;;
+    call::*|describe::*|bench::*) found=(${(f)"$($host list --brief)"}) ;;
     # Names with their values while a value is typed, names alone before.
-    call:*=*|bench:*=*) found=(${(f)"$($host describe $request --names)"}) ;;
-    call:*|bench:*) found=(${(f)"$($host describe $request --names | sed 's/=.*/=/' | uniq)"}) ;;
+    call:*=*|bench:*=*) found=(${(f)"$($host describe $request --brief)"}) ;;
+    call:*|bench:*) found=(${(f)"$($host describe $request --brief | sed 's/=.*/=/' | uniq)"}) ;;
     esac 2>/dev/null
 
     if [[ $word == *=* ]]; then

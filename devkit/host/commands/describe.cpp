@@ -14,7 +14,7 @@ namespace {
 struct DescribeOptions {
     std::string request;
     bool json = false;
-    bool names = false;
+    bool brief = false;
 };
 
 // The few values that a parameter may have, or nothing.
@@ -22,7 +22,7 @@ std::vector<std::string> valuesOf(const Parameter& parameter)
 {
     std::vector<std::string> values;
     for (const Choice& choice : parameter.choices)
-        values.emplace_back(choice.value);
+        values.push_back(choice.names.front());
     if (values.empty() && parameter.allowed.kind == Allowed::OneOf)
         for (const char* digit = parameter.allowed.digits; *digit != '\0'; ++digit)
             values.emplace_back(1, *digit);
@@ -30,7 +30,7 @@ std::vector<std::string> valuesOf(const Parameter& parameter)
 }
 
 // A line `name=value` for each of the few values of a parameter, `name=` if it may have others.
-std::string names(const RequestInfo& request)
+std::string brief(const RequestInfo& request)
 {
     std::string lines;
     for (const Parameter& parameter : request.parameters) {
@@ -48,7 +48,7 @@ std::string described(const DescribeOptions& options)
     const RequestInfo* request = requestByName(options.request, false);
     if (options.json)
         return jsonText(toJson(*request), 2) + "\n";
-    return options.names ? names(*request) : describe(*request);
+    return options.brief ? brief(*request) : describe(*request);
 }
 
 }  // namespace
@@ -60,7 +60,7 @@ void addDescribe(CLI::App& app, Program& program)
     command->add_option("request", options->request, "Name of the request")->required();
     CLI::Option* json = command->add_flag("--json", options->json, "As JSON");
     command
-        ->add_flag("--names", options->names,
+        ->add_flag("--brief", options->brief,
                    "The parameters alone, as name= or as name=value for the few values of one")
         ->excludes(json);
     command->callback([options, &program] { program.output.write(described(*options)); });

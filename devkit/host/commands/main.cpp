@@ -6,6 +6,8 @@
 #include "commands.h"
 #include "common/version.h"
 #include "host/exchange.h"
+#include "host/known_names.h"
+#include "options.h"
 #include "program.h"
 
 namespace {
@@ -37,6 +39,11 @@ ExitCode run(int argc, char** argv)
     app.add_option("--plugin", program.paths.plugin, "Plug-in library")->type_name("PATH");
     app.add_option("--params", program.paths.params, "Parameter module library")->type_name("PATH");
     app.add_option("--engine", program.paths.engine, "Crypto engine library")->type_name("PATH");
+    app.add_option("--names", program.names,
+                   "Which names of numbers are known: auto (default), development, none, or FILE")
+        ->type_name("WHAT")
+        ->check(notEmpty());
+    app.parse_complete_callback([&program] { useKnownNames(program.names, program.paths); });
     app.footer(
         "Values of parameters:\n"
         "  text:TEXT    a text                   hex:DIGITS  bytes: as the parameter takes them,\n"

@@ -3,6 +3,7 @@
 #define CORVANE_HOST_COMMANDS_PROGRAM_H
 
 #include <memory>
+#include <string>
 
 #include "host/bare_names.h"
 #include "host/host_session.h"
@@ -34,7 +35,8 @@ public:
     void bindAtOnce();
 
     Output output;
-    LibraryPaths paths;  // as given
+    LibraryPaths paths;          // as given
+    std::string names = "auto";  // which numbers' names are known; see known_names.h
     BareNames bareNames;
     ExitCode exitCode = SUCCESS;  // set by the subcommand
 

@@ -1,0 +1,166 @@
+#include "names.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <numeric>
+
+namespace {
+
+// Longer texts are no names, and are not compared with any.
+constexpr size_t mostOfName = 64;
+
+char small(char c)
+{
+    return static_cast<char>(tolower(static_cast<unsigned char>(c)));
+}
+
+bool isSkipped(char c)
+{
+    constexpr std::string_view skipped = "-_./# ";
+    return skipped.find(c) != skipped.npos;
+}
+
+bool isSameName(std::string_view a, std::string_view b)
+{
+    size_t i = 0;
+    size_t j = 0;
+    for (;;) {
+        while (i < a.size() && isSkipped(a[i]))
+            ++i;
+        while (j < b.size() && isSkipped(b[j]))
+            ++j;
+        if (i == a.size() || j == b.size())
+            return i == a.size() && j == b.size();
+        if (small(a[i++]) != small(b[j++]))
+            return false;
+    }
+}
+
+// Nearly all names of parameters begin alike, which says nothing of what was meant.
+std::string_view withoutPrefix(std::string_view name)
+{
+    constexpr std::string_view prefix = "str";
+    const bool has =
+        name.size() > prefix.size() && editDistance(name.substr(0, prefix.size()), prefix) == 0;
+    return has ? name.substr(prefix.size()) : name;
+}
+
+}  // namespace
+
+std::string foldedName(std::string_view name)
+{
+    std::string folded;
+    for (const char c : name)
+        if (!isSkipped(c))
+            folded += small(c);
+    return folded;
+}
+
+const std::string* numberNamed(const RequestInfo* request, const std::string& parameter,
+                               Given given, std::string_view value)
+{
+    if (request == nullptr || given != Given::Plain || value.empty() || value.size() > mostOfName)
+        return nullptr;
+    const Parameter* known = findParameter(*request, parameter);
+    if (known == nullptr)
+        return nullptr;
+    for (const Choice& choice : known->choices)
+        for (const std::string& name : choice.names)
+            if (isSameName(name, value))
+                return &choice.value;
+    return nullptr;
+}
+
+const Choice* choiceOf(const Parameter& parameter, const std::string& number)
+{
+    const long wanted = strtol(number.c_str(), nullptr, 10);
+    for (const Choice& choice : parameter.choices)
+        if (strtol(choice.value.c_str(), nullptr, 10) == wanted)
+            return &choice;
+    return nullptr;
+}
+
+std::string nearestChoice(const Parameter& parameter, std::string_view name)
+{
+    const std::string wanted = foldedName(name.substr(0, mostOfName));
+    const std::string* nearest = nullptr;
+    size_t least = 0;
+    for (const Choice& choice : parameter.choices)
+        for (const std::string& known : choice.names) {
+            const std::string folded = foldedName(known);
+            // "aes" and "aes-256-cbc" are nearer to "aes-256" than their lengths tell.
+            const bool isPart = !wanted.empty() && (folded.find(wanted) != folded.npos ||
+                                                    wanted.find(folded) != wanted.npos);
+            const size_t distance = editDistance(folded, wanted) + (isPart ? 0 : mostOfName);
+            if (nearest == nullptr || distance < least) {
+                nearest = &choice.names.front();
+                least = distance;
+            }
+        }
+    return *nearest;
+}
+
+std::string nearParameter(const std::vector<std::string>& known, const std::string& name)
+{
+    if (name.size() > mostOfName)
+        return "";
+    const std::string_view wanted = withoutPrefix(name);
+    std::string nearest;
+    size_t least = mostOfName;
+    for (const std::string& one : known) {
+        const std::string_view rest = withoutPrefix(one);
+        const size_t distance = editDistance(rest, wanted);
+        if (distance < least && 2 * distance <= rest.size()) {
+            nearest = one;
+            least = distance;
+        }
+    }
+    return nearest;
+}
+
+size_t editDistance(std::string_view a, std::string_view b)
+{
+    const auto same = [&](size_t i, size_t j) { return small(a[i]) == small(b[j]); };
+    std::vector<size_t> before(b.size() + 1);
+    std::vector<size_t> row(b.size() + 1);
+    std::vector<size_t> next(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < a.size(); ++i) {
+        next[0] = i + 1;
+        for (size_t j = 0; j < b.size(); ++j) {
+            next[j + 1] = std::min({row[j + 1] + 1, next[j] + 1, row[j] + (same(i, j) ? 0 : 1)});
+            if (i > 0 && j > 0 && same(i, j - 1) && same(i - 1, j))
+                next[j + 1] = std::min(next[j + 1], before[j - 1] + 1);
+        }
+        before.swap(row);
+        row.swap(next);
+    }
+    return row.back();
+}
+
+bool isAbout(const RequestInfo& request, const std::vector<std::string>& words)
+{
+    std::vector<std::string> said;
+    for (const char* text : {request.name, request.summary, request.group, request.keywords})
+        said.push_back(foldedName(text));
+    for (const Parameter& parameter : request.parameters)
+        for (const Choice& choice : parameter.choices)
+            for (const std::string& name : choice.names)
+                said.push_back(foldedName(name));
+    return std::all_of(words.begin(), words.end(), [&](const std::string& word) {
+        return std::any_of(said.begin(), said.end(), [folded = foldedName(word)](const auto& text) {
+            return text.find(folded) != text.npos;
+        });
+    });
+}
+
+bool takesNumber(const std::string& parameter)
+{
+    const auto& all = catalogue();
+    return std::any_of(all.begin(), all.end(), [&](const RequestInfo& request) {
+        const Parameter* known = findParameter(request, parameter);
+        return known != nullptr &&
+               (known->allowed.kind == Allowed::Range || known->allowed.kind == Allowed::OneOf);
+    });
+}

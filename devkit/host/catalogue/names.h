@@ -1,0 +1,47 @@
+// Names for numbers: "aes-256" for 4. Which number means what is the engine's; the contract between
+// plug-in and engine has no names.
+#ifndef CORVANE_HOST_CATALOGUE_NAMES_H
+#define CORVANE_HOST_CATALOGUE_NAMES_H
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "catalogue.h"
+
+// A name as names are compared: small letters, without the characters - _ . / # and blanks.
+std::string foldedName(std::string_view name);
+
+// The number that a parameter's value is sent as, if it is plain and one of the parameter's names;
+// else null: it is sent as it is. `request` may be null. Whoever takes values from people asks this
+// before anything else looks at them: the plug-in would take "3des" for a 3.
+const std::string* numberNamed(const RequestInfo* request, const std::string& parameter,
+                               Given given, std::string_view value);
+
+// The choice that a number, as the plug-in reads it, stands for; null if there is none.
+const Choice* choiceOf(const Parameter& parameter, const std::string& number);
+
+// The name that is nearest to one which is none of the parameter's. There must be names.
+std::string nearestChoice(const Parameter& parameter, std::string_view name);
+
+// The one of the known parameters that was most likely meant, or "" if none is near.
+std::string nearParameter(const std::vector<std::string>& known, const std::string& name);
+
+// How many letters to insert, remove or replace, or neighbours to swap, to turn one name into the
+// other, whatever their case. Takes time by the product of their lengths.
+size_t editDistance(std::string_view a, std::string_view b);
+
+// Whether all words are in what is said of the request: its name, summary, group and keywords, and
+// the names of numbers. Compared as names are.
+bool isAbout(const RequestInfo& request, const std::vector<std::string>& words);
+
+// Whether some request has a parameter of that name that takes a number.
+bool takesNumber(const std::string& parameter);
+
+// Replaces all names by these, by parameter. Without them nothing is known of what numbers mean, so
+// that neither sizes of keys nor of initial values are due. Changes what catalogue() gives: only to
+// be called when the process starts, before there are other threads.
+void useNames(const std::map<std::string, Choices>& names);
+
+#endif
