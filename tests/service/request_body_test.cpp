@@ -530,6 +530,46 @@ TEST(Prepare, PlainTextMustBeBase64WhereThatIsDue)
     EXPECT_EQ("", refusalOf("QZaven_ke_free", "strKe", "ke_!"));
 }
 
+// How a string of that name and value comes in each form of body.
+std::vector<Fields> everyWay(const std::string& name, const std::string& value)
+{
+    const auto object = nlohmann::json{{name, value}};
+    const auto batch =
+        nlohmann::json{{"requests", {{{"name", "QZaven_crypto_hmac"}, {"parameters", object}}}}};
+    std::string escaped;
+    for (const char c : value)
+        escaped += c == ' ' ? "+" : c == '#' ? "%23" : std::string(1, c);
+    return {readBody(json, object.dump(), {}), readBody(form, name + "=" + escaped, {}),
+            readBody(multipart,
+                     "--B\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" +
+                         value + "\r\n--B--",
+                     {}),
+            readBatch(json, batch.dump(), {}).at(0).fields};
+}
+
+TEST(Prepare, NamesOfNumbersAreSentAsTheNumbers)
+{
+    size_t count = 0;
+    for (const RequestInfo& request : catalogue())
+        for (const Parameter& parameter : request.parameters)
+            for (const Choice& choice : parameter.choices)
+                for (const std::string& name : choice.names)
+                    for (const std::string& written : {name, "#" + name + " "}) {
+                        ++count;
+                        for (Fields& fields : everyWay(parameter.name, written))
+                            EXPECT_EQ((Pairs{{parameter.name, choice.value}}),
+                                      prepare(request, fields).parameters)
+                                << request.name << " " << written;
+                        // As it is, whatever it is.
+                        for (const Given given : {Given::Raw, Given::Text, Given::Bytes}) {
+                            Fields marked = {{parameter.name, written, given, ""}};
+                            EXPECT_EQ((Pairs{{parameter.name, written}}),
+                                      prepare(request, marked).parameters);
+                        }
+                    }
+    EXPECT_GT(count, 150U);
+}
+
 TEST(Prepare, FilesAreUploadedAndHandlesAreText)
 {
     const RequestInfo& request = *findRequest("QZaven_ke_set_root_certificate");

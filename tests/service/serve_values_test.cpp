@@ -1,6 +1,7 @@
 // Values by HTTP: what arrives at the plug-in, and what is refused before it.
 #include <gtest/gtest.h>
 
+#include "common/pairs.h"
 #include "support/base64_text.h"
 #include "support/served_host.h"
 
@@ -147,6 +148,123 @@ TEST_F(ServeValues, PeerTakesStringsOfBase64Alone)
                            "{\"hello\": {\""s + member + "\": \"00\"}}")
                       .code())
             << member;
+}
+
+// ---- Names for numbers.
+
+const Json namedCipher = {
+    {"strCipherAlg", "AES_256"}, {"strMode", "cbc"}, {"strCipherPadding", "pkcs7"}};
+
+Json encryption(const Json& numbers)
+{
+    Json parameters = {{"strKey", {{"hex", std::string(64, '1')}}},
+                       {"strIV", {{"hex", std::string(32, '2')}}},
+                       {"strdata", "aGVsbG8="}};
+    parameters.update(numbers);
+    return parameters;
+}
+
+TEST_F(ServeValues, NameIsAsGoodAsItsNumber)
+{
+    constexpr const char* request = "QZaven_crypto_encrypt";
+    const std::string expected =
+        host()
+            .request(request,
+                     encryption({{"strCipherAlg", 4}, {"strMode", 2}, {"strCipherPadding", 1}}))
+            .result("Data");
+    ASSERT_NE("", expected);
+    const HttpAnswer named = host().request(request, encryption(namedCipher));
+    EXPECT_EQ(expected, named.result("Data")) << named.body;
+    EXPECT_EQ(Json::array(), named.json()["warnings"]);
+
+    const Json part = {{"name", request}, {"parameters", encryption(namedCipher)}};
+    EXPECT_EQ(expected, host().batch({part}).json()["answers"][0]["results"]["Data"]);
+
+    const std::string key = support::toUrlBase64(std::string(32, '\x11'));
+    const std::string iv = support::toUrlBase64(std::string(16, '\x22'));
+    EXPECT_EQ(expected, host()
+                            .ask("POST", "/v1/requests/"s + request,
+                                 {{"Content-Type", "application/x-www-form-urlencoded"}},
+                                 "strCipherAlg=aes+256&strMode=CBC&strCipherPadding=PKCS%237&"
+                                 "strdata=aGVsbG8&strKey=" +
+                                     key + "&strIV=" + iv)
+                            .result("Data"));
+    std::string parts;
+    for (const auto& [name, value] : Pairs{{"strCipherAlg", "aes-256"},
+                                           {"strMode", "cbc"},
+                                           {"strCipherPadding", "pkcs7"},
+                                           {"strdata", "aGVsbG8="},
+                                           {"strKey", key},
+                                           {"strIV", iv}})
+        parts +=
+            "--B\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
+    EXPECT_EQ(expected,
+              host()
+                  .ask("POST", "/v1/requests/"s + request,
+                       {{"Content-Type", "multipart/form-data; boundary=B"}}, parts + "--B--")
+                  .result("Data"));
+}
+
+TEST_F(ServeValues, NamesMarkedAsTextAndUnknownOnesAreSentAsTheyAre)
+{
+    for (const Json& cipher :
+         {Json{{"raw", "aes-256"}}, Json{{"text", "aes-256"}}, Json("aes-265")}) {
+        Json parameters = namedCipher;
+        parameters["strCipherAlg"] = cipher;
+        const HttpAnswer answer = host().request("QZaven_crypto_encrypt", encryption(parameters));
+        EXPECT_EQ("-20084", answer.code()) << answer.body;
+        const Json warning = answer.json()["warnings"][0];
+        EXPECT_EQ("unknown_name", warning["code"]) << answer.body;
+        EXPECT_EQ("strCipherAlg", warning["field"]);
+        EXPECT_EQ("aes-256", warning["values"]["nearest"]) << answer.body;
+    }
+}
+
+TEST_F(ServeValues, ServiceWithoutNamesTakesNumbersAlone)
+{
+    const ServedHost plain({"--names", "none"});
+    EXPECT_EQ("-20084", plain.request("QZaven_crypto_encrypt", encryption(namedCipher)).code());
+    EXPECT_EQ(std::string::npos, plain.ask("GET", "/v1/catalogue").body.find("\"choices\""));
+    EXPECT_EQ(std::string::npos, plain.ask("GET", "/openapi.json").body.find("aes-256"));
+    EXPECT_NE(std::string::npos, host().ask("GET", "/v1/catalogue").body.find("\"choices\""));
+}
+
+// ---- What is told before the plug-in or the engine refuses.
+
+TEST_F(ServeValues, WarningsTellWhatIsWrongAndQuoteNothing)
+{
+    Json parameters = encryption(namedCipher);
+    parameters["strKey"] = {{"text", "5ecret5ecret5ecr"}};
+    parameters["strIV"] = "0102030405060708";
+    parameters["strMod"] = "x";
+    parameters["5ecret!"] = "x";
+    const Json warnings = host().request("QZaven_crypto_encrypt", parameters).json()["warnings"];
+    Json codes = Json::array();
+    for (const Json& warning : warnings)
+        codes.push_back(warning["code"]);
+    EXPECT_EQ((Json{"misspelt", "odd_name", "wrong_size", "wrong_size", "looks_like_hex"}), codes);
+    EXPECT_EQ("a parameter", warnings[1]["field"]);
+    EXPECT_EQ((Json{{"bytes", "32"}, {"size", "16"}}), warnings[2]["values"]);
+    EXPECT_EQ(std::string::npos, warnings.dump().find("5ecret"));
+}
+
+TEST_F(ServeValues, JsonThatComesAsAFormIsRefused)
+{
+    for (const std::string& body :
+         {"{\"strKey\":\"5ecret\"}"s, " \r\n{\"strKey\": \"a+b&c=\"}\n"s, "{}"s}) {
+        const HttpAnswer answer = form(body);
+        EXPECT_EQ(415, answer.status) << answer.body;
+        const Json error = answer.json()["error"];
+        EXPECT_EQ("json_as_form", error["reason"]);
+        EXPECT_EQ("Content-Type", error["field"]);
+        EXPECT_NE(std::string::npos,
+                  error["text"].get<std::string>().find("Content-Type: application/json"));
+        EXPECT_EQ(std::string::npos, answer.body.find("5ecret")) << answer.body;
+    }
+    // A form is one also with braces in it.
+    EXPECT_EQ("-20001", form("strHashAlg={}").code());
+    EXPECT_EQ("-20001", form("{strKey}=5ecret").code());
+    EXPECT_EQ(std::string::npos, form("{strKey}=5ecret").body.find("strKey}"));
 }
 
 }  // namespace

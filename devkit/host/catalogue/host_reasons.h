@@ -82,6 +82,7 @@
     X(too_large,           body_too_large,        "the body has more than {most} bytes") \
     X(parameter_too_large, value_too_large,       "{name} has more than {most} bytes") \
     X(unsupported_type,    unknown_body,          "the body's type is not read here") \
+    X(unsupported_type,    json_as_form,          "the body looks like JSON and came as a form: send Content-Type: application/json") \
     X(unsupported_type,    json_charset,          "JSON is read as UTF-8 only") \
     X(unsupported_type,    batch_not_json,        "a batch is JSON") \
     X(unsupported_type,    body_encoded,          "the body is encoded once more") \

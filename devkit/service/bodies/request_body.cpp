@@ -6,6 +6,7 @@
 #include "common/text.h"
 #include "content_type.h"
 #include "form_body.h"
+#include "host/catalogue/names.h"
 #include "json_tree.h"
 
 namespace {
@@ -26,6 +27,15 @@ bool isJson(const std::string& contentType)
     if (charset && !equalIgnoringCase(*charset, "utf-8"))
         throw Refusal(Reason::json_charset, "Content-Type");
     return true;
+}
+
+// Tools that send what they are given name it a form if nobody says otherwise. A form does not
+// look so: the name of its first field would begin with the brace.
+bool looksLikeJson(std::string_view body)
+{
+    constexpr std::string_view blanks = " \t\r\n";
+    const size_t first = body.find_first_not_of(blanks);
+    return first != body.npos && body[first] == '{' && body[body.find_last_not_of(blanks)] == '}';
 }
 
 // {"text"}, {"base64"}, {"hex"} or {"raw"} with a string.
@@ -88,8 +98,11 @@ Fields readFields(const std::string& contentType, SecretText& body, const BodyLi
         return readParameters(root, "");
     }
     const std::string_view type = mediaType(contentType);
-    if (equalIgnoringCase(type, "application/x-www-form-urlencoded"))
+    if (equalIgnoringCase(type, "application/x-www-form-urlencoded")) {
+        if (looksLikeJson(body))
+            throw Refusal(Reason::json_as_form, "Content-Type");
         return readUrlEncoded(body, limits.parameters);
+    }
     if (equalIgnoringCase(type, "multipart/form-data"))
         return readMultipart(body, headerParameter(contentType, "boundary").value_or(""),
                              limits.parameters);
@@ -144,6 +157,8 @@ Prepared prepare(const RequestInfo& request, Fields& fields)
     Prepared prepared;
     prepared.parameters.reserve(fields.size());  // growing would leave copies behind
     for (Field& field : fields) {
+        if (const std::string* number = numberNamed(&request, field.name, field.given, field.value))
+            field.value = SecretText(*number);
         const Form form = formOf(&request, field.name);
         const bool isPlace = form == Form::Handle || form == Form::Path;
         const bool isBytes = field.given == Given::Bytes;
