@@ -204,14 +204,14 @@ enum {
       "3DES was asked for CTR or GCM",                                                    \
       "take another mode, or a cipher with a 128-bit block")                              \
     X(AVEN_E_KEY_LENGTH, -30040, "wrong key length",                                      \
-      "the key does not have the cipher's length, or a MAC key is empty",                 \
-      "check the key and its encoding")                                                   \
+      "the key does not have the cipher's length, or a MAC key is empty; hex digits that are read as Base64 give another length", \
+      "16 bytes for SM4 and AES-128, 24 for AES-192 and 3DES, 32 for AES-256, ARIA-256 and Camellia-256; check the encoding, too") \
     X(AVEN_E_IV_LENGTH, -30041, "wrong IV length",                                        \
       "the IV is not one block long (GCM: 1 to 128 bytes; ECB: none)",                    \
       "check the IV and its encoding")                                                    \
     X(AVEN_E_DATA_LENGTH, -30042, "data length does not suit the cipher mode",            \
       "ECB or CBC data is not a multiple of the block (encrypted data, or no padding)",   \
-      "use padding, or check that the data is whole")                                     \
+      "to encrypt, pad: padding number 1 is PKCS#7; to decrypt, check that the data is whole") \
     X(AVEN_E_TAG_LENGTH, -30043, "wrong tag length",                                      \
       "a GCM tag must have 4 to 16 bytes",                                                \
       "pass the tag and its length as encryption gave them")                              \
@@ -258,8 +258,8 @@ enum {
       "the password is null",                                                             \
       "pass the key's password")                                                          \
     X(AVEN_E_PASSWORD_WRONG, -30061, "private key does not open with this password",      \
-      "wrong password, or the encrypted key is damaged",                                  \
-      "check the password")                                                               \
+      "wrong password, perhaps by the line end of the file that it stands in, or the encrypted key is damaged", \
+      "check the password, also for a line end or blanks behind it")                      \
     X(AVEN_E_KEY_ENCRYPTION, -30062, "private key is encrypted in an unsupported way",    \
       "encrypted PEM older than PKCS#8, or a cipher that libcrypto's default provider lacks", \
       "convert it: openssl pkcs8 -topk8 -v2 aes-256-cbc")                                 \
@@ -279,26 +279,26 @@ enum {
       "the ciphertext is raw instead of ASN.1 or the reverse, or C1C2C3 instead of C1C3C2 or the reverse", \
       "pass the flags with which it was encrypted")                                       \
     X(AVEN_E_DECRYPTION, -30068, "ciphertext does not decrypt",                           \
-      "wrong key, wrong padding number, or damaged ciphertext",                           \
-      "check key, padding number and ciphertext")                                         \
+      "wrong key, wrong padding number, OAEP with another hash than SHA-256 in both places, or damaged ciphertext", \
+      "check key, padding and ciphertext; openssl's OAEP is with SHA-1 without -pkeyopt rsa_oaep_md:sha256") \
     X(AVEN_E_KEY_COST, -30069, "private key's password is too costly to try",             \
       "more than 2000000 iterations, or scrypt with N * r * p above 2^20 or with more than 32 MiB",\
       "encrypt the key anew: openssl pkcs8 -topk8 -iter 600000")                          \
     X(AVEN_E_ENVELOPE_ALGORITHM, -30070, "envelopes have no such cipher and mode",        \
       "the combination has no object identifier, or does not go with the kind of the key", \
-      "see the envelope formats in engine_numbers.h")                                     \
+      "for RSA: SM4, ARIA-256 and Camellia-256 in all modes, AES in all but CTR, 3DES in CBC; for SM2: SM4 in all but GCM") \
     X(AVEN_E_ENVELOPE_TEXT, -30071, "envelope cannot be read",                            \
-      "the bytes are cut, damaged, or something other than an envelope",                  \
-      "send the envelope as it was made, in DER")                                         \
+      "the bytes are cut, damaged, or something other than an envelope in DER, as one in PEM or S/MIME", \
+      "send the envelope in DER: openssl cms -cmsout -outform DER turns the others into it") \
     X(AVEN_E_ENVELOPE_TRAILING, -30072, "more follows behind the envelope",               \
       "bytes were added at the end",                                                      \
       "send the envelope and nothing behind it")                                          \
     X(AVEN_E_ENVELOPE_UNKNOWN, -30073, "envelope uses an algorithm that is not supported", \
       "its content cipher, parameters or key transport are none that this engine knows",  \
-      "see the envelope formats in engine_numbers.h")                                     \
+      "make it with a cipher and mode that go with the key (see -30070), and RSA with PKCS#1 v1.5 or OAEP with SHA-1 or SHA-2; openssl cms -cmsout -print -inform DER shows them") \
     X(AVEN_E_ENVELOPE_DIFFERS, -30074, "envelope's cipher and mode are not the named ones", \
       "it was made with another cipher or mode",                                          \
-      "name the cipher and mode with which it was made")                                  \
+      "name its own, which openssl cms -cmsout -print -inform DER shows as contentEncryptionAlgorithm") \
     X(AVEN_E_ENVELOPE_RECIPIENT, -30075, "envelope has no recipient with this kind of key", \
       "an SM2 key for an envelope to RSA keys, or the reverse",                           \
       "open it with the recipient's key")                                                 \
