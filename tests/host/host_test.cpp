@@ -305,7 +305,7 @@ TEST_F(HostUsage, WrongCommandLinesQuoteNoValues)
         {"call", "QZaVen_strerror", "strErr=5ecret", "--raw", "gcmOutTag"},
         {"call", "QZaVen_strerror", "strErr=5ecret", "--raw"},
         {"call"},
-        {"list", "5ecret"},
+        {"list", "strKey=5ecret"},
         {},
     };
     for (const Arguments& row : rows) {

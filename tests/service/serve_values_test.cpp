@@ -178,7 +178,7 @@ TEST_F(ServeValues, NameIsAsGoodAsItsNumber)
     EXPECT_EQ(Json::array(), named.json()["warnings"]);
 
     const Json part = {{"name", request}, {"parameters", encryption(namedCipher)}};
-    EXPECT_EQ(expected, host().batch({part}).json()["answers"][0]["results"]["Data"]);
+    EXPECT_EQ(expected, host().batch(Json::array({part})).json()["answers"][0]["results"]["Data"]);
 
     const std::string key = support::toUrlBase64(std::string(32, '\x11'));
     const std::string iv = support::toUrlBase64(std::string(16, '\x22'));

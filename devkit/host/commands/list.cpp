@@ -26,8 +26,11 @@ void checkThatOneMatches(const std::vector<std::string>& words)
                     [&](const RequestInfo& request) { return isAbout(request, words); }))
         return;
     std::string given;
-    for (const std::string& word : words)
+    for (const std::string& word : words) {
+        if (word.find('=') != std::string::npos)
+            throw UsageError("list takes words to look for, not name=value");
         given += (given.empty() ? "" : " ") + word;
+    }
     throw UsageError("no request matches " + given +
                      "; try fewer or other words, as aes, gcm, rsa, sha256, mac, cms or session, "
                      "or list without words for all");
