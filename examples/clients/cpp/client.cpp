@@ -14,10 +14,10 @@ namespace {
 
 using Json = nlohmann::json;
 
-// The development engine's numbers: AES-256, GCM, SHA-256.
-constexpr const char* AES_256 = "4";
-constexpr const char* GCM = "6";
-constexpr const char* SHA_256 = "4";
+// By name; other engines' ciphers have numbers of their own, as "4".
+constexpr const char* AES_256 = "aes-256";
+constexpr const char* GCM = "gcm";
+constexpr const char* SHA_256 = "sha-256";
 const std::string message = "meet me at the usual place";
 
 std::string setting(const char* name, const std::string& usual)

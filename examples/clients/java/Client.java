@@ -20,10 +20,10 @@ public class Client {
         System.getenv().getOrDefault("CORVANE_URL", "http://127.0.0.1:8720");
     private static final String TOKEN_FILE = System.getenv().getOrDefault(
         "CORVANE_TOKEN_FILE", System.getProperty("user.home") + "/.local/state/corvane-host/token");
-    // The development engine's numbers: AES-256, GCM, SHA-256.
-    private static final String AES_256 = "4";
-    private static final String GCM = "6";
-    private static final String SHA_256 = "4";
+    // By name; other engines' ciphers have numbers of their own, as "4".
+    private static final String AES_256 = "aes-256";
+    private static final String GCM = "gcm";
+    private static final String SHA_256 = "sha-256";
     private static final String MESSAGE = "meet me at the usual place";
 
     private static final HttpClient http =

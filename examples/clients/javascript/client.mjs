@@ -6,10 +6,10 @@ import { homedir } from "node:os";
 const url = process.env.CORVANE_URL ?? "http://127.0.0.1:8720";
 const tokenFile =
     process.env.CORVANE_TOKEN_FILE ?? `${homedir()}/.local/state/corvane-host/token`;
-// The development engine's numbers: AES-256, GCM, SHA-256.
-const AES_256 = "4";
-const GCM = "6";
-const SHA_256 = "4";
+// By name; other engines' ciphers have numbers of their own, as "4".
+const AES_256 = "aes-256";
+const GCM = "gcm";
+const SHA_256 = "sha-256";
 const message = "meet me at the usual place";
 
 // The host, the plug-in or the engine did not do it. Programs go by code and reason.

@@ -11,8 +11,8 @@ import urllib.request
 URL = os.environ.get("CORVANE_URL", "http://127.0.0.1:8720")
 TOKEN_FILE = os.environ.get("CORVANE_TOKEN_FILE",
                             os.path.expanduser("~/.local/state/corvane-host/token"))
-# The development engine's numbers: AES-256, GCM, SHA-256.
-AES_256, GCM, SHA_256 = "4", "6", "4"
+# By name; other engines' ciphers have numbers of their own, as "4".
+AES_256, GCM, SHA_256 = "aes-256", "gcm", "sha-256"
 MESSAGE = "meet me at the usual place"
 
 

@@ -6,8 +6,8 @@ set -euo pipefail
 
 url=${CORVANE_URL:-http://127.0.0.1:8720}
 token_file=${CORVANE_TOKEN_FILE:-$HOME/.local/state/corvane-host/token}
-# The development engine's numbers: AES-256, GCM, SHA-256.
-AES_256=4 GCM=6 SHA_256=4
+# By name; other engines' ciphers have numbers of their own, as "4".
+AES_256=aes-256 GCM=gcm SHA_256=sha-256
 message="meet me at the usual place"
 
 # The shell's own commands alone, so that no program is started with the token.
