@@ -1,7 +1,12 @@
 #include "exchange.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <string_view>
+#include <vector>
 
+#include "host/catalogue/error_codes.h"
 #include "output.h"
 #include "values.h"
 
@@ -15,23 +20,53 @@ std::string engineText(HostSession& session, const std::string& code)
     return text == nullptr ? "" : text->substr(0, text->find_last_not_of(" \n\r") + 1);
 }
 
+// As chooseTelling() has it.
+struct Telling {
+    bool isColoured = false;
+    bool hasHints = true;
+} telling;
+
+// One that is none may be a value that stands in its place.
+bool isNameLike(const std::string& name)
+{
+    constexpr size_t mostOfName = 64;
+    return !name.empty() && name.size() <= mostOfName &&
+           std::all_of(name.begin(), name.end(),
+                       [](unsigned char c) { return isalnum(c) != 0 || c == '_'; });
+}
+
+// "a", "a or b", "a, b or c".
+std::string anyOf(const std::vector<std::string>& names)
+{
+    std::string text;
+    for (size_t i = 0; i < names.size(); ++i)
+        text += (i == 0 ? "" : i + 1 == names.size() ? " or " : ", ") + names[i];
+    return text;
+}
+
 }  // namespace
 
 const RequestInfo* requestByName(const std::string& name, bool force)
 {
     const RequestInfo* request = findRequest(name);
-    if (request == nullptr && !force)
-        throw UsageError("there is no request " + name + "; did you mean " + nearestRequest(name) +
-                         "?");
-    return request;
+    if (request != nullptr || force)
+        return request;
+    if (name.find('=') != std::string::npos)
+        throw UsageError("the name of the request stands before its parameters");
+    if (!isNameLike(name))
+        throw UsageError("there is no request of this name; `corvane-host list` shows all");
+    const std::vector<std::string> likely = likelyRequests(name);
+    throw UsageError(
+        "there is no request " + name + "; " +
+        (likely.empty() ? "`corvane-host list` shows all" : "did you mean " + anyOf(likely) + "?"));
 }
 
-void warn(const RequestInfo* request, const Pairs& parameters)
+void warn(const RequestInfo* request, const Pairs& parameters, const std::string& step)
 {
     if (request == nullptr)
         return;
     for (const Complaint& complaint : complaints(*request, parameters))
-        tell(std::string("warning: ").append(request->name).append(": ").append(complaint.text));
+        tell("warning: " + step + request->name + ": " + complaint.text);
 }
 
 Outcome exchange(HostSession& session, const RequestInfo* request, const std::string& name,
@@ -79,7 +114,35 @@ std::string failureLine(const std::string& name, const Outcome& outcome)
     return line;
 }
 
+std::string remedyLine(const Outcome& outcome)
+{
+    for (const ErrorCode& row : errorCodes())
+        if (codeText(row) == outcome.code && row.text == outcome.text)
+            return std::string("what to do: ") + row.remedy + "; more: corvane-host explain " +
+                   outcome.code;
+    return "";
+}
+
+void chooseTelling(bool isColoured, bool hasHints)
+{
+    telling = {isColoured, hasHints};
+}
+
 void tell(const std::string& line)
 {
-    fprintf(stderr, "corvane-host: %s\n", line.c_str());
+    constexpr std::string_view warning = "warning:";
+    const char* const program = "corvane-host:";
+    if (!telling.isColoured)
+        fprintf(stderr, "%s %s\n", program, line.c_str());
+    else if (line.compare(0, warning.size(), warning) == 0)
+        fprintf(stderr, "%s \033[1;33m%s\033[0m%s\n", program, warning.data(),
+                line.c_str() + warning.size());
+    else
+        fprintf(stderr, "\033[1;31m%s\033[0m %s\n", program, line.c_str());
+}
+
+void tellHint(const std::string& line)
+{
+    if (telling.hasHints && !line.empty())
+        fprintf(stderr, "corvane-host: %s\n", line.c_str());
 }

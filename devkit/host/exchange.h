@@ -19,11 +19,12 @@ struct Outcome {
 };
 
 // The catalogue's entry. For an unknown name it is null if `force` is set; else throws a
-// UsageError that tells the nearest name.
+// UsageError that tells the likely ones.
 const RequestInfo* requestByName(const std::string& name, bool force);
 
-// Warnings about the parameters of a request, to standard error. `request` may be null.
-void warn(const RequestInfo* request, const Pairs& parameters);
+// Warnings about the parameters of a request, to standard error; `step` is "" or that of a script,
+// as "step 2 (k): ". `request` may be null.
+void warn(const RequestInfo* request, const Pairs& parameters, const std::string& step = "");
 
 // Sends a request and asks the engine what a failure means. `request` may be null.
 Outcome exchange(HostSession& session, const RequestInfo* request, const std::string& name,
@@ -37,7 +38,16 @@ std::string resultBytes(const RequestInfo* request, const Outcome& outcome,
 // "NAME failed with CODE: TEXT"
 std::string failureLine(const std::string& name, const Outcome& outcome);
 
-// One line to standard error.
+// What to do about a failure, with the command that says more; "" if its code is not one that is
+// known here, as another engine's.
+std::string remedyLine(const Outcome& outcome);
+
+// Whether lines to standard error have colours, and whether hints are told. Before the first.
+void chooseTelling(bool isColoured, bool hasHints);
+
+// A line to standard error: an error, or a text that begins with "warning: ".
 void tell(const std::string& line);
+// What helps with the error before it.
+void tellHint(const std::string& line);
 
 #endif

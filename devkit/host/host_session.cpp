@@ -1,5 +1,6 @@
 #include "host_session.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -68,6 +69,32 @@ private:
     }
 
     int m_file;
+    int m_saved;
+};
+
+// While it exists, standard error leads nowhere. The plug-in has the engine open its log as
+// /dev/stderr, so that an engine that is started meanwhile logs nowhere for as long as it runs.
+class SilentErrors {
+public:
+    explicit SilentErrors(bool isSilent) : m_saved(isSilent ? dup(STDERR_FILENO) : -1)
+    {
+        if (m_saved < 0)
+            return;
+        const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        dup2(nowhere, STDERR_FILENO);
+        close(nowhere);
+    }
+    ~SilentErrors()
+    {
+        if (m_saved < 0)
+            return;
+        dup2(m_saved, STDERR_FILENO);
+        close(m_saved);
+    }
+    SilentErrors(const SilentErrors&) = delete;
+    SilentErrors& operator=(const SilentErrors&) = delete;
+
+private:
     int m_saved;
 };
 
@@ -154,7 +181,7 @@ HostSession::HostSession(const LibraryPaths& paths)
 {
     m_params.bind(m_paramsLibrary);
     m_plugin.bind(m_pluginLibrary);
-    initialise();
+    initialise(paths.isQuiet);
 }
 
 HostSession::~HostSession()
@@ -162,13 +189,17 @@ HostSession::~HostSession()
     m_plugin.free();
 }
 
-void HostSession::initialise()
+void HostSession::initialise(bool isQuiet)
 {
     OutputCapture capture;
-    m_plugin.init();
+    {
+        const SilentErrors silent(isQuiet);
+        m_plugin.init();
+    }
     const std::string printed = capture.take();
 
-    fputs(printed.c_str(), stderr);
+    if (!isQuiet)
+        fputs(printed.c_str(), stderr);
     if (printed.find("load fail") == std::string::npos &&
         printed.find("aven_global_init ERROR") == std::string::npos)
         return;

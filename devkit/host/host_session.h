@@ -25,6 +25,7 @@ struct LibraryPaths {
     std::string plugin;
     std::string params;
     std::string engine;
+    bool isQuiet = false;  // whether the engine's log is not shown
 };
 
 LibraryPaths withDefaults(LibraryPaths paths);
@@ -69,7 +70,7 @@ public:
     void setLogLevel(const std::string& name);
 
 private:
-    void initialise();
+    void initialise(bool isQuiet);
     void emptyStores();
     SecretPairs readResults();
 

@@ -12,9 +12,9 @@
 
 #include "common/library_mark.h"
 #include "host/catalogue/names.h"
+#include "json_text.h"
 #include "library_file.h"
 #include "output.h"
-#include "parameters.h"
 
 namespace {
 

@@ -103,10 +103,27 @@ void OutputFile::write(std::string_view text)
     const bool isClosed = close(std::exchange(m_file, -1)) == 0;
     if (!isWritten)
         errno = reason;
+    if (!isWritten || !isClosed)
+        failToWrite(m_path);
+}
+
+void OutputFile::keep()
+{
     const bool isBeside = !m_unfinished.empty() && m_unfinished != m_path;
-    if (!isWritten || !isClosed || (isBeside && rename(m_unfinished.c_str(), m_path.c_str()) != 0))
+    if (isBeside && rename(m_unfinished.c_str(), m_path.c_str()) != 0)
         failToWrite(m_path);
     m_unfinished.clear();
+}
+
+bool hasColours(Colours colours, int descriptor)
+{
+    if (colours != Colours::Auto)
+        return colours == Colours::Always;
+    const auto variable = [](const char* name) {
+        const char* const value = getenv(name);
+        return std::string_view(value == nullptr ? "" : value);
+    };
+    return variable("NO_COLOR").empty() && variable("TERM") != "dumb" && isatty(descriptor) == 1;
 }
 
 bool isStandardOutput(const std::string& path)

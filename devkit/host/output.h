@@ -46,16 +46,26 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    // To be called once. Throws a UsageError.
+    // All that the file shall hold; to be called once. Throws a UsageError.
     void write(std::string_view text);
+    // Leaves what was written in its place. Throws a UsageError.
+    void keep();
 
 private:
     void openBeside();
 
     std::string m_path;
-    std::string m_unfinished;  // the file to remove if nothing is written, or ""
+    std::string m_unfinished;  // the file to remove unless it is kept, or ""
     int m_file = -1;
 };
+
+// When what is written has colours.
+enum class Colours {
+    Auto,  // on a terminal, unless NO_COLOR is set (no-color.org)
+    Always,
+    Never,
+};
+bool hasColours(Colours colours, int descriptor);
 
 // Whether a path stands for standard output, as "-", "/dev/stdout" and "" do.
 bool isStandardOutput(const std::string& path);

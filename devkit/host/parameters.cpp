@@ -1,13 +1,11 @@
 #include "parameters.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <sstream>
 
+#include "input.h"
+#include "json_text.h"
 #include "output.h"
 #include "values.h"
 
@@ -27,12 +25,25 @@ void add(Pairs& pairs, const std::string& name, const std::string& value)
     pairs.emplace_back(name, value);
 }
 
-// Adds "name=value". One without "=" is not quoted: it may be a value.
+// Whether a request has a parameter of that name, which so is no secret.
+bool isParameterName(const std::string& text)
+{
+    return std::any_of(catalogue().begin(), catalogue().end(), [&](const RequestInfo& request) {
+        return findParameter(request, text) != nullptr;
+    });
+}
+
+// Adds "name=value". One without "=" is not quoted unless it is a known name: it may be a value.
 void addWritten(Pairs& pairs, const std::string& written, const std::string& place)
 {
     const size_t equals = written.find('=');
+    if (isParameterName(written))
+        throw UsageError(place + " is not written name=value: " + written +
+                         " has neither \"=\" nor a value; there is no blank around \"=\"");
     if (equals == std::string::npos || equals == 0)
-        throw UsageError(place + " is not written name=value");
+        throw UsageError(place +
+                         " is not written name=value; a value with blanks has quotes "
+                         "around it");
     add(pairs, written.substr(0, equals), written.substr(equals + 1));
 }
 
@@ -68,51 +79,21 @@ Pairs fromLines(const std::string& text)
     return pairs;
 }
 
-Pairs readFile(const std::string& path)
+Pairs fromFile(const std::string& path)
 {
-    std::ifstream file;
-    if (path != "-") {
-        file.open(path, std::ios::binary);
-        if (!file)
-            throw UsageError("cannot read " + path);
-    }
-    std::istream& in = path == "-" ? std::cin : file;
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
-    if (in.bad())
-        throw UsageError("cannot read " + path);
+    const std::string text = readInput(path);
+    const std::string name = inputName(path);
     try {
         const size_t begin = text.find_first_not_of(" \t\r\n");
         return begin != std::string::npos && text[begin] == '{' ? fromJson(text) : fromLines(text);
+    } catch (const JsonError& e) {
+        throw UsageError(name + ":" + placeIn(text, e.at) + ": " + e.what());
     } catch (const UsageError& e) {
-        throw UsageError(path + ": " + e.what());
+        throw UsageError(name + ": " + e.what());
     }
 }
 
 }  // namespace
-
-nlohmann::ordered_json parseJson(const std::string& text)
-{
-    // Of members with the same name the parser would keep one, without a word.
-    std::vector<std::set<std::string>> members;
-    const auto refuseSame = [&](int, Json::parse_event_t event, const Json& parsed) {
-        if (event == Json::parse_event_t::object_start)
-            members.emplace_back();
-        else if (event == Json::parse_event_t::object_end)
-            members.pop_back();
-        else if (event == Json::parse_event_t::key &&
-                 !members.back().insert(parsed.get<std::string>()).second)
-            throw UsageError(parsed.get<std::string>() + " is given twice");
-        return true;
-    };
-    // The parser's own messages quote the text.
-    try {
-        return Json::parse(text, refuseSame);
-    } catch (const Json::parse_error& e) {
-        throw UsageError("not JSON at byte " + std::to_string(e.byte));
-    } catch (const Json::exception&) {
-        throw UsageError("a number is out of range");
-    }
-}
 
 std::string writtenValue(const std::string& name, const nlohmann::ordered_json& value)
 {
@@ -128,7 +109,7 @@ void WrittenParameters::check() const
 
 Pairs WrittenParameters::read(const RequestInfo* request) const
 {
-    Pairs pairs = file.empty() ? Pairs() : readFile(file);
+    Pairs pairs = file.empty() ? Pairs() : fromFile(file);
     for (const auto& [name, value] : split(arguments)) {
         const auto same =
             std::find_if(pairs.begin(), pairs.end(),

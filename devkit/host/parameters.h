@@ -9,10 +9,6 @@
 
 #include "host/catalogue/catalogue.h"
 
-// Throws a UsageError for text that is no JSON, and if an object has two members of the same
-// name. The error quotes no value, as that may be secret.
-nlohmann::ordered_json parseJson(const std::string& text);
-
 // A JSON value as it would be written on the command line: a string's text, or an integer's
 // digits. Throws a UsageError for other values.
 std::string writtenValue(const std::string& name, const nlohmann::ordered_json& value);

@@ -1,15 +1,14 @@
 #include "script.h"
 
-#include <fstream>
+#include <algorithm>
 #include <iostream>
 #include <iterator>
 #include <map>
-#include <nlohmann/json.hpp>
-#include <optional>
-#include <string_view>
+#include <sstream>
 
 #include "exchange.h"
-#include "host/catalogue/catalogue.h"
+#include "input.h"
+#include "json_text.h"
 #include "parameters.h"
 #include "values.h"
 
@@ -17,58 +16,24 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Step {
-    std::string id;
-    std::string request;
-    Json params = Json::object();
-    bool allowFailure = false;
-};
+constexpr std::string_view blanks = " \t\n\r";  // those of JSON
 
-bool isIdentifier(const std::string& id)
-{
-    return !id.empty() && id.find_first_of(".{}$") == std::string::npos;
-}
+}  // namespace
 
-Step toStep(const Json& json)
-{
-    if (!json.is_object())
-        throw UsageError("a step must be an object");
-
-    Step step;
-    for (const auto& [member, value] : json.items()) {
-        if (member == "id" && value.is_string() && isIdentifier(value.get<std::string>()))
-            step.id = value;
-        else if (member == "request" && value.is_string())
-            step.request = value;
-        else if (member == "params" && value.is_object())
-            step.params = value;
-        else if (member == "title" && value.is_string())
-            continue;
-        else if (member == "allowFailure" && value.is_boolean())
-            step.allowFailure = value;
-        else
-            throw UsageError("member \"" + member + "\" is unknown or of the wrong kind");
-    }
-    if (step.request.empty())
-        throw UsageError("\"request\" is missing");
-    return step;
-}
-
-class Runner {
+class Script::Runner {
 public:
     Runner(const ScriptOptions& options, HostSession& session)
-        : m_options(options), m_session(session), m_reader(options.file != "-")
+        : m_options(options), m_session(session), m_values(options.file != "-")
     {
     }
 
     // Sends a step. The answer is the step's line of output.
-    Json run(const Json& json)
+    std::string run(const Step& step)
     {
-        ++m_number;
         try {
-            return send(toStep(json));
+            return jsonText(send(step), -1);
         } catch (const UsageError& e) {
-            throw UsageError("step " + std::to_string(m_number) + ": " + e.what());
+            throw UsageError(step.title + e.what());
         }
     }
 
@@ -78,12 +43,9 @@ public:
 private:
     Json send(const Step& step)
     {
-        if (!step.id.empty() && m_results.count(step.id) != 0)
-            throw UsageError("id " + step.id + " is taken");
-        const RequestInfo* request = requestByName(step.request, m_options.force);
-        const SecretPairs given = parameters(step, request);
-        warn(request, given);
-        const Outcome outcome = exchange(m_session, request, step.request, given);
+        const SecretPairs given = parameters(step);
+        warn(step.info, given, step.title);
+        const Outcome outcome = exchange(m_session, step.info, step.request, given);
         if (!step.id.empty())
             m_results[step.id] = outcome.results;
 
@@ -101,118 +63,149 @@ private:
         if (outcome.ok || step.allowFailure)
             return answer;
         m_allSucceeded = false;
-        tell("step " + std::to_string(m_number) + ": " + failureLine(step.request, outcome));
+        tell(step.title + failureLine(step.request, outcome));
+        tellHint(remedyLine(outcome));
         return answer;
     }
 
-    Pairs parameters(const Step& step, const RequestInfo* request)
+    Pairs parameters(const Step& step)
     {
+        const auto expand = [this](const std::string& text) {
+            return expandReferences(text, [this](const std::string& r) { return resultOf(r); });
+        };
         Pairs pairs;
-        for (const auto& [name, value] : step.params.items()) {
-            const std::string written = writtenValue(name, value);
-            const auto expand = [&, &parameter = name](const std::string& text) {
-                return expandReferences(parameter, text);
-            };
-            pairs.emplace_back(name, m_reader.read(request, name, written, expand));
-        }
+        for (const auto& [name, value] : step.params.items())
+            pairs.emplace_back(name,
+                               m_values.read(step.info, name, writtenValue(name, value), expand));
         return pairs;
     }
 
-    std::string expandReferences(const std::string& parameter, const std::string& text) const
+    std::string resultOf(const std::string& reference) const
     {
-        std::string expanded;
-        size_t at = 0;
-        for (size_t found; (found = text.find("${", at)) != std::string::npos;) {
-            if (found > at && text[found - 1] == '$') {
-                expanded.append(text, at, found - 1 - at).append("${");
-                at = found + 2;
-                continue;
-            }
-            const size_t end = text.find('}', found);
-            if (end == std::string::npos)
-                throw UsageError(parameter + ": a reference lacks its }");
-            expanded.append(text, at, found - at);
-            expanded += resultOf(parameter, text.substr(found + 2, end - found - 2));
-            at = end + 1;
-        }
-        return expanded.append(text, at);
-    }
-
-    const std::string& resultOf(const std::string& parameter, const std::string& reference) const
-    {
-        const size_t dot = reference.find('.');
-        const auto step = m_results.find(reference.substr(0, dot));
-        const std::string* value = dot == std::string::npos || step == m_results.end()
-                                       ? nullptr
-                                       : findValue(step->second, reference.substr(dot + 1));
+        const auto [id, result] = splitReference(reference);
+        const auto step = m_results.find(id);
+        const std::string* value =
+            step == m_results.end() ? nullptr : findValue(step->second, result);
         if (value == nullptr)
-            throw UsageError(parameter + ": there is no result for ${" + reference + "}");
+            throw UsageError("${" + reference + "}: step " + id + " gave no result " + result);
         return *value;
     }
 
     const ScriptOptions& m_options;
     HostSession& m_session;
-    ValueReader m_reader;
+    ValueReader m_values;
     std::map<std::string, SecretPairs> m_results;
-    size_t m_number = 0;
     bool m_allSucceeded = true;
 };
 
-void runLines(std::istream& in, Runner& runner, Output& output)
+Script::Script(const ScriptOptions& options) : m_options(options), m_reader(options.force)
 {
-    for (std::string line; !runner.mustStop() && std::getline(in, line);)
-        if (line.find_first_not_of(" \t\r") != std::string::npos)
-            output.write(jsonText(runner.run(parseJson(line)), -1) + "\n");
+    if (options.file == "-")
+        return;
+    const std::string text = readInput(options.file);
+    const size_t begin = text.find_first_not_of(blanks);
+    if (begin != text.npos && text[begin] == '[') {
+        readArray(text);
+        return;
+    }
+    std::istringstream lines(text);
+    size_t number = 0;
+    for (std::string line; std::getline(lines, line);)
+        if (auto step = readLine(line, ++number))
+            m_steps.push_back(*std::move(step));
 }
 
-void runArray(const Json& steps, Runner& runner, Output& output)
+std::string Script::at(const std::string& place) const
+{
+    return inputName(m_options.file) + ":" + place + ": ";
+}
+
+void Script::readArray(const std::string& text)
+{
+    m_isArray = true;
+    size_t place = 0;
+    try {
+        const Json steps = parseJson(text);
+        const std::vector<size_t> places = elementPlaces(text);
+        for (size_t i = 0; i < steps.size(); ++i) {
+            place = places.at(i);
+            m_steps.push_back(m_reader.read(steps[i]));
+        }
+    } catch (const JsonError& e) {
+        throw UsageError(at(placeIn(text, e.at)) + e.what());
+    } catch (const UsageError& e) {
+        throw UsageError(at(placeIn(text, place)) + e.what());
+    }
+}
+
+std::optional<Step> Script::readLine(const std::string& line, size_t number)
+{
+    const size_t begin = line.find_first_not_of(blanks);
+    if (begin == line.npos)
+        return std::nullopt;
+    const auto place = [&](size_t column) {
+        return at(std::to_string(number) + ":" + std::to_string(column + 1));
+    };
+    try {
+        return m_reader.read(parseJson(line));
+    } catch (const JsonError& e) {
+        throw UsageError(place(std::min(e.at, line.size())) + e.what());
+    } catch (const UsageError& e) {
+        throw UsageError(place(begin) + e.what());
+    }
+}
+
+void Script::runArray(Runner& runner, const Answers& answers) const
 {
     // Closed on every way out, so that what was written is JSON.
     struct Brackets {
-        Output& output;
+        const Answers& answers;
         std::string between = "[\n";
         ~Brackets()
         {
             try {
-                output.write(between == "[\n" ? "[]\n" : "\n]\n");
+                answers(between == "[\n" ? "[]\n" : "\n]\n");
             } catch (const UsageError&) {
                 // The write before has failed too and is being reported.
             }
         }
-    } brackets{output};
+    } brackets{answers};
 
-    for (const Json& step : steps) {
+    for (const Step& step : m_steps) {
         if (runner.mustStop())
             return;
-        const std::string answer = jsonText(runner.run(step), -1);
-        output.write(brackets.between + answer);
+        const std::string answer = runner.run(step);
+        answers(brackets.between + answer);
         brackets.between = ",\n";
     }
 }
 
-void run(std::istream& in, Runner& runner, Output& output)
+// With standard input: each line is answered before the next is read, an array when it is whole.
+void Script::converse(Runner& runner, const Answers& answers)
 {
-    constexpr std::string_view blanks = " \t\n\r";  // those of JSON
-    while (in.good() && blanks.find(static_cast<char>(in.peek())) != blanks.npos)
-        in.get();
-    if (in.peek() != '[')
-        return runLines(in, runner, output);
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
-    runArray(parseJson(text), runner, output);
+    std::string before;
+    while (std::cin.good() && blanks.find(static_cast<char>(std::cin.peek())) != blanks.npos)
+        before += static_cast<char>(std::cin.get());
+    if (std::cin.peek() == '[') {
+        readArray(before + std::string(std::istreambuf_iterator<char>(std::cin), {}));
+        return runArray(runner, answers);
+    }
+    auto number = static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
+    for (std::string line; !runner.mustStop() && std::getline(std::cin, line);)
+        if (const auto step = readLine(line, ++number))
+            answers(runner.run(*step) + "\n");
 }
 
-}  // namespace
-
-bool runScript(const ScriptOptions& options, HostSession& session, Output& output)
+bool Script::run(HostSession& session, const Answers& answers)
 {
-    Runner runner(options, session);
-    if (options.file == "-") {
-        run(std::cin, runner, output);
-        return runner.allSucceeded();
-    }
-    std::ifstream file(options.file);
-    if (!file)
-        throw UsageError("cannot read " + options.file);
-    run(file, runner, output);
+    Runner runner(m_options, session);
+    if (m_options.file == "-")
+        converse(runner, answers);
+    else if (m_isArray)
+        runArray(runner, answers);
+    else
+        for (const Step& step : m_steps)
+            if (!runner.mustStop())
+                answers(runner.run(step) + "\n");
     return runner.allSucceeded();
 }

@@ -1,6 +1,5 @@
 #include "values.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +8,7 @@
 
 #include "common/codec.h"
 #include "host/catalogue/names.h"
+#include "input.h"
 #include "output.h"
 
 namespace {
@@ -20,35 +20,6 @@ bool takePrefix(std::string& text, const std::string& prefix)
         return false;
     text.erase(0, prefix.size());
     return true;
-}
-
-// All that can be read, or nothing with errno set.
-std::optional<std::string> readAll(int descriptor)
-{
-    std::string bytes;
-    std::string buffer(size_t{1} << 16, '\0');
-    for (;;) {
-        const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return std::nullopt;
-        if (count == 0)
-            return bytes;
-        bytes.append(buffer, 0, static_cast<size_t>(count));
-    }
-}
-
-std::optional<std::string> readFile(const std::string& path)
-{
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0)
-        return std::nullopt;
-    auto bytes = readAll(file);
-    const int reason = errno;
-    close(file);
-    errno = reason;
-    return bytes;
 }
 
 }  // namespace
@@ -63,8 +34,12 @@ std::string ValueReader::read(const RequestInfo* request, const std::string& nam
     const Form form = formOf(request, name);
     if (isMisencoded(form, given, value)) {
         // A key in PEM is what people paste here.
-        const char* remedy = form == Form::KeyText ? ": write b64:@FILE, also for PEM, or text:PEM"
-                                                   : ": write text:TEXT, hex:DIGITS or b64:@FILE";
+        const bool isFile = written.compare(0, 1, "@") == 0;
+        const char* remedy = ": write text:TEXT, hex:DIGITS or b64:@FILE";
+        if (isFile)
+            remedy = ": write b64:@FILE for a file's bytes";
+        else if (form == Form::KeyText)
+            remedy = ": write b64:@FILE, also for PEM, or text:PEM";
         throw UsageError(name + " " + notBase64 + remedy + ", or raw: to send it as it is");
     }
     return isEncoded(form, given) ? toUrlBase64(value) : value;

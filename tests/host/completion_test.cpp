@@ -113,7 +113,9 @@ TEST_P(Completion, FollowsTheLine)
     expect("corvane-host --plugin call describe QZaven_crypto_k", "QZaven_crypto_kdf");
     expect("corvane-host call QZaven_crypto_hmac ", "strHashAlg= strKey= strdata=");
     expect("corvane-host list --", "--help --json --brief --markdown");
-    expect("corvane-host -", "--help --version --plugin --params --engine --names");
+    expect("corvane-host -", "--help --version --plugin --params --engine --names --quiet --color");
+    expect("corvane-host help exp", "explain");
+    expect("corvane-host --color always describe QZaven_crypto_k", "QZaven_crypto_kdf");
     expect("corvane-host explain bu", "busy");
     expect("corvane-host explain -202", "-20215 -20216");
     expect("corvane-host completion ", "bash zsh fish");

@@ -188,6 +188,52 @@ TEST_F(HostOutputFile, StandardOutputHasTwoNames)
     EXPECT_FALSE(fs::exists("-"));
 }
 
+// GCM's ciphertext and tag.
+TEST_F(HostOutputFile, SeveralResultsGoToTheirFiles)
+{
+    const Arguments encrypt = {"QZaven_crypto_encrypt",
+                               "strCipherAlg=4",
+                               "strMode=6",
+                               "strKey=b64:" + std::string(32, 'k'),
+                               "strIV=b64:iviviviviviv",
+                               "straad=b64:a",
+                               "strdata=b64:data"};
+    const auto write = [&](Arguments more) {
+        more.insert(more.begin(), encrypt.begin(), encrypt.end());
+        return call(more);
+    };
+    const std::string cipher = inside("cipher");
+    const std::string tag = inside("tag");
+    const Ended ended = write({"--raw", "Data=" + cipher, "--raw", "gcmOutTag=" + tag});
+    EXPECT_EQ(SUCCESS, ended.code) << ended.err;
+    EXPECT_EQ("", ended.out);
+    EXPECT_EQ(4U, readWhole(cipher).size());
+    EXPECT_EQ(16U, readWhole(tag).size());
+    EXPECT_EQ(0600U, mode("folder/cipher"));
+
+    // One is in the way, so that none is written.
+    fs::remove(cipher);
+    EXPECT_EQ(USAGE, write({"--raw", "Data=" + cipher, "--raw", "gcmOutTag=" + tag}).code);
+    EXPECT_FALSE(fs::exists(cipher));
+    const Ended mixed = write({"--raw", "Data", "--raw", "gcmOutTag=" + tag, "--force", "--hex"});
+    EXPECT_EQ(9U, mixed.out.size()) << mixed.err;
+    EXPECT_EQ(33U, readWhole(tag).size());
+
+    EXPECT_EQ(USAGE, write({"--raw", "Data=" + cipher, "--raw", "gcmOutTag=" + cipher}).code);
+    EXPECT_EQ(USAGE, write({"--raw", "Data="}).code);
+    EXPECT_EQ(1U, leftInside());
+}
+
+TEST_F(HostOutputFile, OfSeveralResultsNoneIsThereUnlessAllAre)
+{
+    const std::string input = "strIn=@" + file("input", std::string(100000, 'x'));
+    const SmallFiles small(50000);
+    const Ended ended = call({"QZaven_crypto_base64_encode", input, "--raw",
+                              "errorCode=" + inside("code"), "--raw", "Data=" + inside("data")});
+    EXPECT_EQ(USAGE, ended.code);
+    EXPECT_EQ(0U, leftInside()) << ended.err;
+}
+
 // The program starts itself a second time, and must not meet its own file.
 TEST_F(HostOutputFile, IsMadeOnceBehindLinksToLibraries)
 {

@@ -175,11 +175,47 @@ TEST_F(HostScript, WrongReferencesStopTheScript)
                    "\"}}]");
         EXPECT_EQ(USAGE, ended.code);
         EXPECT_TRUE(holds(ended.err, "step 2: strErr: ")) << ended.err;
-        EXPECT_EQ(1U, ended.json().size());
+        EXPECT_EQ("", ended.out);
     }
     const Ended twice = script(first + R"({"id": "a", "request": "QZaVen_GetVersion"}])");
     EXPECT_EQ(USAGE, twice.code);
     EXPECT_TRUE(holds(twice.err, "id a is taken")) << twice.err;
+}
+
+// A step that fails may give fewer results than the catalogue has.
+TEST_F(HostScript, AResultThatDidNotComeStopsTheScript)
+{
+    const Ended ended =
+        run({"script", "--force", "--keep-going", "-"},
+            "{\"id\": \"a\", \"request\": \"QZaven_unknown\"}\n"
+            "{\"request\": \"QZaVen_strerror\", \"params\": {\"strErr\": \"${a.Data}\"}}");
+    EXPECT_EQ(USAGE, ended.code);
+    EXPECT_TRUE(holds(ended.err, "step 2: ${a.Data}: step a gave no result Data")) << ended.err;
+}
+
+TEST_F(HostScript, AnswersGoToAFileOfItsOwnersAlone)
+{
+    const std::string steps = file("steps", roundTrip);
+    const Ended ended = run({"script", steps, "-o", path("answers")});
+    ASSERT_EQ(SUCCESS, ended.code) << ended.err;
+    EXPECT_EQ("", ended.out);
+    EXPECT_EQ(3U, Json::parse(readWhole(path("answers"))).size());
+    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write,
+              fs::status(path("answers")).permissions());
+
+    EXPECT_EQ(USAGE, run({"script", steps, "-o", path("answers")}).code);
+    EXPECT_EQ(SUCCESS, run({"script", steps, "-o", path("answers"), "--force"}).code);
+    EXPECT_EQ(script(roundTrip).json().size(), run({"script", steps, "-o", "-"}).json().size());
+}
+
+TEST_F(HostScript, AnswersOfAStoppedScriptAreKeptUnlessItIsWrong)
+{
+    const std::string failed = file("failed", failingScript(""));
+    EXPECT_EQ(REFUSED, run({"script", failed, "-o", path("answers")}).code);
+    EXPECT_EQ(2U, Json::parse(readWhole(path("answers"))).size());
+    const std::string wrong = file("wrong", "{\"request\": \"QZaVen_GetVersion\"}\n{}");
+    EXPECT_EQ(USAGE, run({"script", wrong, "-o", path("none")}).code);
+    EXPECT_FALSE(fs::exists(path("none")));
 }
 
 TEST_F(HostScript, InputCannotBeScriptAndValue)

@@ -319,8 +319,9 @@ TEST_F(HostUsage, WrongCommandLinesQuoteNoValues)
 
 TEST_F(HostUsage, HelpGoesToOutput)
 {
-    const Ended ended = run({"--help"});
+    const Ended ended = run({"call", "--help"});
     EXPECT_EQ(SUCCESS, ended.code);
+    EXPECT_EQ("", ended.err);
     EXPECT_TRUE(holds(ended.out, "b64:@FILE"));
 }
 

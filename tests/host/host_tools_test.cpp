@@ -81,7 +81,7 @@ TEST_F(HostParameterFile, MalformedFilesQuoteNoValues)
         {"=5ecret", "line 1 is not written name=value"},
         {"strErr=5ecret\nstrErr=5ecret", "strErr is given twice"},
         {R"({"strErr": "5ecret", "strErr": "5ecret"})", "strErr is given twice"},
-        {R"({"strErr": 5ecret})", "not JSON at byte"},
+        {R"({"strErr": 5ecret})", "standard input:1:14: not JSON: "},
         {R"({"strErr": ["5ecret"]})", "strErr: a value must be a text or an integer"},
         {R"({"strErr": 1.5})", "strErr: a value must be a text or an integer"},
         {R"({"strErr": "hex:5ecret"})", "strErr: hex: takes pairs of hex digits"},

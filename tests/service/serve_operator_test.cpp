@@ -780,8 +780,14 @@ TEST_F(OperatorOptions, NumbersHaveBounds)
         const bool isCount = std::string(row.low).find('.') == std::string::npos &&
                              std::string(row.option).find("seconds") == std::string::npos &&
                              row.option != "--rate"s && row.option != "--burst"s;
+        const bool isPlain = row.option == "--workers"s ||
+                             std::string(row.option).find("seconds") != std::string::npos;
+        const bool isSize = std::string(row.option).find("bytes") != std::string::npos;
         const std::string text = row.option + ": takes a "s + (isCount ? "whole " : "") +
-                                 "number from " + row.low + " to " + row.high;
+                                 "number from " + row.low + " to " + row.high +
+                                 (isPlain  ? ""
+                                  : isSize ? ", also with K, M or G as in 16M (powers of 1024)"
+                                           : ", also with K, M or G as in 10K (powers of 1000)");
         std::vector<const char*> bad = {"-1", "nan", "18446744073709551615"};
         // What numbers look like is the same for all.
         if (row.option == "--queue"s || row.option == "--read-seconds"s)

@@ -278,6 +278,34 @@ std::string nearestName(const std::vector<std::string>& known, const std::string
                              });
 }
 
+std::string nearName(const std::vector<std::string>& known, const std::string& name)
+{
+    constexpr size_t longest = 100;  // of names that people mistype
+    if (known.empty() || name.empty() || name.size() > longest)
+        return "";
+    const std::string nearest = nearestName(known, name);
+    const size_t mostEdits = std::max<size_t>(1, std::min(name.size(), nearest.size()) / 3);
+    return editDistance(name, nearest) <= mostEdits ? nearest : "";
+}
+
+std::vector<std::string> likelyRequests(const std::string& name)
+{
+    std::vector<std::string> known;
+    std::vector<std::string> likely;
+    for (const RequestInfo& request : requests) {
+        const std::string whole = request.name;
+        known.push_back(whole);
+        const bool isLonger = !name.empty() && whole.size() > name.size() + 1 &&
+                              whole[whole.size() - name.size() - 1] == '_';
+        if (isLonger && editDistance(whole.substr(whole.size() - name.size()), name) == 0)
+            likely.push_back(whole);
+    }
+    if (!likely.empty())
+        return likely;
+    const std::string near = nearName(known, name);
+    return near.empty() ? likely : std::vector{near};
+}
+
 std::string nearestRequest(const std::string& name)
 {
     std::vector<std::string> known;

@@ -140,8 +140,14 @@ const Result* findResult(const RequestInfo& request, const std::string& name);
 // The one of the known names, of which there are some, that is nearest to a mistyped one. Takes
 // time by the product of the names' lengths.
 std::string nearestName(const std::vector<std::string>& known, const std::string& name);
-// The same of the requests' names.
+// The one of the known names that was most likely meant, or "" if none is near.
+std::string nearName(const std::vector<std::string>& known, const std::string& name);
+// The nearest of the requests' names.
 std::string nearestRequest(const std::string& name);
+
+// The requests that were most likely meant by a name that is none's: those that end so, as
+// QZaven_crypto_hmac and QZaven_ke_hmac by "hmac", else the one that is near. Maybe none.
+std::vector<std::string> likelyRequests(const std::string& name);
 
 const Parameter* findParameter(const RequestInfo& request, const std::string& name);
 

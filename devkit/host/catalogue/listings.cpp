@@ -12,6 +12,23 @@ std::string pad(std::string text, size_t width)
     return text;
 }
 
+// Statuses that are no refusal of the host's own, or not always.
+const struct StatusText {
+    unsigned status;
+    const char* text;
+} otherStatuses[] = {
+    {200, "the request was carried out; whether it succeeded is told by errorCode in the answer"},
+    {304, "the document is the one that the client has, by its ETag"},
+    {400, "an answer without a body: what arrived is not HTTP, or TLS where none is spoken"},
+    {413, "an answer without a body: Content-Length is larger than any number that is taken"},
+    {414, "the request's first line is too long: parameters belong into the body"},
+    {431, "an answer without a body: the headers do not fit into the memory for them"},
+    {503,
+     "of /readyz: the host cannot take requests now; an error \"busy\" or \"draining\" says "
+     "why a request was not taken"},
+    {505, "the version of HTTP is neither 1.0 nor 1.1"},
+};
+
 // "required, 1 to 7, text" and the like.
 std::string traits(const Parameter& parameter)
 {
@@ -45,29 +62,32 @@ std::string codesText(const std::vector<int>& codes)
     return line;
 }
 
-std::string describe(const RequestInfo& request)
+std::string describe(const RequestInfo& request, const Style& style)
 {
-    const auto more = [](const std::string& text) { return std::string(20, ' ') + text + "\n"; };
-    std::string out = std::string(request.name) + "\n  " + request.summary + "\n";
+    constexpr size_t column = 20;
+    std::string out = style.heading(request.name) + "\n" + labelled("", 2, request.summary);
     if (request.parameters.empty())
         out += "  takes no parameters\n";
     for (const Parameter& parameter : request.parameters) {
-        out += "  " + pad(parameter.name, 18) + traits(parameter) + "\n";
-        out += more(parameter.meaning);
+        out += labelled("  " + std::string(parameter.name), column, traits(parameter));
+        out += labelled("", column, parameter.meaning);
         if (!parameter.choices.empty())
-            out += more("numbers: " + choicesText(parameter.choices));
+            out += labelled("", column, "numbers: " + choicesText(parameter.choices));
     }
-    out += "  results\n";
+    out += "  " + style.heading("results") + "\n";
     for (const Result& result : request.results)
-        out += "  " + pad(result.name, 18) + formName(result.form) + ": " + result.meaning + "\n";
+        out += labelled("  " + std::string(result.name), column,
+                        std::string(formName(result.form)) + ": " + result.meaning);
     if (!request.codes.empty())
-        out += "  its own codes\n    " + codesText(request.codes) +
-               "; `corvane-host explain CODE` says more\n";
+        out +=
+            "  " + style.heading("its own codes") + "\n" +
+            labelled("", 4, codesText(request.codes) + "; `corvane-host explain CODE` says more");
     const RetryKind& retry = kindOf(retryOf(request));
-    return out + "  if its answer is lost\n    " + retry.name + ": " + retry.text + "\n";
+    return out + "  " + style.heading("if its answer is lost") + "\n" +
+           labelled("", 4, std::string(retry.name) + ": " + retry.text);
 }
 
-std::string listRequests(const std::vector<std::string>& words)
+std::string listRequests(const std::vector<std::string>& words, const Style& style)
 {
     std::string out;
     std::string group;
@@ -76,33 +96,57 @@ std::string listRequests(const std::vector<std::string>& words)
             continue;
         if (group != request.group) {
             group = request.group;
-            out += (out.empty() ? "" : "\n") + group + "\n";
+            out += (out.empty() ? "" : "\n") + style.heading(group) + "\n";
         }
         out += "  " + std::string(request.name) + "\n";
         for (const Parameter& parameter : request.parameters)
-            out += "      " + pad(parameter.name, 18) + traits(parameter) + "\n";
+            out += labelled("      " + std::string(parameter.name), 24, traits(parameter));
     }
     return out;
 }
 
-std::string explain(const ErrorCode& code)
+std::string explain(const ErrorCode& code, const Style& style)
 {
-    std::string head = codeText(code);
-    if (code.code == 0)
-        head += " (host, HTTP status " + std::to_string(code.status) + ")";
-    else
-        head += std::string(" ") + code.name + " (" +
-                (code.source == std::string("engine") ? "development engine" : code.source) + ")";
-    return head + "\n  " + code.text + "\n  likely cause  " + code.cause + "\n  what to do    " +
-           code.remedy + "\n";
+    constexpr size_t column = 16;
+    std::string source = " (host, HTTP status " + std::to_string(code.status) + ")";
+    if (code.code != 0)
+        source = std::string(" ") + code.name + " (" +
+                 (code.source == std::string("engine") ? "development engine" : code.source) + ")";
+    return style.heading(codeText(code)) + source + "\n" + labelled("", 2, code.text) +
+           labelled("  likely cause", column, code.cause) +
+           labelled("  what to do", column, code.remedy);
 }
 
-std::string listErrorCodes()
+std::string explainSuccess(const Style& style)
+{
+    return style.heading("0") + " (plug-in and engine)\n  success: nothing is to be done\n";
+}
+
+std::string explainStatus(unsigned status, const Style& style)
 {
     std::string out;
+    const auto add = [&](const std::string& text) { out += (out.empty() ? "" : "\n") + text; };
+    for (const StatusText& row : otherStatuses)
+        if (row.status == status)
+            add(style.heading(std::to_string(status)) + " (HTTP status)\n" +
+                labelled("", 2, row.text));
+    for (const ErrorCode& code : hostCodes())
+        if (code.status == status)
+            add(explain(code, style));
+    return out;
+}
+
+std::string listErrorCodes(const Style& style)
+{
+    constexpr size_t numberColumn = 8;
+    constexpr size_t nameColumn = 27;
+    std::string out = style.heading("errorCode of plug-in and engine") + "\n";
+    out += labelled("0", numberColumn, "success");
     for (const ErrorCode& row : errorCodes())
-        out += pad(codeText(row), 8) + row.text + "\n";
+        out += labelled(codeText(row), numberColumn, row.text);
+    out += "\n" + style.heading("errors of `corvane-host serve`, with the status of HTTP") + "\n";
     for (const ErrorCode& row : hostCodes())
-        out += pad(codeText(row), 20) + row.text + "\n";
+        out += labelled(pad(codeText(row), nameColumn - 5) + std::to_string(row.status), nameColumn,
+                        row.text);
     return out;
 }

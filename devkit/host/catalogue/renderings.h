@@ -7,6 +7,7 @@
 
 #include "catalogue.h"
 #include "error_codes.h"
+#include "layout.h"
 
 // "1 sm4 (16-byte key), 2 aes-128 (16-byte key)" and so on: numbers with their first name; "" for
 // a parameter without named values.
@@ -15,11 +16,15 @@ std::string choicesText(const Choices& choices);
 std::string codesText(const std::vector<int>& codes);
 
 // For a terminal.
-std::string describe(const RequestInfo& request);
+std::string describe(const RequestInfo& request, const Style& style);
 // Those about all the words (names.h).
-std::string listRequests(const std::vector<std::string>& words);
-std::string explain(const ErrorCode& code);
-std::string listErrorCodes();
+std::string listRequests(const std::vector<std::string>& words, const Style& style);
+std::string explain(const ErrorCode& code, const Style& style);
+// What 0 in errorCode means.
+std::string explainSuccess(const Style& style);
+// What a status of HTTP means that the host answers with; "" for others.
+std::string explainStatus(unsigned status, const Style& style);
+std::string listErrorCodes(const Style& style);
 
 // For programs.
 nlohmann::ordered_json toJson(const RequestInfo& request);

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "commands.h"
+#include "help.h"
 #include "host/catalogue/catalogue.h"
 #include "host/exchange.h"
 #include "host/parameters.h"
@@ -181,8 +182,10 @@ ExitCode bench(Program& program, const BenchOptions& options)
     // One to tell what a failure means.
     warn(request, parameters);
     const Outcome first = exchange(*session, request, options.request, parameters);
-    if (!first.ok)
+    if (!first.ok) {
         tell(failureLine(options.request, first));
+        tellHint(remedyLine(first));
+    }
 
     Bench bench(*session, *request, parameters);
     bench.run(options);
@@ -196,14 +199,21 @@ void addBench(CLI::App& app, Program& program)
 {
     const auto options = std::make_shared<BenchOptions>();
     CLI::App* command = app.add_subcommand("bench", "Measure how fast one request is");
-    command->add_option("request", options->request, "Name of the request")->required();
+    addRequestName(*command, options->request);
     addParameterOptions(*command, options->parameters);
-    CLI::Option* seconds =
-        command->add_option("--seconds", options->seconds, "How long to send (default 5)")
-            ->check(between(0.01, 86400, false));
-    command->add_option("--count", options->count, "How many to send instead")
-        ->check(CLI::PositiveNumber)
+    CLI::Option* seconds = addNumber(*command, "--seconds", options->seconds,
+                                     {NumberKind::Plain, 0.01, 86400, false}, "How long to send")
+                               ->capture_default_str();
+    addNumber(*command, "--count", options->count, {NumberKind::Counts, 1, 1e12, true},
+              "How many to send instead of --seconds")
         ->excludes(seconds);
     command->add_flag("--json", options->json, "As JSON");
+    command->footer(std::string(valueForms) + R"(
+Numbers may have K, M or G behind them, powers of 1000.
+
+Examples:
+  corvane-host bench QZaVen_GetVersion --count 1K
+  corvane-host bench QZaven_crypto_hmac strHashAlg=4 strKey=text:key \
+      strdata=text:data --seconds 0.5 --json)");
     command->callback([options, &program] { program.exitCode = bench(program, *options); });
 }

@@ -1,12 +1,18 @@
 // corvane-host call: one request, its results as JSON.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "commands.h"
 #include "common/codec.h"
+#include "common/secrets.h"
+#include "help.h"
 #include "host/catalogue/catalogue.h"
 #include "host/exchange.h"
 #include "host/parameters.h"
@@ -19,7 +25,7 @@ namespace {
 struct CallOptions {
     std::string request;
     WrittenParameters parameters;
-    std::string raw;
+    std::vector<std::string> raws;  // RESULT or RESULT=FILE
     std::string file;
     bool hex = false;
     bool time = false;
@@ -53,39 +59,128 @@ SecretPairs inHex(const RequestInfo* request, SecretPairs results)
     return results;
 }
 
+// A result that is written alone.
+struct RawResult {
+    std::string name;
+    std::string file;  // "" for where all results would go
+};
+
 // Null for standard output. Opened before the request is sent, as some happen only once.
-std::unique_ptr<OutputFile> openFile(const CallOptions& options)
+std::unique_ptr<OutputFile> openFile(const std::string& path, bool mayReplace)
 {
-    if (isStandardOutput(options.file))
+    if (isStandardOutput(path))
         return nullptr;
-    return std::make_unique<OutputFile>(options.file, options.force);
+    return std::make_unique<OutputFile>(path, mayReplace);
 }
 
-// `file` is null for standard output.
-void writeResults(const Program& program, OutputFile* file, const CallOptions& options,
-                  const RequestInfo* request, const Outcome& outcome)
+void checkResult(const RequestInfo& request, const std::string& name)
 {
-    const auto put = [&](const std::string& text) {
-        file != nullptr ? file->write(text) : program.output.write(text);
-    };
-    if (options.raw.empty()) {
-        auto json = toJson(options.hex ? inHex(request, outcome.results) : outcome.results);
-        if (options.time)
-            json["microseconds"] = outcome.microseconds;
-        put(jsonText(json, 2) + "\n");
-    } else if (outcome.ok) {
-        const std::string bytes = resultBytes(request, outcome, options.raw);
-        put(options.hex ? toHex(bytes) + "\n" : bytes);
-    }
-    if (options.time && !options.raw.empty())
-        fprintf(stderr, "microseconds: %.1f\n", outcome.microseconds);
+    if (findResult(request, name) != nullptr)
+        return;
+    std::string known;
+    for (const Result& result : request.results)
+        known += (known.empty() ? "" : ", ") + std::string(result.name);
+    throw UsageError(std::string(request.name) + " has no result " + name + "; it has " + known);
 }
+
+// `request` may be null.
+std::vector<RawResult> rawResults(const CallOptions& options, const RequestInfo* request)
+{
+    std::vector<RawResult> results;
+    bool isPlain = false;
+    for (const std::string& raw : options.raws) {
+        const size_t equals = raw.find('=');
+        RawResult result = {raw.substr(0, equals), ""};
+        if (equals != std::string::npos)
+            result.file = raw.substr(equals + 1);
+        if (equals != std::string::npos && result.file.empty())
+            throw UsageError("--raw " + result.name + "= names no file");
+        if (request != nullptr)
+            checkResult(*request, result.name);
+        if (result.file.empty() && std::exchange(isPlain, true))
+            throw UsageError("of several results, each but one takes a file: --raw " + result.name +
+                             "=FILE");
+        results.push_back(result);
+    }
+    if (!results.empty() && !isPlain && !options.file.empty())
+        throw UsageError("-o is for a --raw without a file, or for none");
+    return results;
+}
+
+// Where results go: the files are opened at once, and are left in their places when all of them
+// are written.
+class Results {
+public:
+    Results(const Program& program, const CallOptions& options, const RequestInfo* request)
+        : m_program(program),
+          m_options(options),
+          m_request(request),
+          m_raws(rawResults(options, request))
+    {
+        if (m_raws.empty())
+            m_files.push_back(openFile(options.file, options.force));
+        for (const RawResult& raw : m_raws) {
+            const std::string& path = raw.file.empty() ? options.file : raw.file;
+            const auto same = std::count_if(m_raws.begin(), m_raws.end(), [&](const RawResult& r) {
+                return !path.empty() && (r.file.empty() ? options.file : r.file) == path;
+            });
+            if (same > 1)
+                throw UsageError("two results cannot go to the same file");
+            m_files.push_back(openFile(path, options.force));
+        }
+    }
+
+    void write(const Outcome& outcome)
+    {
+        if (m_raws.empty())
+            writeJson(outcome);
+        else if (outcome.ok)
+            writeRaws(outcome);
+        else
+            return;
+        for (const auto& file : m_files)
+            if (file != nullptr)
+                file->keep();
+    }
+
+private:
+    void put(size_t index, std::string_view text)
+    {
+        m_files[index] != nullptr ? m_files[index]->write(text) : m_program.output.write(text);
+    }
+
+    void writeJson(const Outcome& outcome)
+    {
+        auto json = toJson(m_options.hex ? inHex(m_request, outcome.results) : outcome.results);
+        if (m_options.time)
+            json["microseconds"] = outcome.microseconds;
+        put(0, jsonText(json, 2) + "\n");
+    }
+
+    void writeRaws(const Outcome& outcome)
+    {
+        std::vector<SecretText> texts;
+        for (const RawResult& raw : m_raws) {
+            SecretText bytes = resultBytes(m_request, outcome, raw.name);
+            if (m_options.hex)
+                bytes = toHex(bytes) + "\n";
+            texts.push_back(std::move(bytes));
+        }
+        for (size_t i = 0; i < texts.size(); ++i)
+            put(i, texts[i]);
+    }
+
+    const Program& m_program;
+    const CallOptions& m_options;
+    const RequestInfo* m_request;
+    std::vector<RawResult> m_raws;
+    std::vector<std::unique_ptr<OutputFile>> m_files;  // of each, or the one of JSON
+};
 
 ExitCode call(Program& program, const CallOptions& options)
 {
     const RequestInfo* request = requestByName(options.request, options.force);
-    if (request != nullptr && !options.raw.empty() && findResult(*request, options.raw) == nullptr)
-        throw UsageError(options.request + " has no result " + options.raw);
+    rawResults(options, request);
     options.parameters.check();
 
     // Before the values are read: opening may start the program again, and standard
@@ -93,18 +188,21 @@ ExitCode call(Program& program, const CallOptions& options)
     const auto session = openSession(program, options.trace);
     const SecretPairs parameters = options.parameters.read(request);
     warn(request, parameters);
-    const auto file = openFile(options);
+    Results results(program, options, request);
     if (options.trace)
         traceParameters(request, options.request, parameters);
 
     const Outcome outcome = exchange(*session, request, options.request, parameters);
     if (options.trace)
         traceOutcome(request, outcome);
-    writeResults(program, file.get(), options, request, outcome);
+    results.write(outcome);
+    if (options.time && !options.raws.empty())
+        fprintf(stderr, "microseconds: %.1f\n", outcome.microseconds);
 
     if (outcome.ok)
         return SUCCESS;
     tell(failureLine(options.request, outcome));
+    tellHint(remedyLine(outcome));
     return REFUSED;
 }
 
@@ -115,11 +213,15 @@ void addCall(CLI::App& app, Program& program)
     const auto options = std::make_shared<CallOptions>();
     CLI::App* command =
         app.add_subcommand("call", "Send one request and print its results as JSON");
-    command->add_option("request", options->request, "Name of the request")->required();
+    addRequestName(*command, options->request);
     addParameterOptions(*command, options->parameters);
-    command->add_option("--raw", options->raw, "Write only this result, decoded")
+    command
+        ->add_option(
+            "--raw", options->raws,
+            "Write only this result, decoded; as RESULT=FILE to a file of its own, like -o")
         ->type_name("RESULT")
-        ->check(notEmpty());
+        ->check(notEmpty())
+        ->allow_extra_args(false);
     command->add_option("-o,--output", options->file, "Write to a new file; - for stdout")
         ->type_name("FILE")
         ->check(notEmpty());
@@ -129,5 +231,12 @@ void addCall(CLI::App& app, Program& program)
                       "Tell parameters, results and times; of what may be secret, the length");
     command->add_flag("--force", options->force,
                       "Send a name that is not in the catalogue; replace the file of -o");
+    command->footer(std::string(valueForms) + R"(
+Examples:
+  corvane-host call QZaVen_GetVersion
+  corvane-host call QZaven_crypto_gen_symmkey strCipherAlg=4 --raw Data \
+      -o key.bin
+  corvane-host call QZaven_crypto_hmac strHashAlg=4 strKey=b64:@key.bin \
+      strdata=text:hello)");
     command->callback([options, &program] { program.exitCode = call(program, *options); });
 }

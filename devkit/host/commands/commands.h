@@ -18,5 +18,7 @@ void addDoctor(CLI::App& app, Program& program);
 void addExplain(CLI::App& app, Program& program);
 void addOpenApi(CLI::App& app, Program& program);
 void addCompletion(CLI::App& app, Program& program);
+void addHelp(CLI::App& app, Program& program);
+void addVersion(CLI::App& app, Program& program);
 
 #endif

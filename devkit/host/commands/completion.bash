@@ -7,7 +7,7 @@ _corvane_host() # PROGRAM, as it was typed
     word=${line##*[[:space:]]}
     for given in ${line%"$word"}; do
         case $before:$given in
-        :* | --plugin:* | --params:* | --engine:* | --names:* | *:-*) ;;
+        :* | --plugin:* | --params:* | --engine:* | --names:* | --color:* | *:-*) ;;
         *:QZ*) request=${request:-$given} ;;
         *) subcommand=${subcommand:-$given} ;;
         esac
@@ -16,9 +16,9 @@ _corvane_host() # PROGRAM, as it was typed
 
     local words=""
     case $subcommand:$request:$word in
-    explain:*) words=$("$host" explain | sed 's/ .*//') ;;
+    explain:*) words=$("$host" explain --brief) ;;
     *:-*) words=$("$host" $subcommand --help | sed -nE 's/^  (-.,)?(--[a-z-]+).*/\2/p') ;;
-    :*) words=$("$host" --help | sed -nE '/^Subcommands/,/^$/s/^  ([a-z]+) .*/\1/p') ;;
+    :* | help:*) words=$("$host" --help | sed -nE '/^Subcommands/,/^$/s/^  ([a-z]+) .*/\1/p') ;;
     completion:*) words="bash zsh fish" ;;
     call::* | describe::* | bench::*) words=$("$host" list --brief) ;;
     # Names with their values while a value is typed, names alone before.

@@ -35,6 +35,11 @@ void addCompletion(CLI::App& app, Program& program)
     const auto shell = std::make_shared<std::string>("bash");
     CLI::App* command =
         app.add_subcommand("completion", "Print a script that completes command lines in a shell");
-    command->add_option("shell", *shell, "bash, zsh or fish")->capture_default_str();
+    command->add_option("shell", *shell, "bash, zsh or fish; none: bash");
+    command->footer(
+        "Examples:\n"
+        "  . <(corvane-host completion)             in bash\n"
+        "  . <(corvane-host completion zsh)         in zsh\n"
+        "  corvane-host completion fish | source    in fish");
     command->callback([shell, &program] { program.output.write(scriptFor(*shell)); });
 }

@@ -8,7 +8,7 @@ function __corvane_host
     set -l subcommand
     set -l request
     for given in $line[2..]
-        if contains -- "$before" --plugin --params --engine --names; or string match -q -- '-*' $given
+        if contains -- "$before" --plugin --params --engine --names --color; or string match -q -- '-*' $given
         else if string match -q 'QZ*' $given
             set -q request[1]; or set request $given
         else
@@ -20,10 +20,10 @@ function __corvane_host
 
     switch "$subcommand:$request:$word"
         case 'explain:*'
-            $host explain | string replace -r ' .*' ''
+            $host explain --brief
         case '*:-*'
             $host $subcommand --help | string replace -rf '^  (-.,)?(--[a-z-]+).*' '$2'
-        case ':*'
+        case ':*' 'help:*'
             $host --help | sed -n '/^Subcommands/,/^$/p' | string replace -rf '^  ([a-z]+) .*' '$1'
         case 'completion:*'
             printf '%s\n' bash zsh fish

@@ -6,7 +6,7 @@ _corvane_host()
     local host=$words[1] word=$PREFIX before= given= subcommand= request=
     for given in ${words[1,CURRENT-1]}; do
         case $before:$given in
-        :*|--plugin:*|--params:*|--engine:*|--names:*|*:-*) ;;
+        :*|--plugin:*|--params:*|--engine:*|--names:*|--color:*|*:-*) ;;
         *:QZ*) request=${request:-$given} ;;
         *) subcommand=${subcommand:-$given} ;;
         esac
@@ -16,9 +16,9 @@ _corvane_host()
 
     local -a found
     case $subcommand:$request:$word in
-    explain:*) found=(${(f)"$($host explain | sed 's/ .*//')"}) ;;
+    explain:*) found=(${(f)"$($host explain --brief)"}) ;;
     *:-*) found=(${(f)"$($host $subcommand --help | sed -nE 's/^  (-.,)?(--[a-z-]+).*/\2/p')"}) ;;
-    :*) found=(${(f)"$($host --help | sed -nE '/^Subcommands/,/^$/s/^  ([a-z]+) .*/\1/p')"}) ;;
+    :*|help:*) found=(${(f)"$($host --help | sed -nE '/^Subcommands/,/^$/s/^  ([a-z]+) .*/\1/p')"}) ;;
     completion:*) found=(bash zsh fish) ;;
     call::*|describe::*|bench::*) found=(${(f)"$($host list --brief)"}) ;;
     # Names with their values while a value is typed, names alone before.

@@ -8,6 +8,7 @@
 #include "host/catalogue/renderings.h"
 #include "host/exchange.h"
 #include "host/values.h"
+#include "options.h"
 
 namespace {
 
@@ -43,12 +44,12 @@ std::string brief(const RequestInfo& request)
     return lines;
 }
 
-std::string described(const DescribeOptions& options)
+std::string described(const DescribeOptions& options, const Style& style)
 {
     const RequestInfo* request = requestByName(options.request, false);
     if (options.json)
         return jsonText(toJson(*request), 2) + "\n";
-    return options.brief ? brief(*request) : describe(*request);
+    return options.brief ? brief(*request) : describe(*request, style);
 }
 
 }  // namespace
@@ -57,11 +58,16 @@ void addDescribe(CLI::App& app, Program& program)
 {
     const auto options = std::make_shared<DescribeOptions>();
     CLI::App* command = app.add_subcommand("describe", "Describe one request");
-    command->add_option("request", options->request, "Name of the request")->required();
+    addRequestName(*command, options->request);
     CLI::Option* json = command->add_flag("--json", options->json, "As JSON");
     command
         ->add_flag("--brief", options->brief,
                    "The parameters alone, as name= or as name=value for the few values of one")
         ->excludes(json);
-    command->callback([options, &program] { program.output.write(described(*options)); });
+    command->footer(
+        "Examples:\n"
+        "  corvane-host describe QZaven_crypto_encrypt\n"
+        "  corvane-host describe QZaven_crypto_hmac --json");
+    command->callback(
+        [options, &program] { program.output.write(described(*options, program.style())); });
 }

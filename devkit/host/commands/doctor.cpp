@@ -6,6 +6,7 @@
 #include <string>
 
 #include "commands.h"
+#include "host/catalogue/layout.h"
 #include "host/doctor/isolation.h"
 #include "host/doctor/known_answers.h"
 #include "host/doctor/library_checks.h"
@@ -77,17 +78,31 @@ std::string inOneLine(std::string text)
     return text;
 }
 
-std::string asText(const Findings& findings)
+// Green, yellow or red.
+std::string shownStatus(Status status, const Style& style)
 {
+    std::string name = statusName(status);
+    const std::string gap(6 - name.size(), ' ');
+    if (style.isColoured)
+        name = (status == Status::Ok     ? "\033[32m"
+                : status == Status::Note ? "\033[33m"
+                                         : "\033[1;31m") +
+               name + "\033[0m";
+    return name + gap;
+}
+
+std::string asText(const Findings& findings, const Style& style)
+{
+    constexpr size_t statusColumns = 6;
+    constexpr size_t detailColumn = 40;
     std::string text;
     for (const Finding& finding : findings) {
-        std::string status = statusName(finding.status);
-        std::string name = finding.name;
-        status.resize(6, ' ');
-        name.resize(std::max<size_t>(name.size() + 2, 34), ' ');
-        text += status + name + inOneLine(finding.detail) + "\n";
+        // The status takes the columns of the blanks here, and colours none.
+        std::string line = labelled(std::string(statusColumns, ' ') + finding.name, detailColumn,
+                                    inOneLine(finding.detail));
+        text += line.replace(0, statusColumns, shownStatus(finding.status, style));
         if (!finding.hint.empty())
-            text += "      -> " + inOneLine(finding.hint) + "\n";
+            text += labelled("      ->", 9, inOneLine(finding.hint));
     }
     return text + "\n" + std::to_string(findings.size()) +
            " checks: " + std::to_string(count(findings, Status::Ok)) + " ok, " +
@@ -116,7 +131,7 @@ ExitCode doctor(Program& program, const DoctorOptions& options)
 
     Subject subject(withDefaults(program.paths));
     const Findings findings = examine(libraries, subject, std::chrono::seconds(options.seconds));
-    program.output.write(options.json ? asJson(findings) : asText(findings));
+    program.output.write(options.json ? asJson(findings) : asText(findings, program.style()));
     if (cannotLoad(findings))
         return LOADING;
     return count(findings, Status::Fail) == 0 ? SUCCESS : REFUSED;
@@ -130,9 +145,9 @@ void addDoctor(CLI::App& app, Program& program)
     CLI::App* command =
         app.add_subcommand("doctor", "Look whether the libraries work here, and what is wrong");
     command->add_flag("--json", options->json, "As JSON");
-    command
-        ->add_option("--seconds", options->seconds,
-                     "Time for the checks that one process makes (default 30)")
-        ->check(between(1, 3600, true));
+    addNumber(*command, "--seconds", options->seconds, {NumberKind::Plain, 1, 3600, true},
+              "Time for the checks that one process makes")
+        ->capture_default_str();
+    command->footer("Examples:\n  corvane-host doctor\n  corvane-host doctor --json --seconds 60");
     command->callback([options, &program] { program.exitCode = doctor(program, *options); });
 }

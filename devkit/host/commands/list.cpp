@@ -36,7 +36,7 @@ void checkThatOneMatches(const std::vector<std::string>& words)
                      "or list without words for all");
 }
 
-std::string listed(const ListOptions& options)
+std::string listed(const ListOptions& options, const Style& style)
 {
     checkThatOneMatches(options.words);
     auto json = nlohmann::ordered_json::array();
@@ -51,7 +51,7 @@ std::string listed(const ListOptions& options)
         return jsonText(json, 2) + "\n";
     if (options.brief)
         return names;
-    return options.markdown ? requestsDocument() : listRequests(options.words);
+    return options.markdown ? requestsDocument() : listRequests(options.words, style);
 }
 
 }  // namespace
@@ -69,5 +69,11 @@ void addList(CLI::App& app, Program& program)
         ->excludes(json)
         ->excludes(brief)
         ->excludes(words);
-    command->callback([options, &program] { program.output.write(listed(*options)); });
+    command->footer(
+        "Examples:\n"
+        "  corvane-host list\n"
+        "  corvane-host list aes gcm\n"
+        "  corvane-host list --brief");
+    command->callback(
+        [options, &program] { program.output.write(listed(*options, program.style())); });
 }

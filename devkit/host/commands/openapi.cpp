@@ -10,5 +10,6 @@ void addOpenApi(CLI::App& app, Program& program)
 {
     CLI::App* command =
         app.add_subcommand("openapi", "Print the HTTP interface as an OpenAPI 3.1 document");
+    command->footer("Examples:\n  corvane-host openapi >openapi.json");
     command->callback([&program] { program.output.write(jsonText(openApi(), 2) + "\n"); });
 }

@@ -4,60 +4,54 @@
 #define CORVANE_HOST_COMMANDS_OPTIONS_H
 
 #include <CLI/CLI.hpp>
-#include <cstdlib>
-#include <sstream>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "host/parameters.h"
 
-// Numbers as people write them; none that a type could not hold passes, and neither does NaN.
-inline CLI::Validator between(double low, double high, bool isWhole)
-{
-    std::ostringstream range;
-    range.precision(15);
-    range << low << " to " << high;
-    const auto check = [=, range = range.str()](const std::string& text) {
-        const char* const characters = isWhole ? "0123456789" : "0123456789.eE+-";
-        const bool isPlain = text.find_first_not_of(characters) == std::string::npos &&
-                             text.find_first_of("0123456789.") == 0;
-        char* end = nullptr;
-        const double number = strtod(text.c_str(), &end);
-        if (isPlain && *end == '\0' && number >= low && number <= high)
-            return std::string();
-        return std::string("takes a ") + (isWhole ? "whole " : "") + "number from " + range;
-    };
-    return {check, range.str()};
-}
+// Numbers as people write them.
+struct NumberKind {
+    enum Unit {
+        Plain,
+        Counts,  // K is 1000, M and G the next powers of it
+        Bytes,   // K or KiB is 1024, M, MiB, G and GiB the next powers of it
+    } unit;
+    double low;
+    double high;
+    bool isWhole;
+};
+
+// The text with the range, "1 to 256", before what follows a semicolon or stands in parentheses.
+std::string withRange(const std::string& text, const NumberKind& kind);
+
+// Replaces what is written by plain digits, for --count 10K. No number passes that a type could not
+// hold, and neither does NaN.
+CLI::Validator numberOf(const NumberKind& kind);
+
+// One of the words.
+CLI::Validator oneOf(const std::vector<std::string>& words);
 
 // An empty text is a variable that was not set, rather than a wish to do without.
-inline CLI::Validator notEmpty()
-{
-    return {[](const std::string& text) {
-                return std::string(text.empty() ? "takes a name, not an empty text" : "");
-            },
-            ""};
-}
+CLI::Validator notEmpty();
 
 // As chmod takes it, without bits that have no meaning for a socket.
-inline CLI::Validator octalMode()
+CLI::Validator octalMode();
+
+// An option with a number, whose help tells the range.
+template <class Value>
+CLI::Option* addNumber(CLI::App& command, const char* name, Value& value, const NumberKind& kind,
+                       const std::string& text)
 {
-    return {[](const std::string& text) {
-                const bool isMode = !text.empty() && text.size() <= 4 &&
-                                    text.find_first_not_of("01234567") == std::string::npos &&
-                                    (text.size() < 4 || text.front() == '0');
-                return std::string(isMode ? "" : "takes a mode such as 0660");
-            },
-            ""};
+    return command.add_option(name, value, withRange(text, kind))
+        ->type_name(kind.unit == NumberKind::Bytes ? "SIZE" : "NUMBER")
+        ->transform(numberOf(kind));
 }
 
+// The argument of a subcommand that is about one request.
+void addRequestName(CLI::App& command, std::string& name);
+
 // The options of a subcommand that sends a request. The parameters must outlive it.
-inline void addParameterOptions(CLI::App& command, WrittenParameters& parameters)
-{
-    command.add_option("parameters", parameters.arguments, "name=value ...");
-    command
-        .add_option("--params-file", parameters.file,
-                    "File of parameters: a JSON object, or lines name=value; - for stdin")
-        ->type_name("FILE");
-}
+void addParameterOptions(CLI::App& command, WrittenParameters& parameters);
 
 #endif

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/bare_names.h"
+#include "host/catalogue/layout.h"
 #include "host/host_session.h"
 #include "host/output.h"
 
@@ -34,9 +35,13 @@ public:
     // been done, or in an emulator. Throws a LoadError.
     void bindAtOnce();
 
+    // How the output shows headings.
+    Style style() const { return {hasColours(colours, output.descriptor())}; }
+
     Output output;
     LibraryPaths paths;          // as given
     std::string names = "auto";  // which numbers' names are known; see known_names.h
+    Colours colours = Colours::Auto;
     BareNames bareNames;
     ExitCode exitCode = SUCCESS;  // set by the subcommand
 

@@ -35,6 +35,8 @@ std::vector<std::string> workerCommand(const Program& program, const ServeOption
                                        {"--engine", program.paths.engine}})
         if (!path.empty())
             command.insert(command.end(), {option, path});
+    if (program.paths.isQuiet)
+        command.emplace_back("--quiet");
     command.insert(command.end(), {"worker", pluginLogOption, options.pluginLog});
     if (options.lockMemory)
         command.emplace_back(lockMemoryOption);
@@ -57,51 +59,52 @@ void work(Program& program, const ServeOptions& options)
 void addPluginLog(CLI::App& command, std::string& level)
 {
     command
-        .add_option(pluginLogOption, level,
-                    "What workers' plug-ins send to syslog, from this level up; from info on, two "
-                    "messages for each request")
+        .add_option(
+            pluginLogOption, level,
+            "What workers' plug-ins send to syslog, from this level up: crit, err, warning, "
+            "notice, info or debug; from info on, two messages for each request")
         ->type_name("LEVEL")
-        ->check(CLI::IsMember({"crit", "err", "warning", "notice", "info", "debug"}))
+        ->check(oneOf({"crit", "err", "warning", "notice", "info", "debug"}))
         ->capture_default_str();
-}
-
-template <class Value>
-CLI::Option* addNumber(CLI::App& command, const char* name, Value& value, double low, double high,
-                       const char* text)
-{
-    return command.add_option(name, value, text)
-        ->check(between(low, high, std::is_integral_v<Value>));
 }
 
 void addLimits(CLI::App& command, ServeOptions& options)
 {
-    const auto limit = [&](const char* name, auto& value, double low, double high,
-                           const char* text) {
-        addNumber(command, name, value, low, high, text)->capture_default_str();
+    const auto limit = [&](const char* name, auto& value, NumberKind::Unit unit, double low,
+                           double high, const char* text) {
+        const bool isWhole = std::is_integral_v<std::remove_reference_t<decltype(value)>>;
+        addNumber(command, name, value, {unit, low, high, isWhole}, text)->capture_default_str();
     };
-    const auto seconds = [&](const char* name, double& value, const char* text) {
-        limit(name, value, shortestSeconds, longestSeconds, text);
+    const auto size = [&](const char* name, size_t& value, double low, const char* text) {
+        limit(name, value, NumberKind::Bytes, low, mostBodyBytes, text);
     };
-    limit("--body-bytes", options.bodyBytes, 1, mostBodyBytes, "Largest body");
-    limit("--parameter-bytes", options.parameterBytes, 0, mostBodyBytes,
-          "Largest parameter; 0: as the body");
-    limit("--sessions", options.sessions, 0, mostOfAny, "Key-exchange sessions for each worker");
-    limit("--queue", options.queue, 0, mostOfAny, "Requests that wait for a worker");
-    limit("--connections", options.connections, 1, mostOfAny, "Connections");
-    limit("--connections-per-address", options.connectionsPerAddress, 1, mostOfAny,
-          "Connections of a client");
-    limit("--rate", options.rate, 0, mostOfAny,
-          "Requests per second of a client; 0 for any number");
-    limit("--burst", options.burst, 1, mostOfAny, "Requests of a client at once");
-    seconds("--request-seconds", options.requestSeconds, "Time for a request in a worker");
-    seconds("--read-seconds", options.readSeconds, "Time for a request to arrive");
-    seconds("--session-seconds", options.sessionSeconds, "Idle time of a key-exchange session");
-    limit("--lame-duck-seconds", options.lameDuckSeconds, 0, longestDrain,
-          "Time between the signal to end and the drain, in which only /readyz refuses");
-    limit("--drain-seconds", options.drainSeconds, 0, longestDrain,
-          "Time to finish requests at the end");
-    limit("--roll-seconds", options.rollSeconds, 0, longestDrain,
-          "Time for a worker's sessions to end when SIGUSR2 replaces the workers");
+    const auto count = [&](const char* name, auto& value, double low, const char* text) {
+        limit(name, value, NumberKind::Counts, low, mostOfAny, text);
+    };
+    const auto seconds = [&](const char* name, double& value, double low, double high,
+                             const char* text) {
+        limit(name, value, NumberKind::Plain, low, high, text);
+    };
+    size("--body-bytes", options.bodyBytes, 1, "Largest body");
+    size("--parameter-bytes", options.parameterBytes, 0, "Largest parameter; 0: as the body");
+    count("--sessions", options.sessions, 0, "Key-exchange sessions for each worker");
+    count("--queue", options.queue, 0, "Requests that wait for a worker");
+    count("--connections", options.connections, 1, "Connections");
+    count("--connections-per-address", options.connectionsPerAddress, 1, "Connections of a client");
+    count("--rate", options.rate, 0, "Requests per second of a client; 0 for any number");
+    count("--burst", options.burst, 1, "Requests of a client at once");
+    seconds("--request-seconds", options.requestSeconds, shortestSeconds, longestSeconds,
+            "Time for a request in a worker");
+    seconds("--read-seconds", options.readSeconds, shortestSeconds, longestSeconds,
+            "Time for a request to arrive");
+    seconds("--session-seconds", options.sessionSeconds, shortestSeconds, longestSeconds,
+            "Idle time of a key-exchange session");
+    seconds("--lame-duck-seconds", options.lameDuckSeconds, 0, longestDrain,
+            "Time between the signal to end and the drain, in which only /readyz refuses");
+    seconds("--drain-seconds", options.drainSeconds, 0, longestDrain,
+            "Time to finish requests at the end");
+    seconds("--roll-seconds", options.rollSeconds, 0, longestDrain,
+            "Time for a worker's sessions to end when SIGUSR2 replaces the workers");
 }
 
 void addOptions(CLI::App& command, ServeOptions& options)
@@ -120,10 +123,12 @@ void addOptions(CLI::App& command, ServeOptions& options)
         ->type_name("MODE")
         ->check(octalMode());
     file("--listen-group", options.listenGroup, "Group of the unix socket")->type_name("GROUP");
-    addNumber(command, "--workers", options.workers, 1, double{mostWorkers},
-              "Worker processes; default: processors");
-    addNumber(command, "--front-threads", options.frontThreads, 1, double{mostFrontThreads},
-              "Threads for HTTP; default: one for each four workers, 4 at most");
+    addNumber(command, "--workers", options.workers,
+              {NumberKind::Plain, 1, double{mostWorkers}, true},
+              "Worker processes (default: processors)");
+    addNumber(command, "--front-threads", options.frontThreads,
+              {NumberKind::Plain, 1, double{mostFrontThreads}, true},
+              "Threads for HTTP (default: one for each four workers, 4 at most)");
     file("--node", options.node, "Name among several hosts behind a balancer")->type_name("NAME");
 
     command.add_flag("--no-auth", options.noAuth,
@@ -166,6 +171,13 @@ void addServe(CLI::App& app, Program& program)
     const auto options = std::make_shared<ServeOptions>();
     CLI::App* command = app.add_subcommand("serve", "Serve requests by HTTP");
     addOptions(*command, *options);
+    command->footer(R"(Sizes may have K, M or G behind them, powers of 1024; other numbers powers of
+1000, but those of workers, threads and seconds none.
+
+Examples:
+  corvane-host serve
+  corvane-host serve --listen 127.0.0.1:0 --no-auth --workers 2
+  corvane-host serve --listen unix:/tmp/corvane.sock --body-bytes 64M)");
     command->callback([options, &program] {
         program.bindAtOnce();
         // Workers would be started again and again.

@@ -1,0 +1,86 @@
+#include "json_text.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <set>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// The parser's messages quote what it read last. The reason stands before that.
+std::string reasonOf(const Json::parse_error& e)
+{
+    std::string message = e.what();
+    const size_t reason = message.find(" - ");
+    if (reason == std::string::npos)
+        return "not JSON";
+    message = message.substr(reason + 3);
+    message = message.substr(0, message.find("; last read: "));
+    if (message == "invalid literal")
+        message = "a word without quotes, or a number that is none";
+    return "not JSON: " + message;
+}
+
+}  // namespace
+
+nlohmann::ordered_json parseJson(const std::string& text)
+{
+    // Of members with the same name the parser would keep one, without a word.
+    std::vector<std::set<std::string>> members;
+    const auto refuseSame = [&](int, Json::parse_event_t event, const Json& parsed) {
+        if (event == Json::parse_event_t::object_start)
+            members.emplace_back();
+        else if (event == Json::parse_event_t::object_end)
+            members.pop_back();
+        else if (event == Json::parse_event_t::key &&
+                 !members.back().insert(parsed.get<std::string>()).second)
+            throw JsonError(parsed.get<std::string>() + " is given twice", 0);
+        return true;
+    };
+    try {
+        return Json::parse(text, refuseSame);
+    } catch (const Json::parse_error& e) {
+        throw JsonError(reasonOf(e), e.byte == 0 ? 0 : e.byte - 1);
+    } catch (const Json::exception&) {
+        throw JsonError("a number is out of range", 0);
+    }
+}
+
+std::string placeIn(std::string_view text, size_t at)
+{
+    const std::string_view before = text.substr(0, std::min(at, text.size()));
+    const auto line = 1 + std::count(before.begin(), before.end(), '\n');
+    const size_t column = before.size() - (before.rfind('\n') + 1);  // npos + 1 is 0
+    return std::to_string(line) + ":" + std::to_string(column + 1);
+}
+
+std::vector<size_t> elementPlaces(std::string_view array)
+{
+    std::vector<size_t> places;
+    size_t depth = 0;
+    bool isText = false;
+    bool isDue = false;  // an element, behind the bracket or a comma
+    for (size_t at = 0; at < array.size(); ++at) {
+        const char c = array[at];
+        if (isText) {
+            if (c == '\\')
+                ++at;
+            isText = c != '"';
+            continue;
+        }
+        const bool isBlank = std::string_view(" \t\r\n").find(c) != std::string_view::npos;
+        if (depth == 1 && isDue && !isBlank && c != ']') {
+            places.push_back(at);
+            isDue = false;
+        }
+        isText = c == '"';
+        if (c == '[' || c == '{')
+            isDue = ++depth == 1;
+        else if (c == ']' || c == '}')
+            --depth;
+        else if (c == ',' && depth == 1)
+            isDue = true;
+    }
+    return places;
+}

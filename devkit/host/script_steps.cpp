@@ -1,0 +1,166 @@
+#include "script_steps.h"
+
+#include <algorithm>
+#include <cctype>
+#include <optional>
+
+#include "exchange.h"
+#include "output.h"
+#include "parameters.h"
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+bool isIdentifier(const std::string& id)
+{
+    return !id.empty() && id.find_first_of(".{}$") == std::string::npos;
+}
+
+void takeMember(Step& step, const std::string& member, const Json& value)
+{
+    if (member == "id" && value.is_string() && isIdentifier(value.get<std::string>()))
+        step.id = value;
+    else if (member == "request" && value.is_string())
+        step.request = value;
+    else if (member == "params" && value.is_object())
+        step.params = value;
+    else if (member == "allowFailure" && value.is_boolean())
+        step.allowFailure = value;
+    else if (member != "title" || !value.is_string())
+        throw UsageError("member \"" + member + "\" is unknown or of the wrong kind; a step has " +
+                         "\"id\", \"request\", \"params\", \"title\" and \"allowFailure\"");
+}
+
+// The part of a written value in which references stand, as values.h has it; nothing if there is
+// none.
+std::optional<std::string> textIn(std::string written)
+{
+    const auto take = [&](const std::string& prefix) {
+        const bool isThere = written.compare(0, prefix.size(), prefix) == 0;
+        if (isThere)
+            written.erase(0, prefix.size());
+        return isThere;
+    };
+    if (take("text:"))
+        return written;
+    if (take("hex:"))
+        return std::nullopt;
+    if (!take("b64:"))
+        take("raw:");
+    if (!take("text:") && take("@"))
+        return std::nullopt;
+    return written;
+}
+
+// What is none may be a part of a value.
+bool mayTell(const std::string& reference)
+{
+    constexpr size_t most = 64;
+    return reference.size() <= most &&
+           std::all_of(reference.begin(), reference.end(), [](unsigned char c) {
+               return isalnum(c) != 0 || c == '_' || c == '-' || c == '.';
+           });
+}
+
+std::string didYouMean(const std::vector<std::string>& known, const std::string& name)
+{
+    const std::string near = nearName(known, name);
+    return near.empty() ? "" : "; did you mean " + near + "?";
+}
+
+}  // namespace
+
+std::string expandReferences(const std::string& text, const Resolve& resolve)
+{
+    std::string expanded;
+    size_t at = 0;
+    for (size_t found; (found = text.find("${", at)) != std::string::npos;) {
+        if (found > at && text[found - 1] == '$') {
+            expanded.append(text, at, found - 1 - at).append("${");
+            at = found + 2;
+            continue;
+        }
+        const size_t end = text.find('}', found);
+        if (end == std::string::npos)
+            throw UsageError("a reference lacks its }");
+        expanded.append(text, at, found - at);
+        expanded += resolve(text.substr(found + 2, end - found - 2));
+        at = end + 1;
+    }
+    return expanded.append(text, at);
+}
+
+std::pair<std::string, std::string> splitReference(const std::string& reference)
+{
+    const size_t dot = reference.find('.');
+    if (!mayTell(reference) || dot == std::string::npos || dot == 0 || dot + 1 == reference.size())
+        throw UsageError("a reference is written ${ID.RESULT}, and a plain ${ is written $${");
+    return {reference.substr(0, dot), reference.substr(dot + 1)};
+}
+
+Step StepReader::read(const nlohmann::ordered_json& json)
+{
+    Step step;
+    step.title = "step " + std::to_string(++m_number);
+    try {
+        if (!json.is_object())
+            throw UsageError("a step must be an object");
+        for (const auto& [member, value] : json.items())
+            takeMember(step, member, value);
+        if (!step.id.empty())
+            step.title += " (" + step.id + ")";
+        check(step);
+        step.info = requestByName(step.request, m_force);
+    } catch (const UsageError& e) {
+        throw UsageError(step.title + ": " + e.what());
+    }
+    step.title += ": ";
+    if (!step.id.empty())
+        m_named.push_back(step);
+    return step;
+}
+
+void StepReader::check(const Step& step) const
+{
+    if (step.request.empty())
+        throw UsageError("\"request\" is missing");
+    if (std::any_of(m_named.begin(), m_named.end(),
+                    [&](const Step& earlier) { return !step.id.empty() && earlier.id == step.id; }))
+        throw UsageError("id " + step.id + " is taken");
+    for (const auto& [name, value] : step.params.items()) {
+        const auto text = textIn(writtenValue(name, value));
+        if (!text)
+            continue;
+        try {
+            expandReferences(*text, [&](const std::string& reference) {
+                checkReference(reference);
+                return std::string();
+            });
+        } catch (const UsageError& e) {
+            throw UsageError(name + ": " + e.what());
+        }
+    }
+}
+
+void StepReader::checkReference(const std::string& reference) const
+{
+    const auto [id, result] = splitReference(reference);
+    std::vector<std::string> known;
+    const Step* step = nullptr;
+    for (const Step& earlier : m_named) {
+        known.push_back(earlier.id);
+        if (earlier.id == id)
+            step = &earlier;
+    }
+    if (step == nullptr)
+        throw UsageError("${" + reference + "}: there is no earlier step " + id +
+                         didYouMean(known, id));
+    if (step->info == nullptr || findResult(*step->info, result) != nullptr)
+        return;
+    known.clear();
+    for (const Result& given : step->info->results)
+        known.emplace_back(given.name);
+    throw UsageError("${" + reference + "}: " + step->request + " of step " + id +
+                     " has no result " + result + didYouMean(known, result));
+}

@@ -1,0 +1,261 @@
+// What corvane-host says of itself: helps, their examples, lists that fit a terminal, colours, and
+// what --quiet leaves out.
+#include <fcntl.h>
+#include <stdlib.h>
+
+#include <regex>
+#include <sstream>
+#include <vector>
+
+#include "support/held.h"
+#include "support/host_program.h"
+#include "support/shell.h"
+
+namespace {
+
+using namespace support;
+using namespace std::string_literals;
+
+using HostHelp = Host;
+using HostLooks = Host;
+using HostNumbers = Host;
+
+std::vector<std::string> linesOf(const std::string& text)
+{
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+void expectNarrow(const Ended& ended, const std::string& what)
+{
+    EXPECT_EQ(SUCCESS, ended.code) << what << ended.err;
+    EXPECT_NE("", ended.out) << what;
+    for (const std::string& line : linesOf(ended.out)) {
+        EXPECT_LE(line.size(), 80U) << what << ": " << line;
+        EXPECT_EQ(std::string::npos, line.find('\033')) << what << ": " << line;
+    }
+}
+
+std::vector<std::string> subcommands(const std::string& help)
+{
+    static const std::regex row("  ([a-z]+)  .*");
+    std::vector<std::string> names;
+    std::smatch match;
+    bool isThere = false;
+    for (const std::string& line : linesOf(help)) {
+        isThere = line == "Subcommands:" || (isThere && !line.empty());
+        if (isThere && std::regex_match(line, match, row))
+            names.push_back(match[1]);
+    }
+    EXPECT_GE(names.size(), 12U);
+    return names;
+}
+
+// ---- Helps.
+
+TEST_F(HostHelp, FitsATerminal)
+{
+    const Ended help = run({"--help"});
+    expectNarrow(help, "--help");
+    for (const std::string& name : subcommands(help.out))
+        expectNarrow(run({name, "--help"}), name);
+}
+
+TEST_F(HostHelp, IsAskedForInTwoWays)
+{
+    const Ended help = run({"--help"});
+    EXPECT_EQ(help.out, run({"help"}).out);
+    for (const std::string& name : subcommands(help.out))
+        EXPECT_EQ(run({name, "--help"}).out, run({"help", name}).out) << name;
+    EXPECT_EQ(run({"--version"}).out, run({"version"}).out);
+    EXPECT_EQ(0U, run({"version"}).out.find("corvane-host " CORVANE_VERSION));
+}
+
+TEST_F(HostHelp, TellsWhereItBelongs)
+{
+    const Ended help = run({"--help"});
+    EXPECT_TRUE(holds(help.out, "\nExit codes: 0 success, 1 refused")) << help.out;
+    for (const std::string& name : subcommands(help.out)) {
+        const std::string text = run({name, "--help"}).out;
+        const bool sends = name == "call" || name == "script" || name == "bench";
+        EXPECT_EQ(sends, holds(text, "\nValues of parameters:\n")) << name;
+        EXPECT_FALSE(holds(text, "Exit codes")) << name;
+    }
+}
+
+// The lines below "Examples:", without the columns before them.
+std::string examplesOf(const std::string& help)
+{
+    std::string examples;
+    bool isThere = false;
+    for (const std::string& line : linesOf(help)) {
+        isThere = isThere ? line.compare(0, 2, "  ") == 0 : line == "Examples:";
+        if (isThere && line != "Examples:")
+            examples += line.substr(2) + "\n";
+    }
+    return examples;
+}
+
+TEST_F(HostHelp, HasExamplesThatRun)
+{
+    if (emulated)
+        GTEST_SKIP() << "NOT TESTED: shells would start the program without the emulator";
+    const std::string programs = fs::path(CORVANE_HOST_PROGRAM).parent_path();
+    for (const std::string& name : subcommands(run({"--help"}).out)) {
+        const std::string examples = examplesOf(run({"help", name}).out);
+        EXPECT_TRUE(holds(examples, "corvane-host " + (name == "version" ? "" : name))) << name;
+        if (name == "serve" || name == "completion")  // which do not end, or are for three shells
+            continue;
+        fs::create_directory(path(name));
+        const ShellOutcome ended = shell("{ cd '" + path(name) + "' && PATH='" + programs +
+                                         "':$PATH && set -e\n" + examples + "} 2>&1");
+        EXPECT_EQ(0, ended.status) << name << "\n" << examples << ended.output;
+    }
+}
+
+// Each comes as far as its address, which is none.
+TEST_F(HostHelp, HasExamplesOfServeThatAreTaken)
+{
+    static const std::regex place("--listen \\S+");
+    size_t count = 0;
+    for (const std::string& line : linesOf(examplesOf(run({"help", "serve"}).out))) {
+        const std::string own = std::regex_replace(line, place, "");
+        const std::string arguments = own.substr(own.find(' '));
+        const ShellOutcome ended =
+            shell("'" CORVANE_HOST_PROGRAM "' " + arguments + " --listen nowhere 2>&1");
+        EXPECT_TRUE(holds(ended.output, "--listen takes HOST:PORT")) << line << ended.output;
+        ++count;
+    }
+    EXPECT_GE(count, 2U);
+}
+
+// ---- Lists.
+
+TEST_F(HostLooks, ListsFitATerminal)
+{
+    expectNarrow(run({"list"}), "list");
+    expectNarrow(run({"explain"}), "explain");
+    expectNarrow(run({"explain", "-30000..-39999"}), "explain of a range");
+    for (const std::string& name : linesOf(run({"list", "--brief"}).out))
+        expectNarrow(run({"describe", name}), name);
+}
+
+TEST_F(HostLooks, ColoursAreForTerminalsOrByRequest)
+{
+    const Arguments lists[] = {
+        {"list"}, {"explain"}, {"explain", "busy"}, {"describe", "QZaven_crypto_hmac"}};
+    for (Arguments list : lists) {
+        const std::string plain = run(list).out;
+        list.insert(list.end(), {"--color", "always"});
+        const std::string coloured = run(list).out;
+        EXPECT_TRUE(holds(coloured, "\033[1m")) << coloured;
+        EXPECT_EQ(plain, std::regex_replace(coloured, std::regex("\033\\[[0-9;]*m"), ""));
+    }
+    EXPECT_TRUE(holds(run({"--color", "always", "call", "nothing"}).err, "\033[1;31m"));
+    EXPECT_TRUE(holds(run({"--color", "always", "call", "QZaVen_strerror", "x=1"}).err,
+                      "\033[1;33mwarning:\033[0m"));
+    EXPECT_EQ(USAGE, run({"--color", "blue", "list"}).code);
+}
+
+// What a terminal is sent on standard error.
+std::string shownOnTerminal(const Arguments& arguments)
+{
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(0, grantpt(terminal));
+    EXPECT_EQ(0, unlockpt(terminal));
+    const int side = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const pid_t pid = start(arguments, -1, -1, side);
+    close(side);
+    std::string shown;
+    char buffer[4096];
+    for (ssize_t count; (count = read(terminal, buffer, sizeof buffer)) > 0;)
+        shown.append(buffer, static_cast<size_t>(count));
+    close(terminal);
+    exitCode(pid);
+    return shown;
+}
+
+TEST_F(HostLooks, ATerminalHasColoursUnlessTheyAreNotWished)
+{
+    setenv("TERM", "xterm", 1);
+    unsetenv("NO_COLOR");
+    EXPECT_TRUE(holds(shownOnTerminal({"call", "nothing"}), "\033[1;31m"));
+    EXPECT_FALSE(holds(shownOnTerminal({"--color", "never", "call", "nothing"}), "\033"));
+    setenv("NO_COLOR", "1", 1);
+    EXPECT_FALSE(holds(shownOnTerminal({"call", "nothing"}), "\033"));
+    unsetenv("NO_COLOR");
+    setenv("TERM", "dumb", 1);
+    EXPECT_FALSE(holds(shownOnTerminal({"call", "nothing"}), "\033"));
+}
+
+// ---- Quiet.
+
+TEST_F(HostLooks, QuietLeavesOutTheEnginesLog)
+{
+    const std::string banner = "DEVELOPMENT ENGINE";
+    EXPECT_TRUE(holds(run({"call", "QZaVen_GetVersion"}).err, banner));
+    for (const char* option : {"-q", "--quiet"}) {
+        const Ended ended = run({option, "call", "QZaVen_GetVersion"});
+        EXPECT_EQ(SUCCESS, ended.code);
+        EXPECT_EQ("", ended.err);
+        EXPECT_EQ("0", ended.json()["errorCode"]);
+    }
+    const std::string steps = file("steps", R"({"request": "QZaVen_GetVersion"})");
+    EXPECT_EQ("", run({"-q", "script", steps}).err);
+    EXPECT_EQ("", run({"-q", "bench", "QZaVen_GetVersion", "--count", "1"}).err);
+}
+
+TEST_F(HostLooks, QuietKeepsErrorsAndWarnings)
+{
+    const Ended ended = run({"-q", "call", "QZaven_crypto_gen_symmkey", "strCipherAlg=8", "x=1"});
+    EXPECT_EQ(REFUSED, ended.code);
+    EXPECT_TRUE(holds(ended.err, "warning: ")) << ended.err;
+    EXPECT_TRUE(holds(ended.err, "failed with -20084")) << ended.err;
+    const Ended loading =
+        run({"-q", "--engine", patched(engine, "aven_global_init", "aven_global_xxxx"), "call",
+             "QZaVen_GetVersion"});
+    EXPECT_EQ(LOADING, loading.code);
+    EXPECT_TRUE(holds(loading.err, "aven_global_init ERROR 0x")) << loading.err;
+}
+
+// ---- Numbers.
+
+TEST_F(HostNumbers, OfRequestsAndBytesHaveUnits)
+{
+    const auto requests = [&](const char* count) {
+        return run({"-q", "bench", "QZaVen_GetVersion", "--json", "--count", count})
+            .json()["requests"];
+    };
+    EXPECT_EQ(2000, requests("2K"));
+    EXPECT_EQ(1000, requests("1k"));
+    EXPECT_EQ(7, requests("7"));
+    struct Row {
+        const char* option;
+        std::vector<const char*> taken;
+        std::vector<const char*> refused;
+    };
+    const Row rows[] = {
+        {"--body-bytes",
+         {"1K", "64KiB", "256M", "256MiB"},
+         {"257M", "1G", "1KB", "1Ki", "K", "1 K"}},
+        {"--rate", {"1K", "0.5K", "1M"}, {"2M", "1KiB", "1e3KiB"}},
+        {"--queue", {"1K", "1M"}, {"1.5K", "2M", "1T"}},
+        {"--workers", {"2"}, {"0.002K", "1K"}},
+        {"--read-seconds", {"2"}, {"1K"}},
+    };
+    for (const Row& row : rows) {
+        for (const char* value : row.taken)
+            EXPECT_TRUE(holds(run({"serve", row.option, value, "--listen", "nowhere"}).err,
+                              "--listen takes HOST:PORT"))
+                << row.option << " " << value;
+        for (const char* value : row.refused)
+            EXPECT_TRUE(holds(run({"serve", row.option, value, "--listen", "nowhere"}).err,
+                              row.option + ": takes a "s))
+                << row.option << " " << value;
+    }
+}
+
+}  // namespace
