@@ -390,51 +390,6 @@ TEST_F(HostDocuments, OpenApiHasEveryRequestWithItsParameters)
     }
 }
 
-TEST_F(HostDocuments, NamesStandBesideNumbers)
-{
-    const Json document = run({"openapi"}).json();
-    size_t count = 0;
-    for (const Json& request : catalogue(run({"list", "--json"}))) {
-        const std::string name = request["name"];
-        const std::string described = run({"describe", name}).out;
-        const Json& schemas = document["paths"]["/v1/requests/" + name]["post"]["requestBody"]
-                                      ["content"]["application/json"]["schema"]["properties"];
-        for (const Json& parameter : request["parameters"]) {
-            Json texts = Json::array();
-            Json numbers = Json::array();
-            for (const Json& choice : parameter.value("choices", Json::array())) {
-                const std::string value = choice["value"];
-                EXPECT_EQ(choice["names"][0], choice["name"]);
-                EXPECT_TRUE(holds(described, value + " " + choice["name"].get<std::string>()));
-                numbers.push_back(std::stoi(value));
-                texts.push_back(value);
-                texts.insert(texts.end(), choice["names"].begin(), choice["names"].end());
-                ++count;
-            }
-            if (!parameter.contains("choices"))
-                continue;
-            const Json& schema = schemas[parameter["name"].get<std::string>()];
-            EXPECT_EQ((Json{{"type", "string"}, {"enum", texts}}), schema["anyOf"][0]);
-            EXPECT_EQ((Json{{"type", "integer"}, {"enum", numbers}}), schema["anyOf"][1]);
-        }
-    }
-    EXPECT_GT(count, 50U);
-}
-
-// What else people need to know who send it.
-TEST_F(HostDocuments, TellSizesAndForms)
-{
-    for (const auto& [request, words] :
-         {std::pair("QZaven_crypto_encrypt", "4 aes-256 (32-byte key)"),
-          {"QZaven_crypto_encrypt", "must not be empty"},
-          {"QZaven_crypto_private_decrypt", "OAEP is with SHA-256, also in MGF1"},
-          {"QZaven_crypto_envelope_encrypt", "the envelope, in DER"},
-          {"QZaven_crypto_envelope_decrypt", "the envelope, in DER"}}) {
-        EXPECT_TRUE(holds(run({"describe", request}).out, words)) << words;
-        EXPECT_TRUE(holds(run({"list", "--markdown"}).out, words)) << words;
-    }
-}
-
 TEST_F(HostDocuments, OpenApiSaysOfEachOperationWhetherItMayBeSentAgain)
 {
     std::map<std::string, std::string> retries;
