@@ -128,7 +128,7 @@ function draw() {
 function viewOf(address) {
     const [, kind, name] = address.match(/^#\/(\w+)\/?([\w-]*)$/) ?? [];
     if (kind === 'request' && findRequest(name)) return new RequestView(name, go);
-    if (kind === 'flow' && findFlow(name)) return new FlowView(findFlow(name));
+    if (kind === 'flow' && findFlow(name)) return new FlowView(findFlow(name), go);
     if (kind === 'history') return new HistoryView();
     if (kind === 'status') return new StatusView();
     return new StartView();

@@ -1,149 +1,153 @@
-// Shows a guided flow and runs its steps one after the other. A step that fails ends the run with
-// the card of its error.
+// Shows a guided flow: its inputs, its steps with what each sent and what came back, and how far
+// the run through it is.
 
-import { Failure, sendToPeer } from './api.js';
 import { findRequest } from './catalogue.js';
 import { el, icon, newId } from './dom.js';
+import { adoptExchange } from './exchange_guide.js';
 import { t } from './i18n.js';
-import { exchange } from './request_view.js';
-import { duration, errorCard } from './result.js';
+import { fillForm } from './prefill.js';
+import { button, copyButton, duration, errorCard } from './result.js';
 import { currentStatus } from './status.js';
-import { sameBytes, textOf } from './values.js';
-
-// Long enough to see the steps go by, short enough not to wait for them.
-const PAUSE = 60;  // milliseconds
+import { Tour } from './tour.js';
+import { textOf } from './values.js';
 
 const SHOWN_CHARACTERS = 600;
 
-const pause = () => new Promise((resolve) => { setTimeout(resolve, PAUSE); });
+// Runs and inputs as they were left, for the time of the page.
+const tours = new Map();
 
-// Inputs as they were left, for the time of the page.
-const remembered = new Map();
+export function forgetTours() {
+    tours.clear();
+}
 
 function valueText(value) {
     if (typeof value !== 'object') return String(value);
     return value.text ?? value.hex ?? value.base64;
 }
 
+function valueRow(name, text) {
+    return [
+        el('dt', {}, el('code', {}, name)),
+        el('dd', {}, el('span', { class: 'mono' },
+            text.length > SHOWN_CHARACTERS ? `${text.slice(0, SHOWN_CHARACTERS)}…` : text),
+        text === '' ? null : copyButton(() => text, t('Copy'), { 'aria-label': t('Copy {result}', { result: name }) })),
+    ];
+}
+
 function valueRows(title, values) {
     const rows = Object.entries(values).map(([name, value]) => [name, valueText(value)]);
     if (rows.length === 0) return null;
     return el('div', { class: 'flow-values' }, title === '' ? null : el('h3', {}, title),
-        el('dl', {}, rows.map(([name, text]) => [
-            el('dt', {}, el('code', {}, name)),
-            el('dd', {}, el('span', { class: 'mono' },
-                text.length > SHOWN_CHARACTERS ? `${text.slice(0, SHOWN_CHARACTERS)}…` : text)),
-        ]).flat()));
+        el('dl', {}, rows.map(([name, text]) => valueRow(name, text)).flat()));
 }
 
-class Step {
-    constructor(step, number) {
+// What came back is what the next steps live on; what was sent is known from before.
+function exchanged(sent, received) {
+    const { errorCode, ...results } = received;
+    const rows = valueRows('', sent);
+    return [
+        valueRows(t('Came back'), results),
+        rows && el('details', {}, el('summary', {}, t('What was sent')), rows),
+    ];
+}
+
+function comparison({ state, compared }) {
+    const same = state === 'done';
+    const text = same ? textOf(compared[1]) : null;
+    return [
+        el('p', { class: same ? 'verdict ok' : 'verdict bad' },
+            same ? t('The same, byte for byte.') : t('They differ.')),
+        text !== null ? el('blockquote', {}, text) : null,
+    ];
+}
+
+function called(step, { state, sent, outcome }) {
+    if (!step.refused)
+        return outcome.ok ? exchanged(sent, outcome.results) : [errorCard(outcome.error, 'h3'), ...exchanged(sent, {})];
+    return [
+        state === 'done' ? el('p', { class: 'expected' }, t('Refused, as it must be.')) : null,
+        outcome.error ? errorCard(outcome.error, 'h3') : el('p', {}, t('It was not refused.')),
+        ...exchanged(sent, {}),
+    ];
+}
+
+class StepView {
+    constructor(view, step, number) {
+        this.view = view;
         this.step = step;
-        this.marker = el('span', { class: 'marker', 'aria-hidden': 'true' }, String(number));
+        this.number = number;
+        this.marker = el('span', { class: 'marker', 'aria-hidden': 'true' });
         this.state = el('span', { class: 'visually-hidden' });
         this.time = el('span', { class: 'muted' });
         this.outcome = el('div', {});
-        const request = step.request &&
-            el('a', { href: `#/request/${step.request}` }, el('code', {}, step.request));
-        const peer = step.peer && el('span', { class: 'tag' }, t('the peer'), ' ', el('code', {}, step.peer));
-        const local = step.local && el('span', { class: 'tag' }, t('in the browser'));
-        this.number = number;
+        this.actions = el('div', { class: 'step-actions' });
         this.element = el('li', { class: 'step' }, this.marker,
             el('div', { class: 'step-body' },
                 el('h2', {}, t(step.title), this.state),
                 el('p', {}, t(step.text)),
-                el('p', { class: 'step-where' }, request || peer || local || null, this.time),
-                this.outcome));
+                el('p', { class: 'step-where' }, el('span', { class: 'tag' }, this.who()),
+                    step.request && el('code', {}, step.request), this.time),
+                this.outcome, this.actions));
     }
 
-    show(state, ...content) {
+    // Who does the step's work.
+    who() {
+        if (this.step.peer) return t('the server: the peer');
+        if (this.step.request) return t(this.view.flow.sender ?? 'the engine');
+        return t('this page');
+    }
+
+    draw(record, isNext) {
         const marks = { done: icon('check'), failed: icon('cross') };
-        this.element.dataset.state = state;
-        this.marker.replaceChildren(marks[state] ?? String(this.number));
         const texts = { done: t('done'), failed: t('failed'), running: t('running') };
+        const { state, outcome } = record;
+        this.element.dataset.state = state;
+        this.element.classList.toggle('is-next', isNext);
+        this.marker.replaceChildren(marks[state] ?? String(this.number));
         this.state.textContent = texts[state] ? ` (${texts[state]})` : '';
-        this.outcome.replaceChildren(...content.filter(Boolean));
-    }
-
-    // What came back is what the next steps live on; what was sent is known from before.
-    values(sent, received) {
-        const { errorCode, ...results } = received;
-        const rows = valueRows('', sent);
-        return [
-            valueRows(t('Came back'), results),
-            rows && el('details', {}, el('summary', {}, t('What was sent')), rows),
-        ];
-    }
-
-    // Whether the step went as it should.
-    async run(s) {
-        this.show('running');
-        const { step } = this;
-        if (step.compare) return this.compare(s);
-        if (step.local) {
-            const made = await step.local(s);
-            this.show('done', valueRows(t('Made'), made));
-            return true;
-        }
-        const sent = step.send(s);
-        const outcome = step.request ? await exchange(findRequest(step.request), sent) : await this.ask(sent, s.session);
         // The peer's time is not the plug-in's, and is not measured.
-        if (step.request) this.time.textContent = duration(outcome.microseconds);
-        if (step.refused) return this.expectRefusal(sent, outcome);
-        if (!outcome.ok) {
-            this.show('failed', errorCard(outcome.error, 'h3'), ...this.values(sent, {}));
-            return false;
-        }
-        step.keep?.(outcome.results, s);
-        this.show('done', ...this.values(sent, outcome.results));
-        return true;
+        this.time.textContent = this.step.request && outcome ? duration(outcome.microseconds) : '';
+        let content = [];
+        if (record.compared) content = comparison(record);
+        else if (record.made) content = [valueRows(t('Made'), record.made)];
+        else if (outcome) content = called(this.step, record);
+        this.outcome.replaceChildren(...content.filter(Boolean));
+        const offer = this.step.request && state !== 'running' && (outcome || isNext);
+        this.actions.replaceChildren(...(offer ? [this.opener(record)] : []));
     }
 
-    async ask(sent, session) {
-        try {
-            const answer = await sendToPeer(this.step.peer, sent, session);
-            return { ...answer, ok: answer.error === null };
-        } catch (failure) {
-            if (!(failure instanceof Failure) || failure.status === 401) throw failure;
-            return { ok: false, results: {}, error: failure.error };
-        }
-    }
-
-    expectRefusal(sent, outcome) {
-        const right = !outcome.ok && outcome.error.name === this.step.refused;
-        const card = outcome.error ? errorCard(outcome.error, 'h3') : el('p', {}, t('It was not refused.'));
-        this.show(right ? 'done' : 'failed',
-            right ? el('p', { class: 'expected' }, t('Refused, as it must be.')) : null, card,
-            ...this.values(sent, {}));
-        return right;
-    }
-
-    compare(s) {
-        const [a, b] = this.step.compare(s);
-        const same = a !== null && b !== null && sameBytes(a, b);
-        const text = b && textOf(b);
-        this.show(same ? 'done' : 'failed', el('p', { class: same ? 'verdict ok' : 'verdict bad' },
-            same ? t('The same, byte for byte.') : t('They differ.')),
-        same && text !== null ? el('blockquote', {}, text) : null);
-        return same;
+    opener({ sent, outcome = null }) {
+        const { step, view } = this;
+        return button(t('Open in the form'), 'arrow', () => {
+            const { flow, tour } = view;
+            fillForm(findRequest(step.request), sent ?? step.send(tour.s), outcome);
+            if (tour.s.session) adoptExchange(tour.s, outcome, flow.steps.filter((_, i) => tour.records[i].state === 'done'));
+            view.go(`#/request/${step.request}`);
+        }, { 'aria-label': t('Open “{step}” in the form', { step: t(step.title) }) });
     }
 }
 
 export class FlowView {
-    constructor(flow) {
+    // `go` opens another view by its address.
+    constructor(flow, go) {
         this.flow = flow;
+        this.go = go;
         this.title = t(flow.title);
-        this.running = false;
-        if (!remembered.has(flow.id))
-            remembered.set(flow.id, Object.fromEntries(flow.inputs.map((input) =>
-                [input.name, input.value ?? input.options[0]])));
-        this.inputs = remembered.get(flow.id);
+        if (!tours.has(flow.id)) tours.set(flow.id, new Tour(flow));
+        this.tour = tours.get(flow.id);
+    }
+
+    get running() {
+        return this.tour.running;
     }
 
     drawInput(input) {
         const id = newId('input');
-        const value = this.inputs[input.name];
-        const on = { input: (event) => { this.inputs[input.name] = event.target.value; } };
+        const value = this.tour.inputs[input.name];
+        const on = { input: (event) => {
+            this.tour.setInput(input.name, event.target.value);
+            this.refreshHead();
+        } };
         let control = el('textarea', { id, rows: 1, value, on });
         if (input.options) {
             control = el('select', { id, on },
@@ -154,13 +158,8 @@ export class FlowView {
             el('div', { class: 'field-head' }, el('label', { for: id }, t(input.label))), control);
     }
 
-    drawSteps() {
-        this.steps = this.flow.steps.map((step, i) => new Step(step, i + 1));
-        this.list.replaceChildren(...this.steps.map((step) => step.element));
-    }
-
     draw() {
-        const { flow } = this;
+        const { flow, tour } = this;
         const head = el('header', { class: 'view-head' },
             el('p', { class: 'eyebrow' }, t('Guided')),
             el('h1', { id: 'view-title', tabindex: -1 }, t(flow.title)),
@@ -171,40 +170,51 @@ export class FlowView {
                 el('p', { class: 'card' },
                     t('This host runs without the bundled peer, so there is no other side to talk to. Start it without “--no-peer”.')));
 
-        this.list = el('ol', { class: 'steps' });
         this.verdict = el('div', { class: 'flow-verdict', role: 'status' });
-        this.start = el('button', { type: 'submit', class: 'button primary' }, icon('send'), t('Run the steps'));
+        this.all = el('button', { type: 'submit', class: 'button primary' });
+        this.one = el('button', { type: 'button', class: 'button', on: { click: () => this.run(1) } });
         const form = el('form', { class: 'card', on: {
             submit: (event) => {
                 event.preventDefault();
-                this.run();
+                this.run(flow.steps.length);
             },
         } }, el('div', { class: 'fields' }, flow.inputs.map((input) => this.drawInput(input))),
-        el('div', { class: 'form-actions' }, this.start, this.verdict));
-        this.drawSteps();
-        return el('div', { class: 'flow-view' }, head, form, this.list);
+        el('div', { class: 'form-actions' }, this.all, this.one, this.verdict));
+        this.steps = flow.steps.map((step, i) => new StepView(this, step, i + 1));
+        tour.onChange = (at) => this.refresh(at);
+        this.refresh();
+        return el('div', { class: 'flow-view' }, head, form,
+            el('ol', { class: 'steps' }, this.steps.map((step) => step.element)));
     }
 
-    async run() {
-        if (this.running) return;
-        this.running = true;
-        this.start.setAttribute('aria-busy', 'true');
-        this.verdict.replaceChildren();
-        this.drawSteps();
-        const s = { ...this.inputs };
-        let well = true;
-        try {
-            for (const step of this.steps) {
-                well = await step.run(s);
-                if (!well) break;
-                await pause();
-            }
-            this.verdict.replaceChildren(well
-                ? el('span', { class: 'badge ok' }, icon('check'), t('All steps went well. The text came back.'))
-                : el('span', { class: 'badge bad' }, icon('cross'), t('Stopped at a step that failed.')));
-        } finally {
-            this.running = false;
-            this.start.removeAttribute('aria-busy');
-        }
+    refresh(at) {
+        const { tour } = this;
+        const next = tour.running || tour.failed || tour.ended ? -1 : tour.at;
+        this.steps.forEach((step, i) => {
+            if (at === undefined || i === at) step.draw(tour.records[i], i === next);
+        });
+        this.refreshHead();
+    }
+
+    refreshHead() {
+        const { tour } = this;
+        this.all.replaceChildren(icon('send'), tour.underWay ? t('Run the other steps') : t('Run all steps'));
+        this.one.textContent = tour.underWay ? t('Run the next step') : t('Run one step');
+        if (tour.running) this.all.setAttribute('aria-busy', 'true');
+        else this.all.removeAttribute('aria-busy');
+        const verdict = [];
+        if (!tour.running && tour.ended)
+            verdict.push(el('span', { class: 'badge ok' }, icon('check'), t('All steps went well. The text came back.')));
+        if (!tour.running && tour.failed)
+            verdict.push(el('span', { class: 'badge bad' }, icon('cross'), t('Stopped at a step that failed.')));
+        if (this.verdict.textContent !== verdict.map((part) => part.textContent).join(''))
+            this.verdict.replaceChildren(...verdict);
+    }
+
+    // The step that a single press took comes into sight.
+    async run(count) {
+        const { tour } = this;
+        await tour.run(count);
+        if (count === 1) this.steps[Math.max(tour.at - 1, 0)].element.scrollIntoView({ block: 'nearest' });
     }
 }

@@ -1,11 +1,12 @@
 // The guided flows: round trips through several requests, step by step, to a check that the text
 // came back. A flow is data; flow_view.js runs and shows it.
 //
-// A step has a title and a text that says what happens, and one of
+// A step has a title and a text that says who does what, and one of
 //   request   sends a request;                        send(s) gives its parameters
 //   peer      asks the key exchange's other side;     send(s) gives its body
 //   local     does something in the browser, and gives {name: value} to show
 //   compare   two values [a, b] that must be the same bytes
+// A flow's `sender` names who carries its requests out, unless it is the engine alone.
 // `s` is the flow's state: the inputs, and what the steps' keep(results, s) put into it. A request
 // with `refused` must be refused with the code of that name. Values are those of the API.
 
@@ -28,8 +29,8 @@ const ENCRYPT = 'QZaven_crypto_encrypt';
 const gcm = {
     id: 'gcm',
     title: 'Encrypt and decrypt',
-    summary: 'A key, a text, a ciphertext with its tag, and the text again. Takes a moment.',
-    intro: 'Symmetric encryption in GCM: one key for both sides, and a tag that shows every change.',
+    summary: 'Make a key, encrypt a text with it, and get the text back. A forged message is refused.',
+    intro: 'Symmetric encryption in GCM mode: one key for both sides, and a tag that shows every change.',
     inputs: [
         message,
         { name: 'aad', label: 'Header to authenticate, not to hide', value: 'letter 7' },
@@ -60,7 +61,7 @@ const gcm = {
         },
         {
             title: 'Encrypt',
-            text: 'Gives the ciphertext and a tag over ciphertext and header.',
+            text: 'The engine gives the ciphertext, and a tag over ciphertext and header.',
             request: ENCRYPT,
             send: (s) => ({ ...gcm.common(s), strdata: bytesOf(s.text) }),
             keep: (results, s) => {
@@ -70,21 +71,21 @@ const gcm = {
         },
         {
             title: 'Decrypt',
-            text: 'With the same key, initial value, header and tag.',
+            text: 'The engine needs the same key, initial value and header, and the tag.',
             request: 'QZaven_crypto_decrypt',
             send: (s) => ({ ...gcm.common(s), strdata: s.sealed, strtag: s.tag }),
             keep: (results, s) => { s.opened = results.Data; },
         },
         {
             title: 'A forged message is refused',
-            text: 'One bit of the ciphertext is turned: the tag no longer fits, and no text comes out.',
+            text: 'This page flips one bit of the ciphertext. The tag does not fit, so the engine gives no text.',
             request: 'QZaven_crypto_decrypt',
             send: (s) => ({ ...gcm.common(s), strdata: damaged(s.sealed), strtag: s.tag }),
             refused: 'AVEN_E_TAG_MISMATCH',
         },
         {
             title: 'The text came back',
-            text: 'What was decrypted is compared with what was typed.',
+            text: 'This page compares what was decrypted with what was typed.',
             compare: (s) => [utf8(s.text), fromBase64(s.opened)],
         },
     ],
@@ -106,12 +107,12 @@ const publicKey = {
     id: 'public-key',
     title: 'Public key',
     summary: 'Anyone may encrypt with the public key; the private key alone decrypts.',
-    intro: 'For short texts, such as keys: RSA with OAEP takes 190 bytes here.',
+    intro: 'For short texts, such as keys: with the RSA pair made here and OAEP, up to 190 bytes.',
     inputs: [message, { name: 'pair', label: 'Key pair', options: [OWN_RSA, SAMPLE_SM2] }],
     steps: [
         {
             title: 'Get a key pair',
-            text: 'Both halves travel as Base64 of DER; PEM would do as well.',
+            text: 'The public half may go to anyone; the private half stays with its owner. Here both are DER in Base64; PEM would do as well.',
             local: async (s) => {
                 const pair = s.pair === OWN_RSA ? await makeRsaPair() : sampleSm2;
                 Object.assign(s, { public: pair.publicKey, private: pair.privateKey });
@@ -121,21 +122,21 @@ const publicKey = {
         },
         {
             title: 'Encrypt with the public key',
-            text: 'The same text gives another ciphertext each time.',
+            text: 'The engine adds random bytes: the same text gives another ciphertext each time.',
             request: PUBLIC,
             send: (s) => ({ strKeyPairType: s.type, strpk: { base64: s.public }, strdata: bytesOf(s.text) }),
             keep: (results, s) => { s.sealed = results.Data; },
         },
         {
             title: 'Decrypt with the private key',
-            text: 'An encrypted private key would need its password, too.',
+            text: 'Only the private half can. If that is stored encrypted, its password is needed too.',
             request: 'QZaven_crypto_private_decrypt',
             send: (s) => ({ strKeyPairType: s.type, strsk: { base64: s.private }, strdata: s.sealed }),
             keep: (results, s) => { s.opened = results.Data; },
         },
         {
             title: 'The text came back',
-            text: 'What was decrypted is compared with what was typed.',
+            text: 'This page compares what was decrypted with what was typed.',
             compare: (s) => [utf8(s.text), fromBase64(s.opened)],
         },
     ],
@@ -161,7 +162,7 @@ const envelope = {
     steps: [
         {
             title: 'Take the recipient’s certificate',
-            text: 'A sample with its private key, for trying: everybody has them, and they protect nothing.',
+            text: 'A sample with its private key, for trying only: everybody has it, so it protects nothing.',
             local: (s) => {
                 s.keys = RECIPIENTS[s.recipient].keys;
                 return { strpk: s.keys.certificate, strsk: s.keys.privateKey };
@@ -169,14 +170,14 @@ const envelope = {
         },
         {
             title: 'Seal',
-            text: 'This request takes the data as plain text and gives an envelope in DER.',
+            text: 'The engine makes a key for this one envelope, encrypts the data with it, and the key for the certificate. The envelope is DER.',
             request: SEAL,
             send: (s) => ({ strdata: s.text, strpk: { base64: s.keys.certificate }, ...envelope.common(s) }),
             keep: (results, s) => { s.sealed = results.Data; },
         },
         {
             title: 'Open',
-            text: 'Cipher and mode must be those of the envelope. The data comes back percent-escaped twice.',
+            text: 'The private key opens it. Cipher and mode must be named as they were. The data comes back percent-escaped twice.',
             request: 'QZaven_crypto_envelope_decrypt',
             send: (s) => ({
                 strEncdata: s.sealed,
@@ -188,7 +189,7 @@ const envelope = {
         },
         {
             title: 'The text came back',
-            text: 'What was opened is compared with what was typed.',
+            text: 'This page compares what was opened with what was typed.',
             compare: (s) => [utf8(s.text), fromEscaped(s.opened)],
         },
     ],
@@ -197,28 +198,22 @@ const envelope = {
 const keyExchange = {
     id: 'key-exchange',
     title: 'Key exchange',
-    summary: 'Two sides agree on keys, then write to each other. The other side comes with the host.',
-    intro: 'The host’s session is the client; a bundled peer plays the server, with certificates of its own.',
+    summary: 'Two sides agree on keys over an open line, then write to each other in secret.',
+    intro: 'A session of the host is the client. The server is a program that comes with the host, the peer, with keys and certificates of its own. What one side computes, the other never sees; only what is shown as sent or received travels.',
+    sender: 'the client: the host’s session',
     needsPeer: true,
     inputs: [message],
     steps: [
         {
-            title: 'Ask the peer for its root certificate',
-            text: 'Outside of a trial it would reach you by another way.',
-            peer: 'root',
-            send: () => ({}),
-            keep: (results, s) => { s.root = results.root; },
-        },
-        {
             title: 'Open a session',
-            text: 'The host gives a token that stands for it, and ends it after some minutes without use.',
+            text: 'The host makes room for one key exchange and gives a token that stands for it. It ends the session after some minutes without use.',
             request: 'QZaven_ke_new',
             send: () => ({}),
             keep: (results, s) => { s.session = results.Data; },
         },
         {
             title: 'Set the client’s keys',
-            text: 'A sample. The development engine checks the keys and has no further use for them.',
+            text: 'One private key for signing, one for decrypting. Here both are a sample that everybody has; the development engine checks them and has no further use for them.',
             request: 'QZaven_ke_set_public_key',
             send: (s) => ({
                 strKe: s.session,
@@ -228,7 +223,7 @@ const keyExchange = {
         },
         {
             title: 'Set the client’s certificates',
-            text: 'They must belong to the keys.',
+            text: 'Each must belong to its key: the session compares them.',
             request: 'QZaven_ke_set_certificate',
             send: (s) => ({
                 strKe: s.session,
@@ -237,28 +232,35 @@ const keyExchange = {
             }),
         },
         {
+            title: 'Get the server’s root certificate',
+            text: 'The peer made it when it started. In earnest it must reach you by a way that you trust already.',
+            peer: 'root',
+            send: () => ({}),
+            keep: (results, s) => { s.root = results.root; },
+        },
+        {
             title: 'Trust the root',
-            text: 'It is uploaded as a file and lies on the host for the time of the request.',
+            text: 'The session will believe a server whose certificates this root has signed. It is uploaded as a file, which the host deletes after the request.',
             request: 'QZaven_ke_set_root_certificate',
             send: (s) => ({ strKe: s.session, strCa_file: { base64: s.root } }),
         },
         {
             title: 'Say hello',
-            text: 'Thirty-two random bytes of the client.',
+            text: 'The session draws 32 random bytes, so that no two exchanges are alike. They are not secret.',
             request: 'QZaven_ke_client_hello',
             send: (s) => ({ strKe: s.session }),
             keep: (results, s) => { s.hello = results.Data; },
         },
         {
-            title: 'The peer answers',
-            text: 'With random bytes of its own, two certificates, and a signature over all of it.',
+            title: 'The server answers',
+            text: 'The peer draws 32 random bytes too. It sends them with its two certificates, and signs both random values and the encryption certificate.',
             peer: 'answer',
             send: (s) => ({ hello: s.hello }),
             keep: (results, s) => { s.answer = results; },
         },
         {
-            title: 'Check the answer, and send the secret',
-            text: 'Certificates and signature are checked; then a fresh secret is encrypted for the peer.',
+            title: 'Check the answer, and send a secret',
+            text: 'The session checks the certificates against the root, then the signature. Then it draws a secret, derives its keys from it and both random values, and encrypts it for the server’s encryption certificate.',
             request: 'QZaven_ke_client_key_exchange',
             send: (s) => ({
                 strKe: s.session,
@@ -270,69 +272,69 @@ const keyExchange = {
             keep: (results, s) => { s.message = results.Data; },
         },
         {
-            title: 'The peer takes the secret',
-            text: 'Now both sides have the same keys.',
+            title: 'The server takes the secret',
+            text: 'The peer decrypts it with its private key and derives the same keys. The keys themselves have never travelled.',
             peer: 'finish',
             send: (s) => ({ exchange: s.answer.exchange, message: s.message }),
         },
         {
-            title: 'Encrypt for the peer',
-            text: 'With the session’s keys.',
+            title: 'Encrypt for the server',
+            text: 'The session encrypts your text with the key for this direction.',
             request: 'QZaven_ke_encrypt',
             send: (s) => ({ strKe: s.session, strdata: bytesOf(s.text) }),
             keep: (results, s) => { s.sealed = results.Data; },
         },
         {
-            title: 'The peer decrypts',
-            text: 'It finds the text.',
+            title: 'The server decrypts',
+            text: 'The peer has the same key and finds your text.',
             peer: 'decrypt',
             send: (s) => ({ exchange: s.answer.exchange, data: s.sealed }),
             keep: (results, s) => { s.atPeer = results.Data; },
         },
         {
-            title: 'The peer writes back',
-            text: 'The same text, sealed in the other direction.',
+            title: 'The server writes back',
+            text: 'The peer encrypts the same text with the key for the other direction.',
             peer: 'encrypt',
             send: (s) => ({ exchange: s.answer.exchange, data: s.atPeer }),
             keep: (results, s) => { s.reply = results.Data; },
         },
         {
             title: 'Decrypt the reply',
-            text: 'With the session’s keys for this direction.',
+            text: 'The session decrypts it with its own copy of that key.',
             request: 'QZaven_ke_decrypt',
             send: (s) => ({ strKe: s.session, strcipher: s.reply }),
             keep: (results, s) => { s.opened = results.Data; },
         },
         ...['hmac', 'cmac'].flatMap((mac) => [
             {
-                title: `${mac.toUpperCase()}, by the session`,
-                text: 'A check value over the text, under a key that both sides share.',
+                title: `${mac.toUpperCase()}, by the client`,
+                text: 'The session computes a check value over the text, under a key that only the two sides have.',
                 request: `QZaven_ke_${mac}`,
                 send: (s) => ({ strKe: s.session, strdata: bytesOf(s.text) }),
                 keep: (results, s) => { s[mac] = results.Data; },
             },
             {
-                title: `${mac.toUpperCase()}, by the peer`,
-                text: 'It computes the same.',
+                title: `${mac.toUpperCase()}, by the server`,
+                text: 'The peer computes it over the same text with its own copy of the key.',
                 peer: mac,
                 send: (s) => ({ exchange: s.answer.exchange, data: toBase64(utf8(s.text)) }),
                 keep: (results, s) => { s[`${mac}AtPeer`] = results.Data; },
             },
             {
                 title: `${mac.toUpperCase()}: both sides agree`,
-                text: 'Both values are compared.',
+                text: 'This page compares the two check values.',
                 compare: (s) => [fromBase64(s[mac]), fromBase64(s[`${mac}AtPeer`])],
             },
         ]),
         {
             title: 'End the session',
-            text: 'The host forgets its keys; the token is worth nothing from now on.',
+            text: 'The host wipes the session’s keys. From here on its token is refused.',
             request: 'QZaven_ke_free',
             send: (s) => ({ strKe: s.session }),
         },
         {
             title: 'The text came back',
-            text: 'It went to the peer and back again.',
+            text: 'It went to the server and back again; this page compares it with what was typed.',
             compare: (s) => [utf8(s.text), fromBase64(s.opened)],
         },
     ],
@@ -343,3 +345,26 @@ export const flows = [gcm, publicKey, envelope, keyExchange];
 export function findFlow(id) {
     return flows.find((flow) => flow.id === id);
 }
+
+const exchangeSteps = keyExchange.steps;
+
+// Where a request stands in the order of a key exchange; those that have no place come last.
+export function placeInExchange(requestName) {
+    const at = exchangeSteps.findIndex((step) => step.request === requestName);
+    return at < 0 ? exchangeSteps.length : at;
+}
+
+// What a key exchange does after a request: {before: the peer's steps in between, step: the next
+// request's}; null after the last.
+export function afterInExchange(requestName) {
+    const rest = exchangeSteps.slice(placeInExchange(requestName) + 1);
+    const at = rest.findIndex((step) => step.request);
+    return at < 0 ? null : { before: rest.slice(0, at).filter((step) => step.peer), step: rest[at] };
+}
+
+export function stepOfExchange(requestName) {
+    return exchangeSteps[placeInExchange(requestName)];
+}
+
+// The text that a key exchange by hand protects, until another is typed.
+export const exchangeText = message.value;

@@ -4,6 +4,7 @@ import { Failure, sendRequest } from './api.js';
 import { findParameter, findRequest } from './catalogue.js';
 import { curlLine, hostLine } from './command_lines.js';
 import { announce, el, icon } from './dom.js';
+import { nextInExchange } from './exchange_guide.js';
 import { RequestForm } from './form.js';
 import { errorTexts, warningText } from './host_texts.js';
 import { sentence, t } from './i18n.js';
@@ -157,7 +158,8 @@ export class RequestView {
         this.answer.replaceChildren(drawOutcome(this.request, outcome,
             (target, result, value) => this.use(target, result, value)));
         const homeless = this.form.showWarnings(outcome.warnings);
-        this.answer.append(...homeless.map((warning) => el('p', { class: 'warning' }, warningText(warning))));
+        this.answer.append(...homeless.map((warning) => el('p', { class: 'warning' }, warningText(warning))),
+            nextInExchange(this.request, this.state, this.go) ?? '');
         this.markStale();
     }
 

@@ -4,6 +4,7 @@
 import { requests } from './catalogue.js';
 import { announce, el, icon, newId } from './dom.js';
 import { fieldKind } from './entries.js';
+import { placeInExchange } from './flows.js';
 import { segments } from './form.js';
 import { errorTexts } from './host_texts.js';
 import { byteCount, capitalised, number, sentence, t } from './i18n.js';
@@ -81,17 +82,19 @@ class ShownValue {
     }
 }
 
-// Parameters of other requests that can take a value: [request, [parameter]], near ones first.
+// Parameters of other requests that can take a value: [request, [parameter]], near ones first; for
+// a session in the order of the exchange.
 function takers(from, handle) {
     const fits = (parameter) => (handle
         ? parameter.form === 'handle'
         : fieldKind(parameter) === 'bytes');
     const near = (request) => (request.group === from.group ? 0 : 1);
+    const place = (request) => (handle ? placeInExchange(request.name) : near(request));
     return requests()
         .filter((request) => request.name !== from.name || handle)
         .map((request) => [request, request.parameters.filter(fits)])
         .filter(([, parameters]) => parameters.length > 0)
-        .sort(([a], [b]) => near(a) - near(b));
+        .sort(([a], [b]) => place(a) - place(b));
 }
 
 // How well a parameter's name suits what a request made: a "...symmkey" gives a "strKey", a

@@ -1,5 +1,8 @@
 // Chinese texts, by the English ones: the page's own, and those that the host's catalogue has for
-// requests, parameters and values. zh_host.js has the rest. A test lists what is missing.
+// requests, parameters and values. zh_flows.js has those of the guided flows, zh_host.js the rest. A
+// test lists what is missing.
+
+import { flowTexts } from './zh_flows.js';
 
 const own = {
     // Frame and navigation.
@@ -8,14 +11,18 @@ const own = {
     'Skip to the content': '跳到正文',
     'Requests': '请求',
     'Search requests': '搜索请求',
-    'Nothing found.': '没有找到。',
+    'Search: aes, rsa, cms…': '搜索：aes、rsa、cms…',
+    'Nothing found for “{words}”.': '没有找到“{words}”。',
+    'Try the name of an algorithm (sm4, rsa, sha-256), of a mode (gcm) or format (cms), or what you want to do (encrypt, derive).':
+        '试试算法名（sm4、rsa、sha-256）、模式名（gcm）、格式名（cms），或要做的事（加密、派生）。',
+    'Empty the search': '清空搜索',
     'Guided': '引导流程',
     'History': '历史',
     'Status': '状态',
     'Sign in': '登录',
     'Sign out': '退出',
     'Start': '开始',
-    'Colours: as the system': '颜色：跟随系统',
+    'Colours: follow the system': '颜色：跟随系统',
     'Colours: light': '颜色：浅色',
     'Colours: dark': '颜色：深色',
     'Asking the host…': '正在询问主机…',
@@ -24,15 +31,49 @@ const own = {
     '{ready} of {all} workers ready': '{all} 个工作进程中 {ready} 个就绪',
 
     // Start page, sign-in.
-    'What would you like to try?': '想试试什么？',
-    'A guided flow goes a whole way in one step. The list holds all {count} requests, one form each.':
-        '引导流程一次走完全程。列表中有全部 {count} 个请求，每个请求一张表单。',
-    'Press “/” to search the requests.': '按“/”搜索请求。',
+    'Try what this host can do': '试试这台主机能做什么',
+    'It carries out cryptographic requests for programs. Here you can send each of them by hand and see how a program would.':
+        '它为程序执行密码运算请求。在这里可以手工发送每个请求，并看到程序该怎样发送。',
+    'for development, not for production': '仅供开发，不可用于生产',
+    '{ready} of {all} ready': '{all} 个中 {ready} 个就绪',
+    'Three ways to begin': '从这里开始',
+    '{count} steps': '{count} 步',
+    'Or press “/” and type what you look for: aes, rsa, cms…': '或者按“/”，输入要找的内容：aes、rsa、cms…',
+    'The first call from a shell': '在命令行中的第一次调用',
+    'First let the shell know the host’s token. “corvane-host serve” names the token’s file when it starts; usually it is this one:':
+        '先把主机的令牌告诉命令行。“corvane-host serve”启动时会显示令牌文件，通常是这一个：',
+    'Then ask for the version of the engine, which stands above, too:': '然后查询引擎的版本，也就是上面显示的内容：',
+    'Beside each form stands its own call as such a line.': '每张表单旁边都有这样一行，对应表单自己的调用。',
+    'To read on': '进一步阅读',
+    'Every request with its parameters and results, and every error code': '全部请求及其参数和结果，全部错误代码',
+    'The service: paths, values, limits, security': '服务：路径、值、限制、安全',
+    'The plug-in in a program of your own': '在自己的程序中使用插件',
+    'This interface for tools that make clients (OpenAPI 3.1)': '本接口的描述，供生成客户端的工具使用（OpenAPI 3.1）',
+    'The documents lie in the source tree; the package corvane-doc installs them here:':
+        '文档在源代码目录中；corvane-doc 软件包将其安装在：',
+
     'No answer yet': '尚无应答',
     'Try again': '重试',
-    'Token of the host': '主机的令牌',
-    '“corvane-host serve” names the file that holds it when it starts. An address with “#token=…” signs you in by itself.':
-        '“corvane-host serve”启动时会显示保存令牌的文件。带有“#token=…”的地址可直接登录。',
+    'Token of the host, or the link from the terminal': '主机的令牌，或终端里的链接',
+    'No host answers at {address}.': '{address} 没有主机应答。',
+    'Look into the terminal where “corvane-host serve” was started: it must still be running. Start it again if it has ended.':
+        '查看启动“corvane-host serve”的终端：它必须还在运行。如已结束，请重新启动。',
+    'The host does not take this token.': '主机不接受这个令牌。',
+    'Perhaps a part is missing, or it is the token of another host or an old one. Copy the whole line of the file, or open the link from the terminal.':
+        '可能少了一段，或者是另一台主机的令牌、旧的令牌。请复制文件中的整行，或打开终端里的链接。',
+    'You were signed out: the host does not take this tab’s token any longer.': '您已退出：主机不再接受此标签页的令牌。',
+    'Its token was replaced, or another host runs at this address now. Open the link from the terminal, or paste the new token.':
+        '令牌已更换，或此地址上换了另一台主机。请打开终端里的链接，或粘贴新的令牌。',
+    'Where to find it': '在哪里找到',
+    'In the terminal': '在终端里',
+    '“corvane-host serve” shows a link with “#token=” when it starts. Opened in this browser, it signs you in by itself.':
+        '“corvane-host serve”启动时会显示带有“#token=”的链接。在此浏览器中打开即可自动登录。',
+    'In a file': '在文件里',
+    'The same line names the file that holds the token. It is usually the first of these, and the second for the service of a package:':
+        '同一行也给出保存令牌的文件。通常是下面第一个；由软件包安装的服务则是第二个：',
+    'In another tab': '在另一个标签页里',
+    'Where this host’s console is signed in, its other tabs in this browser sign in by themselves.':
+        '此主机的控制台已在某个标签页登录时，同一浏览器中的其他标签页会自动登录。',
 
     // Form.
     'Parameters': '参数',
@@ -129,16 +170,16 @@ const own = {
     'Check the address, and what stands between browser and host.': '检查地址，以及浏览器与主机之间的设备。',
 
     // Status, history.
-    'Looked at every few seconds while this page is seen.': '页面可见时每隔几秒查看一次。',
+    'Refreshed every few seconds while this page is in view.': '页面可见时每隔几秒刷新一次。',
     'The host does not answer. It is asked again every few seconds.': '主机没有应答。每隔几秒会再次询问。',
     'No status yet.': '尚无状态。',
     'Host': '主机',
     'Running for': '已运行',
     'Key-exchange sessions': '密钥交换会话',
     'Requests waiting': '等待中的请求',
-    'Bundled peer': '随附的对端',
-    'there': '有',
-    'not there': '没有',
+    'Peer for key exchanges': '密钥交换的对端',
+    'available': '可用',
+    'not available': '不可用',
     'Workers': '工作进程',
     'Worker': '编号',
     'State': '状态',
@@ -147,7 +188,7 @@ const own = {
     'idle': '空闲',
     'busy': '忙碌',
     'starting': '启动中',
-    'being replaced': '正在被替换',
+    'being replaced': '正在更换',
 
     // What the host says of a refusal without a code, and of whose bytes the peer speaks.
     'no text': '没有文本',
@@ -158,137 +199,19 @@ const own = {
     '{count} s': '{count} 秒',
     '{count} min': '{count} 分钟',
     '{count} h': '{count} 小时',
-    'Bytes in one call': '一次调用的字节数',
+    'Largest call': '一次调用的最大长度',
+    'Largest value in a call': '调用中一个值的最大长度',
     'Parameters in one call': '一次调用的参数个数',
     'Calls in one batch': '一批中的调用次数',
     'Key-exchange sessions for each worker': '每个工作进程的密钥交换会话数',
-    'Seconds until an unused session ends': '闲置会话结束前的秒数',
-    'Seconds until a request is given up': '放弃一个请求前的秒数',
-    'What this page sent, without any values. It ends with the page.': '此页面发送过的请求，不含任何值。关闭页面即消失。',
+    'An unused session ends after': '会话闲置多久后结束',
+    'A request is given up after': '请求多久后被放弃',
+    'What this page has sent: names, times and codes, never values. It is gone once the page is closed or reloaded.': '此页面发送过的请求：名称、时间和代码，不含任何值。关闭或重新加载页面后即消失。',
     'Time': '时间',
     'Request': '请求',
     'Code': '代码',
     'Duration': '用时',
     'Empty the history': '清空历史',
-
-    // Guided flows: the frame.
-    'Run the steps': '逐步执行',
-    'running': '进行中',
-    'done': '完成',
-    'failed': '失败',
-    'in the browser': '在浏览器中',
-    'the peer': '对端',
-    'What was sent': '发送的内容',
-    'Came back': '返回',
-    'Made': '生成',
-    'Refused, as it must be.': '被拒绝，正应如此。',
-    'It was not refused.': '没有被拒绝。',
-    'The same, byte for byte.': '逐字节相同。',
-    'They differ.': '两者不同。',
-    'All steps went well. The text came back.': '所有步骤都成功。文本还原了。',
-    'Stopped at a step that failed.': '停在失败的一步。',
-    'This host runs without the bundled peer, so there is no other side to talk to. Start it without “--no-peer”.':
-        '此主机没有随附的对端，因此没有可以通信的另一方。启动时请不要加“--no-peer”。',
-
-    // Guided flows: what they say.
-    'Text to protect': '要保护的文本',
-    'Cipher': '密码算法',
-    'Header to authenticate, not to hide': '只认证、不隐藏的头部',
-    'Encrypt and decrypt': '加密与解密',
-    'A key, a text, a ciphertext with its tag, and the text again. Takes a moment.':
-        '密钥、文本、带标签的密文，再回到文本。片刻即成。',
-    'Symmetric encryption in GCM: one key for both sides, and a tag that shows every change.':
-        'GCM 对称加密：双方共用一个密钥，标签能显示任何改动。',
-    'Make a key': '生成密钥',
-    'The engine draws a random key of the right length for the cipher.': '引擎为该算法生成长度合适的随机密钥。',
-    'Draw an initial value': '生成初始值',
-    'Twelve random bytes, made here in the browser. Never use one twice with the same key.':
-        '十二个随机字节，在浏览器中生成。同一密钥下切勿重复使用。',
-    'Encrypt': '加密',
-    'Gives the ciphertext and a tag over ciphertext and header.': '得到密文，以及覆盖密文和头部的标签。',
-    'Decrypt': '解密',
-    'With the same key, initial value, header and tag.': '用相同的密钥、初始值、头部和标签。',
-    'A forged message is refused': '伪造的消息被拒绝',
-    'One bit of the ciphertext is turned: the tag no longer fits, and no text comes out.':
-        '密文翻转了一位：标签不再相符，得不到任何文本。',
-    'The text came back': '文本还原了',
-    'What was decrypted is compared with what was typed.': '比较解密结果与输入的文本。',
-    'Public key': '公钥',
-    'Anyone may encrypt with the public key; the private key alone decrypts.': '人人可用公钥加密；只有私钥能解密。',
-    'For short texts, such as keys: RSA with OAEP takes 190 bytes here.': '适合密钥等短文本：此处 RSA-OAEP 最多 190 字节。',
-    'Key pair': '密钥对',
-    'RSA, made now by the browser': 'RSA，由浏览器现场生成',
-    'SM2, a sample that everybody has': 'SM2，人人都有的示例',
-    'Get a key pair': '取得密钥对',
-    'Both halves travel as Base64 of DER; PEM would do as well.': '公钥和私钥都以 DER 的 Base64 传送；用 PEM 也可以。',
-    'Encrypt with the public key': '用公钥加密',
-    'The same text gives another ciphertext each time.': '同一文本每次得到不同的密文。',
-    'Decrypt with the private key': '用私钥解密',
-    'An encrypted private key would need its password, too.': '如果私钥是加密的，还需要口令。',
-    'Envelope': '数字信封',
-    'Data of any length, sealed for the holder of a certificate.': '任意长度的数据，为证书持有者封装。',
-    'The engine encrypts the data with a fresh key, and that key for the recipient’s certificate.':
-        '引擎用新密钥加密数据，再为接收者的证书加密该密钥。',
-    'Recipient': '接收者',
-    'RSA sample, AES-256 in CBC': 'RSA 示例，AES-256 CBC',
-    'RSA sample, AES-256 in GCM': 'RSA 示例，AES-256 GCM',
-    'SM2 sample, SM4 in CBC': 'SM2 示例，SM4 CBC',
-    'Take the recipient’s certificate': '取接收者的证书',
-    'A sample with its private key, for trying: everybody has them, and they protect nothing.':
-        '试用的示例证书及其私钥：人人都有，不起任何保护作用。',
-    'Seal': '封装',
-    'This request takes the data as plain text and gives an envelope in DER.': '此请求接受原样文本，返回 DER 格式的信封。',
-    'Open': '打开',
-    'Cipher and mode must be those of the envelope. The data comes back percent-escaped twice.':
-        '算法和模式必须与信封一致。返回的数据经过两次百分号转义。',
-    'What was opened is compared with what was typed.': '比较打开的内容与输入的文本。',
-    'Key exchange': '密钥交换',
-    'Two sides agree on keys, then write to each other. The other side comes with the host.':
-        '双方先商定密钥，再互相通信。另一方随主机提供。',
-    'The host’s session is the client; a bundled peer plays the server, with certificates of its own.':
-        '主机的会话是客户端；随附的对端扮演服务器，有自己的证书。',
-    'Ask the peer for its root certificate': '向对端索取根证书',
-    'Outside of a trial it would reach you by another way.': '真实场合应由其他途径取得。',
-    'Open a session': '打开会话',
-    'The host gives a token that stands for it, and ends it after some minutes without use.':
-        '主机返回代表会话的令牌；闲置几分钟后会话结束。',
-    'Set the client’s keys': '设置客户端的密钥',
-    'A sample. The development engine checks the keys and has no further use for them.':
-        '示例。开发引擎只检查这些密钥，并不另作他用。',
-    'Set the client’s certificates': '设置客户端的证书',
-    'They must belong to the keys.': '必须与密钥相配。',
-    'Trust the root': '信任根证书',
-    'It is uploaded as a file and lies on the host for the time of the request.': '作为文件上传，只在请求期间存于主机。',
-    'Say hello': '打招呼',
-    'Thirty-two random bytes of the client.': '客户端的三十二个随机字节。',
-    'The peer answers': '对端应答',
-    'With random bytes of its own, two certificates, and a signature over all of it.':
-        '给出自己的随机字节、两张证书，以及覆盖这一切的签名。',
-    'Check the answer, and send the secret': '检查应答，发送秘密',
-    'Certificates and signature are checked; then a fresh secret is encrypted for the peer.':
-        '检查证书和签名；然后为对端加密一个新的秘密。',
-    'The peer takes the secret': '对端接收秘密',
-    'Now both sides have the same keys.': '现在双方有了相同的密钥。',
-    'Encrypt for the peer': '为对端加密',
-    'With the session’s keys.': '用会话的密钥。',
-    'The peer decrypts': '对端解密',
-    'It finds the text.': '它得到原文。',
-    'The peer writes back': '对端回信',
-    'The same text, sealed in the other direction.': '同样的文本，反方向加密。',
-    'Decrypt the reply': '解密回信',
-    'With the session’s keys for this direction.': '用会话在此方向的密钥。',
-    'HMAC, by the session': 'HMAC，由会话计算',
-    'HMAC, by the peer': 'HMAC，由对端计算',
-    'HMAC: both sides agree': 'HMAC：双方一致',
-    'CMAC, by the session': 'CMAC，由会话计算',
-    'CMAC, by the peer': 'CMAC，由对端计算',
-    'CMAC: both sides agree': 'CMAC：双方一致',
-    'A check value over the text, under a key that both sides share.': '在双方共有的密钥下对文本计算校验值。',
-    'It computes the same.': '它计算同一个值。',
-    'Both values are compared.': '比较两个值。',
-    'End the session': '结束会话',
-    'The host forgets its keys; the token is worth nothing from now on.': '主机忘掉会话的密钥；令牌从此失效。',
-    'It went to the peer and back again.': '它到了对端，又回来了。',
 };
 
 const catalogue = {
@@ -404,4 +327,4 @@ const names = [
     'SHA-1', 'SHA-224', 'SHA-256', 'SHA-384', 'SHA-512',
 ];
 
-export const chinese = { ...own, ...catalogue, ...Object.fromEntries(names.map((name) => [name, name])) };
+export const chinese = { ...own, ...flowTexts, ...catalogue, ...Object.fromEntries(names.map((name) => [name, name])) };
