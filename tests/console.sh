@@ -13,4 +13,5 @@ CORVANE_BUILD=$(realpath "${1-build/release}")
 export CORVANE_BUILD
 cd tests/console
 npm ci --silent --no-audit --no-fund
-exec node --test --test-reporter=spec values.test.mjs texts.test.mjs openapi.test.mjs console.test.mjs
+exec node --test --test-reporter=spec values.test.mjs texts.test.mjs openapi.test.mjs console.test.mjs \
+    orientation.test.mjs sign_in.test.mjs

@@ -1,7 +1,7 @@
 // The host's HTTP interface. Each call gives the host's JSON or throws a Failure, whatever
-// happened. The token lives in sessionStorage alone: it ends with the tab.
+// happened.
 
-const STORED = 'corvane.token';
+import { token } from './token.js';
 
 // The exchange with the host failed: {status, error: {code, text, cause, remedy, field}, warnings}.
 // Status 0: the host did not answer.
@@ -18,24 +18,6 @@ export const SESSION_HEADER = 'X-Corvane-Session';
 
 export function isSessionToken(text) {
     return typeof text === 'string' && /^ke_[\w.-]+$/.test(text);
-}
-
-export function token() {
-    return sessionStorage.getItem(STORED) ?? '';
-}
-
-export function setToken(value) {
-    if (value === '') sessionStorage.removeItem(STORED);
-    else sessionStorage.setItem(STORED, value);
-}
-
-// Moves a token from the address (#token=...) into the storage, out of sight and history.
-export function takeTokenFromAddress() {
-    const match = location.hash.match(/^#token=([^&]+)/);
-    if (!match) return false;
-    setToken(decodeURIComponent(match[1]));
-    history.replaceState(null, '', location.pathname);
-    return true;
 }
 
 const unreachable = {

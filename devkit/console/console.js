@@ -1,17 +1,22 @@
 // The console: puts page, catalogue and host together. Views are chosen by the address behind "#":
 // #/request/NAME, #/flow/ID, #/history, #/status, or nothing for the start page.
 
-import { Failure, getCatalogue, setToken, takeTokenFromAddress, token } from './api.js';
+import { Failure, getCatalogue } from './api.js';
 import { findRequest, setCatalogue } from './catalogue.js';
 import { announce, el, icon } from './dom.js';
+import { forgetExchanges } from './exchange_guide.js';
 import { findFlow } from './flows.js';
-import { FlowView } from './flow_view.js';
+import { FlowView, forgetTours } from './flow_view.js';
 import { chooseLanguage, currentLanguage, setLanguage, t } from './i18n.js';
-import { forgetEverything } from './memory.js';
+import { forgetEverything, keepForms } from './memory.js';
 import { Navigation } from './navigation.js';
-import { HistoryView, SignInView, StartView, StatusView } from './pages.js';
+import { HistoryView, StatusView } from './pages.js';
 import { RequestView } from './request_view.js';
-import { currentStatus, stopWatching, watchStatus } from './status.js';
+import { SignInView } from './sign_in_view.js';
+import { StartView } from './start_view.js';
+import { currentStatus, readyWorkers, stopWatching, watchStatus } from './status.js';
+import { askOtherTabs, tellSignedIn, tellSignedOut, watchOtherTabs } from './tabs.js';
+import { setToken, takeTokenFromAddress, token } from './token.js';
 
 const THEME = 'corvane.theme';
 const THEMES = ['auto', 'light', 'dark'];
@@ -22,6 +27,7 @@ let main = null;
 let pill = null;
 let view = null;
 let signedIn = false;
+let starting = false;
 
 // --- Theme: the system's, unless another was chosen.
 
@@ -40,14 +46,14 @@ function nextTheme() {
 }
 
 function themeText() {
-    return { auto: t('Colours: as the system'), light: t('Colours: light'), dark: t('Colours: dark') }[theme()];
+    return { auto: t('Colours: follow the system'), light: t('Colours: light'), dark: t('Colours: dark') }[theme()];
 }
 
 // --- What stands at the head of every view.
 
 function drawPill() {
     const { status, reachable } = currentStatus();
-    const ready = status?.workers.filter((worker) => worker.state !== 'starting').length ?? 0;
+    const ready = readyWorkers();
     let state = 'waiting';
     let text = t('Asking the host…');
     if (!reachable) [state, text] = ['bad', t('Host does not answer')];
@@ -57,8 +63,9 @@ function drawPill() {
         text = t('{ready} of {all} workers ready', { ready, all: status.workers.length });
     }
     pill.dataset.state = state;
+    pill.setAttribute('aria-label', text);  // narrow screens show the dot alone
     pill.replaceChildren(el('span', { class: 'dot', 'aria-hidden': 'true' }), el('span', { class: 'pill-text' }, text));
-    if (view instanceof StatusView) view.refresh();
+    if (view instanceof StatusView || view instanceof StartView) view.refresh();
 }
 
 function header() {
@@ -159,32 +166,56 @@ function go(address, field = '') {
 
 // --- Coming and leaving.
 
-function signIn(failure) {
+// `typed` tells whether the token that failed was just given, at the sign-in or by the address.
+function signIn(failure, typed = false) {
     signedIn = false;
     stopWatching();
     draw();
-    show(new SignInView(failure, start));
+    show(new SignInView(failure, typed, () => start(true)));
     main.querySelector('form').elements[0].focus();
 }
 
-function leave() {
+// Everything that a person gave or got goes, in this tab.
+function forget() {
     setToken('');
     forgetEverything();
+    forgetTours();
+    forgetExchanges();
     signIn(null);
 }
 
-async function start() {
+function leave() {
+    tellSignedOut();
+    forget();
+}
+
+// Asks the host with the token that there is; null if it answers, else the Failure.
+async function load() {
+    if (token() === '') await askOtherTabs();
+    const used = token();
     try {
         setCatalogue(await getCatalogue());
+        return null;
     } catch (failure) {
         if (!(failure instanceof Failure)) throw failure;
+        // Another tab's token has come meanwhile.
+        return failure.status === 401 && token() !== used ? load() : failure;
+    }
+}
+
+async function start(typed = false) {
+    starting = true;
+    const failure = await load();
+    starting = false;
+    if (failure !== null) {
         // Without a token nothing was tried yet that could have failed.
         const unknown = failure.status === 401 && token() === '';
         if (failure.status === 401) setToken('');
-        signIn(unknown ? null : failure);
+        signIn(unknown ? null : failure, typed);
         return;
     }
     signedIn = true;
+    tellSignedIn();
     draw();
     await watchStatus(drawPill);
     // The first status tells whether there is a peer.
@@ -199,9 +230,19 @@ window.addEventListener('unhandledrejection', (event) => {
     signIn(event.reason);
 });
 
+watchOtherTabs({
+    isSignedIn: () => signedIn,
+    onSignedIn: () => { if (!starting) start(); },
+    onSignedOut: forget,
+});
+
+// The page may go without a word when it is hidden, on phones above all.
+for (const event of ['pagehide', 'visibilitychange'])
+    window.addEventListener(event, () => { if (signedIn) keepForms(); });
+
 window.addEventListener('hashchange', () => {
     if (takeTokenFromAddress()) {
-        start();
+        start(true);
         return;
     }
     if (!signedIn) return;
@@ -224,6 +265,5 @@ document.addEventListener('keydown', (event) => {
     }
 });
 
-takeTokenFromAddress();
 chooseLanguage();
-start();
+start(takeTokenFromAddress());

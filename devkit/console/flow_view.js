@@ -123,7 +123,7 @@ class StepView {
             fillForm(findRequest(step.request), sent ?? step.send(tour.s), outcome);
             if (tour.s.session) adoptExchange(tour.s, outcome, flow.steps.filter((_, i) => tour.records[i].state === 'done'));
             view.go(`#/request/${step.request}`);
-        }, { 'aria-label': t('Open “{step}” in the form', { step: t(step.title) }) });
+        }, { 'aria-label': t('Open in the form: {step}', { step: t(step.title) }) });
     }
 }
 

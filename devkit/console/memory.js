@@ -1,7 +1,11 @@
-// What the page remembers between views. It lives in memory alone and ends with the page: entries
-// and answers may hold secrets. The history holds none, whatever happens to it.
+// What the page remembers between views. It lives in memory and ends with the page: entries and
+// answers may hold secrets. A reload keeps what the catalogue says is none: choices, numbers and
+// names of files on the host lie in sessionStorage meanwhile. The history holds no values at all.
 
+import { requests } from './catalogue.js';
 import { emptyEntry, takesRandom } from './entries.js';
+
+const STORED = 'corvane.forms';
 
 const forms = new Map();
 const sessions = new Set();
@@ -9,12 +13,26 @@ const calls = [];
 
 const HISTORY_LENGTH = 200;
 
+// {request: {parameter: text}}, of the page's life before its reload.
+let kept = JSON.parse(sessionStorage.getItem(STORED) ?? '{}');
+
+// Whether an entry may outlive the page. What a host does not speak of is a secret.
+function mayBeKept(parameter, entry) {
+    return parameter.secret === false && entry.how === 'text' && entry.text !== '';
+}
+
+function firstEntry(request, parameter) {
+    const text = kept[request.name]?.[parameter.name];
+    if (text !== undefined && parameter.secret === false) return { ...emptyEntry(), text };
+    return emptyEntry(takesRandom(parameter) ? 'hex' : 'text');
+}
+
 // {entries: Map of parameter names to entries, outcome: of the last call or null, stale: whether
 // the entries have changed since}
 export function formOf(request) {
     if (!forms.has(request.name)) {
         const entries = new Map(request.parameters.map((parameter) =>
-            [parameter.name, emptyEntry(takesRandom(parameter) ? 'hex' : 'text')]));
+            [parameter.name, firstEntry(request, parameter)]));
         forms.set(request.name, { entries, outcome: null, stale: false });
     }
     return forms.get(request.name);
@@ -22,6 +40,23 @@ export function formOf(request) {
 
 export function forgetForm(request) {
     forms.delete(request.name);
+    delete kept[request.name];
+}
+
+// Puts aside what the forms may keep over a reload; called when the page goes.
+export function keepForms() {
+    for (const request of requests()) {
+        const form = forms.get(request.name);
+        if (form === undefined) continue;
+        const values = request.parameters
+            .map((parameter) => [parameter, form.entries.get(parameter.name)])
+            .filter(([parameter, entry]) => mayBeKept(parameter, entry))
+            .map(([parameter, entry]) => [parameter.name, entry.text]);
+        if (values.length > 0) kept[request.name] = Object.fromEntries(values);
+        else delete kept[request.name];
+    }
+    if (Object.keys(kept).length > 0) sessionStorage.setItem(STORED, JSON.stringify(kept));
+    else sessionStorage.removeItem(STORED);
 }
 
 // Key-exchange sessions that this page opened.
@@ -57,6 +92,8 @@ export function clearHistory() {
 
 export function forgetEverything() {
     forms.clear();
+    kept = {};
+    sessionStorage.removeItem(STORED);
     sessions.clear();
     calls.length = 0;
 }

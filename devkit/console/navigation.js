@@ -1,17 +1,25 @@
-// The list of what there is: the guided flows and the requests in their groups, with a search.
-// Arrow keys go through what the search left over.
+// The list of what there is: the guided flows and the requests in their groups, which open and
+// close, with a search. Arrow keys go through what can be seen of it.
 
 import { groups } from './catalogue.js';
-import { el } from './dom.js';
+import { el, icon, newId } from './dom.js';
 import { flows } from './flows.js';
-import { t } from './i18n.js';
+import { capitalised, t } from './i18n.js';
+import { found, searchTerms } from './search.js';
+
+// What most people come for stands first. Groups that are not here follow in the catalogue's order.
+const ORDER = [
+    'Symmetric cipher', 'MAC and key derivation', 'Public key', 'Envelope', 'White-box SM4', 'Base64',
+    'Key-exchange session', 'Key-exchange channel', 'Engine',
+];
+
+const GUIDED = 'Guided';
 
 const LINKS = 'li:not([hidden]) > a';
 
-function link(address, name, summary, search) {
-    return el('li', { data: { search: search.toLowerCase() } },
-        el('a', { href: address }, el('span', { class: 'nav-name' }, name),
-            summary ? el('span', { class: 'nav-summary' }, summary) : null));
+function orderedGroups() {
+    const place = ([group]) => (ORDER.includes(group) ? ORDER.indexOf(group) : ORDER.length);
+    return groups().sort((a, b) => place(a) - place(b));
 }
 
 // Names share their beginning, which helps nobody to find one.
@@ -19,32 +27,106 @@ function shortName(name) {
     return name.replace(/^QZa[vV]en_/, '');
 }
 
-function section(title, links) {
-    return el('section', { 'aria-label': title }, el('h2', {}, title), el('ul', {}, links));
+// What a request does, in a few words: its summary up to the first pause.
+export function requestTitle(request) {
+    return capitalised(t(request.summary).split(/[;,.；，。]/)[0]);
+}
+
+function flowEntry(flow) {
+    const { title, summary, intro } = flow;
+    const options = flow.inputs.flatMap((input) => input.options ?? []);
+    return {
+        address: `#/flow/${flow.id}`,
+        name: t(title),
+        code: '',
+        terms: searchTerms([], [title, summary, intro, ...options, t(title), t(summary), t(intro)]),
+    };
+}
+
+function requestEntry(request) {
+    const choices = request.parameters.flatMap((parameter) => parameter.choices ?? []);
+    const names = choices.flatMap(({ name = '', text = '', names: spellings = [] }) => [name, text, t(text), ...spellings]);
+    const { group, summary, keywords = '' } = request;
+    return {
+        address: `#/request/${request.name}`,
+        name: requestTitle(request),
+        code: shortName(request.name),
+        terms: searchTerms([request.name, ...names], [summary, t(summary), group, t(group), keywords, t(keywords)]),
+    };
+}
+
+// A group with a heading that opens and closes it. `isOpen` is remembered over drawings.
+class Group {
+    constructor(title, entries, isOpen) {
+        this.isOpen = isOpen;
+        this.held = false;       // the open view is in it: it stays open
+        this.searching = false;  // what a search found is shown, open or not
+        const id = newId('group');
+        this.items = entries.map((entry) => ({
+            ...entry,
+            element: el('li', {}, el('a', { href: entry.address }, el('span', { class: 'nav-name' }, entry.name),
+                entry.code && el('code', { class: 'nav-code' }, entry.code))),
+        }));
+        this.count = el('span', { class: 'nav-count', 'aria-hidden': 'true' });
+        this.toggle = el('button', { type: 'button', 'aria-controls': id, on: {
+            click: () => {
+                if (this.held || this.searching) return;
+                this.isOpen = !this.isOpen;
+                this.refresh();
+            },
+        } }, icon('arrow'), title, this.count);
+        this.list = el('ul', { id }, this.items.map((item) => item.element));
+        this.element = el('section', { 'aria-label': title }, el('h2', {}, this.toggle), this.list);
+        this.filter('');
+    }
+
+    filter(query) {
+        this.searching = query.trim() !== '';
+        for (const item of this.items) item.element.hidden = !found(item.terms, query);
+        this.refresh();
+    }
+
+    // Marks the view that is open, whose group is open, too.
+    mark(address) {
+        this.held = this.items.some((item) => item.address === address);
+        this.isOpen ||= this.held;
+        this.refresh();
+    }
+
+    get left() {
+        return this.items.filter((item) => !item.element.hidden).length;
+    }
+
+    refresh() {
+        const shown = this.isOpen || this.searching;
+        this.element.hidden = this.left === 0;
+        this.list.hidden = !shown;
+        this.toggle.setAttribute('aria-expanded', String(shown));
+        this.toggle.setAttribute('aria-disabled', String(this.held || this.searching));
+        this.count.textContent = shown ? '' : String(this.left);
+    }
 }
 
 export class Navigation {
     constructor() {
         this.query = '';
+        this.openGroups = new Set([GUIDED, ORDER[0]]);
     }
 
     // `onLeave` signs out; null if nobody is signed in.
     draw(onLeave) {
-        this.search = el('input', { type: 'search', id: 'search', placeholder: t('Search requests'), value: this.query,
-            autocomplete: 'off', 'aria-label': t('Search requests'), 'aria-keyshortcuts': '/', on: {
+        this.remember();
+        this.search = el('input', { type: 'search', id: 'search', placeholder: t('Search: aes, rsa, cms…'), value: this.query,
+            autocomplete: 'off', autocapitalize: 'off', spellcheck: 'false', 'aria-label': t('Search requests'), 'aria-keyshortcuts': '/', on: {
                 input: () => this.filter(),
                 keydown: (event) => this.onKey(event),
             } });
-        this.empty = el('p', { class: 'muted', hidden: true }, t('Nothing found.'));
-        this.sections = [
-            section(t('Guided'), flows.map((flow) =>
-                link(`#/flow/${flow.id}`, t(flow.title), '', `${flow.title} ${t(flow.title)} ${t(flow.summary)}`))),
-            ...groups().map(([group, requests]) => section(t(group), requests.map((request) =>
-                link(`#/request/${request.name}`, shortName(request.name), t(request.summary),
-                    `${request.name} ${request.summary} ${t(request.summary)} ${group} ${t(group)}`)))),
-        ];
+        this.empty = el('div', { class: 'nav-empty', role: 'status' });
+        this.groups = new Map([[GUIDED, flows.map(flowEntry)],
+            ...orderedGroups().map(([group, requests]) => [group, requests.map(requestEntry)])]
+            .map(([group, entries]) => [group, new Group(t(group), entries, this.openGroups.has(group))]));
         this.list = el('div', { class: 'nav-list', on: { keydown: (event) => this.onKey(event) } },
-            this.sections, this.empty);
+            [...this.groups.values()].map((group) => group.element), this.empty);
         this.element = el('nav', { id: 'navigation', 'aria-label': t('Requests') },
             el('div', { class: 'nav-search' }, this.search), this.list,
             el('div', { class: 'nav-end' },
@@ -55,21 +137,40 @@ export class Navigation {
         return this.element;
     }
 
+    // Which groups are open, before they are drawn anew.
+    remember() {
+        for (const [name, group] of this.groups ?? [])
+            if (group.isOpen) this.openGroups.add(name);
+            else this.openGroups.delete(name);
+    }
+
     filter() {
         this.query = this.search.value;
-        const words = this.query.toLowerCase().split(/\s+/).filter(Boolean);
-        for (const part of this.sections) {
-            for (const item of part.querySelectorAll('li'))
-                item.hidden = !words.every((word) => item.dataset.search.includes(word));
-            part.hidden = part.querySelector('li:not([hidden])') === null;
-        }
-        this.empty.hidden = this.sections.some((part) => !part.hidden);
+        const groups = [...this.groups.values()];
+        for (const group of groups) group.filter(this.query);
+        const nothing = groups.every((group) => group.left === 0);
+        this.empty.replaceChildren(...(nothing ? this.drawEmpty() : []));
+    }
+
+    drawEmpty() {
+        return [
+            el('p', {}, t('Nothing found for “{words}”.', { words: this.query.trim() })),
+            el('p', { class: 'muted' }, t('Try the name of an algorithm (sm4, rsa, sha-256), of a mode (gcm) or format (cms), or what you want to do (encrypt, derive).')),
+            el('button', { type: 'button', class: 'button small', on: {
+                click: () => {
+                    this.search.value = '';
+                    this.filter();
+                    this.search.focus();
+                },
+            } }, t('Empty the search')),
+        ];
     }
 
     onKey(event) {
-        const links = [...this.list.querySelectorAll(LINKS)];
+        const links = [...this.list.querySelectorAll(LINKS)].filter((link) => link.checkVisibility());
         const at = links.indexOf(document.activeElement);
-        if (event.key === 'Enter' && at < 0) links[0]?.click();
+        const onToggle = document.activeElement.closest?.('.nav-list button');
+        if (event.key === 'Enter' && at < 0 && !onToggle) links[0]?.click();
         else if (event.key === 'ArrowDown') links[Math.min(at + 1, links.length - 1)]?.focus();
         else if (event.key === 'ArrowUp' && at === 0) this.search.focus();
         else if (event.key === 'ArrowUp' && at > 0) links[at - 1].focus();
@@ -79,6 +180,7 @@ export class Navigation {
 
     // Marks the view that is open.
     mark(address) {
+        for (const group of this.groups.values()) group.mark(address);
         for (const anchor of this.element.querySelectorAll('a'))
             if (anchor.getAttribute('href') === address) {
                 anchor.setAttribute('aria-current', 'page');

@@ -1,41 +1,26 @@
-// The views that are neither request nor flow: start page, status, history, sign-in.
+// The views of the host's status and of the history, and what views share.
 
-import { setToken, token } from './api.js';
-import { requests } from './catalogue.js';
-import { el, icon } from './dom.js';
-import { flows } from './flows.js';
-import { currentLanguage, number, t } from './i18n.js';
+import { el } from './dom.js';
+import { byteCount, currentLanguage, number, t } from './i18n.js';
+import { LIMITS, STATES } from './labels.js';
 import { clearHistory, history } from './memory.js';
-import { duration, errorCard } from './result.js';
-import { currentStatus } from './status.js';
+import { duration } from './result.js';
+import { currentStatus, isForDevelopment } from './status.js';
 
-function head(eyebrow, title, lead) {
+export function head(eyebrow, title, lead) {
     return el('header', { class: 'view-head' },
         eyebrow ? el('p', { class: 'eyebrow' }, eyebrow) : null,
         el('h1', { id: 'view-title', tabindex: -1 }, title),
         lead ? el('p', { class: 'lead' }, lead) : null);
 }
 
-export class StartView {
-    get title() {
-        return t('Start');
-    }
-
-    draw() {
-        const { status } = currentStatus();
-        const offered = flows.filter((flow) => !flow.needsPeer || !status || status.peer);
-        return el('div', { class: 'start-view' },
-            head('', t('What would you like to try?'),
-                t('A guided flow goes a whole way in one step. The list holds all {count} requests, one form each.',
-                    { count: requests().length })),
-            el('ul', { class: 'tiles' }, offered.map((flow) =>
-                el('li', {}, el('a', { class: 'tile', href: `#/flow/${flow.id}` },
-                    el('strong', {}, t(flow.title)), el('span', {}, t(flow.summary)))))),
-            el('p', { class: 'muted' }, t('Press “/” to search the requests.')));
-    }
+// What the engine says of itself, as a quote, and whether it is one to rely on.
+export function engineFacts(status) {
+    const text = status ? el('q', { class: 'quote', lang: 'en' }, status.engine) : t('Asking the host…');
+    const mark = isForDevelopment(status)
+        ? el('span', { class: 'badge warn' }, t('for development, not for production')) : null;
+    return [el('dt', {}, t('Engine')), el('dd', { class: 'engine' }, text, mark)];
 }
-
-const STATES = { idle: 'idle', busy: 'busy', starting: 'starting', leaving: 'being replaced' };
 
 // "1 h 2 min 3 s", of seconds.
 function span(seconds) {
@@ -48,14 +33,19 @@ function span(seconds) {
     return parts.slice(first < 0 ? 2 : first).map(([count, text]) => t(text, { count })).join(' ');
 }
 
-const LIMITS = {
-    body_bytes: 'Bytes in one call',
-    parameters: 'Parameters in one call',
-    batch: 'Calls in one batch',
-    sessions_per_worker: 'Key-exchange sessions for each worker',
-    session_idle_seconds: 'Seconds until an unused session ends',
-    request_seconds: 'Seconds until a request is given up',
-};
+const MIB = 1 << 20;
+
+function limitText(value, unit) {
+    if (unit === 'seconds') return span(value);
+    if (unit !== 'bytes') return number(value);
+    return value % MIB === 0 ? `${number(value / MIB)} MiB` : byteCount(value);
+}
+
+// A limit that the page does not know keeps the host's name.
+function limitRow([name, value]) {
+    const [text, unit] = LIMITS[name] ?? [null, ''];
+    return [el('dt', {}, text === null ? el('code', {}, name) : t(text)), el('dd', {}, limitText(value, unit))];
+}
 
 export class StatusView {
     get title() {
@@ -66,7 +56,7 @@ export class StatusView {
         this.body = el('div', {});
         this.refresh();
         return el('div', { class: 'status-view' },
-            head('', t('Status'), t('Looked at every few seconds while this page is seen.')), this.body);
+            head('', t('Status'), t('Refreshed every few seconds while this page is in view.')), this.body);
     }
 
     refresh() {
@@ -79,23 +69,21 @@ export class StatusView {
         const facts = [
             [t('Host'), status.commit ? `${status.version} (${status.commit})` : status.version],
             ...(status.node ? [[t('Node'), status.node]] : []),
-            [t('Engine'), status.engine],
             [t('Running for'), span(status.uptime_seconds)],
             [t('Key-exchange sessions'), number(status.sessions)],
             [t('Requests waiting'), number(status.queue)],
-            [t('Bundled peer'), status.peer ? t('there') : t('not there')],
+            [t('Peer for key exchanges'), status.peer ? t('available') : t('not available')],
         ];
         const cells = (tag, texts) => texts.map((text) => el(tag, tag === 'th' ? { scope: 'col' } : {}, text));
         this.body.replaceChildren(
-            el('dl', { class: 'card facts' }, facts.map(([term, text]) => [el('dt', {}, term), el('dd', {}, text)]).flat()),
+            el('dl', { class: 'card facts' }, engineFacts(status), facts.map(([term, text]) => [el('dt', {}, term), el('dd', {}, text)]).flat()),
             el('div', { class: 'card table-card', tabindex: 0, role: 'region', 'aria-label': t('Workers') }, el('table', {},
                 el('caption', {}, t('Workers')),
                 el('thead', {}, el('tr', {}, cells('th', [t('Worker'), t('State'), t('Requests'), t('Sessions'), t('Restarts')]))),
                 el('tbody', {}, status.workers.map((worker) => el('tr', {}, cells('td', [
                     String(worker.slot), t(STATES[worker.state] ?? worker.state), number(worker.requests),
                     number(worker.sessions), number(worker.restarts)])))))),
-            el('dl', { class: 'card facts' }, Object.entries(status.limits).map(([name, value]) =>
-                [el('dt', {}, t(LIMITS[name] ?? name)), el('dd', {}, number(value))]).flat()));
+            el('dl', { class: 'card facts' }, Object.entries(status.limits).map(limitRow).flat()));
     }
 }
 
@@ -108,7 +96,7 @@ export class HistoryView {
         this.body = el('div', {});
         this.refresh();
         return el('div', { class: 'history-view' },
-            head('', t('History'), t('What this page sent, without any values. It ends with the page.')), this.body);
+            head('', t('History'), t('What this page has sent: names, times and codes, never values. It is gone once the page is closed or reloaded.')), this.body);
     }
 
     refresh() {
@@ -134,38 +122,5 @@ export class HistoryView {
                     this.refresh();
                 },
             } }, t('Empty the history')));
-    }
-}
-
-// `failure` is why the last attempt failed, or null. `onToken` goes on with a new token.
-export class SignInView {
-    constructor(failure, onToken) {
-        this.failure = failure;
-        this.onToken = onToken;
-    }
-
-    get title() {
-        return t('Sign in');
-    }
-
-    draw() {
-        // With a token at hand the host was at fault: asking again is all there is to do.
-        const again = token() !== '';
-        const input = el('input', { id: 'token', type: 'password', autocomplete: 'off', spellcheck: 'false', required: true });
-        const form = el('form', { class: 'card sign-in', on: {
-            submit: (event) => {
-                event.preventDefault();
-                if (!again) setToken(input.value.trim());
-                this.onToken();
-            },
-        } },
-        again ? null : [el('label', { for: 'token' }, t('Token of the host')), input,
-            el('p', { class: 'muted' }, t('“corvane-host serve” names the file that holds it when it starts. An address with “#token=…” signs you in by itself.'))],
-        el('div', { class: 'form-actions' },
-            el('button', { type: 'submit', class: 'button primary' }, icon('arrow'), again ? t('Try again') : t('Sign in'))));
-        return el('div', { class: 'sign-in-view' },
-            head('', again ? t('No answer yet') : t('Sign in'), ''),
-            this.failure ? el('div', { role: 'alert' }, errorCard(this.failure.error, 'h2')) : null, form);
-
     }
 }

@@ -14,6 +14,17 @@ export function currentStatus() {
     return { status: latest, reachable };
 }
 
+// How many workers can take a request.
+export function readyWorkers() {
+    return latest?.workers.filter((worker) => worker.state !== 'starting').length ?? 0;
+}
+
+// Whether the host's engine is the development engine, which protects nothing in earnest. It says
+// so in its version.
+export function isForDevelopment(status) {
+    return /\bdevelopment engine\b/i.test(status?.engine ?? '');
+}
+
 // The largest body that the host takes, in bytes; null if not known.
 export function bodyLimit() {
     return latest?.limits?.body_bytes ?? null;

@@ -7,7 +7,7 @@ export const flowTexts = {
     'Run one step': '执行一步',
     'Run the next step': '执行下一步',
     'Open in the form': '在表单中打开',
-    'Open “{step}” in the form': '在表单中打开“{step}”',
+    'Open in the form: {step}': '在表单中打开：{step}',
     'Next in the key exchange': '密钥交换的下一步',
     'Open its form': '打开表单',
     'The form is filled in.': '表单已填好。',

@@ -9,6 +9,7 @@ import { flows } from '../../devkit/console/flows.js';
 import { errorTexts, warningText } from '../../devkit/console/host_texts.js';
 import { setCatalogue } from '../../devkit/console/catalogue.js';
 import { setLanguage } from '../../devkit/console/i18n.js';
+import { DOCUMENTS, LIMITS, STATES } from '../../devkit/console/labels.js';
 import { chinese } from '../../devkit/console/zh.js';
 import { codes as codeTexts, peerTexts, reasons as reasonTexts, warnings as warningTexts } from '../../devkit/console/zh_host.js';
 import { getJson, startHost } from './host.mjs';
@@ -53,11 +54,29 @@ describe('Chinese', () => {
 
     test('of the guided flows lacks nothing', () => {
         const texts = flows.flatMap((flow) => [
-            flow.title, flow.summary, flow.intro,
+            flow.title, flow.summary, flow.intro, flow.sender,
             ...flow.inputs.flatMap((input) => [input.label, ...(input.options ?? [])]),
             ...flow.steps.flatMap((step) => [step.title, step.text]),
         ]);
         assert.deepEqual(missing(texts), []);
+    });
+
+    test('of what the page calls things of the host lacks nothing, and each has a name', async () => {
+        const { limits } = await getJson(host, '/v1/status');
+        assert.deepEqual(Object.keys(LIMITS).sort(), Object.keys(limits).sort());
+        const texts = [...Object.values(LIMITS).map(([text]) => text), ...Object.values(STATES), ...DOCUMENTS.map(([, text]) => text)];
+        assert.deepEqual(missing(texts), []);
+    });
+
+    // A text that nobody uses any longer would hide that its like is missing.
+    test('has no texts that are nowhere said', async () => {
+        const files = readdirSync(sources).filter((name) => name.endsWith('.js') && !name.startsWith('zh'));
+        const { requests } = await getJson(host, '/v1/catalogue');
+        const said = files.map((name) => readFileSync(sources + name, 'utf8')).join('\n').replace(/\\'/g, '\'') + JSON.stringify(requests)
+            + ['exchange.cpp'].map((name) => devkitSource(`host/${name}`)).join() + devkitSource('service/requests/service.cpp')
+            + devkitSource('peer/ke_server.cpp');
+        const unsaid = Object.keys(chinese).filter((text) => !said.includes(text) && !said.includes(JSON.stringify(text).slice(1, -1)));
+        assert.deepEqual(unsaid.filter((text) => !/^[HC]MAC[,:]/.test(text)), []);
     });
 
     // The names in braces, in their order.

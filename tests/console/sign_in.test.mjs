@@ -1,0 +1,196 @@
+// Coming and leaving: what a reload keeps, how tabs sign in and out together, and what the sign-in
+// says when it fails.
+
+import assert from 'node:assert/strict';
+import { after, before, describe, test } from 'node:test';
+
+import { closeBrowser, field, fill, fillAll, newPage, openBrowser, openRequest, send, signedIn } from './browser.mjs';
+import { startHost } from './host.mjs';
+
+const KEY = '000102030405060708090a0b0c0d0e0f';
+const READY = '.pill[data-state="ok"]';
+
+describe('Sign-in', () => {
+    let host = null;
+    let page = null;
+
+    before(async () => {
+        host = await startHost();
+        await openBrowser();
+    });
+    after(async () => {
+        await closeBrowser();
+        await host.stop();
+    });
+
+    const onPage = (work, expectedStatus) => async () => {
+        page = await signedIn(host, {}, expectedStatus);
+        await work();
+        await page.finish();
+    };
+    // Another tab of the same browser, opened by hand.
+    const tab = async (address = host.origin) => {
+        const other = await page.context().newPage();
+        await other.goto(address);
+        return other;
+    };
+    const storage = (where = page) => where.evaluate(() => ({ local: { ...localStorage }, session: { ...sessionStorage } }));
+    const card = () => page.locator('.error-card').textContent();
+
+    test('A reload keeps the sign-in and the form, without its secrets', onPage(async () => {
+        await openRequest(page, 'QZaven_crypto_encrypt');
+        await fillAll(page, { strCipherAlg: '4', strMode: '6', strKey: { hex: KEY + KEY }, strIV: { hex: '000102030405060708090a0b' },
+            straad: 'a secret header', strdata: 'a secret text', strgcmTagLen: '12' });
+        await send(page);
+        await openRequest(page, 'QZaven_crypto_private_decrypt');
+        await fillAll(page, { strRsaPaddingE: '1', strPassword: 'a secret password' });
+        await openRequest(page, 'QZaven_crypto_encrypt');
+        await page.reload();
+        await page.waitForSelector(READY);
+        assert.equal(await page.locator('h1').textContent(), 'QZaven_crypto_encrypt');
+        const input = (parameter) => field(page, parameter).locator('.control > select, .control > textarea, .control > input').inputValue();
+        assert.deepEqual([await input('strCipherAlg'), await input('strMode'), await input('strgcmTagLen')], ['4', '6', '12']);
+        assert.deepEqual([await input('strKey'), await input('strIV'), await input('straad'), await input('strdata')], ['', '', '', '']);
+        assert.equal(await page.locator('.outcome').count(), 0);
+        const { local, session } = await storage();
+        assert.deepEqual(local, {});
+        assert.deepEqual(Object.keys(session).sort(), ['corvane.forms', 'corvane.token']);
+        assert.deepEqual(JSON.parse(session['corvane.forms']), {
+            QZaven_crypto_encrypt: { strCipherAlg: '4', strMode: '6', strgcmTagLen: '12' },
+            QZaven_crypto_private_decrypt: { strRsaPaddingE: '1' },
+        });
+        // A form that was emptied stays empty.
+        await page.getByRole('button', { name: 'Empty the form' }).click();
+        await page.reload();
+        await page.waitForSelector(READY);
+        assert.equal(await input('strCipherAlg'), '');
+        await openRequest(page, 'QZaven_crypto_private_decrypt');
+        assert.equal(await input('strRsaPaddingE'), '1');
+    }));
+
+    test('What a host does not say to be no secret is not kept', async () => {
+        page = await newPage(host);
+        await page.route('**/v1/catalogue', async (route) => {
+            const answer = await route.fetch();
+            const json = await answer.json();
+            for (const request of json.requests) for (const parameter of request.parameters) delete parameter.secret;
+            await route.fulfill({ response: answer, json });
+        });
+        await page.goto(host.url);
+        await page.waitForSelector(READY);
+        await openRequest(page, 'QZaven_crypto_gen_symmkey');
+        await fill(page, 'strCipherAlg', '4');
+        await page.reload();
+        await page.waitForSelector(READY);
+        assert.deepEqual(Object.keys((await storage()).session), ['corvane.token']);
+        await page.finish();
+    });
+
+    test('A second tab signs in by itself, and keeps nothing beyond it', onPage(async () => {
+        const other = await tab();
+        await other.waitForSelector(READY);
+        assert.deepEqual(await storage(other), { local: {}, session: { 'corvane.token': host.token } });
+        assert.ok(!other.url().includes(host.token));
+        // It does not need the first one any longer.
+        await page.goto('about:blank');
+        await other.reload();
+        await other.waitForSelector(READY);
+        const third = await tab(`${host.origin}/#/request/QZaven_crypto_kdf`);
+        await third.waitForSelector(READY);
+        assert.equal(await third.locator('h1').textContent(), 'QZaven_crypto_kdf');
+    }));
+
+    test('A link that the page opens in a tab is signed in', onPage(async () => {
+        const opened = page.context().waitForEvent('page');
+        await page.locator('.tile').first().click({ modifiers: ['Control'] });
+        const other = await opened;
+        await other.bringToFront();
+        await other.waitForSelector(READY);
+        assert.equal(await other.locator('h1').textContent(), 'Encrypt and decrypt');
+    }));
+
+    test('Who signs out signs out all tabs', onPage(async () => {
+        await openRequest(page, 'QZaven_crypto_encrypt');
+        await fillAll(page, { strCipherAlg: '4', strdata: 'a secret text' });
+        await page.evaluate(() => window.dispatchEvent(new Event('pagehide')));
+        const other = await tab();
+        await other.waitForSelector(READY);
+        await other.getByRole('button', { name: 'Sign out' }).click();
+        for (const where of [page, other]) {
+            await where.waitForSelector('#token');
+            assert.deepEqual((await storage(where)).session, {});
+            assert.equal(await where.locator('.error-card').count(), 0);
+        }
+        // A new tab finds nobody who would tell.
+        const late = await tab();
+        await late.waitForSelector('#token');
+        // Signed in again in one, the others follow, with empty forms.
+        await late.locator('#token').fill(host.token);
+        await late.keyboard.press('Enter');
+        for (const where of [page, other, late]) await where.waitForSelector(READY);
+        await openRequest(page, 'QZaven_crypto_encrypt');
+        assert.equal(await field(page, 'strdata').locator('textarea').inputValue(), '');
+    }, [401]));
+
+    test('A token that the host did not take goes to no other tab', async () => {
+        page = await newPage(host, {}, [401]);
+        const heard = async (where) => where.evaluate(() => {
+            window.heard = [];
+            new BroadcastChannel('corvane.sign-in').onmessage = ({ data }) => window.heard.push(Object.keys(data).join());
+        });
+        await page.goto(host.origin);
+        await page.waitForSelector('#token');
+        await heard(page);
+        const other = await tab(`${host.origin}/#token=wrong`);
+        await other.waitForSelector('.error-card');
+        assert.deepEqual((await storage(other)).session, {});
+        assert.deepEqual(await page.evaluate(() => window.heard), []);
+        await page.finish();
+    });
+
+    test('Another browser profile is another person', async () => {
+        page = await signedIn(host);
+        const stranger = await newPage(host, {}, [401]);
+        await stranger.goto(host.origin);
+        await stranger.waitForSelector('#token');
+        await page.finish();
+        await stranger.finish();
+    });
+
+    test('The sign-in says what is wrong with a token, and where to find the right one', async () => {
+        page = await newPage(host, {}, [401]);
+        await page.goto(host.origin);
+        await page.waitForSelector('#token');
+        assert.match(await page.locator('.sign-in-help').textContent(), /link with “#token=”.*~\/\.local\/state\/corvane-host\/token/s);
+        await page.locator('#token').fill(host.token.slice(0, -1));
+        await page.keyboard.press('Enter');
+        await page.waitForSelector('.error-card');
+        assert.match(await card(), /^The host does not take this token\..*a part is missing.*link from the terminal/);
+        // The link does as well as the token.
+        await page.locator('#token').fill(host.url);
+        await page.keyboard.press('Enter');
+        await page.waitForSelector(READY);
+        assert.equal((await storage()).session['corvane.token'], host.token);
+        await page.finish();
+    });
+
+    test('A link with a wrong token is not said to have been signed in', async () => {
+        page = await newPage(host, {}, [401]);
+        await page.goto(`${host.origin}/#token=wrong`);
+        await page.waitForSelector('.error-card');
+        assert.match(await card(), /does not take this token/);
+        await page.finish();
+    });
+
+    test('A host that does not answer is said to be, with its address', async () => {
+        page = await newPage(host, {}, [0]);
+        await page.route('**/v1/catalogue', (route) => route.abort());
+        await page.goto(host.url);
+        await page.waitForSelector('.error-card');
+        assert.match(await card(), new RegExp(`No host answers at ${host.origin}\\..*must still be running`));
+        await page.unroute('**/v1/catalogue');
+        await page.getByRole('button', { name: 'Try again' }).click();
+        await page.waitForSelector(READY);
+        await page.finish();
+    });
+});
