@@ -27,7 +27,7 @@ all_packages=(clang-format clang-tidy cppcheck libclang-rt-14-dev llvm-14
 balancer_packages=(curl haproxy nginx-light openssl python3)
 
 # The console's tests in a browser; the fonts are for Chinese on the pictures.
-browser_packages=(chromium curl fonts-wqy-microhei nodejs)
+browser_packages=(chromium curl firefox-esr fonts-wqy-microhei nodejs)
 
 # What hosts tell to Prometheus, and the rules for it. Of the package, promtool is used.
 prometheus_packages=(curl openssl prometheus)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The console's tests: its functions in Node, its page in headless Chromium against a running
-# host. Usage: tests/console.sh [BUILD_DIRECTORY]; pictures end up in its console-screenshots.
+# The console's tests: its functions in Node, its page in headless Chromium and in Firefox
+# against a running host. Usage: tests/console.sh [BUILD_DIRECTORY]; pictures end up in its console-screenshots.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . packaging/packages.sh
@@ -14,4 +14,4 @@ export CORVANE_BUILD
 cd tests/console
 npm ci --silent --no-audit --no-fund
 exec node --test --test-reporter=spec values.test.mjs texts.test.mjs openapi.test.mjs console.test.mjs \
-    orientation.test.mjs sign_in.test.mjs
+    orientation.test.mjs sign_in.test.mjs firefox.test.mjs
