@@ -22,15 +22,15 @@ export function engineFacts(status) {
     return [el('dt', {}, t('Engine')), el('dd', { class: 'engine' }, text, mark)];
 }
 
-// "1 h 2 min 3 s", of seconds.
+// "1 h 2 min 3 s" or "5 min", of seconds.
 function span(seconds) {
     const parts = [
         [Math.floor(seconds / 3600), '{count} h'],
         [Math.floor(seconds / 60) % 60, '{count} min'],
         [seconds % 60, '{count} s'],
     ];
-    const first = parts.findIndex(([count]) => count > 0);
-    return parts.slice(first < 0 ? 2 : first).map(([count, text]) => t(text, { count })).join(' ');
+    const told = parts.filter(([count]) => count > 0);
+    return (told.length > 0 ? told : parts.slice(-1)).map(([count, text]) => t(text, { count })).join(' ');
 }
 
 const MIB = 1 << 20;

@@ -399,7 +399,7 @@ describe('Orientation', () => {
             await check('flow-failed');
             await openView(page, '#/flow/key-exchange');
             await runFlow(page);
-            for (const summary of await page.locator('.step details summary').all()) await summary.click();
+            await page.locator('.step details summary').nth(2).click();
             await check('flow-open');
             await page.setViewportSize({ width: 390, height: 844 });
             await openView(page, '#/');
@@ -412,9 +412,13 @@ describe('Orientation', () => {
             await check('refused');
         }, [401, 410]));
 
-    test('Nobody is shut out of any form', onPage(async () => {
+    test('Nobody is shut out of the forms of any group', onPage(async () => {
         const { requests } = await getJson(host, '/v1/catalogue');
-        for (const { name } of requests) {
+        const largest = new Map();
+        for (const request of requests)
+            if (request.parameters.length >= (largest.get(request.group)?.parameters.length ?? 0)) largest.set(request.group, request);
+        assert.ok(largest.size > 5);
+        for (const { name } of largest.values()) {
             await openRequest(page, name);
             assert.deepEqual(await accessibilityFaults(page), [], name);
         }
