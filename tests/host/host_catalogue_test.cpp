@@ -2,11 +2,11 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 
 #include "doubles/engine_double.h"
 #include "support/held.h"
 #include "support/host_program.h"
+#include "support/one_line.h"
 #include "support/openssl_tool.h"
 #include "support/plugin_test.h"
 #include "support/request_rows.h"
@@ -299,16 +299,6 @@ TEST_F(HostCatalogue, WithoutAnEngineEachRequestHasItsCode)
 }
 
 // ---- Sent again.
-
-// The words of a text, whatever its lines.
-std::string inOneLine(const std::string& text)
-{
-    std::istringstream stream(text);
-    std::string line;
-    for (std::string word; stream >> word;)
-        line += (line.empty() ? "" : " ") + word;
-    return line;
-}
 
 TEST_F(HostCatalogue, RequestsSayWhetherTheyMayBeSentAgain)
 {

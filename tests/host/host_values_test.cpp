@@ -187,10 +187,11 @@ TEST_F(HostValueForms, StepsOfAScriptHaveTheSameForms)
     };
     EXPECT_EQ(mac, script(Json{step("text:" + text)}.dump()).json()[0]["results"]["Data"]);
 
-    // Steps before it have been answered.
-    const Ended ended = script(Json{step(encoded), step("5ecret text")}.dump());
+    Json wrong = {step(encoded), step("5ecret text")};
+    wrong[1]["id"] = "b";
+    const Ended ended = script(wrong.dump());
     EXPECT_EQ(USAGE, ended.code);
-    EXPECT_TRUE(holds(ended.err, "step 2: ")) << ended.err;
+    EXPECT_TRUE(holds(ended.err, "step 2 (b): ")) << ended.err;
     EXPECT_FALSE(holds(ended.err, "5ecret")) << ended.err;
 
     Json second = {

@@ -10,6 +10,7 @@
 #include "host/parameters.h"
 #include "support/held.h"
 #include "support/host_program.h"
+#include "support/one_line.h"
 
 namespace {
 
@@ -345,7 +346,7 @@ TEST_F(NamesInDocuments, NamesStandBesideNumbers)
     size_t count = 0;
     for (const Json& request : run({"list", "--json"}).json()) {
         const std::string name = request["name"];
-        const std::string described = run({"describe", name}).out;
+        const std::string described = inOneLine(run({"describe", name}).out);
         const Json& schemas = document["paths"]["/v1/requests/" + name]["post"]["requestBody"]
                                       ["content"]["application/json"]["schema"]["properties"];
         for (const Json& parameter : request["parameters"]) {
@@ -379,7 +380,7 @@ TEST_F(NamesInDocuments, TellSizesAndForms)
           {"QZaven_crypto_private_decrypt", "OAEP is with SHA-256, also in MGF1"},
           {"QZaven_crypto_envelope_encrypt", "the envelope, in DER"},
           {"QZaven_crypto_envelope_decrypt", "the envelope, in DER"}}) {
-        EXPECT_TRUE(holds(run({"describe", request}).out, words)) << words;
+        EXPECT_TRUE(holds(inOneLine(run({"describe", request}).out), words)) << words;
         EXPECT_TRUE(holds(run({"list", "--markdown"}).out, words)) << words;
     }
 }

@@ -11,11 +11,13 @@
 #include "support/built_library.h"
 #include "support/files.h"
 #include "support/held.h"
+#include "support/one_line.h"
 #include "support/shell.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using support::inOneLine;
 using support::readWhole;
 using support::shell;
 using support::ShellOutcome;
@@ -220,10 +222,11 @@ TEST_F(Installed, FindsItsLibrariesWhereverItIsMoved)
         EXPECT_EQ(0, doctor.status) << doctor.output;
         const std::string libraries = prefix / "lib/corvane";
         for (const std::string& words :
-             {"  " + libraries + "/libCorvane_plugin.so, the usual place",
-              "  " + libraries + "/devkit/libSoftModuleaven.so, the usual place",
-              "  " + (prefix / "bin").string() + ", " + libraries + ", " + libraries + "/devkit;"})
-            EXPECT_NE(std::string::npos, doctor.output.find(words)) << words << doctor.output;
+             {" " + libraries + "/libCorvane_plugin.so, the usual place",
+              " " + libraries + "/devkit/libSoftModuleaven.so, the usual place",
+              " " + (prefix / "bin").string() + ", " + libraries + ", " + libraries + "/devkit;"})
+            EXPECT_NE(std::string::npos, inOneLine(doctor.output).find(words))
+                << words << doctor.output;
     }
 }
 
@@ -234,7 +237,8 @@ TEST_F(Installed, ModuleBesideThePluginComesBeforeTheDevkits)
     const char* module = "libCorvaneParamsModule.so";
     fs::copy_file(libraries / "devkit" / module, libraries / module);
     const ShellOutcome doctor = run("corvane-host", "doctor");
-    EXPECT_NE(std::string::npos, doctor.output.find((libraries / module).string() + ", the usual"))
+    EXPECT_NE(std::string::npos,
+              inOneLine(doctor.output).find((libraries / module).string() + ", the usual"))
         << doctor.output;
 }
 
