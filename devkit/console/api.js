@@ -3,14 +3,15 @@
 
 import { token } from './token.js';
 
-// The exchange with the host failed: {status, error: {code, text, cause, remedy, field}, warnings}.
-// Status 0: the host did not answer.
+// The exchange with the host failed: {status, error: {code, text, cause, remedy, field}, warnings,
+// answer}. Status 0: the host did not answer; `answer` is its JSON, or null.
 export class Failure extends Error {
-    constructor(status, error, warnings = []) {
+    constructor(status, error, answer = null) {
         super(error.text);
         this.status = status;
         this.error = error;
-        this.warnings = warnings;
+        this.warnings = answer?.warnings ?? [];
+        this.answer = answer;
     }
 }
 
@@ -36,27 +37,44 @@ const unreadable = {
     remedy: 'Check the address, and what stands between browser and host.',
 };
 
-// `session` is the token of the key-exchange session that a call belongs to, by which balancers
-// find its host. What cannot be a token is sent in the body alone.
-async function call(method, path, body, session = '') {
+const cancelled = {
+    code: 'cancelled',
+    source: 'page',
+    text: 'You stopped waiting for the answer.',
+    cause: 'The host may have carried the request out all the same: what it is at work on goes on to its end.',
+    remedy: 'Send it again, if that does no harm.',
+};
+
+// `body` is a text of JSON, or a Blob with its type. `session` is the token of the key-exchange
+// session that a call belongs to, by which balancers find its host; what cannot be a token is sent
+// in the body alone. `signal` is an AbortSignal that ends the waiting.
+async function call(method, path, body, session = '', signal = undefined) {
     const headers = {};
     if (isSessionToken(session)) headers[SESSION_HEADER] = session;
     if (token() !== '') headers.Authorization = `Bearer ${token()}`;
-    if (body !== undefined) headers['Content-Type'] = 'application/json';
+    if (body !== undefined) headers['Content-Type'] = body.type ?? 'application/json';
     let response;
+    let text;
     try {
-        response = await fetch(path, { method, headers, body, cache: 'no-store' });
+        response = await fetch(path, { method, headers, body, signal, cache: 'no-store' });
+        text = await response.text();
     } catch {
-        throw new Failure(0, unreachable);
+        throw new Failure(0, signal?.aborted ? cancelled : unreachable);
     }
-    let json;
-    try {
-        json = await response.json();
-    } catch {
-        throw new Failure(response.status, unreadable);
-    }
-    if (!response.ok) throw new Failure(response.status, json.error ?? unreadable, json.warnings);
+    const json = parsed(text);
+    if (json === null) throw new Failure(response.status, unreadable);
+    if (!response.ok) throw new Failure(response.status, json.error ?? unreadable, json);
     return json;
+}
+
+// An object of JSON, or null.
+function parsed(text) {
+    try {
+        const json = JSON.parse(text);
+        return typeof json === 'object' ? json : null;
+    } catch {
+        return null;
+    }
 }
 
 export function getCatalogue() {
@@ -67,11 +85,8 @@ export function getStatus() {
     return call('GET', '/v1/status');
 }
 
-// Parameters are values of the API, {name: value}.
-export function sendRequest(request, parameters) {
-    const handle = request.parameters.find((parameter) => parameter.form === 'handle');
-    return call('POST', `/v1/requests/${encodeURIComponent(request.name)}`, JSON.stringify(parameters),
-        parameters[handle?.name]);
+export function sendRequest(request, body, session, signal) {
+    return call('POST', `/v1/requests/${encodeURIComponent(request.name)}`, body, session, signal);
 }
 
 export function sendToPeer(step, body, session) {

@@ -2,8 +2,12 @@
 // written as they were given; the bearer token is left to the variable TOKEN. Lines suit bash.
 
 import { SESSION_HEADER, isSessionToken } from './api.js';
-import { entryBytes, entryValue, fieldKind, travelsAsBase64 } from './entries.js';
+import { entryBytes, entryValue, fieldKind, hasFile, travelsAsBase64 } from './entries.js';
+import { formParts, jsonPieces } from './sending.js';
 import { bareHex, isPrintable, textOf, toBase64, toHex, toUrlBase64, utf8 } from './values.js';
+
+// Longer lines are none: Linux takes 128 KiB in one argument.
+export const LONGEST_LINE = 120000;  // characters
 
 // A word that the shell takes as it is.
 export function quote(text) {
@@ -21,22 +25,30 @@ function fileArgument(name) {
 
 const multiline = (words) => words.join(' \\\n  ');
 
-// A value for curl's -F or --form-string, or null if a form cannot carry it.
-function formPart(parameter, entry) {
-    if (entry.how === 'file') {
-        const name = fileArgument(entry.file.name).replace(/["\\]/g, '\\$&');
-        return ['-F', quote(`${parameter.name}=@"${name}"`)];
-    }
-    const value = entryValue(parameter, entry);
-    if (typeof value === 'string')
-        return value.includes('\0') ? null : ['--form-string', quote(`${parameter.name}=${value}`)];
-    if (!travelsAsBase64(parameter) || 'raw' in value) return null;
-    const bytes = entryBytes(entry);
-    return ['--form-string', quote(`${parameter.name}=${toBase64(bytes)}`)];
+// A file that the shell makes of bytes.
+const bytesFile = (bytes) => `<(printf %s ${quote(toBase64(bytes))} | base64 -d)`;
+
+// A field of a form for curl.
+function formWords({ name, text, bytes, file }) {
+    if (text !== undefined) return `--form-string ${quote(`${name}=${text}`)}`;
+    if (bytes !== undefined) return `-F ${quote(`${name}=@`)}${bytesFile(bytes)}`;
+    return `-F ${quote(`${name}=@"${fileArgument(file.name).replace(/["\\]/g, '\\$&')}"`)}`;
 }
 
-// `given` is [{parameter, entry}]. Files go as files if all else fits into a form; otherwise
-// everything goes as JSON.
+// Each member on a line of its own: within quotes the shell takes that, as JSON does.
+function jsonWords(given) {
+    if (given.some(({ entry }) => hasFile(entry))) {
+        const commands = jsonPieces(given).map((piece) => (typeof piece === 'string'
+            ? `printf %s ${quote(piece)}`
+            : `base64 <${quote(fileArgument(piece.name))} | tr -d '\\n'`));
+        return `--data-binary @<(${commands.join('; ')})`;
+    }
+    const values = given.map(({ parameter, entry }) => [parameter.name, entryValue(parameter, entry)]);
+    const members = values.map(([name, value]) => `\n  ${JSON.stringify(name)}: ${JSON.stringify(value)}`);
+    return `--data-raw ${quote(`{${members.join(',')}${members.length > 0 ? '\n' : ''}}`)}`;
+}
+
+// `given` is [{parameter, entry}]; what goes as a form or as JSON goes so here too.
 export function curlLine(origin, requestName, given) {
     const head = [
         `curl -sS ${quote(`${origin}/v1/requests/${requestName}`)}`,
@@ -44,13 +56,9 @@ export function curlLine(origin, requestName, given) {
     ];
     const session = given.find(({ parameter }) => parameter.form === 'handle')?.entry.text;
     if (isSessionToken(session)) head.push(`-H ${quote(`${SESSION_HEADER}: ${session}`)}`);
-    const parts = given.map(({ parameter, entry }) => formPart(parameter, entry));
-    if (given.some(({ entry }) => entry.how === 'file') && !parts.includes(null))
-        return multiline([...head, ...parts.map((words) => words.join(' '))]);
-
-    const values = given.map(({ parameter, entry }) => [parameter.name, entryValue(parameter, entry)]);
-    return multiline([...head, "-H 'Content-Type: application/json'",
-        `--data-raw ${quote(JSON.stringify(Object.fromEntries(values)))}`]);
+    const parts = formParts(given);
+    if (parts !== null) return multiline([...head, ...parts.map(formWords)]);
+    return multiline([...head, "-H 'Content-Type: application/json'", jsonWords(given)]);
 }
 
 // A text argument of corvane-host, guarded where it begins like one of its other forms.
@@ -72,7 +80,7 @@ function hostArgument(parameter, entry) {
     if (text !== null && !text.includes('\0')) return argument(encoded ? `text:${text}` : asText(text));
     if (encoded && entry.how === 'hex') return argument(`hex:${bareHex(entry.text)}`);
     if (encoded && entry.how === 'base64') return argument(toUrlBase64(bytes));
-    return `${quote(parameter.name)}=${encoded ? 'b64:' : ''}@<(printf %s ${quote(toBase64(bytes))} | base64 -d)`;
+    return `${quote(parameter.name)}=${encoded ? 'b64:' : ''}@${bytesFile(bytes)}`;
 }
 
 // Behind "raw:" only these two mean something.

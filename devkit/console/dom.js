@@ -27,6 +27,13 @@ const icons = {
     cross: 'M4 4l8 8 M12 4l-8 8',
     theme: 'M8 2.5a5.5 5.5 0 1 0 0 11z M8 2.5a5.5 5.5 0 0 1 0 11',
     arrow: 'M6 3.5 10.5 8 6 12.5',
+    barred: 'M8 2a6 6 0 1 0 0 12A6 6 0 0 0 8 2z M3.8 3.8l8.4 8.4',
+    crash: 'M9 1.5 3.5 9H8l-1 5.5L12.5 7H8z',
+    clock: 'M8 2a6 6 0 1 0 0 12A6 6 0 0 0 8 2z M8 4.5V8l2.5 1.5',
+    queue: 'M5.5 3.5v9 M10.5 3.5v9',
+    cut: 'M1.5 8h4 M10.5 8h4 M6.5 5.5 8 8 M8 8l1.5 2.5',
+    stop: 'M4 4h8v8H4z',
+    info: 'M8 2a6 6 0 1 0 0 12A6 6 0 0 0 8 2z M8 7.5V11 M8 5v.1',
 };
 
 export function icon(name) {

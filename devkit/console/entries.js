@@ -1,9 +1,10 @@
 // An entry is what a person gave for one parameter: {how, text, file}. `how` is text, hex,
-// base64 or file; `file` is {name, bytes} or null. These functions turn entries into bytes and
-// into values of the API, and say what is wrong with them. Nothing here touches the page.
+// base64 or file; `file` is the browser's File, which nobody reads here, or null. These functions
+// turn entries into bytes and into values of the API, and say what is wrong with them. Nothing
+// here touches the page.
 
 import { bareBase64, bareHex, fromBase64, fromHex, textOf, toBase64, toHex, utf8 } from './values.js';
-import { t } from './i18n.js';
+import { number, t } from './i18n.js';
 
 export function emptyEntry(how = 'text') {
     return { how, text: '', file: null };
@@ -13,11 +14,13 @@ export function isEmpty(entry) {
     return entry.how === 'file' ? entry.file === null : entry.text === '';
 }
 
-// The bytes that an entry stands for, or null if it stands for none.
+export function hasFile(entry) {
+    return entry.how === 'file' && entry.file !== null;
+}
+
+// The bytes that an entry stands for, or null if it stands for none. Not for files.
 export function entryBytes(entry) {
     switch (entry.how) {
-        case 'file':
-            return entry.file && entry.file.bytes;
         case 'hex':
             return fromHex(entry.text);
         case 'base64':
@@ -27,14 +30,22 @@ export function entryBytes(entry) {
     }
 }
 
-// The same bytes in another form, as far as that can show them.
+// How many bytes an entry stands for; null if for none.
+export function entrySize(entry) {
+    if (isEmpty(entry)) return null;
+    return entry.how === 'file' ? entry.file.size : entryBytes(entry)?.length ?? null;
+}
+
+// The same bytes in another form, as far as that can show them. A file waits until files are
+// chosen again.
 export function convertEntry(entry, how) {
+    const { file } = entry;
     if (isEmpty(entry) || how === 'file') return { ...entry, how };
-    const bytes = entryBytes(entry);
-    if (bytes === null || bytes.length > 65536) return { ...emptyEntry(how), file: entry.file };
-    if (how === 'hex') return { how, text: toHex(bytes), file: null };
-    if (how === 'base64') return { how, text: toBase64(bytes), file: null };
-    return { how, text: textOf(bytes) ?? '', file: null };
+    const bytes = entry.how === 'file' ? null : entryBytes(entry);
+    if (bytes === null || bytes.length > 65536) return { how, text: '', file };
+    if (how === 'hex') return { how, text: toHex(bytes), file };
+    if (how === 'base64') return { how, text: toBase64(bytes), file };
+    return { how, text: textOf(bytes) ?? '', file };
 }
 
 // Forms whose values are Base64 of bytes on their way to the plug-in.
@@ -58,7 +69,48 @@ export function takesUpload(parameter) {
 
 // Whether random bytes make sense: keys, initial values.
 export function takesRandom(parameter) {
-    return parameter.form === 'base64' && /\bkey\b|initial value/.test(parameter.meaning);
+    return parameter.form === 'base64' &&
+        (parameter.length !== undefined || /\bkey\b|initial value/.test(parameter.meaning));
+}
+
+const exactly = (count) => ({ least: count, most: count, usual: count });
+
+// How many bytes a parameter needs beside the other values: {least, most, usual}, or null where
+// that is not known. A key's length follows from the cipher, an initial value's from mode and cipher.
+export function neededLength(request, parameter, valueOf) {
+    if (parameter.bytes !== undefined) return exactly(parameter.bytes);
+    const chosen = (member) => {
+        const other = request.parameters.find(({ choices }) => choices?.some((row) => member in row));
+        return other?.choices.find((row) => row.value === valueOf(other.name))?.[member];
+    };
+    if (parameter.length === 'key') {
+        const keyBytes = chosen('keyBytes');
+        return keyBytes === undefined ? null : exactly(keyBytes);
+    }
+    if (parameter.length !== 'iv') return null;
+    const iv = chosen('iv');
+    const blockBytes = chosen('blockBytes');
+    if (iv === 'block') return blockBytes === undefined ? null : exactly(blockBytes);
+    return typeof iv === 'object' ? { least: iv.min, most: iv.max, usual: iv.usual } : null;
+}
+
+// "32 bytes needed", of what neededLength() gives.
+export function neededText({ least, most, usual }) {
+    if (least === most) return least === 1 ? t('1 byte needed') : t('{count} bytes needed', { count: least });
+    return t('{least} to {most} bytes needed, usually {usual}', { least, most, usual });
+}
+
+export function choiceText({ value, text }) {
+    return text ? t('{name} ({value})', { name: t(text), value }) : value;
+}
+
+// Why a parameter has no use beside the other values, in the words of its condition.
+export function unusedText(request, { requiredWhen }) {
+    const other = request.parameters.find(({ name }) => name === requiredWhen.parameter);
+    const value = requiredWhen.is ?? requiredWhen.isNot;
+    const row = other?.choices?.find((choice) => choice.value === value);
+    const choice = row?.text ? t(row.text) : `${requiredWhen.parameter} ${value}`;
+    return 'is' in requiredWhen ? t('Used with {choice} only.', { choice }) : t('Not used with {choice}.', { choice });
 }
 
 // Whether a condition of the catalogue ({parameter, is} or {parameter, isNot}) holds.
@@ -78,14 +130,10 @@ export function isRequired(parameter, valueOf) {
         (parameter.requiredWhen !== undefined && holds(parameter.requiredWhen, valueOf));
 }
 
-// The value of the API for an entry that is not empty; null if there is none.
+// The value of the API for an entry that is neither empty nor a file; null if there is none.
 export function entryValue(parameter, entry) {
-    const kind = fieldKind(parameter);
-    if (kind === 'path' && entry.how === 'file') return { base64: toBase64(entry.file.bytes) };
-    if (kind !== 'bytes') return entry.text;
+    if (fieldKind(parameter) !== 'bytes') return entry.text;
     switch (entry.how) {
-        case 'file':
-            return { base64: toBase64(entry.file.bytes) };
         case 'hex':
             return fromHex(entry.text) && { hex: bareHex(entry.text).toLowerCase() };
         case 'base64':
@@ -123,9 +171,14 @@ function pathFault(text) {
     return '';
 }
 
+function lengthFault(length, size) {
+    if (length === null || (size >= length.least && size <= length.most)) return '';
+    return t('{needed}, {size} given.', { needed: neededText(length), size: number(size) });
+}
+
 // What is wrong with an entry: {text, stops}, or null. With `stops` it stands for nothing that
-// could be sent; all else the host may be asked to judge.
-export function fault(parameter, entry, valueOf) {
+// could be sent; all else the host may be asked to judge. `length` is what neededLength() gives.
+export function fault(parameter, entry, valueOf, length = null) {
     if (isEmpty(entry)) {
         if (!isRequired(parameter, valueOf)) return null;
         return { text: t('Required, and still empty.'), stops: false };
@@ -136,11 +189,8 @@ export function fault(parameter, entry, valueOf) {
     if (kind === 'path' && entry.how !== 'file') return refused(pathFault(entry.text));
     if (kind !== 'bytes') return null;
 
-    const bytes = entryBytes(entry);
-    if (bytes === null && entry.how === 'hex') return { text: hexFault(entry.text), stops: true };
-    if (bytes === null) return refused(base64Fault(entry.text));
-    if (parameter.bytes !== undefined && bytes.length !== parameter.bytes)
-        return refused(t('Must have {count} bytes; it has {size}.',
-            { count: parameter.bytes, size: bytes.length }));
-    return null;
+    const size = entrySize(entry);
+    if (size === null && entry.how === 'hex') return { text: hexFault(entry.text), stops: true };
+    if (size === null) return refused(base64Fault(entry.text));
+    return refused(lengthFault(length, size));
 }

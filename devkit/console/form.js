@@ -2,15 +2,16 @@
 // is filled in. What is filled in lives in the entries; a form can be drawn from them anew.
 
 import { announce, el, newId } from './dom.js';
-import { applies, convertEntry, entryBytes, entryValue, fault, fieldKind, isEmpty, isRequired,
-    takesRandom, takesUpload } from './entries.js';
+import { applies, choiceText, convertEntry, entrySize, fault, fieldKind, isEmpty, isRequired, neededLength,
+    neededText, takesRandom, takesUpload, unusedText } from './entries.js';
 import { warningText } from './host_texts.js';
-import { byteCount, sentence, t } from './i18n.js';
+import { capitalised, dataSize, sentence, t } from './i18n.js';
 import { openSessions } from './memory.js';
 import { randomBytes, toHex } from './values.js';
 
 const HOW_TEXTS = { text: 'Text', hex: 'Hex', base64: 'Base64', file: 'File' };
-const RANDOM_SIZES = [12, 16, 24, 32];
+const RANDOM_SIZES = [12, 16, 24, 32];  // where nothing tells the right one
+const MOST_ROWS = 9;
 
 // Radio buttons that look like one control. `options` are [value, text].
 export function segments(label, options, chosen, onChoose) {
@@ -30,6 +31,20 @@ function chip(text, onClick, title) {
     return el('button', { type: 'button', class: 'chip', title, on: { click: onClick } }, text);
 }
 
+// What a file field shows as chosen. A new field would else say that nothing is.
+function fileList(file) {
+    const transfer = new DataTransfer();
+    transfer.items.add(file);
+    return transfer.files;
+}
+
+// As high as its text, where the browser does not see to that itself.
+function grow(area) {
+    if (CSS.supports('field-sizing', 'content')) return;
+    area.rows = 1;
+    while (area.scrollHeight > area.clientHeight && area.rows < MOST_ROWS) area.rows += 1;
+}
+
 // One field. `form` is told of every change through form.changed().
 class Field {
     constructor(parameter, form) {
@@ -46,7 +61,7 @@ class Field {
         this.need = el('span', { class: 'need' });
         this.unused = el('p', { class: 'unused' });
         const [label, ...help] = sentence(parameter.meaning).split(/; |；/);
-        this.help = el('p', { class: 'help', id: `${this.id}-help` }, help.join('; '));
+        this.help = el('p', { class: 'help', id: `${this.id}-help` }, capitalised(help.join('; ')));
         this.body = el('div', {}, this.control, this.foot, this.problem, this.warning, this.help);
         const wide = this.kind !== 'choice' && this.kind !== 'number';
         this.element = el('div', { class: wide ? 'field wide' : 'field', data: { parameter: parameter.name } },
@@ -82,7 +97,17 @@ class Field {
         this.input = this.makeInput();
         this.input.id = this.id;
         this.control.replaceChildren(...[this.ways(), this.input, this.chosenFile()].filter(Boolean));
+        this.drawChips();
+    }
+
+    // The chips follow the other values.
+    drawChips() {
+        this.chipsFor = this.needed()?.usual;
         this.foot.replaceChildren(this.size, ...this.chips());
+    }
+
+    needed() {
+        return neededLength(this.form.request, this.parameter, this.form.valueOf);
     }
 
     ways() {
@@ -104,8 +129,11 @@ class Field {
         const onInput = { input: (event) => this.typed(event.target.value) };
         const plain = { autocomplete: 'off', spellcheck: 'false', autocapitalize: 'off' };
         if (this.kind === 'choice') return this.makeSelect();
-        if (entry.how === 'file')
-            return el('input', { type: 'file', on: { change: (event) => this.readFile(event.target.files[0]) } });
+        if (entry.how === 'file') {
+            const input = el('input', { type: 'file', on: { change: () => this.choose(input.files[0]) } });
+            if (entry.file !== null) input.files = fileList(entry.file);
+            return input;
+        }
         if (this.kind === 'number')
             return el('input', { ...plain, type: 'text', inputmode: 'numeric', value: entry.text, on: onInput,
                 placeholder: parameter.default ?? '' });
@@ -113,44 +141,54 @@ class Field {
             return el('input', { ...plain, type: 'password', autocomplete: 'new-password', value: entry.text, on: onInput });
         if (this.kind === 'handle' || this.kind === 'path')
             return el('input', { ...plain, type: 'text', class: 'mono', value: entry.text, on: onInput });
-        return el('textarea', { ...plain, rows: 1, class: entry.how === 'text' ? '' : 'mono', value: entry.text, on: onInput });
+        const area = el('textarea', { ...plain, rows: 1, class: entry.how === 'text' ? '' : 'mono', value: entry.text, on: onInput });
+        requestAnimationFrame(() => grow(area));
+        return area;
     }
 
     makeSelect() {
         const { parameter, entry } = this;
         const choices = parameter.choices ?? parameter.oneOf.map((value) => ({ value, text: '' }));
-        const line = ({ value, text }) => (text === '' ? value : `${value} · ${t(text)}`);
         const standard = choices.find(({ value }) => value === parameter.default);
         let absent = parameter.required ? t('Choose…') : t('Not given');
-        if (standard) absent = t('Not given: {value}', { value: line(standard) });
+        if (standard) absent = t('Not given: {value}', { value: choiceText(standard) });
         const select = el('select', { on: { change: (event) => this.typed(event.target.value) } },
             el('option', { value: '' }, absent),
-            choices.map((row) => el('option', { value: row.value }, line(row))));
+            choices.map((row) => el('option', { value: row.value }, choiceText(row))));
         select.value = entry.text;
         return select;
     }
 
     chosenFile() {
         if (this.entry.how !== 'file' || this.entry.file === null) return null;
-        return el('span', { class: 'file-name' }, this.entry.file.name);
+        const { name } = this.entry.file;
+        return el('p', { class: 'chosen-file' }, el('span', { class: 'file-name' }, name),
+            el('button', { type: 'button', class: 'chip', 'aria-label': t('Remove {file}', { file: name }), on: {
+                click: () => {
+                    this.put({ ...this.entry, file: null });
+                    this.input.focus();
+                },
+            } }, t('Remove')));
     }
 
-    async readFile(file) {
-        if (!file) return;
-        const bytes = new Uint8Array(await file.arrayBuffer());
-        this.put({ how: 'file', text: '', file: { name: file.name, bytes } });
+    // Who leaves the choice without a file keeps the one before.
+    choose(file) {
+        if (file) this.put({ how: 'file', text: '', file });
+        else this.draw();
         this.input.focus();
     }
 
     chips() {
         const { parameter } = this;
         if (takesRandom(parameter)) {
-            const sizes = parameter.bytes ? [parameter.bytes] : RANDOM_SIZES;
+            const draws = (text, size) => chip(text, () => {
+                this.put({ how: 'hex', text: toHex(randomBytes(size)), file: this.entry.file });
+                [...this.foot.querySelectorAll('.chip')].find((drawn) => drawn.textContent === text)?.focus();
+                announce(t('{count} random bytes filled in', { count: size }));
+            }, t('{count} random bytes', { count: size }));
+            if (this.chipsFor !== undefined) return [draws(t('Random: {count} bytes', { count: this.chipsFor }), this.chipsFor)];
             return [el('span', { class: 'chips-label' }, t('Random bytes:')),
-                ...sizes.map((size) => chip(String(size), () => {
-                    this.put({ how: 'hex', text: toHex(randomBytes(size)), file: null });
-                    announce(t('{count} random bytes filled in', { count: size }));
-                }, t('{count} random bytes', { count: size })))];
+                ...RANDOM_SIZES.map((size) => draws(String(size), size))];
         }
         if (this.kind === 'handle')
             return openSessions().map((handle) =>
@@ -161,8 +199,10 @@ class Field {
 
     sizeText() {
         if (this.kind !== 'bytes' && this.entry.how !== 'file') return '';
-        const bytes = isEmpty(this.entry) ? null : entryBytes(this.entry);
-        return bytes === null ? '' : byteCount(bytes.length);
+        const needed = this.needed();
+        if (isEmpty(this.entry)) return needed === null ? '' : neededText(needed);
+        const size = entrySize(this.entry);
+        return size === null ? '' : dataSize(size);
     }
 
     needText(used) {
@@ -177,10 +217,12 @@ class Field {
         this.body.hidden = !used;
         this.unused.hidden = used;
         this.element.classList.toggle('is-unused', !used);
-        this.unused.textContent = used ? '' : t('Not used here: {need}.', { need: t(this.parameter.need) });
+        this.unused.textContent = used ? '' : unusedText(this.form.request, this.parameter);
         this.need.textContent = this.needText(used);
         this.need.classList.toggle('is-required', isRequired(this.parameter, this.form.valueOf));
+        if (this.needed()?.usual !== this.chipsFor) this.drawChips();
         this.size.textContent = this.sizeText();
+        if (this.input.tagName === 'TEXTAREA') grow(this.input);
 
         const found = this.fault();
         // Nothing is said of a field that is still to be filled in, before it is to be sent.
@@ -196,13 +238,14 @@ class Field {
     // What is wrong, also where it is not shown yet.
     fault() {
         if (!applies(this.parameter, this.form.valueOf)) return null;
-        return fault(this.parameter, this.entry, this.form.valueOf);
+        return fault(this.parameter, this.entry, this.form.valueOf, this.needed());
     }
 }
 
 export class RequestForm {
     // `onChange` is called after each change of a value.
     constructor(request, entries, onChange) {
+        this.request = request;
         this.entries = entries;
         this.onChange = onChange;
         this.valueOf = (name) => this.entries.get(name)?.text ?? '';
@@ -243,12 +286,6 @@ export class RequestForm {
     // Whether each value stands for something.
     isSendable() {
         return this.fields.every((field) => !field.fault()?.stops);
-    }
-
-    // The call's parameters for the API; the form must be sendable.
-    parameters() {
-        return Object.fromEntries(this.given().map(({ parameter, entry }) =>
-            [parameter.name, entryValue(parameter, entry)]));
     }
 
     // Puts the host's warnings at their fields; those without a field are returned.

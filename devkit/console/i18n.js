@@ -47,6 +47,21 @@ export function number(value) {
     return value.toLocaleString(language === 'zh' ? 'zh-CN' : 'en');
 }
 
+// In the unit in which people read it, with the bytes behind it.
+export function dataSize(count) {
+    if (count < 1024) return byteCount(count);
+    return t('{size} ({exactly})', { size: roundSize(count), exactly: byteCount(count) });
+}
+
+// "1.5 KiB".
+export function roundSize(count) {
+    if (count < 1024) return byteCount(count);
+    let size = count;
+    let unit = -1;
+    for (; size >= 1023.95 && unit < 2; ++unit) size /= 1024;
+    return `${number(Math.round(size * 10) / 10)} ${['KiB', 'MiB', 'GiB'][unit]}`;
+}
+
 export function byteCount(count) {
     return count === 1 ? t('1 byte') : t('{count} bytes', { count: number(count) });
 }

@@ -4,10 +4,6 @@ import { emptyEntry, fieldKind, takesUpload, travelsAsBase64 } from './entries.j
 import { formOf } from './memory.js';
 import { fromBase64, isPrintable, textOf } from './values.js';
 
-function fileOf(name, bytes) {
-    return Object.assign(new File([bytes], name), { bytes });
-}
-
 // The entry that a person would have made for a value: a string, {hex}, {base64} or {text}.
 export function entryOf(parameter, value) {
     if (typeof value === 'string') {
@@ -17,7 +13,7 @@ export function entryOf(parameter, value) {
     const [[how, text]] = Object.entries(value);
     if (how !== 'base64') return { ...emptyEntry(how), text };
     const bytes = fromBase64(text);
-    if (takesUpload(parameter)) return { ...emptyEntry('file'), file: fileOf(`${parameter.name}.bin`, bytes) };
+    if (takesUpload(parameter)) return { ...emptyEntry('file'), file: new File([bytes], `${parameter.name}.bin`) };
     const readable = textOf(bytes);
     return readable !== null && isPrintable(readable)
         ? { ...emptyEntry('text'), text: readable }

@@ -2,54 +2,106 @@
 
 import { Failure, sendRequest } from './api.js';
 import { findParameter, findRequest } from './catalogue.js';
-import { curlLine, hostLine } from './command_lines.js';
+import { LONGEST_LINE, curlLine, hostLine } from './command_lines.js';
 import { announce, el, icon } from './dom.js';
+import { hasFile } from './entries.js';
 import { nextInExchange } from './exchange_guide.js';
 import { RequestForm } from './form.js';
 import { errorTexts, warningText } from './host_texts.js';
-import { sentence, t } from './i18n.js';
+import { number, roundSize, sentence, t } from './i18n.js';
 import { forgetForm, formOf, remember } from './memory.js';
+import { errorKind, kindHeading } from './outcomes.js';
 import { copyButton, drawOutcome, duration } from './result.js';
-import { bodyLimit } from './status.js';
+import { bodySize, filesAreReadable, makeBody, swellsFiles } from './sending.js';
+import { bodyLimit, currentStatus } from './status.js';
 import { toUrlBase64 } from './values.js';
 
-const SHOWN_LINE = 4000;
+// Quicker answers need no word of waiting.
+const PATIENCE = 300;  // milliseconds
 
-// Sends a request and turns whatever happens into an outcome: {ok, results, error, warnings,
-// microseconds, status}. Only a refused token is thrown on.
-export async function exchange(request, parameters) {
+// The calls that are on their way, by the state of their form: {controller, started, view}. The
+// view may be another one than that which sent, if the person went away and came back.
+const calls = new WeakMap();
+
+function handleOf(request) {
+    return request.parameters.find((parameter) => parameter.form === 'handle')?.name;
+}
+
+// Turns whatever happens to a call into an outcome: {ok, results, error, warnings, microseconds,
+// status, json}. Only a refused token is thrown on.
+async function outcomeOf(request, session, call) {
     let outcome;
     try {
-        const answer = await sendRequest(request, parameters);
-        outcome = { ...answer, ok: answer.error === null, status: 200 };
+        const answer = await call();
+        outcome = { ...answer, ok: answer.error === null, status: 200, json: answer };
     } catch (failure) {
         if (!(failure instanceof Failure) || failure.status === 401) throw failure;
-        const { status, error, warnings } = failure;
-        outcome = { ok: false, results: {}, error, warnings, status };
+        const { status, error, warnings, answer } = failure;
+        outcome = { ok: false, results: {}, error, warnings, status, json: answer };
     }
-    remember(request, parameters, outcome);
+    remember(request, { [handleOf(request)]: session }, outcome);
     return outcome;
 }
 
-function outcomeText(outcome) {
-    if (!outcome.ok) return t('Refused: {code}. {text}', { code: outcome.error.code, text: errorTexts(outcome.error).text });
-    return t('Success, {time}', { time: duration(outcome.microseconds) });
+// Sends a request whose parameters are values of the API, {name: value}.
+export function exchange(request, parameters, signal) {
+    const session = parameters[handleOf(request)];
+    return outcomeOf(request, session, () => sendRequest(request, JSON.stringify(parameters), session, signal));
 }
 
-// The outcome of a call that this page does not send.
-function refusedHere(code, text) {
-    return { ok: false, results: {}, error: { code, source: 'page', text }, warnings: [] };
+const unreadableFile = {
+    code: 'unreadable_file',
+    source: 'page',
+    text: 'A chosen file cannot be read.',
+    cause: 'It was changed, moved or deleted after it was chosen.',
+    remedy: 'Choose the file again, then send.',
+};
+
+// Sends what a form has given: [{parameter, entry}].
+function exchangeGiven(request, given, signal) {
+    const session = given.find(({ parameter }) => parameter.form === 'handle')?.entry.text;
+    return outcomeOf(request, session, async () => {
+        // Browsers report a file that is gone like a host that is gone.
+        if (!await filesAreReadable(given)) throw new Failure(0, unreadableFile);
+        return sendRequest(request, await makeBody(given), session, signal);
+    });
+}
+
+function outcomeText(outcome) {
+    if (outcome.ok) return t('Success, {time}', { time: duration(outcome.microseconds) });
+    const { error } = outcome;
+    return t('{what}: {code}. {text}',
+        { what: kindHeading(errorKind(error), error.source), code: error.code, text: errorTexts(error).text });
+}
+
+// What the host would not take, as the error of a call that is not sent; null if it takes it.
+function tooLarge(given) {
+    const limit = bodyLimit();
+    const size = bodySize(given);
+    if (limit === null || size <= limit) return null;
+    return {
+        code: 'too_large',
+        source: 'page',
+        text: t('Too large: this call has {size}, and the host takes {limit} in one call.',
+            { size: roundSize(size), limit: roundSize(limit) }),
+        cause: swellsFiles(given)
+            ? t('A value that is no Base64 is sent as it is, and a form cannot carry that. So the file is sent as Base64, which is a third longer.') : '',
+        remedy: given.some(({ entry }) => hasFile(entry))
+            ? t('Choose a smaller file, or start the host with a larger --body-bytes.')
+            : t('Send less, or start the host with a larger --body-bytes.'),
+    };
 }
 
 function drawLine(title, id, line, note) {
-    if (line === null)
-        return el('div', { class: 'line' }, el('div', { class: 'line-head' }, el('h3', {}, title)),
-            el('p', { class: 'muted' }, note));
-    const shown = line.length > SHOWN_LINE ? `${line.slice(0, SHOWN_LINE)}…` : line;
+    const head = el('h3', {}, title);
+    if (line === null || line.length > LONGEST_LINE)
+        return el('div', { class: 'line' }, el('div', { class: 'line-head' }, head),
+            el('p', { class: 'muted' }, line === null ? note
+                : t('This is longer than a shell takes. Save the long value as a file, and choose that.')));
     return el('div', { class: 'line' },
-        el('div', { class: 'line-head' }, el('h3', {}, title),
+        el('div', { class: 'line-head' }, head,
             copyButton(() => line, t('Copy'), { 'aria-label': t('Copy the {tool} line', { tool: title }) })),
-        el('pre', { id, tabindex: 0, 'aria-label': title }, shown));
+        el('pre', { id, class: 'command', tabindex: 0, 'aria-label': title }, line));
 }
 
 export class RequestView {
@@ -59,7 +111,7 @@ export class RequestView {
         this.go = go;
         this.state = formOf(this.request);
         this.title = name;
-        this.sending = false;
+        this.timer = 0;
     }
 
     draw() {
@@ -68,8 +120,10 @@ export class RequestView {
         this.lines = el('div', { class: 'lines' });
         this.answer = el('div', { class: 'answer' });
         this.attention = el('div', { class: 'attention', role: 'alert' });
-        this.send = el('button', { type: 'submit', class: 'button primary' }, icon('send'), t('Send'));
-        const reset = el('button', { type: 'button', class: 'button', on: { click: () => this.reset() } }, t('Empty the form'));
+        this.excess = el('p', { class: 'problem' });
+        this.send = el('button', { type: 'submit', class: 'button primary' });
+        this.cancel = el('button', { type: 'button', class: 'button', on: { click: () => this.stop() } }, icon('stop'), t('Cancel'));
+        this.empty = el('button', { type: 'button', class: 'button', on: { click: () => this.reset() } }, t('Empty the form'));
         const form = el('form', { novalidate: true, 'aria-labelledby': 'view-title', on: {
             submit: (event) => {
                 event.preventDefault();
@@ -83,13 +137,15 @@ export class RequestView {
             },
         } },
         request.parameters.length === 0 ? el('p', { class: 'muted' }, t('This request takes no parameters.')) : null,
-        this.form.element, this.attention,
-        el('div', { class: 'form-actions' }, this.send,
-            request.parameters.length > 0 ? reset : null,
+        this.form.element,
+        el('div', { class: 'form-actions' }, this.excess, this.attention, this.send, this.cancel, this.empty,
             el('span', { class: 'hint' }, t('Ctrl+Enter sends, too'))));
 
-        this.drawLines();
+        this.drawGiven();
         this.drawAnswer();
+        const call = calls.get(this.state);
+        if (call) call.view = this;
+        this.drawWaiting();
         return el('div', { class: 'request-view' },
             el('header', { class: 'view-head' },
                 el('p', { class: 'eyebrow' }, t(request.group)),
@@ -109,23 +165,24 @@ export class RequestView {
         this.attention.replaceChildren();
         this.state.stale = true;
         this.markStale();
-        this.drawLines();
+        this.drawGiven();
     }
 
     // An answer stays beside a form that has changed, and says so.
     markStale() {
-        const stale = this.state.stale && this.state.outcome !== null;
+        const stale = this.state.stale && this.state.outcome !== null && this.answer.querySelector('.outcome') !== null;
         this.answer.classList.toggle('is-stale', stale);
         const note = this.answer.querySelector('.stale-note');
         if (!stale) note?.remove();
         else if (note === null)
-            this.answer.prepend(el('p', { class: 'stale-note' },
+            this.answer.prepend(el('p', { class: 'stale-note' }, icon('info'),
                 t('The form has changed since: this answer is to the former values.')));
     }
 
     answered(outcome) {
         this.state.outcome = outcome;
         this.drawAnswer();
+        if (!this.answer.isConnected) return;
         announce(outcomeText(outcome));
         this.answer.parentElement.scrollIntoView({ block: 'nearest' });
     }
@@ -135,18 +192,24 @@ export class RequestView {
         this.go(`#/request/${this.request.name}`);
     }
 
-    drawLines() {
+    // What follows from the form alone: the command lines, and whether the host takes it.
+    drawGiven() {
+        const sendable = this.form.isSendable();
         const given = this.form.given();
-        if (!this.form.isSendable()) {
+        this.excess.textContent = sendable ? tooLarge(given)?.text ?? '' : '';
+        if (!sendable) {
             this.lines.replaceChildren(el('p', { class: 'muted' }, t('A value cannot be sent yet: see the form.')));
             return;
         }
         const name = this.request.name;
+        const files = given.some(({ entry }) => hasFile(entry))
+            ? t('Run them in the folder of the file: the browser does not tell which that is.') : '';
         this.lines.replaceChildren(
             drawLine('curl', 'curl-line', curlLine(location.origin, name, given)),
             drawLine('corvane-host call', 'host-line', hostLine(this.request, given),
                 t('A key-exchange session lives in one process, and “call” ends with its request: use “corvane-host script”.')),
-            el('p', { class: 'muted small' }, t('The lines hold what you gave, secrets too. TOKEN stands for the host’s token.')));
+            el('p', { class: 'muted small' }, t('The lines hold what you gave, secrets too. TOKEN stands for the host’s token.'),
+                ' ', files));
     }
 
     drawAnswer() {
@@ -178,26 +241,76 @@ export class RequestView {
     }
 
     async dispatch() {
-        if (this.sending) return;
-        const parameters = this.form.parameters();
+        if (calls.has(this.state)) return;
+        const given = this.form.given();
         // "Send anyway" goes, and must not take the focus with it.
         if (this.attention.contains(document.activeElement)) this.send.focus();
         this.attention.replaceChildren();
         // From here on: the form can change while the answer is on its way.
         this.state.stale = false;
-        const limit = bodyLimit();
-        if (limit !== null && JSON.stringify(parameters).length > limit) {
-            this.answered(refusedHere('too_large', t('Too large: the host takes {count} bytes in one call.', { count: limit })));
+        const error = tooLarge(given);
+        if (error) {
+            this.answered({ ok: false, results: {}, error, warnings: [] });
             return;
         }
-        this.sending = true;
-        this.send.setAttribute('aria-busy', 'true');
+        const { state } = this;
+        const call = { controller: new AbortController(), started: performance.now(), view: this };
+        calls.set(state, call);
+        this.drawWaiting();
+        let outcome = null;
         try {
-            this.answered(await exchange(this.request, parameters));
+            outcome = await exchangeGiven(this.request, given, call.controller.signal);
         } finally {
-            this.sending = false;
-            this.send.removeAttribute('aria-busy');
+            calls.delete(state);
+            call.view.drawWaiting();
         }
+        call.view.answered(outcome);
+    }
+
+    // Whether a call is on its way, for how long, and how to stop waiting for it.
+    drawWaiting() {
+        clearInterval(this.timer);
+        const call = calls.get(this.state);
+        this.send.toggleAttribute('aria-busy', false);
+        this.send.replaceChildren(icon('send'), t('Send'));
+        if (!call && this.cancel.contains(document.activeElement)) this.send.focus();
+        this.cancel.hidden = !call;
+        this.empty.hidden = Boolean(call) || this.request.parameters.length === 0;
+        if (!call) return;
+        this.send.setAttribute('aria-busy', 'true');
+        this.timer = setInterval(() => this.tick(call), 100);
+        this.tick(call);
+    }
+
+    tick(call) {
+        if (calls.get(this.state) !== call || call.view !== this) {
+            clearInterval(this.timer);
+            return;
+        }
+        const elapsed = performance.now() - call.started;
+        if (elapsed < PATIENCE) return;
+        const time = t('{count} s', { count: number(Math.floor(elapsed / 1000)) });
+        if (!this.answer.querySelector('.waiting')) this.showWaiting();
+        this.send.lastChild.textContent = t('Waiting… {time}', { time });
+        this.answer.querySelector('.waiting-time').textContent = time;
+    }
+
+    // In the answer's place: the answer that is due makes the one before it a former one.
+    showWaiting() {
+        const seconds = currentStatus().status?.limits?.request_seconds;
+        this.send.replaceChildren(el('span', { class: 'spinner', 'aria-hidden': 'true' }), '');
+        this.answer.classList.remove('is-stale');
+        this.answer.replaceChildren(el('div', { class: 'waiting' },
+            el('span', { class: 'spinner', 'aria-hidden': 'true' }),
+            el('div', {},
+                el('p', {}, t('Waiting for the answer:'), ' ', el('span', { class: 'waiting-time' })),
+                seconds ? el('p', { class: 'muted small' }, t('The host gives a request up after {count} seconds.',
+                    { count: number(seconds) })) : null)));
+        announce(t('Waiting for the answer'));
+    }
+
+    stop() {
+        calls.get(this.state)?.controller.abort();
     }
 
     // Puts a result into another request's form, and goes there.

@@ -1,5 +1,5 @@
-// The answer to a call: its results in text, hex or Base64, or the card of an error. Also what
-// else can be done with a result: copy, save, use in another request.
+// The answer to a call: its results in text, hex or Base64, or the card of an error, or all of it
+// as JSON. Also what else can be done with a result: copy, save, use in another request.
 
 import { requests } from './catalogue.js';
 import { announce, el, icon, newId } from './dom.js';
@@ -7,12 +7,17 @@ import { fieldKind } from './entries.js';
 import { placeInExchange } from './flows.js';
 import { segments } from './form.js';
 import { errorTexts } from './host_texts.js';
-import { byteCount, capitalised, number, sentence, t } from './i18n.js';
+import { capitalised, dataSize, number, sentence, t } from './i18n.js';
+import { KIND_ICONS, errorKind, isUncertain, kindHeading, kindText } from './outcomes.js';
 import { isPrintable, resultBytes, textOf, toBase64, toHex, toUrlBase64 } from './values.js';
 
 // Longer values are cut on the page; copies and files hold them whole. A multiple of three, so
 // that Base64 is cut between its groups.
 const SHOWN_BYTES = 3000;
+const SHOWN_JSON = 20000;  // characters
+
+// The forms in which a person wants to see results, for the time of the page.
+const chosenForms = new Map();
 
 export function button(text, iconName, onClick, attributes = {}) {
     return el('button', { type: 'button', class: 'button small', ...attributes, on: { click: onClick } },
@@ -34,8 +39,9 @@ export function copyButton(textOfValue, label = t('Copy'), attributes = {}) {
     return made;
 }
 
-function save(name, bytes) {
-    const url = URL.createObjectURL(new Blob([bytes], { type: 'application/octet-stream' }));
+// `content` is text or bytes.
+function save(name, content) {
+    const url = URL.createObjectURL(new Blob([content], { type: 'application/octet-stream' }));
     el('a', { href: url, download: name }).click();
     setTimeout(() => URL.revokeObjectURL(url), 10000);
 }
@@ -70,16 +76,16 @@ class ShownValue {
         return form === 'text' ? this.text : WRITERS[form](this.bytes);
     }
 
-    // The same, cut to what the page shows.
+    // The same, cut to what the page shows: {text, cut}.
     shown(form) {
-        if (this.bytes === null || form === 'text') {
-            const text = this.as('text');
-            return text.length > SHOWN_BYTES ? `${text.slice(0, SHOWN_BYTES)}…` : text;
-        }
-        if (this.bytes.length <= SHOWN_BYTES) return this.as(form);
-        const start = this.bytes.subarray(0, SHOWN_BYTES);
-        return `${WRITERS[form](start)}…`;
+        if (this.bytes === null || form === 'text') return start(this.as('text'), SHOWN_BYTES);
+        if (this.bytes.length <= SHOWN_BYTES) return { text: this.as(form), cut: false };
+        return { text: `${WRITERS[form](this.bytes.subarray(0, SHOWN_BYTES))}…`, cut: true };
     }
+}
+
+function start(text, length) {
+    return text.length > length ? { text: `${text.slice(0, length)}…`, cut: true } : { text, cut: false };
 }
 
 // Parameters of other requests that can take a value: [request, [parameter]], near ones first; for
@@ -136,6 +142,29 @@ function useAs(from, result, onUse) {
         el('summary', { class: 'button small' }, icon('arrow'), t('Use as…')), panel);
 }
 
+// What a file holds that is saved as it is shown.
+function saveText(form) {
+    return {
+        text: t('Download text (.txt)'),
+        hex: t('Download hex (.txt)'),
+        base64: t('Download Base64 (.txt)'),
+        standard: t('Download Base64 (.txt)'),
+    }[form];
+}
+
+function cutNote() {
+    return el('p', { class: 'muted small', hidden: true }, t('Only the beginning is shown. Copy and download have all of it.'));
+}
+
+// The buttons that save a result: as it is shown, and as its bytes where those are something else.
+function saveButtons(name, result, value, form) {
+    const shown = button(saveText(form), 'download', () => save(`${name}.txt`, value.as(form)),
+        { 'aria-describedby': result });
+    if (!value.binary || value.bytes === null) return [shown];
+    return [shown, button(t('Download bytes (.bin)'), 'download', () => save(`${name}.bin`, value.bytes),
+        { 'aria-describedby': result })];
+}
+
 function drawResult(request, result, sent, onUse) {
     const value = new ShownValue(result.form, sent);
     const headingId = newId('result');
@@ -145,32 +174,42 @@ function drawResult(request, result, sent, onUse) {
         return el('section', { class: 'value', 'aria-labelledby': headingId, data: { result: result.name } },
             heading, el('p', { class: 'muted' }, t('empty')));
 
-    let form = value.preferred();
-    const shown = el('pre', { class: 'value-text', tabindex: 0, 'aria-labelledby': headingId });
-    const draw = () => { shown.textContent = value.shown(form); };
-    draw();
+    const place = `${request.name} ${result.name}`;
     const forms = value.forms();
+    const wanted = chosenForms.get(place);
+    let form = forms.some(([name]) => name === wanted) ? wanted : value.preferred();
+    const shown = el('pre', { class: 'value-text', tabindex: 0, 'aria-labelledby': headingId });
+    const note = cutNote();
+    const saving = el('div', { class: 'value-saving' });
+    const draw = () => {
+        const { text, cut } = value.shown(form);
+        shown.textContent = text;
+        shown.dataset.form = form;
+        note.hidden = !cut;
+        saving.replaceChildren(...saveButtons(`${request.name}-${result.name}`, headingId, value, form));
+    };
+    draw();
     const handle = result.form === 'handle';
     const ways = forms.length > 1 && !handle
         ? segments(t('Show {result} as', { result: result.name }), forms, form, (chosen) => {
             form = chosen;
+            chosenForms.set(place, chosen);
             draw();
         })
         : null;
-    const size = value.bytes !== null && value.binary ? byteCount(value.bytes.length) : '';
+    const size = value.bytes !== null && value.binary ? dataSize(value.bytes.length) : '';
     return el('section', { class: 'value', 'aria-labelledby': headingId, data: { result: result.name } },
         el('div', { class: 'value-head' }, heading, el('span', { class: 'size' }, size)),
-        ways, shown,
+        ways, shown, note,
         el('div', { class: 'value-actions' },
             copyButton(() => value.as(form), t('Copy'), { 'aria-label': t('Copy {result}', { result: result.name }) }),
-            button(t('Download'), 'download',
-                () => save(`${request.name}-${result.name}.bin`, value.bytes ?? new TextEncoder().encode(value.sent)),
-                { 'aria-label': t('Download {result}', { result: result.name }) }),
+            saving,
             useAs(request, result, (target) => onUse(target, result, value))));
 }
 
-// The card of an error: of plug-in or engine, or of the exchange with the host.
-export function errorCard(error, level = 'h3') {
+// The card of an error: of plug-in or engine, or of the exchange with the host. `again` says what
+// comes of sending the request once more, where that is a question.
+export function errorCard(error, level = 'h3', again = '') {
     const sources = {
         'plug-in': t('refused by the plug-in'),
         engine: t('refused by the engine'),
@@ -178,29 +217,54 @@ export function errorCard(error, level = 'h3') {
         peer: t('refused by the peer'),
         page: t('noticed by this page'),
     };
+    const kind = errorKind(error);
     const { text: meaning, cause, remedy } = errorTexts(error);
     const rows = [
         [t('Meaning'), meaning],
         [t('Likely cause'), cause],
         [t('What to do'), remedy],
+        [t('If it is sent again'), isUncertain(kind) ? again : ''],
     ].filter(([, text]) => text);
     const field = error.field ? [el('dt', {}, t('Field')), el('dd', {}, el('code', {}, error.field))] : [];
-    return el('section', { class: 'error-card', data: { code: error.code } },
-        el(level, {}, el('span', { class: 'code' }, error.code), ' ',
-            el('span', {}, error.name || '')),
-        el('p', { class: 'source' }, sources[error.source] ?? ''),
+    return el('section', { class: 'error-card', data: { code: error.code, kind } },
+        el(level, {}, icon(KIND_ICONS[kind]), kindHeading(kind, error.source)),
+        el('p', { class: 'source' }, el('span', { class: 'code' }, error.code), ' ',
+            el('span', {}, error.name || ''), ' · ', sources[error.source] ?? ''),
         el('dl', {}, rows.map(([term, text]) => [el('dt', {}, term), el('dd', {}, capitalised(text))]).flat(), field));
 }
 
+// Three digits are enough for a person.
 export function duration(microseconds) {
     if (microseconds === undefined || microseconds === null) return '';
-    return microseconds < 10000
-        ? t('{count} µs', { count: number(Math.round(microseconds)) })
-        : t('{count} ms', { count: number(Math.round(microseconds / 1000)) });
+    const count = (value) => number(Number(value.toPrecision(3)));
+    if (microseconds < 1000) return t('{count} µs', { count: count(microseconds) });
+    if (microseconds < 1e6) return t('{count} ms', { count: count(microseconds / 1000) });
+    return t('{count} s', { count: count(microseconds / 1e6) });
 }
 
-// `outcome`: {ok, results, error, microseconds, status}. Strange results, which the catalogue lacks, are
-// shown as texts.
+// The whole answer, as the host wrote it but for line ends.
+function drawJson(request, json) {
+    const whole = JSON.stringify(json, null, 2);
+    const { text, cut } = start(whole, SHOWN_JSON);
+    const note = cutNote();
+    note.hidden = !cut;
+    return el('div', { class: 'outcome-json' },
+        el('pre', { class: 'json-text', tabindex: 0, 'aria-label': t('The whole answer as JSON') }, text), note,
+        el('div', { class: 'value-actions' },
+            copyButton(() => whole, t('Copy'), { 'aria-label': t('Copy the JSON') }),
+            button(t('Download JSON (.json)'), 'download', () => save(`${request.name}.json`, `${whole}\n`))));
+}
+
+function drawHead(outcome, kind, ways) {
+    return el('div', { class: 'outcome-head' },
+        outcome.ok
+            ? el('span', { class: 'badge ok' }, icon('check'), t('Success'))
+            : el('span', { class: 'badge bad', data: { kind } }, icon(KIND_ICONS[kind]), kindText(kind)),
+        el('span', { class: 'muted' }, duration(outcome.microseconds)), ways);
+}
+
+// `outcome`: {ok, results, error, microseconds, json}. Strange results, which the catalogue lacks,
+// are shown as texts. `json` is the whole answer, null where there is none.
 export function drawOutcome(request, outcome, onUse) {
     const known = (name) => request.results.find((result) => result.name === name) ??
         { name, form: 'text', meaning: t('a result that the catalogue does not know') };
@@ -208,13 +272,15 @@ export function drawOutcome(request, outcome, onUse) {
         .filter(([name]) => name !== 'errorCode')
         .filter(([, value]) => outcome.ok || value !== '')
         .map(([name, value]) => drawResult(request, known(name), value, onUse));
-    const head = el('div', { class: 'outcome-head' },
-        outcome.ok
-            ? el('span', { class: 'badge ok' }, icon('check'), t('Success'))
-            : el('span', { class: 'badge bad' }, icon('cross'), outcome.status === 0 ? t('No answer') : t('Refused')),
-        el('span', { class: 'muted' }, duration(outcome.microseconds)));
-    const error = outcome.error ? errorCard(outcome.error) : null;
+    const error = outcome.error ? errorCard(outcome.error, 'h3', t(request.retry.text)) : null;
     const nothing = outcome.ok && values.length === 0
         ? el('p', { class: 'muted' }, t('Done. This request gives no data.')) : null;
-    return el('div', { class: 'outcome' }, [head, error, nothing, ...values].filter(Boolean));
+    const content = el('div', { class: 'outcome-content' });
+    const parts = [error, nothing, ...values].filter(Boolean);
+    content.append(...parts);
+    const ways = outcome.json
+        ? segments(t('Show the answer as'), [['values', t('Values')], ['json', t('JSON')]], 'values', (way) =>
+            content.replaceChildren(...(way === 'json' ? [drawJson(request, outcome.json)] : parts)))
+        : null;
+    return el('div', { class: 'outcome' }, drawHead(outcome, outcome.error && errorKind(outcome.error), ways), content);
 }

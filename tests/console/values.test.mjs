@@ -5,14 +5,21 @@ import { execFileSync } from 'node:child_process';
 import { describe, test } from 'node:test';
 
 import { curlLine, hostLine, quote } from '../../devkit/console/command_lines.js';
-import { applies, convertEntry, entryValue, fault, isRequired } from '../../devkit/console/entries.js';
+import { applies, choiceText, convertEntry, entrySize, entryValue, fault, isRequired, neededLength, neededText,
+    takesRandom, unusedText } from '../../devkit/console/entries.js';
+import { dataSize } from '../../devkit/console/i18n.js';
+import { errorKind, kindHeading } from '../../devkit/console/outcomes.js';
+import { duration } from '../../devkit/console/result.js';
+import { bodySize, filesAreReadable, formParts, makeBody } from '../../devkit/console/sending.js';
 import { fromBase64, fromEscaped, fromHex, resultBytes, textOf, toBase64, toHex, toUrlBase64, utf8 } from '../../devkit/console/values.js';
 
 const list = (bytes) => bytes && [...bytes];
 const text = (value) => ({ how: 'text', text: value, file: null });
 const hex = (value) => ({ how: 'hex', text: value, file: null });
 const base64 = (value) => ({ how: 'base64', text: value, file: null });
-const file = (name, ...bytes) => ({ how: 'file', text: '', file: { name, bytes: Uint8Array.from(bytes) } });
+// As the browser's File: a Blob with a name.
+const file = (name, ...bytes) => ({ how: 'file', text: '',
+    file: Object.assign(new Blob([Uint8Array.from(bytes)]), { name }) });
 const bytesParameter = { name: 'strdata', form: 'base64', required: true, meaning: 'the data' };
 const textParameter = { name: 'strIn', form: 'text', required: true, meaning: 'the bytes' };
 const noValues = () => '';
@@ -62,6 +69,16 @@ describe('Values', () => {
         assert.equal(textOf(utf8('桥')), '桥');
     });
 
+    test('Sizes and times are written in the unit in which they are read', () => {
+        const sizes = [[0, '0 bytes'], [1, '1 byte'], [1023, '1,023 bytes'], [1024, '1 KiB (1,024 bytes)'],
+            [1536, '1.5 KiB (1,536 bytes)'], [13 << 20, '13 MiB (13,631,488 bytes)'],
+            [(1 << 20) - 1, '1 MiB (1,048,575 bytes)'], [3 * 2 ** 30, '3 GiB (3,221,225,472 bytes)']];
+        for (const [count, written] of sizes) assert.equal(dataSize(count), written);
+        const times = [[undefined, ''], [0, '0 µs'], [7, '7 µs'], [999, '999 µs'], [1000, '1 ms'], [12345, '12.3 ms'],
+            [999000, '999 ms'], [1000000, '1 s'], [30120000, '30.1 s']];
+        for (const [microseconds, written] of times) assert.equal(duration(microseconds), written);
+    });
+
     test('Results are read by their form', () => {
         assert.deepEqual(list(resultBytes('base64', 'AP8=')), [0, 255]);
         assert.deepEqual(list(resultBytes('text', 'a')), [97]);
@@ -78,7 +95,6 @@ describe('Entries', () => {
         assert.equal(entryValue(textParameter, text('hi')), 'hi');
         assert.deepEqual(entryValue(textParameter, hex('FF 00')), { hex: 'ff00' });
         assert.deepEqual(entryValue(bytesParameter, base64('_w')), { base64: '/w' });
-        assert.deepEqual(entryValue(bytesParameter, file('x', 1, 2)), { base64: 'AQI=' });
     });
 
     test('Half a hex byte stands for nothing; what is not Base64 is sent raw', () => {
@@ -96,12 +112,76 @@ describe('Entries', () => {
         assert.equal(said(bytesParameter, hex('0g')), '“g” is not a hex digit.');
         assert.equal(said(bytesParameter, base64('a%aa')), '“%” is not a Base64 character.');
         assert.equal(said(bytesParameter, base64('aaaaa')), 'This Base64 text is cut or ends wrongly.');
-        assert.equal(said({ ...bytesParameter, bytes: 16 }, hex('00')), 'Must have 16 bytes; it has 1.');
         assert.equal(said({ ...bytesParameter, required: false }, text('')), undefined);
         const path = { name: 'strCa_file', form: 'path', required: true, meaning: '' };
         assert.equal(said(path, text('roots/a.pem')), undefined);
         assert.match(said(path, text('/etc/passwd')), /without “\/”/);
         assert.match(said(path, text('a/../b')), /“\.\.”/);
+    });
+
+    const choices = (rows) => rows.map(([value, name, facts]) => ({ value, text: name, ...facts }));
+    const cipherRequest = {
+        parameters: [
+            { name: 'strCipherAlg', form: 'text', meaning: '', choices: choices([['4', 'AES-256', { keyBytes: 32, blockBytes: 16 }],
+                ['7', '3DES', { keyBytes: 24, blockBytes: 8 }]]) },
+            { name: 'strMode', form: 'text', meaning: '', choices: choices([['1', 'ECB', { iv: 'none' }], ['2', 'CBC', { iv: 'block' }],
+                ['6', 'GCM', { iv: { min: 1, max: 128, usual: 12 } }]]) },
+            { name: 'strKey', form: 'base64', required: true, meaning: 'what it is called', length: 'key' },
+            { name: 'strIV', form: 'base64', meaning: '', length: 'iv', requiredWhen: { parameter: 'strMode', isNot: '1' } },
+            { name: 'straad', form: 'base64', meaning: '', requiredWhen: { parameter: 'strMode', is: '6' } },
+        ],
+    };
+    const [, , keyParameter, ivParameter, aadParameter] = cipherRequest.parameters;
+    const chosen = (strCipherAlg, strMode) => (name) => ({ strCipherAlg, strMode })[name] ?? '';
+    const needed = (parameter, ...values) => neededLength(cipherRequest, parameter, chosen(...values));
+
+    test('The length of a key follows from the cipher, that of an initial value from the mode too', () => {
+        const exactly = (count) => ({ least: count, most: count, usual: count });
+        const gcm = { least: 1, most: 128, usual: 12 };
+        assert.deepEqual([needed(keyParameter, '4', ''), needed(keyParameter, '7', '')], [exactly(32), exactly(24)]);
+        assert.deepEqual([needed(ivParameter, '4', '2'), needed(ivParameter, '7', '2')], [exactly(16), exactly(8)]);
+        assert.deepEqual(needed(ivParameter, '', '6'), gcm);
+        for (const unknown of [needed(keyParameter, '', '2'), needed(keyParameter, '99', ''), needed(ivParameter, '', '2'),
+            needed(ivParameter, '4', ''), needed(ivParameter, '4', '1'), needed(aadParameter, '4', '6')])
+            assert.equal(unknown, null);
+        assert.deepEqual(neededLength({ parameters: [] }, { bytes: 16 }, noValues), exactly(16));
+        // Without the catalogue's numbers nothing is known.
+        const plain = { parameters: [{ name: 'strCipherAlg', range: [1, 7] }, keyParameter] };
+        assert.equal(neededLength(plain, keyParameter, chosen('4')), null);
+        assert.deepEqual([neededText(exactly(32)), neededText(exactly(1)), neededText(gcm)],
+            ['32 bytes needed', '1 byte needed', '1 to 128 bytes needed, usually 12']);
+    });
+
+    test('A wrong length is said with what is needed and what is given, and may be sent', () => {
+        const said = (parameter, entry, ...values) => fault(parameter, entry, chosen(...values), needed(parameter, ...values));
+        assert.deepEqual(said(keyParameter, hex('00'.repeat(16)), '4', ''), { text: '32 bytes needed, 16 given.', stops: false });
+        assert.equal(said(keyParameter, hex('00'.repeat(32)), '4', ''), null);
+        assert.equal(said(keyParameter, hex('00'.repeat(31)), '', ''), null);
+        assert.match(said(ivParameter, base64('A'.repeat(172)), '4', '6').text, /1 to 128 bytes needed, usually 12, 129 given\./);
+        assert.equal(said(ivParameter, hex('00'.repeat(128)), '4', '6'), null);
+        assert.match(said(keyParameter, file('key', 1, 2, 3), '7', '').text, /24 bytes needed, 3 given/);
+    });
+
+    test('Random bytes are offered for what has a length, whatever it is called', () => {
+        assert.equal(takesRandom(keyParameter), true);
+        assert.equal(takesRandom({ form: 'base64', meaning: 'the key' }), true);
+        assert.equal(takesRandom({ form: 'base64', meaning: 'the ciphertext' }), false);
+        assert.equal(takesRandom({ form: 'key-text', meaning: 'private key' }), false);
+    });
+
+    test('Choices and conditions are said by names, and by numbers where there are none', () => {
+        assert.equal(choiceText({ value: '4', text: 'AES-256' }), 'AES-256 (4)');
+        assert.equal(choiceText({ value: '4', text: '' }), '4');
+        assert.equal(unusedText(cipherRequest, ivParameter), 'Not used with ECB.');
+        assert.equal(unusedText(cipherRequest, aadParameter), 'Used with GCM only.');
+        assert.equal(unusedText({ parameters: [] }, aadParameter), 'Used with strMode 6 only.');
+    });
+
+    test('A file is measured without being read', () => {
+        const unread = { size: 7, get arrayBuffer() { throw new Error('read'); } };
+        assert.equal(entrySize({ how: 'file', text: '', file: unread }), 7);
+        assert.equal(entrySize(file('x', 1, 2)), 2);
+        assert.deepEqual([entrySize(hex('00 ff')), entrySize(text('桥')), entrySize(hex('0'))], [2, 3, null]);
     });
 
     test('Conditions of the catalogue decide what is required and what is used', () => {
@@ -118,6 +198,88 @@ describe('Entries', () => {
         assert.equal(convertEntry(hex('ff'), 'text').text, '');
         assert.equal(convertEntry(hex('zz'), 'text').text, '');
     });
+
+    test('A chosen file waits until files are chosen again', () => {
+        const chosenFile = file('x', 1);
+        const typed = convertEntry(chosenFile, 'hex');
+        assert.equal(typed.text, '');
+        assert.equal(convertEntry({ ...typed, text: '00' }, 'file').file, chosenFile.file);
+    });
+});
+
+describe('Sending', () => {
+    const given = (...pairs) => pairs.map(([parameter, entry]) => ({ parameter, entry }));
+    const key = { name: 'strKey', form: 'base64', meaning: 'the key' };
+    const data = [bytesParameter, file('a.bin', 0, 255, 13, 10)];
+    const bodyBytes = async (body) => Buffer.from(await new Blob([body]).arrayBuffer());
+    // [headers, value] of each part, as a reader of forms finds them.
+    const partsOf = async (body) => {
+        const boundary = body.type.match(/^multipart\/form-data; boundary=([a-z0-9-]{1,70})$/)[1];
+        const pieces = (await bodyBytes(body)).toString('latin1').split(`--${boundary}`);
+        assert.equal(pieces[0], '');
+        assert.equal(pieces.at(-1), '--\r\n');
+        return pieces.slice(1, -1).map((piece) => {
+            const [, head, value] = piece.match(/^\r\n(.*?)\r\n\r\n(.*)\r\n$/s);
+            return [head, value];
+        });
+    };
+
+    test('Without files a call goes as JSON', async () => {
+        const call = given([key, hex('00')], [textParameter, text('a\r\nb')]);
+        assert.equal(formParts(call), null);
+        const body = await makeBody(call);
+        assert.deepEqual(JSON.parse(body), { strKey: { hex: '00' }, strIn: 'a\r\nb' });
+        assert.equal(bodySize(call), Buffer.byteLength(body));
+        assert.equal(await makeBody([]), '{}');
+    });
+
+    test('A file goes into a form as it is, beside values that stay what they are', async () => {
+        const call = given(data, [key, hex('FB ff')], [{ ...key, name: 'k2' }, text('桥')], [textParameter, text(' a\nb\r\nc\rd+%"')],
+            [{ ...textParameter, name: 't2' }, hex('ff00')], [{ ...textParameter, name: 't3' }, text('a\0')],
+            [{ name: 'OutLen', form: 'text', range: [0, 9], meaning: '' }, text('7')]);
+        assert.equal(formParts(call)[0].file, data[1].file);
+        const body = await makeBody(call);
+        assert.equal(bodySize(call), body.size);
+        const disposition = (name) => `Content-Disposition: form-data; name="${name}"`;
+        const asFile = (name) => `${disposition(name)}; filename="file"\r\nContent-Type: application/octet-stream`;
+        assert.deepEqual(await partsOf(body), [
+            [asFile('strdata'), '\x00\xff\r\n'],
+            [disposition('strKey'), '-_8='],
+            [disposition('k2'), '5qGl'],
+            [disposition('strIn'), ' a\nb\r\nc\rd+%"'],
+            [asFile('t2'), '\xff\x00'],
+            [asFile('t3'), 'a\0'],
+            [disposition('OutLen'), '7'],
+        ]);
+    });
+
+    test('Beside a value that no form can carry a file goes as Base64', async () => {
+        const call = given(data, [key, base64('A%')]);
+        assert.equal(formParts(call), null);
+        const body = await makeBody(call);
+        assert.deepEqual(JSON.parse(body), { strdata: { base64: 'AP8NCg==' }, strKey: { raw: 'A%' } });
+        assert.equal(bodySize(call), body.length);
+    });
+
+    test('A file that is gone is noticed', async () => {
+        const gone = { how: 'file', file: { slice: () => ({ arrayBuffer: async () => { throw new Error('gone'); } }) } };
+        assert.equal(await filesAreReadable(given(data, [key, text('x')])), true);
+        assert.equal(await filesAreReadable(given(data, [key, gone])), false);
+    });
+});
+
+describe('Outcomes', () => {
+    test('Each kind of failure is told from the others', () => {
+        const host = (code) => errorKind({ source: 'host', code });
+        assert.deepEqual(['worker_failed', 'worker_timeout', 'busy', 'draining', 'too_many_requests', 'session_gone', 'too_large', 'timeout'].map(host),
+            ['crashed', 'slow', 'busy', 'busy', 'busy', 'rejected', 'rejected', 'rejected']);
+        const page = (code) => errorKind({ source: 'page', code });
+        assert.deepEqual(['unreachable', 'unreadable', 'cancelled', 'too_large'].map(page), ['silent', 'garbled', 'cancelled', 'unsent']);
+        for (const source of ['plug-in', 'engine', 'peer', '']) assert.equal(errorKind({ source, code: '-1' }), 'refused');
+        const headings = ['rejected', 'crashed', 'slow', 'busy', 'silent', 'garbled', 'cancelled', 'unsent'].map((kind) => kindHeading(kind));
+        headings.push(...['plug-in', 'engine', 'peer', ''].map((source) => kindHeading('refused', source)));
+        assert.equal(new Set(headings).size, headings.length);
+    });
 });
 
 describe('CommandLines', () => {
@@ -131,7 +293,8 @@ describe('CommandLines', () => {
 
     test('curl sends files as files, and all else as JSON', () => {
         const plain = curlLine('http://h:1', 'R', [{ parameter: textParameter, entry: text("it's") }]);
-        assert.match(plain, /--data-raw '\{"strIn":"it'\\''s"\}'$/);
+        assert.match(plain, /--data-raw '\{\n {2}"strIn": "it'\\''s"\n\}'$/);
+        assert.match(curlLine('http://h:1', 'R', []), /--data-raw '\{\}'$/);
         assert.match(plain, /Bearer \$TOKEN"/);
         const upload = curlLine('http://h:1', 'R', [
             { parameter: bytesParameter, entry: file('a "b".bin', 1) },
@@ -144,7 +307,7 @@ describe('CommandLines', () => {
     test('The token of a session is in a header too, if it can be one', () => {
         const parameter = { name: 'strKe', form: 'handle', need: 'always', allowed: null };
         const line = (token) => curlLine('http://h:1', 'R', [{ parameter, entry: text(token) }]);
-        assert.match(line('ke_a.Fl2Y'), / -H 'X-Corvane-Session: ke_a\.Fl2Y' \\\n.*\{"strKe":"ke_a\.Fl2Y"\}'$/s);
+        assert.match(line('ke_a.Fl2Y'), / -H 'X-Corvane-Session: ke_a\.Fl2Y' \\\n.*"strKe": "ke_a\.Fl2Y"\n\}'$/s);
         for (const odd of ['', '140', 'ke_a b', 'ke_a\r\nHost: x', 'ke_桥'])
             assert.doesNotMatch(line(odd), /X-Corvane-Session/, odd);
     });
@@ -155,15 +318,29 @@ describe('CommandLines', () => {
             { parameter: bytesParameter, entry: file('a', 1) },
         ]);
         assert.match(line(text('桥')), /--form-string strKey=5qGl \\\n {2}-F /);
-        assert.match(line(base64('A%')), /--data-raw '\{"strKey":\{"raw":"A%"\},"strdata":\{"base64":"AQ=="\}\}'$/);
+        assert.equal(line(base64('A%')).split('\\\n  ').at(-1), `--data-binary @<(printf %s '{"strKey":{"raw":"A%"},"strdata":{"base64":"'; `
+            + "base64 <./a | tr -d '\\n'; printf %s '\"}}')");
     });
 
-    test('A file beside bytes that no form can carry goes as JSON', () => {
+    test('A file beside bytes that are no text sends both as files', () => {
         const line = curlLine('http://h:1', 'R', [
             { parameter: bytesParameter, entry: file('a', 1) },
             { parameter: textParameter, entry: hex('ff') },
         ]);
-        assert.match(line, /--data-raw '\{"strdata":\{"base64":"AQ=="\},"strIn":\{"hex":"ff"\}\}'$/);
+        assert.match(line, /-F 'strdata=@".\/a"' \\\n {2}-F strIn=@<\(printf %s \/w== \| base64 -d\)$/);
+    });
+
+    test('A line breaks only where the shell goes on with the next', () => {
+        const curl = curlLine('http://h:1', 'R', [{ parameter: bytesParameter, entry: hex('00'.repeat(300)) },
+            { parameter: textParameter, entry: text('x') }]);
+        // A backslash, or the middle of a quoted word.
+        const quotes = (part) => (part.replace(/\\'/g, '').match(/'/g) ?? []).length;
+        curl.split('\n').slice(0, -1).reduce((before, row) => {
+            const open = quotes(before + row) % 2 === 1;
+            assert.ok(open || row.endsWith(' \\'), row);
+            return before + row;
+        }, '');
+        assert.equal(curl.split('\n').length, 7);
     });
 
     test('corvane-host gets texts that look like its own forms guarded', () => {
