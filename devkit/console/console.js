@@ -8,7 +8,7 @@ import { forgetExchanges } from './exchange_guide.js';
 import { findFlow } from './flows.js';
 import { FlowView, forgetTours } from './flow_view.js';
 import { chooseLanguage, currentLanguage, setLanguage, t } from './i18n.js';
-import { forgetEverything, keepForms } from './memory.js';
+import { forgetEverything, keepForms, restoreForms } from './memory.js';
 import { Navigation } from './navigation.js';
 import { HistoryView, StatusView } from './pages.js';
 import { RequestView } from './request_view.js';
@@ -266,4 +266,5 @@ document.addEventListener('keydown', (event) => {
 });
 
 chooseLanguage();
+restoreForms();
 start(takeTokenFromAddress());

@@ -14,7 +14,11 @@ const calls = [];
 const HISTORY_LENGTH = 200;
 
 // {request: {parameter: text}}, of the page's life before its reload.
-let kept = JSON.parse(sessionStorage.getItem(STORED) ?? '{}');
+let kept = {};
+
+export function restoreForms() {
+    kept = JSON.parse(sessionStorage.getItem(STORED) ?? '{}');
+}
 
 // Whether an entry may outlive the page. What a host does not speak of is a secret.
 function mayBeKept(parameter, entry) {

@@ -244,7 +244,7 @@ describe('Console', () => {
         await send(page);
         assert.equal(await code(), '-30040');
         assert.match(await page.locator('.error-card').textContent(),
-            /AVEN_E_KEY_LENGTH.*refused by the engine.*Wrong key length.*check the key and its encoding/i);
+            /AVEN_E_KEY_LENGTH.*refused by the engine.*Wrong key length.*16 bytes for SM4/i);
     }));
 
     test('A session that is gone is said to be', onPage(async () => {

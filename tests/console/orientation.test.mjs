@@ -341,7 +341,7 @@ describe('Orientation', () => {
             for (const element of document.querySelectorAll('[aria-label], [placeholder], [title]'))
                 for (const name of ['aria-label', 'placeholder', 'title'])
                     if (element.hasAttribute(name) && !element.closest('pre')) texts.push(element.getAttribute(name));
-            const names = /QZa[vV]en_\w+|corvane-(host|doc)|serve|#token=|OpenAPI|TOKEN|curl|Data|ke_\w+|str\w+|Camellia|Base64|[A-Z]{3,}/g;
+            const names = /QZa[vV]en_\w+|corvane-(host|doc)|serve|#token=|OpenAPI|TOKEN|curl|Data|ke_\w+|str\w+|Camellia|Base64|[A-Z]{3,}|\b[0-9a-f]{12}\b/g;
             return [...new Set(texts)].filter((text) => /[A-Za-z]{4}/.test(text.replace(names, '')));
         });
         const checks = async (what) => {
