@@ -15,7 +15,8 @@ What stands before or behind the three backquotes says what else a block may be:
 Blocks run in a folder that looks like the checkout, at a path with a blank, with a home of its own
 and the built programs in PATH. tests/documents/README.sh is read before the first block of
 README.md, docs_serving.sh before that of docs/serving.md. 8720, the port that documents name, is
-a free one instead, and /home/ada is the home.
+a free one instead, and /home/ada is the home. Run by root, they can write nowhere else: a command
+that is for somebody's board does not change this system.
 """
 
 import concurrent.futures
@@ -34,6 +35,20 @@ LEFT_OUT = re.compile(r"^\d{4}-\d\d-\d\dT[\d:]+Z SoftModuleaven: .*\n", re.M)
 VARYING = [r'(?<="microseconds":)\s?[\d.]+', r"OpenSSL 3[\d.]+ \d+ \w+ \d{4}",
            r"\bke_[\w.-]+", r"\b\d+(\.\d+)? (us|ms|s)\b", r"\d+(?= requests)",
            r"\b(p[\d.]+|max) [\d.]+"]
+
+# Makes all file systems but the scratch folder read-only, for this process and its children.
+READ_ONLY = r"""
+mount --make-rprivate / && mount --bind "$TMPDIR" "$TMPDIR" || exit
+while read -r _ place _; do
+    printf -v place %b "$place"
+    [ "$place" = "$TMPDIR" ] || mount -o remount,bind,ro "$place" 2>/dev/null
+done </proc/self/mounts
+if : 2>/dev/null >"$SOURCE/.written"; then
+    rm "$SOURCE/.written"
+    echo "The checkout can be written."
+    exit 1
+fi
+"""
 
 MARK = re.compile(r"<!-- (not run|run by|file):? (.*?) -->", re.S)
 
@@ -98,6 +113,11 @@ def is_as_shown(shown, printed):
     return re.fullmatch(pattern + r"\s*", printed) is not None
 
 
+def can_be_alone():
+    """Whether this process may have file systems as it likes."""
+    return os.geteuid() == 0 and subprocess.run(["unshare", "--mount", "true"]).returncode == 0
+
+
 def free_port():
     with socket.socket() as one:
         one.bind(("127.0.0.1", 0))
@@ -136,8 +156,10 @@ class Reader:
             script += ["set -e" if shown is None else "set +e",
                        f'. "$2/{number}.sh" >"$2/{number}.out" 2>&1 </dev/null',
                        f'echo $? >"$2/{number}.status"']
+        alone = can_be_alone()
         shell = subprocess.Popen(
-            ["bash", "-c", "\n".join(script), "bash", self.place, self.steps],
+            [*(["unshare", "--mount"] if alone else []), "bash", "-c",
+             "\n".join([READ_ONLY if alone else "", *script]), "bash", self.place, self.steps],
             env=self.environment, start_new_session=True, stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         said = shell.stdout.read()
