@@ -24,5 +24,5 @@ mount --bind "$scratch/usr/lib" build/release/lib
 cmp build/release/bin/corvane-host "$scratch/usr/bin/corvane-host"
 
 # install_test installs what was built; the units that tests are linked to are not the packages'.
-ctest --test-dir build/release --output-on-failure --no-tests=error -j "$(nproc)" \
-    -E '^install_test$' | sed -n '/Passed/!p'
+ctest --test-dir build/release --output-on-failure --no-tests=error -j $((2 * $(nproc))) \
+    -E '^(install|documents|reference)_test$' | sed -n '/Passed/!p'
