@@ -289,7 +289,7 @@ enum {
       "for RSA: SM4, ARIA-256 and Camellia-256 in all modes, AES in all but CTR, 3DES in CBC; for SM2: SM4 in all but GCM") \
     X(AVEN_E_ENVELOPE_TEXT, -30071, "envelope cannot be read",                            \
       "the bytes are cut, damaged, or something other than an envelope in DER, as one in PEM or S/MIME", \
-      "send the envelope in DER: openssl cms -cmsout -outform DER turns the others into it") \
+      "send it in DER: openssl cms -cmsout -outform DER turns the others into it, with -inform PEM or -inform SMIME") \
     X(AVEN_E_ENVELOPE_TRAILING, -30072, "more follows behind the envelope",               \
       "bytes were added at the end",                                                      \
       "send the envelope and nothing behind it")                                          \
@@ -385,7 +385,7 @@ enum { AVEN_ENGINE_ERRORS(AVEN_ENGINE_ERROR_CODE) AVEN_OK = 0 };
       "pass the whole text; no request gives this code, only the exported decoder does")  \
     X(PARAM_INVALID, -20084, "plug-in: parameter value is outside its allowed set or range", \
       "a number is out of range, or a flag, mode or type is none of its allowed digits",  \
-      "see the parameter's allowed values; blanks and leading zeros do not pass in flags")\
+      "corvane-host describe REQUEST lists the allowed values; blanks and leading zeros do not pass in flags")\
     X(AVEN_NOT_LOADED, -20215, "plug-in: library could not be opened, or the engine is not loaded or lacks the function", \
       "the crypto engine was not found, or is older than the plug-in; or Init was not called", \
       "check the loader's path and what Init printed; corvane-host doctor names what is missing") \

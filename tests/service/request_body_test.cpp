@@ -100,7 +100,8 @@ TEST(JsonBody, EmptyMeansNoParameters)
 
 TEST(JsonBody, OtherShapesAreRefused)
 {
-    for (const char* value : {"true", "null", "1.5", "1e3", "[]", "99999999999999999999"})
+    for (const char* value :
+         {"true", "null", "1.5", "1e3", "[]", "99999999999999999999", "[\"key\"]", "[1, 2]"})
         EXPECT_EQ("wrong_type", codeOf(json, "{\"p\": "s + value + "}")) << value;
     for (const char* value : {"{}", "{\"text\": 1}", "{\"texts\": \"\"}",
                               "{\"text\": \"\", \"hex\": \"\"}", "{\"hex\": null}"}) {
@@ -108,7 +109,8 @@ TEST(JsonBody, OtherShapesAreRefused)
         EXPECT_EQ("wrong_type", got.code) << value;
         EXPECT_EQ("p", got.field) << value;
     }
-    for (const char* body : {"[]", "\"\"", "1", "null"})
+    EXPECT_EQ("p", read(json, "{\"p\": [\"key\"]}").field);
+    for (const char* body : {"[]", "[1]", "[[", "\"\"", "1", "null"})
         EXPECT_EQ("wrong_type", codeOf(json, body)) << body;
 }
 
@@ -453,6 +455,7 @@ TEST(BatchBody, OtherShapesAreRefused)
     for (const char* body : {"[]", "{}", "{\"requests\": {}}", "{\"requests\": [1]}",
                              "{\"requests\": [{}]}", "{\"requests\": [{\"name\": 1}]}",
                              "{\"requests\": [{\"name\": \"x\", \"parameters\": []}]}",
+                             "{\"requests\": [{\"name\": \"x\", \"parameters\": {\"a\": [1]}}]}",
                              "{\"requests\": [{\"name\": \"x\"}], \"more\": 1}"})
         EXPECT_EQ("wrong_type", batchCode(body)) << body;
     EXPECT_EQ("malformed", batchCode("{\"requests\": []}"));
@@ -504,6 +507,26 @@ std::string refusalOf(const char* request, const char* name, const std::string& 
         return refusal.code().name;
     }
     return "";
+}
+
+// The reason of the refusal of a text for a key.
+std::string reasonOf(Fields fields)
+{
+    try {
+        prepare(*findRequest("QZaven_crypto_hmac"), fields);
+    } catch (const Refusal& refusal) {
+        return refusal.json()["error"]["reason"];
+    }
+    return "";
+}
+
+TEST(Prepare, RefusalsNameTheWayOutOfTheirBody)
+{
+    const BodyLimits limits;
+    EXPECT_EQ("text_for_base64", reasonOf(readBody(json, "{\"strKey\": \"text:hi\"}", limits)));
+    EXPECT_EQ("form_for_base64", reasonOf(readBody(form, "strKey=text%3Ahi", limits)));
+    EXPECT_EQ("form_for_base64",
+              reasonOf(readBody(multipart, part("name=\"strKey\"", "text:hi") + "--B--", limits)));
 }
 
 TEST(Prepare, PlainTextMustBeBase64WhereThatIsDue)

@@ -222,7 +222,7 @@ const Attack attacks[] = {
     // ---- JSON.
     {"CutJson", 400, "malformed", postBody("{\"strKey\": \"AA")},
     {"DeepJson", 400, "malformed", postBody(repeated("{\"a\":", 100000))},
-    {"DeepArrays", 400, "too_many_parameters", postBody(std::string(1000000, '['))},
+    {"DeepArrays", 400, "wrong_type", postBody(std::string(1000000, '['))},
     {"DuplicateMember", 400, "duplicate_parameter",
      postBody("{\"strKey\": \"AA\", \"strKey\": \"BB\"}")},
     {"DuplicateByEscape", 400, "duplicate_parameter",

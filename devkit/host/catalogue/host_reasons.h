@@ -51,6 +51,7 @@
     X(bad_encoding,        bad_base64,            "the value is not Base64") \
     X(bad_encoding,        bad_hex,               "the value is not pairs of hex digits") \
     X(bad_encoding,        text_for_base64,       "{name} is not Base64 (URL-safe): send {\"text\"}, {\"hex\"} or {\"base64\"}, or {\"raw\"} to send it as it is") \
+    X(bad_encoding,        form_for_base64,       "{name} is not Base64 (URL-safe): encode it, send it as a file of a multipart form, or send JSON with {\"text\"}, {\"hex\"} or {\"raw\"}") \
     X(bad_encoding,        bad_escape_in_name,    "a name has a percent sign that escapes nothing") \
     X(bad_encoding,        bad_escape,            "the value has a percent sign that escapes nothing") \
     X(duplicate_parameter, name_twice,            "{name} is given twice") \

@@ -24,6 +24,7 @@ void add(Fields& fields, Field field, size_t mostFields)
     if (fields.size() >= mostFields)
         throw Refusal(Reason::too_many_fields, "", {{"most", std::to_string(mostFields)}});
     field.where = field.name;
+    field.inForm = true;
     fields.push_back(std::move(field));
 }
 

@@ -115,6 +115,9 @@ private:
         if (m_path.empty())
             return m_root = std::move(node);
         JsonNode& parent = *m_path.back();
+        if (parent.kind == JsonNode::Array && m_limits.items == 0)
+            throw Refusal(m_path.size() == 1 ? Reason::not_parameters : Reason::not_a_value,
+                          where());
         if (parent.kind == JsonNode::Array && parent.members.size() >= m_limits.items)
             throw Refusal(Reason::too_many_items, where(),
                           {{"most", std::to_string(m_limits.items)}});

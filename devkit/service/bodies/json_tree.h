@@ -23,7 +23,7 @@ struct JsonNode {
 struct JsonLimits {
     size_t depth;    // of arrays and objects
     size_t members;  // of an object
-    size_t items;    // of an array
+    size_t items;    // of an array; 0 where none is due, which is refused as a wrong type
 };
 
 // Changes the text, which must outlive the tree. Throws a Refusal, which quotes nothing of it but

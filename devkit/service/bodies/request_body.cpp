@@ -168,7 +168,8 @@ Prepared prepare(const RequestInfo& request, Fields& fields)
         } else if (isBytes && isPlace) {
             throw Refusal(Reason::bytes_for_text, field.where, {{"name", field.name}});
         } else if (isMisencoded(form, field.given, field.value)) {
-            throw Refusal(Reason::text_for_base64, field.where, {{"name", field.name}});
+            throw Refusal(field.inForm ? Reason::form_for_base64 : Reason::text_for_base64,
+                          field.where, {{"name", field.name}});
         } else if (isEncoded(form, field.given)) {
             field.value = toUrlBase64(field.value);
         }

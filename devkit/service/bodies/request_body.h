@@ -27,6 +27,7 @@ struct Field {
     SecretText value;
     Given given = Given::Plain;
     std::string where;  // in the body, for messages: "requests[3].parameters.strKey"
+    bool inForm = false;
 };
 using Fields = std::vector<Field>;
 
