@@ -14,12 +14,13 @@ What stands before or behind the three backquotes says what else a block may be:
 
 Blocks run in a folder that looks like the checkout, at a path with a blank, with a home of its own
 and the built programs in PATH. tests/documents/README.sh is read before the first block of
-README.md, docs_serving.sh before that of docs/serving.md. 8720, the port that documents name, is
-a free one instead, and /home/ada is the home. Run by root, they can write nowhere else: a command
+README.md, docs_serving.sh before that of docs/serving.md. 8720 to 8722, the ports that documents
+name, are free ones instead, and /home/ada is the home. Run by root, they can write nowhere else: a command
 that is for somebody's board does not change this system.
 """
 
 import concurrent.futures
+import contextlib
 import os
 import re
 import socket
@@ -118,10 +119,12 @@ def can_be_alone():
     return os.geteuid() == 0 and subprocess.run(["unshare", "--mount", "true"]).returncode == 0
 
 
-def free_port():
-    with socket.socket() as one:
-        one.bind(("127.0.0.1", 0))
-        return str(one.getsockname()[1])
+def free_ports(number):
+    with contextlib.ExitStack() as all_at_once:
+        taken = [all_at_once.enter_context(socket.socket()) for _ in range(number)]
+        for one in taken:
+            one.bind(("127.0.0.1", 0))
+        return [str(one.getsockname()[1]) for one in taken]
 
 
 class Reader:
@@ -130,7 +133,7 @@ class Reader:
     def __init__(self, source, build, document, scratch):
         self.source, self.document = source, document
         self.place, self.home = scratch / "a checkout", scratch / "home of ada"
-        self.steps, self.port = scratch / "steps", free_port()
+        self.steps, self.ports = scratch / "steps", free_ports(3)
         for folder in (self.place / "build", self.home, self.steps):
             folder.mkdir(parents=True)
         for entry in source.iterdir():
@@ -140,10 +143,12 @@ class Reader:
         (self.home / ".curlrc").write_text("silent\nshow-error\n")
         self.environment = {
             "PATH": f"{build}/bin:{os.environ['PATH']}", "HOME": str(self.home),
-            "LC_ALL": "C.UTF-8", "TMPDIR": str(scratch), "PORT": self.port, "SOURCE": str(source), "BUILD": str(build)}
+            "LC_ALL": "C.UTF-8", "TMPDIR": str(scratch), "PORT": self.ports[0], "SOURCE": str(source), "BUILD": str(build)}
 
     def here(self, text):
-        return text.replace("8720", self.port).replace("/home/ada", str(self.home))
+        free = {str(8720 + number): port for number, port in enumerate(self.ports)}
+        free["/home/ada"] = str(self.home)
+        return re.sub("|".join(free), lambda named: free[named[0]], text)
 
     def follow(self, steps):
         """Runs commands in one shell; gives (exit status or None, output) for each."""

@@ -217,7 +217,7 @@ A request has a name, text parameters and text results. Forms of values:
 |---|---|
 | text | as they are |
 | base64 | URL-safe Base64 with padding; parameters may be in the standard alphabet, and unpadded |
-| key-text | Base64 of a key or certificate, PEM or DER; a PEM text itself is not |
+| key-text | Base64 of a key or certificate, of its DER or of its whole PEM text: `b64:@key.pem` on the command line, `{"text": "-----BEGIN ..."}` or a form's file by HTTP make it |
 | escaped | percent-escaped twice |
 | handle | the decimal text of a key-exchange session; `corvane-host serve` gives a token instead |
 | path | a file or folder of the host |
@@ -227,11 +227,12 @@ behind it is let pass; line ends within it where the engine decodes: key-text, a
 `QZaven_crypto_base64_Decode`. Texts and bytes that are marked as such, it encodes
 ([values](../devkit/host/README.md#values), [by HTTP](serving.md#values)).
 
-An empty value counts as a missing one. `errorCode` is 0, one of the plug-in's own codes or
-the engine's, which is passed on unchanged. Values that have names here have them in the
-development engine; another engine may number otherwise. With it a name may stand for its
-number; names are compared without regard to case and to the characters `-`, `_`, `.`, `/`, `#`
-and blanks.
+An empty value counts as a missing one. `errorCode` is 0, a code of the plug-in's own, which the
+requests below name, or any of the engine's, which is passed on unchanged.
+
+Names behind numbers, as in `4 aes-256`, are the development engine's, and may be given instead of
+the numbers; another engine may number otherwise. Names are compared without regard to case and to
+the characters `-`, `_`, `.`, `/`, `#` and blanks.
 
 Whether a request may be sent again when its answer was lost:
 
