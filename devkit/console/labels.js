@@ -25,4 +25,4 @@ export const DOCUMENTS = [
 // Where "corvane-host serve" keeps the token unless it was told otherwise, and where the service
 // of the package does.
 export const TOKEN_FILE = '~/.local/state/corvane-host/token';
-export const SERVICE_TOKEN_FILE = '/var/lib/corvane-host/token';
+export const SERVICE_TOKEN_FILE = '/etc/corvane-host/token';

@@ -2,12 +2,14 @@
 
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
+import { readFileSync } from 'node:fs';
 import { describe, test } from 'node:test';
 
 import { curlLine, hostLine, quote } from '../../devkit/console/command_lines.js';
 import { applies, choiceText, convertEntry, entrySize, entryValue, fault, isRequired, neededLength, neededText,
     takesRandom, unusedText } from '../../devkit/console/entries.js';
 import { dataSize } from '../../devkit/console/i18n.js';
+import { SERVICE_TOKEN_FILE } from '../../devkit/console/labels.js';
 import { errorKind, kindHeading } from '../../devkit/console/outcomes.js';
 import { duration } from '../../devkit/console/result.js';
 import { bodySize, filesAreReadable, formParts, makeBody } from '../../devkit/console/sending.js';
@@ -363,4 +365,9 @@ describe('CommandLines', () => {
     test('Requests of a session have no line of their own', () => {
         assert.equal(hostLine({ name: 'R', parameters: [{ form: 'handle' }] }, []), null);
     });
+});
+
+test('The token file of the service is where its unit reads it', () => {
+    const unit = readFileSync(new URL('../../debian/corvane-host.service.in', import.meta.url), 'utf8');
+    assert.ok(unit.includes(`LoadCredential=token:${SERVICE_TOKEN_FILE}\n`));
 });
