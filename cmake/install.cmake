@@ -80,7 +80,7 @@ install(FILES devkit/engine/key_exchange/KEY_EXCHANGE.md
 # ---- Manual pages, which carry the version; they are read before an installation by
 # `man -M build/release/share/man corvane-host`.
 
-set(MAN_DATE "November 22, 2026")  # when what they say was last changed
+set(MAN_DATE "November 23, 2026")  # when what they say was last changed
 set(BUILT_MAN ${PROJECT_BINARY_DIR}/share/man)
 # corvane_page(NAME SECTION COMPONENT)
 function(corvane_page name section component)
