@@ -16,7 +16,7 @@ std::string reasonOf(const Json::parse_error& e)
     if (reason == std::string::npos)
         return "not JSON";
     message = message.substr(reason + 3);
-    message = message.substr(0, message.find("; last read: "));
+    message.resize(std::min(message.size(), message.find("; last read: ")));
     if (message == "invalid literal")
         message = "a word without quotes, or a number that is none";
     return "not JSON: " + message;

@@ -192,7 +192,7 @@ std::string markAmong(std::string_view notes)
            takeText(note.n_descsz, description))
         if (name == owner && note.n_type == LIBRARY_MARK_TYPE && !description.empty() &&
             description.back() == '\0')
-            return description.c_str();
+            return description.substr(0, description.find('\0'));
     return "";
 }
 
