@@ -123,10 +123,14 @@ TEST_F(HostExplains, StatusesOfHttp)
         EXPECT_TRUE(holds(busy, part)) << busy;
     // Whatever the service answers.
     const Json document = run({"openapi"}).json();
-    for (const auto& [path, item] : document["paths"].items())
-        for (const auto& [method, operation] : item.items())
+    std::set<std::string> statuses;
+    for (const auto& path : document["paths"])
+        for (const auto& operation : path)
             for (const auto& [status, answer] : operation["responses"].items())
-                EXPECT_EQ(SUCCESS, run({"explain", status}).code) << path << " " << status;
+                statuses.insert(status);
+    EXPECT_GT(statuses.size(), 5U);
+    for (const std::string& status : statuses)
+        EXPECT_EQ(SUCCESS, run({"explain", status}).code) << status;
     EXPECT_TRUE(holds(run({"explain"}).out, "421  "));
 }
 
