@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <limits>
 #include <numeric>
 
 namespace {
@@ -84,8 +85,8 @@ const Choice* choiceOf(const Parameter& parameter, const std::string& number)
 std::string nearestChoice(const Parameter& parameter, std::string_view name)
 {
     const std::string wanted = foldedName(name.substr(0, mostOfName));
-    const std::string* nearest = nullptr;
-    size_t least = 0;
+    std::string nearest;
+    size_t least = std::numeric_limits<size_t>::max();
     for (const Choice& choice : parameter.choices)
         for (const std::string& known : choice.names) {
             const std::string folded = foldedName(known);
@@ -93,12 +94,12 @@ std::string nearestChoice(const Parameter& parameter, std::string_view name)
             const bool isPart = !wanted.empty() && (folded.find(wanted) != folded.npos ||
                                                     wanted.find(folded) != wanted.npos);
             const size_t distance = editDistance(folded, wanted) + (isPart ? 0 : mostOfName);
-            if (nearest == nullptr || distance < least) {
-                nearest = &choice.names.front();
+            if (distance < least) {
+                nearest = choice.names.front();
                 least = distance;
             }
         }
-    return *nearest;
+    return nearest;
 }
 
 std::string nearParameter(const std::vector<std::string>& known, const std::string& name)

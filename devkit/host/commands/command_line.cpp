@@ -47,7 +47,7 @@ bool has(const Words& words, const std::string& word)
 std::string optionName(const std::string& argument)
 {
     constexpr size_t longest = 40;
-    const std::string name = argument.substr(0, argument.find('='));
+    std::string name = argument.substr(0, argument.find('='));
     const auto isFit = [](unsigned char c) { return isalpha(c) != 0 || c == '-'; };
     if (name.size() == 2 && name[0] == '-' && isalpha(static_cast<unsigned char>(name[1])) != 0)
         return name;
@@ -72,7 +72,7 @@ std::string unknownOption(const CLI::App& app, const std::string& name)
             return name + " is an option of " + command->get_name() + " and stands behind it";
         known.insert(known.end(), own.begin(), own.end());
     }
-    const std::string sentence = "there is no option " + name;
+    std::string sentence = "there is no option " + name;
     if (isParameterOfSome(name.substr(name.find_first_not_of('-'))))
         return sentence + "; parameters are written without dashes: " +
                name.substr(name.find_first_not_of('-')) + "=VALUE";
@@ -144,7 +144,7 @@ std::string mismatch(const std::string& message)
 
 std::string sentenceOf(const CLI::ParseError& error, const CLI::App& app, const Words& given)
 {
-    const std::string message = error.what();
+    std::string message = error.what();
     if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)
         return unplaced(app, given);
     if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)

@@ -42,7 +42,7 @@ private:
     std::vector<uint64_t> m_times;
     uint64_t m_total = 0;
     uint64_t m_max = 0;
-    std::mt19937_64 m_random;
+    std::mt19937_64 m_random{std::random_device()()};
 };
 
 #endif
