@@ -310,7 +310,7 @@ export const warnings = {
     odd_name: '{field} 的名称不像任何参数的名称；它可能是机密，故不显示',
     missing: '缺少 {field}（{need}）',
     not_base64: '{field} 不是 Base64（URL 安全）',
-    looks_like_hex: '{field} 看来是十六进制数字，却按 Base64 读取（{size} 字节）；十六进制写作 hex:DIGITS，HTTP 中写作 {"hex": DIGITS}',
+    looks_like_hex: '{field} 看来是十六进制数字，却按 Base64 读取（{size} 字节）；按十六进制则为 {hexSize} 字节：请写作 hex:DIGITS，HTTP 中写作 {"hex": DIGITS}',
     unknown_name: '{field} 既不是数字，也不是此处所知的名称；是否指 {nearest}？',
     out_of_range: '{field} 必须在 {low} 到 {high} 之间',
     not_one_of: '{field} 必须是以下之一：{values}',

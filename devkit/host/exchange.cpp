@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/catalogue/error_codes.h"
+#include "host/catalogue/names.h"
 #include "output.h"
 #include "values.h"
 
@@ -33,15 +34,6 @@ bool isNameLike(const std::string& name)
     return !name.empty() && name.size() <= mostOfName &&
            std::all_of(name.begin(), name.end(),
                        [](unsigned char c) { return isalnum(c) != 0 || c == '_'; });
-}
-
-// "a", "a or b", "a, b or c".
-std::string anyOf(const std::vector<std::string>& names)
-{
-    std::string text;
-    for (size_t i = 0; i < names.size(); ++i)
-        text += (i == 0 ? "" : i + 1 == names.size() ? " or " : ", ") + names[i];
-    return text;
 }
 
 }  // namespace

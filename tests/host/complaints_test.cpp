@@ -139,31 +139,42 @@ TEST(Complaints, DataOfWholeBlocks)
 
 TEST(Complaints, HexDigitsThatAreReadAsBase64)
 {
-    const auto hex = [](const char* name, const char* size) {
-        return "looks_like_hex: "s + name + " looks like hex digits and is read as Base64 (" +
-               size + " bytes); hex digits are written hex:DIGITS, by HTTP {\"hex\": DIGITS}";
+    const auto hex = [](const char* name, const char* size, const char* hexSize) {
+        return "looks_like_hex: "s + name + " looks like hex digits but is read as Base64 (" +
+               size + " bytes); as hex digits it is " + hexSize +
+               " bytes: write hex:DIGITS, by HTTP {\"hex\": DIGITS}";
     };
     const char* const hmac = "QZaven_crypto_hmac";
     const std::string key64 = "00112233445566778899aabbccddeeff00112233445566778899aabbccddeeff";
     expectAll({
-        {hmac, {{"strKey", "00010203"}}, {hex("strKey", "6")}},
-        {hmac, {{"strKey", "00010203\n"}}, {hex("strKey", "6")}},
-        {hmac, {{"strdata", "DEADBEEF0102"}}, {hex("strdata", "9")}},
+        {hmac, {{"strKey", "00010203"}}, {hex("strKey", "6", "4")}},
+        {hmac, {{"strKey", "000102"}}, {hex("strKey", "4", "3")}},
+        {hmac, {{"strKey", "abcde1"}}, {hex("strKey", "4", "3")}},
+        {hmac, {{"strKey", "00010203\n"}}, {hex("strKey", "6", "4")}},
+        {hmac, {{"strdata", "DEADBEEF0102"}}, {hex("strdata", "9", "6")}},
         {encrypt,
          {{"strKey", key64}},
-         {"wrong_size: strKey must be 32 bytes; it has 48", hex("strKey", "48")}},
-        {"QZaven_crypto_envelope_encrypt", {{"strpk", "30820122"}}, {hex("strpk", "6")}},
-        // Base64 of the right size is believed, and so is what must be Base64 text.
+         {"wrong_size: strKey must be 32 bytes; it has 48", hex("strKey", "48", "32")}},
+        {"QZaven_crypto_envelope_encrypt", {{"strpk", "30820122"}}, {hex("strpk", "6", "4")}},
+        // Also if the size fits.
         {encrypt,
          {{"strCipherAlg", "7"}, {"strKey", key64.substr(0, 32)}, {"strIV", bytes(8)}},
-         {}},
+         {hex("strKey", "24", "16")}},
+        {encrypt,
+         {{"strMode", "6"}, {"strIV", "00112233445566778899aabb"}},
+         {hex("strIV", "18", "12")}},
+        {encrypt, {{"strMode", "6"}, {"strIV", "0011223344556677"}}, {hex("strIV", "12", "8")}},
+        {decrypt, {{"strMode", "6"}, {"strtag", key64.substr(0, 32)}}, {hex("strtag", "24", "16")}},
+        // What must be Base64 text is believed.
         {"QZaven_crypto_base64_Decode", {{"strIn", "00010203"}}, {}},
         // Too short, odd, both cases, hardly a numeral, other characters, zeros.
-        {hmac, {{"strKey", "000102"}}, {}},
+        {hmac, {{"strKey", "0001"}}, {}},
+        {hmac, {{"strdata", "000102"}}, {}},
         {hmac, {{"strKey", "00010203a"}}, {"not_base64: strKey is not Base64 (URL-safe)"}},
         {hmac, {{"strKey", "0001020304a"}}, {}},
         {hmac, {{"strKey", "0001aabbAABB"}}, {}},
         {hmac, {{"strKey", "abcdefab"}}, {}},
+        {hmac, {{"strdata", "abcdefa1"}}, {}},
         {hmac, {{"strKey", "0001020g"}}, {}},
         {hmac, {{"strKey", toUrlBase64(std::string(12, '\0'))}}, {}},
         {hmac, {{"strKey", toUrlBase64(std::string(11, '\0') + "\1")}}, {}},

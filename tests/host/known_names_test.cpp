@@ -112,12 +112,14 @@ TEST(NamesInTheCatalogue, TheNearestIsTheOneMeant)
     const Parameter& cipher = *findParameter(*findRequest("QZaven_crypto_encrypt"), "strCipherAlg");
     for (const auto& [written, meant] : {std::pair("aes-265", "aes-256"),
                                          {"AES256CBC", "aes-256"},
-                                         {"aes", "aes-128"},
+                                         {"aes", "aes-128, aes-192 or aes-256"},
+                                         {"a", "sm4"},
+                                         {"256", "aes-256, aria-256 or camellia-256"},
                                          {"3-des!", "3des"},
                                          {"camelia-256", "camellia-256"},
                                          {"sm-4!", "sm4"}})
-        EXPECT_EQ(meant, nearestChoice(cipher, written)) << written;
-    EXPECT_NE("", nearestChoice(cipher, std::string(100000, 'x')));
+        EXPECT_EQ(meant, nearestChoices(cipher, written)) << written;
+    EXPECT_NE("", nearestChoices(cipher, std::string(100000, 'x')));
 }
 
 // ---- The whole way.
@@ -400,6 +402,14 @@ TEST_F(NamesOnTheWay, WordsFindRequests)
     EXPECT_EQ("QZaven_crypto_hmac\n", found({"SHA 256", "rfc2104"}));
     EXPECT_EQ("QZaven_crypto_envelope_encrypt\nQZaven_crypto_envelope_decrypt\n", found({"cms"}));
     EXPECT_EQ(found({}), found({"QZ"}));
+    // Beginnings of words alone, as "aes" is within "RSAES" and "encrypt" within "aven_crypto".
+    EXPECT_EQ(0U, found({"aes"}).find("QZaven_crypto_encrypt\n"));
+    EXPECT_EQ(found({"encrypt"}).npos, found({"encrypt"}).find("hmac"));
+    EXPECT_EQ(
+        "QZaven_crypto_public_encrypt\nQZaven_crypto_private_decrypt\nQZaven_crypto_encrypt\n"
+        "QZaven_crypto_decrypt\n",
+        found({"padding"}));
+    EXPECT_TRUE(holds(found({"password"}), "QZaven_crypto_private_decrypt"));
     for (const char* word : {"aes", "gcm", "rsa", "sha256", "mac", "cms", "session"})
         EXPECT_NE("", found({word})) << word;  // the advice for those who find nothing
 
@@ -408,6 +418,10 @@ TEST_F(NamesOnTheWay, WordsFindRequests)
     const std::string text = run({"list", "cms"}).out;
     EXPECT_TRUE(holds(text, "QZaven_crypto_envelope_encrypt")) << text;
     EXPECT_FALSE(holds(text, "QZaven_crypto_hmac")) << text;
+
+    const std::string ciphers = inOneLine(run({"list", "aes"}).out);
+    EXPECT_TRUE(holds(ciphers, "4 aes-256 (32-byte key)")) << ciphers;
+    EXPECT_FALSE(holds(ciphers, "aria")) << ciphers;
 
     const Ended none = run({"list", "md5", "aes"});
     EXPECT_EQ(USAGE, none.code);

@@ -21,11 +21,12 @@ constexpr Allowed oneOf(const char* digits)
 
 constexpr Allowed size(size_t bytes)
 {
-    return {Allowed::Size, 0, 0, "", bytes};
+    return {Allowed::Size, 0, 0, "", bytes, true};
 }
 
-constexpr Allowed sizeOfKey = {Allowed::CipherKey, 0, 0, "", 0};
-constexpr Allowed sizeOfIv = {Allowed::ModeIv, 0, 0, "", 0};
+constexpr Allowed oftenHex = {Allowed::Any, 0, 0, "", 0, true};
+constexpr Allowed sizeOfKey = {Allowed::CipherKey, 0, 0, "", 0, true};
+constexpr Allowed sizeOfIv = {Allowed::ModeIv, 0, 0, "", 0, true};
 constexpr Allowed blocksUnlessPadded = {Allowed::BlocksUnlessPadded, 0, 0, "", 0};
 constexpr Allowed blocks = {Allowed::Blocks, 0, 0, "", 0};
 constexpr Allowed oneLine = {Allowed::OneLine, 0, 0, "", 0};
@@ -108,14 +109,14 @@ const Parameter
     cipherAlg     = {"strCipherAlg",     T, must, range(1, 7),      "",   "the cipher", ciphers},
     mode          = {"strMode",          T, must, oneOf("123456"),  "",   "the cipher's mode; ECB takes no initial value, GCM has a tag", modes},
     padding       = {"strCipherPadding", T, may,  oneOf("01"),      "0",  "padding of the data", paddings},
-    macKey        = {"strKey",           B, must, any,              "",   "the key"},
+    macKey        = {"strKey",           B, must, oftenHex,         "",   "the key"},
     key           = {"strKey",           B, must, sizeOfKey,        "",   "the key"},
     key16         = {"strKey",           B, must, size(16),         "",   "the key"},
     iv            = {"strIV",            B, Need::UnlessMode1, sizeOfIv, "", "initial value; ECB takes none"},
     iv16          = {"strIV",            B, must, size(16),         "",   "initial value"},
     aad           = {"straad",           B, Need::InMode6,     any, "",   "additional authenticated data; GCM alone takes it, and there it must not be empty"},
     tagLength     = {"strgcmTagLen",     T, may,  range(4, 16),     "16", "length of the tag in bytes; GCM alone has one"},
-    tag           = {"strtag",           B, Need::InMode6,     any, "",   "the tag; GCM alone has one"},
+    tag           = {"strtag",           B, Need::InMode6, oftenHex, "",   "the tag; GCM alone has one"},
 
     hashAlg       = {"strHashAlg",       T, must, range(1, 6),      "",   "the hash", hashes},
     hashType      = {"HashType",         T, must, range(0, 6),      "",   "the hash; 0 for the engine's default", hashesOrDefault},
@@ -332,7 +333,7 @@ void useNames(const std::map<std::string, Choices>& names)
             const Allowed::Kind kind = parameter.allowed.kind;
             if (kind == Allowed::CipherKey || kind == Allowed::ModeIv ||
                 kind == Allowed::BlocksUnlessPadded || kind == Allowed::Blocks)
-                parameter.allowed = any;
+                parameter.allowed.kind = Allowed::Any;
         }
 }
 

@@ -60,10 +60,11 @@ struct Allowed {
         Blocks,              // the same, padded or not
         OneLine,             // a line end at its end was hardly meant
     } kind;
-    int low;             // Range: a leading number counts, text behind it does not
-    int high;            //
-    const char* digits;  // OneOf: exactly one of these digits
-    size_t size;         // Size: of the decoded bytes
+    int low;                  // Range: a leading number counts, text behind it does not
+    int high;                 //
+    const char* digits;       // OneOf: exactly one of these digits
+    size_t size;              // Size: of the decoded bytes
+    bool isOftenHex = false;  // a key, an initial value or a tag, which people have as hex digits
 };
 
 // The sizes in bytes of the initial value that a mode takes.

@@ -14,7 +14,7 @@ const std::vector<ComplaintKind> kinds = {
     {"odd_name",          "has a name that no parameter has; it is not told, as it may be secret"},
     {"missing",           "is missing ({need})"},
     {"not_base64",        notBase64},
-    {"looks_like_hex",    "looks like hex digits and is read as Base64 ({size} bytes); hex digits are written hex:DIGITS, by HTTP {\"hex\": DIGITS}"},
+    {"looks_like_hex",    "looks like hex digits but is read as Base64 ({size} bytes); as hex digits it is {hexSize} bytes: write hex:DIGITS, by HTTP {\"hex\": DIGITS}"},
     {"unknown_name",      "is no number and no name that is known here; did you mean {nearest}?"},
     {"out_of_range",      "must be {low} to {high}"},
     {"not_one_of",        "must be one of {values}"},
@@ -152,24 +152,32 @@ private:
 
 // ---- A value's own faults.
 
-// Hex digits are Base64, too. An even number of them, at least eight, with letters of one case, of
-// which a quarter or more are numerals, is hardly ever Base64 of bytes: not of one in 30000 values
-// of six bytes, and of fewer that are longer. Zeros in Base64 have no numerals.
-bool looksLikeHex(std::string_view value)
+// How many bytes a value is if it is hex digits of one case; 0 if it cannot be.
+size_t sizeOfHex(std::string_view value, size_t& numerals)
 {
     value = value.substr(0, value.find_last_not_of("\r\n") + 1);
-    size_t numerals = 0;
     bool hasSmall = false;
     bool hasCapital = false;
     for (const char c : value) {
         if (isxdigit(static_cast<unsigned char>(c)) == 0)
-            return false;
+            return 0;
         numerals += c <= '9' ? 1U : 0U;
         hasSmall |= c >= 'a';
         hasCapital |= c >= 'A' && c <= 'F';
     }
-    return value.size() >= 8 && value.size() % 2 == 0 && !(hasSmall && hasCapital) &&
-           4 * numerals >= value.size();
+    return value.size() % 2 != 0 || (hasSmall && hasCapital) ? 0 : value.size() / 2;
+}
+
+// Hex digits are Base64, too. Of random bytes in Base64 one value in 30000 is taken for hex digits
+// if it has six bytes, and one in 2000 million if it has twelve, as an initial value of GCM; with
+// padding none is. Zeros, and small numbers behind them, have no numerals in Base64.
+// Other data than keys may be text or numbers: there a quarter must be numerals, of eight at least.
+bool looksLikeHex(const Parameter& parameter, size_t hexSize, size_t numerals)
+{
+    if (parameter.allowed.isOftenHex)
+        return hexSize >= 3 && numerals > 0;
+    // Text to be decoded is no value that somebody has encoded.
+    return parameter.form != Form::Base64Text && hexSize >= 4 && 2 * numerals >= hexSize;
 }
 
 std::string rangeText(const IvSizes& sizes)
@@ -188,13 +196,14 @@ void addFaultsOfBytes(std::vector<Complaint>& list, const Parameter& parameter,
     }
     const std::string sizeText = std::to_string(*size);
     const auto due = surroundings.sizesOf(parameter.allowed);
-    const bool fits = due && *size >= due->least && *size <= due->most;
-    if (due && !fits)
+    if (due && (*size < due->least || *size > due->most))
         list.push_back(complaintOf("wrong_size", parameter.name,
                                    {{"bytes", rangeText(*due)}, {"size", sizeText}}));
-    // Text to be decoded is no value that somebody has encoded.
-    if (!fits && parameter.form != Form::Base64Text && looksLikeHex(value))
-        list.push_back(complaintOf("looks_like_hex", parameter.name, {{"size", sizeText}}));
+    size_t numerals = 0;
+    const size_t hexSize = sizeOfHex(value, numerals);
+    if (looksLikeHex(parameter, hexSize, numerals))
+        list.push_back(complaintOf("looks_like_hex", parameter.name,
+                                   {{"size", sizeText}, {"hexSize", std::to_string(hexSize)}}));
 
     const size_t block = surroundings.blockOf(parameter.allowed);
     if (block != 0 && *size % block != 0)
@@ -210,7 +219,7 @@ void addFaultsOfText(std::vector<Complaint>& list, const Parameter& parameter,
     const bool isNumber = value.find_first_not_of("0123456789+- \t\r\n") == std::string::npos;
     if (!isNumber && !parameter.choices.empty()) {
         list.push_back(complaintOf("unknown_name", parameter.name,
-                                   {{"nearest", nearestChoice(parameter, value)}}));
+                                   {{"nearest", nearestChoices(parameter, value)}}));
     } else if (allowed.kind == Allowed::OneOf) {
         if (value.size() != 1 ||
             std::string_view(allowed.digits).find(value) == std::string_view::npos)

@@ -1,5 +1,6 @@
 // What a terminal shows of the catalogue.
 #include <algorithm>
+#include <cstring>
 
 #include "names.h"
 #include "renderings.h"
@@ -36,12 +37,19 @@ std::string traits(const Parameter& parameter)
     const std::string values = allowedText(parameter.allowed);
     if (!values.empty())
         line += ", " + values;
-    if (*parameter.ifAbsent != '\0')
+    if (hasDefault(parameter))
         line += ", default " + std::string(parameter.ifAbsent);
     return line + ", " + formName(parameter.form);
 }
 
 }  // namespace
+
+bool hasDefault(const Parameter& parameter)
+{
+    return *parameter.ifAbsent != '\0' &&
+           (parameter.allowed.kind != Allowed::OneOf ||
+            strstr(parameter.allowed.digits, parameter.ifAbsent) != nullptr);
+}
 
 std::string choicesText(const Choices& choices)
 {
@@ -79,9 +87,11 @@ std::string describe(const RequestInfo& request, const Style& style)
         out += labelled("  " + std::string(result.name), column,
                         std::string(formName(result.form)) + ": " + result.meaning);
     if (!request.codes.empty())
-        out +=
-            "  " + style.heading("its own codes") + "\n" +
-            labelled("", 4, codesText(request.codes) + "; `corvane-host explain CODE` says more");
+        out += "  " + style.heading("codes") + "\n" +
+               labelled("", 4,
+                        codesText(request.codes) +
+                            " of the plug-in, and those of the engine; "
+                            "`corvane-host explain CODE` says more");
     const RetryKind& retry = kindOf(retryOf(request));
     return out + "  " + style.heading("if its answer is lost") + "\n" +
            labelled("", 4, std::string(retry.name) + ": " + retry.text);
@@ -99,8 +109,12 @@ std::string listRequests(const std::vector<std::string>& words, const Style& sty
             out += (out.empty() ? "" : "\n") + style.heading(group) + "\n";
         }
         out += "  " + std::string(request.name) + "\n";
-        for (const Parameter& parameter : request.parameters)
+        for (const Parameter& parameter : request.parameters) {
             out += labelled("      " + std::string(parameter.name), 24, traits(parameter));
+            const Choices sought = choicesAbout(parameter, words);
+            if (!sought.empty())
+                out += labelled("", 24, choicesText(sought));
+        }
     }
     return out;
 }

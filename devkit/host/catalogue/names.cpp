@@ -47,7 +47,44 @@ std::string_view withoutPrefix(std::string_view name)
     return has ? name.substr(prefix.size()) : name;
 }
 
+// Whether a folded word is one of the text's, or the beginning of one, or of several.
+bool hasWord(std::string_view text, std::string_view folded)
+{
+    const auto is = [&](size_t at, int (*kind)(int)) {
+        return kind(static_cast<unsigned char>(text[at])) != 0;
+    };
+    for (size_t at = 0; at < text.size(); ++at) {
+        const bool begins =
+            at == 0 || !is(at - 1, isalnum) || (is(at, isupper) && is(at - 1, islower));
+        if (begins && foldedName(text.substr(at)).compare(0, folded.size(), folded) == 0)
+            return true;
+    }
+    return false;
+}
+
+// The choices whose names have a folded text within them, by the names that are shown.
+std::vector<std::string> namesHolding(const Parameter& parameter, const std::string& folded)
+{
+    constexpr size_t fewest = 2;  // characters that tell anything
+    std::vector<std::string> names;
+    for (const Choice& choice : parameter.choices)
+        if (folded.size() >= fewest &&
+            std::any_of(choice.names.begin(), choice.names.end(), [&](const std::string& name) {
+                return foldedName(name).find(folded) != std::string::npos;
+            }))
+            names.push_back(choice.names.front());
+    return names;
+}
+
 }  // namespace
+
+std::string anyOf(const std::vector<std::string>& names)
+{
+    std::string text;
+    for (size_t i = 0; i < names.size(); ++i)
+        text += (i == 0 ? "" : i + 1 == names.size() ? " or " : ", ") + names[i];
+    return text;
+}
 
 std::string foldedName(std::string_view name)
 {
@@ -82,17 +119,19 @@ const Choice* choiceOf(const Parameter& parameter, const std::string& number)
     return nullptr;
 }
 
-std::string nearestChoice(const Parameter& parameter, std::string_view name)
+std::string nearestChoices(const Parameter& parameter, std::string_view name)
 {
     const std::string wanted = foldedName(name.substr(0, mostOfName));
+    const std::vector<std::string> holding = namesHolding(parameter, wanted);
+    if (!holding.empty())
+        return anyOf(holding);
     std::string nearest;
     size_t least = std::numeric_limits<size_t>::max();
     for (const Choice& choice : parameter.choices)
         for (const std::string& known : choice.names) {
             const std::string folded = foldedName(known);
-            // "aes" and "aes-256-cbc" are nearer to "aes-256" than their lengths tell.
-            const bool isPart = !wanted.empty() && (folded.find(wanted) != folded.npos ||
-                                                    wanted.find(folded) != wanted.npos);
+            // "aes-256-cbc" is nearer to "aes-256" than their lengths tell.
+            const bool isPart = wanted.find(folded) != wanted.npos;
             const size_t distance = editDistance(folded, wanted) + (isPart ? 0 : mostOfName);
             if (distance < least) {
                 nearest = choice.names.front();
@@ -142,18 +181,30 @@ size_t editDistance(std::string_view a, std::string_view b)
 
 bool isAbout(const RequestInfo& request, const std::vector<std::string>& words)
 {
-    std::vector<std::string> said;
-    for (const char* text : {request.name, request.summary, request.group, request.keywords})
-        said.push_back(foldedName(text));
-    for (const Parameter& parameter : request.parameters)
+    std::vector<std::string_view> said = {request.name, request.summary, request.group,
+                                          request.keywords};
+    for (const Parameter& parameter : request.parameters) {
+        said.push_back(withoutPrefix(parameter.name));
         for (const Choice& choice : parameter.choices)
-            for (const std::string& name : choice.names)
-                said.push_back(foldedName(name));
+            said.insert(said.end(), choice.names.begin(), choice.names.end());
+    }
     return std::all_of(words.begin(), words.end(), [&](const std::string& word) {
-        return std::any_of(said.begin(), said.end(), [folded = foldedName(word)](const auto& text) {
-            return text.find(folded) != text.npos;
-        });
+        return std::any_of(said.begin(), said.end(),
+                           [&](std::string_view text) { return hasWord(text, foldedName(word)); });
     });
+}
+
+Choices choicesAbout(const Parameter& parameter, const std::vector<std::string>& words)
+{
+    Choices found;
+    for (const Choice& choice : parameter.choices)
+        if (std::any_of(words.begin(), words.end(), [&](const std::string& word) {
+                return std::any_of(
+                    choice.names.begin(), choice.names.end(),
+                    [&](const std::string& name) { return hasWord(name, foldedName(word)); });
+            }))
+            found.push_back(choice);
+    return found;
 }
 
 bool takesNumber(const std::string& parameter)

@@ -22,8 +22,12 @@ const std::string* numberNamed(const RequestInfo* request, const std::string& pa
 // The choice that a number, as the plug-in reads it, stands for; null if there is none.
 const Choice* choiceOf(const Parameter& parameter, const std::string& number);
 
-// The name that is nearest to one which is none of the parameter's. There must be names.
-std::string nearestChoice(const Parameter& parameter, std::string_view name);
+// What was likely meant by a name that is none of the parameter's: all choices that have it in
+// their names, as "aes-128, aes-192 or aes-256" for "aes", else the nearest. There must be names.
+std::string nearestChoices(const Parameter& parameter, std::string_view name);
+
+// "a", "a or b", "a, b or c".
+std::string anyOf(const std::vector<std::string>& names);
 
 // The one of the known parameters that was most likely meant, or "" if none is near.
 std::string nearParameter(const std::vector<std::string>& known, const std::string& name);
@@ -32,9 +36,14 @@ std::string nearParameter(const std::vector<std::string>& known, const std::stri
 // other, whatever their case. Takes time by the product of their lengths.
 size_t editDistance(std::string_view a, std::string_view b);
 
-// Whether all words are in what is said of the request: its name, summary, group and keywords, and
-// the names of numbers. Compared as names are.
+// Whether all words stand in what is said of the request: its name, summary, group and keywords,
+// its parameters' names, and the names of numbers. Compared as names are. A word may be the
+// beginning of one that is said, as "SHA 256" and "sha" are of "sha-256", but not its middle: "aes"
+// is not in "RSAES". Capitals within a name begin words.
 bool isAbout(const RequestInfo& request, const std::vector<std::string>& words);
+
+// The choices that have one of the words in their names, likewise.
+Choices choicesAbout(const Parameter& parameter, const std::vector<std::string>& words);
 
 // Whether some request has a parameter of that name that takes a number.
 bool takesNumber(const std::string& parameter);

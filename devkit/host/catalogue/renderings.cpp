@@ -77,7 +77,7 @@ std::string valuesCell(const Parameter& parameter)
     std::string cell = choicesText(parameter.choices);
     if (cell.empty())
         cell = allowedText(parameter.allowed);
-    if (*parameter.ifAbsent != '\0')
+    if (hasDefault(parameter))
         cell += (cell.empty() ? "" : "; ") + std::string("default ") + parameter.ifAbsent;
     return cell;
 }

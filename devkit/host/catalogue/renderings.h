@@ -9,6 +9,8 @@
 #include "error_codes.h"
 #include "layout.h"
 
+// Whether an absent parameter stands for a value that it may have; else its meaning tells of what.
+bool hasDefault(const Parameter& parameter);
 // "1 sm4 (16-byte key), 2 aes-128 (16-byte key)" and so on: numbers with their first name; "" for
 // a parameter without named values.
 std::string choicesText(const Choices& choices);
