@@ -22,6 +22,25 @@ bool takePrefix(std::string& text, const std::string& prefix)
     return true;
 }
 
+// Whether a file holds keys or certificates as tools write them: in PEM, or DER, which begins with
+// its own length.
+bool isKeyFile(std::string_view bytes)
+{
+    constexpr std::string_view pem = "-----BEGIN ";
+    if (bytes.find(pem) != bytes.npos)
+        return true;
+    const auto at = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    if (bytes.size() < 2 || at(0) != 0x30)
+        return false;
+    const size_t more = at(1) < 0x80 ? 0 : at(1) & 0x7FU;  // bytes of the length
+    if (more > 3 || bytes.size() < 2 + more)
+        return false;
+    size_t length = more == 0 ? at(1) : 0;
+    for (size_t i = 0; i < more; ++i)
+        length = length << 8U | at(2 + i);
+    return bytes.size() == 2 + more + length;
+}
+
 }  // namespace
 
 std::string ValueReader::read(const RequestInfo* request, const std::string& name,
@@ -33,8 +52,10 @@ std::string ValueReader::read(const RequestInfo* request, const std::string& nam
         return *number;
     const Form form = formOf(request, name);
     if (isMisencoded(form, given, value)) {
-        // A key in PEM is what people paste here.
         const bool isFile = written.compare(0, 1, "@") == 0;
+        if (isFile && form == Form::KeyText && isKeyFile(value))
+            return toUrlBase64(value);
+        // A key in PEM is what people paste here.
         const char* remedy = ": write text:TEXT, hex:DIGITS or b64:@FILE";
         if (isFile)
             remedy = ": write b64:@FILE for a file's bytes";

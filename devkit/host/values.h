@@ -5,7 +5,8 @@
 //             | "hex:" DIGITS     the bytes that the digits stand for
 //             | "b64:" BYTES      URL-safe Base64 of the bytes, whatever the parameter takes
 //             | "raw:" BYTES      the bytes as they are, whatever the parameter takes
-//             | BYTES             the bytes as they are; where Base64 is due they must be that;
+//             | BYTES             the bytes as they are; where Base64 is due they must be that, but
+//                                 a file with a key in PEM or DER is encoded where a key is due;
 //                                 a name of the parameter's, as "aes-256", for its number
 //     BYTES   = "@" PATH          a file's
 //             | "@-"              standard input's

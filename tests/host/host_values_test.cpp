@@ -135,13 +135,18 @@ TEST_F(HostValueForms, KeysAreTakenInEveryForm)
     };
     for (const std::string& strpk :
          {key, "@" + file("wrapped", wrapped), "b64:@" + file("pem", pem), "text:" + pem,
-          "b64:@" + file("der", fromBase64(key))}) {
+          "b64:@" + file("der", fromBase64(key)), "@" + path("pem"), "@" + path("der")}) {
         const Ended ended = encrypts(strpk);
         EXPECT_EQ(SUCCESS, ended.code) << strpk << " " << ended.err;
     }
-    // As it is, the plug-in would change its dashes.
-    const Ended ended = encrypts("@" + path("pem"));
+    // What is neither PEM, DER nor Base64 stays refused, and so do all for data.
+    const std::string cut = fromBase64(key).substr(1);
+    const Ended ended = encrypts("@" + file("cut", cut));
     EXPECT_EQ(USAGE, ended.code);
+    EXPECT_EQ(USAGE, encrypts("@" + file("short", fromBase64(key).substr(0, 80))).code);
+    EXPECT_EQ(USAGE, encrypts("@" + file("one", "0")).code);
+    EXPECT_EQ(USAGE, encrypts(pem).code);
+    EXPECT_EQ(USAGE, hmac("@" + path("pem")).code);
     EXPECT_TRUE(holds(ended.err, "strpk is not Base64 (URL-safe)")) << ended.err;
 }
 

@@ -13,7 +13,8 @@ constexpr const char* valueForms =
   hex:DIGITS    bytes             Base64, or as they are
   b64:TEXT      URL-safe Base64 of a text, of a file by b64:@FILE, of standard
                 input by b64:@-
-  TEXT, @FILE   as they are; refused where Base64 is due and they are none
+  TEXT, @FILE   as they are; refused where Base64 is due and they are none, but
+                @key.pem is encoded where a key or certificate is due
   raw:TEXT      as it is, whatever it is and whatever is due; raw:@FILE likewise
 )";
 
