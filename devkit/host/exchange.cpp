@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstring>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
 #include "host/catalogue/error_codes.h"
+#include "host/catalogue/layout.h"
 #include "host/catalogue/names.h"
 #include "output.h"
 #include "values.h"
@@ -24,8 +27,36 @@ std::string engineText(HostSession& session, const std::string& code)
 // As chooseTelling() has it.
 struct Telling {
     bool isColoured = false;
-    bool hasHints = true;
+    size_t columns = 0;
 } telling;
+
+// Gives what stands between the places a colour.
+void colour(std::string& line, size_t begin, size_t end, const char* code)
+{
+    if (!telling.isColoured)
+        return;
+    line.insert(end, "\033[0m");
+    line.insert(begin, std::string("\033[1;") + code + "m");
+}
+
+void tellLine(const std::string& line)
+{
+    constexpr const char* program = "corvane-host:";
+    constexpr size_t hanging = 4;
+    std::string text = std::string(program) + " " + line;
+    const size_t begin = strlen(program) + 1;
+    if (telling.columns != 0)
+        text = wrapped(text, hanging, telling.columns);
+    for (const std::string_view label : {"warning:", "what to do:"})
+        if (line.compare(0, label.size(), label) == 0) {
+            colour(text, begin, begin + label.size(), "33");
+            fprintf(stderr, "%s\n", text.c_str());
+            return;
+        }
+    if (line.compare(0, 4, "see ") != 0)
+        colour(text, 0, begin - 1, "31");
+    fprintf(stderr, "%s\n", text.c_str());
+}
 
 // One that is none may be a value that stands in its place.
 bool isNameLike(const std::string& name)
@@ -115,26 +146,14 @@ std::string remedyLine(const Outcome& outcome)
     return "";
 }
 
-void chooseTelling(bool isColoured, bool hasHints)
+void chooseTelling(bool isColoured, size_t columns)
 {
-    telling = {isColoured, hasHints};
+    telling = {isColoured, columns};
 }
 
-void tell(const std::string& line)
+void tell(const std::string& text)
 {
-    constexpr std::string_view warning = "warning:";
-    const char* const program = "corvane-host:";
-    if (!telling.isColoured)
-        fprintf(stderr, "%s %s\n", program, line.c_str());
-    else if (line.compare(0, warning.size(), warning) == 0)
-        fprintf(stderr, "%s \033[1;33m%s\033[0m%s\n", program, warning.data(),
-                line.c_str() + warning.size());
-    else
-        fprintf(stderr, "\033[1;31m%s\033[0m %s\n", program, line.c_str());
-}
-
-void tellHint(const std::string& line)
-{
-    if (telling.hasHints && !line.empty())
-        fprintf(stderr, "corvane-host: %s\n", line.c_str());
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        tellLine(line);
 }

@@ -42,12 +42,12 @@ std::string failureLine(const std::string& name, const Outcome& outcome);
 // known here, as another engine's.
 std::string remedyLine(const Outcome& outcome);
 
-// Whether lines to standard error have colours, and whether hints are told. Before the first.
-void chooseTelling(bool isColoured, bool hasHints);
+// Whether lines to standard error have colours, and how many columns they are broken to, 0 for
+// none: programs look for whole messages. Before the first.
+void chooseTelling(bool isColoured, size_t columns);
 
-// A line to standard error: an error, or a text that begins with "warning: ".
-void tell(const std::string& line);
-// What helps with the error before it.
-void tellHint(const std::string& line);
+// A line to standard error for each of the text's: an error, or one that begins with "warning: " or
+// "what to do: ". Nothing for no text.
+void tell(const std::string& text);
 
 #endif

@@ -9,7 +9,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // The parser's messages quote what it read last. The reason stands before that.
-std::string reasonOf(const Json::parse_error& e)
+std::string reasonOf(const Json::parse_error& e, bool behindComma)
 {
     std::string message = e.what();
     const size_t reason = message.find(" - ");
@@ -17,6 +17,9 @@ std::string reasonOf(const Json::parse_error& e)
         return "not JSON";
     message = message.substr(reason + 3);
     message.resize(std::min(message.size(), message.find("; last read: ")));
+    const bool isEnd = message.find("unexpected '}'") == 0 || message.find("unexpected ']'") == 0;
+    if (isEnd && behindComma)
+        message = "a comma too many before it";
     if (message == "invalid literal")
         message = "a word without quotes, or a number that is none";
     return "not JSON: " + message;
@@ -41,7 +44,9 @@ nlohmann::ordered_json parseJson(const std::string& text)
     try {
         return Json::parse(text, refuseSame);
     } catch (const Json::parse_error& e) {
-        throw JsonError(reasonOf(e), e.byte == 0 ? 0 : e.byte - 1);
+        const size_t at = e.byte == 0 ? 0 : e.byte - 1;
+        const size_t before = at == 0 ? text.npos : text.find_last_not_of(" \t\r\n", at - 1);
+        throw JsonError(reasonOf(e, before != text.npos && text[before] == ','), at);
     } catch (const Json::exception&) {
         throw JsonError("a number is out of range", 0);
     }

@@ -1,9 +1,11 @@
 #include "output.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -32,6 +34,14 @@ bool writeAll(int descriptor, std::string_view text)
 }
 
 }  // namespace
+
+std::string inEachLine(const std::string& prefix, const std::string& text)
+{
+    std::string lines = prefix;
+    for (const char c : text)
+        lines += c == '\n' ? "\n" + prefix : std::string(1, c);
+    return lines;
+}
 
 Output::Output() : m_descriptor(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))
 {
@@ -124,6 +134,19 @@ bool hasColours(Colours colours, int descriptor)
         return std::string_view(value == nullptr ? "" : value);
     };
     return variable("NO_COLOR").empty() && variable("TERM") != "dumb" && isatty(descriptor) == 1;
+}
+
+size_t columnsOf(int descriptor)
+{
+    constexpr size_t narrowest = 40;
+    constexpr size_t usual = 80;
+    constexpr size_t widest = 120;
+    if (isatty(descriptor) != 1)
+        return 0;
+    winsize size = {};
+    if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
+        return usual;
+    return std::clamp<size_t>(size.ws_col, narrowest, widest);
 }
 
 bool isStandardOutput(const std::string& path)

@@ -6,10 +6,29 @@
 #include <string>
 #include <string_view>
 
-// A wrong command line or script, or a file that cannot be read or written.
+// A wrong command line or script, or a file that cannot be read or written. Several mistakes stand
+// in lines of their own.
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+// Collects what is wrong, so that all of it is told at once.
+class Mistakes {
+public:
+    void add(const std::string& mistake) { m_all += (m_all.empty() ? "" : "\n") + mistake; }
+    // Throws a UsageError if there are some.
+    void refuse() const
+    {
+        if (!m_all.empty())
+            throw UsageError(m_all);
+    }
+
+private:
+    std::string m_all;
+};
+
+// The lines of a text, each behind the prefix.
+std::string inEachLine(const std::string& prefix, const std::string& text);
 
 // Takes standard output over: only this object writes to it, and what anything else
 // writes to descriptor 1 goes to standard error.
@@ -66,6 +85,10 @@ enum class Colours {
     Never,
 };
 bool hasColours(Colours colours, int descriptor);
+
+// How many columns a terminal's lines have, 40 to 120, or 80 if it does not tell; 0 for what is no
+// terminal.
+size_t columnsOf(int descriptor);
 
 // Whether a path stands for standard output, as "-", "/dev/stdout" and "" do.
 bool isStandardOutput(const std::string& path);

@@ -120,7 +120,14 @@ Pairs WrittenParameters::read(const RequestInfo* request) const
             pairs.emplace_back(name, value);
     }
     ValueReader reader(file != "-");
-    for (auto& [name, value] : pairs)
-        value = reader.read(request, name, value, asWritten);
+    Mistakes mistakes;
+    for (auto& [name, value] : pairs) {
+        try {
+            value = reader.read(request, name, value, asWritten);
+        } catch (const UsageError& e) {
+            mistakes.add(e.what());
+        }
+    }
+    mistakes.refuse();
     return pairs;
 }

@@ -33,7 +33,7 @@ public:
         try {
             return jsonText(send(step), -1);
         } catch (const UsageError& e) {
-            throw UsageError(step.title + e.what());
+            throw UsageError(inEachLine(step.title, e.what()));
         }
     }
 
@@ -64,7 +64,7 @@ private:
             return answer;
         m_allSucceeded = false;
         tell(step.title + failureLine(step.request, outcome));
-        tellHint(remedyLine(outcome));
+        tell(remedyLine(outcome));
         return answer;
     }
 
@@ -74,9 +74,16 @@ private:
             return expandReferences(text, [this](const std::string& r) { return resultOf(r); });
         };
         Pairs pairs;
-        for (const auto& [name, value] : step.params.items())
-            pairs.emplace_back(name,
-                               m_values.read(step.info, name, writtenValue(name, value), expand));
+        Mistakes mistakes;
+        for (const auto& [name, value] : step.params.items()) {
+            try {
+                pairs.emplace_back(
+                    name, m_values.read(step.info, name, writtenValue(name, value), expand));
+            } catch (const UsageError& e) {
+                mistakes.add(e.what());
+            }
+        }
+        mistakes.refuse();
         return pairs;
     }
 
@@ -130,11 +137,12 @@ void Script::readArray(const std::string& text)
         for (size_t i = 0; i < steps.size(); ++i) {
             place = places.at(i);
             m_steps.push_back(m_reader.read(steps[i]));
+            m_steps.back().title.insert(0, at(placeIn(text, place)));
         }
     } catch (const JsonError& e) {
         throw UsageError(at(placeIn(text, e.at)) + e.what());
     } catch (const UsageError& e) {
-        throw UsageError(at(placeIn(text, place)) + e.what());
+        throw UsageError(inEachLine(at(placeIn(text, place)), e.what()));
     }
 }
 
@@ -147,11 +155,13 @@ std::optional<Step> Script::readLine(const std::string& line, size_t number)
         return at(std::to_string(number) + ":" + std::to_string(column + 1));
     };
     try {
-        return m_reader.read(parseJson(line));
+        Step step = m_reader.read(parseJson(line));
+        step.title.insert(0, place(begin));
+        return step;
     } catch (const JsonError& e) {
         throw UsageError(place(std::min(e.at, line.size())) + e.what());
     } catch (const UsageError& e) {
-        throw UsageError(place(begin) + e.what());
+        throw UsageError(inEachLine(place(begin), e.what()));
     }
 }
 
@@ -164,7 +174,7 @@ void Script::runArray(Runner& runner, const Answers& answers) const
         ~Brackets()
         {
             try {
-                answers(between == "[\n" ? "[]\n" : "\n]\n");
+                answers(between == "[\n" ? "[]\n" : "]\n");
             } catch (const UsageError&) {
                 // The write before has failed too and is being reported.
             }
@@ -175,8 +185,9 @@ void Script::runArray(Runner& runner, const Answers& answers) const
         if (runner.mustStop())
             return;
         const std::string answer = runner.run(step);
-        answers(brackets.between + answer);
-        brackets.between = ",\n";
+        // The line ends before the next step has something told on standard error.
+        answers(brackets.between + answer + "\n");
+        brackets.between = ",";
     }
 }
 

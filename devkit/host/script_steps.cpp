@@ -7,6 +7,7 @@
 #include "exchange.h"
 #include "output.h"
 #include "parameters.h"
+#include "values.h"
 
 namespace {
 
@@ -110,10 +111,12 @@ Step StepReader::read(const nlohmann::ordered_json& json)
             takeMember(step, member, value);
         if (!step.id.empty())
             step.title += " (" + step.id + ")";
-        check(step);
+        if (step.request.empty())
+            throw UsageError("\"request\" is missing");
         step.info = requestByName(step.request, m_force);
+        check(step);
     } catch (const UsageError& e) {
-        throw UsageError(step.title + ": " + e.what());
+        throw UsageError(inEachLine(step.title + ": ", e.what()));
     }
     step.title += ": ";
     if (!step.id.empty())
@@ -123,24 +126,40 @@ Step StepReader::read(const nlohmann::ordered_json& json)
 
 void StepReader::check(const Step& step) const
 {
-    if (step.request.empty())
-        throw UsageError("\"request\" is missing");
     if (std::any_of(m_named.begin(), m_named.end(),
                     [&](const Step& earlier) { return !step.id.empty() && earlier.id == step.id; }))
         throw UsageError("id " + step.id + " is taken");
+    Mistakes mistakes;
     for (const auto& [name, value] : step.params.items()) {
-        const auto text = textIn(writtenValue(name, value));
-        if (!text)
-            continue;
         try {
-            expandReferences(*text, [&](const std::string& reference) {
-                checkReference(reference);
-                return std::string();
-            });
+            checkValue(step, name, writtenValue(name, value));
         } catch (const UsageError& e) {
-            throw UsageError(name + ": " + e.what());
+            mistakes.add(e.what());
         }
     }
+    mistakes.refuse();
+}
+
+void StepReader::checkValue(const Step& step, const std::string& name,
+                            const std::string& written) const
+{
+    const auto text = textIn(written);
+    size_t references = 0;
+    try {
+        expandReferences(text.value_or(""), [&](const std::string& reference) {
+            checkReference(reference);
+            ++references;
+            return std::string();
+        });
+    } catch (const UsageError& e) {
+        throw UsageError(name + ": " + e.what());
+    }
+    const bool isHex = written.compare(0, 4, "hex:") == 0;
+    if (references != 0 || !(text || isHex))
+        return;
+    ValueReader(false).read(step.info, name, written, [](const std::string& part) {
+        return expandReferences(part, [](const std::string&) { return std::string(); });
+    });
 }
 
 void StepReader::checkReference(const std::string& reference) const

@@ -11,7 +11,7 @@
 #include "host/catalogue/catalogue.h"
 
 struct Step {
-    std::string title;  // "step 2 (k): ", for messages
+    std::string title;  // "step 2 (k): ", for messages; a script puts the place before it
     std::string id;
     std::string request;
     nlohmann::ordered_json params = nlohmann::ordered_json::object();
@@ -32,12 +32,14 @@ public:
     // Whether requests that are not in the catalogue are taken.
     explicit StepReader(bool force) : m_force(force) {}
 
-    // Checks the members, the request's name, the id, and that there are the steps and results that
-    // values refer to. Throws a UsageError with the step's title that quotes no value.
+    // Checks the members, the request's name, the id, that there are the steps and results that
+    // values refer to, and the form of values that refer to none and are in no file. Throws a
+    // UsageError with the step's title that quotes no value.
     Step read(const nlohmann::ordered_json& json);
 
 private:
     void check(const Step& step) const;
+    void checkValue(const Step& step, const std::string& name, const std::string& written) const;
     void checkReference(const std::string& reference) const;
 
     bool m_force;

@@ -1,4 +1,5 @@
 // Scripts on the command line: several requests in one process.
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -54,6 +55,15 @@ TEST_F(HostScript, TheWalkHasEveryRequest)
     for (const Json& request : run({"list", "--json"}).json())
         known.insert(request["name"]);
     EXPECT_EQ(known, walked);
+}
+
+// Standard error and output are often one terminal.
+TEST_F(HostScript, ALineEndsBehindEachAnswer)
+{
+    const std::string out = script(roundTrip).out;
+    EXPECT_EQ(5, std::count(out.begin(), out.end(), '\n')) << out;
+    EXPECT_EQ('\n', out.back());
+    EXPECT_TRUE(holds(out, "}\n,{")) << out;
 }
 
 TEST_F(HostScript, TimeIsTold)

@@ -2,13 +2,25 @@
 
 #include <sstream>
 
-std::string wrapped(const std::string& text, size_t indent)
+namespace {
+
+size_t chosenColumns = 80;
+
+}  // namespace
+
+void chooseColumns(size_t columns)
 {
+    chosenColumns = columns;
+}
+
+std::string wrapped(const std::string& text, size_t indent, size_t columns)
+{
+    const size_t most = columns == 0 ? chosenColumns : columns;
     std::string lines;
     size_t column = indent;
     std::istringstream words(text);
     for (std::string word; words >> word;) {
-        if (!lines.empty() && column + 1 + word.size() > mostColumns) {
+        if (!lines.empty() && column + 1 + word.size() > most) {
             lines += "\n" + std::string(indent, ' ');
             column = indent;
         } else if (!lines.empty()) {

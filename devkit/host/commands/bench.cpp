@@ -184,7 +184,7 @@ ExitCode bench(Program& program, const BenchOptions& options)
     const Outcome first = exchange(*session, request, options.request, parameters);
     if (!first.ok) {
         tell(failureLine(options.request, first));
-        tellHint(remedyLine(first));
+        tell(remedyLine(first));
     }
 
     Bench bench(*session, *request, parameters);

@@ -202,7 +202,7 @@ ExitCode call(Program& program, const CallOptions& options)
     if (outcome.ok)
         return SUCCESS;
     tell(failureLine(options.request, outcome));
-    tellHint(remedyLine(outcome));
+    tell(remedyLine(outcome));
     return REFUSED;
 }
 

@@ -73,6 +73,10 @@ std::string unknownOption(const CLI::App& app, const std::string& name)
         known.insert(known.end(), own.begin(), own.end());
     }
     std::string sentence = "there is no option " + name;
+    const bool isServe = command != nullptr && command->get_name() == "serve";
+    for (const char* address : {"--port", "--address", "--host", "--bind"})
+        if (isServe && name == address)
+            return sentence + "; did you mean --listen ADDRESS:PORT?";
     if (isParameterOfSome(name.substr(name.find_first_not_of('-'))))
         return sentence + "; parameters are written without dashes: " +
                name.substr(name.find_first_not_of('-')) + "=VALUE";

@@ -57,6 +57,16 @@ public:
     }
 };
 
+// The program's own options, which stand before or behind a subcommand.
+std::string commonOptions(const CLI::App& app)
+{
+    std::string names;
+    for (const CLI::Option* option : app.get_options())
+        if (option != app.get_help_ptr() && option != app.get_version_ptr())
+            names += (names.empty() ? "" : ", ") + option->get_name(false, true);
+    return "Options of all subcommands, see " + app.get_name() + " --help: " + names;
+}
+
 }  // namespace
 
 std::shared_ptr<CLI::Formatter> helpFormatter()
@@ -71,7 +81,8 @@ std::string helpOf(const CLI::App& app)
     const CLI::App* const parent = app.get_parent();
     const std::string name =
         parent == nullptr ? app.get_name() : parent->get_name() + " " + app.get_name();
-    return app.get_formatter()->make_help(&app, name, CLI::AppFormatMode::Normal);
+    const std::string help = app.get_formatter()->make_help(&app, name, CLI::AppFormatMode::Normal);
+    return parent == nullptr ? help : help + "\n" + wrapped(commonOptions(*parent), 0) + "\n";
 }
 
 std::string argumentName(const CLI::Option& option)

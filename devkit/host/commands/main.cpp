@@ -29,8 +29,11 @@ ExitCode reportParseError(const CLI::ParseError& e, const CLI::App& app, const P
         const auto chosen = app.get_subcommands();
         program.output.write(helpOf(chosen.empty() ? app : *chosen.back()));
     } else {
+        if (given.empty())
+            fputs((helpOf(app) + "\n").c_str(), stderr);
         tell(sentenceOf(e, app, given));
-        tellHint("see " + helpCommand(app));
+        if (!given.empty())
+            tell("see " + helpCommand(app));
         return USAGE;
     }
     return SUCCESS;
@@ -50,7 +53,9 @@ void chooseLooks(Program& program, const std::string& when)
     program.colours = when == "always"  ? Colours::Always
                       : when == "never" ? Colours::Never
                                         : Colours::Auto;
-    chooseTelling(hasColours(program.colours, STDERR_FILENO), !program.paths.isQuiet);
+    chooseTelling(hasColours(program.colours, STDERR_FILENO), columnsOf(STDERR_FILENO));
+    if (const size_t columns = columnsOf(program.output.descriptor()))
+        chooseColumns(columns);
 }
 
 ExitCode run(int argc, char** argv)
@@ -71,7 +76,7 @@ ExitCode run(int argc, char** argv)
         ->type_name("WHAT")
         ->check(notEmpty());
     app.add_flag("-q,--quiet", program.paths.isQuiet,
-                 "Without the engine's log and without hints; errors and warnings stay");
+                 "Without the engine's log; errors, warnings and advice stay");
     addColour(app, colours);
     app.footer(R"(Examples:
   corvane-host list

@@ -125,10 +125,10 @@ void addOptions(CLI::App& command, ServeOptions& options)
     file("--listen-group", options.listenGroup, "Group of the unix socket")->type_name("GROUP");
     addNumber(command, "--workers", options.workers,
               {NumberKind::Plain, 1, double{mostWorkers}, true},
-              "Worker processes (default: processors)");
+              "Worker processes; default: one for each processor");
     addNumber(command, "--front-threads", options.frontThreads,
               {NumberKind::Plain, 1, double{mostFrontThreads}, true},
-              "Threads for HTTP (default: one for each four workers, 4 at most)");
+              "Threads for HTTP; default: one for each four workers, 4 at most");
     file("--node", options.node, "Name among several hosts behind a balancer")->type_name("NAME");
 
     command.add_flag("--no-auth", options.noAuth,

@@ -44,9 +44,14 @@ ListeningSocket listenAt(const ServeOptions& options)
     if (found->ai_family == AF_INET6)
         setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
     if (!socket || bind(socket.get(), found->ai_addr, found->ai_addrlen) != 0 ||
-        listen(socket.get(), SOMAXCONN) != 0)
+        listen(socket.get(), SOMAXCONN) != 0) {
+        const int reason = errno;
         throw UsageError("cannot listen on " + options.listen + ": " +
-                         std::generic_category().message(errno));
+                         std::generic_category().message(reason) +
+                         (reason == EADDRINUSE ? "; another program has this port: --listen takes "
+                                                 "another one, or 0 for any free one"
+                                               : ""));
+    }
 
     sockaddr_storage bound = {};
     socklen_t size = sizeof bound;
