@@ -2,7 +2,9 @@
 // what --quiet leaves out.
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 
+#include <algorithm>
 #include <regex>
 #include <sstream>
 #include <vector>
@@ -160,14 +162,18 @@ TEST_F(HostLooks, ColoursAreForTerminalsOrByRequest)
     EXPECT_EQ(USAGE, run({"--color", "blue", "list"}).code);
 }
 
-// What a terminal is sent on standard error.
-std::string shownOnTerminal(const Arguments& arguments)
+// What a terminal of so many columns is sent, on standard error or, if `isOutput`, on standard
+// output.
+std::string shownOnTerminal(const Arguments& arguments, unsigned short columns = 0,
+                            bool isOutput = false)
 {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     EXPECT_EQ(0, grantpt(terminal));
     EXPECT_EQ(0, unlockpt(terminal));
     const int side = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    const pid_t pid = start(arguments, -1, -1, side);
+    const winsize size = {24, columns, 0, 0};
+    EXPECT_EQ(0, ioctl(side, TIOCSWINSZ, &size));
+    const pid_t pid = start(arguments, -1, isOutput ? side : -1, isOutput ? -1 : side);
     close(side);
     std::string shown;
     char buffer[4096];
@@ -175,7 +181,51 @@ std::string shownOnTerminal(const Arguments& arguments)
         shown.append(buffer, static_cast<size_t>(count));
     close(terminal);
     exitCode(pid);
-    return shown;
+    return std::regex_replace(shown, std::regex("\r\n"), "\n");
+}
+
+size_t widestOf(const std::string& shown)
+{
+    size_t widest = 0;
+    for (const std::string& line : linesOf(shown))
+        widest = std::max(widest, line.size());
+    return widest;
+}
+
+TEST_F(HostLooks, LinesAreAsWideAsTheTerminal)
+{
+    struct Row {
+        unsigned short columns;
+        size_t atLeast;
+        size_t atMost;
+    };
+    for (const Row& row :
+         {Row{20, 30, 42}, {60, 50, 60}, {0, 70, 80}, {110, 90, 110}, {300, 100, 120}}) {
+        const std::string help = shownOnTerminal({"--color", "never", "list"}, row.columns, true);
+        EXPECT_GE(widestOf(help), row.atLeast) << row.columns << "\n" << help;
+        EXPECT_LE(widestOf(help), row.atMost) << row.columns << "\n" << help;
+        const std::string told = shownOnTerminal(
+            {"-q", "--color", "never", "call", "QZaven_crypto_gen_symmkey", "strCipherAlg=8"},
+            row.columns);
+        EXPECT_LE(widestOf(told), row.atMost) << row.columns << "\n" << told;
+        EXPECT_TRUE(holds(told, "\n    ")) << told;
+    }
+}
+
+TEST_F(HostLooks, BinaryIsShownInHexOnATerminal)
+{
+    const Arguments makeKey = {"-q",    "call", "QZaven_crypto_gen_symmkey", "strCipherAlg=4",
+                               "--raw", "Data"};
+    const std::string shown = shownOnTerminal(makeKey, 80, true);
+    EXPECT_TRUE(std::regex_match(shown, std::regex("[0-9a-f]{64}\n"))) << shown;
+    EXPECT_EQ(32U, run(makeKey).out.size());
+}
+
+TEST_F(HostHelp, TellsTheProgramsOptionsWithEachSubcommand)
+{
+    const std::string help = run({"call", "--help"}).out;
+    for (const char* option : {"--quiet", "--color", "--engine", "--names"})
+        EXPECT_TRUE(holds(help, option)) << help;
 }
 
 TEST_F(HostLooks, ATerminalHasColoursUnlessTheyAreNotWished)

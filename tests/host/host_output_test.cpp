@@ -210,6 +210,10 @@ TEST_F(HostOutputFile, SeveralResultsGoToTheirFiles)
     EXPECT_EQ(4U, readWhole(cipher).size());
     EXPECT_EQ(16U, readWhole(tag).size());
     EXPECT_EQ(0600U, mode("folder/cipher"));
+    const std::string lost = "warning: gcmOutTag is not written; without it the data cannot be";
+    EXPECT_FALSE(holds(ended.err, lost)) << ended.err;
+    EXPECT_TRUE(holds(write({"--raw", "Data=" + path("alone")}).err, lost));
+    EXPECT_FALSE(holds(write({}).err, lost));
 
     // One is in the way, so that none is written.
     fs::remove(cipher);

@@ -162,12 +162,30 @@ private:
         std::vector<SecretText> texts;
         for (const RawResult& raw : m_raws) {
             SecretText bytes = resultBytes(m_request, outcome, raw.name);
-            if (m_options.hex)
+            const bool isShown = raw.file.empty() && m_options.file.empty() &&
+                                 m_program.output.isTerminal() && !isUtf8(bytes);
+            if (isShown && !m_options.hex)
+                tell("warning: " + raw.name +
+                     " is binary and shown as hex digits; -o FILE writes the bytes");
+            if (m_options.hex || isShown)
                 bytes = toHex(bytes) + "\n";
             texts.push_back(std::move(bytes));
         }
         for (size_t i = 0; i < texts.size(); ++i)
             put(i, texts[i]);
+        warnOfLostTag(outcome);
+    }
+
+    // Data alone is of no use then, and the tag is made only once.
+    void warnOfLostTag(const Outcome& outcome) const
+    {
+        constexpr const char* name = "gcmOutTag";
+        const std::string* tag = findValue(outcome.results, name);
+        const auto isTag = [](const RawResult& raw) { return raw.name == name; };
+        if (tag != nullptr && !tag->empty() && std::none_of(m_raws.begin(), m_raws.end(), isTag))
+            tell("warning: " + std::string(name) +
+                 " is not written; without it the data cannot be decrypted: --raw " + name +
+                 "=FILE");
     }
 
     const Program& m_program;
@@ -216,13 +234,16 @@ void addCall(CLI::App& app, Program& program)
     addRequestName(*command, options->request);
     addParameterOptions(*command, options->parameters);
     command
-        ->add_option(
-            "--raw", options->raws,
-            "Write only this result, decoded; as RESULT=FILE to a file of its own, like -o")
+        ->add_option("--raw", options->raws,
+                     "Write this result's bytes instead of JSON: RESULT where JSON would go, "
+                     "RESULT=FILE to a "
+                     "new file of its own")
         ->type_name("RESULT")
         ->check(notEmpty())
         ->allow_extra_args(false);
-    command->add_option("-o,--output", options->file, "Write to a new file; - for stdout")
+    command
+        ->add_option("-o,--output", options->file,
+                     "Write what would go to standard output to a new file; - for stdout")
         ->type_name("FILE")
         ->check(notEmpty());
     command->add_flag("--hex", options->hex, "Results' bytes as hex digits");
@@ -234,9 +255,13 @@ void addCall(CLI::App& app, Program& program)
     command->footer(std::string(valueForms) + R"(
 Examples:
   corvane-host call QZaVen_GetVersion
-  corvane-host call QZaven_crypto_gen_symmkey strCipherAlg=4 --raw Data \
-      -o key.bin
-  corvane-host call QZaven_crypto_hmac strHashAlg=4 strKey=b64:@key.bin \
-      strdata=text:hello)");
+  corvane-host call QZaven_crypto_gen_symmkey strCipherAlg=aes-256 \
+      --raw Data -o key.bin
+  corvane-host call QZaven_crypto_hmac strHashAlg=sha-256 \
+      strKey=b64:@key.bin strdata=text:hello
+  corvane-host call QZaven_crypto_encrypt strCipherAlg=aes-256 strMode=gcm \
+      strKey=b64:@key.bin strIV=hex:000102030405060708090a0b \
+      straad=text:v1 strdata=text:hello --raw Data=cipher.bin \
+      --raw gcmOutTag=tag.bin)");
     command->callback([options, &program] { program.exitCode = call(program, *options); });
 }
