@@ -378,7 +378,7 @@ enum { AVEN_ENGINE_ERRORS(AVEN_ENGINE_ERROR_CODE) AVEN_OK = 0 };
       "the host's process has no memory for the engine's output",                         \
       "send smaller data, or give the process more memory")                               \
     X(PARAM_MISSING, -20001, "plug-in: required parameter is missing or empty",           \
-      "a required parameter was not stored under its exact name, or is empty",            \
+      "a required parameter is not there under its exact name, or is empty",            \
       "give every required parameter; names are case-sensitive")                          \
     X(BASE64_INCOMPLETE, -20002, "plug-in: streaming Base64 input ends inside a group",   \
       "the text was cut: the number of its characters is not a multiple of four",         \
