@@ -407,6 +407,10 @@ TEST_F(HostDocuments, ConditionsAndSecretsAreForPrograms)
               parameters["strIV"]["requiredWhen"]);
     EXPECT_EQ((Json{{"parameter", "strMode"}, {"is", "6"}}), parameters["straad"]["requiredWhen"]);
     EXPECT_FALSE(parameters["strKey"].contains("requiredWhen"));
+    EXPECT_EQ((Json{{"parameter", "strMode"}, {"is", "6"}}),
+              parameters["strgcmTagLen"]["usedWhen"]);
+    EXPECT_FALSE(parameters["strgcmTagLen"].contains("requiredWhen"));
+    EXPECT_FALSE(parameters["strCipherPadding"].contains("usedWhen"));
     EXPECT_EQ((Json{{"value", "4"},
                     {"name", "aes-256"},
                     {"text", "AES-256"},
@@ -415,6 +419,9 @@ TEST_F(HostDocuments, ConditionsAndSecretsAreForPrograms)
                     {"blockBytes", 16}}),
               parameters["strCipherAlg"]["choices"][3]);
     EXPECT_EQ("block", parameters["strMode"]["choices"][1]["iv"]);
+    EXPECT_EQ(true, parameters["strMode"]["choices"][1]["wholeBlocks"]);
+    EXPECT_FALSE(parameters["strMode"]["choices"][2].contains("wholeBlocks"));
+    EXPECT_EQ("unless-padded", parameters["strdata"]["wholeBlocks"]);
     EXPECT_EQ("key", parameters["strKey"]["length"]);
     EXPECT_EQ("iv", parameters["strIV"]["length"]);
     EXPECT_EQ(true, parameters["strKey"]["secret"]);

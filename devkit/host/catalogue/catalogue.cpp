@@ -115,7 +115,7 @@ const Parameter
     iv            = {"strIV",            B, Need::UnlessMode1, sizeOfIv, "", "initial value; ECB takes none"},
     iv16          = {"strIV",            B, must, size(16),         "",   "initial value"},
     aad           = {"straad",           B, Need::InMode6,     any, "",   "additional authenticated data; GCM alone takes it, and there it must not be empty"},
-    tagLength     = {"strgcmTagLen",     T, may,  range(4, 16),     "16", "length of the tag in bytes; GCM alone has one"},
+    tagLength     = {"strgcmTagLen",     T, Need::MayInMode6, range(4, 16), "16", "length of the tag in bytes; GCM alone has one"},
     tag           = {"strtag",           B, Need::InMode6, oftenHex, "",   "the tag; GCM alone has one"},
 
     hashAlg       = {"strHashAlg",       T, must, range(1, 6),      "",   "the hash", hashes},
@@ -445,6 +445,7 @@ const char* needText(Need need)
         case Need::Always:
             return "required";
         case Need::Never:
+        case Need::MayInMode6:
             return "optional";
         case Need::UnlessMode1:
             return "required unless the mode is ECB (strMode 1)";

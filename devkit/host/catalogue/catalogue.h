@@ -45,7 +45,8 @@ bool isMisencoded(Form form, Given given, std::string_view value);
 constexpr const char* notBase64 = "is not Base64 (URL-safe)";
 
 // When a parameter must be given. One given empty counts as not given.
-enum class Need { Always, Never, UnlessMode1, InMode6 };
+// Outside of mode 6, InMode6 and MayInMode6 are of no use.
+enum class Need { Always, Never, UnlessMode1, InMode6, MayInMode6 };
 
 // The values that a parameter may have.
 struct Allowed {

@@ -41,6 +41,7 @@ bool isNeeded(Need need, const Pairs& parameters)
         case Need::Always:
             return true;
         case Need::Never:
+        case Need::MayInMode6:
             return false;
         case Need::UnlessMode1:
             return given == nullptr || *given != "1";

@@ -8,7 +8,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// When a parameter with a condition is required; see Need.
+// When a parameter with a condition is required, or of use; see Need.
 Json condition(Need need)
 {
     if (need == Need::UnlessMode1)
@@ -37,6 +37,8 @@ Json toJson(const Choice& choice)
         row["lackedModes"].push_back(std::string(1, *mode));
     if (choice.iv)
         row["iv"] = toJson(*choice.iv);
+    if (choice.takesWholeBlocks)
+        row["wholeBlocks"] = true;
     return row;
 }
 
@@ -48,6 +50,8 @@ Json toJson(const Parameter& parameter)
                 {"required", parameter.need == Need::Always}};
     if (parameter.need == Need::UnlessMode1 || parameter.need == Need::InMode6)
         row["requiredWhen"] = condition(parameter.need);
+    if (parameter.need == Need::MayInMode6)
+        row["usedWhen"] = condition(parameter.need);
 
     const Allowed& allowed = parameter.allowed;
     if (allowed.kind == Allowed::Range)
@@ -61,6 +65,10 @@ Json toJson(const Parameter& parameter)
         row["length"] = "key";
     if (allowed.kind == Allowed::ModeIv)
         row["length"] = "iv";
+    if (allowed.kind == Allowed::Blocks)
+        row["wholeBlocks"] = "always";
+    if (allowed.kind == Allowed::BlocksUnlessPadded)
+        row["wholeBlocks"] = "unless-padded";
     for (const Choice& choice : parameter.choices)
         row["choices"].push_back(toJson(choice));
 
