@@ -14,5 +14,5 @@ export CORVANE_BUILD
 cd tests/console
 npm ci --silent --no-audit --no-fund
 exec node --test --test-concurrency=2 --test-reporter=spec values.test.mjs texts.test.mjs \
-    openapi.test.mjs console.test.mjs request.test.mjs orientation.test.mjs sign_in.test.mjs \
+    openapi.test.mjs console.test.mjs request.test.mjs handover.test.mjs orientation.test.mjs sign_in.test.mjs \
     firefox.test.mjs

@@ -3,6 +3,7 @@
 
 import { SESSION_HEADER, isSessionToken } from './api.js';
 import { entryBytes, entryValue, fieldKind, hasFile, travelsAsBase64 } from './entries.js';
+import { TOKEN_FILE } from './labels.js';
 import { formParts, jsonPieces } from './sending.js';
 import { bareHex, isPrintable, textOf, toBase64, toHex, toUrlBase64, utf8 } from './values.js';
 
@@ -46,6 +47,11 @@ function jsonWords(given) {
     const values = given.map(({ parameter, entry }) => [parameter.name, entryValue(parameter, entry)]);
     const members = values.map(([name, value]) => `\n  ${JSON.stringify(name)}: ${JSON.stringify(value)}`);
     return `--data-raw ${quote(`{${members.join(',')}${members.length > 0 ? '\n' : ''}}`)}`;
+}
+
+// Lets the shell know the host's token, if that is where "corvane-host serve" keeps it by itself.
+export function tokenLine() {
+    return `export TOKEN=$(cat ${TOKEN_FILE})`;
 }
 
 // `given` is [{parameter, entry}]; what goes as a form or as JSON goes so here too.

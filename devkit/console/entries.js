@@ -3,7 +3,7 @@
 // turn entries into bytes and into values of the API, and say what is wrong with them. Nothing
 // here touches the page.
 
-import { bareBase64, bareHex, fromBase64, fromHex, textOf, toBase64, toHex, utf8 } from './values.js';
+import { bareBase64, bareHex, fromBase64, fromHex, sameBytes, textOf, toBase64, toHex, utf8 } from './values.js';
 import { number, t } from './i18n.js';
 
 export function emptyEntry(how = 'text') {
@@ -75,14 +75,25 @@ export function takesRandom(parameter) {
 
 const exactly = (count) => ({ least: count, most: count, usual: count });
 
+// What the value that is chosen elsewhere in a request says of something; undefined if nothing.
+function chosenFact(request, member, valueOf) {
+    const other = request.parameters.find(({ choices }) => choices?.some((row) => member in row));
+    return other?.choices.find((row) => row.value === valueOf(other.name))?.[member];
+}
+
+// The bytes of the blocks that a parameter must be made of; 0 where it may have any length.
+export function neededBlocks(request, parameter, valueOf) {
+    const { wholeBlocks } = parameter;
+    const isPadded = !['', '0'].includes(valueOf('strCipherPadding'));
+    if (wholeBlocks === undefined || (wholeBlocks === 'unless-padded' && isPadded)) return 0;
+    return (chosenFact(request, 'wholeBlocks', valueOf) && chosenFact(request, 'blockBytes', valueOf)) || 0;
+}
+
 // How many bytes a parameter needs beside the other values: {least, most, usual}, or null where
 // that is not known. A key's length follows from the cipher, an initial value's from mode and cipher.
 export function neededLength(request, parameter, valueOf) {
     if (parameter.bytes !== undefined) return exactly(parameter.bytes);
-    const chosen = (member) => {
-        const other = request.parameters.find(({ choices }) => choices?.some((row) => member in row));
-        return other?.choices.find((row) => row.value === valueOf(other.name))?.[member];
-    };
+    const chosen = (member) => chosenFact(request, member, valueOf);
     if (parameter.length === 'key') {
         const keyBytes = chosen('keyBytes');
         return keyBytes === undefined ? null : exactly(keyBytes);
@@ -104,13 +115,19 @@ export function choiceText({ value, text }) {
     return text ? t('{name} ({value})', { name: t(text), value }) : value;
 }
 
+// When a parameter has a use, as a condition of the catalogue; undefined: always.
+function useOf({ requiredWhen, usedWhen }) {
+    return requiredWhen ?? usedWhen;
+}
+
 // Why a parameter has no use beside the other values, in the words of its condition.
-export function unusedText(request, { requiredWhen }) {
-    const other = request.parameters.find(({ name }) => name === requiredWhen.parameter);
-    const value = requiredWhen.is ?? requiredWhen.isNot;
+export function unusedText(request, parameter) {
+    const condition = useOf(parameter);
+    const other = request.parameters.find(({ name }) => name === condition.parameter);
+    const value = condition.is ?? condition.isNot;
     const row = other?.choices?.find((choice) => choice.value === value);
-    const choice = row?.text ? t(row.text) : `${requiredWhen.parameter} ${value}`;
-    return 'is' in requiredWhen ? t('Used with {choice} only.', { choice }) : t('Not used with {choice}.', { choice });
+    const choice = row?.text ? t(row.text) : `${condition.parameter} ${value}`;
+    return 'is' in condition ? t('Used with {choice} only.', { choice }) : t('Not used with {choice}.', { choice });
 }
 
 // Whether a condition of the catalogue ({parameter, is} or {parameter, isNot}) holds.
@@ -122,7 +139,29 @@ function holds(condition, valueOf) {
 // Whether a parameter has a use beside the other values. One with a condition has none where the
 // condition fails: it is then ignored.
 export function applies(parameter, valueOf) {
-    return !parameter.requiredWhen || holds(parameter.requiredWhen, valueOf);
+    const condition = useOf(parameter);
+    return condition === undefined || holds(condition, valueOf);
+}
+
+// What takes part in a call: [{parameter, entry}] of what is used, and not empty.
+export function givenOf(request, entries) {
+    const valueOf = (name) => entries.get(name)?.text ?? '';
+    return request.parameters
+        .map((parameter) => ({ parameter, entry: entries.get(parameter.name) }))
+        .filter(({ parameter, entry }) => applies(parameter, valueOf) && !isEmpty(entry));
+}
+
+function sameEntry(a, b) {
+    if (hasFile(a) || hasFile(b)) return a.file === b.file && a.how === b.how;
+    if (a.how === b.how) return a.text === b.text;
+    const [bytes, others] = [entryBytes(a), entryBytes(b)];
+    return bytes !== null && others !== null && sameBytes(bytes, others);
+}
+
+// Whether two calls of a request are given the same values.
+export function sameGiven(one, other) {
+    return one.length === other.length &&
+        one.every(({ parameter, entry }, i) => parameter === other[i].parameter && sameEntry(entry, other[i].entry));
 }
 
 export function isRequired(parameter, valueOf) {
@@ -176,9 +215,17 @@ function lengthFault(length, size) {
     return t('{needed}, {size} given.', { needed: neededText(length), size: number(size) });
 }
 
+function blocksFault(parameter, bytes, size) {
+    if (bytes === 0 || size % bytes === 0) return '';
+    return parameter.wholeBlocks === 'always'
+        ? t('Must be whole blocks of {bytes} bytes; here are {size}.', { bytes, size: number(size) })
+        : t('Without padding it must be whole blocks of {bytes} bytes; here are {size}.', { bytes, size: number(size) });
+}
+
 // What is wrong with an entry: {text, stops}, or null. With `stops` it stands for nothing that
-// could be sent; all else the host may be asked to judge. `length` is what neededLength() gives.
-export function fault(parameter, entry, valueOf, length = null) {
+// could be sent; all else the host may be asked to judge. `length` is what neededLength() gives,
+// `blocks` what neededBlocks() gives.
+export function fault(parameter, entry, valueOf, length = null, blocks = 0) {
     if (isEmpty(entry)) {
         if (!isRequired(parameter, valueOf)) return null;
         return { text: t('Required, and still empty.'), stops: false };
@@ -192,5 +239,5 @@ export function fault(parameter, entry, valueOf, length = null) {
     const size = entrySize(entry);
     if (size === null && entry.how === 'hex') return { text: hexFault(entry.text), stops: true };
     if (size === null) return refused(base64Fault(entry.text));
-    return refused(lengthFault(length, size));
+    return refused(lengthFault(length, size) || blocksFault(parameter, blocks, size));
 }

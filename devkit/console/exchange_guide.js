@@ -6,6 +6,7 @@ import { findRequest } from './catalogue.js';
 import { announce, el, icon } from './dom.js';
 import { afterInExchange, exchangeText, stepOfExchange } from './flows.js';
 import { t } from './i18n.js';
+import { isStale } from './memory.js';
 import { fillForm } from './prefill.js';
 import { errorCard } from './result.js';
 import { currentStatus } from './status.js';
@@ -53,7 +54,7 @@ function valuesOf(step, s) {
 // What stands below a successful answer: null if nothing follows. `state` is the form's, as
 // memory.js has it; `go` opens a view by its address.
 export function nextInExchange(request, state, go) {
-    const next = state.outcome?.ok && !state.stale ? afterInExchange(request.name) : null;
+    const next = state.outcome?.ok && !isStale(request, state) ? afterInExchange(request.name) : null;
     if (next === null) return null;
     const s = noteAnswer(request, state);
     const before = currentStatus().status?.peer ? next.before : [];

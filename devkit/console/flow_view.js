@@ -4,12 +4,13 @@
 import { findRequest } from './catalogue.js';
 import { el, icon, newId } from './dom.js';
 import { adoptExchange } from './exchange_guide.js';
+import { isPlaintext } from './handover.js';
 import { t } from './i18n.js';
 import { fillForm } from './prefill.js';
 import { button, copyButton, duration, errorCard } from './result.js';
 import { currentStatus } from './status.js';
 import { Tour } from './tour.js';
-import { textOf } from './values.js';
+import { fromBase64, fromEscaped, isPrintable, textOf } from './values.js';
 
 const SHOWN_CHARACTERS = 600;
 
@@ -25,28 +26,39 @@ function valueText(value) {
     return value.text ?? value.hex ?? value.base64;
 }
 
-function valueRow(name, text) {
+// The text that stands in Base64 or twice escaped, or ''.
+function readableText(text) {
+    const bytes = fromBase64(text) ?? fromEscaped(text);
+    const readable = bytes && textOf(bytes);
+    return readable !== null && isPrintable(readable) ? readable : '';
+}
+
+function valueRow(name, text, readable) {
     return [
         el('dt', {}, el('code', {}, name)),
-        el('dd', {}, el('span', { class: 'mono' },
-            text.length > SHOWN_CHARACTERS ? `${text.slice(0, SHOWN_CHARACTERS)}…` : text),
-        text === '' ? null : copyButton(() => text, t('Copy'), { 'aria-label': t('Copy {result}', { result: name }) })),
+        el('dd', {},
+            el('div', { class: 'flow-value' },
+                el('span', { class: 'mono' }, text.length > SHOWN_CHARACTERS ? `${text.slice(0, SHOWN_CHARACTERS)}…` : text),
+                readable === '' ? null : el('blockquote', {}, readable)),
+            text === '' ? null : copyButton(() => text, t('Copy'), { 'aria-label': t('Copy {result}', { result: name }) })),
     ];
 }
 
-function valueRows(title, values) {
+// `opened` names values that were decrypted: their texts are shown, too.
+function valueRows(title, values, opened = []) {
     const rows = Object.entries(values).map(([name, value]) => [name, valueText(value)]);
     if (rows.length === 0) return null;
     return el('div', { class: 'flow-values' }, title === '' ? null : el('h3', {}, title),
-        el('dl', {}, rows.map(([name, text]) => valueRow(name, text)).flat()));
+        el('dl', {}, rows.map(([name, text]) =>
+            valueRow(name, text, opened.includes(name) ? readableText(text) : '')).flat()));
 }
 
 // What came back is what the next steps live on; what was sent is known from before.
-function exchanged(sent, received) {
+function exchanged(sent, received, opened) {
     const { errorCode, ...results } = received;
     const rows = valueRows('', sent);
     return [
-        valueRows(t('Came back'), results),
+        valueRows(t('Came back'), results, opened),
         rows && el('details', {}, el('summary', {}, t('What was sent')), rows),
     ];
 }
@@ -61,9 +73,15 @@ function comparison({ state, compared }) {
     ];
 }
 
+// What a step decrypts.
+function openedBy({ request, peer }) {
+    if (peer) return peer === 'decrypt' ? ['data', 'Data'] : [];
+    return findRequest(request).results.filter(isPlaintext).map(({ name }) => name);
+}
+
 function called(step, { state, sent, outcome }) {
     if (!step.refused)
-        return outcome.ok ? exchanged(sent, outcome.results) : [errorCard(outcome.error, 'h3'), ...exchanged(sent, {})];
+        return outcome.ok ? exchanged(sent, outcome.results, openedBy(step)) : [errorCard(outcome.error, 'h3'), ...exchanged(sent, {})];
     return [
         state === 'done' ? el('p', { class: 'expected' }, t('Refused, as it must be.')) : null,
         outcome.error ? errorCard(outcome.error, 'h3') : el('p', {}, t('It was not refused.')),

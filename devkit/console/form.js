@@ -2,7 +2,7 @@
 // is filled in. What is filled in lives in the entries; a form can be drawn from them anew.
 
 import { announce, el, newId } from './dom.js';
-import { applies, choiceText, convertEntry, entrySize, fault, fieldKind, isEmpty, isRequired, neededLength,
+import { applies, choiceText, convertEntry, entrySize, fault, fieldKind, givenOf, isEmpty, isRequired, neededBlocks, neededLength,
     neededText, takesRandom, takesUpload, unusedText } from './entries.js';
 import { warningText } from './host_texts.js';
 import { capitalised, dataSize, sentence, t } from './i18n.js';
@@ -238,7 +238,8 @@ class Field {
     // What is wrong, also where it is not shown yet.
     fault() {
         if (!applies(this.parameter, this.form.valueOf)) return null;
-        return fault(this.parameter, this.entry, this.form.valueOf, this.needed());
+        const { request, valueOf } = this.form;
+        return fault(this.parameter, this.entry, valueOf, this.needed(), neededBlocks(request, this.parameter, valueOf));
     }
 }
 
@@ -278,9 +279,7 @@ export class RequestForm {
 
     // The fields that take part in the call: used, and not empty.
     given() {
-        return this.fields
-            .filter((field) => applies(field.parameter, this.valueOf) && !isEmpty(field.entry))
-            .map((field) => ({ parameter: field.parameter, entry: field.entry }));
+        return givenOf(this.request, this.entries);
     }
 
     // Whether each value stands for something.

@@ -2,7 +2,7 @@
 // English; the other language goes by codes, with the variable parts as the host gives them.
 
 import { findCode } from './catalogue.js';
-import { currentLanguage, filled, t } from './i18n.js';
+import { currentLanguage, filled, isOurs, t } from './i18n.js';
 import { codes, peerTexts, reasons, warnings } from './zh_host.js';
 
 // With values that may be texts themselves.
@@ -19,15 +19,16 @@ function peerText(text) {
     return text;
 }
 
-// {text, cause, remedy} of an error. What another engine says stays as it is.
+// {text, cause, remedy} of an error. What another engine says stays as it is, and is marked: quoted.
 export function errorTexts(error) {
     const { source, text, cause, remedy } = error;
     if (source === 'page') return { text: t(text), cause: cause && t(cause), remedy: remedy && t(remedy) };
+    const said = findCode(error.code)?.text === text || isOurs(text);
+    if (source === 'engine' && !said) return { text, cause, remedy, quoted: true };
     if (currentLanguage() !== 'zh') return { text, cause, remedy };
     if (source === 'peer') return { text: peerText(text), cause, remedy };
     const known = codes[error.code];
-    const said = source === 'host' || findCode(error.code)?.text === text;
-    if (!known || !said) return { text: t(text), cause, remedy };
+    if (!known || (source !== 'host' && findCode(error.code)?.text !== text)) return { text: t(text), cause, remedy };
     return { text: filled(reasons[error.reason] ?? known[0], error.values ?? {}), cause: known[1], remedy: known[2] };
 }
 

@@ -34,6 +34,11 @@ export function t(english, values = {}) {
     return filled(language === 'zh' ? chinese[english] ?? english : english, values);
 }
 
+// Whether a text is one of this product's, so that it has another language.
+export function isOurs(english) {
+    return Object.hasOwn(chinese, english);
+}
+
 export function capitalised(text) {
     return text.charAt(0).toUpperCase() + text.slice(1);
 }

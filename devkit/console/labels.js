@@ -17,6 +17,7 @@ export const LIMITS = {
 
 // The documents that the first page names, in the source tree.
 export const DOCUMENTS = [
+    ['docs/tutorial.md', 'The first ten minutes, from a fresh checkout to a program of your own'],
     ['docs/requests.md', 'Every request with its parameters and results, and every error code'],
     ['docs/serving.md', 'The service: paths, values, limits, security'],
     ['docs/embedding.md', 'The plug-in in a program of your own'],

@@ -3,7 +3,7 @@
 // names of files on the host lie in sessionStorage meanwhile. The history holds no values at all.
 
 import { requests } from './catalogue.js';
-import { emptyEntry, takesRandom } from './entries.js';
+import { emptyEntry, givenOf, sameGiven, takesRandom } from './entries.js';
 
 const STORED = 'corvane.forms';
 
@@ -31,15 +31,20 @@ function firstEntry(request, parameter) {
     return emptyEntry(takesRandom(parameter) ? 'hex' : 'text');
 }
 
-// {entries: Map of parameter names to entries, outcome: of the last call or null, stale: whether
-// the entries have changed since}
+// {entries: Map of parameter names to entries, outcome: of the last call or null, sent: what that
+// call was given, as givenOf() tells it}
 export function formOf(request) {
     if (!forms.has(request.name)) {
         const entries = new Map(request.parameters.map((parameter) =>
             [parameter.name, firstEntry(request, parameter)]));
-        forms.set(request.name, { entries, outcome: null, stale: false });
+        forms.set(request.name, { entries, outcome: null, sent: [] });
     }
     return forms.get(request.name);
+}
+
+// Whether the answer in a form is one to other values than stand in it.
+export function isStale(request, { entries, outcome, sent }) {
+    return outcome !== null && !sameGiven(givenOf(request, entries), sent);
 }
 
 export function forgetForm(request) {

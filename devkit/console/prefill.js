@@ -1,6 +1,6 @@
 // Fills a request's form with values of the API, as the guided flows send them.
 
-import { emptyEntry, fieldKind, takesUpload, travelsAsBase64 } from './entries.js';
+import { emptyEntry, fieldKind, givenOf, takesUpload, travelsAsBase64 } from './entries.js';
 import { formOf } from './memory.js';
 import { fromBase64, isPrintable, textOf } from './values.js';
 
@@ -33,6 +33,7 @@ export function fillForm(request, values, outcome = null) {
         const value = values[parameter.name];
         if (!isMissing(value)) form.entries.set(parameter.name, entryOf(parameter, value));
     }
-    if (outcome !== null) form.outcome = outcome;
-    form.stale = outcome === null;
+    if (outcome === null) return;
+    form.outcome = outcome;
+    form.sent = givenOf(request, form.entries);
 }

@@ -1,20 +1,21 @@
 // The view of one request: its form, the same call as command lines, and the answer.
 
 import { Failure, sendRequest } from './api.js';
-import { findParameter, findRequest } from './catalogue.js';
-import { LONGEST_LINE, curlLine, hostLine } from './command_lines.js';
+import { findRequest } from './catalogue.js';
+import { LONGEST_LINE, curlLine, hostLine, tokenLine } from './command_lines.js';
 import { announce, el, icon } from './dom.js';
 import { hasFile } from './entries.js';
 import { nextInExchange } from './exchange_guide.js';
 import { RequestForm } from './form.js';
+import { handBack, handOver, inverseOf } from './handover.js';
 import { errorTexts, warningText } from './host_texts.js';
 import { number, roundSize, sentence, t } from './i18n.js';
-import { forgetForm, formOf, remember } from './memory.js';
+import { forgetForm, formOf, isStale, remember } from './memory.js';
 import { errorKind, kindHeading } from './outcomes.js';
-import { copyButton, drawOutcome, duration } from './result.js';
+import { button, copyButton, drawOutcome, duration } from './result.js';
 import { bodySize, filesAreReadable, makeBody, swellsFiles } from './sending.js';
 import { bodyLimit, currentStatus } from './status.js';
-import { toUrlBase64 } from './values.js';
+import { token } from './token.js';
 
 // Quicker answers need no word of waiting.
 const PATIENCE = 300;  // milliseconds
@@ -70,8 +71,9 @@ function exchangeGiven(request, given, signal) {
 function outcomeText(outcome) {
     if (outcome.ok) return t('Success, {time}', { time: duration(outcome.microseconds) });
     const { error } = outcome;
-    return t('{what}: {code}. {text}',
-        { what: kindHeading(errorKind(error), error.source), code: error.code, text: errorTexts(error).text });
+    const said = { what: kindHeading(errorKind(error), error.source), code: error.code, text: errorTexts(error).text };
+    // The page's own codes are names that tell no more than the text.
+    return error.source === 'page' ? t('{what}. {text}', said) : t('{what}: {code}. {text}', said);
 }
 
 // What the host would not take, as the error of a call that is not sent; null if it takes it.
@@ -151,7 +153,7 @@ export class RequestView {
                 el('p', { class: 'eyebrow' }, t(request.group)),
                 el('h1', { id: 'view-title', tabindex: -1 }, request.name),
                 el('p', { class: 'lead' }, sentence(request.summary)),
-                el('p', { class: 'hint' }, t('If the answer is lost: {what}', { what: t(request.retry.text) }))),
+                el('p', { class: 'if-lost' }, el('strong', {}, t('If the answer is lost')), ' ', sentence(request.retry.text))),
             el('div', { class: 'columns' },
                 el('section', { class: 'card', 'aria-label': t('Parameters') }, form),
                 el('div', { class: 'column' },
@@ -163,14 +165,13 @@ export class RequestView {
 
     changed() {
         this.attention.replaceChildren();
-        this.state.stale = true;
         this.markStale();
         this.drawGiven();
     }
 
     // An answer stays beside a form that has changed, and says so.
     markStale() {
-        const stale = this.state.stale && this.state.outcome !== null && this.answer.querySelector('.outcome') !== null;
+        const stale = isStale(this.request, this.state) && this.answer.querySelector('.outcome') !== null;
         this.answer.classList.toggle('is-stale', stale);
         const note = this.answer.querySelector('.stale-note');
         if (!stale) note?.remove();
@@ -208,8 +209,10 @@ export class RequestView {
             drawLine('curl', 'curl-line', curlLine(location.origin, name, given)),
             drawLine('corvane-host call', 'host-line', hostLine(this.request, given),
                 t('A key-exchange session lives in one process, and “call” ends with its request: use “corvane-host script”.')),
-            el('p', { class: 'muted small' }, t('The lines hold what you gave, secrets too. TOKEN stands for the host’s token.'),
-                ' ', files));
+            el('p', { class: 'muted small' }, t('The lines hold what you gave, secrets too.'), ' ', files),
+            ...(token() === '' ? [] : [
+                el('p', { class: 'muted small' }, t('TOKEN stands for the host’s token. This sets it once for a shell, where the token lies in its usual file:')),
+                drawLine('TOKEN', 'token-line', tokenLine())]));
     }
 
     drawAnswer() {
@@ -219,10 +222,10 @@ export class RequestView {
             return;
         }
         this.answer.replaceChildren(drawOutcome(this.request, outcome,
-            (target, result, value) => this.use(target, result, value)));
+            (target, result) => this.use(target, result)));
         const homeless = this.form.showWarnings(outcome.warnings);
         this.answer.append(...homeless.map((warning) => el('p', { class: 'warning' }, warningText(warning))),
-            nextInExchange(this.request, this.state, this.go) ?? '');
+            this.drawInverse(), nextInExchange(this.request, this.state, this.go) ?? '');
         this.markStale();
     }
 
@@ -247,7 +250,7 @@ export class RequestView {
         if (this.attention.contains(document.activeElement)) this.send.focus();
         this.attention.replaceChildren();
         // From here on: the form can change while the answer is on its way.
-        this.state.stale = false;
+        this.state.sent = given;
         const error = tooLarge(given);
         if (error) {
             this.answered({ ok: false, results: {}, error, warnings: [] });
@@ -313,21 +316,24 @@ export class RequestView {
         calls.get(this.state)?.controller.abort();
     }
 
+    // Leads to the request that undoes this one, with its form filled in; '' where there is none.
+    drawInverse() {
+        const inverse = this.state.outcome.ok ? inverseOf(this.request) : null;
+        if (inverse === null) return '';
+        const { name } = inverse.request;
+        const open = button(inverse.text, 'arrow', () => {
+            const missing = handBack(this.request, this.state, inverse.request);
+            this.go(`#/request/${name}`, missing);
+            announce(t('The form is filled in.'));
+        });
+        open.classList.add('primary');
+        return el('p', { class: 'inverse' }, open,
+            el('span', { class: 'muted small' }, t('Fills in {request}.', { request: name })));
+    }
+
     // Puts a result into another request's form, and goes there.
-    use({ request: name, parameter: parameterName, along }, result, value) {
-        const target = findRequest(name);
-        const state = formOf(target);
-        const { entries } = state;
-        state.stale = true;
-        if (along)
-            for (const parameter of target.parameters) {
-                const own = findParameter(this.request, parameter.name);
-                if (own && own.form === parameter.form)
-                    entries.set(parameter.name, { ...this.state.entries.get(parameter.name) });
-            }
-        entries.set(parameterName, value.binary && value.bytes
-            ? { how: 'base64', text: toUrlBase64(value.bytes), file: null }
-            : { how: 'text', text: value.sent, file: null });
+    use({ request: name, parameter: parameterName, along }, result) {
+        handOver(this.request, this.state, result, findRequest(name), parameterName, along);
         this.go(`#/request/${name}`, parameterName);
         announce(t('{result} is now {parameter} of {request}.',
             { result: result.name, parameter: parameterName, request: name }));

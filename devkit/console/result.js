@@ -6,6 +6,7 @@ import { announce, el, icon, newId } from './dom.js';
 import { fieldKind } from './entries.js';
 import { placeInExchange } from './flows.js';
 import { segments } from './form.js';
+import { sameMeaning } from './handover.js';
 import { errorTexts } from './host_texts.js';
 import { capitalised, dataSize, number, sentence, t } from './i18n.js';
 import { KIND_ICONS, errorKind, isUncertain, kindHeading, kindText } from './outcomes.js';
@@ -103,17 +104,8 @@ function takers(from, handle) {
         .sort(([a], [b]) => place(a) - place(b));
 }
 
-// How well a parameter's name suits what a request made: a "...symmkey" gives a "strKey", a
-// "gcmOutTag" a "strtag". Only the choice that is offered first depends on it.
-function likeness(from, result, parameter) {
-    const stem = parameter.name.toLowerCase().replace(/^str/, '');
-    const own = result.name.toLowerCase();
-    if (from.name.toLowerCase().endsWith(stem)) return 2;
-    return own.endsWith(stem) || stem.endsWith(own) ? 1 : 0;
-}
-
-// "Use as...": a choice of parameters; `onUse` gets {request, parameter, along}, where `along` asks
-// for parameters of the same name too.
+// "Use as...": a choice of parameters, first one of the same meaning; `onUse` gets {request,
+// parameter, along}, where `along` asks for what both requests have in common too.
 function useAs(from, result, onUse) {
     const targets = takers(from, result.form === 'handle');
     if (targets.length === 0) return null;
@@ -123,8 +115,8 @@ function useAs(from, result, onUse) {
         parameters.map((parameter) => el('option', { value: `${request.name} ${parameter.name}` },
             `${request.name} · ${parameter.name}`))));
     const all = targets.flatMap(([request, parameters]) =>
-        parameters.map((parameter) => ({ request, likeness: likeness(from, result, parameter), parameter })));
-    const best = all.reduce((a, b) => (b.likeness > a.likeness ? b : a));
+        parameters.map((parameter) => ({ request, parameter })));
+    const best = all.find(({ parameter }) => sameMeaning(result, parameter)) ?? all[0];
     select.value = `${best.request.name} ${best.parameter.name}`;
     const along = el('input', { type: 'checkbox', id: alongId, checked: true });
     const use = el('button', { type: 'button', class: 'button small primary', on: {
@@ -136,7 +128,7 @@ function useAs(from, result, onUse) {
     const panel = el('div', { class: 'use-panel' },
         el('label', { for: selectId }, t('As which parameter?')), select,
         el('div', { class: 'check' }, along,
-            el('label', { for: alongId }, t('Take along parameters of the same name'))),
+            el('label', { for: alongId }, t('Take along what both have in common'))),
         use);
     return el('details', { class: 'use' },
         el('summary', { class: 'button small' }, icon('arrow'), t('Use as…')), panel);
@@ -204,7 +196,7 @@ function drawResult(request, result, sent, onUse) {
         el('div', { class: 'value-actions' },
             copyButton(() => value.as(form), t('Copy'), { 'aria-label': t('Copy {result}', { result: result.name }) }),
             saving,
-            useAs(request, result, (target) => onUse(target, result, value))));
+            useAs(request, result, (target) => onUse(target, result))));
 }
 
 // The card of an error: of plug-in or engine, or of the exchange with the host. `again` says what
@@ -218,19 +210,19 @@ export function errorCard(error, level = 'h3', again = '') {
         page: t('noticed by this page'),
     };
     const kind = errorKind(error);
-    const { text: meaning, cause, remedy } = errorTexts(error);
+    const { text: meaning, cause, remedy, quoted } = errorTexts(error);
     const rows = [
-        [t('Meaning'), meaning],
-        [t('Likely cause'), cause],
-        [t('What to do'), remedy],
-        [t('If it is sent again'), isUncertain(kind) ? again : ''],
+        [t('Meaning'), quoted ? el('q', { class: 'quote', lang: 'en' }, meaning) : capitalised(meaning)],
+        [t('Likely cause'), cause && capitalised(cause)],
+        [t('What to do'), remedy && capitalised(remedy)],
+        [t('If it is sent again'), isUncertain(kind) ? capitalised(again) : ''],
     ].filter(([, text]) => text);
     const field = error.field ? [el('dt', {}, t('Field')), el('dd', {}, el('code', {}, error.field))] : [];
     return el('section', { class: 'error-card', data: { code: error.code, kind } },
         el(level, {}, icon(KIND_ICONS[kind]), kindHeading(kind, error.source)),
         el('p', { class: 'source' }, el('span', { class: 'code' }, error.code), ' ',
             el('span', {}, error.name || ''), ' · ', sources[error.source] ?? ''),
-        el('dl', {}, rows.map(([term, text]) => [el('dt', {}, term), el('dd', {}, capitalised(text))]).flat(), field));
+        el('dl', {}, rows.map(([term, text]) => [el('dt', {}, term), el('dd', {}, text)]).flat(), field));
 }
 
 // Three digits are enough for a person.

@@ -4,6 +4,7 @@ import { el, icon } from './dom.js';
 import { t } from './i18n.js';
 import { SERVICE_TOKEN_FILE, TOKEN_FILE } from './labels.js';
 import { head } from './pages.js';
+import { KIND_ICONS, errorKind } from './outcomes.js';
 import { errorCard } from './result.js';
 import { setToken, token, tokenIn } from './token.js';
 
@@ -39,10 +40,12 @@ export class SignInView {
 
     drawFailure() {
         if (!this.failure) return null;
+        const { error } = this.failure;
         const reason = reasonOf(this.failure, this.typed);
-        return el('div', { role: 'alert' }, reason === null ? errorCard(this.failure.error, 'h2')
-            : el('section', { class: 'error-card', data: { code: this.failure.error.code } },
-                el('h2', {}, reason[0]), el('p', {}, reason[1])));
+        if (reason === null) return el('div', { role: 'alert' }, errorCard(error, 'h2'));
+        const kind = errorKind(error);
+        return el('div', { role: 'alert' }, el('section', { class: 'error-card', data: { code: error.code, kind } },
+            el('h2', {}, icon(KIND_ICONS[kind]), reason[0]), el('p', {}, reason[1])));
     }
 
     draw() {

@@ -1,11 +1,11 @@
 // The first page: what this host is, where to begin, the first call from a shell, the documents.
 
 import { findRequest } from './catalogue.js';
-import { curlLine } from './command_lines.js';
+import { curlLine, tokenLine } from './command_lines.js';
 import { el } from './dom.js';
 import { flows } from './flows.js';
 import { t } from './i18n.js';
-import { DOCUMENTS, TOKEN_FILE } from './labels.js';
+import { DOCUMENTS } from './labels.js';
 import { engineFacts, head } from './pages.js';
 import { copyButton } from './result.js';
 import { currentStatus, readyWorkers } from './status.js';
@@ -31,7 +31,7 @@ function line(id, label, text) {
     return el('div', { class: 'line' },
         el('div', { class: 'line-head' }, el('h3', {}, label),
             copyButton(() => text, t('Copy'), { 'aria-label': t('Copy the {tool} line', { tool: label }) })),
-        el('pre', { id, tabindex: 0, 'aria-label': label }, text));
+        el('pre', { id, class: 'command', tabindex: 0, 'aria-label': label }, text));
 }
 
 function firstCall() {
@@ -40,7 +40,7 @@ function firstCall() {
     return el('section', { class: 'card', 'aria-labelledby': 'first-call' },
         el('h2', { id: 'first-call' }, t('The first call from a shell')),
         withToken ? el('p', {}, t('First let the shell know the host’s token. “corvane-host serve” names the token’s file when it starts; usually it is this one:')) : null,
-        withToken ? line('token-line', 'TOKEN', `export TOKEN=$(cat ${TOKEN_FILE})`) : null,
+        withToken ? line('token-line', 'TOKEN', tokenLine()) : null,
         el('p', {}, t('Then ask for the version of the engine, which stands above, too:')),
         line('first-line', 'curl', curlLine(location.origin, FIRST_CALL, [])),
         el('p', { class: 'muted' }, t('Beside each form stands its own call as such a line.')));

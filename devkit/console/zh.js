@@ -78,7 +78,7 @@ const own = {
     // Form.
     'Parameters': '参数',
     'This request takes no parameters.': '此请求没有参数。',
-    'If the answer is lost: {what}': '应答丢失时：{what}',
+    'If the answer is lost': '应答丢失时',
     'Text': '文本',
     'Hex': '十六进制',
     'Base64': 'Base64',
@@ -145,8 +145,7 @@ const own = {
     'A value cannot be sent yet: see the form.': '有一个值还不能发送：请看表单。',
     'A key-exchange session lives in one process, and “call” ends with its request: use “corvane-host script”.':
         '密钥交换会话只存在于一个进程中，而“call”随请求结束：请用“corvane-host script”。',
-    'The lines hold what you gave, secrets too. TOKEN stands for the host’s token.':
-        '命令行包含所填的全部内容，也包括机密。TOKEN 代表主机的令牌。',
+    'The lines hold what you gave, secrets too.': '命令行包含所填的全部内容，也包括机密。',
     'Copy the {tool} line': '复制 {tool} 命令行',
     'Run them in the folder of the file: the browser does not tell which that is.':
         '请在文件所在的目录中运行：浏览器不会透露文件的位置。',
@@ -161,6 +160,7 @@ const own = {
     'Success, {time}': '成功，{time}',
     'Refused': '被拒绝',
     '{what}: {code}. {text}': '{what}：{code}。{text}',
+    '{what}. {text}': '{what}。{text}',
     'Not accepted': '未被接受',
     'Crashed': '进程崩溃',
     'Out of time': '超时',
@@ -206,7 +206,19 @@ const own = {
     'Download JSON (.json)': '下载 JSON (.json)',
     'Use as…': '用作…',
     'As which parameter?': '用作哪个参数？',
-    'Take along parameters of the same name': '同名参数一并带过去',
+    'Take along what both have in common': '一并带上两者共有的参数',
+    'Decrypt this': '解密此结果',
+    'Encrypt this': '加密此结果',
+    'Open this': '打开此信封',
+    'Decode this': '解码此结果',
+    'Encode this': '编码此结果',
+    'TOKEN stands for the host’s token. This sets it once for a shell, where the token lies in its usual file:':
+        'TOKEN 代表主机的令牌。令牌在通常的文件里时，下面这行为一个命令行环境设置它：',
+    'a parameter': '有一个参数',
+    'The first ten minutes, from a fresh checkout to a program of your own': '最初十分钟：从取得源代码到写出自己的程序',
+    'Must be whole blocks of {bytes} bytes; here are {size}.': '必须是 {bytes} 字节的整块；此处为 {size} 字节。',
+    'Without padding it must be whole blocks of {bytes} bytes; here are {size}.': '不填充时必须是 {bytes} 字节的整块；此处为 {size} 字节。',
+    'Fills in {request}.': '填好 {request}。',
     'Use': '使用',
     '{result} is now {parameter} of {request}.': '{result} 已成为 {request} 的 {parameter}。',
     'Meaning': '含义',

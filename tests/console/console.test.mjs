@@ -144,6 +144,9 @@ describe('Console', () => {
                 assert.equal(await page.locator('.step:last-child blockquote').textContent(),
                     await page.locator('main textarea').first().inputValue());
                 assert.equal(await page.locator('.step:not([data-state="done"])').count(), 0);
+                // What was decrypted on the way can be read, too.
+                const opened = await page.locator('.flow-values blockquote').allTextContents();
+                assert.deepEqual(opened, Array(flow === 'key-exchange' ? 2 : 1).fill(await page.locator('main textarea').first().inputValue()));
             }
             await page.screenshot({ path: path.join(pictures, `flow-${flow}.png`), fullPage: true });
         }));
@@ -496,7 +499,7 @@ describe('Console', () => {
     for (const colorScheme of ['light', 'dark'])
         test(`Nobody is shut out, ${colorScheme}`, withPage({ colorScheme }, async () => {
             const check = async (what) => {
-                assert.deepEqual(await accessibilityFaults(page), [], what);
+                assert.deepEqual(await accessibilityFaults(page, colorScheme === 'dark'), [], what);
                 await picture(`${colorScheme}-${what}`);
             };
             await check('start');

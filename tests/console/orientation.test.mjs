@@ -64,9 +64,11 @@ describe('Orientation', () => {
         assert.equal(JSON.parse(await runLine(line, host)).results.Data, engine);
         await page.getByRole('button', { name: 'Copy the curl line' }).click();
         assert.equal(await page.evaluate(() => navigator.clipboard.readText()), line);
+        assert.equal(await page.locator('#first-line').evaluate((element) => getComputedStyle(element).whiteSpace), 'pre');
 
         const documents = (await page.locator('.documents dt').allTextContents()).filter((name) => name.startsWith('docs/'));
-        assert.ok(documents.length >= 3);
+        assert.equal(documents[0], 'docs/tutorial.md');
+        assert.ok(documents.length >= 4);
         for (const name of documents) assert.ok(existsSync(root + name), name);
         const link = page.locator('.documents a');
         assert.equal((await (await fetch(host.origin + await link.getAttribute('href'))).json()).openapi, '3.1.0');
@@ -380,7 +382,7 @@ describe('Orientation', () => {
     for (const colorScheme of ['light', 'dark'])
         test(`Nobody is shut out of any view, ${colorScheme}`, withPage({ ...PHONE, viewport: { width: 820, height: 1100 }, colorScheme }, async () => {
             const check = async (what) => {
-                assert.deepEqual(await accessibilityFaults(page), [], what);
+                assert.deepEqual(await accessibilityFaults(page, colorScheme === 'dark'), [], what);
                 await picture(`${colorScheme}-tablet-${what}`);
             };
             await openAll();

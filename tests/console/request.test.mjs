@@ -361,7 +361,7 @@ describe('Request', () => {
                 const card = page.locator('.answer .error-card');
                 assert.equal(await kind(), due);
                 assert.ok((await card.locator('dt').allTextContents()).includes('What to do'), due);
-                assert.deepEqual(await accessibilityFaults(page), [], due);
+                assert.deepEqual(await accessibilityFaults(page, colorScheme === 'dark'), [], due);
                 await picture(`${colorScheme}-failure-${due}`);
                 looks.push(await card.evaluate((element) => {
                     const heading = element.querySelector('h3');
@@ -414,7 +414,7 @@ describe('Request', () => {
             const former = await look();
             assert.ok(former.every((colour, i) => colour !== fresh[i]));
             assert.match(await page.locator('.answer').textContent(), /^The form has changed since/);
-            assert.deepEqual(await accessibilityFaults(page), []);
+            assert.deepEqual(await accessibilityFaults(page, colorScheme === 'dark'), []);
             await picture(`${colorScheme}-former`);
             await send(page);
             assert.deepEqual(await look(), fresh);
@@ -425,7 +425,7 @@ describe('Request', () => {
             await page.waitForSelector('.answer .error-card');
             assert.equal(await page.locator('.answer [data-result]').count(), 0);
             await fill(page, 'strCipherAlg', '4');
-            assert.deepEqual(await accessibilityFaults(page), []);
+            assert.deepEqual(await accessibilityFaults(page, colorScheme === 'dark'), []);
         }, [0]));
 
     test('A download is what is shown, and the bytes are one too', onPage(async () => {
@@ -495,9 +495,12 @@ describe('Request', () => {
             const answer = JSON.parse(await runLine(selected, host));
             assert.equal((answer.results ?? answer).Data, due);
         }
+        // Beside them stands what they need.
+        assert.equal(await page.locator('#token-line').textContent(), 'export TOKEN=$(cat ~/.local/state/corvane-host/token)');
+        assert.match(await page.locator('#curl-line').textContent(), /\$TOKEN/);
         // What no shell takes is no line.
         await fill(page, 'strdata', 'x'.repeat(130000));
-        assert.equal(await page.locator('.lines pre').count(), 0);
+        assert.deepEqual(await page.locator('.lines pre').evaluateAll((lines) => lines.map(({ id }) => id)), ['token-line']);
         assert.match(await page.locator('.lines').textContent(), /longer than a shell takes/);
     }));
 

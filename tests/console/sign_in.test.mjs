@@ -166,6 +166,9 @@ describe('Sign-in', () => {
         await page.keyboard.press('Enter');
         await page.waitForSelector('.error-card');
         assert.match(await card(), /^The host does not take this token\..*a part is missing.*link from the terminal/);
+        // It stands out like any other failure.
+        assert.ok(await page.locator('.error-card').evaluate((element) =>
+            getComputedStyle(element).backgroundColor !== getComputedStyle(document.body).backgroundColor && element.querySelector('svg') !== null));
         // The link does as well as the token.
         await page.locator('#token').fill(host.url);
         await page.keyboard.press('Enter');

@@ -74,7 +74,7 @@ describe('Chinese', () => {
         const { requests } = await getJson(host, '/v1/catalogue');
         const said = files.map((name) => readFileSync(sources + name, 'utf8')).join('\n').replace(/\\'/g, '\'') + JSON.stringify(requests)
             + ['exchange.cpp'].map((name) => devkitSource(`host/${name}`)).join() + devkitSource('service/requests/service.cpp')
-            + devkitSource('peer/ke_server.cpp');
+            + devkitSource('host/catalogue/complaints.cpp') + devkitSource('peer/ke_server.cpp');
         const unsaid = Object.keys(chinese).filter((text) => !said.includes(text) && !said.includes(JSON.stringify(text).slice(1, -1)));
         assert.deepEqual(unsaid.filter((text) => !/^[HC]MAC[,:]/.test(text)), []);
     });
@@ -162,6 +162,7 @@ describe('Chinese', () => {
             ['QZaven_crypto_hmacs', {}, ''],
             ['QZaven_crypto_hmac', Object.fromEntries([...Array(65).keys()].map((i) => [`p${i}`, ''])), ''],
             ['QZaVen_strerror', {}, 'missing'],
+            ['QZaVen_strerror', { 'a b': 'x' }, 'missing odd_name'],
         ];
         for (const [name, parameters, expected] of cases) {
             const { error, warnings } = await ask(name, parameters);
@@ -179,6 +180,10 @@ describe('Chinese', () => {
         // What another engine says of its code stays, and a reason says more than its code.
         const foreign = { source: 'engine', code: '-30040', text: 'another text', cause: '', remedy: '' };
         assert.equal(errorTexts(foreign).text, 'another text');
+        assert.equal(errorTexts(foreign).quoted, true);
+        const { codes } = await getJson(host, '/v1/catalogue');
+        const own = codes.find(({ code }) => code === -30040);
+        assert.notEqual(errorTexts({ ...foreign, text: own.text }).quoted, true);
         assert.notEqual(errorTexts({ source: 'host', code: 'session_gone', reason: 'session_freed' }).text,
             errorTexts({ source: 'host', code: 'session_gone' }).text);
     });
