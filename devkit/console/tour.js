@@ -9,7 +9,9 @@ import { sameBytes } from './values.js';
 // Long enough to see the steps go by, short enough not to wait for them.
 const PAUSE = 60;  // milliseconds
 
-const pause = () => new Promise((resolve) => { setTimeout(resolve, PAUSE); });
+// Not for those who want no motion.
+const pause = () => matchMedia('(prefers-reduced-motion: reduce)').matches ||
+    new Promise((resolve) => { setTimeout(resolve, PAUSE); });
 
 async function askPeer(name, body, session) {
     try {

@@ -30,6 +30,7 @@ export async function newPage(host, options = {}, expectedStatus = []) {
         locale: 'en-GB',
         permissions: ['clipboard-read', 'clipboard-write'],
         acceptDownloads: true,
+        reducedMotion: 'reduce',
         ...options,
     });
     const page = await context.newPage();
@@ -80,13 +81,21 @@ export function field(page, parameter) {
     return page.locator(`[data-parameter="${parameter}"]`);
 }
 
+// Chooses one of the ways of a field or result, where there is a choice and it is another one.
+async function chooseWay(where, value) {
+    const label = await where.evaluate((element, wanted) => {
+        const radio = [...element.querySelectorAll('.segments input')].find((input) => input.value === wanted);
+        return radio && !radio.checked ? radio.id : '';
+    }, value);
+    if (label !== '') await where.locator(`label[for="${label}"]`).click();
+}
+
 // Fills a field as a person does. A value is a text, or {hex}, {base64} or {file}; a text goes
 // into whatever the field is, after "Text" was chosen where there is a choice.
 export async function fill(page, parameter, value) {
     const where = field(page, parameter);
     const how = typeof value === 'string' ? 'text' : Object.keys(value)[0];
-    const radio = where.locator(`.segments input[value="${how}"]`);
-    if (await radio.count() > 0) await where.locator(`label[for="${await radio.getAttribute('id')}"]`).click();
+    await chooseWay(where, how);
     const control = where.locator('.control > select, .control > textarea, .control > input');
     if (how === 'file') {
         await control.setInputFiles(value.file);
@@ -113,8 +122,7 @@ export async function send(page) {
 // A result's text as Text, Hex or Base64.
 export async function result(page, name, form) {
     const where = page.locator(`[data-result="${name}"]`);
-    const radio = where.locator(`input[value="${form}"]`);
-    if (await radio.count() > 0) await where.locator(`label[for="${await radio.getAttribute('id')}"]`).click();
+    await chooseWay(where, form);
     return where.locator('.value-text').textContent();
 }
 
@@ -124,12 +132,16 @@ export async function runFlow(page) {
     return page.locator('.flow-verdict').textContent();
 }
 
-// What axe-core finds wrong with the page as it is, by the rules of WCAG 2.2 A and AA.
-export async function accessibilityFaults(page) {
-    await page.evaluate(axeSource);
-    const found = await page.evaluate(() => window.axe.run(document, {
-        runOnly: ['wcag2a', 'wcag2aa', 'wcag21a', 'wcag21aa', 'wcag22aa', 'best-practice'],
-    }));
+const EVERYTHING = ['wcag2a', 'wcag2aa', 'wcag21a', 'wcag21aa', 'wcag22aa', 'best-practice'];
+
+// What axe-core finds wrong with the page as it is, by the rules of WCAG 2.2 A and AA. With
+// `coloursAlone` that of the rules which a colour scheme can break: for views that are looked at
+// in another scheme as a whole.
+export async function accessibilityFaults(page, coloursAlone = false) {
+    if (!await page.evaluate(() => 'axe' in window)) await page.evaluate(axeSource);
+    const found = await page.evaluate((runOnly) => window.axe.run(document, {
+        runOnly, resultTypes: ['violations'], preload: false,
+    }), coloursAlone ? { type: 'rule', values: ['color-contrast', 'link-in-text-block'] } : EVERYTHING);
     return found.violations.map((violation) =>
         `${violation.id}: ${violation.nodes.map((node) => `${node.target} ${node.failureSummary}`).join(' | ')}`);
 }
