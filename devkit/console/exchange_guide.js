@@ -34,7 +34,7 @@ export function adoptExchange(s, outcome, done) {
 function noteAnswer(request, { entries, outcome }) {
     const handle = handleOf(request);
     const session = handle ? entries.get(handle.name).text : outcome.results.Data;
-    if (!states.has(session)) states.set(session, { session, text: exchangeText });
+    if (!states.has(session)) states.set(session, { session, text: t(exchangeText) });
     const s = states.get(session);
     if (s.outcome !== outcome) Object.assign(s, { outcome, answered: new Set() });
     stepOfExchange(request.name).keep?.(outcome.results, s);

@@ -3,6 +3,7 @@
 
 import { Failure, sendToPeer } from './api.js';
 import { findRequest } from './catalogue.js';
+import { t } from './i18n.js';
 import { exchange } from './request_view.js';
 import { sameBytes } from './values.js';
 
@@ -43,7 +44,7 @@ export async function runStep(step, s) {
 export class Tour {
     constructor(flow) {
         this.flow = flow;
-        this.inputs = Object.fromEntries(flow.inputs.map((input) => [input.name, input.value ?? input.options[0]]));
+        this.inputs = Object.fromEntries(flow.inputs.map((input) => [input.name, input.value ? t(input.value) : input.options[0]]));
         this.running = false;
         this.onChange = () => {};  // called with the number of a step, or with nothing: look at all
         this.restart();

@@ -11,6 +11,8 @@ export const flowTexts = {
     'Next in the key exchange': '密钥交换的下一步',
     'Open its form': '打开表单',
     'The form is filled in.': '表单已填好。',
+    'Meet me at the old bridge at six. 桥边见。': '六点在老桥见。',
+    'letter 7': '第七封信',
     'running': '进行中',
     'done': '完成',
     'failed': '失败',

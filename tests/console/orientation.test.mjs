@@ -368,6 +368,7 @@ describe('Orientation', () => {
         await page.getByRole('button', { name: '执行一步' }).click();
         await page.waitForSelector('.step[data-state="done"]');
         await checks('one-step');
+        assert.equal(await page.locator('main textarea').inputValue(), '六点在老桥见。');
         await openView(page, '#/status');
         await checks('status');
         await page.getByRole('button', { name: '退出' }).click();

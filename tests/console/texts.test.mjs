@@ -55,7 +55,7 @@ describe('Chinese', () => {
     test('of the guided flows lacks nothing', () => {
         const texts = flows.flatMap((flow) => [
             flow.title, flow.summary, flow.intro, flow.sender,
-            ...flow.inputs.flatMap((input) => [input.label, ...(input.options ?? [])]),
+            ...flow.inputs.flatMap((input) => [input.label, input.value, ...(input.options ?? [])]),
             ...flow.steps.flatMap((step) => [step.title, step.text]),
         ]);
         assert.deepEqual(missing(texts), []);
