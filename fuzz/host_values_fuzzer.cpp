@@ -106,6 +106,36 @@ void checkResults(const std::string& bytes)
 
 // ---- Values.
 
+const Allowed any = {Allowed::Any, 0, 0, "", 0};
+const RequestInfo request = {
+    "request",
+    "",
+    "",
+    "",
+    {{"text", Form::Text, Need::Never, any, "", "", {{"4", "", {"<aes-256>"}}}},
+     {"base64", Form::Base64, Need::Never, any, "", ""},
+     {"key", Form::KeyText, Need::Never, any, "", ""}},
+    {},
+    {}};
+
+std::string nameOf(Form form)
+{
+    for (const Parameter& parameter : request.parameters)
+        if (parameter.form == form)
+            return parameter.name;
+    return "";
+}
+
+// Whether a text is the one name that there is.
+bool isName(Form form, const std::string& text)
+{
+    std::string letters;
+    for (const char c : text)
+        if (std::string("-_./# ").find(c) == std::string::npos)
+            letters += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return form == Form::Text && text.size() <= 64 && letters == "<aes256>";
+}
+
 std::string expand(const std::string& text)
 {
     return "<" + text + ">";
@@ -158,6 +188,8 @@ std::optional<std::string> valueOracle(std::string text, Form form, bool inputIs
         return asTaken(expand(text));
     const bool isRaw = takePrefix(text, "raw:");
     const auto bytes = bytesOracle(text, inputIsFree);
+    if (!isRaw && bytes && isName(form, *bytes))
+        return "4";
     const bool isFit = isRaw || !isBase64 || !bytes || bytes->empty() || isTaken(form, *bytes);
     return isFit ? bytes : std::nullopt;
 }
@@ -165,7 +197,7 @@ std::optional<std::string> valueOracle(std::string text, Form form, bool inputIs
 std::optional<std::string> read(ValueReader& reader, Form form, const std::string& text)
 {
     try {
-        return reader.read("name", form, text, expand);
+        return reader.read(&request, nameOf(form), text, expand);
     } catch (const UsageError&) {
         return std::nullopt;
     }
