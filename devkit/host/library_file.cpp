@@ -206,7 +206,7 @@ std::string readMark(const Reader& file, const std::vector<Elf64_Phdr>& segments
         std::string notes(std::min(segment.p_filesz, mostNotes), '\0');
         if (!file.reads(notes.data(), notes.size(), segment.p_offset))
             continue;
-        const std::string mark = markAmong(notes);
+        std::string mark = markAmong(notes);
         if (!mark.empty())
             return mark;
     }
