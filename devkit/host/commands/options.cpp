@@ -41,7 +41,7 @@ std::string rangeOf(const NumberKind& kind)
 
 std::string numberSentence(const NumberKind& kind)
 {
-    const std::string sentence =
+    std::string sentence =
         std::string("takes a ") + (kind.isWhole ? "whole " : "") + "number from " + rangeOf(kind);
     if (kind.unit == NumberKind::Plain)
         return sentence;
