@@ -51,7 +51,7 @@ Choices readChoices(const std::string& parameter, const Json& object)
     Choices choices;
     std::map<std::string, std::string> seen;
     for (const auto& [name, number] : object.items()) {
-        const std::string place = parameter + "." + name;
+        const std::string place = std::string(parameter).append(".").append(name);
         const std::string folded = foldedName(name);
         if (folded.find_first_not_of("0123456789+") == std::string::npos)
             throw UsageError(place + ": a name has other characters than a number");
