@@ -187,16 +187,16 @@ enum {
       "send the text as the encoder produced it")                                         \
     X(AVEN_E_CIPHER_NUMBER, -30030, "unknown cipher number",                              \
       "the cipher number is outside 1 to 7",                                              \
-      "see the cipher numbers in engine_numbers.h")                                       \
+      "corvane-host describe QZaven_crypto_encrypt lists the ciphers") \
     X(AVEN_E_MODE_NUMBER, -30031, "unknown cipher mode number",                           \
       "the mode number is outside 1 to 6",                                                \
-      "see the mode numbers in engine_numbers.h")                                         \
+      "corvane-host describe QZaven_crypto_encrypt lists the modes") \
     X(AVEN_E_PADDING_NUMBER, -30032, "unknown padding number",                            \
       "the padding number is neither 0 nor 1",                                            \
       "pass 0 for no padding or 1 for PKCS#7")                                            \
     X(AVEN_E_HASH_NUMBER, -30033, "unknown hash number",                                  \
       "the hash number is outside 1 to 6 (key derivation: 0 to 6)",                       \
-      "see the hash numbers in engine_numbers.h")                                         \
+      "corvane-host describe QZaven_crypto_hmac lists the hashes") \
     X(AVEN_E_WHITEBOX_KIND, -30034, "unknown kind of white-box cipher",                   \
       "the first argument is not 1",                                                      \
       "pass 1")                                                                           \
@@ -241,13 +241,13 @@ enum {
       "pass the text of one")                                                             \
     X(AVEN_E_KEY_TEXT, -30055, "key or certificate cannot be read",                       \
       "the text is none of the accepted forms, or is cut or damaged",                     \
-      "see the forms in engine_numbers.h")                                                \
+      "send PEM or DER as a file has it (@FILE); openssl pkey -in FILE -noout shows whether the key is whole") \
     X(AVEN_E_KEY_TRAILING, -30056, "more follows behind the key or certificate",          \
       "a second PEM block, or bytes behind the end of the DER",                           \
       "pass one key or certificate and nothing behind it")                                \
     X(AVEN_E_KEY_ROLE, -30057, "key text is of another role",                             \
       "a public key or certificate where a private key goes, or the reverse",             \
-      "check which text goes where")                                                      \
+      "strsk takes the private key, strpk the public key or certificate, strSig_cert and strEnc_cert certificates") \
     X(AVEN_E_KEY_INVALID, -30058, "key's values do not make a key",                       \
       "the point is not on the curve, or the numbers do not fit each other",              \
       "the key is damaged: export it again")                                              \
@@ -280,7 +280,7 @@ enum {
       "pass the flags with which it was encrypted")                                       \
     X(AVEN_E_DECRYPTION, -30068, "ciphertext does not decrypt",                           \
       "wrong key, wrong padding number, OAEP with another hash than SHA-256 in both places, or damaged ciphertext", \
-      "check key, padding and ciphertext; openssl's OAEP is with SHA-1 without -pkeyopt rsa_oaep_md:sha256") \
+      "check key, padding and ciphertext; OAEP by openssl's defaults has SHA-1: openssl pkeyutl -decrypt -pkeyopt rsa_padding_mode:oaep opens it, -pkeyopt rsa_oaep_md:sha256 at both ends avoids it") \
     X(AVEN_E_KEY_COST, -30069, "private key's password is too costly to try",             \
       "more than 2000000 iterations, or scrypt with N * r * p above 2^20 or with more than 32 MiB",\
       "encrypt the key anew: openssl pkcs8 -topk8 -iter 600000")                          \
