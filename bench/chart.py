@@ -9,7 +9,11 @@ import sys
 
 WIDTH, HEIGHT = 760, 440
 LEFT, RIGHT, TOP, BOTTOM = 64, 120, 40, 56
-COLOURS = ["#7f7f7f", "#1f77b4", "#2ca02c", "#bcbd22", "#d62728"]
+LIGHT = {"ink": "#333", "grid": "#ddd", "page": "#fff", "grey": "#7f7f7f", "blue": "#1f77b4",
+         "green": "#2ca02c", "olive": "#8f9012", "red": "#d62728"}
+DARK = {"ink": "#e6e6e6", "grid": "#30363d", "page": "#0d1117", "grey": "#a8a8a8",
+        "blue": "#6cb6ff", "green": "#7ccf7c", "olive": "#d6d74a", "red": "#ff8a80"}
+COLOURS = ["grey", "blue", "green", "olive", "red"]
 DASHED = {"memcpy", "skeleton", "p99"}
 
 
@@ -19,6 +23,10 @@ def size_name(size):
             return f"{size} {unit}"
         size //= 1024
     return f"{size} GiB"
+
+
+def scheme(colours):
+    return "svg { " + "; ".join(f"--{name}: {value}" for name, value in colours.items()) + " }"
 
 
 def main():
@@ -42,17 +50,20 @@ def main():
         share = math.log(speed / low) / math.log(high / low)
         return HEIGHT - BOTTOM - share * (HEIGHT - TOP - BOTTOM)
 
-    def text(at_x, at_y, content, anchor="middle", fill="#333"):
-        print(f'<text x="{at_x:.1f}" y="{at_y:.1f}" text-anchor="{anchor}" fill="{fill}">'
-              f"{content}</text>")
+    def text(at_x, at_y, content, anchor="middle", colour="ink"):
+        print(f'<text x="{at_x:.1f}" y="{at_y:.1f}" text-anchor="{anchor}" '
+              f'fill="var(--{colour})">{content}</text>')
 
     def line(x1, y1, x2, y2):
-        print(f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" stroke="#ddd"/>')
+        print(f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" '
+              'stroke="var(--grid)"/>')
 
     print(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" '
-          'font-family="sans-serif" font-size="12">')
-    print(f"<title>{sys.argv[2]}, over payload size</title>")
-    print(f'<rect width="{WIDTH}" height="{HEIGHT}" fill="#fff"/>')
+          'font-family="sans-serif" font-size="12" role="img" aria-labelledby="title">')
+    print(f'<title id="title">{sys.argv[2]}, over payload size</title>')
+    print(f"<style>{scheme(LIGHT)} "
+          f"@media (prefers-color-scheme: dark) {{ {scheme(DARK)} }}</style>")
+    print(f'<rect width="{WIDTH}" height="{HEIGHT}" fill="var(--page)"/>')
     text(LEFT, TOP - 18, sys.argv[2], "start")
     text((LEFT + WIDTH - RIGHT) / 2, HEIGHT - 14, "payload")
     speed = low
@@ -74,7 +85,7 @@ def main():
         points = " ".join(f"{x(s):.1f},{y(v):.1f}" for s, v in zip(sizes, speeds[i]))
         dash = ' stroke-dasharray="5 4"' if parts[i][-1] in DASHED else ""
         colour = colours[kinds.index(parts[i][0])]
-        print(f'<polyline points="{points}" fill="none" stroke="{colour}" '
+        print(f'<polyline points="{points}" fill="none" stroke="var(--{colour})" '
               f'stroke-width="2"{dash}/>')
         text(WIDTH - RIGHT + 8, label_y[i], " ".join(parts[i]), "start", colour)
     print("</svg>")

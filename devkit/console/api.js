@@ -40,8 +40,8 @@ const unreadable = {
 const cancelled = {
     code: 'cancelled',
     source: 'page',
-    text: 'You stopped waiting for the answer.',
-    cause: 'The host may have carried the request out all the same: what it is at work on goes on to its end.',
+    text: 'You stopped waiting; the host may have carried the request out all the same, as what it is at work on goes on to its end.',
+    cause: '',
     remedy: 'Send it again, if that does no harm.',
 };
 

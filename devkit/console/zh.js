@@ -180,9 +180,8 @@ const own = {
     'There is no answer': '没有收到应答',
     'It was not sent': '请求没有发送',
     'If it is sent again': '再次发送会怎样',
-    'You stopped waiting for the answer.': '页面已停止等待应答。',
-    'The host may have carried the request out all the same: what it is at work on goes on to its end.':
-        '主机可能仍然执行了这个请求：已经开始的处理会进行到底。',
+    'You stopped waiting; the host may have carried the request out all the same, as what it is at work on goes on to its end.':
+        '页面已停止等待；主机可能仍已执行此请求，因为处理中的工作会做到底。',
     'Send it again, if that does no harm.': '如果重复执行没有坏处，可以再次发送。',
     'Show the answer as': '应答的显示方式',
     'Values': '分项',
