@@ -112,9 +112,7 @@ spied() {
 "$build/bin/corvane-host" serve --listen 127.0.0.1:0 --token-file "$scratch/a token" \
     >"$scratch/log" 2>&1 &
 server=$!
-for _ in $(seq 600); do
-    CORVANE_URL=$(sed -n 's/.*listening on //p' "$scratch/log")
-    [ -z "$CORVANE_URL" ] || break
+until CORVANE_URL=$(sed -n 's/.*listening on //p' "$scratch/log") && [ -n "$CORVANE_URL" ]; do
     kill -0 $server || { cat "$scratch/log" && exit 1; }
     sleep 0.1
 done

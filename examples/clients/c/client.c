@@ -81,7 +81,7 @@ static void printRefusal(FILE* out, const char* title)
             reason ? ", " : "", reason ? reason : "", field ? ", " : "", field ? field : "");
 }
 
-/* A result of the answer; ends the program if it is no success. The text is for people. */
+/* A result of the answer; ends the program if it has none. The text is for people. */
 static const char* result(const char* name)
 {
     if (!json_is_null(json_object_get(answer, "error"))) {
@@ -89,11 +89,15 @@ static const char* result(const char* name)
         fprintf(stderr, ": %s\n", errorPart("text"));
         exit(1);
     }
-    return json_string_value(json_object_get(json_object_get(answer, "results"), name));
+    const char* value =
+        json_string_value(json_object_get(json_object_get(answer, "results"), name));
+    if (value == NULL)
+        FAIL("the answer has no result %s", name);
+    return value;
 }
 
-/* The bytes of URL-safe Base64. Returns how many, and the bytes in `to`, which has room. */
-static size_t fromBase64(const char* text, unsigned char* to)
+/* The bytes of URL-safe Base64, at most `room`, in `to`. Returns how many. */
+static size_t fromBase64(const char* text, unsigned char* to, size_t room)
 {
     static const char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
     size_t length = 0;
@@ -106,6 +110,8 @@ static size_t fromBase64(const char* text, unsigned char* to)
         bits = bits << 6 | (unsigned long)(digit - digits);
         count += 6;
         if (count >= 8) {
+            if (length == room)
+                FAIL("a result is longer than %zu bytes", room);
             count -= 8;
             to[length++] = (unsigned char)(bits >> count);
         }
@@ -148,12 +154,12 @@ static json_t* encryptAndDecrypt(void)
     sendRequest("QZaven_crypto_encrypt", sealing);
     json_object_set_new(cipher, "strdata", json_string(result("Data")));
     json_object_set_new(cipher, "strtag", json_string(result("gcmOutTag")));
-    size_t encrypted = fromBase64(result("Data"), bytes);
+    size_t encrypted = fromBase64(result("Data"), bytes, sizeof bytes);
     printf("AES-256-GCM: %zu bytes encrypted, %zu bytes of tag\n", encrypted,
-           fromBase64(result("gcmOutTag"), bytes));
+           fromBase64(result("gcmOutTag"), bytes, sizeof bytes));
 
     sendRequest("QZaven_crypto_decrypt", json_copy(cipher));
-    size_t decrypted = fromBase64(result("Data"), bytes);
+    size_t decrypted = fromBase64(result("Data"), bytes, sizeof bytes);
     if (decrypted != strlen(message) || memcmp(bytes, message, decrypted) != 0)
         FAIL("the decrypted message is another one");
     printf("AES-256-GCM: %zu bytes decrypted, the same\n", decrypted);
