@@ -211,13 +211,13 @@ enum {
       "check the IV and its encoding")                                                    \
     X(AVEN_E_DATA_LENGTH, -30042, "data length does not suit the cipher mode",            \
       "ECB or CBC data is not a multiple of the block (encrypted data, or no padding)",   \
-      "to encrypt, pad: padding number 1 is PKCS#7; to decrypt, check that the data is whole") \
+      "to encrypt, pad: strCipherPadding=pkcs7, which is 1; to decrypt, check that the data is whole") \
     X(AVEN_E_TAG_LENGTH, -30043, "wrong tag length",                                      \
       "a GCM tag must have 4 to 16 bytes",                                                \
       "pass the tag and its length as encryption gave them")                              \
     X(AVEN_E_NOT_AUTHENTICATED, -30044, "mode does not authenticate",                     \
       "a tag or additional data was passed with a mode other than GCM",                   \
-      "take GCM, or pass null and 0")                                                     \
+      "take GCM, or leave out the tag and the additional data")                                                     \
     X(AVEN_E_BAD_PADDING, -30045, "decrypted data is not padded correctly",               \
       "wrong key or IV, damaged data, or data that was encrypted without padding",        \
       "check key, IV, padding and data")                                                  \

@@ -41,6 +41,13 @@ bool isKeyFile(std::string_view bytes)
     return bytes.size() == 2 + more + length;
 }
 
+std::string textOf(const NoNumber& lack)
+{
+    if (lack.nearest.empty())
+        return "takes a whole number, " + lack.allowed + ";";
+    return "is no number and no name that is known here; did you mean " + lack.nearest + "?";
+}
+
 }  // namespace
 
 std::string ValueReader::read(const RequestInfo* request, const std::string& name,
@@ -50,6 +57,8 @@ std::string ValueReader::read(const RequestInfo* request, const std::string& nam
     const Given given = resolve(name, value, expand);
     if (const std::string* number = numberNamed(request, name, given, value))
         return *number;
+    if (const auto lack = noNumber(request, name, given, value))
+        throw UsageError(name + " " + textOf(*lack) + " raw: sends it as it is");
     const Form form = formOf(request, name);
     if (isMisencoded(form, given, value)) {
         const bool isFile = written.compare(0, 1, "@") == 0;

@@ -147,7 +147,7 @@ TEST_F(HostCatalogue, ValuesBesideTheAllowedOnesAreRefused)
                 wrong = {parameter["range"][0].get<int>() - 1,
                          parameter["range"][1].get<int>() + 1};
             if (parameter.contains("oneOf"))
-                wrong = {"9", "01", " 1", "1 ", "x"};
+                wrong = {"9", "01", " 1", "1 ", "raw:x"};
             if (parameter.contains("bytes"))
                 wrong = {"b64:0123456789abcde", "b64:0123456789abcdefg"};
             for (const Json& value : wrong) {

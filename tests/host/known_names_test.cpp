@@ -7,6 +7,7 @@
 #include "common/library_mark.h"
 #include "host/catalogue/names.h"
 #include "host/library_file.h"
+#include "host/output.h"
 #include "host/parameters.h"
 #include "support/held.h"
 #include "support/host_program.h"
@@ -82,12 +83,18 @@ TEST_F(NamesOfNumbers, AreSentAsTheyAreIfMarkedSo)
         }
 }
 
-TEST_F(NamesOfNumbers, NumbersAndWhatIsNoNameAreSentAsTheyAre)
+TEST_F(NamesOfNumbers, NumbersAreSentAsTheyAreAndOtherTextsRefused)
 {
     const RequestInfo& request = *findRequest("QZaven_crypto_encrypt");
-    for (const char* value : {"4", " 4", "04", "77", "", "aes", "aes-2567", "-", "aes:256", "oaep"})
-        EXPECT_EQ((Pairs{{"strCipherAlg", value}}),
-                  (WrittenParameters{{"strCipherAlg="s + value}, ""}.read(&request)));
+    const auto read = [&](const std::string& value) {
+        return WrittenParameters{{"strCipherAlg=" + value}, ""}.read(&request);
+    };
+    for (const char* value : {"4", " 4", "04", "77", "+4", "-4", "4\r\n", ""})
+        EXPECT_EQ((Pairs{{"strCipherAlg", value}}), read(value));
+    for (const char* value : {"aes", "aes-2567", "-", "aes:256", "oaep", "4 4", "4.", " "}) {
+        EXPECT_THROW(read(value), UsageError) << value;
+        EXPECT_EQ((Pairs{{"strCipherAlg", value}}), read("raw:"s + value));
+    }
     EXPECT_EQ((Pairs{{"strCipherAlg", "aes-256"}}),
               (WrittenParameters{{"strCipherAlg=aes-256"}, ""}.read(nullptr)));
 }
@@ -177,19 +184,44 @@ TEST_F(NamesOnTheWay, ThreeDesIsNotTakenForAThree)
         return made.out;
     };
     EXPECT_EQ(madeKey("auto", "7"), madeKey("auto", "3des"));
-    EXPECT_EQ(madeKey("auto", "3"), madeKey("none", "3des"));
+    EXPECT_EQ(madeKey("auto", "3"), madeKey("none", "raw:3des"));
     EXPECT_NE(madeKey("auto", "3"), madeKey("auto", "7"));
 }
 
-TEST_F(NamesOnTheWay, AnUnknownNameIsWarnedOfAndSent)
+TEST_F(NamesOnTheWay, AnUnknownNameIsRefusedUnlessItIsRaw)
 {
-    const Ended ended = call(encryption("aes-265", "2", "1"));
-    EXPECT_EQ(REFUSED, ended.code);
-    EXPECT_EQ("-20084", ended.json()["errorCode"]);
-    EXPECT_TRUE(holds(ended.err,
-                      "strCipherAlg is no number and no name that is known here; did "
-                      "you mean aes-256?"))
-        << ended.err;
+    const std::string unknown =
+        "strCipherAlg is no number and no name that is known here; did you mean ";
+    // Of the last ones the plug-in would take the number that they begin with.
+    for (const auto& [name, nearest] :
+         {std::pair("aes-265", "aes-256"), {"3des-cbc", "3des"}, {"4x", "sm4"}, {"raw", "sm4"}}) {
+        const Ended ended = call(encryption(name, "2", "1"));
+        EXPECT_EQ(USAGE, ended.code) << name;
+        EXPECT_EQ("", ended.out) << name;
+        EXPECT_TRUE(holds(ended.err, unknown + nearest + "? raw: sends it as it is")) << ended.err;
+    }
+    const Ended sent = call(encryption("raw:aes-265", "2", "1"));
+    EXPECT_EQ(REFUSED, sent.code);
+    EXPECT_EQ("-20084", sent.json()["errorCode"]);
+    EXPECT_TRUE(holds(sent.err, unknown + "aes-256?")) << sent.err;
+}
+
+TEST_F(NamesOnTheWay, NumbersAreWhole)
+{
+    const auto derive = [&](const std::string& length) {
+        return call({"QZaven_crypto_kdf", "HashType=sm3", "srcdata=secret", "OutLen=" + length});
+    };
+    const std::string whole = "OutLen takes a whole number, 0 to 65535; raw: sends it as it is";
+    for (const char* length : {"16K", "1e3", "12.9", "0x10", "abc", "+", "1 2", "1\xc2\xa0"}) {
+        const Ended ended = derive(length);
+        EXPECT_EQ(USAGE, ended.code) << length;
+        EXPECT_TRUE(holds(ended.err, whole)) << ended.err;
+    }
+    for (const char* length : {"16", "+16", " 16", "16\r\n", "016", "raw:16K"})
+        EXPECT_EQ(derive("16").out.size(), derive(length).out.size()) << length;
+    const Ended unnamed = with("none", encryption("aes-256", "2", "1"));
+    EXPECT_EQ(USAGE, unnamed.code);
+    EXPECT_TRUE(holds(unnamed.err, "strCipherAlg takes a whole number, 1 to 7;")) << unnamed.err;
 }
 
 // ---- Which are known.
@@ -209,7 +241,7 @@ TEST_F(NamesOnTheWay, WithoutNamesNumbersAloneCount)
     EXPECT_TRUE(holds(run({"openapi"}).out, "aes-256"));
 
     EXPECT_EQ(SUCCESS, with("none", encryption("4", "2", "1")).code);
-    const Ended named = with("none", encryption("aes-256", "2", "1"));
+    const Ended named = with("none", encryption("raw:aes-256", "2", "1"));
     EXPECT_TRUE(holds(named.err, "strCipherAlg must be 1 to 7")) << named.err;
     // Of another engine's number 2 nothing is known.
     const Ended longKey = with("none", encryption("2", "2", "1"));
@@ -226,7 +258,8 @@ TEST_F(NamesOnTheWay, AFileHasTheNamesOfAnotherEngine)
         EXPECT_EQ(numbers.out, with(names, encryption(cipher, "Chained", "1")).out);
     // What is not in the file is no name.
     EXPECT_TRUE(holds(with(names, encryption("sm4", "2", "1")).err, "did you mean"));
-    EXPECT_TRUE(holds(with(names, encryption("4", "2", "pkcs7")).err, "strCipherPadding must be"));
+    EXPECT_TRUE(holds(with(names, encryption("4", "2", "pkcs7")).err,
+                      "strCipherPadding takes a whole number, one of 0 1;"));
     EXPECT_TRUE(holds(with(names, encryption("eleven", "2", "1")).err, "must be 1 to 7"));
 
     const Json request =

@@ -548,9 +548,20 @@ TEST(Prepare, PlainTextMustBeBase64WhereThatIsDue)
             EXPECT_EQ("bad_encoding", refusalOf(request, name, value)) << request << value;
     }
     // Where it is not due, anything goes.
-    EXPECT_EQ("", refusalOf(hmac, "strHashAlg", "4!"));
     EXPECT_EQ("", refusalOf(hmac, "unknown", "4!"));
     EXPECT_EQ("", refusalOf("QZaven_ke_free", "strKe", "ke_!"));
+}
+
+TEST(Prepare, NumbersAreWholeNumbersOrNames)
+{
+    const char* const hmac = "QZaven_crypto_hmac";
+    for (const char* value : {"4", " 4", "-1", "+4\n", "007", "99999999999999999999"})
+        EXPECT_EQ("", refusalOf(hmac, "strHashAlg", value)) << value;
+    for (const std::string& value : {"4!"s, "4 4"s, "0x4"s, "4.0"s, "+-4"s, "4\0"s, "sha-265"s}) {
+        EXPECT_EQ("wrong_type", refusalOf(hmac, "strHashAlg", value)) << value;
+        EXPECT_EQ("", refusalOf(hmac, "strHashAlg", value, Given::Raw)) << value;
+        EXPECT_EQ("", refusalOf(hmac, "strHashAlg", value, Given::Text)) << value;
+    }
 }
 
 // How a string of that name and value comes in each form of body.

@@ -205,10 +205,29 @@ TEST_F(ServeValues, NameIsAsGoodAsItsNumber)
                   .result("Data"));
 }
 
-TEST_F(ServeValues, NamesMarkedAsTextAndUnknownOnesAreSentAsTheyAre)
+TEST_F(ServeValues, UnknownNamesAndOtherTextsAreRefusedWhereANumberIsDue)
 {
-    for (const Json& cipher :
-         {Json{{"raw", "aes-256"}}, Json{{"text", "aes-256"}}, Json("aes-265")}) {
+    for (const char* cipher : {"aes-265", "aes-256-cbc", "4x", "no"}) {
+        Json parameters = namedCipher;
+        parameters["strCipherAlg"] = cipher;
+        const HttpAnswer answer = host().request("QZaven_crypto_encrypt", encryption(parameters));
+        EXPECT_EQ(400, answer.status);
+        EXPECT_EQ("wrong_type", answer.code()) << answer.body;
+        EXPECT_EQ("name_for_number", answer.json()["error"]["reason"]) << answer.body;
+        EXPECT_EQ("strCipherAlg", answer.json()["error"]["field"]) << answer.body;
+    }
+    for (const char* length : {"16K", "1e3", "12.9"}) {
+        const HttpAnswer answer = host().request(
+            "QZaven_crypto_kdf",
+            {{"HashType", "sm3"}, {"srcdata", {{"text", "secret"}}}, {"OutLen", length}});
+        EXPECT_EQ("text_for_number", answer.json()["error"]["reason"]) << answer.body;
+        EXPECT_EQ("0 to 65535", answer.json()["error"]["values"]["allowed"]) << answer.body;
+    }
+}
+
+TEST_F(ServeValues, NamesMarkedAsTextAreSentAsTheyAre)
+{
+    for (const Json& cipher : {Json{{"raw", "aes-256"}}, Json{{"text", "aes-256"}}}) {
         Json parameters = namedCipher;
         parameters["strCipherAlg"] = cipher;
         const HttpAnswer answer = host().request("QZaven_crypto_encrypt", encryption(parameters));
@@ -223,7 +242,7 @@ TEST_F(ServeValues, NamesMarkedAsTextAndUnknownOnesAreSentAsTheyAre)
 TEST_F(ServeValues, ServiceWithoutNamesTakesNumbersAlone)
 {
     const ServedHost plain({"--names", "none"});
-    EXPECT_EQ("-20084", plain.request("QZaven_crypto_encrypt", encryption(namedCipher)).code());
+    EXPECT_EQ("wrong_type", plain.request("QZaven_crypto_encrypt", encryption(namedCipher)).code());
     EXPECT_EQ(std::string::npos, plain.ask("GET", "/v1/catalogue").body.find("\"choices\""));
     EXPECT_EQ(std::string::npos, plain.ask("GET", "/openapi.json").body.find("aes-256"));
     EXPECT_NE(std::string::npos, host().ask("GET", "/v1/catalogue").body.find("\"choices\""));
@@ -262,7 +281,7 @@ TEST_F(ServeValues, JsonThatComesAsAFormIsRefused)
         EXPECT_EQ(std::string::npos, answer.body.find("5ecret")) << answer.body;
     }
     // A form is one also with braces in it.
-    EXPECT_EQ("-20001", form("strHashAlg={}").code());
+    EXPECT_EQ("wrong_type", form("strHashAlg={}").code());
     EXPECT_EQ("-20001", form("{strKey}=5ecret").code());
     EXPECT_EQ(std::string::npos, form("{strKey}=5ecret").body.find("strKey}"));
 }

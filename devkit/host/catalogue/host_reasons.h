@@ -46,6 +46,8 @@
     X(wrong_type,          not_a_batch,           "a batch is an object with one member, requests, and that is an array") \
     X(wrong_type,          no_request_name,       "a request has a name, a string") \
     X(wrong_type,          bytes_for_text,        "{name} takes a string, not bytes") \
+    X(wrong_type,          name_for_number,       "{name} is no number and no name that is known here; did you mean {nearest}?") \
+    X(wrong_type,          text_for_number,       "{name} takes a whole number, {allowed}") \
     X(wrong_type,          not_for_peer,          "the peer takes texts of Base64") \
     X(bad_encoding,        not_utf8,              "the body is not UTF-8") \
     X(bad_encoding,        bad_base64,            "the value is not Base64") \

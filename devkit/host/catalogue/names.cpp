@@ -38,6 +38,19 @@ bool isSameName(std::string_view a, std::string_view b)
     }
 }
 
+// Digits behind a sign, with blanks or line ends around them, as files may have.
+bool isWholeNumber(std::string_view value)
+{
+    constexpr std::string_view blanks = " \t\r\n";
+    const size_t begin = value.find_first_not_of(blanks);
+    if (begin == value.npos)
+        return false;
+    value = value.substr(begin, value.find_last_not_of(blanks) + 1 - begin);
+    if (value.front() == '+' || value.front() == '-')
+        value.remove_prefix(1);
+    return !value.empty() && value.find_first_not_of("0123456789") == value.npos;
+}
+
 // Nearly all names of parameters begin alike, which says nothing of what was meant.
 std::string_view withoutPrefix(std::string_view name)
 {
@@ -45,6 +58,20 @@ std::string_view withoutPrefix(std::string_view name)
     const bool has =
         name.size() > prefix.size() && editDistance(name.substr(0, prefix.size()), prefix) == 0;
     return has ? name.substr(prefix.size()) : name;
+}
+
+// "rsa" and "oaep" of "rsa-oaep".
+std::vector<std::string> partsOf(std::string_view word)
+{
+    std::vector<std::string> parts(1);
+    for (const char c : word)
+        if (!isSkipped(c))
+            parts.back() += c;
+        else if (!parts.back().empty())
+            parts.emplace_back();
+    if (parts.back().empty())
+        parts.pop_back();
+    return parts;
 }
 
 // Whether a folded word is one of the text's, or the beginning of one, or of several.
@@ -108,6 +135,17 @@ const std::string* numberNamed(const RequestInfo* request, const std::string& pa
             if (isSameName(name, value))
                 return &choice.value;
     return nullptr;
+}
+
+std::optional<NoNumber> noNumber(const RequestInfo* request, const std::string& parameter,
+                                 Given given, std::string_view value)
+{
+    const Parameter* known = request == nullptr ? nullptr : findParameter(*request, parameter);
+    if (known == nullptr || given != Given::Plain || value.empty() || isWholeNumber(value) ||
+        (known->allowed.kind != Allowed::Range && known->allowed.kind != Allowed::OneOf))
+        return std::nullopt;
+    return NoNumber{known->choices.empty() ? "" : nearestChoices(*known, value),
+                    allowedText(known->allowed)};
 }
 
 const Choice* choiceOf(const Parameter& parameter, const std::string& number)
@@ -188,9 +226,15 @@ bool isAbout(const RequestInfo& request, const std::vector<std::string>& words)
         for (const Choice& choice : parameter.choices)
             said.insert(said.end(), choice.names.begin(), choice.names.end());
     }
-    return std::all_of(words.begin(), words.end(), [&](const std::string& word) {
+    const auto isSaid = [&](std::string_view word) {
         return std::any_of(said.begin(), said.end(),
                            [&](std::string_view text) { return hasWord(text, foldedName(word)); });
+    };
+    return std::all_of(words.begin(), words.end(), [&](const std::string& word) {
+        if (isSaid(word))
+            return true;
+        const std::vector<std::string> parts = partsOf(word);
+        return parts.size() > 1 && std::all_of(parts.begin(), parts.end(), isSaid);
     });
 }
 

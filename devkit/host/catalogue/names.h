@@ -4,6 +4,7 @@
 #define CORVANE_HOST_CATALOGUE_NAMES_H
 
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +19,18 @@ std::string foldedName(std::string_view name);
 // before anything else looks at them: the plug-in would take "3des" for a 3.
 const std::string* numberNamed(const RequestInfo* request, const std::string& parameter,
                                Given given, std::string_view value);
+
+// What a value lacks that is neither a number nor one of the parameter's names.
+struct NoNumber {
+    std::string nearest;  // as nearestChoices() has it; "" if no names are known
+    std::string allowed;  // as allowedText() has it
+};
+
+// Nothing if a value can be sent, which is as numberNamed() has left it. One that is plain is
+// refused where a number is due: of "3des-cbc" the plug-in would take the 3, of "16K" the 16 and of
+// "abc" 0. `request` may be null.
+std::optional<NoNumber> noNumber(const RequestInfo* request, const std::string& parameter,
+                                 Given given, std::string_view value);
 
 // The choice that a number, as the plug-in reads it, stands for; null if there is none.
 const Choice* choiceOf(const Parameter& parameter, const std::string& number);
@@ -39,7 +52,8 @@ size_t editDistance(std::string_view a, std::string_view b);
 // Whether all words stand in what is said of the request: its name, summary, group and keywords,
 // its parameters' names, and the names of numbers. Compared as names are. A word may be the
 // beginning of one that is said, as "SHA 256" and "sha" are of "sha-256", but not its middle: "aes"
-// is not in "RSAES". Capitals within a name begin words.
+// is not in "RSAES". Capitals within a name begin words. Of a word that is said nowhere, as "rsa-oaep",
+// the parts must be.
 bool isAbout(const RequestInfo& request, const std::vector<std::string>& words);
 
 // The choices that have one of the words in their names, likewise.

@@ -68,9 +68,15 @@ ExitCode run(int argc, char** argv)
     app.formatter(helpFormatter());
     app.set_help_flag("-h,--help", "Print this help");
     app.set_version_flag("--version", "corvane-host " + versionWithCommit(), "Print the version");
-    app.add_option("--plugin", program.paths.plugin, "Plug-in library")->type_name("PATH");
-    app.add_option("--params", program.paths.params, "Parameter module library")->type_name("PATH");
-    app.add_option("--engine", program.paths.engine, "Crypto engine library")->type_name("PATH");
+    app.add_option("--plugin", program.paths.plugin, "Plug-in library")
+        ->type_name("PATH")
+        ->check(notEmpty());
+    app.add_option("--params", program.paths.params, "Parameter module library")
+        ->type_name("PATH")
+        ->check(notEmpty());
+    app.add_option("--engine", program.paths.engine, "Crypto engine library")
+        ->type_name("PATH")
+        ->check(notEmpty());
     app.add_option("--names", program.names,
                    "Which names of numbers are known: auto (default), development, none, or FILE")
         ->type_name("WHAT")

@@ -159,6 +159,12 @@ Prepared prepare(const RequestInfo& request, Fields& fields)
     for (Field& field : fields) {
         if (const std::string* number = numberNamed(&request, field.name, field.given, field.value))
             field.value = SecretText(*number);
+        else if (const auto lack = noNumber(&request, field.name, field.given, field.value))
+            throw lack->nearest.empty()
+                ? Refusal(Reason::text_for_number, field.where,
+                          {{"name", field.name}, {"allowed", lack->allowed}})
+                : Refusal(Reason::name_for_number, field.where,
+                          {{"name", field.name}, {"nearest", lack->nearest}});
         const Form form = formOf(&request, field.name);
         const bool isPlace = form == Form::Handle || form == Form::Path;
         const bool isBytes = field.given == Given::Bytes;
