@@ -49,9 +49,11 @@ std::string optionName(const std::string& argument)
     constexpr size_t longest = 40;
     std::string name = argument.substr(0, argument.find('='));
     const auto isFit = [](unsigned char c) { return isalpha(c) != 0 || c == '-'; };
-    if (name.size() == 2 && name[0] == '-' && isalpha(static_cast<unsigned char>(name[1])) != 0)
+    const auto isLetter = [&](size_t at) { return isalpha(static_cast<unsigned char>(name[at])); };
+    if (name.size() == 2 && name[0] == '-' && isLetter(1) != 0)
         return name;
-    const bool isLong = name.size() > 3 && name.size() <= longest && name.compare(0, 2, "--") == 0;
+    const bool isLong = name.size() > 3 && name.size() <= longest &&
+                        name.compare(0, 2, "--") == 0 && isLetter(2) != 0;
     return isLong && std::all_of(name.begin(), name.end(), isFit) ? name : "";
 }
 
