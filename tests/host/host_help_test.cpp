@@ -282,6 +282,9 @@ TEST_F(HostNumbers, OfRequestsAndBytesHaveUnits)
     EXPECT_EQ(2000, requests("2K"));
     EXPECT_EQ(1000, requests("1k"));
     EXPECT_EQ(7, requests("7"));
+    // Decimal digits, also behind a 0.
+    EXPECT_EQ(10, requests("010"));
+    EXPECT_EQ(8, requests("008"));
     struct Row {
         const char* option;
         std::vector<const char*> taken;
@@ -293,7 +296,7 @@ TEST_F(HostNumbers, OfRequestsAndBytesHaveUnits)
          {"257M", "1G", "1KB", "1Ki", "K", "1 K"}},
         {"--rate", {"1K", "0.5K", "1M"}, {"2M", "1KiB", "1e3KiB"}},
         {"--queue", {"1K", "1M"}, {"1.5K", "2M", "1T"}},
-        {"--workers", {"2"}, {"0.002K", "1K"}},
+        {"--workers", {"2", "09"}, {"0.002K", "1K"}},
         {"--read-seconds", {"2"}, {"1K"}},
     };
     for (const Row& row : rows) {

@@ -72,8 +72,8 @@ CLI::Validator numberOf(const NumberKind& kind)
         const bool isNumber = digits.find_first_of("0123456789.") == 0 && *rest == '\0';
         if (!isNumber || factor == 0 || !(number >= kind.low && number <= kind.high))
             return numberSentence(kind);
-        if (factor != 1)
-            text = plainDigits(number);
+        // The parser takes a number behind a 0 for an octal one.
+        text = plainDigits(number);
         return std::string();
     };
     return {read, ""};

@@ -25,8 +25,8 @@ struct NumberKind {
 // The text with the range, "1 to 256", before what follows a semicolon or stands in parentheses.
 std::string withRange(const std::string& text, const NumberKind& kind);
 
-// Replaces what is written by plain digits, for --count 10K. No number passes that a type could not
-// hold, and neither does NaN.
+// Replaces what is written by plain digits, for --count 10K and --count 010, which is ten. No
+// number passes that a type could not hold, and neither does NaN.
 CLI::Validator numberOf(const NumberKind& kind);
 
 // One of the words.
