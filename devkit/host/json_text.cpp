@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 
 namespace {
 
@@ -25,10 +26,35 @@ std::string reasonOf(const Json::parse_error& e, bool behindComma)
     return "not JSON: " + message;
 }
 
+// Where the text in quotes begins that ends with the byte before `end`.
+size_t beginOfQuoted(std::string_view text, size_t end)
+{
+    size_t quote = text.rfind('"', end - 2);
+    const auto isEscaped = [&] {
+        const size_t before = text.find_last_not_of('\\', quote - 1);
+        return quote > 0 && (quote - before) % 2 == 0;  // npos + 1 is 0
+    };
+    while (isEscaped())
+        quote = text.rfind('"', quote - 1);
+    return quote;
+}
+
+// Where the number begins that ends with the byte before `end`, or with one before that.
+size_t beginOfNumber(std::string_view text, size_t end)
+{
+    constexpr std::string_view characters = "+-.0123456789Ee";
+    const size_t last = text.find_last_of(characters, end - 1);
+    return text.find_last_not_of(characters, last) + 1;  // npos + 1 is 0
+}
+
 }  // namespace
 
 nlohmann::ordered_json parseJson(const std::string& text)
 {
+    std::istringstream stream(text);
+    const auto bytesRead = [&] {
+        return static_cast<size_t>(stream.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in));
+    };
     // Of members with the same name the parser would keep one, without a word.
     std::vector<std::set<std::string>> members;
     const auto refuseSame = [&](int, Json::parse_event_t event, const Json& parsed) {
@@ -38,17 +64,18 @@ nlohmann::ordered_json parseJson(const std::string& text)
             members.pop_back();
         else if (event == Json::parse_event_t::key &&
                  !members.back().insert(parsed.get<std::string>()).second)
-            throw JsonError(parsed.get<std::string>() + " is given twice", 0);
+            throw JsonError(parsed.get<std::string>() + " is given twice",
+                            beginOfQuoted(text, bytesRead()));
         return true;
     };
     try {
-        return Json::parse(text, refuseSame);
+        return Json::parse(stream, refuseSame);
     } catch (const Json::parse_error& e) {
         const size_t at = e.byte == 0 ? 0 : e.byte - 1;
         const size_t before = at == 0 ? text.npos : text.find_last_not_of(" \t\r\n", at - 1);
         throw JsonError(reasonOf(e, before != text.npos && text[before] == ','), at);
     } catch (const Json::exception&) {
-        throw JsonError("a number is out of range", 0);
+        throw JsonError("a number is out of range", beginOfNumber(text, bytesRead()));
     }
 }
 

@@ -200,6 +200,18 @@ const WrongScript scripts[] = {
      "mean Data?"},
     {"[{\"request\": \"QZaVen_GetVersion\"},\n]", "2:1: not JSON: a comma too many before it"},
     {"{\"request\": \"QZaVen_GetVersion\" , }", "1:35: not JSON: a comma too many before it"},
+    {"[{\"request\": \"QZaVen_strerror\",\n  \"params\": {\"strErr\": \"5ecret\\\"\",\n"
+     "    \"strErr\" : \"5ecret\"}}]",
+     "3:5: strErr is given twice"},
+    {R"([{"request": "x", "\": 1,)"
+     "\n"
+     R"(   "\": 2}])",
+     "2:4: \\ is given twice"},
+    {R"([{"request": "x", "a\"\\\"": 1, "a\"\\\"": 2}])", "1:33: a\"\\\" is given twice"},
+    {"[{\"request\": \"QZaVen_strerror\",\n  \"params\": {\"strErr\": -1e999}}]",
+     "2:24: a number is out of range"},
+    {"{\"request\": \"QZaVen_GetVersion\"}\n{\"request\": \"QZaVen_strerror\", \"request\": 1}",
+     "2:31: request is given twice"},
     {"{\"request\": \"QZaVen_GetVersion\"}\n"
      "{\"request\": \"QZaven_crypto_hmac\", \"params\": {\"strKey\": \"5ecret!\", \"strdata\": "
      "\"hex:5ecret\"}}",
@@ -242,6 +254,10 @@ TEST_F(Mistakes, OfParameterFilesAreFoundAtTheirPlaces)
     EXPECT_EQ(USAGE, ended.code);
     EXPECT_TRUE(holds(ended.err, params + ":2:4: not JSON: ")) << ended.err;
     EXPECT_FALSE(holds(ended.err, "5ecret")) << ended.err;
+
+    file("params", "{\"strErr\": \"1\",\n \"strErr\": \"2\"}");
+    const Ended twice = call({"QZaVen_strerror", "--params-file", params});
+    EXPECT_TRUE(holds(twice.err, params + ":2:2: strErr is given twice")) << twice.err;
 }
 
 TEST_F(Mistakes, OfAStepsParametersAreWarnedOfWithTheStep)
