@@ -98,6 +98,8 @@ Names readNames(const std::string& path)
             names[parameter] = readChoices(parameter, object);
         }
         return names;
+    } catch (const JsonError& e) {
+        throw UsageError(path + ":" + placeIn(text, e.at) + ": " + e.what());
     } catch (const UsageError& e) {
         throw UsageError(path + ": " + e.what());
     }
