@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -28,24 +29,34 @@ bool isDevelopmentEngine(const std::string& engine)
            inspectLibrary(engine).mark == LIBRARY_MARK_DEVELOPMENT_ENGINE;
 }
 
-void checkParameter(const std::string& name)
+// The numbers that a parameter takes. Throws a UsageError if it is none, or takes none.
+const Allowed& checkedNumbers(const std::string& name)
 {
-    if (takesNumber(name))
-        return;
+    if (const Allowed* numbers = numbersOf(name))
+        return *numbers;
+    if (isParameterName(name))
+        throw UsageError(name + " takes no number");
     std::set<std::string> known;
     for (const RequestInfo& request : catalogue())
         for (const Parameter& parameter : request.parameters)
             known.insert(parameter.name);
-    if (known.count(name) != 0)
-        throw UsageError(name + " takes no number");
-    const std::string nearest = nearParameter({known.begin(), known.end()}, name);
     throw UsageError("there is no parameter " + name +
-                     (nearest.empty() ? "" : "; did you mean " + nearest + "?"));
+                     didYouMean(nearParameter({known.begin(), known.end()}, name)));
+}
+
+// Whether a number, as it is written, is one of those.
+bool isAllowed(const Allowed& numbers, const std::string& written)
+{
+    if (numbers.kind == Allowed::OneOf)
+        return written.size() == 1 && strchr(numbers.digits, written.front()) != nullptr;
+    const double number = strtod(written.c_str(), nullptr);
+    return number >= numbers.low && number <= numbers.high;
 }
 
 // The numbers' names in the order of the file, the first of a number to be shown.
 Choices readChoices(const std::string& parameter, const Json& object)
 {
+    const Allowed& numbers = checkedNumbers(parameter);
     if (!object.is_object())
         throw UsageError(parameter + " must be an object, as {\"name\": 1}");
     Choices choices;
@@ -58,9 +69,9 @@ Choices readChoices(const std::string& parameter, const Json& object)
         const auto [same, isNew] = seen.emplace(folded, name);
         if (!isNew)
             throw UsageError(place + " is the same name as " + same->second);
-        if (!number.is_number_integer() || number < 0 || number > INT_MAX)
-            throw UsageError(place + " must be a number from 0 to " + std::to_string(INT_MAX));
         const std::string value = number.dump();
+        if (!number.is_number_integer() || !isAllowed(numbers, value))
+            throw UsageError(place + " must be a number, " + allowedText(numbers));
         const auto known = std::find_if(choices.begin(), choices.end(), [&](const Choice& choice) {
             return choice.value == value;
         });
@@ -93,10 +104,8 @@ Names readNames(const std::string& path)
         if (!json.is_object())
             throw UsageError("must be an object of parameters");
         Names names;
-        for (const auto& [parameter, object] : json.items()) {
-            checkParameter(parameter);
+        for (const auto& [parameter, object] : json.items())
             names[parameter] = readChoices(parameter, object);
-        }
         return names;
     } catch (const JsonError& e) {
         throw UsageError(path + ":" + placeIn(text, e.at) + ": " + e.what());

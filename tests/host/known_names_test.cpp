@@ -114,6 +114,26 @@ TEST(NamesInTheCatalogue, NoTwoChoicesShareOneAndNoneIsANumber)
         }
 }
 
+TEST(NamesInTheCatalogue, ParametersOfOneNameTakeTheSameNumbers)
+{
+    size_t count = 0;
+    for (const RequestInfo& request : catalogue())
+        for (const Parameter& parameter : request.parameters) {
+            EXPECT_TRUE(isParameterName(parameter.name));
+            const Allowed& allowed = parameter.allowed;
+            const Allowed* numbers = numbersOf(parameter.name);
+            const bool takesNumber =
+                allowed.kind == Allowed::Range || allowed.kind == Allowed::OneOf;
+            ASSERT_EQ(takesNumber, numbers != nullptr) << request.name << " " << parameter.name;
+            if (takesNumber)
+                EXPECT_EQ(allowedText(allowed), allowedText(*numbers)) << parameter.name;
+            count += takesNumber ? 1 : 0;
+        }
+    EXPECT_GT(count, 20U);
+    EXPECT_FALSE(isParameterName("strNothing"));
+    EXPECT_EQ(nullptr, numbersOf("strNothing"));
+}
+
 TEST(NamesInTheCatalogue, TheNearestIsTheOneMeant)
 {
     const Parameter& cipher = *findParameter(*findRequest("QZaven_crypto_encrypt"), "strCipherAlg");
@@ -251,7 +271,7 @@ TEST_F(NamesOnTheWay, WithoutNamesNumbersAloneCount)
 TEST_F(NamesOnTheWay, AFileHasTheNamesOfAnotherEngine)
 {
     const std::string names = file("names.json", R"({
-        "strCipherAlg": {"aes-256": 4, "AES": 4, "own cipher": 2, "eleven": 11},
+        "strCipherAlg": {"aes-256": 4, "AES": 4, "own cipher": 2, "seventh": 7},
         "strMode": {"chained": 2}})");
     const Ended numbers = call(encryption("4", "2", "1"));
     for (const char* cipher : {"aes256", "aes"})
@@ -260,7 +280,7 @@ TEST_F(NamesOnTheWay, AFileHasTheNamesOfAnotherEngine)
     EXPECT_TRUE(holds(with(names, encryption("sm4", "2", "1")).err, "did you mean"));
     EXPECT_TRUE(holds(with(names, encryption("4", "2", "pkcs7")).err,
                       "strCipherPadding takes a whole number, one of 0 1;"));
-    EXPECT_TRUE(holds(with(names, encryption("eleven", "2", "1")).err, "must be 1 to 7"));
+    EXPECT_TRUE(holds(with(names, encryption("11", "2", "1")).err, "must be 1 to 7"));
 
     const Json request =
         run({"--names", names, "describe", "QZaven_crypto_gen_symmkey", "--json"}).json();
@@ -274,7 +294,7 @@ TEST_F(NamesOnTheWay, AFileHasTheNamesOfAnotherEngine)
               {"name", "own cipher"},
               {"text", "own cipher"},
               {"names", {"own cipher"}}},
-             {{"value", "11"}, {"name", "eleven"}, {"text", "eleven"}, {"names", {"eleven"}}}})),
+             {{"value", "7"}, {"name", "seventh"}, {"text", "seventh"}, {"names", {"seventh"}}}})),
         request["parameters"][0]["choices"]);
 }
 
@@ -293,6 +313,11 @@ TEST_F(NamesOnTheWay, ABrokenFileIsRefusedAtItsPlace)
              {R"({"strMode": {"gcm": 6.5}})", "strMode.gcm must be a number"},
              {R"({"strMode": {"gcm": -6}})", "strMode.gcm must be a number"},
              {R"({"strMode": {"gcm": 99999999999}})", "strMode.gcm must be a number"},
+             {R"({"strMode": {"gcm": 7}})", "strMode.gcm must be a number, one of 1 2 3 4 5 6"},
+             {R"({"strMode": {"gcm": 12}})", "strMode.gcm must be a number"},
+             {R"({"strCipherAlg": {"aes": 0}})", "strCipherAlg.aes must be a number, 1 to 7"},
+             {R"({"strCipherAlg": {"aes": 9}})", "strCipherAlg.aes must be a number, 1 to 7"},
+             {R"({"OutLen": {"long": 65536}})", "OutLen.long must be a number, 0 to 65535"},
              {R"({"strMode": {"gcm": 6, "GCM": 6}})", "strMode.GCM is the same name as gcm"},
              {"{\"strMode\": {\"gcm\": 6,\n\"gcm\": 6}}", ":2:1: gcm is given twice"},
              {"{\"strMode\":\n {\"gcm\": 1e999}}", ":2:10: a number is out of range"},

@@ -103,6 +103,15 @@ std::vector<std::string> namesHolding(const Parameter& parameter, const std::str
     return names;
 }
 
+// The first of the catalogue's parameters of that name, or null.
+const Parameter* parameterOfSome(const std::string& name)
+{
+    for (const RequestInfo& request : catalogue())
+        if (const Parameter* parameter = findParameter(request, name))
+            return parameter;
+    return nullptr;
+}
+
 }  // namespace
 
 std::string anyOf(const std::vector<std::string>& names)
@@ -111,6 +120,11 @@ std::string anyOf(const std::vector<std::string>& names)
     for (size_t i = 0; i < names.size(); ++i)
         text += (i == 0 ? "" : i + 1 == names.size() ? " or " : ", ") + names[i];
     return text;
+}
+
+std::string didYouMean(const std::string& name)
+{
+    return name.empty() ? "" : "; did you mean " + name + "?";
 }
 
 std::string foldedName(std::string_view name)
@@ -251,12 +265,23 @@ Choices choicesAbout(const Parameter& parameter, const std::vector<std::string>&
     return found;
 }
 
-bool takesNumber(const std::string& parameter)
+bool isNameLike(std::string_view text)
 {
-    const auto& all = catalogue();
-    return std::any_of(all.begin(), all.end(), [&](const RequestInfo& request) {
-        const Parameter* known = findParameter(request, parameter);
-        return known != nullptr &&
-               (known->allowed.kind == Allowed::Range || known->allowed.kind == Allowed::OneOf);
-    });
+    return !text.empty() && text.size() <= mostOfName &&
+           std::all_of(text.begin(), text.end(),
+                       [](unsigned char c) { return isalnum(c) != 0 || c == '_'; });
+}
+
+bool isParameterName(const std::string& text)
+{
+    return parameterOfSome(text) != nullptr;
+}
+
+const Allowed* numbersOf(const std::string& parameter)
+{
+    const Parameter* known = parameterOfSome(parameter);
+    if (known == nullptr)
+        return nullptr;
+    const Allowed& allowed = known->allowed;
+    return allowed.kind == Allowed::Range || allowed.kind == Allowed::OneOf ? &allowed : nullptr;
 }

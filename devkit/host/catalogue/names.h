@@ -45,6 +45,9 @@ std::string anyOf(const std::vector<std::string>& names);
 // The one of the known parameters that was most likely meant, or "" if none is near.
 std::string nearParameter(const std::vector<std::string>& known, const std::string& name);
 
+// "; did you mean NAME?" for the end of a sentence; "" for no name.
+std::string didYouMean(const std::string& name);
+
 // How many letters to insert, remove or replace, or neighbours to swap, to turn one name into the
 // other, whatever their case. Takes time by the product of their lengths.
 size_t editDistance(std::string_view a, std::string_view b);
@@ -59,8 +62,15 @@ bool isAbout(const RequestInfo& request, const std::vector<std::string>& words);
 // The choices that have one of the words in their names, likewise.
 Choices choicesAbout(const Parameter& parameter, const std::vector<std::string>& words);
 
-// Whether some request has a parameter of that name that takes a number.
-bool takesNumber(const std::string& parameter);
+// Whether a text is shaped like the name of a request or a parameter: letters, digits and "_", not
+// too many. One that is not may be a secret typed in the wrong place, so it is not repeated.
+bool isNameLike(std::string_view text);
+
+// Whether some request has a parameter of that name, which is no secret then.
+bool isParameterName(const std::string& text);
+// The numbers that a parameter of that name takes, with every request that has it; null if it takes
+// none, or if there is no such parameter.
+const Allowed* numbersOf(const std::string& parameter);
 
 // Replaces all names by these, by parameter. Without them nothing is known of what numbers mean, so
 // that neither sizes of keys nor of initial values are due. Changes what catalogue() gives: only to
