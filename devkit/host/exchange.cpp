@@ -1,7 +1,5 @@
 #include "exchange.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <sstream>
@@ -58,15 +56,6 @@ void tellLine(const std::string& line)
     fprintf(stderr, "%s\n", text.c_str());
 }
 
-// One that is none may be a value that stands in its place.
-bool isNameLike(const std::string& name)
-{
-    constexpr size_t mostOfName = 64;
-    return !name.empty() && name.size() <= mostOfName &&
-           std::all_of(name.begin(), name.end(),
-                       [](unsigned char c) { return isalnum(c) != 0 || c == '_'; });
-}
-
 }  // namespace
 
 const RequestInfo* requestByName(const std::string& name, bool force)
@@ -80,8 +69,8 @@ const RequestInfo* requestByName(const std::string& name, bool force)
         throw UsageError("there is no request of this name; `corvane-host list` shows all");
     const std::vector<std::string> likely = likelyRequests(name);
     throw UsageError(
-        "there is no request " + name + "; " +
-        (likely.empty() ? "`corvane-host list` shows all" : "did you mean " + anyOf(likely) + "?"));
+        "there is no request " + name +
+        (likely.empty() ? "; `corvane-host list` shows all" : didYouMean(anyOf(likely))));
 }
 
 void warn(const RequestInfo* request, const Pairs& parameters, const std::string& step)

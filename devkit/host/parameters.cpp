@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "host/catalogue/names.h"
 #include "input.h"
 #include "json_text.h"
 #include "output.h"
@@ -23,14 +24,6 @@ void add(Pairs& pairs, const std::string& name, const std::string& value)
     if (findValue(pairs, name) != nullptr)
         throw UsageError(name + " is given twice");
     pairs.emplace_back(name, value);
-}
-
-// Whether a request has a parameter of that name, which so is no secret.
-bool isParameterName(const std::string& text)
-{
-    return std::any_of(catalogue().begin(), catalogue().end(), [&](const RequestInfo& request) {
-        return findParameter(request, text) != nullptr;
-    });
 }
 
 // Adds "name=value". One without "=" is not quoted unless it is a known name: it may be a value.

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "exchange.h"
+#include "host/catalogue/names.h"
 #include "output.h"
 #include "parameters.h"
 #include "values.h"
@@ -62,12 +63,6 @@ bool mayTell(const std::string& reference)
            std::all_of(reference.begin(), reference.end(), [](unsigned char c) {
                return isalnum(c) != 0 || c == '_' || c == '-' || c == '.';
            });
-}
-
-std::string didYouMean(const std::vector<std::string>& known, const std::string& name)
-{
-    const std::string near = nearName(known, name);
-    return near.empty() ? "" : "; did you mean " + near + "?";
 }
 
 }  // namespace
@@ -174,12 +169,12 @@ void StepReader::checkReference(const std::string& reference) const
     }
     if (step == nullptr)
         throw UsageError("${" + reference + "}: there is no earlier step " + id +
-                         didYouMean(known, id));
+                         didYouMean(nearName(known, id)));
     if (step->info == nullptr || findResult(*step->info, result) != nullptr)
         return;
     known.clear();
     for (const Result& given : step->info->results)
         known.emplace_back(given.name);
     throw UsageError("${" + reference + "}: " + step->request + " of step " + id +
-                     " has no result " + result + didYouMean(known, result));
+                     " has no result " + result + didYouMean(nearName(known, result)));
 }

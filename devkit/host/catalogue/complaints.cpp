@@ -62,17 +62,6 @@ std::string listOf(const char* digits)
 
 // ---- What is not the request's.
 
-// What is none may be a secret whose name got lost, or a body of another form.
-bool isNameLike(const std::string& name)
-{
-    constexpr size_t mostOfName = 64;
-    const auto isFit = [](unsigned char c) { return isalnum(c) != 0 || c == '_'; };
-    size_t fit = 0;
-    while (fit < name.size() && isFit(static_cast<unsigned char>(name[fit])))
-        ++fit;
-    return !name.empty() && name.size() <= mostOfName && fit == name.size();
-}
-
 Complaint strangerOf(const RequestInfo& request, const std::string& name)
 {
     if (!isNameLike(name))

@@ -4,7 +4,7 @@
 #include <cctype>
 
 #include "help.h"
-#include "host/catalogue/catalogue.h"
+#include "host/catalogue/names.h"
 
 namespace {
 
@@ -57,13 +57,6 @@ std::string optionName(const std::string& argument)
     return isLong && std::all_of(name.begin(), name.end(), isFit) ? name : "";
 }
 
-bool isParameterOfSome(const std::string& name)
-{
-    return std::any_of(catalogue().begin(), catalogue().end(), [&](const RequestInfo& request) {
-        return findParameter(request, name) != nullptr;
-    });
-}
-
 std::string unknownOption(const CLI::App& app, const std::string& name)
 {
     const CLI::App* const command = chosenCommand(app);
@@ -78,13 +71,13 @@ std::string unknownOption(const CLI::App& app, const std::string& name)
     const bool isServe = command != nullptr && command->get_name() == "serve";
     for (const char* address : {"--port", "--address", "--host", "--bind"})
         if (isServe && name == address)
-            return sentence + "; did you mean --listen ADDRESS:PORT?";
-    if (isParameterOfSome(name.substr(name.find_first_not_of('-'))))
-        return sentence + "; parameters are written without dashes: " +
-               name.substr(name.find_first_not_of('-')) + "=VALUE";
+            return sentence + didYouMean("--listen ADDRESS:PORT");
+    const std::string bare = name.substr(name.find_first_not_of('-'));
+    if (isParameterName(bare))
+        return sentence + "; parameters are written without dashes: " + bare + "=VALUE";
     const std::string near = nearName(known, name);
     if (name.size() > 2 && !near.empty())
-        return sentence + "; did you mean " + near + "?";
+        return sentence + didYouMean(near);
     for (const CLI::App* other : app.get_subcommands([](const CLI::App*) { return true; }))
         if (!other->get_group().empty() && has(optionsOf(*other), name))
             return name + " is an option of " + other->get_name() +
@@ -183,7 +176,7 @@ std::string noSubcommand(const CLI::App& app, const std::string& name)
     const Words known = shownCommands(app);
     const std::string near = nearName(known, name);
     if (!near.empty())
-        return "there is no such subcommand; did you mean " + near + "?";
+        return "there is no such subcommand" + didYouMean(near);
     if (findRequest(name) != nullptr)
         return name + " is a request; to send it: " + app.get_name() + " call " + name;
     std::string all;

@@ -9,6 +9,7 @@
 
 #include "commands.h"
 #include "common/text.h"
+#include "host/catalogue/names.h"
 #include "host/catalogue/renderings.h"
 #include "host/values.h"
 
@@ -44,9 +45,8 @@ const ErrorCode& rowOfName(const std::string& name)
             known.emplace_back(row.name);
         }
     const std::string near = nearName(known, name);
-    throw UsageError(
-        "there is no code " + name + "; " +
-        (near.empty() ? "`corvane-host explain` lists all" : "did you mean " + near + "?"));
+    throw UsageError("there is no code " + name +
+                     (near.empty() ? "; `corvane-host explain` lists all" : didYouMean(near)));
 }
 
 // The minus sign of a number may be left out: all have one. Nothing else may stand in the text.

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "host/catalogue/catalogue.h"
+#include "host/catalogue/names.h"
 
 namespace {
 
@@ -84,11 +84,7 @@ CLI::Validator oneOf(const std::vector<std::string>& words)
     const auto check = [words](const std::string& text) {
         if (std::find(words.begin(), words.end(), text) != words.end())
             return std::string();
-        std::string sentence = "takes ";
-        for (size_t i = 0; i < words.size(); ++i)
-            sentence += (i == 0 ? "" : i + 1 == words.size() ? " or " : ", ") + words[i];
-        const std::string near = nearName(words, text);
-        return sentence + (near.empty() ? "" : "; did you mean " + near + "?");
+        return "takes " + anyOf(words) + didYouMean(nearName(words, text));
     };
     return {check, ""};
 }
