@@ -223,9 +223,46 @@ TEST_F(HostOutputFile, SeveralResultsGoToTheirFiles)
     EXPECT_EQ(9U, mixed.out.size()) << mixed.err;
     EXPECT_EQ(33U, readWhole(tag).size());
 
-    EXPECT_EQ(USAGE, write({"--raw", "Data=" + cipher, "--raw", "gcmOutTag=" + cipher}).code);
     EXPECT_EQ(USAGE, write({"--raw", "Data="}).code);
     EXPECT_EQ(1U, leftInside());
+}
+
+// The second would take the place of the first, which is lost then.
+TEST_F(HostOutputFile, OfTwoResultsIsRefusedHoweverItIsWritten)
+{
+    const auto write = [&](const Arguments& more) {
+        Arguments arguments = {"QZaven_crypto_base64_encode", "strIn=x", "--force"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return call(arguments);
+    };
+    const std::string data = inside("data");
+    fs::create_directory_symlink(path("folder"), path("way"));
+    for (const std::string& same : {data, path("folder/./data"), path("folder/../folder//data"),
+                                    path("way/data"), fs::relative(data).string()})
+        for (const Arguments& arguments :
+             {Arguments{"--raw", "Data=" + data, "--raw", "errorCode=" + same},
+              {"--raw", "Data", "-o", same, "--raw", "errorCode=" + data}}) {
+            const Ended ended = write(arguments);
+            EXPECT_EQ(USAGE, ended.code) << same;
+            EXPECT_TRUE(holds(ended.err, "two results cannot go to the same file")) << ended.err;
+            EXPECT_EQ(0U, leftInside()) << same;
+        }
+    for (const Arguments& arguments :
+         {Arguments{"--raw", "Data", "--raw", "errorCode=-"},
+          {"--raw", "Data=/dev/stdout", "--raw", "errorCode=-"},
+          {"--raw", "Data", "-o", "-", "--raw", "errorCode=/dev/stdout"}}) {
+        const Ended ended = write(arguments);
+        EXPECT_EQ(USAGE, ended.code);
+        EXPECT_EQ("", ended.out);
+        EXPECT_TRUE(holds(ended.err, "cannot both go to standard output")) << ended.err;
+    }
+
+    // A link is replaced, so that it and its file are two.
+    fs::create_symlink(data, inside("link"));
+    EXPECT_EQ(SUCCESS,
+              write({"--raw", "Data=" + data, "--raw", "errorCode=" + inside("link")}).code);
+    EXPECT_EQ("x", readWhole(data));
+    EXPECT_EQ("0", readWhole(inside("link")));
 }
 
 TEST_F(HostOutputFile, OfSeveralResultsNoneIsThereUnlessAllAre)

@@ -2,10 +2,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -65,6 +67,11 @@ struct RawResult {
     std::string file;  // "" for where all results would go
 };
 
+const std::string& pathOf(const RawResult& result, const CallOptions& options)
+{
+    return result.file.empty() ? options.file : result.file;
+}
+
 // Null for standard output. Opened before the request is sent, as some happen only once.
 std::unique_ptr<OutputFile> openFile(const std::string& path, bool mayReplace)
 {
@@ -83,10 +90,36 @@ void checkResult(const RequestInfo& request, const std::string& name)
     throw UsageError(std::string(request.name) + " has no result " + name + "; it has " + known);
 }
 
+// Whether what is written to both paths ends in one place. Links to files are replaced, so that
+// those to one file are two places.
+bool isSamePlace(const std::string& one, const std::string& other)
+{
+    if (isStandardOutput(one) || isStandardOutput(other))
+        return isStandardOutput(one) && isStandardOutput(other);
+    namespace fs = std::filesystem;
+    const auto placeOf = [](const fs::path& path) {
+        std::error_code ignored;  // opening the file tells of it
+        return fs::weakly_canonical(fs::absolute(path, ignored).parent_path(), ignored) /
+               path.filename();
+    };
+    return placeOf(one) == placeOf(other);
+}
+
+void refuseSamePlaces(const std::vector<std::string>& paths)
+{
+    for (size_t i = 0; i < paths.size(); ++i)
+        for (size_t j = 0; j < i; ++j)
+            if (isSamePlace(paths[i], paths[j]))
+                throw UsageError(isStandardOutput(paths[i])
+                                     ? "two results cannot both go to standard output"
+                                     : "two results cannot go to the same file");
+}
+
 // `request` may be null.
 std::vector<RawResult> rawResults(const CallOptions& options, const RequestInfo* request)
 {
     std::vector<RawResult> results;
+    std::vector<std::string> paths;
     bool isPlain = false;
     for (const std::string& raw : options.raws) {
         const size_t equals = raw.find('=');
@@ -101,9 +134,11 @@ std::vector<RawResult> rawResults(const CallOptions& options, const RequestInfo*
             throw UsageError("of several results, each but one takes a file: --raw " + result.name +
                              "=FILE");
         results.push_back(result);
+        paths.push_back(pathOf(result, options));
     }
     if (!results.empty() && !isPlain && !options.file.empty())
         throw UsageError("-o is for a --raw without a file, or for none");
+    refuseSamePlaces(paths);
     return results;
 }
 
@@ -119,15 +154,8 @@ public:
     {
         if (m_raws.empty())
             m_files.push_back(openFile(options.file, options.force));
-        for (const RawResult& raw : m_raws) {
-            const std::string& path = raw.file.empty() ? options.file : raw.file;
-            const auto same = std::count_if(m_raws.begin(), m_raws.end(), [&](const RawResult& r) {
-                return !path.empty() && (r.file.empty() ? options.file : r.file) == path;
-            });
-            if (same > 1)
-                throw UsageError("two results cannot go to the same file");
-            m_files.push_back(openFile(path, options.force));
-        }
+        for (const RawResult& raw : m_raws)
+            m_files.push_back(openFile(pathOf(raw, options), options.force));
     }
 
     void write(const Outcome& outcome)
