@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "support/host_program.h"
+#include "support/one_line.h"
 
 namespace {
 
@@ -129,8 +130,18 @@ TEST_F(HostExplains, StatusesOfHttp)
             for (const auto& [status, answer] : operation["responses"].items())
                 statuses.insert(status);
     EXPECT_GT(statuses.size(), 5U);
-    for (const std::string& status : statuses)
+    for (const std::string& status : statuses) {
         EXPECT_EQ(SUCCESS, run({"explain", status}).code) << status;
+        // Programs are told the same.
+        const std::string text = inOneLine(run({"explain", status}).out);
+        const Json rows = run({"explain", status, "--json"}).json();
+        EXPECT_FALSE(rows.empty()) << status;
+        for (const Json& row : rows) {
+            EXPECT_EQ(std::stoi(status), row["status"]) << row;
+            EXPECT_TRUE(holds(text, inOneLine(row["text"]))) << row;
+        }
+    }
+    EXPECT_EQ(3U, run({"explain", "503", "--json"}).json().size());
     EXPECT_TRUE(holds(run({"explain"}).out, "421  "));
 }
 

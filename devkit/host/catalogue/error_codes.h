@@ -23,6 +23,13 @@ const std::vector<ErrorCode>& errorCodes();
 // The host's, by their status.
 const std::vector<ErrorCode>& hostCodes();
 
+// What a status of HTTP means that is no refusal of the host's own, or not always.
+struct StatusText {
+    unsigned status;
+    const char* text;
+};
+const std::vector<StatusText>& otherStatuses();
+
 // Null for a code that is neither's: another engine has its own.
 const ErrorCode* findErrorCode(int code);
 const ErrorCode* findHostCode(const std::string& name);

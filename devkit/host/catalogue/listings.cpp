@@ -13,23 +13,6 @@ std::string pad(std::string text, size_t width)
     return text;
 }
 
-// Statuses that are no refusal of the host's own, or not always.
-const struct StatusText {
-    unsigned status;
-    const char* text;
-} otherStatuses[] = {
-    {200, "the request was carried out; whether it succeeded is told by errorCode in the answer"},
-    {304, "the document is the one that the client has, by its ETag"},
-    {400, "an answer without a body: what arrived is not HTTP, or TLS where none is spoken"},
-    {413, "an answer without a body: Content-Length is larger than any number that is taken"},
-    {414, "the request's first line is too long: parameters belong into the body"},
-    {431, "an answer without a body: the headers do not fit into the memory for them"},
-    {503,
-     "of /readyz: the host cannot take requests now; an error \"busy\" or \"draining\" says "
-     "why a request was not taken"},
-    {505, "the version of HTTP is neither 1.0 nor 1.1"},
-};
-
 // "required, 1 to 7, text" and the like.
 std::string traits(const Parameter& parameter)
 {
@@ -140,7 +123,7 @@ std::string explainStatus(unsigned status, const Style& style)
 {
     std::string out;
     const auto add = [&](const std::string& text) { out += (out.empty() ? "" : "\n") + text; };
-    for (const StatusText& row : otherStatuses)
+    for (const StatusText& row : otherStatuses())
         if (row.status == status)
             add(style.heading(std::to_string(status)) + " (HTTP status)\n" +
                 labelled("", 2, row.text));

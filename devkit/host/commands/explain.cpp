@@ -68,6 +68,9 @@ Explanation explanationOfStatus(unsigned status, const Style& style)
     for (const ErrorCode& row : hostCodes())
         if (row.status == status)
             all.json.push_back(toJson(row));
+    for (const StatusText& row : otherStatuses())
+        if (row.status == status)
+            all.json.push_back({{"status", status}, {"text", row.text}});
     if (all.text.empty())
         throw UsageError(std::to_string(status) +
                          " is no HTTP status that `corvane-host serve` answers with");
