@@ -298,6 +298,57 @@ TEST_F(NamesOnTheWay, AFileHasTheNamesOfAnotherEngine)
         request["parameters"][0]["choices"]);
 }
 
+// What a schema takes, of the numbers and texts that a person might send.
+std::vector<std::string> takenOf(const Json& schema)
+{
+    std::vector<std::string> taken;
+    const auto takes = [&](const Json& value) {
+        const auto one = [&](const Json& branch) {
+            if ((branch["type"] == "string") != value.is_string())
+                return false;
+            if (branch.contains("enum"))
+                return std::count(branch["enum"].begin(), branch["enum"].end(), value) > 0;
+            return value.is_string() ? value.get<std::string>().find_first_not_of("0123456789") ==
+                                           std::string::npos
+                                     : value >= branch["minimum"] && value <= branch["maximum"];
+        };
+        return std::any_of(schema["anyOf"].begin(), schema["anyOf"].end(), one);
+    };
+    for (const Json& value : {Json(0), Json(1), Json(2), Json(3), Json(7), Json(8), Json("0"),
+                              Json("2"), Json("aes-256"), Json("aes-128"), Json("chained")})
+        if (takes(value))
+            taken.push_back(value.dump());
+    return taken;
+}
+
+TEST_F(NamesOnTheWay, NumbersThatTheFileDoesNotNameAreTakenToo)
+{
+    const std::string names = file("names.json", R"({
+        "strCipherAlg": {"aes-256": 4}, "strMode": {"chained": 2},
+        "strCipherPadding": {"none": 0, "pkcs7": 1}})");
+    const Ended unnamed = with(names, encryption("4", "5", "0"));
+    EXPECT_EQ(SUCCESS, unnamed.code) << unnamed.err;
+    EXPECT_FALSE(holds(unnamed.err, "warning")) << unnamed.err;
+
+    const Json schemas =
+        run({"--names", names, "openapi"})
+            .json()["paths"]["/v1/requests/QZaven_crypto_encrypt"]["post"]["requestBody"]["content"]
+                   ["application/json"]["schema"]["properties"];
+    EXPECT_EQ((std::vector<std::string>{"1", "2", "3", "7", "\"0\"", "\"2\"", "\"aes-256\""}),
+              takenOf(schemas["strCipherAlg"]));
+    EXPECT_EQ((std::vector<std::string>{"1", "2", "3", "\"2\"", "\"chained\""}),
+              takenOf(schemas["strMode"]));
+    EXPECT_EQ((std::vector<std::string>{"0", "1", "\"0\""}), takenOf(schemas["strCipherPadding"]));
+
+    // Whoever offers the names to choose from finds the other numbers beside them.
+    const Json parameters =
+        run({"--names", names, "describe", "QZaven_crypto_encrypt", "--json"}).json()["parameters"];
+    EXPECT_EQ(1U, parameters[0]["choices"].size());
+    EXPECT_EQ((Json{1, 7}), parameters[0]["range"]);
+    EXPECT_EQ(1U, parameters[1]["choices"].size());
+    EXPECT_EQ((Json{"1", "2", "3", "4", "5", "6"}), parameters[1]["oneOf"]);
+}
+
 TEST_F(NamesOnTheWay, ABrokenFileIsRefusedAtItsPlace)
 {
     for (const auto& [text, words] : std::vector<std::pair<std::string, std::string>>{

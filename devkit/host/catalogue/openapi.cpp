@@ -1,6 +1,7 @@
 #include "openapi.h"
 
 #include <algorithm>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
@@ -100,30 +101,46 @@ Json number(const Allowed& allowed)
               {{"type", "string"}, {"pattern", "^[0-9]+$"}}}}};
 }
 
+Json plainNumber(const Allowed& allowed)
+{
+    return allowed.kind == Allowed::OneOf ? digits(allowed) : number(allowed);
+}
+
+// Whether each number has a name: a file of names may have some alone.
+bool areAllNamed(const Parameter& parameter)
+{
+    const Allowed& allowed = parameter.allowed;
+    const size_t count = allowed.kind == Allowed::OneOf
+                             ? strlen(allowed.digits)
+                             : static_cast<size_t>(allowed.high - allowed.low) + 1;
+    return parameter.choices.size() == count;
+}
+
 // A number as one or as a text, or its name.
-Json named(const Choices& choices)
+Json named(const Parameter& parameter)
 {
     Json texts = Json::array();
     Json numbers = Json::array();
-    for (const Choice& choice : choices) {
+    for (const Choice& choice : parameter.choices) {
         numbers.push_back(std::stoi(choice.value));
         texts.push_back(choice.value);
         for (const std::string& name : choice.names)
             texts.push_back(name);
     }
-    return {{"anyOf",
-             {{{"type", "string"}, {"enum", texts}}, {{"type", "integer"}, {"enum", numbers}}}}};
+    Json any = {{{"type", "string"}, {"enum", texts}}, {{"type", "integer"}, {"enum", numbers}}};
+    if (!areAllNamed(parameter))
+        for (const Json& plain : plainNumber(parameter.allowed)["anyOf"])
+            any.push_back(plain);
+    return {{"anyOf", any}};
 }
 
 Json schemaOf(const Parameter& parameter)
 {
     Json schema;
     if (!parameter.choices.empty())
-        schema = named(parameter.choices);
-    else if (parameter.allowed.kind == Allowed::OneOf)
-        schema = digits(parameter.allowed);
-    else if (parameter.allowed.kind == Allowed::Range)
-        schema = number(parameter.allowed);
+        schema = named(parameter);
+    else if (parameter.allowed.kind == Allowed::OneOf || parameter.allowed.kind == Allowed::Range)
+        schema = plainNumber(parameter.allowed);
     else if (parameter.form == Form::Handle)
         schema = text();
     else
