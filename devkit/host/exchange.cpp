@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/catalogue/complaints.h"
 #include "host/catalogue/error_codes.h"
 #include "host/catalogue/layout.h"
 #include "host/catalogue/names.h"

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "common/codec.h"
-#include "host/catalogue/catalogue.h"
+#include "host/catalogue/complaints.h"
 
 namespace {
 

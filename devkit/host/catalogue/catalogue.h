@@ -170,26 +170,6 @@ const RetryKind& kindOf(Retry retry);
 // A parameter's form; text if the request, which may be null, does not know it.
 Form formOf(const RequestInfo* request, const std::string& name);
 
-// What looks wrong with a parameter. The text names the field, never its value. Programs know
-// a complaint by its code, and find in `values` what the text fills in beside the field.
-struct Complaint {
-    std::string field;
-    std::string text;
-    std::string code;
-    Pairs values;
-};
-
-// The texts that complaints have behind the field, with {name} for a value.
-struct ComplaintKind {
-    const char* code;
-    const char* text;
-};
-const std::vector<ComplaintKind>& complaintKinds();
-
-// What looks wrong with the parameters of a request: unknown ones, missing ones, values
-// outside their form or set.
-std::vector<Complaint> complaints(const RequestInfo& request, const Pairs& parameters);
-
 // Whether the results tell of success.
 bool succeeded(const RequestInfo* request, const Pairs& results);
 

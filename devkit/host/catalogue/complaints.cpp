@@ -1,8 +1,9 @@
+#include "complaints.h"
+
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
 
-#include "catalogue.h"
 #include "names.h"
 
 namespace {

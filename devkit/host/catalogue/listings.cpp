@@ -1,9 +1,9 @@
-// What a terminal shows of the catalogue.
+#include "listings.h"
+
 #include <algorithm>
 #include <cstring>
 
 #include "names.h"
-#include "renderings.h"
 
 namespace {
 

@@ -7,9 +7,10 @@
 #include <string>
 
 #include "common/version.h"
+#include "complaints.h"
 #include "http_routes.h"
+#include "listings.h"
 #include "peer_steps.h"
-#include "renderings.h"
 
 namespace {
 

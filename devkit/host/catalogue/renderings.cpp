@@ -3,6 +3,8 @@
 #include <nlohmann/json.hpp>
 
 #include "common/version.h"
+#include "complaints.h"
+#include "listings.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "host/catalogue/listings.h"
 #include "host/catalogue/renderings.h"
 #include "host/exchange.h"
 #include "host/values.h"

@@ -9,6 +9,7 @@
 
 #include "commands.h"
 #include "common/text.h"
+#include "host/catalogue/listings.h"
 #include "host/catalogue/names.h"
 #include "host/catalogue/renderings.h"
 #include "host/values.h"

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "host/catalogue/listings.h"
 #include "host/catalogue/names.h"
 #include "host/catalogue/renderings.h"
 #include "host/values.h"

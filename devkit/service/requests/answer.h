@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "common/wire.h"
-#include "host/catalogue/catalogue.h"
+#include "host/catalogue/complaints.h"
 #include "service/bodies/refusal.h"
 #include "service/workers/worker_pool.h"
 
