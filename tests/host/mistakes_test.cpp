@@ -51,6 +51,10 @@ const Mistake commandLines[] = {
     {{"call", "5ecret+/5ecret"},
      USAGE,
      "there is no request of this name; `corvane-host list` shows all"},
+    {{"list", "nothing", "5ecret+/5ecret"},
+     USAGE,
+     "no request matches these words; try fewer or other words, as aes, gcm, rsa, sha256, mac, cms "
+     "or session, or list without words for all"},
     // Options.
     {{"call", version, "--hexx"}, USAGE, "there is no option --hexx; did you mean --hex?"},
     {{"--engin", "5ecret", "list"}, USAGE, "there is no option --engin; did you mean --engine?"},

@@ -27,12 +27,14 @@ void checkThatOneMatches(const std::vector<std::string>& words)
                     [&](const RequestInfo& request) { return isAbout(request, words); }))
         return;
     std::string given;
+    bool areShown = true;
     for (const std::string& word : words) {
         if (word.find('=') != std::string::npos)
             throw UsageError("list takes words to look for, not name=value");
         given += (given.empty() ? "" : " ") + word;
+        areShown = areShown && isNameLike(word);
     }
-    throw UsageError("no request matches " + given +
+    throw UsageError("no request matches " + (areShown ? given : "these words") +
                      "; try fewer or other words, as aes, gcm, rsa, sha256, mac, cms or session, "
                      "or list without words for all");
 }
