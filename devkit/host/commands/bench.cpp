@@ -9,6 +9,7 @@
 #include <string>
 
 #include "commands.h"
+#include "common/secrets.h"
 #include "help.h"
 #include "host/catalogue/catalogue.h"
 #include "host/exchange.h"
@@ -177,7 +178,7 @@ ExitCode bench(Program& program, const BenchOptions& options)
     const RequestInfo* request = requestByName(options.request, false);
     options.parameters.check();
     const auto session = program.openSession();
-    const Pairs parameters = options.parameters.read(request);
+    const SecretPairs parameters = options.parameters.read(request);
 
     // One to tell what a failure means.
     warn(request, parameters);
