@@ -171,8 +171,8 @@ void addServe(CLI::App& app, Program& program)
     const auto options = std::make_shared<ServeOptions>();
     CLI::App* command = app.add_subcommand("serve", "Serve requests by HTTP");
     addOptions(*command, *options);
-    command->footer(R"(Sizes may have K, M or G behind them, powers of 1024; other numbers powers of
-1000, but those of workers, threads and seconds none.
+    command->footer(R"(Sizes take K, M and G (powers of 1024), counts K, M and G (powers of 1000);
+numbers of workers, threads and seconds take none of them.
 
 Examples:
   corvane-host serve
