@@ -78,11 +78,13 @@ std::string inOneLine(std::string text)
     return text;
 }
 
+constexpr size_t statusColumns = 6;
+
 // Green, yellow or red.
 std::string shownStatus(Status status, const Style& style)
 {
     std::string name = statusName(status);
-    const std::string gap(6 - name.size(), ' ');
+    const std::string gap(statusColumns - name.size(), ' ');
     if (style.isColoured)
         name = (status == Status::Ok     ? "\033[32m"
                 : status == Status::Note ? "\033[33m"
@@ -93,7 +95,6 @@ std::string shownStatus(Status status, const Style& style)
 
 std::string asText(const Findings& findings, const Style& style)
 {
-    constexpr size_t statusColumns = 6;
     constexpr size_t detailColumn = 40;
     std::string text;
     for (const Finding& finding : findings) {
