@@ -1,5 +1,5 @@
 // The mark of a library in its file: an ELF note, which can be read without loading the library.
-// With one who looks at a crypto engine's file knows whether it is the development engine, whose
+// The mark tells whoever reads a crypto engine's file whether it is the development engine, whose
 // numbers have known names. C++ and assembler.
 #ifndef CORVANE_COMMON_LIBRARY_MARK_H
 #define CORVANE_COMMON_LIBRARY_MARK_H
