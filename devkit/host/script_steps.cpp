@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <optional>
 
 #include "exchange.h"
 #include "host/catalogue/names.h"
@@ -34,28 +33,7 @@ void takeMember(Step& step, const std::string& member, const Json& value)
                          "\"id\", \"request\", \"params\", \"title\" and \"allowFailure\"");
 }
 
-// The part of a written value in which references stand, as values.h has it; nothing if there is
-// none.
-std::optional<std::string> textIn(std::string written)
-{
-    const auto take = [&](const std::string& prefix) {
-        const bool isThere = written.compare(0, prefix.size(), prefix) == 0;
-        if (isThere)
-            written.erase(0, prefix.size());
-        return isThere;
-    };
-    if (take("text:"))
-        return written;
-    if (take("hex:"))
-        return std::nullopt;
-    if (!take("b64:"))
-        take("raw:");
-    if (!take("text:") && take("@"))
-        return std::nullopt;
-    return written;
-}
-
-// What is none may be a part of a value.
+// A text that is not shaped like a reference may be a part of a value, so it is not repeated.
 bool mayTell(const std::string& reference)
 {
     constexpr size_t most = 64;
@@ -138,10 +116,12 @@ void StepReader::check(const Step& step) const
 void StepReader::checkValue(const Step& step, const std::string& name,
                             const std::string& written) const
 {
-    const auto text = textIn(written);
+    const WrittenValue value = splitValue(written);
+    const bool isHex = value.kind == WrittenValue::Hex;
+    const bool hasText = !isHex && !value.isFile;  // in which references may stand
     size_t references = 0;
     try {
-        expandReferences(text.value_or(""), [&](const std::string& reference) {
+        expandReferences(hasText ? value.rest : "", [&](const std::string& reference) {
             checkReference(reference);
             ++references;
             return std::string();
@@ -149,8 +129,7 @@ void StepReader::checkValue(const Step& step, const std::string& name,
     } catch (const UsageError& e) {
         throw UsageError(name + ": " + e.what());
     }
-    const bool isHex = written.compare(0, 4, "hex:") == 0;
-    if (references != 0 || !(text || isHex))
+    if (references != 0 || value.isFile)
         return;
     ValueReader(false).read(step.info, name, written, [](const std::string& part) {
         return expandReferences(part, [](const std::string&) { return std::string(); });

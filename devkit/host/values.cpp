@@ -50,23 +50,41 @@ std::string textOf(const NoNumber& lack)
 
 }  // namespace
 
+WrittenValue splitValue(const std::string& written)
+{
+    WrittenValue value = {WrittenValue::Plain, false, written};
+    if (takePrefix(value.rest, "text:")) {
+        value.kind = WrittenValue::Text;
+        return value;
+    }
+    if (takePrefix(value.rest, "hex:")) {
+        value.kind = WrittenValue::Hex;
+        return value;
+    }
+    if (takePrefix(value.rest, "b64:"))
+        value.kind = WrittenValue::Base64;
+    else if (takePrefix(value.rest, "raw:"))
+        value.kind = WrittenValue::Raw;
+    value.isFile = !takePrefix(value.rest, "text:") && takePrefix(value.rest, "@");
+    return value;
+}
+
 std::string ValueReader::read(const RequestInfo* request, const std::string& name,
                               const std::string& written, const Expand& expand)
 {
-    std::string value = written;
-    const Given given = resolve(name, value, expand);
+    const WrittenValue split = splitValue(written);
+    auto [given, value] = resolve(name, split, expand);
     if (const std::string* number = numberNamed(request, name, given, value))
         return *number;
     if (const auto lack = noNumber(request, name, given, value))
         throw UsageError(name + " " + textOf(*lack) + " raw: sends it as it is");
     const Form form = formOf(request, name);
     if (isMisencoded(form, given, value)) {
-        const bool isFile = written.compare(0, 1, "@") == 0;
-        if (isFile && form == Form::KeyText && isKeyFile(value))
+        if (split.isFile && form == Form::KeyText && isKeyFile(value))
             return toUrlBase64(value);
         // A key in PEM is what people paste here.
         const char* remedy = ": write text:TEXT, hex:DIGITS or b64:@FILE";
-        if (isFile)
+        if (split.isFile)
             remedy = ": write b64:@FILE for a file's bytes";
         else if (form == Form::KeyText)
             remedy = ": write b64:@FILE, also for PEM, or text:PEM";
@@ -75,42 +93,41 @@ std::string ValueReader::read(const RequestInfo* request, const std::string& nam
     return isEncoded(form, given) ? toUrlBase64(value) : value;
 }
 
-Given ValueReader::resolve(const std::string& name, std::string& written, const Expand& expand)
+std::pair<Given, std::string> ValueReader::resolve(const std::string& name,
+                                                   const WrittenValue& value, const Expand& expand)
 {
-    if (takePrefix(written, "text:")) {
-        written = expand(written);
-        return Given::Text;
-    }
-    if (takePrefix(written, "hex:")) {
-        auto bytes = fromHex(written);
-        if (!bytes)
+    switch (value.kind) {
+        case WrittenValue::Text:
+            return {Given::Text, expand(value.rest)};
+        case WrittenValue::Hex:
+            if (auto bytes = fromHex(value.rest))
+                return {Given::Bytes, *std::move(bytes)};
             throw UsageError(name + ": hex: takes pairs of hex digits");
-        written = *std::move(bytes);
-        return Given::Bytes;
+        case WrittenValue::Base64:
+            return {Given::Raw, toUrlBase64(readBytes(name, value, expand))};
+        case WrittenValue::Raw:
+            return {Given::Raw, readBytes(name, value, expand)};
+        case WrittenValue::Plain:
+            break;
     }
-    if (takePrefix(written, "b64:")) {
-        written = toUrlBase64(readBytes(name, written, expand));
-        return Given::Raw;
-    }
-    const bool isRaw = takePrefix(written, "raw:");
-    written = readBytes(name, written, expand);
-    return isRaw ? Given::Raw : Given::Plain;
+    return {Given::Plain, readBytes(name, value, expand)};
 }
 
-std::string ValueReader::readBytes(const std::string& name, const std::string& written,
+std::string ValueReader::readBytes(const std::string& name, const WrittenValue& value,
                                    const Expand& expand)
 {
-    std::string rest = written;
-    if (takePrefix(rest, "text:") || !takePrefix(rest, "@"))
-        return expand(rest);
+    if (!value.isFile)
+        return expand(value.rest);
 
-    if (rest == "-" && !m_standardInputIsFree)
+    const bool isStandardInput = value.rest == "-";
+    if (isStandardInput && !m_standardInputIsFree)
         throw UsageError(name + ": standard input is in use already");
-    if (rest == "-")
+    if (isStandardInput)
         m_standardInputIsFree = false;
-    auto bytes = rest == "-" ? readAll(STDIN_FILENO) : readFile(rest);
+    auto bytes = isStandardInput ? readAll(STDIN_FILENO) : readFile(value.rest);
     if (!bytes)
-        throw UsageError(name + ": cannot read " + (rest == "-" ? "standard input" : rest) + ": " +
+        throw UsageError(name + ": cannot read " +
+                         (isStandardInput ? "standard input" : value.rest) + ": " +
                          std::generic_category().message(errno));
     return *std::move(bytes);
 }

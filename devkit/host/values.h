@@ -22,8 +22,17 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "host/catalogue/catalogue.h"
+
+// A written value without its prefixes.
+struct WrittenValue {
+    enum Kind { Text, Hex, Base64, Raw, Plain } kind;  // as the forms above, in their order
+    bool isFile;                                       // the rest names one, or is "-"
+    std::string rest;
+};
+WrittenValue splitValue(const std::string& written);
 
 // Replaces what a script has in the text of a value, such as ${k.Data}. It gets the text without
 // the prefix of its form.
@@ -40,10 +49,10 @@ public:
                      const std::string& written, const Expand& expand);
 
 private:
-    // Turns `written` into what it stands for.
-    Given resolve(const std::string& name, std::string& written, const Expand& expand);
-    std::string readBytes(const std::string& name, const std::string& written,
-                          const Expand& expand);
+    // The bytes that a value stands for, as they are to be sent for what it is given as.
+    std::pair<Given, std::string> resolve(const std::string& name, const WrittenValue& value,
+                                          const Expand& expand);
+    std::string readBytes(const std::string& name, const WrittenValue& value, const Expand& expand);
 
     bool m_standardInputIsFree;
 };
