@@ -99,6 +99,9 @@ static_analysis() {
 # What looks at documents, at shells and at the tree itself, which is the same in every build.
 written='^(completion|documents|man_pages|reference|rooms|third_party)_test$'
 
+# What compares texts that are the same on every processor, by starting corvane-host for each.
+texts='^(host_catalogue|host_explain|host_help|known_names|mistakes)_test$'
+
 # All other programs but the one that compiles headers, which no sanitizer sees.
 address_sanitizer() {
     tests_of asan -E "$written|^headers_test$"
@@ -106,7 +109,7 @@ address_sanitizer() {
 
 # An emulated processor makes its codes for pointers by a function that is quick to emulate.
 aarch64() {
-    QEMU_CPU=max,pauth-impdef=on tests_of aarch64 -E "$written"
+    QEMU_CPU=max,pauth-impdef=on tests_of aarch64 -E "$written|$texts"
 }
 
 # Where threads meet: the parameter module, the engine, requests at once, HTTP.

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/codec.h"
 #include "host/catalogue/complaints.h"
 #include "host/catalogue/error_codes.h"
 #include "host/catalogue/layout.h"
@@ -38,11 +39,23 @@ void colour(std::string& line, size_t begin, size_t end, const char* code)
     line.insert(begin, std::string("\033[1;") + code + "m");
 }
 
+// A name that was typed may hold what a terminal obeys, or no text at all.
+std::string shown(std::string line)
+{
+    const bool isText = isUtf8(line);
+    for (char& c : line) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F || (byte >= 0x80 && !isText))
+            c = '?';
+    }
+    return line;
+}
+
 void tellLine(const std::string& line)
 {
     constexpr const char* program = "corvane-host:";
     constexpr size_t hanging = 4;
-    std::string text = std::string(program) + " " + line;
+    std::string text = std::string(program) + " " + shown(line);
     const size_t begin = strlen(program) + 1;
     if (telling.columns != 0)
         text = wrapped(text, hanging, telling.columns);

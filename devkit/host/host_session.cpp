@@ -7,8 +7,11 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 #include "library_file.h"
@@ -145,6 +148,17 @@ long lengthOf(const std::string& text)
     return static_cast<long>(text.size());
 }
 
+// " (-20215)" behind "... ERROR 0xffffb109", else "".
+std::string codeIn(const std::string& printed)
+{
+    constexpr std::string_view before = "ERROR 0x";
+    const size_t found = printed.find(before);
+    if (found == std::string::npos)
+        return "";
+    const auto code = strtoul(printed.c_str() + found + before.size(), nullptr, 16);
+    return " (" + std::to_string(static_cast<int32_t>(code)) + ")";
+}
+
 }  // namespace
 
 std::string programFolder()
@@ -205,7 +219,8 @@ void HostSession::initialise(bool isQuiet)
         return;
     m_plugin.free();
     throw LoadError("the plug-in could not initialise: " +
-                    printed.substr(0, printed.find_last_not_of('\n') + 1));
+                    printed.substr(0, printed.find_last_not_of('\n') + 1) + codeIn(printed) +
+                    "; corvane-host doctor says why");
 }
 
 void HostSession::setLogLevel(const std::string& name)

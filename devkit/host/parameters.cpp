@@ -27,16 +27,16 @@ void add(Pairs& pairs, const std::string& name, const std::string& value)
 }
 
 // Adds "name=value". One without "=" is not quoted unless it is a known name: it may be a value.
-void addWritten(Pairs& pairs, const std::string& written, const std::string& place)
+// `advice` is what is said of it besides.
+void addWritten(Pairs& pairs, const std::string& written, const std::string& place,
+                const std::string& advice)
 {
     const size_t equals = written.find('=');
     if (isParameterName(written))
         throw UsageError(place + " is not written name=value: " + written +
                          " has neither \"=\" nor a value; there is no blank around \"=\"");
     if (equals == std::string::npos || equals == 0)
-        throw UsageError(place +
-                         " is not written name=value; a value with blanks has quotes "
-                         "around it");
+        throw UsageError(place + " is not written name=value" + advice);
     add(pairs, written.substr(0, equals), written.substr(equals + 1));
 }
 
@@ -44,7 +44,8 @@ Pairs split(const std::vector<std::string>& arguments)
 {
     Pairs pairs;
     for (size_t i = 0; i < arguments.size(); ++i)
-        addWritten(pairs, arguments[i], "parameter " + std::to_string(i + 1));
+        addWritten(pairs, arguments[i], "parameter " + std::to_string(i + 1),
+                   "; a value with blanks has quotes around it");
     return pairs;
 }
 
@@ -67,7 +68,8 @@ Pairs fromLines(const std::string& text)
         if (!line.empty() && line.back() == '\r')
             line.pop_back();
         if (line.find_first_not_of(" \t") != std::string::npos && line[0] != '#')
-            addWritten(pairs, line, "line " + std::to_string(number));
+            addWritten(pairs, line, "line " + std::to_string(number),
+                       "; all of a line is one parameter, and JSON is an object");
     }
     return pairs;
 }

@@ -79,6 +79,9 @@ TEST_F(HostParameterFile, MalformedFilesQuoteNoValues)
     const Row rows[] = {
         {"strErr=1\n5ecret\n", "line 2 is not written name=value"},
         {"=5ecret", "line 1 is not written name=value"},
+        {"[\"5ecret\"]",
+         "line 1 is not written name=value; all of a line is one parameter, and JSON "
+         "is an object"},
         {"strErr=5ecret\nstrErr=5ecret", "strErr is given twice"},
         {R"({"strErr": "5ecret", "strErr": "5ecret"})", "strErr is given twice"},
         {R"({"strErr": 5ecret})", "standard input:1:14: not JSON: "},

@@ -125,8 +125,9 @@ TEST(NamesInTheCatalogue, ParametersOfOneNameTakeTheSameNumbers)
             const bool takesNumber =
                 allowed.kind == Allowed::Range || allowed.kind == Allowed::OneOf;
             ASSERT_EQ(takesNumber, numbers != nullptr) << request.name << " " << parameter.name;
-            if (takesNumber)
+            if (takesNumber) {
                 EXPECT_EQ(allowedText(allowed), allowedText(*numbers)) << parameter.name;
+            }
             count += takesNumber ? 1 : 0;
         }
     EXPECT_GT(count, 20U);

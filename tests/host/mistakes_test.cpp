@@ -63,6 +63,11 @@ const Mistake commandLines[] = {
     {{"----"}, USAGE, "there is no subcommand"},
     {{"doctor", "----"}, USAGE, "argument 2 has no place in doctor"},
     {{"doctor", "---json"}, USAGE, "argument 2 has no place in doctor"},
+    {{"call", "--verbos"}, USAGE, "there is no option --verbos"},
+    {{"list", "--engine", ""}, USAGE, "--engine: takes a name, not an empty text"},
+    {{"explain", "a\033[31mb\xff"},
+     USAGE,
+     "there is no code a?[31mb?; `corvane-host explain` lists all"},
     {{"call", hmac, "--strKey=5ecret"},
      USAGE,
      "there is no option --strKey; parameters are written without dashes: strKey=VALUE"},
@@ -207,15 +212,15 @@ const WrongScript scripts[] = {
     {"[{\"request\": \"QZaVen_strerror\",\n  \"params\": {\"strErr\": \"5ecret\\\"\",\n"
      "    \"strErr\" : \"5ecret\"}}]",
      "3:5: strErr is given twice"},
-    {R"([{"request": "x", "\": 1,)"
+    {R"([{"request": "x", "\\": 1,)"
      "\n"
-     R"(   "\": 2}])",
+     R"(   "\\": 2}])",
      "2:4: \\ is given twice"},
     {R"([{"request": "x", "a\"\\\"": 1, "a\"\\\"": 2}])", "1:33: a\"\\\" is given twice"},
     {"[{\"request\": \"QZaVen_strerror\",\n  \"params\": {\"strErr\": -1e999}}]",
      "2:24: a number is out of range"},
     {"{\"request\": \"QZaVen_GetVersion\"}\n{\"request\": \"QZaVen_strerror\", \"request\": 1}",
-     "2:31: request is given twice"},
+     "2:32: request is given twice"},
     {"{\"request\": \"QZaVen_GetVersion\"}\n"
      "{\"request\": \"QZaven_crypto_hmac\", \"params\": {\"strKey\": \"5ecret!\", \"strdata\": "
      "\"hex:5ecret\"}}",

@@ -129,9 +129,10 @@ Json named(const Parameter& parameter)
             texts.push_back(name);
     }
     Json any = {{{"type", "string"}, {"enum", texts}}, {{"type", "integer"}, {"enum", numbers}}};
-    if (!areAllNamed(parameter))
-        for (const Json& plain : plainNumber(parameter.allowed)["anyOf"])
-            any.push_back(plain);
+    if (!areAllNamed(parameter)) {
+        const Json plain = plainNumber(parameter.allowed);
+        any.insert(any.end(), plain["anyOf"].begin(), plain["anyOf"].end());
+    }
     return {{"anyOf", any}};
 }
 

@@ -146,10 +146,14 @@ std::string sentenceOf(const CLI::ParseError& error, const CLI::App& app, const 
     std::string message = error.what();
     if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)
         return unplaced(app, given);
-    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)
-        return chosenCommand(app) == nullptr
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+        // An option that is not known may be what was meant to be the argument.
+        const Words extras = app.remaining(true);
+        const bool isOption = !extras.empty() && !optionName(extras.front()).empty();
+        return chosenCommand(app) == nullptr || isOption
                    ? unplaced(app, given)
                    : missingArgument(app, message.substr(0, message.find(' ')));
+    }
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
         return mismatch(message);
     if (dynamic_cast<const CLI::ExcludesError*>(&error) != nullptr) {
