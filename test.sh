@@ -147,24 +147,20 @@ abuse() {
     HOST=build/release/bin/corvane-host bench/serve_abuse.sh 30
 }
 
-# Three hosts behind the balancers that are configured in packaging/.
-scale_out() {
-    HOST=build/release/bin/corvane-host tests/scale.sh
-}
-
-# The console's tests and those of the balancers wait half of their time, so they run beside the
-# load.
-load_console_and_balancers() {
-    local well=true console balancers
-    quietly console tests/console.sh &
-    console=$!
-    quietly scale scale_out &
-    balancers=$!
+# The console in a browser, three hosts behind the balancers that are configured in packaging/, and
+# others wait half of their time, for each other's processes, so they run beside the load.
+load_and_what_waits() {
+    local name well=true jobs=()
+    local -x HOST=build/release/bin/corvane-host
+    for name in console scale clients kubernetes prometheus; do
+        quietly $name tests/$name.sh &
+        jobs+=($!)
+    done
     soak || well=false
-    wait $console || well=false
-    tail -n 9 build/console.log
-    wait $balancers || well=false
-    cat build/scale.log
+    for name in "${jobs[@]}"; do
+        wait "$name" || well=false
+    done
+    tail -n 9 build/{console,scale,clients,kubernetes,prometheus}.log
     $well
 }
 
@@ -174,6 +170,8 @@ if [ "${1-}" = all ]; then
     packaging/install-packages.sh "${all_packages[@]}" "${aarch64_packages[@]}" \
         "${browser_packages[@]}" "${prometheus_packages[@]}" "${balancer_packages[@]}" \
         "${client_packages[@]}"
+    # Not by two at once, who would wait for dpkg's lock. Other makers' nodejs brings npm along.
+    command -v npm >/dev/null || packaging/install-packages.sh npm
     stage "formatting" formatting
     stage "scripts" scripts
     stage "scripts in other places" tests/commands.sh
@@ -185,10 +183,7 @@ if [ "${1-}" = all ]; then
     stage "Base64 kernels" tests/kernels.sh
     stage "64-bit ARM" aarch64
     stage "fuzzers" fuzz/run.sh 10
-    stage "load, the console in a browser, hosts behind balancers" load_console_and_balancers
-    stage "clients in six languages" tests/clients.sh
-    stage "manifests for Kubernetes" tests/kubernetes.sh
-    stage "prometheus" tests/prometheus.sh
+    stage "load, console, balancers, clients, Kubernetes, Prometheus" load_and_what_waits
     stage "abuse of the host's server" abuse
     stage "packages" packages
 fi
