@@ -24,6 +24,11 @@ export function findParameter(request, name) {
     return request.parameters.find((parameter) => parameter.name === name);
 }
 
+// The parameter or result that is a key-exchange session; undefined if there is none.
+export function handleOf(parametersOrResults) {
+    return parametersOrResults.find(({ form }) => form === 'handle');
+}
+
 // [[group, requests]], in the catalogue's order.
 export function groups() {
     const byName = new Map();

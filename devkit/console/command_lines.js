@@ -2,7 +2,8 @@
 // written as they were given; the bearer token is left to the variable TOKEN. Lines suit bash.
 
 import { SESSION_HEADER, isSessionToken } from './api.js';
-import { entryBytes, entryValue, fieldKind, hasFile, travelsAsBase64 } from './entries.js';
+import { handleOf } from './catalogue.js';
+import { entryBytes, entryValue, fieldKind, hasFile, sessionGiven, travelsAsBase64 } from './entries.js';
 import { TOKEN_FILE } from './labels.js';
 import { formParts, jsonPieces } from './sending.js';
 import { bareHex, isPrintable, textOf, toBase64, toHex, toUrlBase64, utf8 } from './values.js';
@@ -60,7 +61,7 @@ export function curlLine(origin, requestName, given) {
         `curl -sS ${quote(`${origin}/v1/requests/${requestName}`)}`,
         '-H "Authorization: Bearer $TOKEN"',
     ];
-    const session = given.find(({ parameter }) => parameter.form === 'handle')?.entry.text;
+    const session = sessionGiven(given);
     if (isSessionToken(session)) head.push(`-H ${quote(`${SESSION_HEADER}: ${session}`)}`);
     const parts = formParts(given);
     if (parts !== null) return multiline([...head, ...parts.map(formWords)]);
@@ -97,7 +98,7 @@ function guarded(text) {
 // Null for a request of a key-exchange session: that lives in one process, and `call` ends with
 // its request.
 export function hostLine(request, given) {
-    if (request.parameters.some((parameter) => parameter.form === 'handle')) return null;
+    if (handleOf(request.parameters)) return null;
     return multiline([`corvane-host call ${quote(request.name)}`,
         ...given.map(({ parameter, entry }) => hostArgument(parameter, entry))]);
 }

@@ -151,6 +151,11 @@ export function givenOf(request, entries) {
         .filter(({ parameter, entry }) => applies(parameter, valueOf) && !isEmpty(entry));
 }
 
+// The text of the session that a call belongs to; undefined if there is none.
+export function sessionGiven(given) {
+    return given.find(({ parameter }) => parameter.form === 'handle')?.entry.text;
+}
+
 function sameEntry(a, b) {
     if (hasFile(a) || hasFile(b)) return a.file === b.file && a.how === b.how;
     if (a.how === b.how) return a.text === b.text;

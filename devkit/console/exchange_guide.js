@@ -2,7 +2,7 @@
 // next in the order of the protocol, with its form filled in. What the other side does in between
 // is done by the bundled peer on the way, as in the guided flow.
 
-import { findRequest } from './catalogue.js';
+import { findRequest, handleOf } from './catalogue.js';
 import { announce, el, icon } from './dom.js';
 import { afterInExchange, exchangeText, stepOfExchange } from './flows.js';
 import { t } from './i18n.js';
@@ -19,10 +19,6 @@ export function forgetExchanges() {
     states.clear();
 }
 
-function handleOf(request) {
-    return request.parameters.find((parameter) => parameter.form === 'handle');
-}
-
 // Goes on by hand with a session of the guided flow: its state, the outcome of the step that is
 // opened in its form, and the steps that are done.
 export function adoptExchange(s, outcome, done) {
@@ -32,7 +28,7 @@ export function adoptExchange(s, outcome, done) {
 // The state of an answer's session, with what the answer tells. `answered` are the peer's steps
 // that followed it already.
 function noteAnswer(request, { entries, outcome }) {
-    const handle = handleOf(request);
+    const handle = handleOf(request.parameters);
     const session = handle ? entries.get(handle.name).text : outcome.results.Data;
     if (!states.has(session)) states.set(session, { session, text: t(exchangeText) });
     const s = states.get(session);
@@ -43,7 +39,7 @@ function noteAnswer(request, { entries, outcome }) {
 
 // The values of a step; without what only an earlier step of another page could tell.
 function valuesOf(step, s) {
-    const handle = handleOf(findRequest(step.request)).name;
+    const handle = handleOf(findRequest(step.request).parameters).name;
     try {
         return { ...step.send(s), [handle]: s.session };
     } catch {

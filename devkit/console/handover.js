@@ -2,7 +2,7 @@
 // or all that the inverse request needs. What goes where follows from the catalogue's meanings: a
 // plaintext and a ciphertext are both "strdata".
 
-import { requests } from './catalogue.js';
+import { handleOf, requests } from './catalogue.js';
 import { emptyEntry, fault } from './entries.js';
 import { t } from './i18n.js';
 import { formOf } from './memory.js';
@@ -43,7 +43,7 @@ function counterpart(parameter, results) {
 // The request that undoes another, and what invites to it: {request, text}; null if there is none.
 // Each makes what the other takes. What a session encrypts, its other side alone decrypts.
 export function inverseOf(request) {
-    if (request.parameters.some(({ form }) => form === 'handle')) return null;
+    if (handleOf(request.parameters)) return null;
     for (const other of requests()) {
         if (other === request || other.group !== request.group) continue;
         const takes = (taker, maker) => taker.parameters

@@ -2,7 +2,7 @@
 // answers may hold secrets. A reload keeps what the catalogue says is none: choices, numbers and
 // names of files on the host lie in sessionStorage meanwhile. The history holds no values at all.
 
-import { requests } from './catalogue.js';
+import { handleOf, requests } from './catalogue.js';
 import { emptyEntry, givenOf, sameGiven, takesRandom } from './entries.js';
 
 const STORED = 'corvane.forms';
@@ -73,13 +73,13 @@ export function openSessions() {
     return [...sessions];
 }
 
-// Notes what a call tells of sessions, and a row of the history: never a value.
-export function remember(request, parameters, outcome) {
-    const handle = request.results.find((result) => result.form === 'handle');
+// Notes what a call tells of sessions, and a row of the history: never a value. `session` is the
+// one that it belonged to, if it did.
+export function remember(request, session, outcome) {
+    const handle = handleOf(request.results);
     if (outcome.ok && handle) sessions.add(outcome.results[handle.name]);
-    const given = request.parameters.find((parameter) => parameter.form === 'handle');
-    const ends = given && outcome.ok && request.results.length === 1 && /_free$/.test(request.name);
-    if (ends || outcome.error?.code === 'session_gone') sessions.delete(parameters[given?.name]);
+    const ends = session && outcome.ok && request.results.length === 1 && /_free$/.test(request.name);
+    if (ends || outcome.error?.code === 'session_gone') sessions.delete(session);
 
     calls.unshift({
         name: request.name,

@@ -1,10 +1,10 @@
 // The view of one request: its form, the same call as command lines, and the answer.
 
 import { Failure, sendRequest } from './api.js';
-import { findRequest } from './catalogue.js';
-import { LONGEST_LINE, curlLine, hostLine, tokenLine } from './command_lines.js';
+import { findRequest, handleOf } from './catalogue.js';
+import { curlLine, hostLine, tokenLine } from './command_lines.js';
 import { announce, el, icon } from './dom.js';
-import { hasFile } from './entries.js';
+import { hasFile, sessionGiven } from './entries.js';
 import { nextInExchange } from './exchange_guide.js';
 import { RequestForm } from './form.js';
 import { handBack, handOver, inverseOf } from './handover.js';
@@ -12,7 +12,7 @@ import { errorTexts, warningText } from './host_texts.js';
 import { number, roundSize, sentence, t } from './i18n.js';
 import { forgetForm, formOf, isStale, remember } from './memory.js';
 import { errorKind, kindHeading } from './outcomes.js';
-import { button, copyButton, drawOutcome, duration } from './result.js';
+import { button, drawLine, drawOutcome, duration } from './result.js';
 import { bodySize, filesAreReadable, makeBody, swellsFiles } from './sending.js';
 import { bodyLimit, currentStatus } from './status.js';
 import { token } from './token.js';
@@ -23,10 +23,6 @@ const PATIENCE = 300;  // milliseconds
 // The calls that are on their way, by the state of their form: {controller, started, view}. The
 // view may be another one than that which sent, if the person went away and came back.
 const calls = new WeakMap();
-
-function handleOf(request) {
-    return request.parameters.find((parameter) => parameter.form === 'handle')?.name;
-}
 
 // Turns whatever happens to a call into an outcome: {ok, results, error, warnings, microseconds,
 // status, json}. Only a refused token is thrown on.
@@ -40,13 +36,13 @@ async function outcomeOf(request, session, call) {
         const { status, error, warnings, answer } = failure;
         outcome = { ok: false, results: {}, error, warnings, status, json: answer };
     }
-    remember(request, { [handleOf(request)]: session }, outcome);
+    remember(request, session, outcome);
     return outcome;
 }
 
 // Sends a request whose parameters are values of the API, {name: value}.
 export function exchange(request, parameters, signal) {
-    const session = parameters[handleOf(request)];
+    const session = parameters[handleOf(request.parameters)?.name];
     return outcomeOf(request, session, () => sendRequest(request, JSON.stringify(parameters), session, signal));
 }
 
@@ -60,7 +56,7 @@ const unreadableFile = {
 
 // Sends what a form has given: [{parameter, entry}].
 function exchangeGiven(request, given, signal) {
-    const session = given.find(({ parameter }) => parameter.form === 'handle')?.entry.text;
+    const session = sessionGiven(given);
     return outcomeOf(request, session, async () => {
         // Browsers report a file that is gone like a host that is gone.
         if (!await filesAreReadable(given)) throw new Failure(0, unreadableFile);
@@ -92,18 +88,6 @@ function tooLarge(given) {
             ? t('Choose a smaller file, or start the host with a larger --body-bytes.')
             : t('Send less, or start the host with a larger --body-bytes.'),
     };
-}
-
-function drawLine(title, id, line, note) {
-    const head = el('h3', {}, title);
-    if (line === null || line.length > LONGEST_LINE)
-        return el('div', { class: 'line' }, el('div', { class: 'line-head' }, head),
-            el('p', { class: 'muted' }, line === null ? note
-                : t('This is longer than a shell takes. Save the long value as a file, and choose that.')));
-    return el('div', { class: 'line' },
-        el('div', { class: 'line-head' }, head,
-            copyButton(() => line, t('Copy'), { 'aria-label': t('Copy the {tool} line', { tool: title }) })),
-        el('pre', { id, class: 'command', tabindex: 0, 'aria-label': title }, line));
 }
 
 export class RequestView {
@@ -206,13 +190,13 @@ export class RequestView {
         const files = given.some(({ entry }) => hasFile(entry))
             ? t('Run them in the folder of the file: the browser does not tell which that is.') : '';
         this.lines.replaceChildren(
-            drawLine('curl', 'curl-line', curlLine(location.origin, name, given)),
-            drawLine('corvane-host call', 'host-line', hostLine(this.request, given),
+            drawLine('curl-line', 'curl', curlLine(location.origin, name, given)),
+            drawLine('host-line', 'corvane-host call', hostLine(this.request, given),
                 t('A key-exchange session lives in one process, and “call” ends with its request: use “corvane-host script”.')),
             el('p', { class: 'muted small' }, t('The lines hold what you gave, secrets too.'), ' ', files),
             ...(token() === '' ? [] : [
                 el('p', { class: 'muted small' }, t('TOKEN stands for the host’s token. This sets it once for a shell, where the token lies in its usual file:')),
-                drawLine('TOKEN', 'token-line', tokenLine())]));
+                drawLine('token-line', 'TOKEN', tokenLine())]));
     }
 
     drawAnswer() {

@@ -2,6 +2,7 @@
 // as JSON. Also what else can be done with a result: copy, save, use in another request.
 
 import { requests } from './catalogue.js';
+import { LONGEST_LINE } from './command_lines.js';
 import { announce, el, icon, newId } from './dom.js';
 import { fieldKind } from './entries.js';
 import { placeInExchange } from './flows.js';
@@ -38,6 +39,19 @@ export function copyButton(textOfValue, label = t('Copy'), attributes = {}) {
         setTimeout(() => made.replaceChildren(icon('copy'), label), 1500);
     }, attributes);
     return made;
+}
+
+// A line for the shell with its title, to be copied. In place of one that is null stands `note`.
+export function drawLine(id, title, line, note = '') {
+    const head = el('h3', {}, title);
+    if (line === null || line.length > LONGEST_LINE)
+        return el('div', { class: 'line' }, el('div', { class: 'line-head' }, head),
+            el('p', { class: 'muted' }, line === null ? note
+                : t('This is longer than a shell takes. Save the long value as a file, and choose that.')));
+    return el('div', { class: 'line' },
+        el('div', { class: 'line-head' }, head,
+            copyButton(() => line, t('Copy'), { 'aria-label': t('Copy the {tool} line', { tool: title }) })),
+        el('pre', { id, class: 'command', tabindex: 0, 'aria-label': title }, line));
 }
 
 // `content` is text or bytes.

@@ -7,7 +7,7 @@ import { flows } from './flows.js';
 import { t } from './i18n.js';
 import { DOCUMENTS } from './labels.js';
 import { engineFacts, head } from './pages.js';
-import { copyButton } from './result.js';
+import { drawLine } from './result.js';
 import { currentStatus, readyWorkers } from './status.js';
 import { token } from './token.js';
 
@@ -27,22 +27,15 @@ function startingPoints() {
             el('span', { class: 'tile-end' }, t('{count} steps', { count: flow.steps.length }))))));
 }
 
-function line(id, label, text) {
-    return el('div', { class: 'line' },
-        el('div', { class: 'line-head' }, el('h3', {}, label),
-            copyButton(() => text, t('Copy'), { 'aria-label': t('Copy the {tool} line', { tool: label }) })),
-        el('pre', { id, class: 'command', tabindex: 0, 'aria-label': label }, text));
-}
-
 function firstCall() {
     if (findRequest(FIRST_CALL) === undefined) return null;
     const withToken = token() !== '';
     return el('section', { class: 'card', 'aria-labelledby': 'first-call' },
         el('h2', { id: 'first-call' }, t('The first call from a shell')),
         withToken ? el('p', {}, t('First let the shell know the host’s token. “corvane-host serve” names the token’s file when it starts; usually it is this one:')) : null,
-        withToken ? line('token-line', 'TOKEN', tokenLine()) : null,
+        withToken ? drawLine('token-line', 'TOKEN', tokenLine()) : null,
         el('p', {}, t('Then ask for the version of the engine, which stands above, too:')),
-        line('first-line', 'curl', curlLine(location.origin, FIRST_CALL, [])),
+        drawLine('first-line', 'curl', curlLine(location.origin, FIRST_CALL, [])),
         el('p', { class: 'muted' }, t('Beside each form stands its own call as such a line.')));
 }
 
