@@ -1,22 +1,18 @@
-// The console in a browser, against a running host. Pictures of what a person sees go to
-// console-screenshots in the build tree.
+// The console in a browser, against a running host: every request, forms and their answers, lines
+// for the shell, status.
 
 import assert from 'node:assert/strict';
 import crypto from 'node:crypto';
-import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
+import { writeFileSync } from 'node:fs';
 import path from 'node:path';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 
 import { sampleRsa, sampleSm2 } from '../../devkit/console/samples.js';
-import { accessibilityFaults, closeBrowser, field, fill, fillAll, newPage, openBrowser, openRequest, openView,
-    result, runFlow, send, signedIn } from './browser.mjs';
-import { build, getJson, peer, runLine, startHost } from './host.mjs';
+import { accessibilityFaults, field, fill, fillAll, openRequest, openView, result, send, signedIn } from './browser.mjs';
+import { getJson, peer, runLine, startHost } from './host.mjs';
+import { KEY, clipboard, code, heading, holdRequests, host, onPage, page, picture, request, shellLines, submit,
+    useHost, usePage } from './suite.mjs';
 
-const pictures = path.join(build, 'console-screenshots');
-const FLOWS = ['gcm', 'public-key', 'envelope', 'key-exchange'];
-const WELL = 'All steps went well. The text came back.';
-
-const KEY = '000102030405060708090a0b0c0d0e0f';
 const IV = 'f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff';
 
 // AES-128 in CBC, padded.
@@ -25,38 +21,76 @@ function aes(data) {
     return Buffer.concat([cipher.update(data), cipher.final()]).toString('hex');
 }
 
-describe('Console', () => {
-    let host = null;
-    let page = null;
+// What follows sends every request once by `call(name, values, form)`, which gives the result "Data".
 
-    before(async () => {
-        mkdirSync(pictures, { recursive: true });
-        host = await startHost();
-        await openBrowser();
-    });
-    after(async () => {
-        await closeBrowser();
-        await host.stop();
-    });
+async function sendSymmetric(call) {
+    assert.match(await call('QZaVen_GetVersion', {}, 'text'), /engine/);
+    assert.match(await call('QZaVen_strerror', { strErr: '-20001' }, 'text'), /required parameter/);
+    assert.equal(await call('QZaven_crypto_base64_encode', { strIn: 'Brücke' }, 'text'), 'Brücke');
+    assert.equal(await call('QZaven_crypto_base64_Decode', { strIn: { base64: 'QnLDvGNrZQ==' } }, 'text'), 'Brücke');
 
-    // A signed-in page for the test, checked and closed at its end.
-    const withPage = (options, work, expectedStatus) => async () => {
-        page = await signedIn(host, options, expectedStatus);
-        await work();
-        await page.finish();
-    };
-    const onPage = (work, expectedStatus) => withPage({}, work, expectedStatus);
-    const picture = (name) => page.screenshot({ path: path.join(pictures, `${name}.png`) });
-    const code = () => page.locator('.error-card .code').textContent();
+    const key = await call('QZaven_crypto_gen_symmkey', { strCipherAlg: '2' });
+    assert.equal(Buffer.from(key, 'base64').length, 16);
+    const cbc = { strCipherAlg: '2', strMode: '2', strCipherPadding: '1', strKey: { hex: KEY }, strIV: { hex: IV } };
+    const sealed = await call('QZaven_crypto_encrypt', { ...cbc, strdata: 'a text' }, 'hex');
+    assert.equal(sealed, aes('a text'));
+    assert.equal(await call('QZaven_crypto_decrypt', { ...cbc, strdata: { hex: sealed } }, 'text'), 'a text');
+    assert.equal(await call('QZaven_crypto_hmac', { strHashAlg: '4', strKey: { hex: KEY }, strdata: 'a text' }, 'hex'),
+        crypto.createHmac('sha256', Buffer.from(KEY, 'hex')).update('a text').digest('hex'));
+    // The first example of RFC 4493.
+    assert.equal(await call('QZaven_crypto_cmac', { strCipherAlg: '2', strKey: { hex: '2b7e151628aed2a6abf7158809cf4f3c' },
+        strdata: { hex: '6bc1bee22e409f96e93d7e117393172a' } }, 'hex'), '070a16b46b4d4144f79bdd9dd04a287c');
+    assert.equal(await call('QZaven_crypto_kdf', { HashType: '4', srcdata: 'secret', OutLen: '32' }, 'hex'),
+        crypto.createHash('sha256').update('secret').update(Buffer.from('00000001', 'hex')).digest('hex'));
+    const box = { strKey: { hex: KEY }, strIV: { hex: IV } };
+    const boxed = await call('QZaven_wbsm4_encrypt', { ...box, strdata: 'a text' });
+    assert.equal(await call('QZaven_wbsm4_decrypt', { ...box, strdata: { base64: boxed } }, 'text'), 'a text');
+}
 
-    // Fills, sends, and gives the result "Data" in a form; the call must succeed.
-    async function request(name, values, form = 'base64') {
-        await openRequest(page, name);
-        await fillAll(page, values);
-        await send(page);
-        assert.equal(await page.locator('.outcome-head .badge').textContent(), 'Success', name);
-        return await page.locator('[data-result="Data"] .value-text').count() > 0 ? result(page, 'Data', form) : '';
+async function sendPublic(call) {
+    const wrapped = await call('QZaven_crypto_public_encrypt',
+        { strKeyPairType: '3', strpk: { base64: sampleRsa.certificate }, strdata: 'a text' });
+    assert.equal(crypto.privateDecrypt({
+        key: crypto.createPrivateKey({ key: Buffer.from(sampleRsa.privateKey, 'base64'), format: 'der', type: 'pkcs8' }),
+        oaepHash: 'sha256',
+    }, Buffer.from(wrapped, 'base64')).toString(), 'a text');
+    assert.equal(await call('QZaven_crypto_private_decrypt',
+        { strKeyPairType: '3', strsk: { base64: sampleRsa.privateKey }, strdata: { base64: wrapped } }, 'text'), 'a text');
+    const envelope = await call('QZaven_crypto_envelope_encrypt',
+        { strdata: 'a text', strpk: { base64: sampleSm2.certificate }, strCipherAlg: '1', strMode: '2' });
+    assert.equal(await call('QZaven_crypto_envelope_decrypt', { strEncdata: { base64: envelope }, strKeyPairType: '1',
+        strsk: { base64: sampleSm2.privateKey }, strCipherAlg: '1', strMode: '2' }, 'text'), 'a text');
+}
+
+// The other side is a program of its own.
+async function sendExchange(call) {
+    const side = path.join(host.folder, 'side');
+    await peer('make-certs', side);
+    const strKe = await call('QZaven_ke_new', {}, 'text');
+    const { privateKey, certificate } = sampleSm2;
+    await call('QZaven_ke_set_public_key', { strKe, strSig_key: { base64: privateKey }, strEnc_key: { base64: privateKey } });
+    await call('QZaven_ke_set_certificate', { strKe, strSig_cert: { base64: certificate }, strEnc_cert: { base64: certificate } });
+    await call('QZaven_ke_set_root_certificate', { strKe, strCa_file: { file: path.join(side, 'root.crt') } });
+    const hello = await call('QZaven_ke_client_hello', { strKe });
+    const answer = JSON.parse(await peer('answer', '--dir', side, '--hello', hello));
+    const message = await call('QZaven_ke_client_key_exchange', { strKe,
+        ...Object.fromEntries(Object.entries(answer).map(([name, value]) => [name, { base64: value }])) });
+    await peer('finish', '--dir', side, '--message', message);
+    const letter = await call('QZaven_ke_encrypt', { strKe, strdata: 'a letter' });
+    const data = Buffer.from('a letter').toString('base64');
+    assert.equal(await peer('decrypt', '--dir', side, '--data', letter), data);
+    const reply = await peer('encrypt', '--dir', side, '--data', data);
+    assert.equal(await call('QZaven_ke_decrypt', { strKe, strcipher: { base64: reply } }, 'text'), 'a letter');
+    for (const mac of ['hmac', 'cmac']) {
+        const value = await call(`QZaven_ke_${mac}`, { strKe, strdata: 'a letter' }, 'hex');
+        assert.equal(value, Buffer.from(await peer(mac, '--dir', side, '--data', data), 'base64url').toString('hex'));
     }
+    await call('QZaven_ke_free', { strKe });
+    return strKe;
+}
+
+describe('Console', () => {
+    useHost();
 
     test('Each request is sent from its form', onPage(async () => {
         const sent = new Set();
@@ -64,65 +98,9 @@ describe('Console', () => {
             sent.add(name);
             return request(name, values, form);
         };
-
-        assert.match(await call('QZaVen_GetVersion', {}, 'text'), /engine/);
-        assert.match(await call('QZaVen_strerror', { strErr: '-20001' }, 'text'), /required parameter/);
-        assert.equal(await call('QZaven_crypto_base64_encode', { strIn: 'Brücke' }, 'text'), 'Brücke');
-        assert.equal(await call('QZaven_crypto_base64_Decode', { strIn: { base64: 'QnLDvGNrZQ==' } }, 'text'), 'Brücke');
-
-        const key = await call('QZaven_crypto_gen_symmkey', { strCipherAlg: '2' });
-        assert.equal(Buffer.from(key, 'base64').length, 16);
-        const cbc = { strCipherAlg: '2', strMode: '2', strCipherPadding: '1', strKey: { hex: KEY }, strIV: { hex: IV } };
-        const sealed = await call('QZaven_crypto_encrypt', { ...cbc, strdata: 'a text' }, 'hex');
-        assert.equal(sealed, aes('a text'));
-        assert.equal(await call('QZaven_crypto_decrypt', { ...cbc, strdata: { hex: sealed } }, 'text'), 'a text');
-        assert.equal(await call('QZaven_crypto_hmac', { strHashAlg: '4', strKey: { hex: KEY }, strdata: 'a text' }, 'hex'),
-            crypto.createHmac('sha256', Buffer.from(KEY, 'hex')).update('a text').digest('hex'));
-        // The first example of RFC 4493.
-        assert.equal(await call('QZaven_crypto_cmac', { strCipherAlg: '2', strKey: { hex: '2b7e151628aed2a6abf7158809cf4f3c' },
-            strdata: { hex: '6bc1bee22e409f96e93d7e117393172a' } }, 'hex'), '070a16b46b4d4144f79bdd9dd04a287c');
-        assert.equal(await call('QZaven_crypto_kdf', { HashType: '4', srcdata: 'secret', OutLen: '32' }, 'hex'),
-            crypto.createHash('sha256').update('secret').update(Buffer.from('00000001', 'hex')).digest('hex'));
-        const box = { strKey: { hex: KEY }, strIV: { hex: IV } };
-        const boxed = await call('QZaven_wbsm4_encrypt', { ...box, strdata: 'a text' });
-        assert.equal(await call('QZaven_wbsm4_decrypt', { ...box, strdata: { base64: boxed } }, 'text'), 'a text');
-
-        const wrapped = await call('QZaven_crypto_public_encrypt',
-            { strKeyPairType: '3', strpk: { base64: sampleRsa.certificate }, strdata: 'a text' });
-        assert.equal(crypto.privateDecrypt({
-            key: crypto.createPrivateKey({ key: Buffer.from(sampleRsa.privateKey, 'base64'), format: 'der', type: 'pkcs8' }),
-            oaepHash: 'sha256',
-        }, Buffer.from(wrapped, 'base64')).toString(), 'a text');
-        assert.equal(await call('QZaven_crypto_private_decrypt',
-            { strKeyPairType: '3', strsk: { base64: sampleRsa.privateKey }, strdata: { base64: wrapped } }, 'text'), 'a text');
-        const envelope = await call('QZaven_crypto_envelope_encrypt',
-            { strdata: 'a text', strpk: { base64: sampleSm2.certificate }, strCipherAlg: '1', strMode: '2' });
-        assert.equal(await call('QZaven_crypto_envelope_decrypt', { strEncdata: { base64: envelope }, strKeyPairType: '1',
-            strsk: { base64: sampleSm2.privateKey }, strCipherAlg: '1', strMode: '2' }, 'text'), 'a text');
-
-        // The other side is a program of its own.
-        const side = path.join(host.folder, 'side');
-        await peer('make-certs', side);
-        const strKe = await call('QZaven_ke_new', {}, 'text');
-        const { privateKey, certificate } = sampleSm2;
-        await call('QZaven_ke_set_public_key', { strKe, strSig_key: { base64: privateKey }, strEnc_key: { base64: privateKey } });
-        await call('QZaven_ke_set_certificate', { strKe, strSig_cert: { base64: certificate }, strEnc_cert: { base64: certificate } });
-        await call('QZaven_ke_set_root_certificate', { strKe, strCa_file: { file: path.join(side, 'root.crt') } });
-        const hello = await call('QZaven_ke_client_hello', { strKe });
-        const answer = JSON.parse(await peer('answer', '--dir', side, '--hello', hello));
-        const message = await call('QZaven_ke_client_key_exchange', { strKe,
-            ...Object.fromEntries(Object.entries(answer).map(([name, value]) => [name, { base64: value }])) });
-        await peer('finish', '--dir', side, '--message', message);
-        const letter = await call('QZaven_ke_encrypt', { strKe, strdata: 'a letter' });
-        const data = Buffer.from('a letter').toString('base64');
-        assert.equal(await peer('decrypt', '--dir', side, '--data', letter), data);
-        const reply = await peer('encrypt', '--dir', side, '--data', data);
-        assert.equal(await call('QZaven_ke_decrypt', { strKe, strcipher: { base64: reply } }, 'text'), 'a letter');
-        for (const mac of ['hmac', 'cmac']) {
-            const value = await call(`QZaven_ke_${mac}`, { strKe, strdata: 'a letter' }, 'hex');
-            assert.equal(value, Buffer.from(await peer(mac, '--dir', side, '--data', data), 'base64url').toString('hex'));
-        }
-        await call('QZaven_ke_free', { strKe });
+        await sendSymmetric(call);
+        await sendPublic(call);
+        const strKe = await sendExchange(call);
 
         const { requests } = await getJson(host, '/v1/catalogue');
         assert.deepEqual([...sent].sort(), requests.map(({ name }) => name).sort());
@@ -133,54 +111,13 @@ describe('Console', () => {
         await picture('history');
     }));
 
-    for (const flow of FLOWS)
-        test(`The guided flow goes to its end, and the text comes back: ${flow}`, onPage(async () => {
-            await openView(page, `#/flow/${flow}`);
-            const choices = page.locator('main select');
-            const options = await choices.count() > 0 ? await choices.locator('option').allTextContents() : [null];
-            for (const option of options) {
-                if (option !== null) await choices.selectOption(option);
-                assert.equal(await runFlow(page), WELL, option);
-                assert.equal(await page.locator('.step:last-child blockquote').textContent(),
-                    await page.locator('main textarea').first().inputValue());
-                assert.equal(await page.locator('.step:not([data-state="done"])').count(), 0);
-                // What was decrypted on the way can be read, too.
-                const opened = await page.locator('.flow-values blockquote').allTextContents();
-                assert.deepEqual(opened, Array(flow === 'key-exchange' ? 2 : 1).fill(await page.locator('main textarea').first().inputValue()));
-            }
-            await page.screenshot({ path: path.join(pictures, `flow-${flow}.png`), fullPage: true });
-        }));
-
-    test('Without the peer its flow says so, and is not offered', async () => {
-        page = await newPage(host);
-        await page.route('**/v1/status', async (route) => {
-            const answer = await route.fetch();
-            await route.fulfill({ response: answer, json: { ...await answer.json(), peer: false } });
-        });
-        await page.goto(host.url);
-        await page.waitForSelector('.pill[data-state="ok"]');
-        assert.equal(await page.locator('.tile').count(), 3);
-        await openView(page, '#/flow/key-exchange');
-        assert.match(await page.locator('main').textContent(), /without the bundled peer/);
-        await page.finish();
-    });
-
-    test('A step that fails ends its flow with the error', onPage(async () => {
-        await openView(page, '#/flow/public-key');
-        await page.locator('main textarea').fill('x'.repeat(191));
-        assert.equal(await runFlow(page), 'Stopped at a step that failed.');
-        assert.equal(await code(), '-30004');
-        assert.equal(await page.locator('.step[data-state="failed"]').count(), 1);
-        assert.equal(await page.locator('.step[data-state="done"]').count(), 1);
-    }));
-
     test('What is wrong is said while it is typed, and may be sent all the same', onPage(async () => {
         await openRequest(page, 'QZaven_crypto_kdf');
         const problem = (parameter) => field(page, parameter).locator('.problem').textContent();
         assert.equal(await problem('srcdata'), '');
         await fill(page, 'OutLen', '70000');
         assert.equal(await problem('OutLen'), 'Must be 0 to 65535; it is 70000.');
-        await page.locator('.form-actions button[type="submit"]').click();
+        await submit();
         assert.equal(await problem('srcdata'), 'Required, and still empty.');
         assert.match(await page.locator('.attention').textContent(), /^3 fields need a look/);
         assert.equal(await page.evaluate(() => document.activeElement.closest('[data-parameter]').dataset.parameter), 'HashType');
@@ -200,7 +137,7 @@ describe('Console', () => {
         await openRequest(page, 'QZaven_crypto_hmac');
         await fillAll(page, { strHashAlg: '4', strKey: { hex: '000' }, strdata: 'x' });
         assert.match(await field(page, 'strKey').locator('.problem').textContent(), /two digits/);
-        await page.locator('.form-actions button[type="submit"]').click();
+        await submit();
         assert.equal(await page.locator('.attention').textContent(), 'One field needs a look.');
         assert.equal(await page.locator('.attention button').count(), 0);
         assert.match(await page.locator('.lines').textContent(), /cannot be sent yet/);
@@ -284,7 +221,7 @@ describe('Console', () => {
         };
         // A key is offered as a key, and the cipher comes along.
         await use('Data', '');
-        await page.waitForFunction(() => document.querySelector('h1').textContent === 'QZaven_crypto_encrypt');
+        await heading('QZaven_crypto_encrypt');
         assert.equal(await field(page, 'strKey').locator('textarea').inputValue(), key);
         assert.equal(await field(page, 'strCipherAlg').locator('select').inputValue(), '2');
         assert.equal(await page.evaluate(() => document.activeElement.closest('[data-parameter]').dataset.parameter), 'strKey');
@@ -331,7 +268,7 @@ describe('Console', () => {
         for (const [name, values] of cases) {
             await openRequest(page, name);
             await fillAll(page, values);
-            const lines = await Promise.all(['#curl-line', '#host-line'].map((id) => page.locator(id).textContent()));
+            const lines = await shellLines();
             assert.ok(!lines[0].includes(host.token));
             const [curl, call] = await Promise.all(lines.map((line) =>
                 runLine(line, host).catch((error) => error.stdout)));
@@ -344,25 +281,8 @@ describe('Console', () => {
             else assert.equal(await result(page, 'Data', 'base64'), Data, state);
 
             await page.locator('.line-head button').first().click();
-            assert.equal(await page.evaluate(() => navigator.clipboard.readText()), lines[0]);
+            assert.equal(await clipboard(), lines[0]);
         }
-    }));
-
-    test('Files go in and come out', onPage(async () => {
-        const bytes = crypto.randomBytes(70000);
-        const name = path.join(host.folder, 'in.bin');
-        writeFileSync(name, bytes);
-        await request('QZaven_crypto_base64_encode', { strIn: { file: name } });
-        assert.equal(await page.locator('.field .size').textContent(), '68.4 KiB (70,000 bytes)');
-        const download = page.waitForEvent('download');
-        await page.locator('[data-result="Data"]').getByText('Download bytes').click();
-        const saved = await download;
-        assert.equal(saved.suggestedFilename(), 'QZaven_crypto_base64_encode-Data.bin');
-        assert.deepEqual(readFileSync(await saved.path()), bytes);
-        // The form's copy is whole, though the page shows a part.
-        await page.locator('[data-result="Data"] .value-actions button').first().click();
-        assert.equal(await page.evaluate(() => navigator.clipboard.readText()),
-            bytes.toString('base64').replace(/\+/g, '-').replace(/\//g, '_'));
     }));
 
     test('Base64 is shown as the API gives it, and in the standard alphabet on demand', onPage(async () => {
@@ -372,7 +292,7 @@ describe('Console', () => {
         await picture('url-safe');
         assert.equal(await result(page, 'Data', 'standard'), '+/+/');
         await page.locator('[data-result="Data"] .value-actions button').first().click();
-        assert.equal(await page.evaluate(() => navigator.clipboard.readText()), '+/+/');
+        assert.equal(await clipboard(), '+/+/');
         assert.equal(await result(page, 'Data', 'base64'), '-_-_');
     }));
 
@@ -398,7 +318,7 @@ describe('Console', () => {
         writeFileSync(large, Buffer.alloc(17 << 20));
         await fill(page, 'strIn', { file: large });
         assert.equal(await stale.count(), 1);
-        await page.locator('.form-actions button[type="submit"]').click();
+        await submit();
         await page.waitForSelector('.answer .error-card');
         assert.equal(await page.locator('.answer [data-result]').count(), 0);
         assert.equal(await stale.count(), 0);
@@ -407,13 +327,8 @@ describe('Console', () => {
     test('A form that changes while its answer is on the way makes that a former one', onPage(async () => {
         await openRequest(page, 'QZaven_crypto_base64_encode');
         await fill(page, 'strIn', 'one');
-        let release = null;
-        const held = new Promise((resolve) => { release = resolve; });
-        await page.route('**/v1/requests/*', async (route) => {
-            await held;
-            await route.continue();
-        });
-        await page.locator('.form-actions button[type="submit"]').click();
+        const release = await holdRequests();
+        await submit();
         await fill(page, 'strIn', 'two');
         release();
         await page.waitForSelector('.answer [data-result="Data"]');
@@ -427,61 +342,8 @@ describe('Console', () => {
         await page.locator('[data-result="Data"] .use summary').click();
         await page.locator('[data-result="Data"] .use select').selectOption('QZaven_crypto_base64_Decode strIn');
         await page.locator('[data-result="Data"] .use-panel button').click();
-        await page.waitForFunction(() => document.querySelector('h1').textContent === 'QZaven_crypto_base64_Decode');
+        await heading('QZaven_crypto_base64_Decode');
         assert.equal(await page.locator('.answer.is-stale').count(), 1);
-    }));
-
-    test('The keyboard alone makes the first encryption', async () => {
-        page = await newPage(host);
-        await page.goto(host.url);
-        await page.waitForSelector('.pill[data-state="ok"]');
-        const keys = async (...names) => { for (const name of names) await page.keyboard.press(name); };
-        const focused = () => page.evaluate(() => document.activeElement.closest('[data-parameter]')?.dataset.parameter ?? document.activeElement.textContent);
-        const until = async (wanted) => {
-            for (let i = 0; i < 60; ++i) {
-                if (await focused() === wanted && await page.evaluate(() => document.activeElement.matches('select, textarea, .chip, button[type=submit]'))) return;
-                await keys('Tab');
-            }
-            assert.fail(`the Tab key does not lead to ${wanted}`);
-        };
-        await keys('/');
-        await page.keyboard.type('crypto_encrypt');
-        await keys('ArrowDown', 'Enter');
-        await page.waitForFunction(() => document.activeElement.textContent === 'QZaven_crypto_encrypt');
-        await until('strCipherAlg');
-        await page.keyboard.type('AES-256');
-        await until('strMode');
-        await page.keyboard.type('CBC');
-        await until('strCipherPadding');
-        await page.keyboard.type('PKCS');
-        await until('strKey');
-        await page.keyboard.type('00'.repeat(32));
-        await until('strIV');
-        await page.keyboard.type('00'.repeat(16));
-        await until('strdata');
-        await page.keyboard.type('first');
-        await until('Send');
-        assert.notEqual(await page.evaluate(() => getComputedStyle(document.activeElement).outlineStyle), 'none');
-        await keys('Enter');
-        await page.waitForSelector('.outcome .badge.ok');
-        await page.waitForFunction(() => /^Success/.test(document.getElementById('announcements').textContent));
-        const cipher = crypto.createCipheriv('aes-256-cbc', Buffer.alloc(32), Buffer.alloc(16));
-        assert.equal(await page.locator('[data-result="Data"] .value-text').textContent(),
-            Buffer.concat([cipher.update('first'), cipher.final()]).toString('base64')
-                .replace(/\+/g, '-').replace(/\//g, '_'));
-        // The ways of a field are one stop, and the arrow keys change them.
-        await page.locator('[data-result="Data"] .segments input:checked').focus();
-        await keys('ArrowLeft');
-        assert.match(await page.locator('[data-result="Data"] .value-text').textContent(), /^[0-9a-f]{32}$/);
-        await page.finish();
-    });
-
-    test('The skip link leads past the list', onPage(async () => {
-        await openView(page, '#/status');
-        await page.evaluate(() => document.activeElement.blur());
-        await page.locator('.skip').focus();
-        await page.keyboard.press('Enter');
-        assert.equal(await page.evaluate(() => document.activeElement.tagName), 'H1');
     }));
 
     test('The search finds requests by name and by meaning', onPage(async () => {
@@ -496,192 +358,6 @@ describe('Console', () => {
         assert.ok(await page.getByText('Nothing found for “nothing of the sort”.').isVisible());
     }));
 
-    for (const colorScheme of ['light', 'dark'])
-        test(`Nobody is shut out, ${colorScheme}`, withPage({ colorScheme }, async () => {
-            const check = async (what) => {
-                assert.deepEqual(await accessibilityFaults(page, colorScheme === 'dark'), [], what);
-                await picture(`${colorScheme}-${what}`);
-            };
-            await check('start');
-            await openRequest(page, 'QZaven_crypto_encrypt');
-            await fillAll(page, { strCipherAlg: '4', strMode: '6', strKey: { hex: KEY + KEY }, strIV: { hex: '000102030405060708090a0b' },
-                straad: 'header', strdata: 'Meet me at the bridge' });
-            await send(page);
-            await page.locator('.use summary').first().click();
-            await check('answer');
-            await openRequest(page, 'QZaven_crypto_kdf');
-            await fill(page, 'OutLen', '70000');
-            await send(page);
-            await page.locator('.form-actions button[type="submit"]').click();
-            await check('error');
-            await openRequest(page, 'QZaven_ke_set_root_certificate');
-            await check('upload');
-            await openView(page, '#/flow/gcm');
-            await runFlow(page);
-            await page.locator('.step details summary').first().click();
-            await check('flow');
-            await openView(page, '#/history');
-            await check('history');
-            await openView(page, '#/status');
-            await check('status');
-            await page.getByRole('button', { name: 'Sign out' }).click();
-            await check('sign-in');
-        }));
-
-    test('360 pixels are wide enough', withPage({ viewport: { width: 360, height: 740 } }, async () => {
-        const fits = async (what) => {
-            assert.ok(await page.evaluate(() => document.documentElement.scrollWidth) <= 360, what);
-            await page.screenshot({ path: path.join(pictures, `narrow-${what}.png`), fullPage: true });
-        };
-        await fits('start');
-        await page.locator('.menu-button').click();
-        assert.equal(await page.locator('.menu-button').getAttribute('aria-expanded'), 'true');
-        await page.screenshot({ path: path.join(pictures, 'narrow-menu.png') });
-        await page.locator('#search').fill('kdf');
-        await page.keyboard.press('Enter');
-        await page.waitForFunction(() => document.querySelector('h1').textContent === 'QZaven_crypto_kdf');
-        assert.ok(!await page.locator('nav').isVisible());
-        await fill(page, 'OutLen', '70000');
-        await send(page);
-        await fits('error');
-        const { requests } = await getJson(host, '/v1/catalogue');
-        for (const { name } of requests) {
-            await openRequest(page, name);
-            assert.ok(await page.evaluate(() => document.documentElement.scrollWidth) <= 360, name);
-        }
-        await openRequest(page, 'QZaven_crypto_encrypt');
-        await fillAll(page, { strCipherAlg: '4', strMode: '6', strKey: { hex: KEY + KEY }, strIV: { hex: '000102030405060708090a0b' },
-            straad: 'header', strdata: 'Meet me at the bridge' });
-        await send(page);
-        await page.locator('.use summary').first().click();
-        await fits('answer');
-        await openView(page, '#/flow/gcm');
-        await runFlow(page);
-        for (const summary of await page.locator('.step details summary').all()) await summary.click();
-        await fits('flow');
-        for (const view of ['history', 'status']) {
-            await openView(page, `#/${view}`);
-            await fits(view);
-        }
-    }));
-
-    test('Chinese leaves no English behind', withPage({ locale: 'zh-CN' }, async () => {
-        // Names in code, what people typed, and proper names apart.
-        const { requests } = await getJson(host, '/v1/catalogue');
-        const parameters = requests.flatMap((request) => request.parameters.map(({ name }) => name))
-            .sort((a, b) => b.length - a.length);  // the longest first: strKeyPairType, strKey
-        const english = () => page.evaluate((known) => {
-            const own = 'code, pre, .mono, .brand, #language, [lang="en"], .line-head h3, .code, .code + span, .file-name, blockquote';
-            const texts = [];
-            const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
-            while (walker.nextNode()) {
-                const parent = walker.currentNode.parentElement;
-                if (!parent.closest(own) && !parent.closest('noscript, .use select')) texts.push(walker.currentNode.textContent);
-            }
-            for (const element of document.querySelectorAll('[aria-label], [placeholder], [title], optgroup'))
-                for (const name of ['aria-label', 'placeholder', 'title'])
-                    if (element.hasAttribute(name) && !element.closest('#language, .line pre')) texts.push(element.getAttribute(name));
-            const names = new RegExp(`QZa[vV]en_\\w+|\\b(root|exchange|hello|message|data)$|corvane-(host|doc)( \\w+)?|OpenAPI|${known.join('|')}|Ctrl\\+Enter|errorCode|gcmOutTag|session_gone|Camellia|Base64|Data|ke_\\w+|curl|\\bcall\\b|[A-Z]{3,}`, 'g');
-            return [...new Set(texts)].filter((text) => /[A-Za-z]{4}/.test(text.replace(names, '')));
-        }, parameters);
-        assert.equal(await page.evaluate(() => document.documentElement.lang), 'zh-CN');
-        const checks = async (what) => assert.deepEqual(await english(), [], what);
-        await checks('start');
-        await picture('chinese-start');
-        for (const { name } of requests) {
-            await openRequest(page, name);
-            await checks(name);
-        }
-        await openRequest(page, 'QZaven_crypto_kdf');
-        await fill(page, 'OutLen', '70000');
-        await send(page);
-        await checks('error');
-        assert.match(await page.locator('.error-card').textContent(), /缺少必需的参数/);
-        await openRequest(page, 'QZaven_ke_client_hello');
-        await fill(page, 'strKe', 'ke_of_another_day');
-        await send(page);
-        assert.match(await page.locator('.error-card').textContent(), /没有这个会话：此处不知道它/);
-        await checks('refusal');
-        await openRequest(page, 'QZaven_crypto_kdf');
-        await picture('chinese-error');
-        await openRequest(page, 'QZaven_crypto_encrypt');
-        await fillAll(page, { strCipherAlg: '4', strMode: '6', strKey: { hex: KEY + KEY }, strIV: { hex: '000102030405060708090a0b' },
-            straad: 'header', strdata: 'Meet me at the bridge' });
-        await send(page);
-        await page.locator('.use summary').first().click();
-        await checks('answer');
-        await picture('chinese-answer');
-        for (const flow of FLOWS) {
-            await openView(page, `#/flow/${flow}`);
-            await runFlow(page);
-            await checks(flow);
-        }
-        await picture('chinese-flow');
-        await openView(page, '#/history');
-        await checks('history');
-        // Back to English, remembered over a new visit.
-        await page.locator('#language').click();
-        assert.equal(await page.locator('h1').textContent(), 'History');
-        assert.equal(await page.evaluate(() => document.activeElement.id), 'language');
-        await page.reload();
-        await page.waitForFunction(() => document.querySelector('h1')?.textContent === 'History');
-    }, [410]));
-
-    test('Colours can be chosen, and are remembered', onPage(async () => {
-        const ground = () => page.evaluate(() => getComputedStyle(document.body).backgroundColor);
-        const light = await ground();
-        const button = page.locator('.icon-button:not(.menu-button)');
-        await button.click();
-        assert.equal(await ground(), light);
-        await button.click();
-        assert.notEqual(await ground(), light);
-        assert.equal(await button.getAttribute('aria-label'), 'Colours: dark');
-        await page.reload();
-        await page.waitForSelector('h1');
-        assert.notEqual(await ground(), light);
-    }));
-
-    test('The token leaves the address, and alone is stored', onPage(async () => {
-        assert.ok(!page.url().includes(host.token));
-        assert.equal(await page.evaluate(() => window.history.length <= 2), true);
-        await page.locator('#language').click();
-        await page.locator('#language').click();
-        await request('QZaven_crypto_hmac', { strHashAlg: '4', strKey: { hex: KEY }, strdata: 'a secret text' });
-        await openView(page, '#/flow/gcm');
-        await runFlow(page);
-        const stored = await page.evaluate(() => ({ local: { ...localStorage }, session: { ...sessionStorage } }));
-        assert.deepEqual(stored, { local: { 'corvane.language': 'en' }, session: { 'corvane.token': host.token } });
-        assert.equal(await page.evaluate(() => document.cookie), '');
-        assert.deepEqual(await page.evaluate(() => indexedDB.databases()), []);
-    }));
-
-    test('Without a token the page asks for it', async () => {
-        page = await newPage(host, {}, [401]);
-        await page.goto(host.origin);
-        await page.waitForSelector('#token');
-        assert.equal(await page.locator('.error-card').count(), 0);
-        await page.locator('#token').fill('wrong');
-        await page.keyboard.press('Enter');
-        await page.waitForSelector('.error-card');
-        assert.match(await page.locator('.error-card').textContent(), /does not take this token.*Copy the whole line/);
-        await picture('sign-in-refused');
-        await page.locator('#token').fill(host.token);
-        await page.keyboard.press('Enter');
-        await page.waitForSelector('.pill[data-state="ok"]');
-        await page.getByRole('button', { name: 'Sign out' }).click();
-        await page.waitForSelector('#token');
-        assert.deepEqual(await page.evaluate(() => ({ ...sessionStorage })), {});
-        await page.finish();
-    });
-
-    test('A token that is no longer taken leads to the sign-in', onPage(async () => {
-        await openRequest(page, 'QZaVen_GetVersion');
-        await page.evaluate(() => sessionStorage.setItem('corvane.token', 'stale'));
-        await page.locator('.form-actions button[type="submit"]').click();
-        await page.waitForSelector('#token');
-        assert.match(await page.locator('.error-card').textContent(), /You were signed out.*token was replaced/);
-    }, [401]));
-
     test('Status shows workers and engine', onPage(async () => {
         await openView(page, '#/status');
         assert.equal(await page.locator('tbody tr').count(), 2);
@@ -694,10 +370,10 @@ describe('Console', () => {
 
     test('A host that ends is noticed, and asked again', async () => {
         const brief = await startHost();
-        page = await signedIn(brief, {}, [0]);
+        await usePage(signedIn(brief, {}, [0]));
         await openRequest(page, 'QZaVen_GetVersion');
         await brief.stop();
-        await page.locator('.form-actions button[type="submit"]').click();
+        await submit();
         await page.waitForSelector('.error-card');
         assert.equal(await code(), 'unreachable');
         assert.match(await page.locator('.error-card').textContent(), /noticed by this page.*does not answer.*corvane-host serve/);

@@ -1,16 +1,16 @@
 // What goes from an answer into another request's form, and what an answer still answers.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 
 import { setCatalogue } from '../../devkit/console/catalogue.js';
 import { givenOf, sameGiven } from '../../devkit/console/entries.js';
 import { inverseOf } from '../../devkit/console/handover.js';
 import { sampleRsa } from '../../devkit/console/samples.js';
-import { closeBrowser, field, fill, fillAll, openBrowser, openRequest, result, send, signedIn } from './browser.mjs';
-import { getJson, startHost } from './host.mjs';
+import { field, fill, fillAll, openRequest, result, send } from './browser.mjs';
+import { getJson } from './host.mjs';
+import { KEY, heading, host, onPage, page, useHost } from './suite.mjs';
 
-const KEY = '000102030405060708090a0b0c0d0e0f';
 const GCM = { strCipherAlg: '4', strMode: '6', strKey: { hex: KEY + KEY }, strIV: { hex: '000102030405060708090a0b' },
     straad: 'header' };
 const CBC = { strCipherAlg: '2', strMode: '2', strCipherPadding: '1', strKey: { hex: KEY }, strIV: { hex: KEY } };
@@ -35,24 +35,8 @@ test('A call is the same where its bytes are, in whatever form they were given',
 });
 
 describe('Handing over', () => {
-    let host = null;
-    let page = null;
+    useHost();
 
-    before(async () => {
-        host = await startHost();
-        await openBrowser();
-    });
-    after(async () => {
-        await closeBrowser();
-        await host.stop();
-    });
-
-    const onPage = (work) => async () => {
-        page = await signedIn(host);
-        await work();
-        await page.finish();
-    };
-    const heading = (name) => page.waitForFunction((wanted) => document.querySelector('h1')?.textContent === wanted, name);
     const input = (parameter) => field(page, parameter).locator('.control > select, .control > textarea, .control > input');
     const value = (parameter) => input(parameter).inputValue();
     const focused = () => page.evaluate(() => document.activeElement.closest('[data-parameter]')?.dataset.parameter);

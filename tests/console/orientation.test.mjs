@@ -2,42 +2,21 @@
 // step, a key exchange by hand; the page under fingers, in Chinese, and for everybody.
 
 import assert from 'node:assert/strict';
-import { existsSync, mkdirSync } from 'node:fs';
-import path from 'node:path';
-import { after, before, describe, test } from 'node:test';
+import { existsSync } from 'node:fs';
+import { describe, test } from 'node:test';
 import { fileURLToPath } from 'node:url';
 
-import { accessibilityFaults, closeBrowser, field, fill, fillAll, newPage, openBrowser, openRequest, openView, result,
-    runFlow, send, signedIn } from './browser.mjs';
-import { build, getJson, runLine, startHost } from './host.mjs';
+import { accessibilityFaults, field, fill, fillAll, openRequest, openView, result, runFlow, send } from './browser.mjs';
+import { getJson, runLine } from './host.mjs';
+import { changeAnswers, freshPage, heading, host, onPage, page, picture, useHost, withPage } from './suite.mjs';
 
-const pictures = path.join(build, 'console-screenshots');
 const root = fileURLToPath(new URL('../../', import.meta.url));
 
 const PHONE = { viewport: { width: 390, height: 844 }, hasTouch: true, isMobile: true };
 
 describe('Orientation', () => {
-    let host = null;
-    let page = null;
+    useHost();
 
-    before(async () => {
-        mkdirSync(pictures, { recursive: true });
-        host = await startHost();
-        await openBrowser();
-    });
-    after(async () => {
-        await closeBrowser();
-        await host.stop();
-    });
-
-    const withPage = (options, work, expectedStatus) => async () => {
-        page = await signedIn(host, options, expectedStatus);
-        await work();
-        await page.finish();
-    };
-    const onPage = (work, expectedStatus) => withPage({}, work, expectedStatus);
-    const picture = (name, fullPage = true) => page.screenshot({ path: path.join(pictures, `${name}.png`), fullPage });
-    const heading = (text) => page.waitForFunction((wanted) => document.querySelector('h1')?.textContent === wanted, text);
     const search = (words) => page.locator('#search').fill(words);
     const seen = () => page.locator('nav li a').evaluateAll((links) =>
         links.filter((link) => link.checkVisibility()).map((link) => link.getAttribute('href').replace(/#\/(request\/QZaven_)?/, '')));
@@ -75,11 +54,8 @@ describe('Orientation', () => {
     }));
 
     test('An engine of another maker is not said to be for development', async () => {
-        page = await newPage(host);
-        await page.route('**/v1/status', async (route) => {
-            const answer = await route.fetch();
-            await route.fulfill({ response: answer, json: { ...await answer.json(), engine: 'Engine 7 of somebody' } });
-        });
+        await freshPage();
+        await changeAnswers('/v1/status', (status) => { status.engine = 'Engine 7 of somebody'; });
         await page.goto(host.url);
         await page.waitForSelector('.engine q');
         assert.equal(await page.locator('.engine').textContent(), 'Engine 7 of somebody');
@@ -200,7 +176,7 @@ describe('Orientation', () => {
         assert.equal(await field(page, 'strKe').locator('input').inputValue(), session);
         await send(page);
         assert.equal(await page.locator('.outcome-head .badge').textContent(), 'Success');
-        await picture('by-hand');
+        await picture('by-hand', true);
     }));
 
     test('A step that is next opens its form before it is sent', onPage(async () => {
@@ -241,11 +217,8 @@ describe('Orientation', () => {
     }, [410]));
 
     test('Without the peer the next form has the session alone', async () => {
-        page = await newPage(host);
-        await page.route('**/v1/status', async (route) => {
-            const answer = await route.fetch();
-            await route.fulfill({ response: answer, json: { ...await answer.json(), peer: false } });
-        });
+        await freshPage();
+        await changeAnswers('/v1/status', (status) => { status.peer = false; });
         await page.goto(host.url);
         await page.waitForSelector('.pill[data-state="ok"]');
         await openRequest(page, 'QZaven_ke_new');
@@ -284,7 +257,7 @@ describe('Orientation', () => {
             assert.deepEqual(await small(), [], what);
             assert.equal(await keyHints(), 0, what);
             assert.ok(await page.evaluate(() => document.documentElement.scrollWidth) <= 390, what);
-            await picture(`phone-${what}`, false);  // whole pages are drawn as for a mouse
+            await picture(`phone-${what}`);  // whole pages are drawn as for a mouse
         };
         await check('start');
         await page.locator('.menu-button').click();
@@ -348,7 +321,7 @@ describe('Orientation', () => {
         });
         const checks = async (what) => {
             assert.deepEqual(await english(), [], what);
-            await picture(`chinese-${what}`);
+            await picture(`chinese-${what}`, true);
         };
         await checks('start');
         assert.match(await page.title(), /[一-鿿]/);
@@ -384,7 +357,7 @@ describe('Orientation', () => {
         test(`Nobody is shut out of any view, ${colorScheme}`, withPage({ ...PHONE, viewport: { width: 820, height: 1100 }, colorScheme }, async () => {
             const check = async (what) => {
                 assert.deepEqual(await accessibilityFaults(page, colorScheme === 'dark'), [], what);
-                await picture(`${colorScheme}-tablet-${what}`);
+                await picture(`${colorScheme}-tablet-${what}`, true);
             };
             await openAll();
             await check('groups');

@@ -2,32 +2,17 @@
 // says when it fails.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 
-import { closeBrowser, field, fill, fillAll, newPage, openBrowser, openRequest, send, signedIn } from './browser.mjs';
-import { startHost } from './host.mjs';
+import { field, fill, fillAll, newPage, openRequest, openView, runFlow, send, signedIn } from './browser.mjs';
+import { KEY, changeAnswers, freshPage, host, onPage, page, picture, request, submit, useHost,
+    usePage } from './suite.mjs';
 
-const KEY = '000102030405060708090a0b0c0d0e0f';
 const READY = '.pill[data-state="ok"]';
 
 describe('Sign-in', () => {
-    let host = null;
-    let page = null;
+    useHost();
 
-    before(async () => {
-        host = await startHost();
-        await openBrowser();
-    });
-    after(async () => {
-        await closeBrowser();
-        await host.stop();
-    });
-
-    const onPage = (work, expectedStatus) => async () => {
-        page = await signedIn(host, {}, expectedStatus);
-        await work();
-        await page.finish();
-    };
     // Another tab of the same browser, opened by hand.
     const tab = async (address = host.origin) => {
         const other = await page.context().newPage();
@@ -69,12 +54,9 @@ describe('Sign-in', () => {
     }));
 
     test('What a host does not say to be no secret is not kept', async () => {
-        page = await newPage(host);
-        await page.route('**/v1/catalogue', async (route) => {
-            const answer = await route.fetch();
-            const json = await answer.json();
-            for (const request of json.requests) for (const parameter of request.parameters) delete parameter.secret;
-            await route.fulfill({ response: answer, json });
+        await freshPage();
+        await changeAnswers('/v1/catalogue', ({ requests }) => {
+            for (const parameter of requests.flatMap(({ parameters }) => parameters)) delete parameter.secret;
         });
         await page.goto(host.url);
         await page.waitForSelector(READY);
@@ -133,7 +115,7 @@ describe('Sign-in', () => {
     }, [401]));
 
     test('A token that the host did not take goes to no other tab', async () => {
-        page = await newPage(host, {}, [401]);
+        await freshPage({}, [401]);
         const heard = async (where) => where.evaluate(() => {
             window.heard = [];
             new BroadcastChannel('corvane.sign-in').onmessage = ({ data }) => window.heard.push(Object.keys(data).join());
@@ -149,7 +131,7 @@ describe('Sign-in', () => {
     });
 
     test('Another browser profile is another person', async () => {
-        page = await signedIn(host);
+        await usePage(signedIn(host));
         const stranger = await newPage(host, {}, [401]);
         await stranger.goto(host.origin);
         await stranger.waitForSelector('#token');
@@ -158,7 +140,7 @@ describe('Sign-in', () => {
     });
 
     test('The sign-in says what is wrong with a token, and where to find the right one', async () => {
-        page = await newPage(host, {}, [401]);
+        await freshPage({}, [401]);
         await page.goto(host.origin);
         await page.waitForSelector('#token');
         assert.match(await page.locator('.sign-in-help').textContent(), /link with “#token=”.*~\/\.local\/state\/corvane-host\/token/s);
@@ -178,7 +160,7 @@ describe('Sign-in', () => {
     });
 
     test('A link with a wrong token is not said to have been signed in', async () => {
-        page = await newPage(host, {}, [401]);
+        await freshPage({}, [401]);
         await page.goto(`${host.origin}/#token=wrong`);
         await page.waitForSelector('.error-card');
         assert.match(await card(), /does not take this token/);
@@ -186,7 +168,7 @@ describe('Sign-in', () => {
     });
 
     test('A host that does not answer is said to be, with its address', async () => {
-        page = await newPage(host, {}, [0]);
+        await freshPage({}, [0]);
         await page.route('**/v1/catalogue', (route) => route.abort());
         await page.goto(host.url);
         await page.waitForSelector('.error-card');
@@ -196,4 +178,45 @@ describe('Sign-in', () => {
         await page.waitForSelector(READY);
         await page.finish();
     });
+
+    test('The token leaves the address, and alone is stored', onPage(async () => {
+        assert.ok(!page.url().includes(host.token));
+        assert.equal(await page.evaluate(() => window.history.length <= 2), true);
+        await page.locator('#language').click();
+        await page.locator('#language').click();
+        await request('QZaven_crypto_hmac', { strHashAlg: '4', strKey: { hex: KEY }, strdata: 'a secret text' });
+        await openView(page, '#/flow/gcm');
+        await runFlow(page);
+        const stored = await page.evaluate(() => ({ local: { ...localStorage }, session: { ...sessionStorage } }));
+        assert.deepEqual(stored, { local: { 'corvane.language': 'en' }, session: { 'corvane.token': host.token } });
+        assert.equal(await page.evaluate(() => document.cookie), '');
+        assert.deepEqual(await page.evaluate(() => indexedDB.databases()), []);
+    }));
+
+    test('Without a token the page asks for it', async () => {
+        await freshPage({}, [401]);
+        await page.goto(host.origin);
+        await page.waitForSelector('#token');
+        assert.equal(await page.locator('.error-card').count(), 0);
+        await page.locator('#token').fill('wrong');
+        await page.keyboard.press('Enter');
+        await page.waitForSelector('.error-card');
+        assert.match(await page.locator('.error-card').textContent(), /does not take this token.*Copy the whole line/);
+        await picture('sign-in-refused');
+        await page.locator('#token').fill(host.token);
+        await page.keyboard.press('Enter');
+        await page.waitForSelector('.pill[data-state="ok"]');
+        await page.getByRole('button', { name: 'Sign out' }).click();
+        await page.waitForSelector('#token');
+        assert.deepEqual(await page.evaluate(() => ({ ...sessionStorage })), {});
+        await page.finish();
+    });
+
+    test('A token that is no longer taken leads to the sign-in', onPage(async () => {
+        await openRequest(page, 'QZaVen_GetVersion');
+        await page.evaluate(() => sessionStorage.setItem('corvane.token', 'stale'));
+        await submit();
+        await page.waitForSelector('#token');
+        assert.match(await page.locator('.error-card').textContent(), /You were signed out.*token was replaced/);
+    }, [401]));
 });
