@@ -12,10 +12,19 @@ export function setToken(value) {
     else sessionStorage.setItem(STORED, value);
 }
 
+// A damaged link has a damaged token, which the host refuses.
+function decoded(text) {
+    try {
+        return decodeURIComponent(text);
+    } catch {
+        return text;
+    }
+}
+
 // The token in what a person typed or pasted: itself, the link from the terminal, or a header.
 export function tokenIn(text) {
     const link = text.match(/#token=([^&\s]+)/);
-    return link ? decodeURIComponent(link[1]) : text.trim().replace(/^(Authorization:\s*)?Bearer\s+/i, '');
+    return link ? decoded(link[1]) : text.trim().replace(/^(Authorization:\s*)?Bearer\s+/i, '');
 }
 
 // Moves a token from the address (#token=...) into the storage, out of sight and history.

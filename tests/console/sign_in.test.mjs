@@ -219,4 +219,19 @@ describe('Sign-in', () => {
         await page.waitForSelector('#token');
         assert.match(await page.locator('.error-card').textContent(), /You were signed out.*token was replaced/);
     }, [401]));
+
+    test('A damaged link leads to the sign-in', async () => {
+        await freshPage({}, [401]);
+        await page.goto(`${host.origin}/#token=%E6%A1`);
+        await page.waitForSelector('.error-card');
+        assert.match(await card(), /does not take this token/);
+        // Also one that is pasted.
+        await page.locator('#token').fill(`${host.origin}/#token=%`);
+        await page.keyboard.press('Enter');
+        await page.waitForFunction(() => document.querySelector('#token')?.value === '');
+        await page.locator('#token').fill(host.token);
+        await page.keyboard.press('Enter');
+        await page.waitForSelector(READY);
+        await page.finish();
+    });
 });
