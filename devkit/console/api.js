@@ -4,15 +4,34 @@
 import { token } from './token.js';
 
 // The exchange with the host failed: {status, error: {code, text, cause, remedy, field}, warnings,
-// answer}. Status 0: the host did not answer; `answer` is its JSON, or null.
+// answer, token}. Status 0: the host did not answer; `answer` is its JSON, or null; `token` is the
+// one that the call went with, which may be a former one by then.
 export class Failure extends Error {
-    constructor(status, error, answer = null) {
+    constructor(status, error, answer = null, usedToken = '') {
         super(error.text);
         this.status = status;
         this.error = error;
         this.warnings = answer?.warnings ?? [];
         this.answer = answer;
+        this.token = usedToken;
     }
+}
+
+// The person has signed out meanwhile, and nobody is to learn what came of a call.
+export class SignedOut extends Error {}
+
+let stay = new AbortController();
+
+// The AbortSignal of the time until somebody signs out. What takes several turns holds on to the
+// one that it began with; its throwIfAborted() throws SignedOut.
+export function currentStay() {
+    return stay.signal;
+}
+
+// Ends all calls that are on their way; each throws SignedOut.
+export function endStay() {
+    stay.abort(new SignedOut());
+    stay = new AbortController();
 }
 
 export const SESSION_HEADER = 'X-Corvane-Session';
@@ -50,20 +69,24 @@ const cancelled = {
 // in the body alone. `signal` is an AbortSignal that ends the waiting.
 async function call(method, path, body, session = '', signal = undefined) {
     const headers = {};
+    const usedToken = token();
+    const during = currentStay();
     if (isSessionToken(session)) headers[SESSION_HEADER] = session;
-    if (token() !== '') headers.Authorization = `Bearer ${token()}`;
+    if (usedToken !== '') headers.Authorization = `Bearer ${usedToken}`;
     if (body !== undefined) headers['Content-Type'] = body.type ?? 'application/json';
     let response;
     let text;
     try {
-        response = await fetch(path, { method, headers, body, signal, cache: 'no-store' });
+        response = await fetch(path, { method, headers, body, cache: 'no-store',
+            signal: signal ? AbortSignal.any([during, signal]) : during });
         text = await response.text();
     } catch {
+        during.throwIfAborted();
         throw new Failure(0, signal?.aborted ? cancelled : unreachable);
     }
     const json = parsed(text);
+    if (!response.ok) throw new Failure(response.status, json?.error ?? unreadable, json, usedToken);
     if (json === null) throw new Failure(response.status, unreadable);
-    if (!response.ok) throw new Failure(response.status, json.error ?? unreadable, json);
     return json;
 }
 

@@ -1,7 +1,7 @@
 // The console: puts page, catalogue and host together. Views are chosen by the address behind "#":
 // #/request/NAME, #/flow/ID, #/history, #/status, or nothing for the start page.
 
-import { Failure, getCatalogue } from './api.js';
+import { Failure, SignedOut, endStay, getCatalogue } from './api.js';
 import { findRequest, setCatalogue } from './catalogue.js';
 import { announce, el, icon } from './dom.js';
 import { forgetExchanges } from './exchange_guide.js';
@@ -178,6 +178,7 @@ function signIn(failure, typed = false) {
 // Everything that a person gave or got goes, in this tab.
 function forget() {
     setToken('');
+    endStay();
     forgetEverything();
     forgetTours();
     forgetExchanges();
@@ -192,21 +193,19 @@ function leave() {
 // Asks the host with the token that there is; null if it answers, else the Failure.
 async function load() {
     if (token() === '') await askOtherTabs();
-    const used = token();
     try {
         setCatalogue(await getCatalogue());
         return null;
     } catch (failure) {
         if (!(failure instanceof Failure)) throw failure;
         // Another tab's token has come meanwhile.
-        return failure.status === 401 && token() !== used ? load() : failure;
+        return failure.status === 401 && failure.token !== token() ? load() : failure;
     }
 }
 
 async function start(typed = false) {
     starting = true;
-    const failure = await load();
-    starting = false;
+    const failure = await load().finally(() => { starting = false; });
     if (failure !== null) {
         // Without a token nothing was tried yet that could have failed.
         const unknown = failure.status === 401 && token() === '';
@@ -222,12 +221,15 @@ async function start(typed = false) {
     if (view instanceof StartView || (view instanceof FlowView && !view.running)) open();
 }
 
-// A token that the host no longer takes, wherever it shows.
+// A token that the host no longer takes, wherever it shows. Of a former token it tells nothing,
+// nor of calls that somebody signed out of.
 window.addEventListener('unhandledrejection', (event) => {
-    if (!(event.reason instanceof Failure) || event.reason.status !== 401) return;
-    event.preventDefault();
+    const { reason } = event;
+    const isRefused = reason instanceof Failure && reason.status === 401;
+    if (isRefused || reason instanceof SignedOut) event.preventDefault();
+    if (!isRefused || !signedIn || reason.token !== token()) return;
     setToken('');
-    signIn(event.reason);
+    signIn(reason);
 });
 
 watchOtherTabs({

@@ -1,6 +1,6 @@
 // The view of one request: its form, the same call as command lines, and the answer.
 
-import { Failure, sendRequest } from './api.js';
+import { Failure, currentStay, sendRequest } from './api.js';
 import { findRequest, handleOf } from './catalogue.js';
 import { curlLine, hostLine, tokenLine } from './command_lines.js';
 import { announce, el, icon } from './dom.js';
@@ -25,13 +25,15 @@ const PATIENCE = 300;  // milliseconds
 const calls = new WeakMap();
 
 // Turns whatever happens to a call into an outcome: {ok, results, error, warnings, microseconds,
-// status, json}. Only a refused token is thrown on.
+// status, json}. Only a refused token is thrown on, and SignedOut.
 async function outcomeOf(request, session, call) {
+    const stay = currentStay();
     let outcome;
     try {
-        const answer = await call();
+        const answer = await call(stay);
         outcome = { ...answer, ok: answer.error === null, status: 200, json: answer };
     } catch (failure) {
+        stay.throwIfAborted();
         if (!(failure instanceof Failure) || failure.status === 401) throw failure;
         const { status, error, warnings, answer } = failure;
         outcome = { ok: false, results: {}, error, warnings, status, json: answer };
@@ -57,10 +59,12 @@ const unreadableFile = {
 // Sends what a form has given: [{parameter, entry}].
 function exchangeGiven(request, given, signal) {
     const session = sessionGiven(given);
-    return outcomeOf(request, session, async () => {
+    return outcomeOf(request, session, async (stay) => {
         // Browsers report a file that is gone like a host that is gone.
         if (!await filesAreReadable(given)) throw new Failure(0, unreadableFile);
-        return sendRequest(request, await makeBody(given), session, signal);
+        const body = await makeBody(given);
+        stay.throwIfAborted();
+        return sendRequest(request, body, session, signal);
     });
 }
 

@@ -5,7 +5,7 @@ import assert from 'node:assert/strict';
 import { describe, test } from 'node:test';
 
 import { field, fill, fillAll, newPage, openRequest, openView, runFlow, send, signedIn } from './browser.mjs';
-import { KEY, changeAnswers, freshPage, host, onPage, page, picture, request, submit, useHost,
+import { KEY, changeAnswers, freshPage, holdRequests, host, onPage, page, picture, request, submit, useHost,
     usePage } from './suite.mjs';
 
 const READY = '.pill[data-state="ok"]';
@@ -232,6 +232,64 @@ describe('Sign-in', () => {
         await page.locator('#token').fill(host.token);
         await page.keyboard.press('Enter');
         await page.waitForSelector(READY);
+        await page.finish();
+    });
+
+    // Both calls are answered, but after the person has left.
+    const signOutAndIn = async (release) => {
+        const sent = [];
+        page.on('request', (asked) => { if (/requests|peer/.test(asked.url())) sent.push(asked.url()); });
+        await page.getByRole('button', { name: 'Sign out' }).click();
+        await page.waitForSelector('#token');
+        release();
+        // Longer than the host takes to answer, and the page to take another step.
+        await page.waitForTimeout(500);
+        assert.deepEqual(sent, []);
+        assert.equal(await page.locator('.error-card').count(), 0);
+        await page.locator('#token').fill(host.token);
+        await page.keyboard.press('Enter');
+        await page.waitForSelector(READY);
+        await openView(page, '#/history');
+        assert.equal(await page.locator('tbody tr').count(), 0);
+    };
+
+    test('What was on its way is nobody\'s after signing out', onPage(async () => {
+        await openRequest(page, 'QZaven_ke_new');
+        const release = await holdRequests();
+        await submit();
+        await signOutAndIn(release);
+        await openRequest(page, 'QZaven_ke_free');
+        assert.equal(await field(page, 'strKe').locator('.chip').count(), 0);
+    }));
+
+    test('A guided flow ends with the sign-in', onPage(async () => {
+        await openView(page, '#/flow/gcm');
+        const release = await holdRequests();
+        await submit();
+        await page.waitForSelector('.step[data-state="running"]');
+        await signOutAndIn(release);
+        await openView(page, '#/flow/gcm');
+        assert.equal(await page.locator('.step:not([data-state="waiting"])').count(), 0);
+    }));
+
+    test('A refusal of the former token is no word on the new one', async () => {
+        await freshPage({}, [401]);
+        // The host takes both but for requests.
+        await page.route(/\/v1\/(catalogue|status)$/, (route) => route.continue({
+            headers: { ...route.request().headers(), authorization: `Bearer ${host.token}` } }));
+        await page.goto(`${host.origin}/#token=former`);
+        await page.waitForSelector(READY);
+        await openRequest(page, 'QZaVen_GetVersion');
+        const release = await holdRequests();
+        await submit();
+        await page.evaluate((token) => { location.hash = `#token=${token}`; }, host.token);
+        await page.waitForFunction(() => document.querySelector('h1')?.textContent === 'Try what this host can do');
+        const refused = page.waitForResponse('**/v1/requests/*');
+        release();
+        assert.equal((await refused).status(), 401);
+        await openView(page, '#/history');
+        assert.equal((await storage()).session['corvane.token'], host.token);
+        assert.equal(await page.locator('#token').count(), 0);
         await page.finish();
     });
 });
