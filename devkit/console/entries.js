@@ -53,9 +53,23 @@ export function travelsAsBase64(parameter) {
     return parameter.form === 'base64' || parameter.form === 'key-text';
 }
 
+// Of more numbers nobody wants to choose.
+const MOST_CHOICES = 40;
+
+// What a field of choices offers: the numbers that have a name, then the others that may be; null
+// where the values are no numbers or too many of them.
+export function offered({ choices = [], oneOf, range }) {
+    const span = range ? range[1] - range[0] + 1 : 0;
+    if (span > MOST_CHOICES) return null;
+    const numbers = oneOf ?? Array.from({ length: span }, (_, i) => String(range[0] + i));
+    const named = new Set(choices.map(({ value }) => value));
+    const all = [...choices, ...numbers.filter((value) => !named.has(value)).map((value) => ({ value, text: '' }))];
+    return all.length > 0 ? all : null;
+}
+
 // What kind of field a parameter needs: choice, number, handle, path, password or bytes.
 export function fieldKind(parameter) {
-    if (parameter.choices || parameter.oneOf) return 'choice';
+    if ((parameter.choices || parameter.oneOf) && offered(parameter)) return 'choice';
     if (parameter.range) return 'number';
     if (parameter.form === 'handle' || parameter.form === 'path') return parameter.form;
     if (/password/i.test(parameter.name)) return 'password';

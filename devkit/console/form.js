@@ -3,7 +3,7 @@
 
 import { announce, el, newId } from './dom.js';
 import { applies, choiceText, convertEntry, entrySize, fault, fieldKind, givenOf, isEmpty, isRequired, neededBlocks, neededLength,
-    neededText, takesRandom, takesUpload, unusedText } from './entries.js';
+    neededText, offered, takesRandom, takesUpload, unusedText } from './entries.js';
 import { warningText } from './host_texts.js';
 import { capitalised, dataSize, sentence, t } from './i18n.js';
 import { openSessions } from './memory.js';
@@ -148,7 +148,7 @@ class Field {
 
     makeSelect() {
         const { parameter, entry } = this;
-        const choices = parameter.choices ?? parameter.oneOf.map((value) => ({ value, text: '' }));
+        const choices = offered(parameter);
         const standard = choices.find(({ value }) => value === parameter.default);
         let absent = parameter.required ? t('Choose…') : t('Not given');
         if (standard) absent = t('Not given: {value}', { value: choiceText(standard) });

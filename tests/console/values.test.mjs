@@ -6,8 +6,8 @@ import { readFileSync } from 'node:fs';
 import { describe, test } from 'node:test';
 
 import { curlLine, hostLine, quote } from '../../devkit/console/command_lines.js';
-import { applies, choiceText, convertEntry, entrySize, entryValue, fault, isRequired, neededLength, neededText,
-    takesRandom, unusedText } from '../../devkit/console/entries.js';
+import { applies, choiceText, convertEntry, entrySize, entryValue, fault, fieldKind, isRequired, neededLength, neededText,
+    offered, takesRandom, unusedText } from '../../devkit/console/entries.js';
 import { dataSize } from '../../devkit/console/i18n.js';
 import { SERVICE_TOKEN_FILE } from '../../devkit/console/labels.js';
 import { errorKind, kindHeading } from '../../devkit/console/outcomes.js';
@@ -370,4 +370,18 @@ describe('CommandLines', () => {
 test('The token file of the service is where its unit reads it', () => {
     const unit = readFileSync(new URL('../../debian/corvane-host.service.in', import.meta.url), 'utf8');
     assert.ok(unit.includes(`LoadCredential=token:${SERVICE_TOKEN_FILE}\n`));
+});
+
+test('Numbers without a name are offered behind those that have one, unless they are too many', () => {
+    const choices = [{ value: '4', text: 'mine' }];
+    const values = (parameter) => offered(parameter)?.map(({ value }) => value).join(' ');
+    assert.equal(values({ choices, range: [1, 7] }), '4 1 2 3 5 6 7');
+    assert.equal(values({ choices, oneOf: ['0', '1', '4'] }), '4 0 1');
+    assert.equal(values({ choices }), '4');
+    assert.equal(values({ oneOf: ['0', '1'] }), '0 1');
+    assert.equal(fieldKind({ choices, range: [1, 7] }), 'choice');
+    // A length, of which somebody has named some.
+    assert.equal(offered({ choices, range: [0, 65535] }), null);
+    assert.equal(fieldKind({ choices, range: [0, 65535] }), 'number');
+    assert.equal(fieldKind({ range: [1, 7] }), 'number');
 });
