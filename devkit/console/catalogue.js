@@ -1,6 +1,8 @@
 // What the host says about its requests and codes. All that the page knows of them comes from
 // here, so that it suits whatever host it was served by.
 
+import { Failure } from './api.js';
+
 let content = { requests: [], codes: [] };
 
 export function setCatalogue(json) {
@@ -39,11 +41,23 @@ export function groups() {
     return [...byName];
 }
 
+// A name without what spellings differ in, as the host compares names.
+function folded(name) {
+    return name.toLowerCase().replace(/[-_./# ]/g, '');
+}
+
 // The value that a request's parameter has for a name, such as "AES-256": engines number
-// differently.
-export function choice(requestName, parameterName, text) {
+// differently. Throws a Failure where the host knows no such name.
+export function choice(requestName, parameterName, name) {
     const choices = findParameter(findRequest(requestName), parameterName).choices ?? [];
-    const found = choices.find((row) => row.text === text);
-    if (!found) throw new Error(`${parameterName} has no value ${text}`);
-    return found.value;
+    const found = choices.find(({ names }) => names.some((known) => folded(known) === folded(name)));
+    if (found) return found.value;
+    throw new Failure(0, {
+        code: 'unknown_name',
+        source: 'page',
+        text: 'This host’s engine has no known name for {name}.',
+        values: { name },
+        cause: 'Engines number differently: a host knows the names of the development engine’s numbers, or those of a file of names.',
+        remedy: 'Choose something else, or start the host with “--names FILE”, which says what the numbers stand for.',
+    });
 }

@@ -10,7 +10,7 @@ import { isStale } from './memory.js';
 import { fillForm } from './prefill.js';
 import { errorCard } from './result.js';
 import { currentStatus } from './status.js';
-import { runStep } from './tour.js';
+import { runStep, valuesOf } from './tour.js';
 
 // What is known of each session, by its token: the state of the guided flow.
 const states = new Map();
@@ -37,16 +37,6 @@ function noteAnswer(request, { entries, outcome }) {
     return s;
 }
 
-// The values of a step; without what only an earlier step of another page could tell.
-function valuesOf(step, s) {
-    const handle = handleOf(findRequest(step.request).parameters).name;
-    try {
-        return { ...step.send(s), [handle]: s.session };
-    } catch {
-        return { [handle]: s.session };
-    }
-}
-
 // What stands below a successful answer: null if nothing follows. `state` is the form's, as
 // memory.js has it; `go` opens a view by its address.
 export function nextInExchange(request, state, go) {
@@ -64,7 +54,9 @@ export function nextInExchange(request, state, go) {
             }
             s.answered.add(step);
         }
-        fillForm(findRequest(next.step.request), valuesOf(next.step, s));
+        const request = findRequest(next.step.request);
+        // What only an earlier step of another page could tell is left to the person.
+        fillForm(request, { ...valuesOf(next.step, s), [handleOf(request.parameters).name]: s.session });
         go(`#/request/${next.step.request}`);
         announce(t('The form is filled in.'));
     };

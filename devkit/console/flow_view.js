@@ -9,7 +9,7 @@ import { t } from './i18n.js';
 import { fillForm } from './prefill.js';
 import { button, copyButton, duration, errorCard } from './result.js';
 import { currentStatus } from './status.js';
-import { Tour } from './tour.js';
+import { Tour, valuesOf } from './tour.js';
 import { fromBase64, fromEscaped, isPrintable, textOf } from './values.js';
 
 const SHOWN_CHARACTERS = 600;
@@ -79,7 +79,7 @@ function openedBy({ request, peer }) {
     return findRequest(request).results.filter(isPlaintext).map(({ name }) => name);
 }
 
-function called(step, { state, sent, outcome }) {
+function called(step, { state, sent = {}, outcome }) {
     if (!step.refused)
         return outcome.ok ? exchanged(sent, outcome.results, openedBy(step)) : [errorCard(outcome.error, 'h3'), ...exchanged(sent, {})];
     return [
@@ -138,7 +138,9 @@ class StepView {
         const { step, view } = this;
         return button(t('Open in the form'), 'arrow', () => {
             const { flow, tour } = view;
-            fillForm(findRequest(step.request), sent ?? step.send(tour.s), outcome);
+            // Before a run its state does not have the inputs yet.
+            if (sent === undefined) fillForm(findRequest(step.request), valuesOf(step, tour.next === 0 ? tour.inputs : tour.s));
+            else fillForm(findRequest(step.request), sent, outcome);
             if (tour.s.session) adoptExchange(tour.s, outcome, flow.steps.filter((_, i) => tour.records[i].state === 'done'));
             view.go(`#/request/${step.request}`);
         }, { 'aria-label': t('Open in the form: {step}', { step: t(step.title) }) });
@@ -164,7 +166,7 @@ export class FlowView {
         const value = this.tour.inputs[input.name];
         const on = { input: (event) => {
             this.tour.setInput(input.name, event.target.value);
-            this.refreshHead();
+            this.refresh();
         } };
         let control = el('textarea', { id, rows: 1, value, on });
         if (input.options) {
@@ -207,7 +209,7 @@ export class FlowView {
 
     refresh(at) {
         const { tour } = this;
-        const next = tour.running || tour.failed || tour.ended ? -1 : tour.at;
+        const next = tour.running || tour.failed || tour.ended ? -1 : tour.next;
         this.steps.forEach((step, i) => {
             if (at === undefined || i === at) step.draw(tour.records[i], i === next);
         });

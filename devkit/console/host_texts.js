@@ -22,7 +22,7 @@ function peerText(text) {
 // {text, cause, remedy} of an error. What another engine says stays as it is, and is marked: quoted.
 export function errorTexts(error) {
     const { source, text, cause, remedy } = error;
-    if (source === 'page') return { text: t(text), cause: cause && t(cause), remedy: remedy && t(remedy) };
+    if (source === 'page') return { text: t(text, error.values), cause: cause && t(cause), remedy: remedy && t(remedy) };
     const said = findCode(error.code)?.text === text || isOurs(text);
     if (source === 'engine' && !said) return { text, cause, remedy, quoted: true };
     if (currentLanguage() !== 'zh') return { text, cause, remedy };

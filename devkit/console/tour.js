@@ -1,7 +1,7 @@
 // A run through a guided flow: all steps at once or one after the other, with what each sent and
 // what came of it. It goes on while another view is open; flow_view.js shows it.
 
-import { Failure, sendToPeer } from './api.js';
+import { Failure, currentStay, sendToPeer } from './api.js';
 import { findRequest } from './catalogue.js';
 import { t } from './i18n.js';
 import { exchange } from './request_view.js';
@@ -24,6 +24,15 @@ async function askPeer(name, body, session) {
     }
 }
 
+// The values that a step sends on a state `s`; none where something lacks that they are made of.
+export function valuesOf(step, s) {
+    try {
+        return step.send(s);
+    } catch {
+        return {};
+    }
+}
+
 // Carries a step out on a flow's state `s`. Its record: {state: 'done' or 'failed', and as far as
 // the step has them sent, outcome, made, compared: [a, b]}.
 export async function runStep(step, s) {
@@ -32,9 +41,14 @@ export async function runStep(step, s) {
         const same = a !== null && b !== null && sameBytes(a, b);
         return { state: same ? 'done' : 'failed', compared: [a, b] };
     }
-    if (step.local) return { state: 'done', made: await step.local(s) };
-
-    const sent = step.send(s);
+    let sent;
+    try {
+        if (step.local) return { state: 'done', made: await step.local(s) };
+        sent = step.send(s);
+    } catch (failure) {
+        if (!(failure instanceof Failure)) throw failure;
+        return { state: 'failed', outcome: { ok: false, results: {}, error: failure.error } };
+    }
     const outcome = step.request ? await exchange(findRequest(step.request), sent) : await askPeer(step.peer, sent, s.session);
     const well = step.refused ? !outcome.ok && outcome.error.name === step.refused : outcome.ok;
     if (outcome.ok && !step.refused) step.keep?.(outcome.results, s);
@@ -52,14 +66,20 @@ export class Tour {
 
     restart() {
         this.at = 0;
+        this.isChanged = false;
         this.s = { ...this.inputs };
         this.records = this.flow.steps.map(() => ({ state: 'waiting' }));
     }
 
     setInput(name, value) {
         this.inputs[name] = value;
-        // What was typed since belongs to the next run.
-        this.at = 0;
+        // What was typed since belongs to the next run; one that is going on goes to its end.
+        this.isChanged = true;
+    }
+
+    // The step that is taken next.
+    get next() {
+        return this.isChanged ? 0 : this.at;
     }
 
     get failed() {
@@ -72,7 +92,7 @@ export class Tour {
 
     // Whether the next step goes on from the last one.
     get underWay() {
-        return this.at > 0 && !this.failed && !this.ended;
+        return this.next > 0 && !this.failed && !this.ended;
     }
 
     async step() {
@@ -93,11 +113,13 @@ export class Tour {
     async run(count) {
         if (this.running) return;
         if (!this.underWay) this.restart();
+        const stay = currentStay();
         this.running = true;
         this.onChange();
         try {
             for (let i = 0; i < count && !this.failed && !this.ended; ++i) {
                 if (i > 0) await pause();
+                stay.throwIfAborted();
                 await this.step();
             }
         } finally {

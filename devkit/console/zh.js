@@ -131,6 +131,11 @@ const own = {
     'Choose a smaller file, or start the host with a larger --body-bytes.':
         '选一个较小的文件，或用更大的 --body-bytes 启动主机。',
     'Send less, or start the host with a larger --body-bytes.': '减少数据，或用更大的 --body-bytes 启动主机。',
+    'This host’s engine has no known name for {name}.': '这台主机不知道 {name} 在其引擎中的编号。',
+    'Engines number differently: a host knows the names of the development engine’s numbers, or those of a file of names.':
+        '各引擎的编号不同：主机只知道开发引擎各编号的名称，或名称文件里给出的名称。',
+    'Choose something else, or start the host with “--names FILE”, which says what the numbers stand for.':
+        '请另选一项，或用“--names FILE”启动主机，由该文件说明各编号代表什么。',
     'A chosen file cannot be read.': '所选的文件无法读取。',
     'It was changed, moved or deleted after it was chosen.': '选定之后，文件被改动、移走或删除了。',
     'Choose the file again, then send.': '请重新选择文件，然后发送。',
