@@ -23,6 +23,9 @@ export const DOCUMENTS = [
     ['docs/embedding.md', 'The plug-in in a program of your own'],
 ];
 
+// Where the package corvane-doc installs them.
+export const DOCUMENTS_FOLDER = '/usr/share/doc/corvane';
+
 // Where "corvane-host serve" keeps the token unless it was told otherwise, and where the service
 // of the package does.
 export const TOKEN_FILE = '~/.local/state/corvane-host/token';

@@ -5,7 +5,7 @@ import { curlLine, tokenLine } from './command_lines.js';
 import { el } from './dom.js';
 import { flows } from './flows.js';
 import { t } from './i18n.js';
-import { DOCUMENTS } from './labels.js';
+import { DOCUMENTS, DOCUMENTS_FOLDER } from './labels.js';
 import { engineFacts, head } from './pages.js';
 import { drawLine } from './result.js';
 import { currentStatus, readyWorkers } from './status.js';
@@ -46,7 +46,7 @@ function documents() {
             [el('dt', {}, el('code', {}, name)), el('dd', {}, t(text))]).flat(),
         el('dt', {}, el('a', { href: '/openapi.json' }, el('code', {}, '/openapi.json'))),
         el('dd', {}, t('This interface for tools that make clients (OpenAPI 3.1)'))),
-        el('p', { class: 'muted' }, t('The documents lie in the source tree; the package corvane-doc installs them here:'), ' ', el('code', {}, '/usr/share/doc/corvane-doc')));
+        el('p', { class: 'muted' }, t('The documents lie in the source tree; the package corvane-doc installs them here:'), ' ', el('code', {}, DOCUMENTS_FOLDER)));
 }
 
 export class StartView {

@@ -9,7 +9,7 @@ import { curlLine, hostLine, quote } from '../../devkit/console/command_lines.js
 import { applies, choiceText, convertEntry, entrySize, entryValue, fault, fieldKind, isRequired, neededLength, neededText,
     offered, takesRandom, unusedText } from '../../devkit/console/entries.js';
 import { dataSize } from '../../devkit/console/i18n.js';
-import { SERVICE_TOKEN_FILE } from '../../devkit/console/labels.js';
+import { DOCUMENTS_FOLDER, SERVICE_TOKEN_FILE } from '../../devkit/console/labels.js';
 import { errorKind, kindHeading } from '../../devkit/console/outcomes.js';
 import { duration } from '../../devkit/console/result.js';
 import { bodySize, filesAreReadable, formParts, makeBody } from '../../devkit/console/sending.js';
@@ -370,6 +370,11 @@ describe('CommandLines', () => {
 test('The token file of the service is where its unit reads it', () => {
     const unit = readFileSync(new URL('../../debian/corvane-host.service.in', import.meta.url), 'utf8');
     assert.ok(unit.includes(`LoadCredential=token:${SERVICE_TOKEN_FILE}\n`));
+});
+
+test('The folder of the documents is that of their package', () => {
+    const pages = readFileSync(new URL('../../debian/corvane-doc.doc-base.http', import.meta.url), 'utf8');
+    assert.ok(pages.includes(`Index: ${DOCUMENTS_FOLDER}/reference/`));
 });
 
 test('Numbers without a name are offered behind those that have one, unless they are too many', () => {
