@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cctype>
 #include <nlohmann/json.hpp>
-#include <set>
 
 #include "common/library_mark.h"
 #include "host/catalogue/names.h"
@@ -97,57 +96,6 @@ TEST_F(NamesOfNumbers, NumbersAreSentAsTheyAreAndOtherTextsRefused)
     }
     EXPECT_EQ((Pairs{{"strCipherAlg", "aes-256"}}),
               (WrittenParameters{{"strCipherAlg=aes-256"}, ""}.read(nullptr)));
-}
-
-TEST(NamesInTheCatalogue, NoTwoChoicesShareOneAndNoneIsANumber)
-{
-    for (const RequestInfo& request : catalogue())
-        for (const Parameter& parameter : request.parameters) {
-            std::set<std::string> seen;
-            for (const Choice& choice : parameter.choices) {
-                EXPECT_FALSE(choice.names.empty());
-                for (const std::string& name : choice.names) {
-                    EXPECT_TRUE(seen.insert(foldedName(name)).second) << name;
-                    EXPECT_NE(std::string::npos, name.find_first_not_of("0123456789")) << name;
-                }
-            }
-        }
-}
-
-TEST(NamesInTheCatalogue, ParametersOfOneNameTakeTheSameNumbers)
-{
-    size_t count = 0;
-    for (const RequestInfo& request : catalogue())
-        for (const Parameter& parameter : request.parameters) {
-            EXPECT_TRUE(isParameterName(parameter.name));
-            const Allowed& allowed = parameter.allowed;
-            const Allowed* numbers = numbersOf(parameter.name);
-            const bool takesNumber =
-                allowed.kind == Allowed::Range || allowed.kind == Allowed::OneOf;
-            ASSERT_EQ(takesNumber, numbers != nullptr) << request.name << " " << parameter.name;
-            if (takesNumber) {
-                EXPECT_EQ(allowedText(allowed), allowedText(*numbers)) << parameter.name;
-            }
-            count += takesNumber ? 1 : 0;
-        }
-    EXPECT_GT(count, 20U);
-    EXPECT_FALSE(isParameterName("strNothing"));
-    EXPECT_EQ(nullptr, numbersOf("strNothing"));
-}
-
-TEST(NamesInTheCatalogue, TheNearestIsTheOneMeant)
-{
-    const Parameter& cipher = *findParameter(*findRequest("QZaven_crypto_encrypt"), "strCipherAlg");
-    for (const auto& [written, meant] : {std::pair("aes-265", "aes-256"),
-                                         {"AES256CBC", "aes-256"},
-                                         {"aes", "aes-128, aes-192 or aes-256"},
-                                         {"a", "sm4"},
-                                         {"256", "aes-256, aria-256 or camellia-256"},
-                                         {"3-des!", "3des"},
-                                         {"camelia-256", "camellia-256"},
-                                         {"sm-4!", "sm4"}})
-        EXPECT_EQ(meant, nearestChoices(cipher, written)) << written;
-    EXPECT_NE("", nearestChoices(cipher, std::string(100000, 'x')));
 }
 
 // ---- The whole way.
