@@ -127,7 +127,7 @@ function draw() {
         });
         drawPill();
         open();
-    }
+    } else if (view !== null) show(view);
 }
 
 // --- Views.
@@ -170,8 +170,8 @@ function go(address, field = '') {
 function signIn(failure, typed = false) {
     signedIn = false;
     stopWatching();
+    view = new SignInView(failure, typed, () => start(true));
     draw();
-    show(new SignInView(failure, typed, () => start(true)));
     main.querySelector('form').elements[0].focus();
 }
 

@@ -32,6 +32,7 @@ export class SignInView {
         this.failure = failure;
         this.typed = typed;
         this.onToken = onToken;
+        this.input = null;  // once it is drawn
     }
 
     get title() {
@@ -51,7 +52,10 @@ export class SignInView {
     draw() {
         // With a token at hand the host was at fault: asking again is all there is to do.
         const again = token() !== '';
-        const input = el('input', { id: 'token', type: 'password', autocomplete: 'off', autocapitalize: 'off', spellcheck: 'false', required: true });
+        // What was typed stays when the language changes.
+        const input = el('input', { id: 'token', type: 'password', autocomplete: 'off', autocapitalize: 'off', spellcheck: 'false', required: true,
+            value: this.input?.value ?? '' });
+        this.input = input;
         const form = el('form', { class: 'card sign-in', on: {
             submit: (event) => {
                 event.preventDefault();
