@@ -16,7 +16,7 @@ import { SignInView } from './sign_in_view.js';
 import { StartView } from './start_view.js';
 import { currentStatus, readyWorkers, stopWatching, watchStatus } from './status.js';
 import { askOtherTabs, tellSignedIn, tellSignedOut, watchOtherTabs } from './tabs.js';
-import { setToken, takeTokenFromAddress, token } from './token.js';
+import { canBeToken, setToken, takeTokenFromAddress, token } from './token.js';
 
 const THEME = 'corvane.theme';
 const THEMES = ['auto', 'light', 'dark'];
@@ -170,7 +170,10 @@ function go(address, field = '') {
 function signIn(failure, typed = false) {
     signedIn = false;
     stopWatching();
-    view = new SignInView(failure, typed, () => start(true));
+    view = new SignInView(failure, typed, () => start(true), () => {
+        setToken('');
+        signIn(null);
+    });
     draw();
     main.querySelector('form').elements[0].focus();
 }
@@ -190,9 +193,23 @@ function leave() {
     forget();
 }
 
+const noToken = {
+    code: 'no_token',
+    source: 'page',
+    text: 'This is no token.',
+    cause: '',
+    remedy: '',
+};
+
+// Whether the host, or this page before it, refused the token itself: 431 is for headers that are too large.
+function isTokenRefused({ status }) {
+    return status === 401 || status === 431;
+}
+
 // Asks the host with the token that there is; null if it answers, else the Failure.
 async function load() {
     if (token() === '') await askOtherTabs();
+    if (token() !== '' && !canBeToken(token())) return new Failure(401, noToken);
     try {
         setCatalogue(await getCatalogue());
         return null;
@@ -209,7 +226,7 @@ async function start(typed = false) {
     if (failure !== null) {
         // Without a token nothing was tried yet that could have failed.
         const unknown = failure.status === 401 && token() === '';
-        if (failure.status === 401) setToken('');
+        if (isTokenRefused(failure)) setToken('');
         signIn(unknown ? null : failure, typed);
         return;
     }

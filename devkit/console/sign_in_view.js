@@ -13,7 +13,7 @@ function reasonOf(failure, typed) {
     if (failure.status === 0)
         return [t('No host answers at {address}.', { address: location.origin }),
             t('Look into the terminal where “corvane-host serve” was started: it must still be running. Start it again if it has ended.')];
-    if (failure.status !== 401) return null;
+    if (failure.status !== 401 && failure.status !== 431) return null;
     return typed
         ? [t('The host does not take this token.'),
             t('Perhaps a part is missing, or it is the token of another host or an old one. Copy the whole line of the file, or open the link from the terminal.')]
@@ -26,12 +26,13 @@ function helpRow(term, ...text) {
 }
 
 // `failure` is why the last attempt failed, or null; `typed`, whether its token was just given, here
-// or by a link. `onToken` goes on with a new token.
+// or by a link. `onToken` goes on with a new token, or the same again; `onOther` drops the one at hand.
 export class SignInView {
-    constructor(failure, typed, onToken) {
+    constructor(failure, typed, onToken, onOther) {
         this.failure = failure;
         this.typed = typed;
         this.onToken = onToken;
+        this.onOther = onOther;
         this.input = null;  // once it is drawn
     }
 
@@ -50,7 +51,7 @@ export class SignInView {
     }
 
     draw() {
-        // With a token at hand the host was at fault: asking again is all there is to do.
+        // With a token at hand the host was at fault: it can be asked again.
         const again = token() !== '';
         // What was typed stays when the language changes.
         const input = el('input', { id: 'token', type: 'password', autocomplete: 'off', autocapitalize: 'off', spellcheck: 'false', required: true,
@@ -65,7 +66,8 @@ export class SignInView {
         } },
         again ? null : [el('label', { for: 'token' }, t('Token of the host, or the link from the terminal')), input],
         el('div', { class: 'form-actions' },
-            el('button', { type: 'submit', class: 'button primary' }, icon('arrow'), again ? t('Try again') : t('Sign in'))));
+            el('button', { type: 'submit', class: 'button primary' }, icon('arrow'), again ? t('Try again') : t('Sign in')),
+            again ? el('button', { type: 'button', class: 'button', on: { click: this.onOther } }, t('Use another token')) : null));
         const help = again ? null : el('section', { class: 'sign-in-help', 'aria-labelledby': 'where' },
             el('h2', { id: 'where' }, t('Where to find it')),
             el('dl', {},

@@ -21,6 +21,12 @@ function decoded(text) {
     }
 }
 
+// Whether a text can be a host's token at all. Browsers send no header with other characters, and
+// say of it what they say of a host that is gone.
+export function canBeToken(text) {
+    return /^[A-Za-z0-9._~+/=-]{1,512}$/.test(text);
+}
+
 // The token in what a person typed or pasted: itself, the link from the terminal, or a header.
 export function tokenIn(text) {
     const link = text.match(/#token=([^&\s]+)/);

@@ -54,6 +54,8 @@ const own = {
 
     'No answer yet': '尚无应答',
     'Try again': '重试',
+    'Use another token': '使用另一个令牌',
+    'This is no token.': '这不是令牌。',
     'Token of the host, or the link from the terminal': '主机的令牌，或终端里的链接',
     'No host answers at {address}.': '{address} 没有主机应答。',
     'Look into the terminal where “corvane-host serve” was started: it must still be running. Start it again if it has ended.':

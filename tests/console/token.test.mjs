@@ -53,4 +53,58 @@ describe('Before the sign-in', () => {
         await page.getByRole('button', { name: '重试' }).click();
         await page.waitForSelector(READY);
     }, [0]));
+
+    const REFUSED = /^The host does not take this token\..*Copy the whole line of the file/;
+    const noTokens = [['a foreign character', 'tökén'], ['a quotation mark', '“0123456789abcdef0123456789abcdef”'],
+        ['a word too many', 'cat 0123456789abcdef'], ['20,000 characters', 'a'.repeat(20000)]];
+
+    for (const [what, text] of noTokens)
+        test(`What has ${what} is no token, is not kept, and can be put right`, withPage(async () => {
+            await page.goto(host.origin);
+            await page.locator('#token').fill(text);
+            await page.keyboard.press('Enter');
+            await page.waitForSelector('.error-card');
+            assert.match(await page.locator('.error-card').textContent(), REFUSED);
+            assert.deepEqual(await page.evaluate(() => ({ ...sessionStorage })), {});
+            await page.locator('#token').fill(host.token);
+            await page.keyboard.press('Enter');
+            await page.waitForSelector(READY);
+        }, [401]));
+
+    test('A link with what is no token does not lock the tab', withPage(async () => {
+        await page.goto(`${host.origin}/#token=%E4%B8%AD`);
+        await page.waitForSelector('.error-card');
+        assert.match(await page.locator('.error-card').textContent(), REFUSED);
+        await page.reload();
+        await page.waitForSelector('#token');
+    }, [401]));
+
+    test('What lies in the storage and is no token goes', withPage(async () => {
+        await page.goto(host.origin);
+        await page.waitForSelector('#token');
+        await page.evaluate(() => sessionStorage.setItem('corvane.token', 'tökén'));
+        await page.reload();
+        await page.waitForSelector('#token');
+        assert.deepEqual(await page.evaluate(() => ({ ...sessionStorage })), {});
+    }, [401]));
+
+    test('Headers that are too large for the host are its word on the token', withPage(async () => {
+        await page.route('**/v1/catalogue', (route) => route.fulfill({ status: 431,
+            json: { error: { code: 'headers_too_large', source: 'host', text: 'the headers are larger', cause: '', remedy: '' } } }));
+        await page.goto(host.url);
+        await page.waitForSelector('.error-card');
+        assert.match(await page.locator('.error-card').textContent(), REFUSED);
+        assert.equal(await page.locator('#token').count(), 1);
+        assert.deepEqual(await page.evaluate(() => ({ ...sessionStorage })), {});
+    }, [431]));
+
+    test('Where no host answers, another token can be given', withPage(async () => {
+        await page.route('**/v1/catalogue', (route) => route.abort());
+        await page.goto(host.url);
+        await page.getByRole('button', { name: 'Use another token' }).click();
+        await page.unroute('**/v1/catalogue');
+        await page.locator('#token').fill(host.token);
+        await page.keyboard.press('Enter');
+        await page.waitForSelector(READY);
+    }, [0]));
 });
