@@ -1,5 +1,6 @@
-// An entry is what a person gave for one parameter: {how, text, file}. `how` is text, hex,
-// base64 or file; `file` is the browser's File, which nobody reads here, or null. These functions
+// An entry is what a person gave for one parameter: {how, text, file, before}. `how` is text, hex,
+// base64 or file; `file` is the browser's File, which nobody reads here, or null; `before`, where
+// it is there, is the entry that this form cannot show, so that it is empty. These functions
 // turn entries into bytes and into values of the API, and say what is wrong with them. Nothing
 // here touches the page.
 
@@ -36,16 +37,38 @@ export function entrySize(entry) {
     return entry.how === 'file' ? entry.file.size : entryBytes(entry)?.length ?? null;
 }
 
-// The same bytes in another form, as far as that can show them. A file waits until files are
+// Longer values are not written anew at a click.
+const MOST_CONVERTED = 65536;  // bytes
+
+// The same bytes in another form. What stands for none in its own form was meant in another one:
+// its characters stay. What a form cannot show waits in `before`. A file waits until files are
 // chosen again.
 export function convertEntry(entry, how) {
-    const { file } = entry;
-    if (isEmpty(entry) || how === 'file') return { ...entry, how };
-    const bytes = entry.how === 'file' ? null : entryBytes(entry);
-    if (bytes === null || bytes.length > 65536) return { how, text: '', file };
+    const { file, before } = entry;
+    if (how === entry.how) return entry;
+    if (how === 'file') return { how, text: '', file, before: isEmpty(entry) ? before : entry };
+    if (entry.text === '') return before ? { ...convertEntry(before, how), file } : { how, text: '', file };
+    const bytes = entryBytes(entry);
+    if (bytes === null) return { how, text: entry.text, file };
+    const hidden = { how, text: '', file, before: entry };
+    if (bytes.length > MOST_CONVERTED) return hidden;
     if (how === 'hex') return { how, text: toHex(bytes), file };
     if (how === 'base64') return { how, text: toBase64(bytes), file };
-    return { how, text: textOf(bytes) ?? '', file };
+    const text = textOf(bytes);
+    return text === null ? hidden : { how, text, file };
+}
+
+// Shorter texts may look like anything.
+const LEAST_LIKELY = 16;  // characters
+
+// The form that a pasted text seems to have, where that is another one than its field's: hex or
+// base64; else ''. Hex digits are Base64, too, but nobody's Base64 has nothing else.
+export function likelyForm({ how, text }) {
+    if (how === 'file' || text.length < LEAST_LIKELY || /^\s*-----BEGIN/.test(text)) return '';
+    if (how !== 'hex' && fromHex(text) !== null) return 'hex';
+    if (how === 'base64' || fromHex(text) !== null || fromBase64(text) === null) return '';
+    const isMixed = /[A-Z]/.test(text) && /[a-z]/.test(text) && /[0-9]/.test(text);
+    return isMixed || /=\s*$/.test(text) ? 'base64' : '';
 }
 
 // Forms whose values are Base64 of bytes on their way to the plug-in.

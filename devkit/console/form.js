@@ -2,8 +2,9 @@
 // is filled in. What is filled in lives in the entries; a form can be drawn from them anew.
 
 import { announce, el, newId } from './dom.js';
-import { applies, choiceText, convertEntry, entrySize, fault, fieldKind, givenOf, isEmpty, isRequired, neededBlocks, neededLength,
-    neededText, offered, takesRandom, takesUpload, unusedText } from './entries.js';
+import { applies, choiceText, convertEntry, entrySize, fault, fieldKind, givenOf, isEmpty,
+    isRequired, likelyForm, neededBlocks, neededLength, neededText, offered, takesRandom,
+    takesUpload, unusedText } from './entries.js';
 import { warningText } from './host_texts.js';
 import { capitalised, dataSize, sentence, t } from './i18n.js';
 import { openSessions } from './memory.js';
@@ -52,17 +53,19 @@ class Field {
         this.form = form;
         this.kind = fieldKind(parameter);
         this.checked = false;
+        this.pasted = false;  // what stands in it, at one go
         this.id = newId('field');
         this.control = el('div', { class: 'control' });
         this.foot = el('div', { class: 'field-foot' });
         this.size = el('span', { class: 'size', id: `${this.id}-size` });
         this.problem = el('p', { class: 'problem', id: `${this.id}-problem` });
         this.warning = el('p', { class: 'warning', id: `${this.id}-warning` });
+        this.offer = el('p', { class: 'offer', role: 'status', data: { how: '' } });
         this.need = el('span', { class: 'need' });
         this.unused = el('p', { class: 'unused' });
         const [label, ...help] = sentence(parameter.meaning).split(/; |；/);
         this.help = el('p', { class: 'help', id: `${this.id}-help` }, capitalised(help.join('; ')));
-        this.body = el('div', {}, this.control, this.foot, this.problem, this.warning, this.help);
+        this.body = el('div', {}, this.control, this.foot, this.offer, this.problem, this.warning, this.help);
         const wide = this.kind !== 'choice' && this.kind !== 'number';
         this.element = el('div', { class: wide ? 'field wide' : 'field', data: { parameter: parameter.name } },
             el('div', { class: 'field-head' },
@@ -88,9 +91,32 @@ class Field {
         this.form.changed(this);
     }
 
-    typed(text) {
-        this.entry = { ...this.entry, text };
+    // `way` is the browser's name of how the text came.
+    typed(text, way = '') {
+        this.entry = { how: this.entry.how, text, file: this.entry.file };
+        this.pasted = /^insertFrom(Paste|Drop)/.test(way);
         this.form.changed(this);
+    }
+
+    // After a paste: the form that the text seems to be in, or ''.
+    get offered() {
+        return this.kind === 'bytes' && this.pasted ? likelyForm(this.entry) : '';
+    }
+
+    // Takes the same characters for what they seem to be.
+    readAs(how) {
+        this.pasted = false;
+        this.put({ ...this.entry, how });
+        this.input.focus();
+    }
+
+    drawOffer() {
+        const how = this.offered;
+        if (how === this.offer.dataset.how) return;
+        this.offer.dataset.how = how;
+        this.offer.replaceChildren(...(how === '' ? [] : [
+            el('span', {}, t('This looks like {form}.', { form: t(HOW_TEXTS[how]) })),
+            chip(t('Read it so'), () => this.readAs(how))]));
     }
 
     draw() {
@@ -117,7 +143,9 @@ class Field {
         if (options === null) return null;
         const label = t('How {parameter} is given', { parameter: this.parameter.name });
         return segments(label, options, this.entry.how, (how) => {
-            this.entry = convertEntry(this.entry, how);
+            // Who was told what it looks like, and chooses that, means the characters as they are.
+            this.entry = how === this.offered ? { ...this.entry, how } : convertEntry(this.entry, how);
+            this.pasted = false;
             this.draw();
             this.form.changed(this);
             this.control.querySelector('input:checked').focus();
@@ -126,7 +154,7 @@ class Field {
 
     makeInput() {
         const { parameter, entry } = this;
-        const onInput = { input: (event) => this.typed(event.target.value) };
+        const onInput = { input: (event) => this.typed(event.target.value, event.inputType) };
         const plain = { autocomplete: 'off', spellcheck: 'false', autocapitalize: 'off' };
         if (this.kind === 'choice') return this.makeSelect();
         if (entry.how === 'file') {
@@ -222,6 +250,7 @@ class Field {
         this.need.classList.toggle('is-required', isRequired(this.parameter, this.form.valueOf));
         if (this.needed()?.usual !== this.chipsFor) this.drawChips();
         this.size.textContent = this.sizeText();
+        this.drawOffer();
         if (this.input.tagName === 'TEXTAREA') grow(this.input);
 
         const found = this.fault();

@@ -79,6 +79,8 @@ const own = {
 
     // Form.
     'Parameters': '参数',
+    'This looks like {form}.': '这看起来是 {form}。',
+    'Read it so': '按此读取',
     'This request takes no parameters.': '此请求没有参数。',
     'If the answer is lost': '应答丢失时',
     'Text': '文本',

@@ -1,0 +1,78 @@
+// What a field takes, and in which form: pasted values, the forms that fields start with, values that
+// have no use beside others.
+
+import assert from 'node:assert/strict';
+import { after, before, describe, test } from 'node:test';
+
+import { closeBrowser, field, fill, fillAll, openBrowser, openRequest, signedIn } from './browser.mjs';
+import { startHost } from './host.mjs';
+
+const KEY = 'AAECAwQFBgcICQoLDA0ODw==';  // of 16 bytes
+
+describe('Fields', () => {
+    let host = null;
+    let page = null;
+
+    before(async () => {
+        host = await startHost();
+        await openBrowser();
+    });
+    after(async () => {
+        await closeBrowser();
+        await host.stop();
+    });
+
+    const onPage = (work) => async () => {
+        page = await signedIn(host);
+        await work();
+        await page.finish();
+    };
+    const paste = async (parameter, text) => {
+        await page.evaluate((content) => navigator.clipboard.writeText(content), text);
+        await field(page, parameter).locator('textarea').focus();
+        await page.keyboard.press('Control+V');
+    };
+    const choose = (parameter, form) => field(page, parameter).locator('.segments').getByText(form, { exact: true }).click();
+    const given = (parameter) => field(page, parameter).locator('textarea').inputValue();
+    const form = (parameter) => field(page, parameter).locator('.segments input:checked').getAttribute('value');
+    const problem = (parameter) => field(page, parameter).locator('.problem').textContent();
+
+    test('A key in Base64 that is pasted as hex can be read as Base64', onPage(async () => {
+        await openRequest(page, 'QZaven_crypto_hmac');
+        assert.equal(await form('strKey'), 'hex');
+        await paste('strKey', KEY);
+        assert.equal(await field(page, 'strKey').locator('.offer span').textContent(), 'This looks like Base64.');
+        await field(page, 'strKey').getByRole('button', { name: 'Read it so' }).click();
+        assert.deepEqual([await given('strKey'), await form('strKey'), await problem('strKey')], [KEY, 'base64', '']);
+        assert.equal(await field(page, 'strKey').locator('.size').textContent(), '16 bytes');
+        assert.equal(await field(page, 'strKey').locator('.offer').textContent(), '');
+        assert.equal(await field(page, 'strKey').locator('textarea').evaluate((area) => area === document.activeElement), true);
+    }));
+
+    test('What stands for no bytes keeps its characters in another form', onPage(async () => {
+        await openRequest(page, 'QZaven_crypto_hmac');
+        await fill(page, 'strKey', { hex: KEY });
+        assert.match(await problem('strKey'), /not a hex digit/);
+        await choose('strKey', 'Base64');
+        assert.deepEqual([await given('strKey'), await problem('strKey')], [KEY, '']);
+        // Bytes that are no text come back, too.
+        await fill(page, 'strKey', { hex: 'ff00' });
+        await choose('strKey', 'Text');
+        assert.equal(await given('strKey'), '');
+        await choose('strKey', 'Hex');
+        assert.equal(await given('strKey'), 'ff00');
+    }));
+
+    test('Base64 that was pasted as text is not encoded once more', onPage(async () => {
+        await openRequest(page, 'QZaven_crypto_hmac');
+        assert.equal(await form('strdata'), 'text');
+        await paste('strdata', KEY);
+        assert.equal(await field(page, 'strdata').locator('.offer span').textContent(), 'This looks like Base64.');
+        await choose('strdata', 'Base64');
+        assert.equal(await given('strdata'), KEY);
+        // What was typed as text stays text.
+        await fill(page, 'strdata', 'typed by hand, 16');
+        await choose('strdata', 'Base64');
+        assert.equal(await given('strdata'), Buffer.from('typed by hand, 16').toString('base64'));
+    }));
+});
