@@ -4,6 +4,7 @@
 // turn entries into bytes and into values of the API, and say what is wrong with them. Nothing
 // here touches the page.
 
+import { requests } from './catalogue.js';
 import { bareBase64, bareHex, fromBase64, fromHex, sameBytes, textOf, toBase64, toHex, utf8 } from './values.js';
 import { number, t } from './i18n.js';
 
@@ -104,6 +105,14 @@ export function takesUpload(parameter) {
     return parameter.form === 'path' && /file$/i.test(parameter.name);
 }
 
+// The form in which a field starts. What other calls or the peer made is shown as Base64, and is
+// most often pasted so.
+export function firstForm(parameter) {
+    if (takesRandom(parameter)) return 'hex';
+    const isMade = /^(the )?(ciphertext|tag|envelope|server's)\b/.test(parameter.meaning);
+    return parameter.form === 'base64' && isMade ? 'base64' : 'text';
+}
+
 // Whether random bytes make sense: keys, initial values.
 export function takesRandom(parameter) {
     return parameter.form === 'base64' &&
@@ -126,6 +135,14 @@ export function neededBlocks(request, parameter, valueOf) {
     return (chosenFact(request, 'wholeBlocks', valueOf) && chosenFact(request, 'blockBytes', valueOf)) || 0;
 }
 
+// A tag that a request takes is as long as another request may make it; null for what is no tag.
+function tagLength(parameter) {
+    if (!/^the tag\b/.test(parameter.meaning)) return null;
+    const made = requests().flatMap((request) => request.parameters)
+        .find(({ meaning, range }) => range && /^length of the tag\b/.test(meaning));
+    return made ? { least: made.range[0], most: made.range[1], usual: Number(made.default) } : null;
+}
+
 // How many bytes a parameter needs beside the other values: {least, most, usual}, or null where
 // that is not known. A key's length follows from the cipher, an initial value's from mode and cipher.
 export function neededLength(request, parameter, valueOf) {
@@ -135,7 +152,7 @@ export function neededLength(request, parameter, valueOf) {
         const keyBytes = chosen('keyBytes');
         return keyBytes === undefined ? null : exactly(keyBytes);
     }
-    if (parameter.length !== 'iv') return null;
+    if (parameter.length !== 'iv') return tagLength(parameter);
     const iv = chosen('iv');
     const blockBytes = chosen('blockBytes');
     if (iv === 'block') return blockBytes === undefined ? null : exactly(blockBytes);

@@ -2,8 +2,9 @@
 // answers may hold secrets. A reload keeps what the catalogue says is none: choices, numbers and
 // names of files on the host lie in sessionStorage meanwhile. The history holds no values at all.
 
-import { handleOf, requests } from './catalogue.js';
-import { emptyEntry, givenOf, sameGiven, takesRandom } from './entries.js';
+import { firstForm, givenOf, handleOf, requests } from './catalogue.js';
+import { emptyEntry,
+    sameGiven, takesRandom } from './entries.js';
 
 const STORED = 'corvane.forms';
 
@@ -28,7 +29,7 @@ function mayBeKept(parameter, entry) {
 function firstEntry(request, parameter) {
     const text = kept[request.name]?.[parameter.name];
     if (text !== undefined && parameter.secret === false) return { ...emptyEntry(), text };
-    return emptyEntry(takesRandom(parameter) ? 'hex' : 'text');
+    return emptyEntry(firstForm(parameter));
 }
 
 // {entries: Map of parameter names to entries, outcome: of the last call or null, sent: what that

@@ -75,4 +75,26 @@ describe('Fields', () => {
         await choose('strdata', 'Base64');
         assert.equal(await given('strdata'), Buffer.from('typed by hand, 16').toString('base64'));
     }));
+
+    test('What other calls made starts as Base64', onPage(async () => {
+        const made = [['crypto_decrypt', ['strdata', 'strtag']], ['crypto_private_decrypt', ['strdata']],
+            ['crypto_envelope_decrypt', ['strEncdata']], ['wbsm4_decrypt', ['strdata']], ['ke_decrypt', ['strcipher']],
+            ['ke_client_key_exchange', ['strSrvr_rand', 'strSrvr_sig_cert', 'strSrvr_enc_cert', 'strSrvr_sign']]];
+        for (const [name, parameters] of made) {
+            await openRequest(page, `QZaven_${name}`);
+            for (const parameter of parameters) assert.equal(await form(parameter), 'base64', `${name} ${parameter}`);
+        }
+        await openRequest(page, 'QZaven_crypto_decrypt');
+        assert.equal(await form('straad'), 'text');
+        await openRequest(page, 'QZaven_crypto_encrypt');
+        assert.deepEqual([await form('strdata'), await form('strKey')], ['text', 'hex']);
+    }));
+
+    test('A tag that is too long is seen before it is sent', onPage(async () => {
+        await openRequest(page, 'QZaven_crypto_decrypt');
+        await fillAll(page, { strCipherAlg: '2', strMode: '6', strtag: { hex: '00'.repeat(24) } });
+        assert.equal(await problem('strtag'), '4 to 16 bytes needed, usually 16, 24 given.');
+        await fill(page, 'strtag', { hex: '00'.repeat(16) });
+        assert.equal(await problem('strtag'), '');
+    }));
 });
