@@ -5,8 +5,21 @@ import { Failure } from './api.js';
 
 let content = { requests: [], codes: [] };
 
+// The parameter that pads data to whole blocks.
+export const PADDING = 'strCipherPadding';
+
+// Only modes of whole blocks heed a padding. That is a condition for the page, as the host has for
+// others: the padding gets a `usedWhen` {parameter, isNoneOf}.
+function withPaddingUse(request) {
+    const mode = request.parameters.find(({ choices }) => choices?.some((row) => row.wholeBlocks));
+    if (mode === undefined) return request;
+    const usedWhen = { parameter: mode.name, isNoneOf: mode.choices.filter((row) => !row.wholeBlocks).map((row) => row.value) };
+    const parameters = request.parameters.map((parameter) => (parameter.name === PADDING ? { ...parameter, usedWhen } : parameter));
+    return { ...request, parameters };
+}
+
 export function setCatalogue(json) {
-    content = json;
+    content = { ...json, requests: json.requests.map(withPaddingUse) };
 }
 
 export function requests() {

@@ -4,7 +4,7 @@
 // turn entries into bytes and into values of the API, and say what is wrong with them. Nothing
 // here touches the page.
 
-import { requests } from './catalogue.js';
+import { PADDING, requests } from './catalogue.js';
 import { bareBase64, bareHex, fromBase64, fromHex, sameBytes, textOf, toBase64, toHex, utf8 } from './values.js';
 import { number, t } from './i18n.js';
 
@@ -130,7 +130,7 @@ function chosenFact(request, member, valueOf) {
 // The bytes of the blocks that a parameter must be made of; 0 where it may have any length.
 export function neededBlocks(request, parameter, valueOf) {
     const { wholeBlocks } = parameter;
-    const isPadded = !['', '0'].includes(valueOf('strCipherPadding'));
+    const isPadded = !['', '0'].includes(valueOf(PADDING));
     if (wholeBlocks === undefined || (wholeBlocks === 'unless-padded' && isPadded)) return 0;
     return (chosenFact(request, 'wholeBlocks', valueOf) && chosenFact(request, 'blockBytes', valueOf)) || 0;
 }
@@ -175,18 +175,19 @@ function useOf({ requiredWhen, usedWhen }) {
 }
 
 // Why a parameter has no use beside the other values, in the words of its condition.
-export function unusedText(request, parameter) {
+export function unusedText(request, parameter, valueOf) {
     const condition = useOf(parameter);
     const other = request.parameters.find(({ name }) => name === condition.parameter);
-    const value = condition.is ?? condition.isNot;
+    const value = condition.is ?? condition.isNot ?? valueOf(condition.parameter);
     const row = other?.choices?.find((choice) => choice.value === value);
     const choice = row?.text ? t(row.text) : `${condition.parameter} ${value}`;
     return 'is' in condition ? t('Used with {choice} only.', { choice }) : t('Not used with {choice}.', { choice });
 }
 
-// Whether a condition of the catalogue ({parameter, is} or {parameter, isNot}) holds.
+// Whether a condition of the catalogue ({parameter, is}, {parameter, isNot} or {parameter, isNoneOf}) holds.
 function holds(condition, valueOf) {
     const value = valueOf(condition.parameter);
+    if ('isNoneOf' in condition) return !condition.isNoneOf.includes(value);
     return 'is' in condition ? value === condition.is : value !== condition.isNot;
 }
 

@@ -245,7 +245,7 @@ class Field {
         this.body.hidden = !used;
         this.unused.hidden = used;
         this.element.classList.toggle('is-unused', !used);
-        this.unused.textContent = used ? '' : unusedText(this.form.request, this.parameter);
+        this.unused.textContent = used ? '' : unusedText(this.form.request, this.parameter, this.form.valueOf);
         this.need.textContent = this.needText(used);
         this.need.classList.toggle('is-required', isRequired(this.parameter, this.form.valueOf));
         if (this.needed()?.usual !== this.chipsFor) this.drawChips();

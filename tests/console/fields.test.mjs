@@ -97,4 +97,22 @@ describe('Fields', () => {
         await fill(page, 'strtag', { hex: '00'.repeat(16) });
         assert.equal(await problem('strtag'), '');
     }));
+
+    test('A padding has no use with modes that take any length', onPage(async () => {
+        await openRequest(page, 'QZaven_crypto_encrypt');
+        const unused = () => field(page, 'strCipherPadding').locator('.unused').textContent();
+        assert.equal(await unused(), '');
+        await fillAll(page, { strCipherAlg: '2', strMode: '2', strCipherPadding: '1' });
+        assert.equal(await unused(), '');
+        assert.match(await page.locator('#host-line').textContent(), /strCipherPadding=1/);
+        for (const [mode, text] of [['3', 'CFB'], ['4', 'OFB'], ['5', 'CTR'], ['6', 'GCM']]) {
+            await fill(page, 'strMode', mode);
+            assert.equal(await unused(), `Not used with ${text}.`);
+            assert.equal(await field(page, 'strCipherPadding').locator('select').isVisible(), false);
+        }
+        assert.doesNotMatch(await page.locator('#host-line').textContent(), /strCipherPadding/);
+        // The choice waits for a mode that heeds it.
+        await fill(page, 'strMode', '1');
+        assert.equal(await field(page, 'strCipherPadding').locator('select').inputValue(), '1');
+    }));
 });
