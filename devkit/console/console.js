@@ -8,7 +8,7 @@ import { forgetExchanges } from './exchange_guide.js';
 import { findFlow } from './flows.js';
 import { FlowView, forgetTours } from './flow_view.js';
 import { chooseLanguage, currentLanguage, setLanguage, t } from './i18n.js';
-import { forgetEverything, keepForms, restoreForms } from './memory.js';
+import { forgetEverything, forgetSecrets, keepForms, restoreForms } from './memory.js';
 import { Navigation } from './navigation.js';
 import { HistoryView, StatusView } from './pages.js';
 import { RequestView } from './request_view.js';
@@ -166,14 +166,15 @@ function go(address, field = '') {
 
 // --- Coming and leaving.
 
-// `typed` tells whether the token that failed was just given, at the sign-in or by the address.
-function signIn(failure, typed = false) {
+// `typed` tells whether the token that failed was just given, at the sign-in or by the address;
+// `elsewhere`, whether another tab signed out this one.
+function signIn(failure, typed = false, elsewhere = false) {
     signedIn = false;
     stopWatching();
     view = new SignInView(failure, typed, () => start(true), () => {
         setToken('');
         signIn(null);
-    });
+    }, elsewhere);
     draw();
     main.querySelector('form').elements[0].focus();
 }
@@ -186,6 +187,15 @@ function forget() {
     forgetTours();
     forgetExchanges();
     signIn(null);
+}
+
+// For a tab that another one signed out: what was chosen in its forms is there again after the next
+// sign-in, secrets are not.
+function forgetSecretsAlone() {
+    forgetSecrets();
+    forgetTours();
+    forgetExchanges();
+    signIn(null, false, true);
 }
 
 function leave() {
@@ -252,7 +262,7 @@ window.addEventListener('unhandledrejection', (event) => {
 watchOtherTabs({
     isSignedIn: () => signedIn,
     onSignedIn: () => { if (!starting) start(); },
-    onSignedOut: forget,
+    onSignedOut: forgetSecretsAlone,
 });
 
 // The page may go without a word when it is hidden, on phones above all.

@@ -53,8 +53,8 @@ export function forgetForm(request) {
     delete kept[request.name];
 }
 
-// Puts aside what the forms may keep over a reload; called when the page goes.
-export function keepForms() {
+// Notes what the forms may keep: `kept`.
+function noteKept() {
     for (const request of requests()) {
         const form = forms.get(request.name);
         if (form === undefined) continue;
@@ -65,6 +65,11 @@ export function keepForms() {
         if (values.length > 0) kept[request.name] = Object.fromEntries(values);
         else delete kept[request.name];
     }
+}
+
+// Puts aside what the forms may keep over a reload; called when the page goes.
+export function keepForms() {
+    noteKept();
     if (Object.keys(kept).length > 0) sessionStorage.setItem(STORED, JSON.stringify(kept));
     else sessionStorage.removeItem(STORED);
 }
@@ -101,8 +106,14 @@ export function clearHistory() {
 }
 
 export function forgetEverything() {
-    forms.clear();
+    forgetSecrets();
     kept = {};
+}
+
+// All goes but what the forms may keep, which waits in memory alone.
+export function forgetSecrets() {
+    noteKept();
+    forms.clear();
     sessionStorage.removeItem(STORED);
     sessions.clear();
     calls.length = 0;

@@ -26,13 +26,14 @@ function helpRow(term, ...text) {
 }
 
 // `failure` is why the last attempt failed, or null; `typed`, whether its token was just given, here
-// or by a link. `onToken` goes on with a new token, or the same again; `onOther` drops the one at hand.
+// or by a link. `onToken` goes on with a new token, or the same again; `onOther` drops the one at hand. `elsewhere`: another tab signed out this one.
 export class SignInView {
-    constructor(failure, typed, onToken, onOther) {
+    constructor(failure, typed, onToken, onOther, elsewhere = false) {
         this.failure = failure;
         this.typed = typed;
         this.onToken = onToken;
         this.onOther = onOther;
+        this.elsewhere = elsewhere;
         this.input = null;  // once it is drawn
     }
 
@@ -41,6 +42,8 @@ export class SignInView {
     }
 
     drawFailure() {
+        if (this.elsewhere)
+            return el('p', { class: 'card', role: 'status' }, t('You signed out in another tab. What was chosen in the forms of this one is kept; keys, data and passwords are not.'));
         if (!this.failure) return null;
         const { error } = this.failure;
         const reason = reasonOf(this.failure, this.typed);

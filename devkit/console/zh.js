@@ -63,6 +63,8 @@ const own = {
     'The host does not take this token.': '主机不接受这个令牌。',
     'Perhaps a part is missing, or it is the token of another host or an old one. Copy the whole line of the file, or open the link from the terminal.':
         '可能少了一段，或者是另一台主机的令牌、旧的令牌。请复制文件中的整行，或打开终端里的链接。',
+    'You signed out in another tab. What was chosen in the forms of this one is kept; keys, data and passwords are not.':
+        '您已在另一个标签页退出。此标签页表单中选择的内容仍保留；密钥、数据和口令不保留。',
     'You were signed out: the host does not take this tab’s token any longer.': '您已退出：主机不再接受此标签页的令牌。',
     'Its token was replaced, or another host runs at this address now. Open the link from the terminal, or paste the new token.':
         '令牌已更换，或此地址上换了另一台主机。请打开终端里的链接，或粘贴新的令牌。',

@@ -3,7 +3,7 @@
 import assert from 'node:assert/strict';
 import { after, before, describe, test } from 'node:test';
 
-import { closeBrowser, newPage, openBrowser } from './browser.mjs';
+import { closeBrowser, field, fillAll, newPage, openBrowser, openRequest, signedIn } from './browser.mjs';
 import { startHost } from './host.mjs';
 
 const READY = '.pill[data-state="ok"]';
@@ -107,4 +107,27 @@ describe('Before the sign-in', () => {
         await page.keyboard.press('Enter');
         await page.waitForSelector(READY);
     }, [0]));
+
+    test('A tab that another one signed out says so, and keeps choices but no secrets', async () => {
+        page = await signedIn(host, {}, [401]);
+        await openRequest(page, 'QZaven_crypto_encrypt');
+        await fillAll(page, { strCipherAlg: '4', strMode: '6', strKey: { hex: '00'.repeat(32) }, strdata: 'a secret text' });
+        const other = await page.context().newPage();
+        await other.goto(host.origin);
+        await other.waitForSelector(READY);
+        await other.getByRole('button', { name: 'Sign out' }).click();
+        await page.waitForSelector('#token');
+        assert.match(await page.locator('[role="status"].card').textContent(), /^You signed out in another tab\./);
+        assert.equal(await other.locator('[role="status"].card').count(), 0);
+        assert.deepEqual(await page.evaluate(() => ({ ...sessionStorage })), {});
+        // After the next sign-in.
+        await page.locator('#token').fill(host.token);
+        await page.keyboard.press('Enter');
+        await page.waitForSelector(READY);
+        assert.equal(await heading(), 'QZaven_crypto_encrypt');
+        const given = await Promise.all(['strCipherAlg', 'strMode', 'strKey', 'strdata'].map((parameter) =>
+            field(page, parameter).locator('.control > select, .control > textarea').inputValue()));
+        assert.deepEqual(given, ['4', '6', '', '']);
+        await page.finish();
+    });
 });
