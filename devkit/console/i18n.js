@@ -34,6 +34,11 @@ export function t(english, values = {}) {
     return filled(language === 'zh' ? chinese[english] ?? english : english, values);
 }
 
+// A text in both languages: whichever the page has, it can be found by words of the other.
+export function inBoth(english) {
+    return [english, chinese[english] ?? english];
+}
+
 // Whether a text is one of this product's, so that it has another language.
 export function isOurs(english) {
     return Object.hasOwn(chinese, english);

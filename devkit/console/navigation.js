@@ -1,11 +1,13 @@
 // The list of what there is: the guided flows and the requests in their groups, which open and
 // close, with a search. Arrow keys go through what can be seen of it.
 
-import { groups } from './catalogue.js';
+import { findCode, groups, requests } from './catalogue.js';
 import { el, icon, newId } from './dom.js';
 import { flows } from './flows.js';
-import { capitalised, t } from './i18n.js';
-import { found, searchTerms } from './search.js';
+import { errorTexts } from './host_texts.js';
+import { capitalised, inBoth, t } from './i18n.js';
+import { fillForm } from './prefill.js';
+import { found, searchTerms, spokenName } from './search.js';
 
 // What most people come for stands first. Groups that are not here follow in the catalogue's order.
 const ORDER = [
@@ -39,20 +41,47 @@ function flowEntry(flow) {
         address: `#/flow/${flow.id}`,
         name: t(title),
         code: '',
-        terms: searchTerms([], [title, summary, intro, ...options, t(title), t(summary), t(intro)]),
+        terms: searchTerms([], [title, summary, intro, ...options].flatMap(inBoth)),
     };
 }
 
 function requestEntry(request) {
     const choices = request.parameters.flatMap((parameter) => parameter.choices ?? []);
-    const names = choices.flatMap(({ name = '', text = '', names: spellings = [] }) => [name, text, t(text), ...spellings]);
+    const names = choices.flatMap(({ name = '', text = '', names: spellings = [] }) => [name, ...inBoth(text), ...spellings]);
+    const spoken = request.parameters.flatMap(({ name }) => [name, spokenName(name)]);
     const { group, summary, keywords = '' } = request;
     return {
         address: `#/request/${request.name}`,
         name: requestTitle(request),
         code: shortName(request.name),
-        terms: searchTerms([request.name, ...names], [summary, t(summary), group, t(group), keywords, t(keywords)]),
+        terms: searchTerms([request.name, ...names, ...spoken], [summary, group, keywords].flatMap(inBoth)),
     };
+}
+
+// The error code that a search is for, with or without its sign; undefined if for none.
+function searchedCode(query) {
+    const [, digits] = query.trim().match(/^[-−–]?(\d+)$/) ?? [];
+    return findCode(`-${digits}`) ?? findCode(digits);
+}
+
+// What a code means, and the way to the request that asks the engine for it, with its form filled in.
+function drawCode(row) {
+    const code = String(row.code);
+    const { text, cause } = errorTexts({ source: 'engine', ...row, code });
+    const asks = ({ meaning }) => /^error code\b/.test(meaning);
+    const request = requests().find(({ parameters }) => parameters.some(asks));
+    const words = [el('span', { class: 'nav-name' }, capitalised(text)), el('code', { class: 'nav-code' }, code)];
+    if (request === undefined) return el('p', {}, words);
+    const address = `#/request/${request.name}`;
+    const link = el('a', { href: address, on: {
+        click: () => {
+            fillForm(request, { [request.parameters.find(asks).name]: code });
+            // The view that is open anyway is drawn again.
+            if (location.hash === address) window.dispatchEvent(new Event('hashchange'));
+        },
+    } }, words);
+    return el('section', { 'aria-label': t('Code') },
+        el('ul', {}, el('li', {}, link)), cause ? el('p', { class: 'muted small nav-cause' }, capitalised(cause)) : null);
 }
 
 // A group with a heading that opens and closes it. `isOpen` is remembered over drawings.
@@ -125,7 +154,8 @@ export class Navigation {
         this.groups = new Map([[GUIDED, flows.map(flowEntry)],
             ...orderedGroups().map(([group, requests]) => [group, requests.map(requestEntry)])]
             .map(([group, entries]) => [group, new Group(t(group), entries, this.openGroups.has(group))]));
-        this.list = el('div', { class: 'nav-list', on: { keydown: (event) => this.onKey(event) } },
+        this.code = el('div', {});
+        this.list = el('div', { class: 'nav-list', on: { keydown: (event) => this.onKey(event) } }, this.code,
             [...this.groups.values()].map((group) => group.element), this.empty);
         this.element = el('nav', { id: 'navigation', 'aria-label': t('Requests') },
             el('div', { class: 'nav-search' }, this.search), this.list,
@@ -148,7 +178,9 @@ export class Navigation {
         this.query = this.search.value;
         const groups = [...this.groups.values()];
         for (const group of groups) group.filter(this.query);
-        const nothing = groups.every((group) => group.left === 0);
+        const code = searchedCode(this.query);
+        this.code.replaceChildren(...(code ? [drawCode(code)] : []));
+        const nothing = !code && groups.every((group) => group.left === 0);
         this.empty.replaceChildren(...(nothing ? this.drawEmpty() : []));
     }
 

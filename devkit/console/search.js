@@ -14,6 +14,11 @@ function termsOf(name) {
     return parts.map((_, i) => parts.slice(i).join(''));
 }
 
+// A parameter's name as people say it: "strCipherPadding" is Cipher Padding, "straad" is aad.
+export function spokenName(name) {
+    return name.replace(/^str(?=.)/, '').replace(/([a-z0-9])([A-Z])/g, '$1 $2');
+}
+
 // What an entry is found by. `names` are taken as wholes; `texts` are prose, word by word.
 export function searchTerms(names, texts) {
     const words = texts.flatMap((text) => text.split(/\s+/));
@@ -27,9 +32,21 @@ function begins(terms, word) {
     return terms.some((term) => (ideograph.test(word) ? term.includes(word) : term.startsWith(word)));
 }
 
-// Whether each word of a query begins a term, or the query as a whole does.
+// Two names in one word: "hmacsha256".
+function beginsJoined(terms, word) {
+    return terms.some((term) => term.length > 2 && word.length > term.length + 1 && word.startsWith(term) &&
+        begins(terms, word.slice(term.length)));
+}
+
+// Words that tell nothing of what is looked for.
+const FILLERS = new Set(['a', 'an', 'and', 'as', 'by', 'do', 'for', 'from', 'how', 'i', 'in', 'into', 'is', 'my', 'of', 'on', 'or', 'the',
+    'to', 'using', 'with']);
+
+// Whether each word of a query that tells something begins a term, or the query as a whole does.
 export function found(terms, query) {
-    const has = (word) => word === '' || begins(terms, compact(word));
+    const has = (word) => word === '' || begins(terms, compact(word)) || beginsJoined(terms, compact(word));
     const hasParts = (word) => has(word) || word.split(SEPARATORS).every(has);
-    return has(query) || query.split(/\s+/).every(hasParts);
+    const words = query.trim().split(/\s+/);
+    const telling = words.filter((word) => !FILLERS.has(word.toLowerCase()));
+    return has(query) || (telling.length > 0 ? telling : words).every(hasParts);
 }
