@@ -20,7 +20,13 @@ function peerText(text) {
 }
 
 // {text, cause, remedy} of an error. What another engine says stays as it is, and is marked: quoted.
+// Where a remedy speaks of any REQUEST, it is that of the error, `request`, if there is one.
 export function errorTexts(error) {
+    const texts = saidOf(error);
+    return error.request ? { ...texts, remedy: texts.remedy?.replace(/\bREQUEST\b/, error.request) } : texts;
+}
+
+function saidOf(error) {
     const { source, text, cause, remedy } = error;
     if (source === 'page') return { text: t(text, error.values), cause: cause && t(cause), remedy: remedy && t(remedy) };
     const said = findCode(error.code)?.text === text || isOurs(text);

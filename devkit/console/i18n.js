@@ -44,8 +44,9 @@ export function isOurs(english) {
     return Object.hasOwn(chinese, english);
 }
 
+// A command at the beginning keeps its spelling.
 export function capitalised(text) {
-    return text.charAt(0).toUpperCase() + text.slice(1);
+    return text.startsWith('corvane-') ? text : text.charAt(0).toUpperCase() + text.slice(1);
 }
 
 // A text of the catalogue at the beginning of a line.

@@ -38,6 +38,7 @@ async function outcomeOf(request, session, call) {
         const { status, error, warnings, answer } = failure;
         outcome = { ok: false, results: {}, error, warnings, status, json: answer };
     }
+    if (outcome.error) outcome.error = { ...outcome.error, request: request.name };
     remember(request, session, outcome);
     return outcome;
 }

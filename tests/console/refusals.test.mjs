@@ -1,0 +1,43 @@
+// What a refusal says beside the form: commands to run, the field that is at fault, warnings.
+
+import assert from 'node:assert/strict';
+import { after, before, describe, test } from 'node:test';
+
+import { closeBrowser, field, fill, fillAll, openBrowser, openRequest, send, signedIn } from './browser.mjs';
+import { startHost } from './host.mjs';
+
+describe('Refusals', () => {
+    let host = null;
+    let page = null;
+
+    before(async () => {
+        host = await startHost();
+        await openBrowser();
+    });
+    after(async () => {
+        await closeBrowser();
+        await host.stop();
+    });
+
+    const withPage = (options, work, expectedStatus) => async () => {
+        page = await signedIn(host, options, expectedStatus);
+        await work();
+        await page.finish();
+    };
+    const refuse = async () => {
+        await openRequest(page, 'QZaven_crypto_kdf');
+        await fillAll(page, { HashType: '4', srcdata: 'x', OutLen: '70000' });
+        await send(page);
+    };
+
+    test('A command keeps its spelling, and names the request', withPage({}, async () => {
+        await refuse();
+        const remedy = await page.locator('.error-card dd').filter({ hasText: 'describe' }).textContent();
+        assert.match(remedy, /^corvane-host describe QZaven_crypto_kdf /);
+    }));
+
+    test('A command names the request in Chinese, too', withPage({ locale: 'zh-CN' }, async () => {
+        await refuse();
+        assert.match(await page.locator('.error-card').textContent(), /corvane-host describe QZaven_crypto_kdf 列出/);
+    }));
+});
