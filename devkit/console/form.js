@@ -5,7 +5,9 @@ import { announce, el, newId } from './dom.js';
 import { applies, choiceText, convertEntry, entrySize, fault, fieldKind, givenOf, isEmpty,
     isRequired, likelyForm, neededBlocks, neededLength, neededText, offered, takesRandom,
     takesUpload, unusedText } from './entries.js';
-import { warningText } from './host_texts.js';
+import { errorTexts,
+    unusedText } from './entries.js';
+import { warningText, warningText } from './host_texts.js';
 import { capitalised, dataSize, sentence, t } from './i18n.js';
 import { openSessions } from './memory.js';
 import { randomBytes, toHex } from './values.js';
@@ -54,6 +56,7 @@ class Field {
         this.kind = fieldKind(parameter);
         this.checked = false;
         this.pasted = false;  // what stands in it, at one go
+        this.refused = '';    // what the last answer has against it
         this.id = newId('field');
         this.control = el('div', { class: 'control' });
         this.foot = el('div', { class: 'field-foot' });
@@ -256,12 +259,13 @@ class Field {
         const found = this.fault();
         // Nothing is said of a field that is still to be filled in, before it is to be sent.
         const shown = found !== null && (this.checked || !isEmpty(this.entry));
-        this.problem.textContent = shown ? found.text : '';
-        this.input.setAttribute('aria-invalid', String(shown));
+        this.problem.textContent = shown ? found.text : this.refused;
+        const wrong = this.problem.textContent !== '';
+        this.input.setAttribute('aria-invalid', String(wrong));
         this.input.setAttribute('aria-required', String(isRequired(this.parameter, this.form.valueOf)));
         const notes = [this.help, this.problem, this.warning, this.size].filter((note) => note.textContent !== '');
         this.input.setAttribute('aria-describedby', notes.map((note) => note.id).join(' '));
-        this.element.classList.toggle('is-wrong', shown);
+        this.element.classList.toggle('is-wrong', wrong);
     }
 
     // What is wrong, also where it is not shown yet.
@@ -293,6 +297,7 @@ export class RequestForm {
 
     changed(field) {
         field.warning.textContent = '';
+        field.refused = '';
         this.refresh();
         this.onChange();
     }
@@ -314,6 +319,13 @@ export class RequestForm {
     // Whether each value stands for something.
     isSendable() {
         return this.fields.every((field) => !field.fault()?.stops);
+    }
+
+    // Marks the field that an error names, until it changes; null marks none.
+    showError(error) {
+        for (const field of this.fields)
+            field.refused = error !== null && field.parameter.name === error.field ? capitalised(errorTexts(error).text) : '';
+        this.refresh();
     }
 
     // Puts the host's warnings at their fields; those without a field are returned.

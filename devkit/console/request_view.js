@@ -212,6 +212,7 @@ export class RequestView {
         }
         this.answer.replaceChildren(drawOutcome(this.request, outcome,
             (target, result) => this.use(target, result)));
+        this.form.showError(isStale(this.request, this.state) ? null : outcome.error ?? null);
         const homeless = this.form.showWarnings(outcome.warnings);
         this.answer.append(...homeless.map((warning) => el('p', { class: 'warning' }, warningText(warning))),
             this.drawInverse(), nextInExchange(this.request, this.state, this.go) ?? '');

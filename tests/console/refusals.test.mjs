@@ -40,4 +40,21 @@ describe('Refusals', () => {
         await refuse();
         assert.match(await page.locator('.error-card').textContent(), /corvane-host describe QZaven_crypto_kdf 列出/);
     }));
+
+    test('The field that an answer names is marked until it changes', withPage({}, async () => {
+        await openRequest(page, 'QZaven_ke_free');
+        await fill(page, 'strKe', 'ke_of_another_day');
+        await send(page);
+        const input = field(page, 'strKe').locator('.control > input');
+        const problem = field(page, 'strKe').locator('.problem');
+        assert.equal(await input.getAttribute('aria-invalid'), 'true');
+        assert.match(await problem.textContent(), /^[A-Z].*session/);
+        assert.match(await input.getAttribute('aria-describedby'), /-problem/);
+        // The host is asked again, without a question.
+        await page.locator('.form-actions button[type="submit"]').click();
+        assert.equal(await page.locator('.attention').textContent(), '');
+        await fill(page, 'strKe', 'ke_of_today');
+        assert.equal(await problem.textContent(), '');
+        assert.equal(await input.getAttribute('aria-invalid'), 'false');
+    }, [410]));
 });
