@@ -328,17 +328,15 @@ export class RequestForm {
         this.refresh();
     }
 
-    // Puts the host's warnings at their fields; those without a field are returned.
+    // Puts the host's warnings at their fields.
     showWarnings(warnings) {
         for (const field of this.fields) field.warning.textContent = '';
-        const homeless = warnings.filter((warning) => {
+        for (const warning of warnings) {
             const field = this.fields.find((candidate) => candidate.parameter.name === warning.field);
             // What the form itself says of the field is enough.
             if (field && field.problem.textContent === '') field.warning.textContent = warningText(warning);
-            return !field;
-        });
+        }
         this.refresh();
-        return homeless;
     }
 
     focusFirst() {

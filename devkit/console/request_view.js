@@ -95,6 +95,14 @@ function tooLarge(given) {
     };
 }
 
+// With the name of its parameter as one.
+function drawWarning(warning) {
+    const text = warningText(warning);
+    const at = warning.field ? text.indexOf(warning.field) : -1;
+    if (at < 0) return el('p', { class: 'warning' }, text);
+    return el('p', { class: 'warning' }, text.slice(0, at), el('code', {}, warning.field), text.slice(at + warning.field.length));
+}
+
 export class RequestView {
     // `go` opens another view by its address.
     constructor(name, go) {
@@ -213,8 +221,8 @@ export class RequestView {
         this.answer.replaceChildren(drawOutcome(this.request, outcome,
             (target, result) => this.use(target, result)));
         this.form.showError(isStale(this.request, this.state) ? null : outcome.error ?? null);
-        const homeless = this.form.showWarnings(outcome.warnings);
-        this.answer.append(...homeless.map((warning) => el('p', { class: 'warning' }, warningText(warning))),
+        this.form.showWarnings(outcome.warnings);
+        this.answer.append(...outcome.warnings.map(drawWarning),
             this.drawInverse(), nextInExchange(this.request, this.state, this.go) ?? '');
         this.markStale();
     }

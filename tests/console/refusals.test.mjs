@@ -57,4 +57,12 @@ describe('Refusals', () => {
         assert.equal(await problem.textContent(), '');
         assert.equal(await input.getAttribute('aria-invalid'), 'false');
     }, [410]));
+
+    test('The warnings of an answer stand below it', withPage({}, async () => {
+        await refuse();
+        const warnings = await page.locator('.answer > .warning').allTextContents();
+        assert.equal(warnings.length, 1);
+        assert.match(warnings[0], /^OutLen .*65535/);
+        assert.deepEqual(await page.locator('.answer > .warning code').allTextContents(), ['OutLen']);
+    }));
 });
