@@ -1,0 +1,42 @@
+// Where things stand on screens of other sizes: what must not be cut, covered or out of line.
+
+import assert from 'node:assert/strict';
+import { after, before, describe, test } from 'node:test';
+
+import { closeBrowser, openBrowser, openRequest, openView, send, signedIn } from './browser.mjs';
+import { startHost } from './host.mjs';
+
+const NARROW = { tablet: { width: 820, height: 1180 }, landscape: { width: 844, height: 390 }, phone: { width: 390, height: 844 } };
+
+describe('Layout', () => {
+    let host = null;
+    let page = null;
+
+    before(async () => {
+        host = await startHost();
+        await openBrowser();
+    });
+    after(async () => {
+        await closeBrowser();
+        await host.stop();
+    });
+
+    const withPage = (options, work) => async () => {
+        page = await signedIn(host, options);
+        await work();
+        await page.finish();
+    };
+    const box = (selector) => page.locator(selector).first().boundingBox();
+
+    for (const [name, viewport] of Object.entries(NARROW)) {
+        test(`The history is not cut: ${name}`, withPage({ viewport }, async () => {
+            await openRequest(page, 'QZaven_crypto_envelope_encrypt');
+            await send(page);
+            await openView(page, '#/history');
+            const hidden = await page.locator('.table-card').evaluate((card) => card.scrollWidth - card.clientWidth);
+            assert.equal(hidden, 0);
+            const [code, card] = [await box('.history-view .badge'), await box('.table-card')];
+            assert.ok(code.x + code.width <= card.x + card.width);
+        }));
+    }
+});
