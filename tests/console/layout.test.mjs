@@ -38,5 +38,15 @@ describe('Layout', () => {
             const [code, card] = [await box('.history-view .badge'), await box('.table-card')];
             assert.ok(code.x + code.width <= card.x + card.width);
         }));
+
+        test(`The bar with Send is as wide as the form, and nothing shows through: ${name}`, withPage({ viewport }, async () => {
+            await openRequest(page, 'QZaven_crypto_encrypt');
+            const [bar, form] = [await box('.form-actions'), await box('.request-view form')];
+            assert.ok(bar.x <= form.x, `${bar.x} ${form.x}`);
+            assert.ok(bar.x + bar.width >= form.x + form.width);
+            assert.equal(Math.round(bar.y + bar.height), viewport.height);
+            const colour = await page.locator('.form-actions').evaluate((element) => getComputedStyle(element).backgroundColor);
+            assert.match(colour, /^rgb\(/);
+        }));
     }
 });
