@@ -3,7 +3,7 @@
 import assert from 'node:assert/strict';
 import { after, before, describe, test } from 'node:test';
 
-import { closeBrowser, openBrowser, openRequest, openView, send, signedIn } from './browser.mjs';
+import { closeBrowser, fillAll, openBrowser, openRequest, openView, send, signedIn } from './browser.mjs';
 import { startHost } from './host.mjs';
 
 const NARROW = { tablet: { width: 820, height: 1180 }, landscape: { width: 844, height: 390 }, phone: { width: 390, height: 844 } };
@@ -49,4 +49,24 @@ describe('Layout', () => {
             assert.match(colour, /^rgb\(/);
         }));
     }
+
+    test('Long lines are cut between two lines, if at all', withPage({}, async () => {
+        await openRequest(page, 'QZaven_crypto_encrypt');
+        await fillAll(page, { strCipherAlg: '4', strMode: '6', strKey: { hex: '00'.repeat(32) }, strIV: { hex: '00'.repeat(12) },
+            straad: 'a', strdata: 'x' });
+        const curl = page.locator('#curl-line');
+        assert.equal(await curl.evaluate((element) => element.scrollHeight - element.clientHeight), 0);
+        // The rest of the last line that is seen, in pixels.
+        await openRequest(page, 'QZaven_crypto_base64_encode');
+        await fillAll(page, { strIn: 'x\n'.repeat(100) });
+        await send(page);
+        for (const selector of ['#host-line', '.value-text']) {
+            const rest = await page.locator(selector).evaluate((element) => {
+                const style = getComputedStyle(element);
+                const height = element.getBoundingClientRect().height - parseFloat(style.paddingTop);
+                return element.scrollHeight > element.clientHeight ? height % parseFloat(style.lineHeight) : 0;
+            });
+            assert.ok(rest < 0.5, `${selector} ${rest}`);
+        }
+    }));
 });
