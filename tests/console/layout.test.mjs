@@ -69,4 +69,19 @@ describe('Layout', () => {
             assert.ok(rest < 0.5, `${selector} ${rest}`);
         }
     }));
+
+    test('For fingers the text of a button stands level with its icon', withPage({ viewport: NARROW.phone, hasTouch: true, isMobile: true }, async () => {
+        await openRequest(page, 'QZaven_crypto_encrypt');
+        const off = await page.locator('.button:has(.icon), .segments label').evaluateAll((buttons) => buttons
+            .filter((button) => button.checkVisibility() && button.textContent !== '')
+            .map((button) => {
+                const text = document.createRange();
+                text.selectNodeContents(button.lastChild);
+                const middle = ({ top, bottom }) => (top + bottom) / 2;
+                const mark = button.querySelector('.icon') ?? button;
+                return [button.textContent, middle(text.getBoundingClientRect()) - middle(mark.getBoundingClientRect())];
+            }));
+        assert.ok(off.length > 4);
+        assert.deepEqual(off.filter(([, pixels]) => Math.abs(pixels) > 0.5), []);
+    }));
 });
