@@ -16,5 +16,4 @@ npm ci --silent --no-audit --no-fund
 exec node --test --test-concurrency=2 --test-reporter=spec values.test.mjs texts.test.mjs \
     openapi.test.mjs console.test.mjs request.test.mjs files.test.mjs waiting.test.mjs \
     handover.test.mjs flows.test.mjs orientation.test.mjs everybody.test.mjs sign_in.test.mjs \
-    firefox.test.mjs
     token.test.mjs fields.test.mjs search.test.mjs refusals.test.mjs layout.test.mjs firefox.test.mjs

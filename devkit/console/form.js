@@ -5,9 +5,7 @@ import { announce, el, newId } from './dom.js';
 import { applies, choiceText, convertEntry, entrySize, fault, fieldKind, givenOf, isEmpty,
     isRequired, likelyForm, neededBlocks, neededLength, neededText, offered, takesRandom,
     takesUpload, unusedText } from './entries.js';
-import { errorTexts,
-    unusedText } from './entries.js';
-import { warningText, warningText } from './host_texts.js';
+import { errorTexts, warningText } from './host_texts.js';
 import { capitalised, dataSize, sentence, t } from './i18n.js';
 import { openSessions } from './memory.js';
 import { randomBytes, toHex } from './values.js';

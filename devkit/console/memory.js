@@ -2,9 +2,8 @@
 // answers may hold secrets. A reload keeps what the catalogue says is none: choices, numbers and
 // names of files on the host lie in sessionStorage meanwhile. The history holds no values at all.
 
-import { firstForm, givenOf, handleOf, requests } from './catalogue.js';
-import { emptyEntry,
-    sameGiven, takesRandom } from './entries.js';
+import { handleOf, requests } from './catalogue.js';
+import { emptyEntry, firstForm, givenOf, sameGiven } from './entries.js';
 
 const STORED = 'corvane.forms';
 
