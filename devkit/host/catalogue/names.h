@@ -55,8 +55,8 @@ size_t editDistance(std::string_view a, std::string_view b);
 // Whether all words stand in what is said of the request: its name, summary, group and keywords,
 // its parameters' names, and the names of numbers. Compared as names are. A word may be the
 // beginning of one that is said, as "SHA 256" and "sha" are of "sha-256", but not its middle: "aes"
-// is not in "RSAES". Capitals within a name begin words. Of a word that is said nowhere, as "rsa-oaep",
-// the parts must be.
+// is not in "RSAES". Capitals within a name begin words. Of a word that is said nowhere, as
+// "rsa-oaep", the parts must be.
 bool isAbout(const RequestInfo& request, const std::vector<std::string>& words);
 
 // The choices that have one of the words in their names, likewise.
