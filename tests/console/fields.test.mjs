@@ -2,31 +2,16 @@
 // have no use beside others.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 
-import { closeBrowser, field, fill, fillAll, openBrowser, openRequest, signedIn } from './browser.mjs';
-import { startHost } from './host.mjs';
+import { field, fill, fillAll, openRequest } from './browser.mjs';
+import { onPage, page, useHost } from './suite.mjs';
 
 const KEY = 'AAECAwQFBgcICQoLDA0ODw==';  // of 16 bytes
 
 describe('Fields', () => {
-    let host = null;
-    let page = null;
+    useHost();
 
-    before(async () => {
-        host = await startHost();
-        await openBrowser();
-    });
-    after(async () => {
-        await closeBrowser();
-        await host.stop();
-    });
-
-    const onPage = (work) => async () => {
-        page = await signedIn(host);
-        await work();
-        await page.finish();
-    };
     const paste = async (parameter, text) => {
         await page.evaluate((content) => navigator.clipboard.writeText(content), text);
         await field(page, parameter).locator('textarea').focus();

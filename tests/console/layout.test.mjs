@@ -1,31 +1,16 @@
 // Where things stand on screens of other sizes: what must not be cut, covered or out of line.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 
-import { closeBrowser, fillAll, openBrowser, openRequest, openView, send, signedIn } from './browser.mjs';
-import { startHost } from './host.mjs';
+import { fillAll, openRequest, openView, send } from './browser.mjs';
+import { page, useHost, withPage } from './suite.mjs';
 
 const NARROW = { tablet: { width: 820, height: 1180 }, landscape: { width: 844, height: 390 }, phone: { width: 390, height: 844 } };
 
 describe('Layout', () => {
-    let host = null;
-    let page = null;
+    useHost();
 
-    before(async () => {
-        host = await startHost();
-        await openBrowser();
-    });
-    after(async () => {
-        await closeBrowser();
-        await host.stop();
-    });
-
-    const withPage = (options, work) => async () => {
-        page = await signedIn(host, options);
-        await work();
-        await page.finish();
-    };
     const box = (selector) => page.locator(selector).first().boundingBox();
 
     for (const [name, viewport] of Object.entries(NARROW)) {

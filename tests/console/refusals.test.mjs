@@ -1,29 +1,14 @@
 // What a refusal says beside the form: commands to run, the field that is at fault, warnings.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 
-import { closeBrowser, field, fill, fillAll, openBrowser, openRequest, send, signedIn } from './browser.mjs';
-import { startHost } from './host.mjs';
+import { field, fill, fillAll, openRequest, send } from './browser.mjs';
+import { page, useHost, withPage } from './suite.mjs';
 
 describe('Refusals', () => {
-    let host = null;
-    let page = null;
+    useHost();
 
-    before(async () => {
-        host = await startHost();
-        await openBrowser();
-    });
-    after(async () => {
-        await closeBrowser();
-        await host.stop();
-    });
-
-    const withPage = (options, work, expectedStatus) => async () => {
-        page = await signedIn(host, options, expectedStatus);
-        await work();
-        await page.finish();
-    };
     const refuse = async () => {
         await openRequest(page, 'QZaven_crypto_kdf');
         await fillAll(page, { HashType: '4', srcdata: 'x', OutLen: '70000' });
