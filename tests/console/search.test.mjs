@@ -1,29 +1,15 @@
 // What the search takes for what: words as people say them, parameters, codes.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 
-import { accessibilityFaults, closeBrowser, field, openBrowser, openRequest, signedIn } from './browser.mjs';
-import { getJson, startHost } from './host.mjs';
+import { accessibilityFaults, field, openRequest } from './browser.mjs';
+import { getJson } from './host.mjs';
+import { host, onPage, page, useHost, withPage } from './suite.mjs';
 
 describe('Search', () => {
-    let host = null;
-    let page = null;
+    useHost();
 
-    before(async () => {
-        host = await startHost();
-        await openBrowser();
-    });
-    after(async () => {
-        await closeBrowser();
-        await host.stop();
-    });
-
-    const onPage = (work, options = {}) => async () => {
-        page = await signedIn(host, options);
-        await work();
-        await page.finish();
-    };
     const search = (words) => page.locator('#search').fill(words);
     const seen = () => page.locator('nav li a').evaluateAll((links) =>
         links.filter((link) => link.checkVisibility()).map((link) => link.getAttribute('href').replace(/#\/(request\/QZa[vV]en_)?/, '')));
@@ -71,9 +57,9 @@ describe('Search', () => {
         assert.match(await page.locator('.nav-empty').textContent(), /Nothing found/);
     }));
 
-    test('says a code in Chinese', onPage(async () => {
+    test('says a code in Chinese', withPage({ locale: 'zh-CN' }, async () => {
         await openRequest(page, 'QZaven_crypto_hmac');
         await search('-30040');
         assert.match(await page.locator('.nav-list .nav-name').first().textContent(), /[一-鿿]/);
-    }, { locale: 'zh-CN' }));
+    }));
 });

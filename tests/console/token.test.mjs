@@ -1,28 +1,18 @@
 // The page without a sign-in: its language, and tokens that no host could take.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 
-import { closeBrowser, field, fillAll, newPage, openBrowser, openRequest, signedIn } from './browser.mjs';
-import { startHost } from './host.mjs';
+import { field, fillAll, openRequest, signedIn } from './browser.mjs';
+import { freshPage, host, page, useHost, usePage } from './suite.mjs';
 
 const READY = '.pill[data-state="ok"]';
 
 describe('Before the sign-in', () => {
-    let host = null;
-    let page = null;
-
-    before(async () => {
-        host = await startHost();
-        await openBrowser();
-    });
-    after(async () => {
-        await closeBrowser();
-        await host.stop();
-    });
+    useHost();
 
     const withPage = (work, expectedStatus) => async () => {
-        page = await newPage(host, {}, expectedStatus);
+        await freshPage({}, expectedStatus);
         await work();
         await page.finish();
     };
@@ -109,7 +99,7 @@ describe('Before the sign-in', () => {
     }, [0]));
 
     test('A tab that another one signed out says so, and keeps choices but no secrets', async () => {
-        page = await signedIn(host, {}, [401]);
+        await usePage(signedIn(host, {}, [401]));
         await openRequest(page, 'QZaven_crypto_encrypt');
         await fillAll(page, { strCipherAlg: '4', strMode: '6', strKey: { hex: '00'.repeat(32) }, strdata: 'a secret text' });
         const other = await page.context().newPage();
