@@ -79,6 +79,11 @@ tests_of() {
     build_preset "$1" all && run_ctest "$@"
 }
 
+# The same, but tests that are only clients of programs are the first stage's.
+programs_of() {
+    configure "build/$1" --preset "$1" "-DCORVANE_CLIENTS=$PWD/build/release" && tests_of "$@"
+}
+
 formatting() {
     git ls-files -z '*.cpp' '*.h' '*.c' | xargs -0 clang-format --dry-run -Werror
 }
@@ -104,12 +109,12 @@ texts='^(host_catalogue|host_explain|host_help|known_names|mistakes)_test$'
 
 # All other programs but the one that compiles headers, which no sanitizer sees.
 address_sanitizer() {
-    tests_of asan -E "$written|^headers_test$"
+    programs_of asan -E "$written|^headers_test$"
 }
 
 # An emulated processor makes its codes for pointers by a function that is quick to emulate.
 aarch64() {
-    QEMU_CPU=max,pauth-impdef=on tests_of aarch64 -E "$written|$texts"
+    QEMU_CPU=max,pauth-impdef=on programs_of aarch64 -E "$written|$texts"
 }
 
 # Where threads meet: the parameter module, the engine, requests at once, HTTP.

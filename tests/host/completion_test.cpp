@@ -81,7 +81,7 @@ protected:
         const std::string script =
             file("corvane-host.script", run({"completion", GetParam().name}).out);
         const std::string driver = file("driver", GetParam().program);
-        const fs::path programs = fs::path(CORVANE_HOST_PROGRAM).parent_path();
+        const fs::path programs = fs::path(hostProgram).parent_path();
         fs::create_directory(path("empty"));
         const std::string command = "cd '" + path("empty") + "' && HOME=$PWD PATH='" +
                                     programs.string() + "':$PATH TERM=dumb " + GetParam().start +

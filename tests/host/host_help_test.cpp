@@ -105,7 +105,7 @@ TEST_F(HostHelp, HasExamplesThatRun)
 {
     if (emulated)
         GTEST_SKIP() << "NOT TESTED: shells would start the program without the emulator";
-    const std::string programs = fs::path(CORVANE_HOST_PROGRAM).parent_path();
+    const std::string programs = fs::path(hostProgram).parent_path();
     for (const std::string& name : subcommands(run({"--help"}).out)) {
         const std::string examples = examplesOf(run({"help", name}).out);
         EXPECT_TRUE(holds(examples, "corvane-host " + (name == "version" ? "" : name))) << name;
@@ -127,7 +127,7 @@ TEST_F(HostHelp, HasExamplesOfServeThatAreTaken)
         const std::string own = std::regex_replace(line, place, "");
         const std::string arguments = own.substr(own.find(' '));
         const ShellOutcome ended =
-            shell("'" CORVANE_HOST_PROGRAM "' " + arguments + " --listen nowhere 2>&1");
+            shell("'" + hostProgram + "' " + arguments + " --listen nowhere 2>&1");
         EXPECT_TRUE(holds(ended.output, "--listen takes HOST:PORT")) << line << ended.output;
         ++count;
     }

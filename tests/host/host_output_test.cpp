@@ -278,7 +278,7 @@ TEST_F(HostOutputFile, OfSeveralResultsNoneIsThereUnlessAllAre)
 // The program starts itself a second time, and must not meet its own file.
 TEST_F(HostOutputFile, IsMadeOnceBehindLinksToLibraries)
 {
-    if (*CORVANE_EMULATOR != '\0')
+    if (emulated)
         GTEST_SKIP() << "NOT TESTED: the host starts itself again, past the emulator";
     const Ended ended =
         run({"--engine", patched(engine, "libSoftModuleaven.so", "libSoftModulexxxx.so"), "call",

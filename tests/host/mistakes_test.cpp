@@ -319,7 +319,7 @@ TEST_F(Mistakes, AFileThatIsTooLargeForTheMemoryIsASentence)
     if (emulated || sanitized)
         GTEST_SKIP() << "NOT TESTED: the program takes more address space than the limit";
     fs::resize_file(file("large", ""), 400'000'000);
-    const std::string command = "ulimit -v 300000; '" CORVANE_HOST_PROGRAM "' call " + ""s + hmac +
+    const std::string command = "ulimit -v 300000; '" + hostProgram + "' call " + hmac +
                                 " strHashAlg=4 strKey=AAAA strdata=b64:@'" + path("large") +
                                 "' >'" + path("out") + "' 2>'" + path("err") + "'";
     EXPECT_EQ(USAGE << 8, system(command.c_str()));

@@ -331,7 +331,7 @@ protected:
         EXPECT_TRUE(eventually([&] { return host.get("/readyz").status == 200; }));
     }
 
-    support::FailingMemory m_memory;
+    support::FailingMemory m_memory{support::preloaded("failing_memory")};
     // What cannot go on without memory, such as the start of a worker, is waited for so long.
     const ServedHost::Options m_options = {"--rate",         "0",   "--session-seconds", "0.5",
                                            "--read-seconds", "0.5", "--request-seconds", "1"};

@@ -431,7 +431,7 @@ TEST_F(ServeMemory, IsFullOfTracesWhereNothingIsWiped)
     // The loader takes a blank in a path for the end of it.
     const support::TemporaryFolder folder;
     const std::string library = folder.path("no_wiping.so");
-    std::filesystem::create_symlink(CORVANE_NO_WIPING_LIBRARY, library);
+    std::filesystem::create_symlink(support::preloaded("no_wiping"), library);
     ServedHost host({"--rate", "0"}, {"LD_PRELOAD=" + library});
     host.workers();
     std::optional<HttpConnection> open;

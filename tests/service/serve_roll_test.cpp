@@ -198,15 +198,15 @@ TEST(ServeRoll, ABrokenPluginTakesNoWorkerAndIsTold)
     NEEDS_WORKERS();
     const support::TemporaryFolder temporary;
     const fs::path& folder = temporary.path();
-    const std::string whole = support::readWhole(CORVANE_PLUGIN_LIBRARY);
+    const std::string whole = support::readWhole(support::plugin);
     const auto put = [&](const std::string& bytes) {
         support::writeWhole(folder / "new.so", bytes);
         fs::rename(folder / "new.so", folder / "plugin.so");
     };
     put(whole);
     ServedHost host({"--rate", "0"}, {},
-                    {"--plugin", folder / "plugin.so", "--params", CORVANE_PARAMS_LIBRARY,
-                     "--engine", CORVANE_ENGINE_LIBRARY});
+                    {"--plugin", folder / "plugin.so", "--params", support::params, "--engine",
+                     support::engine});
     const std::vector<pid_t> before = host.workers();
     const Load load(host);
     for (size_t round = 1; round <= 2; ++round) {

@@ -303,13 +303,13 @@ TEST(ServeWorkers, AnEngineThatDoesNotLoadIsTriedAgainMoreAndMoreSlowly)
     // A look at the file shows nothing: it needs a library that there is not.
     const support::TemporaryFolder temporary;
     const fs::path& folder = temporary.path();
-    std::string bytes = support::readWhole(CORVANE_ENGINE_LIBRARY);
+    std::string bytes = support::readWhole(support::engine);
     for (size_t at = 0; (at = bytes.find("libcrypto.so.3", at)) != std::string::npos;)
         bytes.replace(at, 14, "libcryptx.so.3", 14);
     support::writeWhole(folder / "engine.so", bytes);
     ServedHost host({"--workers", "1", "--request-seconds", "1"}, {},
-                    {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
-                     "--engine", folder / "engine.so"});
+                    {"--plugin", support::plugin, "--params", support::params, "--engine",
+                     folder / "engine.so"});
     const HttpAnswer ready = host.get("/readyz");
     EXPECT_EQ(503, ready.status);
     const HttpAnswer answer = host.request("QZaven_crypto_kdf", kdf);
@@ -341,11 +341,11 @@ TEST(ServeWorkers, ALibraryThatIsCutLaterIsNamedAndComesBack)
     NEEDS_WORKERS();
     const support::TemporaryFolder temporary;
     const fs::path& folder = temporary.path();
-    const std::string whole = support::readWhole(CORVANE_ENGINE_LIBRARY);
+    const std::string whole = support::readWhole(support::engine);
     support::writeWhole(folder / "engine.so", whole);
     ServedHost host({"--workers", "1"}, {},
-                    {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
-                     "--engine", folder / "engine.so"});
+                    {"--plugin", support::plugin, "--params", support::params, "--engine",
+                     folder / "engine.so"});
     const std::vector<pid_t> workers = host.workers(1);
     support::writeWhole(folder / "new.so", whole.substr(0, whole.size() / 20));
     fs::rename(folder / "new.so", folder / "engine.so");
@@ -365,14 +365,14 @@ TEST(ServeWorkers, ALibraryOfAnotherNameLeavesNoFolderBehind)
     const support::TemporaryFolder temporary;
     const fs::path& folder = temporary.path();
     fs::create_directories(folder / "tmp");
-    std::string bytes = support::readWhole(CORVANE_ENGINE_LIBRARY);
+    std::string bytes = support::readWhole(support::engine);
     for (size_t at = 0; (at = bytes.find("libSoftModuleaven.so", at)) != std::string::npos;)
         bytes.replace(at, 20, "libSoftModuleother.so", 20);
     support::writeWhole(folder / "other.so", bytes);
 
     ServedHost host({}, {"TMPDIR=" + (folder / "tmp").string()},
-                    {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
-                     "--engine", folder / "other.so"});
+                    {"--plugin", support::plugin, "--params", support::params, "--engine",
+                     folder / "other.so"});
     const std::vector<pid_t> workers = host.workers();
     EXPECT_EQ("0", host.request("QZaven_crypto_kdf", kdf).result("errorCode"));
     killAndWait(host, workers.at(0));
@@ -409,7 +409,7 @@ TEST(ServeWorkers, SendNothingToSyslogForRequestsUnlessTold)
     const fs::path folder = mkdtemp(name.data());
     // The loader takes a blank in a path for the end of it.
     const fs::path library = folder / "library.so";
-    fs::create_symlink(CORVANE_SHOWN_SYSLOG_LIBRARY, library);
+    fs::create_symlink(support::preloaded("shown_syslog"), library);
     EXPECT_EQ(0U, syslogMessages(library, {}));
     EXPECT_EQ(20U, syslogMessages(library, {"--plugin-log", "info"}));
     EXPECT_EQ(0U, syslogMessages(library, {"--plugin-log", "err"}));

@@ -39,7 +39,8 @@ inline FailingMemoryOrders* mapOrders(const char* file)
 // The test's side.
 class FailingMemory {
 public:
-    FailingMemory()
+    // With where the library is.
+    explicit FailingMemory(const std::string& library)
     {
         std::string name = (std::filesystem::temp_directory_path() / "memory_XXXXXX").string();
         const int descriptor = mkstemp(name.data());
@@ -48,7 +49,7 @@ public:
         m_file = name;
         // The loader takes a blank in a path for the end of it.
         m_library = m_file + ".so";
-        std::filesystem::create_symlink(CORVANE_FAILING_MEMORY_LIBRARY, m_library);
+        std::filesystem::create_symlink(library, m_library);
         m_orders = isMade ? mapOrders(m_file.c_str()) : nullptr;
         if (m_orders == nullptr)
             throw std::runtime_error("no file for orders");

@@ -10,23 +10,13 @@
 #include <fstream>
 #include <iterator>
 
+#include "tested.h"
+
 namespace support {
-
-// Whether memory that was freed is held back for a while.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool sanitized = true;
-#elif defined(__has_feature)
-constexpr bool sanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool sanitized = false;
-#endif
-
-// Whether this runs in an emulator, which makes programs slower and keeps memory of its own.
-constexpr bool emulated = sizeof CORVANE_EMULATOR > 1;
 
 // The step of loops that damage a message at every place, larger where programs are many times
 // slower.
-constexpr size_t EVERY_PLACE = emulated || sanitized ? 7 : 1;
+inline const size_t EVERY_PLACE = emulated || sanitized ? 7 : 1;
 
 struct Held {
     size_t resident = 0;     // bytes of the process in memory, an emulator's too

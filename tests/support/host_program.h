@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "files.h"
+#include "tested.h"
 
 namespace support {
 
@@ -33,15 +34,10 @@ struct Ended {
     Json json() const { return Json::parse(out); }
 };
 
-// The libraries of the build; a test that chooses another one names it.
-inline const std::string plugin = CORVANE_PLUGIN_LIBRARY;
-inline const std::string params = CORVANE_PARAMS_LIBRARY;
-inline const std::string engine = CORVANE_ENGINE_LIBRARY;
-
 // Starts the program with the arguments as they are; -1 for a stream leaves it alone.
 inline pid_t start(const Arguments& arguments, int in, int out, int err)
 {
-    std::vector<char*> argv = {const_cast<char*>(CORVANE_HOST_PROGRAM)};
+    std::vector<char*> argv = {const_cast<char*>(hostProgram.c_str())};
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);

@@ -36,7 +36,7 @@ constexpr int patienceMilliseconds = 60000;
 pid_t startHost(const std::vector<std::string>& arguments, const std::vector<std::string>& more,
                 const std::string& out, const std::string& err)
 {
-    std::vector<char*> argv = {const_cast<char*>(CORVANE_HOST_PROGRAM)};
+    std::vector<char*> argv = {const_cast<char*>(hostProgram.c_str())};
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
@@ -255,8 +255,7 @@ ServedHost::ServedHost(const Options& options, const Options& environment, const
     };
     Options arguments = libraries;
     if (libraries.empty())
-        arguments = {"--plugin", CORVANE_PLUGIN_LIBRARY, "--params", CORVANE_PARAMS_LIBRARY,
-                     "--engine", CORVANE_ENGINE_LIBRARY};
+        arguments = {"--plugin", plugin, "--params", params, "--engine", engine};
     arguments.push_back("serve");
     if (!has("--listen"))
         arguments.insert(arguments.end(), {"--listen", "127.0.0.1:0"});
