@@ -2,10 +2,10 @@
 # Builds and runs the tests.
 #   ./test.sh       the fast suite
 #   ./test.sh all   also static analysis, Clang, sanitizers, valgrind, 64-bit ARM in
-#                   emulation, coverage, fuzzers, a minute of load, the console in a browser,
-#                   three hosts behind balancers, clients in six languages, the manifests for
-#                   Kubernetes, promtool, the packages for both architectures (this one wants
-#                   root)
+#                   emulation, coverage, mistakes drawn by lot, fuzzers, a minute of load, the
+#                   console in a browser, three hosts behind balancers, clients in six
+#                   languages, the manifests for Kubernetes, promtool, the packages for both
+#                   architectures (this one wants root)
 #   ./test.sh --help  these lines
 #
 # Debian packages that are missing are installed. With CORVANE_NO_INSTALL=1 in the environment
@@ -102,7 +102,7 @@ static_analysis() {
 }
 
 # What looks at documents, at shells and at the tree itself, which is the same in every build.
-written='^(completion|documents|man_pages|reference|rooms|third_party)_test$'
+written='^(completion|documents|man_pages|mutants|reference|rooms|third_party)_test$'
 
 # What compares texts that are the same on every processor, by starting corvane-host for each.
 texts='^(host_catalogue|host_explain|host_help|known_names|mistakes)_test$'
@@ -132,6 +132,11 @@ valgrind_doubles() {
         valgrind --quiet --error-exitcode=99 --leak-check=full \
         --errors-for-leak-kinds=definite,indirect build/release/tests/{} --gtest_brief=1 \
         <<<"$programs"
+}
+
+# Others on each day.
+mistakes_by_lot() {
+    tests/mutate.sh plugin 10 && tests/mutate.sh devkit 10
 }
 
 soak() {
@@ -187,6 +192,7 @@ if [ "${1-}" = all ]; then
     stage "valgrind" valgrind_doubles
     stage "Base64 kernels" tests/kernels.sh
     stage "64-bit ARM" aarch64
+    stage "mistakes by lot" mistakes_by_lot
     stage "fuzzers" fuzz/run.sh 10
     stage "load, console, balancers, clients, Kubernetes, Prometheus" load_and_what_waits
     stage "abuse of the host's server" abuse

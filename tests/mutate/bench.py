@@ -1,0 +1,159 @@
+"""A build tree of the checkout, in which one file at a time is another."""
+
+import json
+import os
+import pathlib
+import re
+import shlex
+import subprocess
+
+PROCESSORS = os.cpu_count()
+QUICK = 1.0  # seconds that a test program takes at most to run in the first wave
+HANG = 20    # seconds for a test program, or ten times what it takes without a mistake
+LIKELY = 3   # programs in the wave before the first: those that noticed most in the same file
+
+# A mistake may forget or signal any process, so that those of the tests end with them.
+BY_ITSELF = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc"]
+
+
+def first_to_go():
+    """If a mistake takes all memory, it and nobody else is ended."""
+    pathlib.Path("/proc/self/oom_score_adj").write_text("1000")
+
+
+class Bench:
+    """`build` is a build tree that is complete; the tests with one of the labels are run."""
+
+    def __init__(self, build, labels):
+        self.build, self.labels = build, labels
+        self.tests = self.listed_tests(labels)
+        self.targets = self.targets_of(self.tests)
+        self.changed = None  # a path, and its proper text
+        self.noticed = {}    # for each path, how often each program noticed
+        self.seconds = {}
+        self.must(self.make(), "does not compile")
+        self.measure()
+
+    @staticmethod
+    def must(process, what):
+        if process.returncode != 0:
+            raise SystemExit(f"{process.stdout}{process.stderr}\nThe tree as it is {what}.")
+
+    def listed_tests(self, labels):
+        """The names with their labels."""
+        listed = subprocess.run(["ctest", "--test-dir", self.build, "--show-only=json-v1"],
+                                capture_output=True, check=True).stdout
+        tests = {}
+        for test in json.loads(listed)["tests"]:
+            own = {label for each in test.get("properties", []) if each["name"] == "LABELS"
+                   for label in each["value"]}
+            if own & set(labels):
+                tests[test["name"]] = own
+        return tests
+
+    def targets_of(self, tests):
+        """Those of a test's own name, and the programs that tests start. (Some tests are second
+        runs of another one's program, or of another build tree's.)"""
+        known = subprocess.run(["ninja", "-C", self.build, "-t", "targets", "all"],
+                               capture_output=True, text=True, check=True).stdout
+        names = [*tests] if self.labels == ["unit"] else [*tests, "corvane-host", "corvane-ke-peer"]
+        return [name for name in names if f"\n{name}: phony" in known]
+
+    def make(self):
+        return subprocess.run(["ninja", "-C", self.build, "-j", str(PROCESSORS), *self.targets],
+                              capture_output=True, text=True)
+
+    def measure(self):
+        """How long each program takes, by what ctest keeps of it in the build tree. Those that
+        have not run there, or not passed, run now."""
+        kept = self.build / "Testing/Temporary"
+        failed = kept / "LastTestsFailed.log"
+        have_failed = failed.exists() and failed.read_text().strip() != ""
+        self.read_seconds(kept)
+        new = [name for name in self.tests if have_failed or name not in self.seconds]
+        if new:
+            self.must(self.ctest(new, 900, []), "fails its tests")
+            self.read_seconds(kept)
+
+    def read_seconds(self, kept):
+        path = kept / "CTestCostData.txt"
+        rows = path.read_text().split("---")[0].splitlines() if path.exists() else []
+        for name, _, seconds in (row.split() for row in rows):
+            self.seconds[name] = float(seconds)
+
+    def ctest(self, programs, timeout, options):
+        command = [*BY_ITSELF, "ctest", "--test-dir", self.build, "-R", f"^({'|'.join(programs)})$",
+                   "--no-tests=error", "--timeout", str(timeout), "--output-on-failure",
+                   "-j", str(2 * PROCESSORS), *options]
+        return subprocess.run(command, capture_output=True, text=True, errors="replace",
+                              preexec_fn=first_to_go, env={**os.environ, "GTEST_FAIL_FAST": "1"})
+
+    def restore(self):
+        if self.changed is not None:
+            path, text = self.changed
+            pathlib.Path(path).write_text(text)
+            self.changed = None
+
+    def change(self, mutant):
+        if self.changed is not None and self.changed[0] != mutant.path:
+            self.restore()
+        path = pathlib.Path(mutant.path)
+        if self.changed is None:
+            self.changed = (mutant.path, path.read_text())
+        path.write_text(mutant.applied(self.changed[1]))
+
+    def waves(self, path, near):
+        """Lists of programs, the likeliest to notice a mistake in the file first."""
+        often = self.noticed.get(path, {})
+        likely = sorted(often, key=often.get, reverse=True)[:LIKELY]
+        by_time = sorted(self.tests, key=lambda name: self.seconds[name])
+        close = [name for name in by_time if self.tests[name] & set(near) and name not in likely]
+        quick = [name for name in close if self.seconds[name] <= QUICK]
+        slow = [name for name in close if self.seconds[name] > QUICK]
+        far = [name for name in by_time if name not in likely + close]
+        return [wave for wave in (likely, quick, slow, far) if wave]
+
+    def notice(self, path, near):
+        """The first test that fails since the file was changed, or None."""
+        for programs in self.waves(path, near):
+            timeout = max(HANG, 10 * max(self.seconds[name] for name in programs))
+            said = self.ctest(programs, int(timeout), ["--stop-on-failure"])
+            if said.returncode != 0:
+                program, what = first_failure(said.stdout)
+                often = self.noticed.setdefault(path, {})
+                often[program] = often.get(program, 0) + 1
+                return f"{program} {what}"
+        return None
+
+    def optimised(self, path):
+        """What the compiler makes of a file in the end, or None if it is not one that it compiles.
+
+        A mistake that leaves it as it was cannot be noticed by anything.
+        """
+        commands = json.loads((self.build / "compile_commands.json").read_text())
+        source = str(pathlib.Path(path).resolve())
+        for entry in commands:
+            if entry["file"] == source:
+                words = [word for word in shlex.split(entry["command"])
+                         if not word.startswith(("-fsanitize", "-g", "-O", "-DNDEBUG"))]
+                words = words[:words.index("-o")] + ["-O2", "-S", "-o", "-", source]
+                return subprocess.run(words, cwd=entry["directory"], capture_output=True).stdout
+        return None
+
+
+def first_failure(output):
+    """The program that ctest's output tells of first, and its test."""
+    # The output of each program that fails follows its row. More than one may fail.
+    rows = re.split(r"^ *\d+/\d+ Test +#\d+: (\S+) \.*[^*\n]*\*\*\*(\S+)", output, flags=re.MULTILINE)
+    if len(rows) < 4:
+        raise SystemExit(f"{output}\nctest failed without a failing test.")
+    program, how, said = rows[1:4]
+    if how.startswith("Timeout"):
+        return program, "(hangs)"
+    failed = re.search(r"\[  FAILED  \] ([^\s,]+)", said)
+    if failed is not None:
+        return program, failed.group(1)
+    if "LeakSanitizer" in said:
+        return program, "(leaks)"
+    running = re.findall(r"\[ RUN      \] (\S+)", said)
+    return program, f"{running[-1] if running else ''} (ends)"
