@@ -9,7 +9,7 @@ import subprocess
 
 PROCESSORS = os.cpu_count()
 QUICK = 1.0  # seconds that a test program takes at most to run in the first wave
-HANG = 20    # seconds for a test program, or ten times what it takes without a mistake
+HANG = 20    # seconds for a test program, or five times what it takes without a mistake
 LIKELY = 3   # programs in the wave before the first: those that noticed most in the same file
 
 # A mistake may forget or signal any process, so that those of the tests end with them.
@@ -21,17 +21,38 @@ def first_to_go():
     pathlib.Path("/proc/self/oom_score_adj").write_text("1000")
 
 
-class Bench:
-    """`build` is a build tree that is complete; the tests with one of the labels are run."""
+class Checkout:
+    """The files; at most one of them is changed."""
 
-    def __init__(self, build, labels):
-        self.build, self.labels = build, labels
-        self.tests = self.listed_tests(labels)
-        self.targets = self.targets_of(self.tests)
+    def __init__(self):
         self.changed = None  # a path, and its proper text
-        self.noticed = {}    # for each path, how often each program noticed
-        self.seconds = {}
+
+    def restore(self):
+        if self.changed is not None:
+            path, text = self.changed
+            pathlib.Path(path).write_text(text)
+            self.changed = None
+
+    def change(self, mutant):
+        if self.changed is not None and self.changed[0] != mutant.path:
+            self.restore()
+        path = pathlib.Path(mutant.path)
+        if self.changed is None:
+            self.changed = (mutant.path, path.read_text())
+        path.write_text(mutant.applied(self.changed[1]))
+
+
+class Bench:
+    """Of the build tree `build` the tests that have one of the labels, and `programs`, which they
+    start. The files are as they are proper when it is made."""
+
+    def __init__(self, build, labels, programs):
+        self.build = build
+        self.tests = self.listed_tests(labels)
+        self.targets = self.known_targets([*programs, *self.tests])
+        self.noticed = {}  # for each path, how often each test program noticed
         self.must(self.make(), "does not compile")
+        self.seconds = self.kept_seconds()
         self.measure()
 
     @staticmethod
@@ -51,35 +72,31 @@ class Bench:
                 tests[test["name"]] = own
         return tests
 
-    def targets_of(self, tests):
-        """Those of a test's own name, and the programs that tests start. (Some tests are second
-        runs of another one's program, or of another build tree's.)"""
+    def known_targets(self, names):
+        """Some tests are second runs of another one's program, or of another build tree's."""
         known = subprocess.run(["ninja", "-C", self.build, "-t", "targets", "all"],
                                capture_output=True, text=True, check=True).stdout
-        names = [*tests] if self.labels == ["unit"] else [*tests, "corvane-host", "corvane-ke-peer"]
         return [name for name in names if f"\n{name}: phony" in known]
 
     def make(self):
         return subprocess.run(["ninja", "-C", self.build, "-j", str(PROCESSORS), *self.targets],
                               capture_output=True, text=True)
 
-    def measure(self):
-        """How long each program takes, by what ctest keeps of it in the build tree. Those that
-        have not run there, or not passed, run now."""
+    def kept_seconds(self):
+        """How long each program takes, by what ctest has kept of it; nothing if some failed."""
         kept = self.build / "Testing/Temporary"
-        failed = kept / "LastTestsFailed.log"
-        have_failed = failed.exists() and failed.read_text().strip() != ""
-        self.read_seconds(kept)
-        new = [name for name in self.tests if have_failed or name not in self.seconds]
+        costs, failed = kept / "CTestCostData.txt", kept / "LastTestsFailed.log"
+        if not costs.exists() or (failed.exists() and failed.read_text().strip()):
+            return {}
+        rows = costs.read_text().split("---")[0].splitlines()
+        return {name: float(seconds) for name, _, seconds in (row.split() for row in rows)}
+
+    def measure(self):
+        """Runs the programs once that have not run in the build tree."""
+        new = [name for name in self.tests if name not in self.seconds]
         if new:
             self.must(self.ctest(new, 900, []), "fails its tests")
-            self.read_seconds(kept)
-
-    def read_seconds(self, kept):
-        path = kept / "CTestCostData.txt"
-        rows = path.read_text().split("---")[0].splitlines() if path.exists() else []
-        for name, _, seconds in (row.split() for row in rows):
-            self.seconds[name] = float(seconds)
+            self.seconds = self.kept_seconds()
 
     def ctest(self, programs, timeout, options):
         command = [*BY_ITSELF, "ctest", "--test-dir", self.build, "-R", f"^({'|'.join(programs)})$",
@@ -88,35 +105,20 @@ class Bench:
         return subprocess.run(command, capture_output=True, text=True, errors="replace",
                               preexec_fn=first_to_go, env={**os.environ, "GTEST_FAIL_FAST": "1"})
 
-    def restore(self):
-        if self.changed is not None:
-            path, text = self.changed
-            pathlib.Path(path).write_text(text)
-            self.changed = None
-
-    def change(self, mutant):
-        if self.changed is not None and self.changed[0] != mutant.path:
-            self.restore()
-        path = pathlib.Path(mutant.path)
-        if self.changed is None:
-            self.changed = (mutant.path, path.read_text())
-        path.write_text(mutant.applied(self.changed[1]))
-
-    def waves(self, path, near):
-        """Lists of programs, the likeliest to notice a mistake in the file first."""
+    def waves(self, path, labels):
+        """Lists of programs that have one of the labels, the likeliest to notice first."""
         often = self.noticed.get(path, {})
         likely = sorted(often, key=often.get, reverse=True)[:LIKELY]
-        by_time = sorted(self.tests, key=lambda name: self.seconds[name])
-        close = [name for name in by_time if self.tests[name] & set(near) and name not in likely]
-        quick = [name for name in close if self.seconds[name] <= QUICK]
-        slow = [name for name in close if self.seconds[name] > QUICK]
-        far = [name for name in by_time if name not in likely + close]
-        return [wave for wave in (likely, quick, slow, far) if wave]
+        others = [name for name in self.tests if self.tests[name] & set(labels)
+                  and name not in likely]
+        quick = [name for name in others if self.seconds[name] <= QUICK]
+        slow = [name for name in others if self.seconds[name] > QUICK]
+        return [wave for wave in (likely, quick, slow) if wave]
 
-    def notice(self, path, near):
-        """The first test that fails since the file was changed, or None."""
-        for programs in self.waves(path, near):
-            timeout = max(HANG, 10 * max(self.seconds[name] for name in programs))
+    def notice(self, path, labels):
+        """The first test with one of the labels that fails since the file was changed, or None."""
+        for programs in self.waves(path, labels):
+            timeout = max(HANG, 5 * max(self.seconds[name] for name in programs))
             said = self.ctest(programs, int(timeout), ["--stop-on-failure"])
             if said.returncode != 0:
                 program, what = first_failure(said.stdout)

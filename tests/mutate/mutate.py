@@ -13,7 +13,7 @@ import random
 import sys
 import time
 
-from bench import Bench
+from bench import Bench, Checkout
 from mutants import mutants_of
 
 # Wanted, in percent of those mutants that are not equivalent. A draw of few may have fewer by
@@ -23,7 +23,6 @@ UNLIKELY = 0.01
 FOLDERS = {"plugin": "src", "devkit": "devkit"}
 # The labels of the tests that are nearest to a folder.
 NEAR = {
-    "src": ["unit"],
     "devkit/common": ["service", "host", "peer"],
     "devkit/engine": ["engine", "vectors"],
     "devkit/host": ["host"],
@@ -31,7 +30,12 @@ NEAR = {
     "devkit/peer": ["peer"],
     "devkit/service": ["service"],
 }
-DEVKIT = ["params", "engine", "vectors", "peer", "host", "service"]
+LABELS = {
+    "plugin": ["unit"],
+    "devkit": ["params", "engine", "vectors", "peer", "host", "service"],
+}
+# What tests start, beside themselves.
+PROGRAMS = {"plugin": [], "devkit": ["corvane-host", "corvane-ke-peer"]}
 EQUIVALENTS = pathlib.Path(__file__).resolve().parent / "equivalents.txt"
 
 
@@ -61,77 +65,60 @@ class Equivalents:
                 or self.reasons.get((mutant.path, *mutant.lines(text))))
 
 
-def benches_of(path):
-    """The builds that judge mutants of a file, and the labels of their tests. What one does not
-    notice, the next may: sanitizers slow the devkit's tests down too much to be the first."""
+def judges_of(path):
+    """The build trees in which mutants of a file are judged, each with the labels of the tests that
+    run there. What one does not notice, the next may: the nearest tests first, and sanitizers last,
+    which slow the devkit's tests down."""
     if path.endswith("_neon.cpp"):
         return [("aarch64", ["unit"])]
     if path.startswith("src/"):
         return [("asan", ["unit"])]
-    return [("release", DEVKIT), ("asan", DEVKIT)]
-
-
-class Benches:
-    """Each is made when it is first needed."""
-
-    def __init__(self):
-        self.made = {}
-
-    def of(self, path):
-        for build, labels in benches_of(path):
-            if build not in self.made:
-                self.made[build] = Bench(pathlib.Path("build", build), labels)
-            yield self.made[build]
-
-    def restore(self):
-        for bench in self.made.values():
-            bench.restore()
-
-
-def near(path):
-    return next(labels for folder, labels in NEAR.items() if path.startswith(folder + "/"))
-
-
-def judge(mutant, benches, equivalents, text):
-    """A word of the verdict, and what there is to say of it."""
-    reason = equivalents.reason(mutant, text)
-    if reason is not None:
-        return "equivalent", reason
-    for first, bench in enumerate(benches.of(mutant.path)):
-        usual = bench.optimised(mutant.path) if first == 0 else None
-        bench.change(mutant)
-        if bench.make().returncode != 0:
-            return "no code", "does not compile"
-        if usual is not None and bench.optimised(mutant.path) == usual:
-            return "equivalent", "the compiler makes the same of it"
-        noticed = bench.notice(mutant.path, near(mutant.path))
-        if noticed is not None:
-            return "noticed", noticed
-    return "SURVIVED", ""
-
-
-def chance_of_so_few(noticed, drawn, share):
-    """That at most so many of those drawn are noticed, if the share of all is noticed."""
-    return sum(math.comb(drawn, k) * share**k * (1 - share)**(drawn - k)
-               for k in range(noticed + 1))
-
-
-def texts_of(area):
-    return {str(path): path.read_text() for path in sorted(pathlib.Path(FOLDERS[area]).rglob("*"))
-            if path.suffix in (".cpp", ".h")}
+    near = next(labels for folder, labels in NEAR.items() if path.startswith(folder + "/"))
+    far = [label for label in LABELS["devkit"] if label not in near]
+    return [("release", near), ("release", far), ("asan", near)]
 
 
 class Session:
     """Judges mutants and counts the verdicts."""
 
     def __init__(self):
-        self.equivalents, self.benches = Equivalents(), Benches()
+        self.equivalents, self.checkout = Equivalents(), Checkout()
+        self.benches = {}
+        self.usual = None, None  # a file, and what the compiler makes of it
         self.verdicts = {"noticed": 0, "SURVIVED": 0, "equivalent": 0, "no code": 0}
+
+    def bench(self, build, area):
+        """Made when it is first needed. The file that is changed may not be."""
+        if build not in self.benches:
+            self.checkout.restore()
+            self.benches[build] = Bench(pathlib.Path("build", build), LABELS[area], PROGRAMS[area])
+        return self.benches[build]
+
+    def verdict(self, mutant, text):
+        """A word, and what there is to say of it."""
+        reason = self.equivalents.reason(mutant, text)
+        if reason is not None:
+            return "equivalent", reason
+        area = "plugin" if mutant.path.startswith("src/") else "devkit"
+        for i, (build, labels) in enumerate(judges_of(mutant.path)):
+            bench = self.bench(build, area)
+            if i == 0 and self.usual[0] != mutant.path:
+                self.checkout.restore()
+                self.usual = mutant.path, bench.optimised(mutant.path)
+            self.checkout.change(mutant)
+            if bench.make().returncode != 0:
+                return "no code", "does not compile"
+            if i == 0 and self.usual[1] and bench.optimised(mutant.path) == self.usual[1]:
+                return "equivalent", "the compiler makes the same of it"
+            noticed = bench.notice(mutant.path, labels)
+            if noticed is not None:
+                return "noticed", noticed
+        return "SURVIVED", ""
 
     def judge(self, mutant, text):
         """Returns whether it is one that compiles. Only then it has a row."""
         start = time.monotonic()
-        verdict, said = judge(mutant, self.benches, self.equivalents, text)
+        verdict, said = self.verdict(mutant, text)
         self.verdicts[verdict] += 1
         if verdict == "no code":
             return False
@@ -144,7 +131,18 @@ class Session:
         return True
 
     def end(self):
-        self.benches.restore()
+        self.checkout.restore()
+
+
+def chance_of_so_few(noticed, drawn, share):
+    """That at most so many of those drawn are noticed, if the share of all is noticed."""
+    return sum(math.comb(drawn, k) * share**k * (1 - share)**(drawn - k)
+               for k in range(noticed + 1))
+
+
+def texts_of(area):
+    return {str(path): path.read_text() for path in sorted(pathlib.Path(FOLDERS[area]).rglob("*"))
+            if path.suffix in (".cpp", ".h")}
 
 
 def draw(area, seed, count):
