@@ -65,17 +65,6 @@ std::optional<std::string_view> unpadded(std::string_view text)
     return text;
 }
 
-int hexDigit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 // The byte that two hex digits at `at` stand for, or -1.
 int hexByte(std::string_view text, size_t at)
 {
@@ -87,6 +76,17 @@ int hexByte(std::string_view text, size_t at)
 }
 
 }  // namespace
+
+int hexDigit(int c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
 
 std::string toUrlBase64(std::string_view bytes)
 {

@@ -26,6 +26,9 @@ std::optional<size_t> base64Size(std::string_view text);
 std::string toHex(std::string_view bytes);
 std::optional<SecretText> fromHex(std::string_view text);
 
+// The number that a hex digit of either case stands for; -1 if the character is none.
+int hexDigit(int c);
+
 // Undoes percent-escapes (RFC 3986, section 2.1) once.
 std::optional<SecretText> percentDecode(std::string_view text);
 

@@ -157,6 +157,20 @@ TEST(JsonTree, IsWhatAnotherReaderSees)
         }
 }
 
+TEST(JsonTree, IsThatTooWithAnyByteInAnyPlace)
+{
+    for (const std::string& whole : std::initializer_list<std::string>{
+             R"(["\u00e9\uD83d\uDe00"])", "[-10.25e+7,0]", R"({"a":[true,false,null]})"}) {
+        for (size_t place = 0; place < whole.size(); ++place) {
+            for (int byte = 1; byte < 0x80; ++byte) {  // NUL has a refusal of its own
+                std::string text = whole;
+                text[place] = static_cast<char>(byte);
+                ASSERT_EQ(otherLineOf(text), lineOf(text)) << text;
+            }
+        }
+    }
+}
+
 TEST(JsonTree, OfChangedTextsIsTooAndSoIsThePlaceOfWhatIsWrong)
 {
     const std::string pieces[] = {"{",

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/codec.h"
 #include "common/secrets.h"
 
 namespace {
@@ -14,17 +15,6 @@ namespace {
 bool isDigit(int c)
 {
     return c >= '0' && c <= '9';
-}
-
-int hexDigit(int c)
-{
-    if (isDigit(c))
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
 }
 
 // What a backslash and the letter stand for; NUL if nothing.
