@@ -208,11 +208,8 @@ const char C3[] = "59983c18f809e262923c53aec295d30383b54e39d609d160afcb1908d0bd8
 
 TEST_F(PublicKey, TheStandardsExampleOpensInEveryForm)
 {
-    const Exact text(toBase64(fromHex(STANDARD_KEY)));
     void* key = nullptr;
-    ASSERT_EQ(engine.aven_keypair_unmarshal(1, text.data(), text.size(), nullptr, 0, nullptr, &key),
-              0);
-
+    ASSERT_EQ(unmarshal(AVEN_KEY_SM2, toBase64(fromHex(STANDARD_KEY)), "", nullptr, &key), 0);
     const std::string x = C1_X, y = C1_Y, c2 = C2, c3 = C3;
     const std::string asn1C1 = "0220" + x + "022100" + y;
     expectOpens(key, sm2Forms[0], fromHex("307c" + asn1C1 + "0420" + c3 + "0413" + c2),
@@ -221,6 +218,27 @@ TEST_F(PublicKey, TheStandardsExampleOpensInEveryForm)
                 STANDARD_TEXT);
     expectOpens(key, sm2Forms[2], fromHex("04" + x + y + c3 + c2), STANDARD_TEXT);
     expectOpens(key, sm2Forms[3], fromHex("04" + x + y + c2 + c3), STANDARD_TEXT);
+}
+
+// The example's key, and the point with x = 1; with the field's prime added, x still has 32 bytes.
+// The other parts were computed from the standard's formulas by another program.
+TEST_F(PublicKey, ACoordinateBeyondTheFieldsPrimeIsRefused)
+{
+    void* key = nullptr;
+    ASSERT_EQ(unmarshal(AVEN_KEY_SM2, toBase64(fromHex(STANDARD_KEY)), "", nullptr, &key), 0);
+    const std::string y = "9f7a091433a81e3f218f405f792355bf2aa98b5ffa95982f03870800065279a3";
+    const std::string c3 = "8c001dfb980cd342da2a8e108d15df4894328fbe81c2499c5171a04658e135c0";
+    const std::string c2 = "a735477c4a6621b1c1d6281d";
+    const std::string one = std::string(63, '0') + "1";
+    const std::string beyond = "fffffffeffffffffffffffffffffffffffffffff000000010000000000000000";
+
+    expectOpens(key, sm2Forms[2], fromHex("04" + one + y + c3 + c2), "hello, world");
+    EXPECT_EQ(decrypt(key, sm2Forms[2], fromHex("04" + beyond + y + c3 + c2)).code,
+              AVEN_E_DECRYPTION);
+    const std::string behind = "022100" + y + "0420" + c3 + "040c" + c2;
+    expectOpens(key, sm2Forms[0], fromHex("3056" + ("020101" + behind)), "hello, world");
+    EXPECT_EQ(decrypt(key, sm2Forms[0], fromHex("3076022100" + beyond + behind)).code,
+              AVEN_E_DECRYPTION);
 }
 
 TEST_F(PublicKey, Sm2OpensInEveryFormAndFits)

@@ -146,10 +146,14 @@ public:
         return point;
     }
 
-    // Null if there is no such point.
+    // Null if there is no such point. libcrypto would take a coordinate plus the field's prime for
+    // the coordinate; GB/T 32918.1, 4.2.6, refuses what is not below the prime.
     Point pointAt(const Parts& parts) const
     {
         const Number x = numberOf(parts.x), y = numberOf(parts.y);
+        const BIGNUM* prime = EC_GROUP_get0_field(m_curve);
+        if (BN_cmp(x.get(), prime) >= 0 || BN_cmp(y.get(), prime) >= 0)
+            return nullptr;
         Point point = makePoint();
         if (EC_POINT_set_affine_coordinates(m_curve, point.get(), x.get(), y.get(),
                                             m_numbers.get()) != 1)
