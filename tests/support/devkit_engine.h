@@ -67,6 +67,7 @@ public:
 
     unsigned char* data() { return m_bytes.data(); }
     std::string text() const { return std::string(m_bytes.begin(), m_bytes.begin() + len); }
+    bool lengthFits() const { return len <= m_capacity; }
     bool fenceIntact() const
     {
         return std::all_of(m_bytes.begin() + static_cast<std::ptrdiff_t>(m_capacity), m_bytes.end(),

@@ -54,6 +54,22 @@ inline Job jobFor(const Cipher& cipher, int mode, int padding = 0)
     return job;
 }
 
+// The job's parameter block, with its bytes elsewhere.
+inline SymmCipherParams blockOf(const Job& job, const Exact& key, const Exact& iv, const Exact& aad)
+{
+    SymmCipherParams params = {};
+    params.alg = job.alg;
+    params.mode = job.mode;
+    params.padding = job.padding;
+    params.key = key.data();
+    params.key_len = key.size();
+    params.iv = job.iv.empty() ? nullptr : iv.data();
+    params.iv_len = iv.size();
+    params.aad = job.aad.empty() ? nullptr : aad.data();
+    params.aad_len = aad.size();
+    return params;
+}
+
 struct CipherResult {
     int code;
     uint32_t len;
@@ -67,7 +83,7 @@ protected:
                          int tagLength = 0)
     {
         const Exact key(job.key), iv(job.iv), aad(job.aad), in(data);
-        const SymmCipherParams params = block(job, key, iv, aad);
+        const SymmCipherParams params = blockOf(job, key, iv, aad);
         Fenced out(capacity);
         Fenced tag(tagLength > 0 ? static_cast<size_t>(tagLength) : 0);
         const int code =
@@ -90,7 +106,7 @@ protected:
                          size_t capacity)
     {
         const Exact key(job.key), iv(job.iv), aad(job.aad), in(data), tag(tagBytes);
-        const SymmCipherParams params = block(job, key, iv, aad);
+        const SymmCipherParams params = blockOf(job, key, iv, aad);
         Fenced out(capacity);
         const int code = engine.aven_crypto_decrypt(&params, in.data(), in.size(),
                                                     tagBytes.empty() ? nullptr : tag.data(),
@@ -112,23 +128,6 @@ protected:
         if (tagLength == -1)
             tagLength = job.mode == AVEN_MODE_GCM ? 16 : 0;
         return encrypt(job, data, data.size() + 128, tagLength).code;
-    }
-
-private:
-    static SymmCipherParams block(const Job& job, const Exact& key, const Exact& iv,
-                                  const Exact& aad)
-    {
-        SymmCipherParams params = {};
-        params.alg = job.alg;
-        params.mode = job.mode;
-        params.padding = job.padding;
-        params.key = key.data();
-        params.key_len = key.size();
-        params.iv = job.iv.empty() ? nullptr : iv.data();
-        params.iv_len = iv.size();
-        params.aad = job.aad.empty() ? nullptr : aad.data();
-        params.aad_len = aad.size();
-        return params;
     }
 };
 
