@@ -16,6 +16,7 @@ libgtest-dev | header gtest/gtest.h | GoogleTest (pkg-config gtest, CMake GTest)
 googletest | file /usr/src/googletest/CMakeLists.txt | GoogleTest, its sources in /usr/src/googletest
 binutils | program readelf | GNU binutils
 clang | program clang++ | Clang 14
+libbotan-2-dev | file /usr/include/botan-2 | Botan 2.19 (pkg-config botan-2)
 locales | file /usr/share/i18n/locales/de_DE | glibc, the sources of its locales
 man-db | program man | man
 pkgconf | program pkg-config | pkg-config

@@ -7,8 +7,8 @@ build_packages=(g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
 # The reference of headers and of HTTP as pages.
 reference_packages=(doxygen python3)
 
-test_packages=("${reference_packages[@]}" libgtest-dev googletest binutils clang curl fish locales
-    make man-db mandoc pkgconf python3-cryptography-vectors zsh)
+test_packages=("${reference_packages[@]}" libgtest-dev googletest binutils clang curl fish
+    libbotan-2-dev locales make man-db mandoc pkgconf python3-cryptography-vectors zsh)
 
 # Packages and images.
 image_packages=(binutils buildah)
