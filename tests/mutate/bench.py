@@ -5,20 +5,28 @@ import os
 import pathlib
 import re
 import shlex
+import signal
 import subprocess
 
 PROCESSORS = os.cpu_count()
 QUICK = 1.0  # seconds that a test program takes at most to run in the first wave
 HANG = 20    # seconds for a test program, or five times what it takes without a mistake
+MOST_MEMORY = 4 << 30  # bytes, of one process
 LIKELY = 3   # programs in the wave before the first: those that noticed most in the same file
 
 # A mistake may forget or signal any process, so that those of the tests end with them.
 BY_ITSELF = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc"]
 
 
-def first_to_go():
-    """If a mistake takes all memory, it and nobody else is ended."""
-    pathlib.Path("/proc/self/oom_score_adj").write_text("1000")
+def end_greedy():
+    """Ends each process that has more memory than any test needs."""
+    for process in pathlib.Path("/proc").glob("[0-9]*"):
+        try:
+            pages = int((process / "statm").read_text().split()[1])
+            if pages * os.sysconf("SC_PAGESIZE") > MOST_MEMORY:
+                os.kill(int(process.name), signal.SIGKILL)
+        except (OSError, IndexError):
+            pass  # it has ended by itself
 
 
 class Checkout:
@@ -102,8 +110,15 @@ class Bench:
         command = [*BY_ITSELF, "ctest", "--test-dir", self.build, "-R", f"^({'|'.join(programs)})$",
                    "--no-tests=error", "--timeout", str(timeout), "--output-on-failure",
                    "-j", str(2 * PROCESSORS), *options]
-        return subprocess.run(command, capture_output=True, text=True, errors="replace",
-                              preexec_fn=first_to_go, env={**os.environ, "GTEST_FAIL_FAST": "1"})
+        with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                              errors="replace",
+                              env={**os.environ, "GTEST_FAIL_FAST": "1"}) as process:
+            while True:
+                try:
+                    output, _ = process.communicate(timeout=1)
+                    return subprocess.CompletedProcess(command, process.returncode, output, "")
+                except subprocess.TimeoutExpired:
+                    end_greedy()
 
     def waves(self, path, labels):
         """Lists of programs that have one of the labels, the likeliest to notice first."""
