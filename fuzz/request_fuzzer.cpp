@@ -7,7 +7,7 @@
 // the tests. Input, by lines; others mean nothing:
 //
 //     p<name>=<value>         stores a request parameter
-//     a<code> <length> <how>  what an engine call answers, in turn; see Answer
+//     a<code> <length> <how>  what an engine call answers, in turn; see support::Answer
 //     q<name>                 sends a request
 //     e<number>               takes the engine away, or with another number than 0 back
 //     l<number>               in the next request, second reads of values tell this length
@@ -17,7 +17,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <deque>
 #include <string>
 #include <vector>
 
@@ -28,16 +27,9 @@
 #include "module_CorvaneParams.h"
 #include "oracles.h"
 #include "request_calls.h"
+#include "support/answering_doubles.h"
 
 namespace {
-
-// What a call answers: a code and, with an output, so many bytes of it as fit. `how` is 1
-// to tell one byte more than there is room for, or to give no object and no text.
-struct Answer {
-    int code = 0;
-    unsigned length = 16;
-    int how = 0;
-};
 
 // What the engine did in a request.
 struct Account {
@@ -49,62 +41,16 @@ struct Account {
     std::string tag;     //
 };
 
-// More than any output has room for.
-const std::string LONGEST = [] {
-    std::string bytes(1 << 16, '\0');
-    for (size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<char>(0xF9 + i * 0x35);
-    return bytes;
-}();
-
-const std::string TAG(16, '\xFE');
-
-// Answers in turn, and looks at each call before it does.
-class FuzzedEngine : public doubles::EngineDouble {
+// Looks at each call before it is answered.
+class FuzzedEngine : public support::AnsweringEngine {
 public:
-    using EngineDouble::EngineDouble;
+    using AnsweringEngine::AnsweringEngine;
 
-    const doubles::Step& step(bool query, const std::string& function, const std::string&) override
-    {
-        m_answer = {};
-        if (!answers.empty()) {
-            m_answer = answers.front();
-            answers.pop_front();
-        }
-        const bool isOdd = m_answer.how == 1;
-        m_step = {};
-        m_step.code = m_answer.code;
-        if (query)
-            m_step.reported = m_answer.length;
-        else if (isOdd || function == "aven_crypto_kdf")
-            m_step.output = LONGEST;
-        else
-            m_step.output = LONGEST.substr(0, m_answer.length);
-        if (function == "aven_version" || function == "aven_strerror")
-            m_step.text = fuzz::replaced(LONGEST.substr(0, m_answer.length), '\0', '0');
-        m_step.beyond = isOdd;
-        m_step.tag = TAG;
-        m_step.nullText = isOdd;
-        if (function == "aven_ke_new")
-            m_step.object = reinterpret_cast<void*>(static_cast<uintptr_t>(m_answer.length));
-        else if (isOdd)
-            m_step.object = nullptr;
-        m_step.during = [this, query] { take(journal.calls.back(), query); };
-        return m_step;
-    }
-
-    void forgetObjects()
-    {
-        for (doubles::Objects* objects : {&sessions, &keypairs, &certificates})
-            *objects = doubles::Objects(objects->first);
-    }
-
-    std::deque<Answer> answers;
     Account account;
     fuzz::SentRequest sent;
 
 private:
-    void take(const doubles::Call& call, bool query)
+    void take(const doubles::Call& call, bool query) override
     {
         ++account.calls;
         fuzz::checkCall(call, sent, *this);
@@ -131,31 +77,17 @@ private:
         else if (const doubles::Argument* room = fuzz::find(call, "out_len"))
             account.output = m_step.output->substr(0, static_cast<size_t>(room->number));
         if (call.function == "aven_crypto_encrypt")
-            account.tag = TAG.substr(0, static_cast<size_t>(call["tag_len"].number));
+            account.tag = support::WHOLE_TAG.substr(0, static_cast<size_t>(call["tag_len"].number));
     }
-
-    Answer m_answer;
-    doubles::Step m_step;
 };
 
-// Tells false lengths, and looks at each read.
-class FuzzedParams : public doubles::ParamsDouble {
+// Looks at each call before it is answered.
+class FuzzedParams : public support::AnsweringParams {
 public:
-    using ParamsDouble::ParamsDouble;
-
-    const doubles::Step& step(bool query, const std::string&, const std::string& name) override
-    {
-        m_step = {};
-        if (!query && toldLength >= 0 && findValue(http, name) != nullptr)
-            m_step.reported = toldLength;
-        m_step.during = [this] { check(journal.calls.back()); };
-        return m_step;
-    }
-
-    long toldLength = -1;  // by second reads, unless negative
+    using AnsweringParams::AnsweringParams;
 
 private:
-    void check(const doubles::Call& call) const
+    void take(const doubles::Call& call) override
     {
         const std::string& name = call.function;
         if (name == "GetHttpParams") {
@@ -168,8 +100,6 @@ private:
                   name == "ClearRetCustomParam");
         }
     }
-
-    doubles::Step m_step;
 };
 
 doubles::Journal journal;
@@ -302,7 +232,7 @@ void store(const std::string& text)
 void queue(const std::string& text)
 {
     constexpr unsigned longest = 4096;
-    Answer answer;
+    support::Answer answer;
     int length = 0;
     if (sscanf(text.c_str(), "%11d %9d %9d", &answer.code, &length, &answer.how) == 3) {
         answer.length = static_cast<unsigned>(length) % longest;
