@@ -14,12 +14,14 @@
 #include "support/base64_text.h"
 #include "support/each_kernel.h"
 #include "support/stream_bytes.h"
+#include "support/stream_decoder_model.h"
 
 namespace {
 
 using support::ALPHABET;
 using support::BeforeTheEdge;
 using support::CANARY;
+using support::DecoderModel;
 using support::ExactBlock;
 using support::int32At;
 using support::leaveUsedBlock;
@@ -29,48 +31,6 @@ using support::randomBytes;
 using support::randomCharacters;
 using support::toBase64;
 using support::withEachKernel;
-
-// What the decoder has to do, one character at a time.
-struct DecoderModel {
-    bool skips(char c) const { return c != '=' && ALPHABET.find(c) == std::string::npos; }
-    static unsigned sextet(char c) { return static_cast<unsigned>(ALPHABET.find(c)); }
-    // What a call returns; `out` receives what it has written.
-    int update(const std::string& text, std::string& out)
-    {
-        out.clear();
-        std::string group = pending;
-        pending.clear();
-        for (char c : text) {
-            if (skips(c))
-                continue;
-            group += c;
-            if (group.size() < 4)
-                continue;
-            size_t padding = group.find('=');
-            if (padding == std::string::npos) {
-                append(group, 3, out);
-            } else {
-                if (padding < 2 || group.find_first_not_of('=', padding) != std::string::npos)
-                    return 0;
-                append(group, padding - 1, out);
-                return static_cast<int>(out.size());
-            }
-            group.clear();
-        }
-        pending = group;
-        return static_cast<int>(out.size());
-    }
-    static void append(const std::string& group, size_t count, std::string& out)
-    {
-        unsigned bits = 0;
-        for (char c : group)
-            bits = bits << 6 | (c == '=' ? 0 : sextet(c));
-        for (size_t i = 0; i < count; i++)
-            out += static_cast<char>(bits >> (16 - 8 * i));
-    }
-
-    std::string pending;
-};
 
 // One decoder stream beside its model; each update is compared with the model's.
 class Decoder {
