@@ -23,7 +23,7 @@ python3 tests/departures.py check src
 if [ -z "${CORVANE_DEPARTURES_KEEP-}" ] || [ ! -d "$build" ]; then
     rm -rf "$tree" "$build"
     mkdir -p "$tree"
-    cp -R CMakeLists.txt cmake src tests "$tree"
+    cp -R CMakeLists.txt cmake devkit docs src tests "$tree"
 fi
 # The compiler's output only if it fails. What is linked to the plug-in's library need not
 # be linked again when that changes.
