@@ -11,6 +11,16 @@
 namespace {
 
 doubles::Journal* target = nullptr;
+const support::LoaderDetour* detour = nullptr;
+
+// Where the loader is to look for a library.
+const char* placeOf(const char* path)
+{
+    if (detour == nullptr || path == nullptr)
+        return path;
+    const auto found = detour->files.find(path);
+    return found != detour->files.end() ? found->second.c_str() : path;
+}
 
 void recordSyslog(int priority, const char* format, va_list arguments)
 {
@@ -99,7 +109,7 @@ void closelog()
 extern "C" void* dlopen(const char* path, int flags) noexcept
 {
     static const auto real = next<void* (*)(const char*, int)>("dlopen");
-    void* handle = real(path, flags);
+    void* handle = real(placeOf(path), flags);
     if (target != nullptr) {
         doubles::Recording recording(*target, "dlopen");
         recording.text("path", path);
@@ -129,6 +139,16 @@ SystemCapture::~SystemCapture()
     target = previous;
 }
 
+LoaderDetour::LoaderDetour()
+{
+    detour = this;
+}
+
+LoaderDetour::~LoaderDetour()
+{
+    detour = nullptr;
+}
+
 StdoutCapture::StdoutCapture() : file(memfd_create("stdout", 0)), original(-1)
 {
     fflush(stdout);
@@ -155,6 +175,14 @@ std::string StdoutCapture::text()
     ssize_t got;
     for (off_t at = 0; (got = pread(file, part, sizeof part, at)) > 0; at += got)
         printed.append(part, static_cast<size_t>(got));
+    return printed;
+}
+
+std::string StdoutCapture::take()
+{
+    std::string printed = text();
+    if (!printed.empty() && (ftruncate(file, 0) != 0 || lseek(file, 0, SEEK_SET) != 0))
+        abort();
     return printed;
 }
 

@@ -4,6 +4,7 @@
 #ifndef CORVANE_TESTS_CAPTURE_H
 #define CORVANE_TESTS_CAPTURE_H
 
+#include <map>
 #include <string>
 
 #include "doubles/journal.h"
@@ -27,6 +28,19 @@ private:
     doubles::Journal* previous;
 };
 
+// While it lives, dlopen opens the file that stands beside a name in place of the name.
+class LoaderDetour {
+public:
+    using Files = std::map<std::string, std::string>;  // by name
+
+    LoaderDetour();
+    LoaderDetour(const LoaderDetour&) = delete;
+    LoaderDetour& operator=(const LoaderDetour&) = delete;
+    ~LoaderDetour();
+
+    Files files;
+};
+
 // While it lives, standard output goes into a file of its own.
 class StdoutCapture {
 public:
@@ -37,6 +51,8 @@ public:
 
     // What was printed so far.
     std::string text();
+    // The same, which is forgotten then.
+    std::string take();
 
 private:
     int file;
