@@ -179,12 +179,13 @@ std::optional<WireReply> decodeReply(std::string_view frame)
     WireReply reply;
     const size_t kind = reader.number();
     reply.kind = static_cast<WireReply::Kind>(kind);
-    reply.ok = reader.number() == 1;
+    const size_t ok = reader.number();
+    reply.ok = ok == 1;
     reply.microseconds = static_cast<double>(reader.number()) / 10;
     reply.code = reader.text();
     reply.text = reader.text();
     reply.results = reader.pairs();
-    if (!reader.whole() || kind > WireReply::TakenBack)
+    if (!reader.whole() || kind > WireReply::TakenBack || ok > 1)
         return std::nullopt;
     return reply;
 }
