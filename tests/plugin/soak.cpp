@@ -16,18 +16,16 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 #include <thread>
 
 #include "support/held.h"
+#include "support/long_run.h"
 #include "support/traffic.h"
 
 namespace {
@@ -42,7 +40,6 @@ using Clock = std::chrono::steady_clock;
 constexpr int MOMENTS = 30;  // at which memory is measured
 constexpr int WARM_UP = 10;  // of them
 constexpr double ALLOWED_PER_THREAD = 256 << 10;
-constexpr double ALLOWED_PER_MILLION = 32 << 10;
 
 struct Plan {
     uint64_t seconds = 60;
@@ -60,24 +57,12 @@ struct Plan {
 Plan planOf(int argc, char** argv)
 {
     Plan plan;
-    const std::pair<const char*, uint64_t*> options[] = {{"--seconds", &plan.seconds},
-                                                         {"--requests", &plan.requests},
-                                                         {"--threads", &plan.threads},
-                                                         {"--seed", &plan.seed}};
-    for (int i = 1; i < argc; i += 2) {
-        const auto option =
-            std::find_if(std::begin(options), std::end(options),
-                         [&](const auto& known) { return strcmp(known.first, argv[i]) == 0; });
-        if (option == std::end(options) || i + 1 == argc || argv[i + 1][0] < '0' ||
-            argv[i + 1][0] > '9')
-            usage();
-        char* end = nullptr;
-        errno = 0;
-        *option->second = strtoull(argv[i + 1], &end, 10);
-        if (*end != '\0' || errno != 0)
-            usage();
-    }
-    if (plan.threads == 0 || plan.threads > 1024 || (plan.seconds == 0 && plan.requests == 0))
+    if (!support::readNumbers(argc, argv,
+                              {{"--seconds", &plan.seconds},
+                               {"--requests", &plan.requests},
+                               {"--threads", &plan.threads},
+                               {"--seed", &plan.seed}}) ||
+        plan.threads == 0 || plan.threads > 1024 || (plan.seconds == 0 && plan.requests == 0))
         usage();
     return plan;
 }
@@ -174,38 +159,14 @@ private:
     double m_seconds = 0;
 };
 
-// By which a figure rises with each request: the median of the slopes between any two moments
-// (Theil and Sen's line), as requests under way lift it for a moment now and then.
-double slope(const std::vector<Moment>& moments, size_t Held::*figure)
-{
-    std::vector<double> slopes;
-    for (size_t i = WARM_UP; i < moments.size(); ++i) {
-        for (size_t j = i + 1; j < moments.size(); ++j) {
-            const auto sent = static_cast<double>(moments[j].sent - moments[i].sent);
-            const double bytes = static_cast<double>(moments[j].held.*figure) -
-                                 static_cast<double>(moments[i].held.*figure);
-            if (sent > 0)
-                slopes.push_back(bytes / sent);
-        }
-    }
-    if (slopes.empty())
-        return 0;
-    const auto median = slopes.begin() + static_cast<std::ptrdiff_t>(slopes.size() / 2);
-    std::nth_element(slopes.begin(), median, slopes.end());
-    return *median;
-}
-
 // Says how a figure has changed and returns whether that is allowed.
 bool staysFlat(const char* what, const Plan& plan, const std::vector<Moment>& moments,
                size_t Held::*figure)
 {
-    const double rise = slope(moments, figure);
-    const auto measured = static_cast<double>(moments.back().sent - moments[WARM_UP].sent);
-    const bool flat = rise * measured < ALLOWED_PER_THREAD * static_cast<double>(plan.threads) ||
-                      rise * 1e6 < ALLOWED_PER_MILLION;
-    printf("%s: %+.0f bytes per million requests, measured over %.0f%s\n", what, rise * 1e6,
-           measured, flat ? "" : ": GROWS");
-    return flat;
+    std::vector<support::FigurePoint> points;
+    for (size_t i = WARM_UP; i < moments.size(); ++i)
+        points.push_back({moments[i].sent, moments[i].held.*figure});
+    return support::staysFlat(what, points, ALLOWED_PER_THREAD * static_cast<double>(plan.threads));
 }
 
 }  // namespace
