@@ -108,7 +108,8 @@ void EventLoop::run(const std::function<int()>& between)
             const epoll_event& event = events[static_cast<size_t>(i)];
             // One that an earlier event of this round has removed is not called. The copy
             // keeps the function while it removes itself.
-            const auto found = m_watches.find(event.data.u64);
+            const WatchId id = event.data.u64;  // unaligned there: no reference may be bound to it
+            const auto found = m_watches.find(id);
             if (found == m_watches.end())
                 continue;
             const auto ready = found->second.ready;

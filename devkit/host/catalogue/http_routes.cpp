@@ -44,9 +44,9 @@ const std::vector<Route> routes = {
 };
 // clang-format on
 
-bool startsWith(const std::string& text, std::string_view beginning)
+bool startsWith(std::string_view text, std::string_view beginning)
 {
-    return text.compare(0, beginning.size(), beginning) == 0;
+    return text.substr(0, beginning.size()) == beginning;
 }
 
 }  // namespace

@@ -73,7 +73,7 @@ size_t frontThreadsFor(size_t workers)
 void splitListen(ServeOptions& options)
 {
     constexpr std::string_view unixScheme = "unix:";
-    if (options.listen.compare(0, unixScheme.size(), unixScheme) == 0) {
+    if (options.listen.substr(0, unixScheme.size()) == unixScheme) {
         options.socketPath = options.listen.substr(unixScheme.size());
         if (options.socketPath.empty() || options.socketPath.front() != '/')
             throw UsageError("--listen takes a unix socket as unix:/PATH");
