@@ -477,7 +477,7 @@ TEST_P(ServeAttack, IsRefused)
     const double descriptors = openDescriptors(*m_host);
     const std::vector<pid_t> workers = support::childrenOf(m_host->pid());
 
-    const HttpAnswer answer = m_host->raw(attack.bytes(*m_host));
+    HttpAnswer answer = m_host->raw(attack.bytes(*m_host));
     // Where the code is left open, the library may also end what it cannot read.
     if (attack.code == nullptr) {
         EXPECT_TRUE(answer.status == attack.status || answer.status == 0) << answer.status;
@@ -489,6 +489,11 @@ TEST_P(ServeAttack, IsRefused)
     EXPECT_EQ(0U, answer.headers.count("access-control-allow-origin"));
     if (answer.status == 405) {
         EXPECT_EQ(1U, answer.headers.count("allow"));
+    }
+    // The same request would be refused again.
+    EXPECT_EQ(0U, answer.headers.count("retry-after"));
+    if (!answer.code().empty()) {
+        EXPECT_EQ("nosniff", answer.headers["x-content-type-options"]);
     }
     expectAsBefore(*m_host, descriptors, workers);
 }
@@ -663,6 +668,7 @@ TEST_F(ServeSlowly, ConnectionsOfOneAddressAreLimited)
     const HttpAnswer answer = fourth.receive();
     EXPECT_EQ(429, answer.status);
     EXPECT_EQ("too_many_requests", answer.code());
+    EXPECT_EQ(1U, answer.headers.count("retry-after"));
     EXPECT_TRUE(fourth.isEnded());
     first.send(request);
     EXPECT_EQ(200, first.receive().status);

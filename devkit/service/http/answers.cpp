@@ -84,7 +84,7 @@ MHD_Result Server::queue(Exchange& exchange)
         header("Allow", exchange.route != nullptr && exchange.route->method[0] == 'P'
                             ? "POST"
                             : "GET, HEAD");
-    if (answer.status == 429 || answer.status == 503)
+    if (isForLater(answer.status))
         header("Retry-After", "1");
     if (m_draining || exchange.mustClose)
         header("Connection", "close");

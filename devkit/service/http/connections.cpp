@@ -107,13 +107,13 @@ void Server::sendRefusal(Connection& connection, const Refusal& refusal)
     const std::string id = connection.exchange != nullptr ? connection.exchange->id : makeId();
     const std::string node =
         m_options.node.empty() ? "" : std::string("\r\n") + nodeHeader + ": " + m_options.node;
+    const unsigned status = refusal.code().status;
     const std::string text =
-        "HTTP/1.1 " + std::to_string(refusal.code().status) + " " +
-        MHD_get_reason_phrase_for(refusal.code().status) +
-        "\r\nConnection: close\r\nContent-Type: application/json\r\nCache-Control: no-store"
-        "\r\nX-Request-Id: " +
-        id + node + "\r\nRetry-After: 1\r\nContent-Length: " + std::to_string(body.size()) +
-        "\r\n\r\n" + body;
+        "HTTP/1.1 " + std::to_string(status) + " " + MHD_get_reason_phrase_for(status) +
+        "\r\nConnection: close\r\nX-Content-Type-Options: nosniff"
+        "\r\nContent-Type: application/json\r\nCache-Control: no-store\r\nX-Request-Id: " +
+        id + node + (isForLater(status) ? "\r\nRetry-After: 1" : "") +
+        "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
     send(connection.socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 

@@ -26,6 +26,12 @@ inline std::string clientOf(const std::optional<IpAddress>& address)
     return address ? address->client() : unixPeer;
 }
 
+// Whether the same request may be answered a little later, so that the answer has Retry-After.
+inline bool isForLater(unsigned status)
+{
+    return status == 429 || status == 503;
+}
+
 struct Server::Connection {
     // A proxy's connections are many clients'.
     Connection(ClientLimits& limits, const std::optional<IpAddress>& itsPeer, bool isTrusted)
