@@ -16,6 +16,14 @@
 
 #include "secrets.h"
 
+namespace {
+
+// Times what has come of a frame: a worker may announce more than it sends, and all of the room is
+// wiped in the end.
+constexpr size_t mostRoomAhead = 512;
+
+}  // namespace
+
 WorkerProcess::WorkerProcess(const std::string& program, const std::vector<std::string>& command)
 {
     int pair[2];
@@ -112,10 +120,10 @@ bool WorkerProcess::receive()
         if (count == 0)
             return false;
         const auto size = static_cast<size_t>(count);
-        // The room for a whole frame at once: growing would leave copies behind.
+        // The room for a whole frame at once, so that it need not be moved.
         if (m_incoming.empty())
             m_incoming.reserve(std::min(frameSize({buffer.data(), size}).value_or(buffer.size()),
-                                        longestFrame + 4));
+                                        mostRoomAhead * size));
         appendSecret(m_incoming, {buffer.data(), size});
         explicit_bzero(buffer.data(), size);
         if (m_incoming.size() > longestFrame + 4 + buffer.size())

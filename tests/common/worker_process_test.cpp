@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <memory>
@@ -53,19 +54,43 @@ public:
     bool takeNext(WireReply& reply)
     {
         bool good = true;
-        while (!m_process->take(reply, good)) {
-            pollfd waiting = {m_process->socket(), POLLIN, 0};
-            if (!good || poll(&waiting, 1, -1) != 1 || !m_process->receive())
+        while (!m_process->take(reply, good))
+            if (!good || !receive())
                 return false;
-        }
         return true;
+    }
+
+    // Waits for what the worker sends next, and reads it.
+    bool receive()
+    {
+        pollfd waiting = {m_process->socket(), POLLIN, 0};
+        return poll(&waiting, 1, -1) == 1 && m_process->receive();
     }
 
 private:
     std::unique_ptr<WorkerProcess> m_process;
 };
 
+// The most memory that this process has had so far, in KiB.
+long mostMemory()
+{
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
 }  // namespace
+
+// The first test, before others take as much.
+TEST(WorkerProcess, ALengthThatIsOnlyAnnouncedTakesNoMemory)
+{
+    const long before = mostMemory();
+    {
+        Worker worker(headOfReply(longestFrame).substr(0, FRAME_LENGTH_SIZE), 0);
+        EXPECT_TRUE(worker.receive());
+    }
+    EXPECT_LT(mostMemory(), before + 65536);
+}
 
 TEST(WorkerProcess, TakesTheLongestReply)
 {
