@@ -367,3 +367,23 @@ TEST_F(WorkerPoolFaults, AFrameThatIsNeverWholeCostsTheTimeOfATask)
         EXPECT_EQ(trial->timedOut(), isOfTheStart ? 0 : 1);
     }
 }
+
+// Nobody runs the loop: no process follows the one that did not start.
+TEST_F(WorkerPoolFaults, ATaskOfALifeThatIsOverWaitsForNone)
+{
+    EventLoop loop;
+    PoolOptions options;
+    options.program = "/no/such/program";
+    options.command = {"worker"};
+    WorkerPool pool(
+        loop, options, [] {}, [](WorkerLife) {});
+    unsigned endings = 0;
+    Task task;
+    task.bound = WorkerLife{0, pool.info(0).generation};
+    task.done = [&](Ending ending, WireReply&, WorkerLife) {
+        EXPECT_EQ(Ending::LifeIsOver, ending);
+        ++endings;
+    };
+    pool.submit(std::move(task));
+    EXPECT_EQ(1U, endings);
+}

@@ -247,7 +247,9 @@ void WorkerPool::submit(Task task)
 {
     if (m_stopping)
         return tell(task, Ending::NotServed, {});
-    if (task.bound && !(*task.bound == lifeOf(task.bound->slot)))
+    // Between two processes the place still has the life that is over.
+    if (task.bound &&
+        !(*task.bound == lifeOf(task.bound->slot) && m_slots[task.bound->slot].process))
         return tell(task, Ending::LifeIsOver, *task.bound);
 
     auto& queue = task.bound ? m_slots[task.bound->slot].bound : m_shared;
