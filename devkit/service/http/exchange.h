@@ -87,6 +87,7 @@ struct Server::Exchange {
     std::string address;  // that a proxy told; empty: the connection's
     size_t targetSize = 0;
     bool hasQuery = false;
+    bool isTargetPlain = true;
     bool isWithinRate = true;
     Headers headers;
     const Route* route = nullptr;

@@ -39,13 +39,6 @@ constexpr Known knownHeaders[] = {
     {"X-Forwarded-For", &Headers::forwardedFor, true},
 };
 
-bool isHeaderValue(std::string_view value)
-{
-    return std::none_of(value.begin(), value.end(), [](char c) {
-        return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F;
-    });
-}
-
 // libmicrohttpd cuts lines at a NUL, joins folded ones and takes a line feed alone for their
 // end, and tells nothing of it. But it keeps the head of a request as it came, in one piece:
 // whatever is hidden makes a gap there, and what is missing an overlap.
@@ -144,7 +137,8 @@ void readHeaders(MHD_Connection* connection, const FirstLine& first, Headers& he
 
     if (!reader.twice().empty())
         throw Refusal(Reason::header_twice, reader.twice(), {{"header", reader.twice()}});
-    if (size == nullptr || !reader.isWhole(size->header_size))
+    if (size == nullptr || !reader.isWhole(size->header_size) || !isHeaderName(first.method) ||
+        !first.isTargetPlain)
         throw Refusal(Reason::bad_head);
     if (reader.isMalformed())
         throw Refusal(Reason::bad_header);
@@ -176,5 +170,12 @@ bool isHeaderName(std::string_view name)
     return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+    });
+}
+
+bool isHeaderValue(std::string_view value)
+{
+    return std::none_of(value.begin(), value.end(), [](char c) {
+        return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F;
     });
 }

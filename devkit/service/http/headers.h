@@ -44,6 +44,7 @@ struct FirstLine {
     const char* target;
     size_t targetSize;  // up to the version, or to a NUL
     const char* version;
+    bool isTargetPlain;  // as it came: the library cuts a query into pieces
 };
 
 // Throws a Refusal for too many headers, and for what two readers of the same bytes could
@@ -52,5 +53,7 @@ void readHeaders(MHD_Connection* connection, const FirstLine& first, Headers& he
 
 // RFC 9110, section 5.6.2: of headers and methods.
 bool isHeaderName(std::string_view name);
+// Without control characters but for tabs; of targets, too.
+bool isHeaderValue(std::string_view value);
 
 #endif

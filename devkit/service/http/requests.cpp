@@ -39,6 +39,7 @@ Server::Exchange* Server::begin(Connection& connection, MHD_Connection* handle,
     exchange->path = std::string(target.substr(0, query));
     exchange->targetSize = target.size();
     exchange->hasQuery = query != std::string_view::npos;
+    exchange->isTargetPlain = isHeaderValue(target);
     // Whose request a proxy passes on is told behind the first line.
     exchange->isWithinRate = connection.isProxy || m_shared.limits.takeRequest(connection.client);
     connection.exchange = std::move(exchange);
@@ -57,7 +58,8 @@ MHD_Result Server::onRequest(void* self, MHD_Connection* /*handle*/, const char*
     if (exchange == nullptr)
         return MHD_NO;
     try {
-        const FirstLine first = {method, url, exchange->targetSize, version};
+        const FirstLine first = {method, url, exchange->targetSize, version,
+                                 exchange->isTargetPlain};
         return server.take(*exchange, first, data, size);
     } catch (const std::exception& e) {
         // Out of memory or descriptors: this connection ends, the others go on.
