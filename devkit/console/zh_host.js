@@ -205,7 +205,7 @@ export const codes = {
 // filled in.
 export const reasons = {
     header_twice: '头部 {header} 给出了两次',
-    bad_head: '请求头含有 NUL 字节、折行，或不以 CR LF 结尾的行',
+    bad_head: '请求头含有控制字符、折行，或不以 CR LF 结尾的行',
     bad_header: '某个头部的形式有误',
     length_and_chunks: 'Content-Length 与 Transfer-Encoding 不能同时出现',
     old_and_chunked: 'HTTP/1.0 没有 Transfer-Encoding',

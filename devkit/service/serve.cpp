@@ -198,7 +198,7 @@ void serve(ServeOptions options, std::vector<std::string> worker, const Output& 
     Shutdown shutdown(loop, options, service, fronts);
     loop.watch(signals.get(), EPOLLIN, [&](uint32_t) {
         signalfd_siginfo info = {};
-        while (read(signals.get(), &info, sizeof info) == sizeof info) {
+        while (read(signals.get(), &info, sizeof info) == ssize_t{sizeof info}) {
             if (info.ssi_signo == SIGCHLD) {
                 service.collectChildren();
             } else if (info.ssi_signo == SIGHUP) {

@@ -197,6 +197,10 @@ TEST_F(TokenFile, IsNotReadBeyondAToken)
     expectRefusal(path("huge"), "must hold one token");
     expectRefusal(makeLink("huge", "to-huge"), "must hold one token");
     expectRefusal(make("two", tokenA + "\n" + tokenB, 0600), "must hold one token");
+    const std::string longest(512, 'x');
+    EXPECT_EQ(longest, *readToken(make("longest", longest + "\r\n", 0600)));
+    expectRefusal(make("more", longest + "\r\n" + tokenB, 0600), "must hold one token");
+    expectRefusal(make("longer", longest + "x\n", 0600), "must hold one token");
 }
 
 // ---- Links.

@@ -83,10 +83,10 @@ const std::vector<ErrorCode> codes = {
 const std::vector<StatusText> statuses = {
     {200, "the request was carried out; whether it succeeded is told by errorCode in the answer"},
     {304, "the document is the one that the client has, by its ETag"},
-    {400, "an answer without a body: what arrived is not HTTP, or TLS where none is spoken"},
-    {413, "an answer without a body: Content-Length is larger than any number that is taken"},
+    {400, "an answer that is no JSON: what arrived is not HTTP, or TLS where none is spoken"},
+    {413, "an answer that is no JSON: Content-Length is larger than any number that is taken"},
     {414, "the request's first line is too long: parameters belong into the body"},
-    {431, "an answer without a body: the headers do not fit into the memory for them"},
+    {431, "an answer that is no JSON: the headers do not fit into the memory for them"},
     {503, "of /readyz: the host cannot take requests now; an error \"busy\" or \"draining\" says why a request was not taken"},
     {505, "the version of HTTP is neither 1.0 nor 1.1"},
 };

@@ -7,7 +7,7 @@
 // clang-format off
 #define HOST_REASONS(X) \
     X(malformed,           header_twice,          "{header} is given twice") \
-    X(malformed,           bad_head,              "the head has NUL bytes, folded lines or lines that do not end in CR LF") \
+    X(malformed,           bad_head,              "the head has control characters, folded lines or lines that do not end in CR LF") \
     X(malformed,           bad_header,            "a header is not of its form") \
     X(malformed,           length_and_chunks,     "Content-Length and Transfer-Encoding exclude each other") \
     X(malformed,           old_and_chunked,       "HTTP/1.0 has no Transfer-Encoding") \

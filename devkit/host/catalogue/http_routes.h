@@ -33,7 +33,7 @@ const Route* findRoute(const std::string& path);
 // Whether the token is asked for, also where there is nothing.
 bool needsToken(const std::string& path);
 
-// Statuses that libmicrohttpd answers by itself and without a body, on any path.
+// Statuses that libmicrohttpd answers by itself, with a line of HTML, on any path.
 const std::set<unsigned>& libraryStatuses();
 
 // Every status that can come of a route.

@@ -434,7 +434,7 @@ Json openApi()
     const std::string description =
         "The plug-in's " + std::to_string(catalogue().size()) +
         " requests over HTTP, for trying and testing. GET stands for HEAD too. The HTTP library "
-        "may answer 400, 413 and 431 by itself, then without a body.";
+        "may answer 400, 413 and 431 by itself, then with a line of HTML.";
     return {{"openapi", "3.1.0"},
             {"info",
              {{"title", "Corvane reference host"},

@@ -128,7 +128,8 @@ std::optional<SecretText> readToken(const std::string& file)
     if (const std::string fault = faultOf(info); !fault.empty())
         throw UsageError("the token file " + file + fault);
 
-    std::array<char, longestToken + 2> buffer;
+    // Room for more than a line, so that what stands behind it is seen.
+    std::array<char, longestToken + 3> buffer;
     const ssize_t count = read(descriptor.get(), buffer.data(), buffer.size());
     if (count < 0)
         fail("cannot read the token file", file);
