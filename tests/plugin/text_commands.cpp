@@ -1,6 +1,5 @@
 // Commands that the handler base runs, and what it keeps of their output.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +7,7 @@
 #include <string>
 
 #include "support/capture.h"
+#include "support/files.h"
 #include "support/text_handler.h"
 
 namespace {
@@ -110,14 +110,12 @@ TEST_F(RunCmd, LeavesNoProcessAndNoOpenFileBehind)
 
 TEST_F(RunCmd, PrintsThatACommandCannotBeStarted)
 {
-    // A pipe needs two more files than the process has.
-    rlimit original;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &original), 0);
     StdoutCapture output;
-    rlimit none = {0, original.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    std::string result = handler.runCmd("echo abc");
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &original), 0);
+    std::string result;
+    {
+        const support::NoNewFiles noPipe;
+        result = handler.runCmd("echo abc");
+    }
     EXPECT_EQ(result, "");
     EXPECT_EQ(output.text(), "popen error!\n");
 }

@@ -372,11 +372,9 @@ TEST_F(WorkerPoolFaults, AFrameThatIsNeverWholeCostsTheTimeOfATask)
 TEST_F(WorkerPoolFaults, ATaskOfALifeThatIsOverWaitsForNone)
 {
     EventLoop loop;
-    PoolOptions options;
-    options.program = "/no/such/program";
-    options.command = {"worker"};
+    const support::NoNewFiles noProcess;
     WorkerPool pool(
-        loop, options, [] {}, [](WorkerLife) {});
+        loop, PoolOptions{}, [] {}, [](WorkerLife) {});
     unsigned endings = 0;
     Task task;
     task.bound = WorkerLife{0, pool.info(0).generation};

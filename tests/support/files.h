@@ -2,6 +2,7 @@
 #ifndef CORVANE_TESTS_FILES_H
 #define CORVANE_TESTS_FILES_H
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,6 +28,27 @@ inline void writeWhole(const std::filesystem::path& path, const std::string& byt
 {
     std::ofstream(path, std::ios::binary) << bytes;
 }
+
+// While it lasts, the process opens no file beside those that are open. Throws if it cannot be so.
+class NoNewFiles {
+public:
+    NoNewFiles()
+    {
+        rlimit none{};
+        if (getrlimit(RLIMIT_NOFILE, &m_original) == 0) {
+            none.rlim_max = m_original.rlim_max;
+            if (setrlimit(RLIMIT_NOFILE, &none) == 0)
+                return;
+        }
+        throw std::system_error(errno, std::generic_category(), "the limit of open files");
+    }
+    ~NoNewFiles() { setrlimit(RLIMIT_NOFILE, &m_original); }
+    NoNewFiles(const NoNewFiles&) = delete;
+    NoNewFiles& operator=(const NoNewFiles&) = delete;
+
+private:
+    rlimit m_original{};
+};
 
 // A folder of its own, gone at the end with all that is in it. Throws if it cannot be made.
 class TemporaryFolder {
