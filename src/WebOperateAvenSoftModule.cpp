@@ -85,18 +85,13 @@ bool present(const Texts&... texts)
     return (!texts.empty() && ...);
 }
 
-// For an engine call that must give bytes: success without any is a failure too, with code 0.
+// An engine call that fails leaves its output empty, and a text that is empty stays so in Base64
+// and escaped: what comes of a call is converted and told whatever the code. This is for those
+// calls behind which something else depends on it; success without any bytes is a failure too, with
+// code 0.
 void requireOutput(int code, const std::string& out)
 {
     require(code == 0 && present(out));
-}
-
-// For one whose output alone tells success, as a failing call leaves it empty: with output
-// the code is not looked at.
-void requireOutputAlone(int& code, const std::string& out)
-{
-    require(present(out));
-    code = 0;
 }
 
 bool inRange(int value, int low, int high)
@@ -285,10 +280,8 @@ void CWebOperateAvenSoftModule::makeaven_crypto_base64_encode()
         SecretText in = param("strIn");
         require(present(in), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_crypto_base64_encode(true, std::move(in), out);
-        require(code == 0);
         toUrlAlphabet(out);
-    } catch (...) {
-        out.clear();
+    } catch (...) {  // there is no output yet
     }
     reply(out, code);
 }
@@ -303,7 +296,6 @@ void CWebOperateAvenSoftModule::makeaven_crypto_base64_Decode()
         SecretText in = param("strIn");
         require(present(in), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_crypto_base64_encode(false, toStandardAlphabet(in), out);
-        require(code == 0);
         out = JsonUrlEncode(std::move(out));
     } catch (...) {
         out.clear();
@@ -313,15 +305,8 @@ void CWebOperateAvenSoftModule::makeaven_crypto_base64_Decode()
 
 void CWebOperateAvenSoftModule::makeaven_ke_new()
 {
-    int code = 0;
     std::string ke;
-
-    try {
-        code = m_softMoudleAven.aven_ke_new(ke);
-        requireOutputAlone(code, ke);
-    } catch (...) {
-        ke.clear();
-    }
+    const int code = m_softMoudleAven.aven_ke_new(ke);
     reply(ke, code);
 }
 
@@ -395,7 +380,6 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_hello()
         SecretText ke = param("strKe");
         require(present(ke), code, PARAM_MISSING);
         code = m_softMoudleAven.aven_ke_client_hello(std::move(ke), out);
-        requireOutputAlone(code, out);
         out = toUrlBase64(out);
     } catch (...) {
         out.clear();
@@ -423,7 +407,6 @@ void CWebOperateAvenSoftModule::makeaven_ke_client_key_exchange()
         code = m_softMoudleAven.aven_ke_client_key_exchange(std::move(ke), std::move(random),
                                                             std::move(sigCert), std::move(encCert),
                                                             std::move(signature), out);
-        requireOutputAlone(code, out);
         out = toUrlBase64(out);
     } catch (...) {
         out.clear();
@@ -464,7 +447,6 @@ void CWebOperateAvenSoftModule::useChannel(const char* dataName, ChannelOperatio
         require(present(ke), code, PARAM_MISSING);
         base64_decode_url(data);
         code = (m_softMoudleAven.*operation)(std::move(ke), std::move(data), out);
-        requireOutputAlone(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
@@ -591,7 +573,6 @@ void CWebOperateAvenSoftModule::makeaven_crypto_decrypt()
         base64_decode_url(data);
         code = m_softMoudleAven.aven_crypto_decrypt(&cipher.block, std::move(data), std::move(tag),
                                                     out);
-        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
@@ -610,7 +591,6 @@ void CWebOperateAvenSoftModule::makeaven_crypto_gen_symmkey()
         require(inRange(alg, 1, CIPHER_ALGS), code, PARAM_INVALID);
 
         code = m_softMoudleAven.aven_crypto_gen_symmkey(alg, out);
-        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
@@ -647,7 +627,6 @@ void CWebOperateAvenSoftModule::useMac(const char* algName, int algs, BlockOpera
         block.key = bytes(key);
         block.key_len = size32(key);
         code = (m_softMoudleAven.*operation)(&block, std::move(data), out);
-        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
@@ -673,7 +652,6 @@ void CWebOperateAvenSoftModule::makeaven_crypto_kdf()
         require(inRange(length, 0, 0xFFFF), code, PARAM_INVALID);
 
         code = m_softMoudleAven.aven_crypto_kdf(hash, std::move(source), length, out);
-        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }
@@ -704,7 +682,6 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_encrypt()
         checkAlgAndMode(alg, mode, block, code);
 
         code = m_softMoudleAven.aven_crypto_envelope_encrypt(&block, std::move(data), out);
-        require(code == 0);
         out = toUrlBase64(out);
     } catch (...) {
         out.clear();
@@ -737,7 +714,6 @@ void CWebOperateAvenSoftModule::makeaven_crypto_envelope_decrypt()
         checkAlgAndMode(alg, mode, block, code);
 
         code = m_softMoudleAven.aven_crypto_envelope_decrypt(&block, std::move(envelope), out);
-        require(code == 0);
         out = JsonUrlEncode(std::move(out));
     } catch (...) {
         out.clear();
@@ -775,7 +751,6 @@ void CWebOperateAvenSoftModule::useWhiteBox(WhiteBoxOperation operation)
 
         base64_decode_url(data);
         code = (m_softMoudleAven.*operation)(std::move(key), std::move(iv), data, out);
-        requireOutput(code, out);
         out = toUrlBase64(out);
     } catch (...) {  // the output is told as it stands
     }

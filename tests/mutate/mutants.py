@@ -30,6 +30,8 @@ KEYWORDS = set("""alignas alignof asm auto case catch class const constexpr decl
     protected public return sizeof static static_assert struct switch template thread_local try
     typedef typename union using virtual volatile while""".split())
 PAIRS = {"(": ")", "[": "]", "{": "}"}
+# Where a function begins, up to its name: at the beginning of a line.
+FUNCTION = re.compile(r"^(?=[A-Za-z_])(?!static_assert)[^\n;={(]*?([A-Za-z_~]\w*)\(", re.MULTILINE)
 INTEGER = re.compile(r"(0[xX][\da-fA-F']+|0[bB][01']+|0[0-7']+|[1-9][\d']*|0)([uUlLzZ]*)$")
 
 
@@ -46,6 +48,11 @@ class Mutant(NamedTuple):
     def line_number(self, text):
         return text.count("\n", 0, self.start) + 1
 
+    def function(self, text):
+        """The name of the function that it is in, or of the one before; empty if there is none."""
+        names = FUNCTION.findall(text, 0, self.start)
+        return names[-1] if names else ""
+
     def lines(self, text):
         """The lines that it changes, as they are and as they become; without indentation."""
         first = text.rfind("\n", 0, self.start) + 1
@@ -53,6 +60,10 @@ class Mutant(NamedTuple):
         old = text[first:last]
         new = text[first:self.start] + self.new + text[self.end:last]
         return tuple(" ".join(lines.split()) for lines in (old, new))
+
+    def place(self, text):
+        """What it is, without line numbers: its path, its function, and its lines."""
+        return self.path, self.function(text), *self.lines(text)
 
 
 class Finder:

@@ -66,8 +66,15 @@ class Mutants(unittest.TestCase):
             self.assertNotEqual(mutant.applied(text), text)
 
 
+    def test_each_is_in_the_function_above(self):
+        text = ("namespace {\n#define A(b) (1)\n}\nint first(int a)\n{\n    b(a);\n}\n"
+                "Some::Some() : m_a(1) {}\n\nvoid Some::last(\n    int a)\n{\n    b(a);\n}\n")
+        functions = [mutant.function(text) for mutant in mutants_of("a.cpp", text)]
+        self.assertEqual(list(dict.fromkeys(functions)), ["", "first", "Some", "last"])
+
+
 class TheEquivalentOnes(unittest.TestCase):
-    def test_are_of_lines_that_the_code_has(self):
+    def test_are_mutants_of_the_code(self):
         self.assertEqual(Equivalents().stale(), [])
 
 

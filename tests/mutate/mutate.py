@@ -46,23 +46,27 @@ class Equivalents:
         self.reasons, self.symmetric = {}, {}
         blocks = EQUIVALENTS.read_text().strip().split("\n\n")
         for block in blocks[1:]:  # the first says what the file is
-            path, *lines = block.splitlines()
+            place, *lines = block.splitlines()
+            path, *function = place.split()
             marks = [line[:2] for line in lines]
             if marks[:1] == ["~ "] and len(lines) > 1:
                 self.symmetric[lines[0][2:]] = " ".join(lines[1:])
-            elif marks[:2] == ["- ", "+ "] and len(lines) > 2:
-                self.reasons[path, lines[0][2:], lines[1][2:]] = " ".join(lines[2:])
+            elif marks[:2] == ["- ", "+ "] and len(lines) > 2 and len(function) == 1:
+                self.reasons[path, *function, lines[0][2:], lines[1][2:]] = " ".join(lines[2:])
             else:
                 raise SystemExit(f"{EQUIVALENTS.name}: no equivalent mutant:\n{block}")
 
     def stale(self):
-        """Those whose line is no longer in their file."""
-        return [(path, old) for path, old, _ in self.reasons
-                if old not in " ".join(pathlib.Path(path).read_text().split())]
+        """Those that no mutant of their file is."""
+        made = set()
+        for path in {path for path, *_ in self.reasons}:
+            text = pathlib.Path(path).read_text()
+            made |= {mutant.place(text) for mutant in mutants_of(path, text)}
+        return sorted(set(self.reasons) - made)
 
     def reason(self, mutant, text):
         return (self.symmetric.get(mutant.swapped_in)
-                or self.reasons.get((mutant.path, *mutant.lines(text))))
+                or self.reasons.get(mutant.place(text)))
 
 
 def judges_of(path):
@@ -125,8 +129,8 @@ class Session:
         where = f"{mutant.path}:{mutant.line_number(text)}"
         print(f"{where:<58} {time.monotonic() - start:>4.0f} s  {verdict}: {said}")
         if verdict == "SURVIVED":
-            old, new = mutant.lines(text)
-            print(f"    - {old}\n    + {new}")
+            path, function, old, new = mutant.place(text)
+            print(f"    {path} {function}\n    - {old}\n    + {new}")
         sys.stdout.flush()
         return True
 
