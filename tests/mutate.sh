@@ -31,15 +31,20 @@ if [ ${#arguments[@]} -eq 0 ]; then
     sed -n '2,/^set /s/^# \{0,1\}//p' "${BASH_SOURCE[0]}" >&2
     exit 2
 fi
+declare -A labels  # of the tests that are built in a tree; without one it is everything
 case $area:${arguments[*]} in
-plugin:* | at:*src/*) presets=(asan aarch64) packages=("${aarch64_packages[@]}") ;;
-*) presets=(release asan) packages=() ;;
+plugin:* | at:*src/*)
+    packages=("${aarch64_packages[@]}")
+    labels=([asan]=unit [aarch64]=unit [release]=secrets)
+    ;;
+*) packages=() labels=([release]="" [asan]="") ;;
 esac
 packaging/install-packages.sh "${build_packages[@]}" "${test_packages[@]}" "${packages[@]}"
-for preset in "${presets[@]}"; do
+for preset in "${!labels[@]}"; do
     configure "build/$preset" --preset "$preset"
     programs=(all)
-    [ "${presets[0]}" = release ] || mapfile -t programs < <(plugin_programs "build/$preset")
+    [ -z "${labels[$preset]}" ] ||
+        mapfile -t programs < <(plugin_programs "build/$preset" "${labels[$preset]}")
     build_targets "build/$preset" "${programs[@]}"
 done
 

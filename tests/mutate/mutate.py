@@ -30,9 +30,11 @@ NEAR = {
     "devkit/peer": ["peer"],
     "devkit/service": ["service"],
 }
+# In each build tree, the labels of the tests that may judge an area.
+DEVKIT = ["params", "engine", "vectors", "peer", "host", "service"]
 LABELS = {
-    "plugin": ["unit"],
-    "devkit": ["params", "engine", "vectors", "peer", "host", "service"],
+    "plugin": {"asan": ["unit"], "aarch64": ["unit"], "release": ["secrets"]},
+    "devkit": {"release": DEVKIT, "asan": DEVKIT},
 }
 # What tests start, beside themselves.
 PROGRAMS = {"plugin": [], "devkit": ["corvane-host", "corvane-ke-peer"]}
@@ -76,9 +78,9 @@ def judges_of(path):
     if path.endswith("_neon.cpp"):
         return [("aarch64", ["unit"])]
     if path.startswith("src/"):
-        return [("asan", ["unit"])]
+        return [("asan", ["unit"]), ("release", ["secrets"])]
     near = next(labels for folder, labels in NEAR.items() if path.startswith(folder + "/"))
-    far = [label for label in LABELS["devkit"] if label not in near]
+    far = [label for label in DEVKIT if label not in near]
     return [("release", near), ("release", far), ("asan", near)]
 
 
@@ -95,7 +97,8 @@ class Session:
         """Made when it is first needed. The file that is changed may not be."""
         if build not in self.benches:
             self.checkout.restore()
-            self.benches[build] = Bench(pathlib.Path("build", build), LABELS[area], PROGRAMS[area])
+            self.benches[build] = Bench(pathlib.Path("build", build), LABELS[area][build],
+                                        PROGRAMS[area])
         return self.benches[build]
 
     def verdict(self, mutant, text):
