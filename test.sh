@@ -70,8 +70,10 @@ build_preset() {
 }
 
 # Twice as many programs at once as there are processors: many wait, for servers and for each other.
+# A quarter of an hour is for one that hangs.
 run_ctest() {
-    ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j $((2 * $(nproc))) "${@:2}"
+    ctest --test-dir "build/$1" --output-on-failure --no-tests=error --timeout 900 \
+        -j $((2 * $(nproc))) "${@:2}"
 }
 
 # Builds a preset and runs all of its tests, or those that ctest's options behind it choose.
