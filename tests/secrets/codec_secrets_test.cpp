@@ -53,11 +53,13 @@ void encodeString(std::string_view data, std::string_view)
 
 void decodeString(std::string_view, std::string_view text)
 {
-    std::string encoded(text);
-    std::string data = base64_decode(encoded);
-    wipeByHand(data);
-    base64_decode_url(encoded);
-    wipeByHand(encoded);
+    for (const size_t length : {text.size(), text.find_last_not_of('=') + 1}) {
+        std::string encoded(text.substr(0, length));
+        std::string data = base64_decode(encoded);
+        wipeByHand(data);
+        base64_decode_url(encoded);
+        wipeByHand(encoded);
+    }
 }
 
 void encodeAtOnce(std::string_view data, std::string_view text)
