@@ -142,20 +142,35 @@ class Bench:
                 return f"{program} {what}"
         return None
 
+    def sources(self, path):
+        """Those of the same folder of the checkout that are compiled with a file: it alone, or if it
+        is a header, all that include it. Each with its entry in the compilation database."""
+        commands = json.loads((self.build / "compile_commands.json").read_text())
+        top = pathlib.Path(path).parts[0]
+        own = {entry["file"]: entry for entry in commands
+               if pathlib.Path(entry["file"]).is_relative_to(pathlib.Path(top).resolve())}
+        wanted = str(pathlib.Path(path).resolve())
+        if wanted in own:
+            return [own[wanted]]
+        listed = subprocess.run(["ninja", "-C", self.build, "-t", "deps"], capture_output=True,
+                                text=True, check=True).stdout
+        including = {block.split(":")[0] for block in listed.split("\n\n")
+                     if f"    {wanted}\n" in block + "\n"}
+        return [entry for entry in own.values()
+                if shlex.split(entry["command"].rpartition(" -o ")[2])[0] in including]
+
     def optimised(self, path):
-        """What the compiler makes of a file in the end, or None if it is not one that it compiles.
+        """What the compiler makes of a file in the end.
 
         A mistake that leaves it as it was cannot be noticed by anything.
         """
-        commands = json.loads((self.build / "compile_commands.json").read_text())
-        source = str(pathlib.Path(path).resolve())
-        for entry in commands:
-            if entry["file"] == source:
-                words = [word for word in shlex.split(entry["command"])
-                         if not word.startswith(("-fsanitize", "-g", "-O", "-DNDEBUG"))]
-                words = words[:words.index("-o")] + ["-O2", "-S", "-o", "-", source]
-                return subprocess.run(words, cwd=entry["directory"], capture_output=True).stdout
-        return None
+        made = []
+        for entry in self.sources(path):
+            words = [word for word in shlex.split(entry["command"])
+                     if not word.startswith(("-fsanitize", "-g", "-O", "-DNDEBUG"))]
+            words = words[:words.index("-o")] + ["-O2", "-S", "-o", "-", entry["file"]]
+            made.append(subprocess.run(words, cwd=entry["directory"], capture_output=True).stdout)
+        return made
 
 
 def first_failure(output):

@@ -38,6 +38,7 @@ LABELS = {
 }
 # What tests start, beside themselves.
 PROGRAMS = {"plugin": [], "devkit": ["corvane-host", "corvane-ke-peer"]}
+SAME_CODE = "equivalent", "the compiler makes the same of it"
 EQUIVALENTS = pathlib.Path(__file__).resolve().parent / "equivalents.txt"
 
 
@@ -109,18 +110,27 @@ class Session:
         area = "plugin" if mutant.path.startswith("src/") else "devkit"
         for i, (build, labels) in enumerate(judges_of(mutant.path)):
             bench = self.bench(build, area)
-            if i == 0 and self.usual[0] != mutant.path:
-                self.checkout.restore()
-                self.usual = mutant.path, bench.optimised(mutant.path)
             self.checkout.change(mutant)
             if bench.make().returncode != 0:
                 return "no code", "does not compile"
-            if i == 0 and self.usual[1] and bench.optimised(mutant.path) == self.usual[1]:
-                return "equivalent", "the compiler makes the same of it"
+            # A header's sources are many: they are looked at only if no test notices.
+            if i == 0 and not mutant.path.endswith(".h") and self.makes_the_same(bench, mutant):
+                return SAME_CODE
             noticed = bench.notice(mutant.path, labels)
             if noticed is not None:
                 return "noticed", noticed
+        if mutant.path.endswith(".h") and self.makes_the_same(bench, mutant):
+            return SAME_CODE
         return "SURVIVED", ""
+
+    def makes_the_same(self, bench, mutant):
+        """Whether the compiler makes the same of the file, which is changed, as without that."""
+        made = bench.optimised(mutant.path)
+        if self.usual[0] != mutant.path:
+            self.checkout.restore()
+            self.usual = mutant.path, bench.optimised(mutant.path)
+            self.checkout.change(mutant)
+        return made == self.usual[1] and made != []
 
     def judge(self, mutant, text):
         """Returns whether it is one that compiles. Only then it has a row."""

@@ -137,6 +137,21 @@ TEST(DecodeFinish, CopiesNothingForACountThatNoStateHas)
     }
 }
 
+TEST(DecodeUpdate, TakesTheCharactersThatThereCanBeForACountThatNoStateHas)
+{
+    for (const int32_t count : {4, 5, INT_MAX, -1, INT_MIN}) {
+        unsigned char* state = nullptr;
+        ASSERT_EQ(decodeini(&state), 0);
+        memcpy(state, &count, sizeof count);
+        memcpy(state + 4, "Zm9", 3);
+        ExactBlock in("v");
+        ExactBlock out(3, CANARY);
+        EXPECT_EQ(decodeupdate(in.data.get(), 1, out.data.get(), state), 3) << count;
+        EXPECT_EQ(out.text(0, 3), "foo") << count;
+        decodefinish(out.data.get(), &state);
+    }
+}
+
 TEST(DecodeUpdate, ReturnsZeroForANullStateOrInput)
 {
     unsigned char in[] = "Zm9v";
