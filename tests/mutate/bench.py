@@ -60,7 +60,7 @@ class Bench:
         self.targets = self.known_targets([*programs, *self.tests])
         self.noticed = {}  # for each path, how often each test program noticed
         self.must(self.make(), "does not compile")
-        self.seconds = self.kept_seconds()
+        self.seconds = {} if self.have_failed() else self.kept_seconds()
         self.measure()
 
     @staticmethod
@@ -90,11 +90,15 @@ class Bench:
         return subprocess.run(["ninja", "-C", self.build, "-j", str(PROCESSORS), *self.targets],
                               capture_output=True, text=True)
 
+    def have_failed(self):
+        """Whether some did when ctest ran last: what failed may have taken any time."""
+        failed = self.build / "Testing/Temporary/LastTestsFailed.log"
+        return failed.exists() and bool(failed.read_text().strip())
+
     def kept_seconds(self):
-        """How long each program takes, by what ctest has kept of it; nothing if some failed."""
-        kept = self.build / "Testing/Temporary"
-        costs, failed = kept / "CTestCostData.txt", kept / "LastTestsFailed.log"
-        if not costs.exists() or (failed.exists() and failed.read_text().strip()):
+        """How long each program takes, by what ctest has kept of it."""
+        costs = self.build / "Testing/Temporary/CTestCostData.txt"
+        if not costs.exists():
             return {}
         rows = costs.read_text().split("---")[0].splitlines()
         return {name: float(seconds) for name, _, seconds in (row.split() for row in rows)}
