@@ -55,10 +55,11 @@ if [ ! -e "$policy" ]; then
     printf '#!/bin/sh\ncase " %s " in *" ${1%%.service} "*) exit 101 ;; esac\n' "${services[*]}" |
         "${as_root[@]}" install -m 755 /dev/stdin "$policy"
 fi
-# An installation that was interrupted is finished first.
-if ! { "${as_root[@]}" dpkg --configure -a && "${as_root[@]}" apt-get update &&
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+# An installation that was interrupted is finished first. A network may be away for a moment.
+retries=(-o Acquire::Retries=3)
+if ! { "${as_root[@]}" dpkg --configure -a && "${as_root[@]}" apt-get "${retries[@]}" update &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "${retries[@]}" \
+        install -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
     tail -n 20 "$log" >&2
     echo "The packages could not be installed." >&2
     exit 1
