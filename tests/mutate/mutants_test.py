@@ -65,7 +65,6 @@ class Mutants(unittest.TestCase):
         for mutant in mutants_of("a.cpp", text):
             self.assertNotEqual(mutant.applied(text), text)
 
-
     def test_each_is_in_the_function_above(self):
         text = ("namespace {\n#define A(b) (1)\n}\nint first(int a)\n{\n    b(a);\n}\n"
                 "Some::Some() : m_a(1) {}\n\nvoid Some::last(\n    int a)\n{\n    b(a);\n}\n")
