@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "WebServerBase.h"
 #include "base64.h"
 #include "base64_stream.h"
 #include "log.h"
@@ -60,6 +61,22 @@ void decodeString(std::string_view, std::string_view text)
         base64_decode_url(encoded);
         wipeByHand(encoded);
     }
+}
+
+// As handlers of a host's own may.
+class Handler : public CWebServerBase {
+public:
+    std::string Request() override { return ""; }
+};
+
+void decodeUri(std::string_view data, std::string_view)
+{
+    std::string encoded(data);
+    std::replace(encoded.begin(), encoded.end(), '%', '_');
+    Handler handler;
+    std::string decoded = handler.DecodeURIComponent(encoded);
+    wipeByHand(decoded);
+    wipeByHand(encoded);
 }
 
 void encodeAtOnce(std::string_view data, std::string_view text)
@@ -126,10 +143,11 @@ struct Case {
     bool isFound;  // if it does not wipe; what a dump leaves, some compilers' frames cover
 };
 const Case cases[] = {
-    {"EncodeString", encodeString, false},     {"DecodeString", decodeString, false},
-    {"EncodeAtOnce", encodeAtOnce, true},      {"DecodeAtOnce", decodeAtOnce, true},
-    {"EncodeInPieces", encodeInPieces, false}, {"DecodeInPieces", decodeInPieces, true},
-    {"DumpToLog", dumpToLog, false},           {"DumpToMemory", dumpToMemory, false},
+    {"EncodeString", encodeString, false},    {"DecodeString", decodeString, false},
+    {"DecodeUri", decodeUri, false},          {"EncodeAtOnce", encodeAtOnce, true},
+    {"DecodeAtOnce", decodeAtOnce, true},     {"EncodeInPieces", encodeInPieces, false},
+    {"DecodeInPieces", decodeInPieces, true}, {"DumpToLog", dumpToLog, false},
+    {"DumpToMemory", dumpToMemory, false},
 };
 
 // What is left of new secrets of a size.
