@@ -37,7 +37,7 @@ plugin:* | at:*src/*)
     packages=("${aarch64_packages[@]}")
     labels=([asan]=unit [aarch64]=unit [release]=secrets)
     ;;
-*) packages=() labels=([release]="" [asan]="") ;;
+*) packages=() labels=([release]="") ;;
 esac
 packaging/install-packages.sh "${build_packages[@]}" "${test_packages[@]}" "${packages[@]}"
 for preset in "${!labels[@]}"; do

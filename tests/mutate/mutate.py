@@ -21,20 +21,20 @@ from mutants import mutants_of
 WANTED = {"plugin": 97.0, "devkit": 92.0}
 UNLIKELY = 0.01
 FOLDERS = {"plugin": "src", "devkit": "devkit"}
-# The labels of the tests that are nearest to a folder.
-NEAR = {
-    "devkit/common": ["service", "host", "peer"],
-    "devkit/engine": ["engine", "vectors"],
-    "devkit/host": ["host"],
-    "devkit/params": ["params"],
-    "devkit/peer": ["peer"],
-    "devkit/service": ["service"],
+# The labels of the tests that may notice what is wrong in a folder: the nearest, and the others.
+NEAR_AND_FAR = {
+    "devkit/common": (["service", "host", "peer"], []),
+    "devkit/engine": (["engine", "vectors"], ["peer", "host", "service"]),
+    "devkit/host": (["host"], ["service"]),
+    "devkit/params": (["params"], ["host", "service"]),
+    "devkit/peer": (["peer"], ["engine", "host"]),
+    "devkit/service": (["service"], ["host"]),
 }
 # In each build tree, the labels of the tests that may judge an area.
 DEVKIT = ["params", "engine", "vectors", "peer", "host", "service"]
 LABELS = {
     "plugin": {"asan": ["unit"], "aarch64": ["unit"], "release": ["secrets"]},
-    "devkit": {"release": DEVKIT, "asan": DEVKIT},
+    "devkit": {"release": DEVKIT},
 }
 # What tests start, beside themselves.
 PROGRAMS = {"plugin": [], "devkit": ["corvane-host", "corvane-ke-peer"]}
@@ -74,15 +74,14 @@ class Equivalents:
 
 def judges_of(path):
     """The build trees in which mutants of a file are judged, each with the labels of the tests that
-    run there. What one does not notice, the next may: the nearest tests first, and sanitizers last,
-    which slow the devkit's tests down."""
+    run there. What one does not notice, the next may: the nearest tests first. The devkit's tests
+    with sanitizers are left out: they would take minutes for each mutant that survives."""
     if path.endswith("_neon.cpp"):
         return [("aarch64", ["unit"])]
     if path.startswith("src/"):
         return [("asan", ["unit"]), ("release", ["secrets"])]
-    near = next(labels for folder, labels in NEAR.items() if path.startswith(folder + "/"))
-    far = [label for label in DEVKIT if label not in near]
-    return [("release", near), ("release", far), ("asan", near)]
+    both = next(both for folder, both in NEAR_AND_FAR.items() if path.startswith(folder + "/"))
+    return [("release", labels) for labels in both if labels]
 
 
 class Session:
