@@ -172,14 +172,8 @@ bool isUtf8(std::string_view bytes)
         if (lead < 0x80)
             continue;
 
-        size_t more = 0;
-        if (lead >= 0xC2 && lead <= 0xDF)
-            more = 1;
-        else if (lead >= 0xE0 && lead <= 0xEF)
-            more = 2;
-        else if (lead >= 0xF0 && lead <= 0xF4)
-            more = 3;
-        if (more == 0 || bytes.size() - i <= more)
+        const size_t more = lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : 3;
+        if (lead < 0xC2 || lead > 0xF4 || bytes.size() - i <= more)
             return false;
 
         // The second byte has a narrower range where longer forms, surrogates and

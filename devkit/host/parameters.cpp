@@ -22,7 +22,7 @@ std::string asWritten(const std::string& text)
 void add(Pairs& pairs, const std::string& name, const std::string& value)
 {
     if (findValue(pairs, name) != nullptr)
-        throw UsageError(name + " is given twice");
+        throw UsageError(toldName(name) + " is given twice");
     pairs.emplace_back(name, value);
 }
 
@@ -93,7 +93,7 @@ Pairs fromFile(const std::string& path)
 std::string writtenValue(const std::string& name, const nlohmann::ordered_json& value)
 {
     if (!value.is_string() && !value.is_number_integer())
-        throw UsageError(name + ": a value must be a text or an integer");
+        throw UsageError(toldName(name) + ": a value must be a text or an integer");
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
 

@@ -102,7 +102,7 @@ std::pair<Given, std::string> ValueReader::resolve(const std::string& name,
         case WrittenValue::Hex:
             if (auto bytes = fromHex(value.rest))
                 return {Given::Bytes, *std::move(bytes)};
-            throw UsageError(name + ": hex: takes pairs of hex digits");
+            throw UsageError(toldName(name) + ": hex: takes pairs of hex digits");
         case WrittenValue::Base64:
             return {Given::Raw, toUrlBase64(readBytes(name, value, expand))};
         case WrittenValue::Raw:
@@ -121,12 +121,12 @@ std::string ValueReader::readBytes(const std::string& name, const WrittenValue& 
 
     const bool isStandardInput = value.rest == "-";
     if (isStandardInput && !m_standardInputIsFree)
-        throw UsageError(name + ": standard input is in use already");
+        throw UsageError(toldName(name) + ": standard input is in use already");
     if (isStandardInput)
         m_standardInputIsFree = false;
     auto bytes = isStandardInput ? readAll(STDIN_FILENO) : readFile(value.rest);
     if (!bytes)
-        throw UsageError(name + ": cannot read " +
+        throw UsageError(toldName(name) + ": cannot read " +
                          (isStandardInput ? "standard input" : value.rest) + ": " +
                          std::generic_category().message(errno));
     return *std::move(bytes);

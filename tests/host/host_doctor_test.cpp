@@ -112,6 +112,18 @@ TEST_F(HostDoctor, FindsTheUsualPlacesItself)
     EXPECT_TRUE(holds(check(ended.json(), "engine file")["detail"], "usual place"));
 }
 
+TEST_F(HostDoctor, TellsWhereItHasLookedForALibraryThatIsNowhere)
+{
+    const std::string alone = path("corvane-host");
+    fs::copy_file(hostProgram, alone);
+    const Json found = check(run({"doctor", "--json"}, "", alone).json(), "engine file");
+    EXPECT_EQ("note", found["status"]);
+    EXPECT_TRUE(holds(found["detail"], "libSoftModuleaven.so is neither in " +
+                                           fs::path(alone).parent_path().string()))
+        << found;
+    EXPECT_EQ("name the file with --plugin, --params or --engine", found["hint"]);
+}
+
 TEST_F(HostDoctor, WrongCommandLinesAreRefused)
 {
     EXPECT_EQ(USAGE, run({"doctor", "--seconds", "0"}).code);

@@ -200,7 +200,19 @@ TEST_F(HostScript, AResultThatDidNotComeStopsTheScript)
             "{\"id\": \"a\", \"request\": \"QZaven_unknown\"}\n"
             "{\"request\": \"QZaVen_strerror\", \"params\": {\"strErr\": \"${a.Data}\"}}");
     EXPECT_EQ(USAGE, ended.code);
-    EXPECT_TRUE(holds(ended.err, "step 2: ${a.Data}: step a gave no result Data")) << ended.err;
+    EXPECT_TRUE(
+        holds(ended.err, "standard input:2:1: step 2: ${a.Data}: step a gave no result Data"))
+        << ended.err;
+}
+
+TEST_F(HostScript, AStepThatFailsIsToldWithItsPlace)
+{
+    const std::string first = R"({"request": "QZaVen_GetVersion"})";
+    const std::string second = R"({"request": "QZaven_crypto_hmac"})";
+    EXPECT_TRUE(holds(lines(first + "\n  " + second).err,
+                      "standard input:2:3: step 2: QZaven_crypto_hmac"));
+    EXPECT_TRUE(holds(script("[" + first + ",\n " + second + "]").err,
+                      path("script") + ":2:2: step 2: QZaven_crypto_hmac"));
 }
 
 TEST_F(HostScript, AnswersGoToAFileOfItsOwnersAlone)

@@ -84,10 +84,13 @@ TEST_F(HostParameterFile, MalformedFilesQuoteNoValues)
          "is an object"},
         {"strErr=5ecret\nstrErr=5ecret", "strErr is given twice"},
         {R"({"strErr": "5ecret", "strErr": "5ecret"})", "strErr is given twice"},
+        {"5ecret!=1\n5ecret!=1", "standard input: a name is given twice"},
+        {R"({"5ecret!": [1]})", "standard input: a name: a value must be a text or an integer"},
         {R"({"strErr": 5ecret})", "standard input:1:14: not JSON: "},
         {R"({"strErr": ["5ecret"]})", "strErr: a value must be a text or an integer"},
         {R"({"strErr": 1.5})", "strErr: a value must be a text or an integer"},
         {R"({"strErr": "hex:5ecret"})", "strErr: hex: takes pairs of hex digits"},
+        {"5ecret!=hex:5ecret", "a name: hex: takes pairs of hex digits"},
         {"strErr=@-", "standard input"},
     };
     for (const Row& row : rows) {

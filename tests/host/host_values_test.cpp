@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "support/base64_text.h"
+#include "support/der.h"
 #include "support/host_program.h"
 
 namespace {
@@ -146,6 +147,13 @@ TEST_F(HostValueForms, KeysAreTakenInEveryForm)
     EXPECT_EQ(USAGE, encrypts("@" + file("short", fromBase64(key).substr(0, 80))).code);
     EXPECT_EQ(USAGE, encrypts("@" + file("one", "0")).code);
     EXPECT_EQ(USAGE, encrypts(pem).code);
+    // DER of any length goes to the engine, which finds no key in it; cut, or longer, it stays.
+    for (const size_t size : {0, 1, 127, 128, 255, 256, 65535, 65536}) {
+        const std::string der = tlv(0x30, std::string(size, '\xFF'));
+        EXPECT_EQ(REFUSED, encrypts("@" + file("der", der)).code) << size;
+        EXPECT_EQ(USAGE, encrypts("@" + file("cut", der.substr(0, der.size() - 1))).code) << size;
+        EXPECT_EQ(USAGE, encrypts("@" + file("longer", der + '\xFF')).code) << size;
+    }
     EXPECT_EQ(USAGE, hmac("@" + path("pem")).code);
     EXPECT_TRUE(holds(ended.err, "strpk is not Base64 (URL-safe)")) << ended.err;
 }

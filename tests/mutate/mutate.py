@@ -50,12 +50,12 @@ class Equivalents:
         blocks = EQUIVALENTS.read_text().strip().split("\n\n")
         for block in blocks[1:]:  # the first says what the file is
             place, *lines = block.splitlines()
-            path, *function = place.split()
+            path, _, function = place.partition(" ")
             marks = [line[:2] for line in lines]
             if marks[:1] == ["~ "] and len(lines) > 1:
                 self.symmetric[lines[0][2:]] = " ".join(lines[1:])
-            elif marks[:2] == ["- ", "+ "] and len(lines) > 2 and len(function) == 1:
-                self.reasons[path, *function, lines[0][2:], lines[1][2:]] = " ".join(lines[2:])
+            elif marks[:2] == ["- ", "+ "] and len(lines) > 2:
+                self.reasons[path, function, lines[0][2:], lines[1][2:]] = " ".join(lines[2:])
             else:
                 raise SystemExit(f"{EQUIVALENTS.name}: no equivalent mutant:\n{block}")
 
@@ -142,7 +142,7 @@ class Session:
         print(f"{where:<58} {time.monotonic() - start:>4.0f} s  {verdict}: {said}")
         if verdict == "SURVIVED":
             path, function, old, new = mutant.place(text)
-            print(f"    {path} {function}\n    - {old}\n    + {new}")
+            print(f"    {path} {function}".rstrip() + f"\n    - {old}\n    + {new}")
         sys.stdout.flush()
         return True
 

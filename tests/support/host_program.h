@@ -35,9 +35,10 @@ struct Ended {
 };
 
 // Starts the program with the arguments as they are; -1 for a stream leaves it alone.
-inline pid_t start(const Arguments& arguments, int in, int out, int err)
+inline pid_t start(const Arguments& arguments, int in, int out, int err,
+                   const std::string& program = hostProgram)
 {
-    std::vector<char*> argv = {const_cast<char*>(hostProgram.c_str())};
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
@@ -83,14 +84,15 @@ protected:
         return file("patched-" + std::to_string(++m_copies) + ".so", bytes);
     }
 
-    Ended run(const Arguments& arguments, const std::string& input = "") const
+    Ended run(const Arguments& arguments, const std::string& input = "",
+              const std::string& program = hostProgram) const
     {
         const int in = open(file("in", input).c_str(), O_RDONLY | O_CLOEXEC);
         const int out = open(path("out").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         const int err =
             open(path("err").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
         Ended ended;
-        ended.code = exitCode(start(arguments, in, out, err));
+        ended.code = exitCode(start(arguments, in, out, err, program));
         for (const int descriptor : {in, out, err})
             close(descriptor);
         ended.out = readWhole(path("out"));

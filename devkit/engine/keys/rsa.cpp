@@ -62,7 +62,7 @@ public:
     // makes no difference in time.
     size_t unpad(SecretBytes& block) const
     {
-        require(block.size() >= 2 * m_size + 2, AVEN_E_DECRYPTION);
+        static_assert(AVEN_RSA_BITS_MIN / 8 >= 2 * EVP_MAX_MD_SIZE + 2, "a block has the room");
         unsigned char* const seed = block.data() + 1;
         unsigned char* const data = seed + m_size;
         const size_t dataSize = block.size() - 1 - m_size;

@@ -272,6 +272,11 @@ bool isNameLike(std::string_view text)
                        [](unsigned char c) { return isalnum(c) != 0 || c == '_'; });
 }
 
+std::string toldName(const std::string& name)
+{
+    return isNameLike(name) ? name : "a name";
+}
+
 bool isParameterName(const std::string& text)
 {
     return parameterOfSome(text) != nullptr;

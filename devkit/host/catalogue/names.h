@@ -65,6 +65,8 @@ Choices choicesAbout(const Parameter& parameter, const std::vector<std::string>&
 // Whether a text is shaped like the name of a request or a parameter: letters, digits and "_", not
 // too many. One that is not may be a secret typed in the wrong place, so it is not repeated.
 bool isNameLike(std::string_view text);
+// The name for a refusal: itself if it is shaped like one, else "a name".
+std::string toldName(const std::string& name);
 
 // Whether some request has a parameter of that name, which is no secret then.
 bool isParameterName(const std::string& text);
