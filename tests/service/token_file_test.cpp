@@ -343,7 +343,7 @@ TEST_F(TokenLink, ThatLeadsNowhereMakesNothing)
     expectRefusal(path("deep"), "/nothing: No such file or directory");
     make("file", tokenA, 0600);
     expectRefusal(makeLink("file/below", "through"), "Not a directory");
-    expectRefusal(makeLink("/", "root"), "is a folder");
+    expectRefusal(makeLink("/", "root"), "/: is a folder");
 }
 
 // What the system follows by itself, whatever the name says.

@@ -268,8 +268,9 @@ Choices choicesAbout(const Parameter& parameter, const std::vector<std::string>&
 bool isNameLike(std::string_view text)
 {
     return !text.empty() && text.size() <= mostOfName &&
-           std::all_of(text.begin(), text.end(),
-                       [](unsigned char c) { return isalnum(c) != 0 || c == '_'; });
+           std::all_of(text.begin(), text.end(), [](char c) {
+               return isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
+           });
 }
 
 std::string toldName(const std::string& name)
