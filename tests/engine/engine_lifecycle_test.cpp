@@ -188,6 +188,26 @@ TEST(EngineTexts, ReadmeListsEveryCode)
     EXPECT_EQ(count(readme, "\n| -30"), codes);  // and no others
 }
 
+TEST(EngineTexts, ReadmeHasTheLimits)
+{
+    const std::string readme = readWhole(CORVANE_SOURCE_DIR "/devkit/engine/README.md");
+    const auto number = [](int value) { return std::to_string(value); };
+    static_assert(AVEN_KEY_ITERATIONS_MAX == 2'000'000 && AVEN_KEY_SCRYPT_MAX == 1 << 20,
+                  "written so in the README");
+    const std::string rows[] = {
+        "text of a key or certificate | " + number(AVEN_KEY_TEXT_MAX >> 10) + " KiB",
+        "RSA modulus; public exponent | " + number(AVEN_RSA_BITS_MAX) + " bits; 64 bits",
+        "iterations of an encrypted key | 2,000,000",
+        "scrypt of an encrypted key | N * r * p = 2^20, and " +
+            number(AVEN_KEY_SCRYPT_MEMORY_MAX >> 20) + " MiB",
+        "an envelope's recipients | " + number(AVEN_ENVELOPE_RECIPIENTS_MAX),
+        "key-exchange sessions | " + number(AVEN_KE_SESSIONS_MAX),
+        "certificates between a server's and its root | " + number(AVEN_KE_CHAIN_MAX),
+    };
+    for (const std::string& row : rows)
+        EXPECT_EQ(count(readme, "\n| " + row + " | "), 1u) << row;
+}
+
 // ---- The log
 
 TEST(EngineLog, BannerComesWithWhicheverIsSecond)

@@ -10,6 +10,7 @@
 #include "params_interface.h"
 #include "support/held.h"
 #include "support/host_program.h"
+#include "support/shell.h"
 
 namespace {
 
@@ -114,6 +115,8 @@ TEST_F(HostDoctor, FindsTheUsualPlacesItself)
 
 TEST_F(HostDoctor, TellsWhereItHasLookedForALibraryThatIsNowhere)
 {
+    if (emulated)
+        GTEST_SKIP() << "NOT TESTED: the emulator starts the program where it was built";
     const std::string alone = path("corvane-host");
     fs::copy_file(hostProgram, alone);
     const Json found = check(run({"doctor", "--json"}, "", alone).json(), "engine file");
@@ -122,6 +125,19 @@ TEST_F(HostDoctor, TellsWhereItHasLookedForALibraryThatIsNowhere)
                                            fs::path(alone).parent_path().string()))
         << found;
     EXPECT_EQ("name the file with --plugin, --params or --engine", found["hint"]);
+}
+
+TEST_F(HostDoctor, TellsThatNobodyTakesTheLog)
+{
+    const auto log = [](const std::string& errors) {
+        const ShellOutcome ended = shell("'" + hostProgram + "' doctor --json 2>" + errors);
+        return check(Json::parse(ended.output), "engine's log");
+    };
+    const Json closed = log("&-");
+    EXPECT_EQ("note", closed["status"]);
+    EXPECT_EQ("/dev/stderr, but standard error is closed: the log is lost", closed["detail"]);
+    EXPECT_EQ("start the host with standard error on a file or a pipe", closed["hint"]);
+    EXPECT_NE(closed["detail"], log("/dev/null")["detail"]);
 }
 
 TEST_F(HostDoctor, WrongCommandLinesAreRefused)

@@ -79,12 +79,14 @@ TEST_F(HostHelp, IsAskedForInTwoWays)
 TEST_F(HostHelp, TellsWhereItBelongs)
 {
     const Ended help = run({"--help"});
+    EXPECT_TRUE(holds(help.out, "\nUsage: corvane-host SUBCOMMAND [OPTION ...]\n")) << help.out;
     EXPECT_TRUE(holds(help.out, "\nExit codes: 0 success, 1 refused")) << help.out;
     for (const std::string& name : subcommands(help.out)) {
         const std::string text = run({name, "--help"}).out;
         const bool sends = name == "call" || name == "script" || name == "bench";
         EXPECT_EQ(sends, holds(text, "\nValues of parameters:\n")) << name;
         EXPECT_FALSE(holds(text, "Exit codes")) << name;
+        EXPECT_FALSE(holds(text, " SUBCOMMAND [OPTION")) << name;
     }
 }
 

@@ -75,6 +75,8 @@ const Mistake commandLines[] = {
     {{"serve", "--port", "0"},
      USAGE,
      "there is no option --port; did you mean --listen ADDRESS:PORT?"},
+    {{"serve", "--worker=2"}, USAGE, "there is no option --worker; did you mean --workers?"},
+    {{"bench", "--port", "0"}, USAGE, "there is no option --port"},
     {{"list", "--raw", "Data"}, USAGE, "--raw is an option of call, not of list"},
     {{"call", version, "--raw"}, USAGE, "--raw lacks its value"},
     {{"call", version, "-o", "a", "-o", "b"}, USAGE, "--output is given more than once"},

@@ -27,7 +27,7 @@ NEAR_AND_FAR = {
     "devkit/engine": (["engine", "vectors"], ["peer", "host", "service"]),
     "devkit/host": (["host"], ["service"]),
     "devkit/params": (["params"], ["host", "service"]),
-    "devkit/peer": (["peer"], ["engine", "host"]),
+    "devkit/peer": (["peer"], ["engine", "host", "service"]),
     "devkit/service": (["service"], ["host"]),
 }
 # In each build tree, the labels of the tests that may judge an area.

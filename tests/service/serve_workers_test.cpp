@@ -421,6 +421,7 @@ TEST(ServeWorkers, EndWithTheFront)
     NEEDS_WORKERS();
     ServedHost host;
     const std::vector<pid_t> workers = host.workers();
+    kill(workers.at(0), SIGSTOP);  // ends, too, though it reads nothing
     host.stop(SIGKILL);
     for (const pid_t worker : workers)
         EXPECT_TRUE(eventually([&] { return !support::isRunning(worker); }));

@@ -129,10 +129,7 @@ std::string mismatch(const std::string& message)
     constexpr const char* refusal = " was given a disallowed flag override";
     const size_t found = message.find(refusal);
     if (found != std::string::npos)
-        return (message[0] == '-' ? ""
-                : found == 1      ? "-"
-                                  : "--") +
-               message.substr(0, found) + " takes no value";
+        return "--" + message.substr(0, found) + " takes no value";
     const std::string option = beforeColon(message);
     if (message.find(" missing") != std::string::npos)
         return option + " lacks its value";
