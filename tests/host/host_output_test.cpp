@@ -257,6 +257,10 @@ TEST_F(HostOutputFile, OfTwoResultsIsRefusedHoweverItIsWritten)
         EXPECT_TRUE(holds(ended.err, "cannot both go to standard output")) << ended.err;
     }
 
+    // A file of this name is another place than what the name alone stands for.
+    EXPECT_EQ(SUCCESS, write({"--raw", "Data=" + inside("-"), "--raw", "errorCode=-"}).code);
+    fs::remove(inside("-"));
+
     // A link is replaced, so that it and its file are two.
     fs::create_symlink(data, inside("link"));
     EXPECT_EQ(SUCCESS,

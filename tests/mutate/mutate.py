@@ -23,7 +23,7 @@ UNLIKELY = 0.01
 FOLDERS = {"plugin": "src", "devkit": "devkit"}
 # The labels of the tests that may notice what is wrong in a folder: the nearest, and the others.
 NEAR_AND_FAR = {
-    "devkit/common": (["service", "host", "peer"], []),
+    "devkit/common": (["common", "service", "host", "peer"], []),
     "devkit/engine": (["engine", "vectors"], ["peer", "host", "service"]),
     "devkit/host": (["host"], ["service"]),
     "devkit/params": (["params"], ["host", "service"]),
@@ -31,7 +31,7 @@ NEAR_AND_FAR = {
     "devkit/service": (["service"], ["host"]),
 }
 # In each build tree, the labels of the tests that may judge an area.
-DEVKIT = ["params", "engine", "vectors", "peer", "host", "service"]
+DEVKIT = ["common", "params", "engine", "vectors", "peer", "host", "service"]
 LABELS = {
     "plugin": {"asan": ["unit"], "aarch64": ["unit"], "release": ["secrets"]},
     "devkit": {"release": DEVKIT},

@@ -190,6 +190,16 @@ TEST_F(TokenFile, MustBeAFile)
     expectRefusal(make("file", tokenA, 0600) + "/", "Not a directory");
 }
 
+TEST_F(TokenFile, HasATokenOf32To512Characters)
+{
+    for (const size_t size : {32, 512}) {
+        const std::string token(size, 't');
+        EXPECT_EQ(token, readToken(make("right", token, 0600))) << size;
+    }
+    for (const size_t size : {31, 513})
+        expectRefusal(make("wrong", std::string(size, 't'), 0600), "");
+}
+
 TEST_F(TokenFile, IsNotReadBeyondAToken)
 {
     make("huge", tokenA, 0600);

@@ -256,9 +256,12 @@ private:
     WorkerPool m_pool;
 };
 
-// Runs the trials at once, and collects their processes.
-void run(EventLoop& loop, const std::vector<std::unique_ptr<Trial>>& trials)
+// Runs the trials at once, and collects their processes, until all are over and so much more time
+// has passed.
+void run(EventLoop& loop, const std::vector<std::unique_ptr<Trial>>& trials,
+         Clock::duration longer = Clock::duration::zero())
 {
+    Clock::time_point over = Clock::time_point::max();
     loop.run([&] {
         for (pid_t pid; (pid = waitpid(-1, nullptr, WNOHANG)) > 0;)
             for (const auto& trial : trials)
@@ -267,6 +270,8 @@ void run(EventLoop& loop, const std::vector<std::unique_ptr<Trial>>& trials)
             trial->goOn();
         if (std::all_of(trials.begin(), trials.end(),
                         [](const auto& trial) { return trial->isOver(); }))
+            over = std::min(over, Clock::now());
+        if (over <= Clock::now() - longer)
             loop.stop();
         return 10;
     });
@@ -296,6 +301,16 @@ TEST_F(WorkerPoolFaults, ARightConversationIsAnswered)
     const auto& ends = trials[0]->ends();
     EXPECT_EQ(ends[0].second.reply, rightScript()[1]);
     EXPECT_EQ(ends[1].second.reply, rightScript()[2]);
+    trials[0]->expectAllWell();
+}
+
+TEST_F(WorkerPoolFaults, AWorkerWithoutATaskHasAllTime)
+{
+    constexpr Seconds taskTime(1);
+    EventLoop loop;
+    std::vector<std::unique_ptr<Trial>> trials;
+    trials.push_back(std::make_unique<Trial>(loop, Fault{"none", rightScript()}, mark(), taskTime));
+    run(loop, trials, std::chrono::duration_cast<Clock::duration>(2 * taskTime));
     trials[0]->expectAllWell();
 }
 
