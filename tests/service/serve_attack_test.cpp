@@ -641,6 +641,19 @@ TEST_F(ServeSlowly, AnswersThatAreNotReadAreEnded)
     expectAsBefore(host, descriptors, workers);
 }
 
+// One that the system has no room for has more time than a request has to arrive.
+TEST_F(ServeSlowly, AnswersThatAreReadInTimeAreWhole)
+{
+    const ServedHost host({"--read-seconds", "1", "--body-bytes", "8388608"});
+    const std::string text(6000000, 'a');
+    HttpConnection reader(host.port());
+    ASSERT_TRUE(reader.send(host.text("POST", "/v1/requests/QZaven_crypto_base64_encode",
+                                      {{"Content-Type", "application/json"}},
+                                      Json{{"strIn", {{"text", text}}}}.dump())));
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    EXPECT_EQ(8000000U, reader.receive().result("Data").size());
+}
+
 TEST_F(ServeSlowly, ManyStalledConnectionsKeepNobodyWaiting)
 {
     ServedHost host({"--rate", "0"});

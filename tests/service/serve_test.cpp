@@ -137,6 +137,8 @@ TEST_F(Serve, AnswersABatchInOrder)
     EXPECT_TRUE(ordered[0]["error"].is_null() || ordered[0]["error"]["source"] != "host");
     EXPECT_TRUE(ordered[2]["error"].is_null());
     EXPECT_EQ("session_gone", ordered[3]["error"]["code"]);
+    EXPECT_EQ("session_freed", ordered[3]["error"]["reason"]);
+    EXPECT_EQ("strKe", ordered[3]["error"]["field"]);
     EXPECT_TRUE(ordered[4]["error"].is_null());
 }
 
