@@ -86,12 +86,13 @@ std::optional<WireReply> replyOracle(std::string_view bytes)
     Frame frame(bytes);
     WireReply reply;
     const size_t kind = frame.number();
-    reply.ok = frame.number() == 1;
+    const size_t ok = frame.number();
+    reply.ok = ok == 1;
     reply.microseconds = static_cast<double>(frame.number()) / 10;
     reply.code = frame.text();
     reply.text = frame.text();
     reply.results = frame.pairs();
-    if (!frame.isWhole() || kind > 4)
+    if (!frame.isWhole() || kind > 4 || ok > 1)
         return std::nullopt;
     reply.kind = static_cast<WireReply::Kind>(kind);
     return reply;
