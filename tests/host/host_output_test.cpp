@@ -258,8 +258,11 @@ TEST_F(HostOutputFile, OfTwoResultsIsRefusedHoweverItIsWritten)
     }
 
     // A file of this name is another place than what the name alone stands for.
-    EXPECT_EQ(SUCCESS, write({"--raw", "Data=" + inside("-"), "--raw", "errorCode=-"}).code);
-    fs::remove(inside("-"));
+    const fs::path before = fs::current_path();
+    fs::current_path(path("folder"));
+    EXPECT_EQ(SUCCESS, write({"--raw", "Data=./-", "--raw", "errorCode=-"}).code);
+    fs::current_path(before);
+    EXPECT_TRUE(fs::remove(inside("-")));
 
     // A link is replaced, so that it and its file are two.
     fs::create_symlink(data, inside("link"));
