@@ -142,7 +142,7 @@ std::optional<std::string> takeChunks(Text& text)
         const auto line = text.line();
         if (!line)
             return std::nullopt;
-        if (line->empty())
+        if (line->empty() || line->front() == '\0')
             return body;
     }
 }
@@ -234,6 +234,8 @@ HttpRequests readRequests(std::string_view bytes)
             return requests;
         }
         requests.whole.push_back(*std::move(request));
+        if (requests.whole.back().headers.count("transfer-encoding") > 0)
+            return requests;
         text = here;
     }
 }

@@ -34,6 +34,8 @@ struct Headers {
 
     // Which node the request is for.
     Addressee to() const { return {node, session}; }
+    // Of headers that have been read without a Refusal.
+    bool isChunked() const { return !transferEncoding.empty(); }
     // As announced; 0 for one in chunks.
     size_t bodySize() const;
 };

@@ -114,7 +114,9 @@ MHD_Result Server::takeHead(Exchange& exchange, const FirstLine& first)
     try {
         exchange.mustClose = true;
         readHeaders(exchange.handle, first, exchange.headers);
-        exchange.mustClose = false;
+        // What stands between chunks and behind them is read by the library alone, which takes more
+        // for an end of line than others do: nothing that follows is taken for another request.
+        exchange.mustClose = exchange.headers.isChunked();
         if (exchange.connection.isProxy)
             believe(exchange);
         if (!exchange.isWithinRate)
