@@ -108,6 +108,8 @@ std::optional<HttpHeaders> takeHeaders(Text& text)
 {
     HttpHeaders headers;
     for (;;) {
+        if (!headers.empty() && text.skip(":\n"))
+            return headers;
         const auto line = text.headLine();
         if (line && line->empty())
             return headers;
@@ -138,11 +140,11 @@ std::optional<std::string> takeChunks(Text& text)
         body += *chunk;
     }
     // Trailers say nothing.
-    for (;;) {
+    for (bool isFirst = true;; isFirst = false) {
         const auto line = text.line();
         if (!line)
             return std::nullopt;
-        if (line->empty() || line->front() == '\0')
+        if (line->empty() || line->front() == '\0' || (line->front() == ':' && !isFirst))
             return body;
     }
 }

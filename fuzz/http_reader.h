@@ -1,8 +1,9 @@
 // Another reader of HTTP/1.1 (RFC 9112), as strict as the host is. Where libmicrohttpd is not, and
 // does not tell, it is neither: in a head, NUL and line feed end a line as carriage return and line
-// feed do; before it, lines are dropped that are empty or begin with NUL; in a chunked body, a line
-// feed alone ends a line, behind it a carriage return, too, and a line that begins with NUL ends
-// it. Nothing is a request that comes behind such a body.
+// feed do, and colon and line feed are as good as an empty line behind a header; before it, lines
+// are dropped that are empty or begin with NUL; in a chunked body, a line feed alone ends a line,
+// and a line that begins with NUL, or with a colon behind another one, ends the trailers. Nothing
+// is a request that comes behind such a body.
 #ifndef CORVANE_FUZZ_HTTP_READER_H
 #define CORVANE_FUZZ_HTTP_READER_H
 
