@@ -121,11 +121,18 @@ std::optional<HttpHeaders> takeHeaders(Text& text)
     return headers;
 }
 
-std::optional<std::string> takeChunks(Text& text)
+// One whose lines between chunks and behind them are as RFC 9112 has them, section 7.1, is proper.
+std::optional<std::string> takeChunks(Text& text, bool& isProper)
 {
+    const auto takeLine = [&] {
+        Text proper = text;
+        auto line = text.line();
+        isProper = isProper && line && proper.until("\r\n") == line && isValue(*line);
+        return line;
+    };
     std::string body;
     for (;;) {
-        const auto line = text.line();
+        const auto line = takeLine();
         const std::string digits = line ? small(line->substr(0, line->find(';'))) : "";
         if (digits.empty() || !consistsOf(digits, "0123456789abcdef"))
             return std::nullopt;
@@ -135,28 +142,31 @@ std::optional<std::string> takeChunks(Text& text)
         if (digits.size() - first > 8)
             return std::nullopt;  // of no input's size
         const auto chunk = text.take(std::stoul(digits, nullptr, 16));
-        if (!chunk || !(text.skip("\r\n") || text.skip("\n")))
+        const auto end = chunk ? takeLine() : chunk;
+        if (!end || !end->empty())
             return std::nullopt;
         body += *chunk;
     }
     // Trailers say nothing.
     for (bool isFirst = true;; isFirst = false) {
-        const auto line = text.line();
+        const auto line = takeLine();
         if (!line)
             return std::nullopt;
+        isProper = isProper && (line->empty() || isToken(line->substr(0, line->find(':'))));
         if (line->empty() || line->front() == '\0' || (line->front() == ':' && !isFirst))
             return body;
     }
 }
 
-std::optional<std::string> takeBody(Text& text, const HttpHeaders& headers, bool isOld)
+std::optional<std::string> takeBody(Text& text, const HttpHeaders& headers, bool isOld,
+                                    bool& isProper)
 {
     const std::string length = headers.value("content-length");
     if (headers.count("transfer-encoding") > 0) {
         if (isOld || headers.count("content-length") > 0 ||
             small(headers.value("transfer-encoding")) != "chunked")
             return std::nullopt;
-        return takeChunks(text);
+        return takeChunks(text, isProper);
     }
     if (headers.count("content-length") == 0)
         return "";
@@ -165,7 +175,7 @@ std::optional<std::string> takeBody(Text& text, const HttpHeaders& headers, bool
     return text.take(std::stoul(length));
 }
 
-std::optional<HttpRequest> takeRequest(Text& text)
+std::optional<HttpRequest> takeRequest(Text& text, bool& isProper)
 {
     HttpRequest request;
     const auto method = text.until(" ");
@@ -185,7 +195,7 @@ std::optional<HttpRequest> takeRequest(Text& text)
                              "content-encoding", "transfer-encoding"})
         if (request.headers.count(once) > 1)
             return std::nullopt;
-    auto body = takeBody(text, request.headers, version->back() == '0');
+    auto body = takeBody(text, request.headers, version->back() == '0', isProper);
     if (!body)
         return std::nullopt;
     request.body = *std::move(body);
@@ -230,7 +240,7 @@ HttpRequests readRequests(std::string_view bytes)
     for (;;) {
         text.skipLines();
         Text here = text;
-        auto request = takeRequest(here);
+        auto request = takeRequest(here, requests.isProper);
         if (!request) {
             requests.rest = std::string(text.rest());
             return requests;

@@ -33,6 +33,8 @@ struct HttpRequest {
 struct HttpRequests {
     std::vector<HttpRequest> whole;
     std::string rest;  // from the first one on that is cut or malformed
+    // False where lines of chunks are not in their form: libmicrohttpd takes some as they are cut.
+    bool isProper = true;
 };
 
 HttpRequests readRequests(std::string_view bytes);

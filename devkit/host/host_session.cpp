@@ -203,7 +203,7 @@ HostSession::~HostSession()
     m_plugin.free();
 }
 
-void HostSession::initialise(bool isQuiet)
+void HostSession::initialise(bool isQuiet) const
 {
     OutputCapture capture;
     {
@@ -233,7 +233,7 @@ void HostSession::setLogLevel(const std::string& name)
         setLevel(levelOf(name.c_str()));
 }
 
-void HostSession::emptyStores()
+void HostSession::emptyStores() const
 {
     m_params.ClearHttpParams();
     m_params.ClearRetParams();
@@ -246,7 +246,7 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
         throw LoadError("the request's name is too long");
 
     struct EmptyAtEnd {
-        HostSession& session;
+        const HostSession& session;
         ~EmptyAtEnd() { session.emptyStores(); }
     } emptyAtEnd{*this};
     const auto start = Clock::now();
@@ -267,7 +267,7 @@ Reply HostSession::send(const std::string& name, const Pairs& parameters)
 }
 
 // Each pair in two calls: the lengths, then the bytes into buffers with one byte more.
-SecretPairs HostSession::readResults()
+SecretPairs HostSession::readResults() const
 {
     int count = 0;
     if (m_params.GetRetParamsSum(&count) != 0)

@@ -70,9 +70,9 @@ public:
     void setLogLevel(const std::string& name);
 
 private:
-    void initialise(bool isQuiet);
-    void emptyStores();
-    SecretPairs readResults();
+    void initialise(bool isQuiet) const;
+    void emptyStores() const;
+    SecretPairs readResults() const;
 
     // In this order, so that the plug-in is unloaded first.
     OpenedLibrary m_paramsLibrary;

@@ -573,6 +573,12 @@ TEST_F(ServeAttack, TheNearestNameIsTold)
     const HttpAnswer answer = m_host->request("QZaven_crypto_hmacs");
     EXPECT_NE(std::string::npos,
               answer.json()["error"]["text"].get<std::string>().find("QZaven_crypto_hmac?"));
+    // Of names that are not much longer than the longest one.
+    const auto reasonOf = [](size_t size) {
+        return m_host->request(std::string(size, 'Q')).json()["error"]["reason"];
+    };
+    EXPECT_EQ("misspelt_request", reasonOf(64));
+    EXPECT_EQ("no_such_request", reasonOf(65));
 }
 
 // ---- Attacks that take their time.

@@ -18,7 +18,7 @@ using Json = nlohmann::ordered_json;
 
 Json errorOf(const WireReply& reply)
 {
-    const int number = atoi(reply.code.c_str());
+    const auto number = static_cast<int>(strtol(reply.code.c_str(), nullptr, 10));
     const ErrorCode* known = findErrorCode(number);
     const bool isOwn = number <= 0 && number > -30000;
     return {{"code", reply.code},
