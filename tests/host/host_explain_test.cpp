@@ -92,6 +92,15 @@ TEST_F(HostExplains, WhatIsNoCodeIsAnError)
     }
 }
 
+TEST_F(HostExplains, StatusesAreFrom100To599)
+{
+    for (const char* status : {"100", "599"})
+        EXPECT_TRUE(holds(run({"explain", status}).err, std::string(status) + " is no HTTP status"))
+            << status;
+    for (const char* code : {"99", "600", "-404"})
+        EXPECT_TRUE(holds(run({"explain", code}).err, std::string(code) + " is neither")) << code;
+}
+
 TEST_F(HostExplains, SuccessToo)
 {
     for (const Arguments& arguments : {Arguments{"explain", "0"}, {"explain", "0", "--json"}}) {
