@@ -456,6 +456,25 @@ TEST(ServeWorkers, HoldNothingOfTheFront)
     }
 }
 
+// Or else the first call of a function would leave on the stack what registers held.
+TEST(ServeWorkers, BindAtOnceAsTheFrontDoes)
+{
+    NEEDS_WORKERS();
+    if (geteuid() != 0)
+        GTEST_SKIP() << "NOT TESTED: root alone sees what the processes were started with";
+    for (const auto& [given, expected] : {std::pair("OTHER=", "LD_BIND_NOW=1"),
+                                          {"LD_BIND_NOW=", "LD_BIND_NOW=1"},
+                                          {"LD_BIND_NOW=yes", "LD_BIND_NOW=yes"}}) {
+        const ServedHost host({}, {given});
+        for (const pid_t pid : {host.pid(), host.workers().at(0)}) {
+            const std::string variables =
+                '\0' + support::readWhole("/proc/" + std::to_string(pid) + "/environ");
+            EXPECT_NE(std::string::npos, variables.find('\0' + std::string(expected) + '\0'))
+                << given;
+        }
+    }
+}
+
 TEST(ServeWorkers, LeaveNoCoreDumpAndNeitherDoesTheFront)
 {
     NEEDS_WORKERS();
