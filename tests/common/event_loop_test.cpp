@@ -2,11 +2,13 @@
 #include "common/event_loop.h"
 
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
 
 #include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace {
 
@@ -31,6 +33,14 @@ void runFor(EventLoop& loop, int waits)
 }
 
 }  // namespace
+
+TEST(EventLoopWatches, NothingIsKeptOfOneThatFails)
+{
+    EventLoop loop;
+    const auto held = std::make_shared<int>();
+    EXPECT_THROW(loop.watch(-1, EPOLLIN, [held](uint32_t) {}), std::system_error);
+    EXPECT_EQ(held.use_count(), 1);
+}
 
 // The clock still goes off for an alarm that is gone.
 TEST(EventLoopAlarms, NoneIsLeftWhenTheClockGoesOff)

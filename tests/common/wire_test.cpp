@@ -210,6 +210,23 @@ size_t openFiles()
     return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
+TEST(WriteFrame, TellsThatNobodyReads)
+{
+    SocketPair sockets;
+    sockets.worker.reset();
+    EXPECT_FALSE(writeFrame(sockets.front.get(), "frame"));
+}
+
+// Some system calls before may have been interrupted.
+TEST(WriteFrame, WritesOnceWhateverFailedBefore)
+{
+    const SocketPair sockets;
+    errno = EINTR;
+    EXPECT_TRUE(writeFrame(sockets.front.get(), "frame"));
+    char bytes[16];
+    EXPECT_EQ(5, recv(sockets.worker.get(), bytes, sizeof bytes, MSG_DONTWAIT));
+}
+
 TEST(RequestReader, ReadsARightConversation)
 {
     const std::string bytes = joined(framesOf(conversationRequests()));

@@ -191,6 +191,20 @@ TEST_F(PublicKey, EveryRsaFailureHasTheSameCode)
     }
 }
 
+// RFC 8017, section 7: one that begins with zero is as long as the others.
+TEST_F(PublicKey, RsaWithoutItsLeadingZeroIsRefused)
+{
+    void* key = privateKey("rsa2048");
+    for (int padding : {AVEN_RSA_OAEP, AVEN_RSA_PKCS1}) {
+        std::string sealed;
+        do
+            sealed = encrypt(key, {padding}, "hello").out;
+        while (sealed[0] != '\0');
+        expectOpens(key, {padding}, sealed, "hello");
+        EXPECT_EQ(decrypt(key, {padding}, sealed.substr(1)).code, AVEN_E_DECRYPTION);
+    }
+}
+
 // ---- SM2.
 
 // GB/T 32918.5, annex: key, text, and ciphertext in its parts.
