@@ -531,6 +531,27 @@ TEST_F(OtherMakersEnvelope, EveryModeOfSm4HasItsIdentifier)
     }
 }
 
+// RFC 5084; nonces are as long as the engine takes them elsewhere. What is found behind them is
+// that these envelopes have no tag.
+TEST_F(OtherMakersEnvelope, NonceAndTagOfGcmHaveTheirSizes)
+{
+    constexpr int taken = AVEN_E_ENVELOPE_TEXT;
+    const auto codeOf = [this](size_t nonce, const std::string& tag) {
+        parts.cipher = "1.2.156.10197.1.104.8";
+        parts.parameters = tlv(SEQUENCE, tlv(OCTETS, std::string(nonce, 'n')) + tag);
+        return code(envelope(), AVEN_MODE_GCM);
+    };
+    for (const size_t nonce : {1, 12, 128})
+        EXPECT_EQ(codeOf(nonce, number(16)), taken) << nonce;
+    for (const size_t nonce : {0, 129})
+        EXPECT_EQ(codeOf(nonce, number(16)), AVEN_E_ENVELOPE_UNKNOWN) << nonce;
+    for (const int tag : {12, 13, 16})
+        EXPECT_EQ(codeOf(12, number(tag)), taken) << tag;
+    for (const int tag : {-1, 0, 11, 17})
+        EXPECT_EQ(codeOf(12, number(tag)), AVEN_E_ENVELOPE_UNKNOWN) << tag;
+    EXPECT_EQ(codeOf(12, ""), taken);
+}
+
 TEST_F(OtherMakersEnvelope, RecipientsMayBeNamedBySubjectKeyIdentifier)
 {
     recipient.version = 2;
