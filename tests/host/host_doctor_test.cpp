@@ -1,7 +1,12 @@
 // corvane-host doctor: what it tells of libraries that work, and of those that do not.
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
@@ -104,6 +109,18 @@ TEST_F(HostDoctor, TextHasALineForEachCheckAndASummary)
     EXPECT_EQ(report()["checks"].size(), checks);
     EXPECT_TRUE(holds(last, std::to_string(checks) + " checks: ")) << last;
     EXPECT_TRUE(holds(last, ", 0 failed")) << last;
+}
+
+TEST_F(HostDoctor, TextHasNoOtherControlCharacters)
+{
+    std::string name = "absent";
+    for (char c = 1; c < 0x20; ++c)
+        name += c;
+    const Ended ended = doctor({"--engine", path(name)});
+    EXPECT_TRUE(holds(ended.out, "absent")) << ended.out;
+    EXPECT_TRUE(std::none_of(ended.out.begin(), ended.out.end(), [](char c) {
+        return c >= 0 && c < 0x20 && c != '\n';
+    })) << ended.out;
 }
 
 TEST_F(HostDoctor, FindsTheUsualPlacesItself)
@@ -435,6 +452,27 @@ TEST_F(HostDoctor, HangCostsOneCheck)
     const std::string detail = check(report, "QZaven_crypto_cmac")["detail"];
     EXPECT_TRUE(holds(detail, "did not return within 2 s")) << detail;
     EXPECT_EQ("ok", status(report, "QZaven_wbsm4_decrypt"));
+}
+
+// Its standard input is read by nobody then.
+TEST_F(HostDoctor, WhatHangsEndsWithIt)
+{
+    setenv(FAULTS, "aven_crypto_cmac:*=hang", 1);
+    int input[2];
+    ASSERT_EQ(0, pipe2(input, O_CLOEXEC));
+    const int output = open(path("output").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const pid_t pid = start({"doctor", "--seconds", "600"}, input[0], output, output);
+    close(input[0]);
+    close(output);
+    const std::string number = std::to_string(pid);
+    while (readWhole("/proc/" + number + "/task/" + number + "/children").empty())
+        usleep(1000);
+    usleep(200000);  // for its first steps
+    EXPECT_EQ(0, kill(pid, SIGKILL));
+    exitCode(pid);
+    pollfd writing = {input[1], 0, 0};
+    EXPECT_EQ(1, poll(&writing, 1, 60000));
+    close(input[1]);
 }
 
 TEST_F(HostDoctor, EngineThatAlwaysCrashesIsGivenUp)

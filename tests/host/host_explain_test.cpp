@@ -117,7 +117,9 @@ TEST_F(HostExplains, SeveralCodesAndRanges)
     EXPECT_EQ(one + "\n" + two, run({"explain", "-30040", "-30041"}).out);
     for (const char* range : {"-30040..-30041", "-30041..-30040", "30040..30041"})
         EXPECT_EQ(one + "\n" + two, run({"explain", range}).out) << range;
-    EXPECT_EQ(2U, run({"explain", "-30040..-30041", "--json"}).json().size());
+    const Ended json = run({"explain", "-30040..-30041", "--json"});
+    EXPECT_EQ(2U, json.json().size());
+    EXPECT_EQ(0U, json.out.find("[\n  {\n    \"")) << json.out;
 }
 
 TEST_F(HostExplains, StatusesOfHttp)

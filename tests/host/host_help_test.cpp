@@ -294,10 +294,10 @@ TEST_F(HostNumbers, OfRequestsAndBytesHaveUnits)
     };
     const Row rows[] = {
         {"--body-bytes",
-         {"1K", "64KiB", "256M", "256MiB"},
-         {"257M", "1G", "1KB", "1Ki", "K", "1 K"}},
+         {"1K", "64KiB", "256M", "256MiB", "262144K"},
+         {"262145K", "257M", "1G", "1KB", "1Ki", "K", "1 K"}},
         {"--rate", {"1K", "0.5K", "1M"}, {"2M", "1KiB", "1e3KiB"}},
-        {"--queue", {"1K", "1M"}, {"1.5K", "2M", "1T"}},
+        {"--queue", {"1K", "1M", "1000K"}, {"1001K", "1.5K", "2M", "1T"}},
         {"--workers", {"2", "09"}, {"0.002K", "1K"}},
         {"--read-seconds", {"2"}, {"1K"}},
     };
