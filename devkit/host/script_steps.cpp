@@ -37,9 +37,9 @@ void takeMember(Step& step, const std::string& member, const Json& value)
 bool mayTell(const std::string& reference)
 {
     constexpr size_t most = 64;
-    return reference.size() <= most &&
-           std::all_of(reference.begin(), reference.end(), [](unsigned char c) {
-               return isalnum(c) != 0 || c == '_' || c == '-' || c == '.';
+    return reference.size() <= most && std::all_of(reference.begin(), reference.end(), [](char c) {
+               return isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '-' ||
+                      c == '.';
            });
 }
 

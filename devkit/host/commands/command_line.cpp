@@ -48,7 +48,9 @@ std::string optionName(const std::string& argument)
 {
     constexpr size_t longest = 40;
     std::string name = argument.substr(0, argument.find('='));
-    const auto isFit = [](unsigned char c) { return isalpha(c) != 0 || c == '-'; };
+    const auto isFit = [](char c) {
+        return isalpha(static_cast<unsigned char>(c)) != 0 || c == '-';
+    };
     const auto isLetter = [&](size_t at) { return isalpha(static_cast<unsigned char>(name[at])); };
     if (name.size() == 2 && name[0] == '-' && isLetter(1) != 0)
         return name;

@@ -91,7 +91,8 @@ std::string argumentName(const CLI::Option& option)
     if (name != "TEXT" && !name.empty())
         return name;
     name = option.get_name(true, false);
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(toupper(c)); });
+    std::transform(name.begin(), name.end(), name.begin(), [](char c) {
+        return static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    });
     return name;
 }
