@@ -3,6 +3,7 @@
 // refused.
 #include <openssl/asn1.h>
 
+#include <set>
 #include <thread>
 
 #include "support/der.h"
@@ -147,6 +148,42 @@ TEST_F(Envelope, IsDifferentEachTime)
         const std::string a = seal(holder, 1, AVEN_MODE_ECB, pattern(64)).out;
         const std::string b = seal(holder, 1, AVEN_MODE_ECB, pattern(64)).out;
         EXPECT_NE(a.substr(a.size() - 64), b.substr(b.size() - 64)) << name;  // another key
+    }
+}
+
+TEST_F(Envelope, HasAnIvOfItsOwn)
+{
+    for (const int mode : std::initializer_list<int>{AVEN_MODE_CBC, AVEN_MODE_GCM}) {
+        std::set<std::string> ivs;
+        for (int i = 0; i < 2; ++i) {
+            // In front of the content's algorithm's end: in CBC the content, in GCM the tag's
+            // length, the content and the tag follow.
+            const size_t ivSize = mode == AVEN_MODE_CBC ? 16 : 12;
+            const size_t behind = mode == AVEN_MODE_CBC ? 2 + 16 : 3 + 2 + 5 + 2 + 16;
+            const std::string sealed =
+                seal(certificate("rsa2048"), AVEN_CIPHER_AES_128, mode, "hello").out;
+            const size_t at = sealed.size() - behind - ivSize;
+            EXPECT_EQ(toHex(sealed.substr(at - 2, 2)), mode == AVEN_MODE_CBC ? "0410" : "040c");
+            ivs.insert(sealed.substr(at, ivSize));
+        }
+        EXPECT_EQ(ivs.size(), 2u);
+    }
+}
+
+// RFC 5652, 6.1 and 6.2.1; RFC 5083, 2.1.
+TEST_F(Envelope, VersionsAreZeroUnderRsa)
+{
+    for (const int mode : std::initializer_list<int>{AVEN_MODE_CBC, AVEN_MODE_GCM}) {
+        openssl().write("envelope",
+                        seal(certificate("rsa2048"), AVEN_CIPHER_AES_128, mode, "hello").out);
+        const std::string parsed =
+            openssl().make("asn1parse -inform DER -in envelope > parsed", "parsed");
+        for (const char* depth : {":d=3 ", ":d=5 "}) {
+            const size_t at = parsed.find(depth);  // the first part of each
+            ASSERT_NE(at, std::string::npos) << parsed;
+            const std::string line = parsed.substr(at, parsed.find('\n', at) + 1 - at);
+            EXPECT_NE(line.find("prim: INTEGER           :00\n"), std::string::npos) << line;
+        }
     }
 }
 
@@ -305,6 +342,9 @@ std::string number(int value)
 
 const std::string NOTHING = tlv(0x05, "");
 
+// A type, and a set of one value.
+const std::string ATTRIBUTE = tlv(SEQUENCE, oid("1.2.3.4") + tlv(SET, NOTHING));
+
 const char* const GM_ENVELOPED = "1.2.156.10197.6.1.4.2.3";
 const char* const GM_DATA = "1.2.156.10197.6.1.4.2.1";
 const char* const CMS_ENVELOPED = "1.2.840.113549.1.7.3";
@@ -338,6 +378,10 @@ struct EnvelopeParts {
     std::string contentType = GM_DATA;
     int version = 1;
 
+    // What may stand before the recipients and behind the content.
+    std::string before;
+    std::string behind;
+
     std::string contentDer() const
     {
         return tlv(SEQUENCE, oid(contentType) + tlv(SEQUENCE, oid(cipher) + parameters) +
@@ -346,7 +390,7 @@ struct EnvelopeParts {
     std::string der() const
     {
         const std::string inner =
-            tlv(SEQUENCE, number(version) + tlv(SET, recipients) + contentDer());
+            tlv(SEQUENCE, number(version) + before + tlv(SET, recipients) + contentDer() + behind);
         return tlv(SEQUENCE, oid(type) + tlv(CONTEXT_0 | CONSTRUCTED, inner));
     }
 };
@@ -425,6 +469,167 @@ TEST_F(OtherMakersEnvelope, UnknownAlgorithmsAndWrongSizesAreRefused)
     EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_OPEN);
     recipient.sealedKey = sealed(contentKey.substr(1));
     EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_OPEN);
+    parts.cipher = "1.2.156.10197.1.104.3";  // OFB, where any key gives some text
+    EXPECT_EQ(code(envelope(), AVEN_MODE_OFB), AVEN_E_ENVELOPE_OPEN);
+}
+
+TEST_F(OtherMakersEnvelope, ContentMustBeInside)
+{
+    const std::string algorithm = tlv(SEQUENCE, oid(SM4_CBC) + parts.parameters);
+    const std::string inner = tlv(
+        SEQUENCE, number(1) + tlv(SET, recipient.der()) + tlv(SEQUENCE, oid(GM_DATA) + algorithm));
+    EXPECT_EQ(code(tlv(SEQUENCE, oid(GM_ENVELOPED) + tlv(CONTEXT_0 | CONSTRUCTED, inner))),
+              AVEN_E_ENVELOPE_UNKNOWN);
+}
+
+// RFC 5652, 6.1: who made it before the recipients, and attributes behind the content, which
+// nothing protects.
+TEST_F(OtherMakersEnvelope, OriginatorAndAttributesAreReadOver)
+{
+    parts.before = tlv(CONTEXT_0 | CONSTRUCTED, tlv(0xA0, tlv(SEQUENCE, "")));
+    expectRead(envelope());
+    parts.behind = tlv(0xA1, ATTRIBUTE);
+    expectRead(envelope());
+    parts.before.clear();
+    expectRead(envelope());
+    // What only envelopes with a tag have.
+    for (const std::string& behind :
+         {tlv(0xA2, ATTRIBUTE), tlv(OCTETS, pattern(16)), tlv(0xA1, ATTRIBUTE) + tlv(OCTETS, ""),
+          tlv(0xA3, ATTRIBUTE)}) {
+        parts.behind = behind;
+        EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_TEXT) << toHex(behind);
+    }
+    parts.behind.clear();
+    parts.before = tlv(0xA1, tlv(0xA0, tlv(SEQUENCE, "")));
+    EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_TEXT);
+}
+
+// RFC 5083, 2.1.
+class TaggedEnvelope : public OtherMakersEnvelope {
+protected:
+    TaggedEnvelope()
+    {
+        parts.type = "1.2.840.113549.1.9.16.1.23";
+        parts.cipher = "1.2.156.10197.1.104.8";
+        parts.parameters = tlv(SEQUENCE, tlv(OCTETS, nonce) + number(16));
+    }
+
+    // With the tag as long as that.
+    void sealText(int tagLength)
+    {
+        SymmCipherParams params = {};
+        params.alg = AVEN_CIPHER_SM4;
+        params.mode = AVEN_MODE_GCM;
+        params.key = reinterpret_cast<const unsigned char*>(contentKey.data());
+        params.key_len = 16;
+        params.iv = reinterpret_cast<const unsigned char*>(nonce.data());
+        params.iv_len = 12;
+        const Exact in(text);
+        Fenced out(text.size()), tagOut(16);
+        EXPECT_EQ(engine.aven_crypto_encrypt(&params, in.data(), in.size(), out.data(), &out.len,
+                                             tagLength, tagOut.data()),
+                  0);
+        parts.content = out.text();
+        tag = tagOut.text().substr(0, static_cast<size_t>(tagLength));
+        parts.behind = tlv(OCTETS, tag);
+    }
+
+    const std::string nonce = pattern(12, 10);
+    std::string tag;
+};
+
+TEST_F(TaggedEnvelope, OpensWithATagOfTheLengthThatIsNamed)
+{
+    sealText(16);
+    expectRead(envelope(), AVEN_MODE_GCM);
+    parts.behind = tlv(OCTETS, tag.substr(0, 15));
+    EXPECT_EQ(code(envelope(), AVEN_MODE_GCM), AVEN_E_ENVELOPE_TEXT);
+    for (const std::string& behind : {std::string(), tlv(OCTETS, "")}) {
+        parts.behind = behind;
+        EXPECT_EQ(code(envelope(), AVEN_MODE_GCM), AVEN_E_ENVELOPE_TEXT);
+    }
+    for (const std::string& parameters :
+         {std::string(), NOTHING, tlv(OCTETS, nonce), tlv(SEQUENCE, "")}) {
+        parts.parameters = parameters;
+        EXPECT_EQ(code(envelope(), AVEN_MODE_GCM), AVEN_E_ENVELOPE_TEXT) << toHex(parameters);
+    }
+
+    sealText(12);
+    for (const std::string& length : {number(12), std::string()}) {  // the usual one
+        parts.parameters = tlv(SEQUENCE, tlv(OCTETS, nonce) + length);
+        expectRead(envelope(), AVEN_MODE_GCM);
+    }
+}
+
+TEST_F(TaggedEnvelope, AttributesUnderTheTagAreRefused)
+{
+    sealText(16);
+    const std::string own = parts.behind;
+    parts.behind = own + tlv(0xA2, ATTRIBUTE);
+    expectRead(envelope(), AVEN_MODE_GCM);
+    parts.behind = tlv(0xA1, ATTRIBUTE) + own;
+    EXPECT_EQ(code(envelope(), AVEN_MODE_GCM), AVEN_E_ENVELOPE_UNKNOWN);
+}
+
+TEST_F(TaggedEnvelope, GoesWithGcmAlone)
+{
+    sealText(16);
+    parts.type = GM_ENVELOPED;
+    EXPECT_EQ(code(envelope(), AVEN_MODE_GCM), AVEN_E_ENVELOPE_TEXT);
+    parts.type = "1.2.840.113549.1.9.16.1.23";
+    parts.cipher = SM4_CBC;
+    parts.parameters = tlv(OCTETS, iv);
+    parts.content = encrypted("cbc");
+    EXPECT_EQ(code(envelope()), AVEN_E_ENVELOPE_TEXT);
+}
+
+// RFC 8017, A.2.1; an RSA key's envelope.
+TEST_F(OtherMakersEnvelope, ParametersOfOaepAreChecked)
+{
+    openssl().write("key", contentKey);
+    recipient.sealedKey = openssl().make("pkeyutl -encrypt -inkey " + keyFile("rsa2048") +
+                                             " -in key -out sealed "
+                                             "-pkeyopt rsa_padding_mode:oaep",
+                                         "sealed");
+    recipient.transport = "1.2.840.113549.1.1.7";
+    const auto algorithm = [](const char* name, const std::string& parameters) {
+        return tlv(SEQUENCE, oid(name) + parameters);
+    };
+    const char* const sha1 = "1.3.14.3.2.26";
+    const char* const md5 = "1.2.840.113549.2.5";
+    const char* const mgf1 = "1.2.840.113549.1.1.8";
+    const char* const specified = "1.2.840.113549.1.1.9";
+    const auto hash = [](const std::string& value) { return tlv(0xA0, value); };
+    const auto mask = [](const std::string& value) { return tlv(0xA1, value); };
+    const auto label = [](const std::string& value) { return tlv(0xA2, value); };
+    const struct {
+        std::string parameters;
+        int code;
+    } rows[] = {
+        {tlv(SEQUENCE, ""), 0},  // SHA-1 twice, and no label
+        {tlv(SEQUENCE, hash(algorithm(sha1, NOTHING))), 0},
+        {tlv(SEQUENCE, mask(algorithm(mgf1, algorithm(sha1, "")))), 0},
+        {tlv(SEQUENCE, label(algorithm(specified, tlv(OCTETS, "")))), 0},
+        {"", AVEN_E_ENVELOPE_TEXT},
+        {NOTHING, AVEN_E_ENVELOPE_TEXT},
+        {tlv(OCTETS, ""), AVEN_E_ENVELOPE_TEXT},
+        {tlv(SEQUENCE, hash(algorithm(md5, NOTHING))), AVEN_E_ENVELOPE_UNKNOWN},
+        {tlv(SEQUENCE, mask(algorithm(mgf1, algorithm(md5, "")))), AVEN_E_ENVELOPE_UNKNOWN},
+        {tlv(SEQUENCE, mask(algorithm(sha1, algorithm(sha1, "")))), AVEN_E_ENVELOPE_UNKNOWN},
+        {tlv(SEQUENCE, mask(algorithm(mgf1, ""))), AVEN_E_ENVELOPE_TEXT},
+        {tlv(SEQUENCE, mask(algorithm(mgf1, NOTHING))), AVEN_E_ENVELOPE_TEXT},
+        {tlv(SEQUENCE, label(algorithm(specified, tlv(OCTETS, "abc")))), AVEN_E_ENVELOPE_UNKNOWN},
+        {tlv(SEQUENCE, label(algorithm(mgf1, tlv(OCTETS, "")))), AVEN_E_ENVELOPE_UNKNOWN},
+        {tlv(SEQUENCE, label(algorithm(specified, tlv(UTF8, "")))), AVEN_E_ENVELOPE_UNKNOWN},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(toHex(row.parameters));
+        recipient.parameters = row.parameters;
+        const Result opened =
+            open(privateKey("rsa2048"), AVEN_CIPHER_SM4, AVEN_MODE_CBC, envelope());
+        EXPECT_EQ(opened.code, row.code);
+        EXPECT_EQ(opened.out, row.code == 0 ? text : "");
+    }
 }
 
 TEST_F(OtherMakersEnvelope, KeyEncryptionMayBeNamedByTheCurve)
@@ -668,6 +873,9 @@ TEST_F(OtherMakersEnvelope, OursIsFoundAmongOthers)
     EXPECT_EQ(code(parts.der()), AVEN_E_ENVELOPE_UNKNOWN);
     parts.recipients = "";
     EXPECT_EQ(code(parts.der()), AVEN_E_ENVELOPE_RECIPIENT);
+    // One for such a key, although it does not open, says more than one of an unknown kind.
+    parts.recipients = other.der() + unknown.der();
+    EXPECT_EQ(code(parts.der()), AVEN_E_ENVELOPE_OPEN);
 }
 
 TEST_F(OtherMakersEnvelope, RecipientsAreLimited)
@@ -777,6 +985,8 @@ TEST_F(OtherMakersEnvelope, SignedOnesAreRefusedByName)
         EXPECT_EQ(code(tlv(SEQUENCE, content)), AVEN_E_ENVELOPE_SIGNED);
         EXPECT_EQ(code(endless(SEQUENCE, endlessContent)), AVEN_E_ENVELOPE_SIGNED);
         EXPECT_EQ(code(tlv(SEQUENCE, content).substr(0, 100)), AVEN_E_ENVELOPE_TEXT);
+        for (const int tag : {SET, 0xB0})  // no sequence, or of another class
+            EXPECT_EQ(code(tlv(tag, content)), AVEN_E_ENVELOPE_TEXT);
     }
     // The other types have no name of their own.
     for (const char* type : {".2", ".5", ".6", ".40"}) {

@@ -71,6 +71,8 @@ TEST_F(ClientIdentity, MalformedTextsAreRefused)
     EXPECT_EQ(setKeys(ke, "", ""), AVEN_E_KEY_MISSING);
     EXPECT_EQ(setCertificates(ke, "", ""), AVEN_E_KEY_MISSING);
     EXPECT_EQ(setKeys(ke, "no*base64", ""), AVEN_E_BASE64_CHARACTER);
+    EXPECT_EQ(setKeys(ke, "*", ""), AVEN_E_BASE64_CHARACTER);
+    EXPECT_EQ(setKeys(ke, "", "*"), AVEN_E_BASE64_CHARACTER);
     EXPECT_EQ(setKeys(ke, privateText("sm2"), toBase64("nonsense")), AVEN_E_KEY_TEXT);
     EXPECT_EQ(setCertificates(ke, privateText("sm2"), ""), AVEN_E_KEY_ROLE);
     EXPECT_EQ(setCertificates(ke, publicText("sm2"), ""), AVEN_E_KEY_ROLE);

@@ -109,6 +109,21 @@ TEST_F(TrustedRoots, WhatCannotBeReadHasItsCode)
     EXPECT_EQ(file(der + "x"), AVEN_E_KEY_TEXT);
     EXPECT_EQ(file(der.substr(0, der.size() - 1)), AVEN_E_KEY_TEXT);
     EXPECT_EQ(file(std::string((16 << 20) + 1, 'x')), AVEN_E_INPUT_TOO_LONG);
+    // DER begins with a sequence whose length has more than one byte.
+    EXPECT_EQ(file("\x30\x82"), AVEN_E_KE_ROOTS_NONE);
+    EXPECT_EQ(file("\x30\x82\x01"), AVEN_E_KEY_TEXT);
+    EXPECT_EQ(file("\x30\x81\x80x"), AVEN_E_KEY_TEXT);
+    EXPECT_EQ(file("\x30\x80xx"), AVEN_E_KE_ROOTS_NONE);
+    EXPECT_EQ(file("x\x82xx"), AVEN_E_KE_ROOTS_NONE);
+    // A file that is named must hold some, whatever is in the directory.
+    std::filesystem::create_directory(folder.path("some"));
+    folder.write("some/root", pem);
+    EXPECT_EQ(set(folder.write("file", "text").c_str(), folder.path("some").c_str()),
+              AVEN_E_KE_ROOTS_NONE);
+    // Shorter than the system says that it is.
+    if (const char* pages = "/sys/kernel/uevent_seqnum"; std::filesystem::exists(pages)) {
+        EXPECT_EQ(set(pages, nullptr), AVEN_E_KE_ROOTS_OPEN);
+    }
     if (geteuid() != 0) {
         folder.write("secret", pem);
         std::filesystem::permissions(folder.path("secret"), std::filesystem::perms::none);
@@ -221,6 +236,19 @@ TEST_F(TrustedRoots, OfAllSessionsAreLimitedInBytes)
     EXPECT_EQ(engine.aven_global_init(), 0);
     for (int i = 0; i < most; ++i)
         newSession(folder.path(std::to_string(i)));
+}
+
+TEST_F(TrustedRoots, LeaveNothingBehindWhenTheyEnd)
+{
+    const auto setEach = [&](int first, int end) {
+        for (int serial = first; serial < end; ++serial) {
+            const std::string der = toDer(rootOfSize(world.root, 2000, serial).get());
+            EXPECT_EQ(set(folder.write("root", der).c_str(), nullptr), 0);
+        }
+        return support::Held::now().allocated;
+    };
+    const size_t before = setEach(0, 50);
+    EXPECT_LT(setEach(50, 550), before + 16384);
 }
 
 TEST_F(TrustedRoots, AreTheSameOnlyIfEveryCertificateIs)

@@ -1,8 +1,12 @@
 // The server that the development engine accepts: the openssl command agrees with it, and each
 // of its faults is refused.
+#include <filesystem>
 #include <iterator>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "engine/mac.h"
 #include "support/key_exchange_session.h"
@@ -49,6 +53,29 @@ TEST_F(KeyExchange, PrfIsThatOfOpenssl)
             EXPECT_EQ(toHex(std::string(out.begin(), out.end())),
                       toHex(tlsPrf(hash, secret, "a label" + first + second, size)));
         }
+    }
+}
+
+TEST_F(KeyExchange, SignedContentHasTheCertificatesLengthInThreeBytes)
+{
+    const auto view = [](const std::string& bytes) {
+        return Bytes{reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()};
+    };
+    const std::string client = pattern(32, 2), server = pattern(32, 3);
+    const KeRandoms randoms = {view(client), view(server)};
+    const auto contentWith = [&](size_t size, const std::string& length) {
+        const std::string certificate(size, 'c');
+        const std::vector<unsigned char> content = keSignedContent(randoms, view(certificate));
+        EXPECT_TRUE(std::string(content.begin(), content.end()) ==
+                    client + server + length + certificate);
+    };
+    contentWith(0x12345, "\x01\x23\x45");
+    contentWith(0xFFFFFF, "\xFF\xFF\xFF");
+    try {
+        contentWith(0x1000000, "");
+        ADD_FAILURE() << "is taken";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.code, AVEN_E_INPUT_TOO_LONG);
     }
 }
 
@@ -111,6 +138,7 @@ protected:
 
 TEST_F(OpensslServer, DerivesTheSameKeys)
 {
+    std::set<std::string> secrets;
     for (KeyKind kind : kinds) {
         SCOPED_TRACE(nameOf(kind));
         const std::string hash = kind == KeyKind::Sm2 ? "SM3" : "SHA256";
@@ -129,6 +157,7 @@ TEST_F(OpensslServer, DerivesTheSameKeys)
             openedSecret(kind, directory.path("server/enc.key"), message.out);
         EXPECT_EQ(secret.size(), 48u);
         EXPECT_EQ(secret.substr(0, 2), std::string("\x01\x01"));
+        EXPECT_TRUE(secrets.insert(secret).second);  // never the same
 
         const std::string master =
             tlsPrf(hash, secret, "master secret" + client + answer.random, 48);
@@ -217,6 +246,60 @@ TEST_F(KeyExchange, RootsMustBeTheServersAndMayIssue)
     // A server that certifies itself.
     const Credential alone = makeRoot(signingPlan(), kind);
     EXPECT_EQ(codeWith({alone, world.server.encryption}, world.root), AVEN_E_KE_UNTRUSTED);
+}
+
+TEST_F(KeyExchange, IssuersWithShortKeysAreNotTrusted)
+{
+    const Credential& root = worldOf(KeyKind::Rsa).root;
+    CertificatePlan plan = rootPlan();
+    plan.name = "Issuer";
+    const Credential issuer = makeCredential(plan, KeyKind::Rsa, root, 1024);
+    const TemporaryFolder folder;
+    const std::string roots =
+        folder.write("roots", toPem(root.certificate.get()) + toPem(issuer.certificate.get()));
+    for (const Credential& by : {root, issuer}) {
+        const ServerCredentials server = {makeCredential(signingPlan(), KeyKind::Sm2, by),
+                                          makeCredential(encryptionPlan(), KeyKind::Sm2, by)};
+        void* ke = newSession(roots);
+        EXPECT_EQ(exchange(ke, answerHello(server, hello(ke).out)).code,
+                  by.key == issuer.key ? AVEN_E_KE_UNTRUSTED : 0);
+    }
+}
+
+TEST_F(KeyExchange, LogSaysWhichCertificateIsWrong)
+{
+    const KeyKind kind = KeyKind::Sm2;
+    const World& world = worldOf(kind);
+    const TemporaryFolder folder;
+    const auto saidOf = [&](const Credential& signing, const Credential& encryption,
+                            const Credential& root) {
+        const std::string log = folder.path("log");
+        EXPECT_EQ(engine.aven_global_set_logger(log.c_str()), 0);
+        EXPECT_NE(codeWith({signing, encryption}, root), 0);
+        EXPECT_EQ(engine.aven_global_set_logger(""), 0);
+        // Behind the banner, without the time and the engine's name; before the call's code.
+        std::istringstream lines(folder.read("log"));
+        std::string line;
+        std::getline(lines, line);
+        std::getline(lines, line);
+        std::filesystem::remove(log);
+        const std::string name = " SoftModuleaven: ";
+        return line.substr(line.find(name) + name.size());
+    };
+    CertificatePlan plan = signingPlan();
+    plan.notAfter = -60;
+    EXPECT_EQ(saidOf(makeCredential(plan, kind, world.root), world.server.encryption, world.root),
+              "server's signing certificate, 0 up: certificate has expired");
+    plan = encryptionPlan();
+    plan.usage = "";
+    EXPECT_EQ(saidOf(world.server.signing, makeCredential(plan, kind, world.root), world.root),
+              "server's encryption certificate: key usage is missing or another");
+    plan = rootPlan();
+    plan.notAfter = -60;
+    const Credential old = makeRoot(plan, kind);
+    EXPECT_EQ(saidOf(makeCredential(signingPlan(), kind, old),
+                     makeCredential(encryptionPlan(), kind, old), old),
+              "server's signing certificate, 1 up: certificate has expired");
 }
 
 TEST_F(KeyExchange, KindsAndSizesOfKeys)
@@ -345,8 +428,15 @@ TEST_F(FaultyAnswer, DamagedPartsAreRefused)
                   AVEN_E_KEY_MISSING);
         EXPECT_EQ(codeFor([](ServerAnswer& answer) { answer.encryptionCertificate.clear(); }),
                   AVEN_E_KEY_MISSING);
-        EXPECT_EQ(codeFor([](ServerAnswer& answer) { answer.signingCertificate = "nonsense"; }),
-                  AVEN_E_KEY_TEXT);
+        // What has no PEM block is DER, never Base64.
+        for (const std::string& text : {std::string("nonsense"), std::string("no*base64"),
+                                        std::string("x"), std::string(AVEN_KEY_TEXT_MAX, 'x')})
+            EXPECT_EQ(codeFor([&](ServerAnswer& answer) { answer.signingCertificate = text; }),
+                      AVEN_E_KEY_TEXT);
+        EXPECT_EQ(codeFor([](ServerAnswer& answer) {
+                      answer.signingCertificate.assign(AVEN_KEY_TEXT_MAX + 1, 'x');
+                  }),
+                  AVEN_E_INPUT_TOO_LONG);
         EXPECT_EQ(codeFor([](ServerAnswer& answer) { answer.signingCertificate.pop_back(); }),
                   AVEN_E_KEY_TEXT);
         EXPECT_EQ(codeFor([](ServerAnswer& answer) { answer.encryptionCertificate += '\0'; }),

@@ -2,13 +2,19 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
+#include <ctime>
+#include <filesystem>
 #include <set>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "support/engine_everything.h"
 #include "support/rounds.h"
@@ -140,9 +146,10 @@ TEST(EngineLifecycle, LeavesTheHostsErrorQueueAlone)
 TEST(EngineTexts, VersionNamesADevelopmentEngine)
 {
     DevkitEngine engine;
-    const std::string version = engine.aven_version();
-    EXPECT_NE(version.find("development engine"), std::string::npos) << version;
-    EXPECT_NE(version.find("OpenSSL 3"), std::string::npos) << version;
+    const std::string library = OpenSSL_version(OPENSSL_VERSION);
+    EXPECT_EQ(library.find("OpenSSL 3"), 0u) << library;
+    EXPECT_EQ(engine.aven_version(),
+              "SoftModuleaven development engine " CORVANE_VERSION " (" + library + ")");
     EXPECT_EQ(engine.aven_version(), engine.aven_version());
 }
 
@@ -173,6 +180,56 @@ TEST(EngineTexts, EveryCodeHasATextOfItsOwn)
     }
 }
 
+// Hosts and their clients have them as numbers.
+TEST(EngineTexts, NumbersAreThoseOfTheDocuments)
+{
+    const std::pair<int, int> rows[] = {
+        {AVEN_CIPHER_SM4, 1},      {AVEN_CIPHER_AES_128, 2},
+        {AVEN_CIPHER_AES_192, 3},  {AVEN_CIPHER_AES_256, 4},
+        {AVEN_CIPHER_ARIA_256, 5}, {AVEN_CIPHER_CAMELLIA_256, 6},
+        {AVEN_CIPHER_3DES, 7},     {AVEN_MODE_ECB, 1},
+        {AVEN_MODE_CBC, 2},        {AVEN_MODE_CFB, 3},
+        {AVEN_MODE_OFB, 4},        {AVEN_MODE_CTR, 5},
+        {AVEN_MODE_GCM, 6},        {AVEN_PADDING_NONE, 0},
+        {AVEN_PADDING_PKCS7, 1},   {AVEN_HASH_DEFAULT, 0},
+        {AVEN_HASH_SM3, 1},        {AVEN_HASH_SHA1, 2},
+        {AVEN_HASH_SHA224, 3},     {AVEN_HASH_SHA256, 4},
+        {AVEN_HASH_SHA384, 5},     {AVEN_HASH_SHA512, 6},
+        {AVEN_KEY_ANY, 0},         {AVEN_KEY_SM2, 1},
+        {AVEN_KEY_RSA, 3},         {AVEN_RSA_OAEP, 0},
+        {AVEN_RSA_PKCS1, 1},       {AVEN_OK, 0},
+    };
+    for (const auto& [number, written] : rows)
+        EXPECT_EQ(number, written);
+}
+
+TEST(EngineTexts, LimitsAreThoseOfTheDocuments)
+{
+    const std::pair<int, int> rows[] = {
+        {AVEN_GCM_IV_MAX, 128},
+        {AVEN_GCM_TAG_MIN, 4},
+        {AVEN_GCM_TAG_MAX, 16},
+        {AVEN_KDF_MAX, 1'073'741'824},
+        {AVEN_RSA_BITS_MIN, 2048},
+        {AVEN_RSA_BITS_MAX, 4096},
+        {AVEN_KEY_TEXT_MAX, 65'536},
+        {AVEN_ENVELOPE_RECIPIENTS_MAX, 64},
+        {AVEN_KEY_ITERATIONS_MAX, 2'000'000},
+        {AVEN_KEY_SCRYPT_MAX, 1'048'576},
+        {AVEN_KEY_SCRYPT_MEMORY_MAX, 33'554'432},
+        {AVEN_KE_SESSIONS_MAX, 1024},
+        {AVEN_KE_MESSAGE_MAX, 256},
+        {AVEN_KE_CHAIN_MAX, 10},
+        {AVEN_KE_ROOTS_MAX, 1000},
+        {AVEN_KE_ROOT_BYTES_MAX, 2'097'152},
+        {AVEN_KE_ROOT_FILE_BYTES_MAX, 16'777'216},
+        {AVEN_KE_ROOT_ENTRIES_MAX, 4096},
+        {AVEN_KE_ROOT_BYTES_OF_ALL_MAX, 33'554'432},
+    };
+    for (const auto& [limit, written] : rows)
+        EXPECT_EQ(limit, written);
+}
+
 TEST(EngineTexts, ReadmeListsEveryCode)
 {
     const std::string readme = readWhole(CORVANE_SOURCE_DIR "/devkit/engine/README.md");
@@ -192,8 +249,6 @@ TEST(EngineTexts, ReadmeHasTheLimits)
 {
     const std::string readme = readWhole(CORVANE_SOURCE_DIR "/devkit/engine/README.md");
     const auto number = [](int value) { return std::to_string(value); };
-    static_assert(AVEN_KEY_ITERATIONS_MAX == 2'000'000 && AVEN_KEY_SCRYPT_MAX == 1 << 20,
-                  "written so in the README");
     const std::string rows[] = {
         "text of a key or certificate | " + number(AVEN_KEY_TEXT_MAX >> 10) + " KiB",
         "RSA modulus; public exponent | " + number(AVEN_RSA_BITS_MAX) + " bits; 64 bits",
@@ -268,27 +323,164 @@ TEST(EngineLog, TargetsAreChecked)
     EXPECT_EQ(engine.aven_global_cleanup(), 0);
 }
 
-TEST(EngineLog, StandardErrorSharesItsPosition)
+TEST(EngineLog, LinesBeginWithTheTimeAndTheName)
 {
-    TemporaryFile file;
-    const int saved = dup(STDERR_FILENO);
-    const int target = open(file.path, O_WRONLY | O_TRUNC);
-    dup2(target, STDERR_FILENO);
-    close(target);
-    {
-        DevkitEngine engine;
-        engine.aven_global_init();
-        ASSERT_EQ(write(STDERR_FILENO, "before\n", 7), 7);
-        EXPECT_EQ(engine.aven_global_set_logger("/dev/stderr"), 0);
-        ASSERT_EQ(write(STDERR_FILENO, "behind\n", 7), 7);
-        engine.aven_global_cleanup();
+    TemporaryFile log;
+    const time_t before = time(nullptr);
+    DevkitEngine engine;
+    ASSERT_EQ(engine.aven_global_set_logger(log.path), 0);
+    ASSERT_EQ(engine.aven_global_init(), 0);
+    const std::string banner =
+        "Z SoftModuleaven: *** DEVELOPMENT ENGINE - NOT FOR PRODUCTION USE"
+        " *** " +
+        std::string(engine.aven_version()) + "\n";
+    EXPECT_EQ(engine.aven_crypto_gen_symmkey(1, nullptr, nullptr), AVEN_E_NULL_POINTER);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+    const time_t after = time(nullptr);
+
+    const std::string text = readWhole(log.path);
+    const size_t second = text.find('\n') + 1;
+    EXPECT_EQ(text.substr(0, second).substr(19), banner);
+    EXPECT_EQ(text.substr(second).substr(19),
+              "Z SoftModuleaven: aven_crypto_gen_symmkey: -30002 AVEN_E_NULL_POINTER\n");
+    for (const size_t line : {size_t{0}, second}) {
+        tm utc = {};
+        const std::string written = text.substr(line, 19);
+        ASSERT_NE(strptime(written.c_str(), "%Y-%m-%dT%H:%M:%S", &utc), nullptr) << written;
+        const time_t moment = timegm(&utc);
+        EXPECT_TRUE(before <= moment && moment <= after) << written;
     }
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    const std::string text = readWhole(file.path);
-    EXPECT_EQ(text.find("before\n"), 0u);
-    EXPECT_EQ(text.find("behind\n"), text.size() - 7) << text;
-    EXPECT_EQ(count(text, "\n"), 3u) << text;
+}
+
+// The descriptors of this process that stand for a file.
+std::vector<int> descriptorsOf(const std::string& path)
+{
+    std::vector<int> found;
+    std::error_code gone;  // the loop's own descriptor
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        if (std::filesystem::read_symlink(entry.path(), gone) == path)
+            found.push_back(std::stoi(entry.path().filename()));
+    return found;
+}
+
+TEST(EngineLog, NewFileIsForItsOwnerAndForThisProcessAlone)
+{
+    const support::TemporaryFolder folder;
+    const std::string path = folder.path("log");
+    const mode_t usual = umask(0);
+    DevkitEngine engine;
+    EXPECT_EQ(engine.aven_global_set_logger(path.c_str()), 0);
+    umask(usual);
+
+    struct stat file = {};
+    ASSERT_EQ(stat(path.c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 07777u, 0600u);
+    const std::vector<int> descriptors = descriptorsOf(path);
+    ASSERT_EQ(descriptors.size(), 1u);
+    EXPECT_EQ(fcntl(descriptors[0], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+    EXPECT_TRUE(descriptorsOf(path).empty());
+}
+
+// Another file in place of a standard stream, while it lives.
+class Redirected {
+public:
+    Redirected(int stream, const char* path) : m_stream(stream), m_saved(dup(stream))
+    {
+        const int target = open(path, O_RDWR);
+        dup2(target, stream);
+        close(target);
+    }
+    Redirected(const Redirected&) = delete;
+    Redirected& operator=(const Redirected&) = delete;
+    ~Redirected()
+    {
+        dup2(m_saved, m_stream);
+        close(m_saved);
+    }
+
+private:
+    int m_stream;
+    int m_saved;
+};
+
+// A process without standard input gets its number for whatever it opens next.
+TEST(EngineLog, MayHaveTheNumberZero)
+{
+    const support::TemporaryFolder folder;
+    const std::string path = folder.path("log");
+    DevkitEngine engine;
+    ASSERT_EQ(engine.aven_global_init(), 0);
+    const Redirected input(STDIN_FILENO, "/dev/null");
+    close(STDIN_FILENO);
+    EXPECT_EQ(engine.aven_global_set_logger(path.c_str()), 0);
+    EXPECT_EQ(descriptorsOf(path), std::vector<int>{0});
+    EXPECT_EQ(engine.aven_crypto_gen_symmkey(1, nullptr, nullptr), AVEN_E_NULL_POINTER);
+    EXPECT_EQ(engine.aven_global_set_logger(""), 0);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);  // closed
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+    EXPECT_EQ(count(readWhole(path), "\n"), 2u);
+}
+
+TEST(EngineLog, NothingIsWrittenAnywhereWithoutOne)
+{
+    TemporaryFile input, output, error, log;
+    {
+        fflush(stdout);
+        const Redirected streams[] = {
+            {STDIN_FILENO, input.path}, {STDOUT_FILENO, output.path}, {STDERR_FILENO, error.path}};
+        DevkitEngine engine;
+        const auto fail = [&] { engine.aven_crypto_gen_symmkey(1, nullptr, nullptr); };
+        fail();
+        engine.aven_global_init();
+        fail();
+        engine.aven_global_set_logger(log.path);
+        engine.aven_global_set_logger("");
+        fail();
+        engine.aven_global_set_logger(log.path);
+        engine.aven_global_cleanup();
+        fail();
+        EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
+    }
+    for (const TemporaryFile* file : {&input, &output, &error})
+        EXPECT_EQ(readWhole(file->path), "");
+    EXPECT_EQ(count(readWhole(log.path), "\n"), 2u);
+}
+
+// Nor does it matter what the number was before.
+TEST(EngineLog, LeavesTheHostsErrorNumberAlone)
+{
+    DevkitEngine engine;
+    ASSERT_EQ(engine.aven_global_init(), 0);
+    for (const char* target : {"/dev/null", "/dev/full"}) {
+        ASSERT_EQ(engine.aven_global_set_logger(target), 0);
+        errno = EINTR;
+        EXPECT_EQ(engine.aven_crypto_gen_symmkey(1, nullptr, nullptr), AVEN_E_NULL_POINTER);
+        EXPECT_EQ(errno, EINTR) << target;
+    }
+    EXPECT_EQ(engine.aven_global_cleanup(), 0);
+}
+
+TEST(EngineLog, StandardStreamsShareTheirPosition)
+{
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+        TemporaryFile file;
+        fflush(stdout);
+        {
+            const Redirected redirected(stream, file.path);
+            DevkitEngine engine;
+            engine.aven_global_init();
+            ASSERT_EQ(write(stream, "before\n", 7), 7);
+            const char* target = stream == STDOUT_FILENO ? "/dev/stdout" : "/dev/stderr";
+            EXPECT_EQ(engine.aven_global_set_logger(target), 0);
+            ASSERT_EQ(write(stream, "behind\n", 7), 7);
+            engine.aven_global_cleanup();
+        }
+        const std::string text = readWhole(file.path);
+        EXPECT_EQ(text.find("before\n"), 0u);
+        EXPECT_EQ(text.find("behind\n"), text.size() - 7) << text;
+        EXPECT_EQ(count(text, "\n"), 3u) << text;
+    }
 }
 
 // ---- Unloading

@@ -265,4 +265,13 @@ TEST_F(EngineNulls, NullInputOfNoBytesIsInput)
     EXPECT_EQ(engine.aven_crypto_kdf(0, nullptr, 0, 16, out), AVEN_E_INPUT_EMPTY);
 }
 
+// Where a length alone is not to be had, null is no room either for a result without bytes.
+TEST_F(EngineNulls, NullOutputOfNoBytesIsNone)
+{
+    EXPECT_EQ(engine.aven_crypto_encrypt(&gcm, nullptr, 0, nullptr, &(len = 0), 16, tag), NUL);
+    EXPECT_EQ(engine.aven_crypto_encrypt(&gcm, nullptr, 0, out, &(len = 0), 16, tag), 0);
+    EXPECT_EQ(engine.aven_crypto_decrypt(&gcm, nullptr, 0, tag, 16, nullptr, &(len = 0)), NUL);
+    EXPECT_EQ(engine.aven_crypto_decrypt(&gcm, nullptr, 0, tag, 16, out, &(len = 0)), 0);
+}
+
 }  // namespace

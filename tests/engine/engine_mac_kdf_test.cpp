@@ -396,6 +396,16 @@ TEST_F(CryptoKdf, LongSecretsGiveLongKeys)
     }
 }
 
+TEST_F(CryptoKdf, BlocksAreCountedInMoreThanTwoBytes)
+{
+    const size_t size = 20, last = 0x10001;
+    const std::string key = derive(engine, AVEN_HASH_SHA1, "secret", last * size);
+    for (const size_t counter : {size_t{0x7fff}, size_t{0x8000}, size_t{0xffff}, last - 1, last})
+        EXPECT_EQ(toHex(key.substr((counter - 1) * size, size)),
+                  toHex(textbookBlock("SHA1", "secret", counter)))
+            << counter;
+}
+
 TEST_F(CryptoKdf, HashZeroIsSm3)
 {
     EXPECT_EQ(derive(engine, AVEN_HASH_DEFAULT, "secret", 100),
