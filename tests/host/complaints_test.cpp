@@ -166,6 +166,17 @@ TEST(Complaints, HexDigitsThatAreReadAsBase64)
          {hex("strIV", "18", "12")}},
         {encrypt, {{"strMode", "6"}, {"strIV", "0011223344556677"}}, {hex("strIV", "12", "8")}},
         {decrypt, {{"strMode", "6"}, {"strtag", key64.substr(0, 32)}}, {hex("strtag", "24", "16")}},
+        // A single numeral is enough for what people have as hex digits.
+        {hmac, {{"strKey", "abcde9"}}, {hex("strKey", "4", "3")}},
+        {"QZaven_wbsm4_encrypt",
+         {{"strKey", "aabbccddeeffaabbccddeeffaabbccd1"},
+          {"strIV", "aabbccddeeffaabbccddeeffaabbccd1"}},
+         {"wrong_size: strKey must be 16 bytes; it has 24", hex("strKey", "24", "16"),
+          "wrong_size: strIV must be 16 bytes; it has 24", hex("strIV", "24", "16")}},
+        {decrypt,
+         {{"strMode", "6"}, {"strKey", "abcde0"}, {"strIV", "abcde1"}, {"strtag", "abcde9"}},
+         {"wrong_size: strKey must be 32 bytes; it has 4", hex("strKey", "4", "3"),
+          hex("strIV", "4", "3"), hex("strtag", "4", "3")}},
         // What must be Base64 text is believed.
         {"QZaven_crypto_base64_Decode", {{"strIn", "00010203"}}, {}},
         // Too short, odd, both cases, hardly a numeral, other characters, zeros.
@@ -174,6 +185,9 @@ TEST(Complaints, HexDigitsThatAreReadAsBase64)
         {hmac, {{"strKey", "00010203a"}}, {"not_base64: strKey is not Base64 (URL-safe)"}},
         {hmac, {{"strKey", "0001020304a"}}, {}},
         {hmac, {{"strKey", "0001aabbAABB"}}, {}},
+        {hmac, {{"strKey", "0001aA"}}, {}},
+        {hmac, {{"strKey", "0001fF"}}, {}},
+        {hmac, {{"strKey", "0001AF"}}, {hex("strKey", "4", "3")}},
         {hmac, {{"strKey", "abcdefab"}}, {}},
         {hmac, {{"strdata", "abcdefa1"}}, {}},
         {hmac, {{"strdata", "abcdabcdabcda123"}}, {}},
@@ -181,6 +195,63 @@ TEST(Complaints, HexDigitsThatAreReadAsBase64)
         {hmac, {{"strKey", toUrlBase64(std::string(12, '\0'))}}, {}},
         {hmac, {{"strKey", toUrlBase64(std::string(11, '\0') + "\1")}}, {}},
     });
+}
+
+TEST(Complaints, WhatIsMissing)
+{
+    const std::string iv =
+        "missing: strIV is missing (required unless the mode is ECB (strMode 1))";
+    const auto gcm = [](const char* name) {
+        return "missing: "s + name + " is missing (required if the mode is GCM (strMode 6))";
+    };
+    expectAll({
+        {encrypt, {{"strKey", ""}}, {"missing: strKey is missing (required)"}},
+        {encrypt, {{"strIV", ""}, {"strCipherPadding", ""}, {"strgcmTagLen", ""}}, {iv}},
+        {encrypt, {{"strMode", "1"}, {"strIV", ""}}, {}},
+        {encrypt, {{"straad", ""}}, {}},
+        {decrypt, {{"strMode", "5"}, {"straad", ""}, {"strtag", ""}}, {}},
+        {decrypt,
+         {{"strMode", "6"}, {"strIV", ""}, {"straad", ""}, {"strtag", ""}},
+         {iv, gcm("straad"), gcm("strtag")}},
+        // Without a mode only what no mode but ECB can lack.
+        {decrypt,
+         {{"strMode", ""}, {"strIV", ""}, {"straad", ""}, {"strtag", ""}},
+         {"missing: strMode is missing (required)", iv}},
+    });
+    EXPECT_EQ(1U, complaints(*findRequest("QZaVen_strerror"), {{"strErr", ""}}).size());
+}
+
+TEST(Complaints, NumbersOutOfTheirRange)
+{
+    const std::string alg = "out_of_range: strHashAlg must be 1 to 6";
+    const std::string tag = "out_of_range: strgcmTagLen must be 4 to 16";
+    const char* const hmac = "QZaven_crypto_hmac";
+    expectAll(
+        {{hmac, {{"strHashAlg", "0"}}, {alg}},
+         {hmac, {{"strHashAlg", "1"}}, {}},
+         {hmac, {{"strHashAlg", "6"}}, {}},
+         {hmac, {{"strHashAlg", "7"}}, {alg}},
+         {encrypt, {{"strgcmTagLen", "3"}}, {tag}},
+         {encrypt, {{"strgcmTagLen", "4"}}, {}},
+         {encrypt, {{"strgcmTagLen", "17"}}, {tag}},
+         {"QZaven_crypto_kdf", {{"HashType", "0"}, {"srcdata", "x"}, {"OutLen", "65535"}}, {}},
+         {"QZaven_crypto_kdf",
+          {{"HashType", "7"}, {"srcdata", "x"}, {"OutLen", "65536"}},
+          {"out_of_range: HashType must be 0 to 6", "out_of_range: OutLen must be 0 to 65535"}}});
+}
+
+// As with the names of a file, which has no sizes.
+TEST(Complaints, NamesWithoutSizesMakeNoneDue)
+{
+    RequestInfo request = *findRequest(encrypt);
+    for (Parameter& parameter : request.parameters)
+        for (Choice& choice : parameter.choices)
+            choice = {choice.value, choice.text, choice.names};
+    EXPECT_TRUE(complaints(request, parametersOf(encrypt, {{"strKey", bytes(1)},
+                                                           {"strIV", bytes(1)},
+                                                           {"strdata", bytes(31)},
+                                                           {"strCipherPadding", ""}}))
+                    .empty());
 }
 
 TEST(Complaints, LineEndsBehindPasswords)

@@ -66,6 +66,55 @@ TEST_F(HostScript, ALineEndsBehindEachAnswer)
     EXPECT_TRUE(holds(out, "}\n,{")) << out;
 }
 
+TEST_F(HostScript, AnswersAreWhole)
+{
+    const std::string first =
+        R"({"id":"a","request":"QZaven_crypto_base64_encode","params":{"strIn":"x"}})";
+    const std::string second =
+        R"({"request":"QZaven_crypto_gen_symmkey","params":{"strCipherAlg":8},"allowFailure":true})";
+    const std::string firstAnswer =
+        R"({"id":"a","request":"QZaven_crypto_base64_encode","ok":true,)"
+        R"("results":{"Data":"eA==","errorCode":"0"}})"
+        "\n";
+    const std::string secondAnswer =
+        R"({"request":"QZaven_crypto_gen_symmkey","ok":false,)"
+        R"("results":{"Data":"","errorCode":"-20084"},"error":{"code":"-20084",)"
+        R"("text":"plug-in: parameter value is outside its allowed set or range"}})"
+        "\n";
+    const std::string asLines = first + "\n\n" + second;
+    const std::string asArray = "[" + first + ",\n" + second + "]";
+    for (const Ended& ended : {lines(asLines), script(asLines), lines(" \n" + asLines + "\n")}) {
+        EXPECT_EQ(SUCCESS, ended.code) << ended.err;
+        EXPECT_EQ(firstAnswer + secondAnswer, ended.out);
+        EXPECT_FALSE(holds(ended.err, "failed")) << ended.err;
+    }
+    for (const Ended& ended : {lines("\n" + asArray), script(asArray)}) {
+        EXPECT_EQ(SUCCESS, ended.code) << ended.err;
+        EXPECT_EQ("[\n" + firstAnswer + "," + secondAnswer + "]\n", ended.out);
+    }
+}
+
+TEST_F(HostScript, LinesStopAtTheFirstFailureToo)
+{
+    const std::string step = R"({"request":"QZaven_crypto_gen_symmkey","params":{"strCipherAlg":)";
+    const std::string text = step + "1}}\n" + step + "8}}\n" + step + "2}}\n";
+    const auto answers = [](const Ended& ended) {
+        EXPECT_EQ(REFUSED, ended.code) << ended.err;
+        return std::count(ended.out.begin(), ended.out.end(), '\n');
+    };
+    EXPECT_EQ(2, answers(lines(text)));
+    EXPECT_EQ(2, answers(script(text)));
+    EXPECT_EQ(3, answers(script(text, {"--keep-going"})));
+    EXPECT_EQ(3, answers(run({"script", "--keep-going", "-"}, text)));
+}
+
+TEST_F(HostScript, LinesBeforeTheFirstStepAreCounted)
+{
+    const std::string wrong = R"({"request": "QZaven_hmac"})";
+    EXPECT_TRUE(holds(lines("\n \n" + wrong).err, "standard input:3:1: step 1: there is no"));
+    EXPECT_TRUE(holds(script("\n \n" + wrong).err, ":3:1: step 1: there is no"));
+}
+
 TEST_F(HostScript, TimeIsTold)
 {
     for (const Json& answer : script(roundTrip, {"--time"}).json())

@@ -132,6 +132,20 @@ TEST_F(HostResults, RefusalGivesCodeTextAndResults)
     EXPECT_TRUE(holds(ended.err, "failed with -20084: " + meaning)) << ended.err;
 }
 
+// What to do is known of the development engine's texts alone.
+TEST_F(HostResults, AnEnginesTextIsToldWithoutTheBlanksBehindIt)
+{
+    const std::string text = "plug-in: parameter value is outside its allowed set or range";
+    const std::string other = text.substr(0, text.size() - 4) + "\n \r\n";
+    const Ended ended = run({"-q", "--engine", patched(engine, text, other), "call",
+                             "QZaven_crypto_gen_symmkey", "strCipherAlg=8"});
+    EXPECT_EQ(REFUSED, ended.code);
+    EXPECT_TRUE(holds(ended.err, "QZaven_crypto_gen_symmkey failed with -20084: " +
+                                     text.substr(0, text.size() - 4) + "\n"))
+        << ended.err;
+    EXPECT_FALSE(holds(ended.err, "what to do")) << ended.err;
+}
+
 TEST_F(HostResults, ErrorTextSucceedsWithoutErrorCode)
 {
     const Ended ended = call({"QZaVen_strerror", "strErr=-20001"});
@@ -141,6 +155,8 @@ TEST_F(HostResults, ErrorTextSucceedsWithoutErrorCode)
     const Ended without = call({"QZaVen_strerror"});
     EXPECT_EQ(REFUSED, without.code);
     EXPECT_EQ((Json{{"Data", ""}}), without.json());
+    EXPECT_TRUE(holds(without.err, "\ncorvane-host: QZaVen_strerror failed: no text\n"))
+        << without.err;
 }
 
 TEST_F(HostResults, RawDecodesBase64)
@@ -267,6 +283,8 @@ TEST_F(HostUsage, ForceSendsAnUnknownName)
     const Ended ended = call({"QZaven_unknown", "--force"});
     EXPECT_EQ(REFUSED, ended.code);
     EXPECT_EQ(Json::object(), ended.json());
+    EXPECT_TRUE(holds(ended.err, "QZaven_unknown failed: the plug-in wrote no results\n"))
+        << ended.err;
 }
 
 TEST_F(HostUsage, OddParametersAreWarnedOfAndSent)
@@ -363,7 +381,14 @@ TEST_F(HostLoading, EngineThatCannotInitialiseIsRefused)
     const Ended ended = run({"--engine", patched(engine, "aven_global_init", "aven_global_xxxx"),
                              "call", "QZaVen_GetVersion"});
     EXPECT_EQ(LOADING, ended.code);
-    EXPECT_TRUE(holds(ended.err, "m_softMoudleAven.aven_global_init ERROR 0x")) << ended.err;
+    const std::string begin = "corvane-host: the plug-in could not initialise: ";
+    const size_t told = ended.err.find(begin);
+    ASSERT_NE(std::string::npos, told) << ended.err;
+    const std::string sentence = ended.err.substr(told);
+    EXPECT_TRUE(holds(sentence,
+                      "m_softMoudleAven.aven_global_init ERROR 0xffffb109 (-20215); "
+                      "corvane-host doctor says why\n"))
+        << ended.err;
 }
 
 TEST_F(HostLoading, ModuleWithoutAFunctionIsRefused)

@@ -202,7 +202,7 @@ TEST_F(NamesOnTheWay, WithoutNamesNumbersAloneCount)
         if (subcommand == "describe"s)
             arguments.emplace_back("QZaven_crypto_encrypt");
         const std::string json = run(arguments).out;
-        for (const char* const member : {"choices", "length", "keyBytes"})
+        for (const char* const member : {"choices", "length", "keyBytes", "wholeBlocks"})
             EXPECT_FALSE(holds(json, "\""s + member + "\"")) << member;
         EXPECT_TRUE(holds(json, "strCipherAlg"));
     }
@@ -220,6 +220,7 @@ TEST_F(NamesOnTheWay, WithoutNamesNumbersAloneCount)
 TEST_F(NamesOnTheWay, AFileHasTheNamesOfAnotherEngine)
 {
     const std::string names = file("names.json", R"({
+        "HashType": {"zero": 0, "six": 6}, "strHashAlg": {"one": 1, "six": 6},
         "strCipherAlg": {"aes-256": 4, "AES": 4, "own cipher": 2, "seventh": 7},
         "strMode": {"chained": 2}})");
     const Ended numbers = call(encryption("4", "2", "1"));
