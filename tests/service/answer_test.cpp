@@ -42,7 +42,11 @@ TEST(Answer, IsTheTextOfItsTree)
           Pairs{{"a", "first"}, {"b", "other"}, {"a", "last"}, {"b", "\xff"}, {"c", "d"}}}) {
         const WireReply reply = good(results);
         EXPECT_EQ(jsonText(treeOf(reply), -1), pluginAnswer(reply, "[]").body);
-        EXPECT_EQ(200U, pluginAnswer(reply, "[]").status);
+        const Answer answer = pluginAnswer(reply, "[]");
+        EXPECT_EQ(200U, answer.status);
+        EXPECT_EQ("application/json", std::string(answer.type));
+        EXPECT_EQ(0U, answer.parts);
+        EXPECT_EQ(0U, answer.failed);
     }
 }
 
@@ -77,6 +81,74 @@ TEST(Answer, OfARefusalExplainsItsCode)
     EXPECT_TRUE(Json::parse(peerAnswer(good({})).body)["error"].is_null());
 }
 
+// The error of an answer to a reply with this code.
+Json errorWith(const std::string& code)
+{
+    WireReply reply;
+    reply.code = code;
+    reply.text = "text";
+    const std::string body = pluginAnswer(reply, "[]").body;
+    const Json error = Json::parse(body)["error"];
+    EXPECT_EQ(
+        "{\"results\":{},\"error\":" + error.dump() + ",\"warnings\":[],\"microseconds\":0.0}",
+        body);
+    Json ofThePeer = error;
+    ofThePeer["source"] = "peer";
+    EXPECT_EQ("{\"results\":{},\"error\":" + ofThePeer.dump() + ",\"warnings\":[]}",
+              peerAnswer(reply).body);
+    return error;
+}
+
+TEST(Answer, ExplainsACodeByTheTable)
+{
+    for (const ErrorCode& code : errorCodes())
+        EXPECT_EQ((Json{{"code", std::to_string(code.code)},
+                        {"source", code.source},
+                        {"name", code.name},
+                        {"text", "text"},
+                        {"cause", code.cause},
+                        {"remedy", code.remedy}})
+                      .dump(),
+                  errorWith(std::to_string(code.code)).dump());
+}
+
+// The plug-in's own are above -30000.
+TEST(Answer, TellsWhoseACodeIsThatIsInNoTable)
+{
+    for (const auto& [code, source] : {std::pair("0", "plug-in"),
+                                       {"no number", "plug-in"},
+                                       {"-29999", "plug-in"},
+                                       {"-30000", "engine"},
+                                       {"-39999", "engine"},
+                                       {"1", "engine"}}) {
+        ASSERT_EQ(nullptr, findErrorCode(atoi(code)));
+        EXPECT_EQ((Json{{"code", code},
+                        {"source", source},
+                        {"name", ""},
+                        {"text", "text"},
+                        {"cause", ""},
+                        {"remedy", ""}})
+                      .dump(),
+                  errorWith(code).dump());
+    }
+}
+
+TEST(Answer, TellsWhyATaskEndedWithoutResults)
+{
+    WireReply reply;
+    reply.text = "no library";
+    const auto told = [&](Ending ending) {
+        const Json error = refusalOf(ending, reply).json()["error"];
+        return error["reason"].get<std::string>() + ": " + error["text"].get<std::string>();
+    };
+    EXPECT_EQ("not_carried_out: the request could not be carried out: no library",
+              told(Ending::Answered));
+    EXPECT_EQ("worker_ended: the process that served the request ended in it", told(Ending::Died));
+    EXPECT_EQ("too_slow: the request took too long and was ended", told(Ending::TimedOut));
+    for (const Ending ending : {Ending::LifeIsOver, Ending::NotServed})
+        EXPECT_EQ("no_worker: no process was free for the request in time", told(ending));
+}
+
 // What an engine of somebody else's writes for a code may hold anything.
 TEST(Answer, GivesLogsNoCodeThatIsNone)
 {
@@ -91,7 +163,9 @@ TEST(Answer, GivesLogsNoCodeThatIsNone)
 
 TEST(Answer, OfTheHostsOwnRefusalNamesItsReason)
 {
-    const Json full = Json::parse(answerOf(Refusal(Reason::queue_full)).body)["error"];
+    const Refusal refusal(Reason::queue_full);
+    EXPECT_EQ(refusal.json().dump(), answerOf(refusal).body);
+    const Json full = Json::parse(answerOf(refusal).body)["error"];
     EXPECT_EQ("busy", full["code"]);
     EXPECT_EQ("queue_full", full["reason"]);
     EXPECT_EQ(Json::object(), full["values"]);

@@ -12,6 +12,7 @@
 #include "common/claims.h"
 #include "common/codec.h"
 #include "common/wire.h"
+#include "service/bodies/content_type.h"
 #include "service/bodies/json_tree.h"
 #include "support/allocation_fault.h"
 
@@ -28,6 +29,7 @@ struct Read {
     Fields fields;
     std::string code;  // of a refusal, and its field
     std::string field;
+    std::string reason;
     std::string text;
 };
 
@@ -40,6 +42,7 @@ Read read(const std::string& type, const std::string& body, BodyLimits limits = 
         const auto error = refusal.json()["error"];
         result.code = error["code"];
         result.field = error["field"].is_null() ? "" : error["field"].get<std::string>();
+        result.reason = error["reason"];
         result.text = refusal.what();
         EXPECT_FALSE(std::regex_search(result.text, std::regex("\\{\\w+\\}"))) << result.text;
     }
@@ -51,10 +54,10 @@ std::string codeOf(const std::string& type, const std::string& body, BodyLimits 
     return read(type, body, limits).code;
 }
 
-std::string batchCode(const std::string& body, std::string* field = nullptr)
+std::string batchCode(const std::string& body, std::string* field = nullptr, BodyLimits limits = {})
 {
     try {
-        readBatch(json, body, {});
+        readBatch(json, body, limits);
     } catch (const Refusal& refusal) {
         const auto error = refusal.json()["error"];
         if (field != nullptr && !error["field"].is_null())
@@ -109,9 +112,15 @@ TEST(JsonBody, OtherShapesAreRefused)
         EXPECT_EQ("wrong_type", got.code) << value;
         EXPECT_EQ("p", got.field) << value;
     }
-    EXPECT_EQ("p", read(json, "{\"p\": [\"key\"]}").field);
-    for (const char* body : {"[]", "[1]", "[[", "\"\"", "1", "null"})
+    for (const char* value : {"[\"key\"]", "[1]", "true"}) {
+        const Read got = read(json, "{\"p\": "s + value + "}");
+        EXPECT_EQ("p", got.field) << value;
+        EXPECT_EQ("not_a_value", got.reason) << value;
+    }
+    for (const char* body : {"[]", "[1]", "[[", "\"\"", "1", "null"}) {
+        EXPECT_EQ("not_parameters", read(json, body).reason) << body;
         EXPECT_EQ("wrong_type", codeOf(json, body)) << body;
+    }
 }
 
 TEST(JsonBody, BytesMustBeWhole)
@@ -150,7 +159,9 @@ TEST(JsonBody, NamesAreUniqueShortAndPrintable)
     EXPECT_EQ("duplicate_parameter", codeOf(json, "{\"a\": {\"hex\": \"\", \"hex\": \"\"}}"));
     EXPECT_EQ("malformed", codeOf(json, "{\"\": 1}"));
     EXPECT_EQ("malformed", codeOf(json, "{\"a\\u0000\": 1}"));
-    EXPECT_EQ("malformed", codeOf(json, "{\"a\\n\": 1}"));
+    for (const char* control : {"\\n", "\\u001f", "\\u007f", "\x7f"})
+        EXPECT_EQ("bad_name", read(json, "{\"a"s + control + "\": 1}").reason) << control;
+    EXPECT_EQ("", codeOf(json, "{\"a ~\\u0080\": 1}"));
     EXPECT_EQ("", codeOf(json, "{\"" + std::string(128, 'a') + "\": 1}"));
     EXPECT_EQ("malformed", codeOf(json, "{\"" + std::string(129, 'a') + "\": 1}"));
 }
@@ -172,6 +183,11 @@ TEST(JsonBody, HasLimits)
     const Read large = read(json, "{\"a\": {\"hex\": \"0102030405\"}}", limits);
     EXPECT_EQ("a", large.field);
     EXPECT_EQ("a has more than 4 bytes", large.text);
+
+    // What an operator does not change.
+    const std::string full(size_t{16} << 20, 'x');
+    EXPECT_EQ("", codeOf(json, "{\"a\": \"" + full + "\"}"));
+    EXPECT_EQ("a has more than 16777216 bytes", read(json, "{\"a\": \"" + full + "x\"}").text);
 
     EXPECT_EQ("malformed", codeOf(json, "{\"a\": {\"text\": {}}}"));
     EXPECT_NE("", codeOf(json, std::string(1000000, '[')));
@@ -202,6 +218,10 @@ TEST(FormBody, BadOnesAreRefused)
     for (const char* body : {"a=%", "a=%4", "a=%zz", "%=1"})
         EXPECT_EQ("bad_encoding", codeOf(form, body)) << body;
     EXPECT_EQ("a", read(form, "a=%").field);
+    EXPECT_EQ("bad_escape", read(form, "a=%").reason);
+    EXPECT_EQ("bad_escape_in_name", read(form, "%=1").reason);
+    for (const char* name : {"", "%00", "%FF", "%1F", "%7F"})
+        EXPECT_EQ("bad_name", read(form, name + "=1"s).reason) << name;
     EXPECT_EQ("duplicate_parameter", codeOf(form, "a=1&b=2&%61=3"));
     EXPECT_EQ("malformed", codeOf(form, "=1"));
     EXPECT_EQ("malformed", codeOf(form, "a%00=1"));
@@ -209,6 +229,25 @@ TEST(FormBody, BadOnesAreRefused)
     for (int i = 0; i < 65; ++i)
         many += "p" + std::to_string(i) + "=&";
     EXPECT_EQ("too_many_parameters", codeOf(form, many));
+    const Read tooMany = read(form, many);
+    EXPECT_EQ("there are more than 64 parameters", tooMany.text);
+    EXPECT_EQ(64U, read(form, many.substr(0, many.find("p64="))).fields.size());
+    BodyLimits limits;
+    limits.parameterBytes = 4;
+    const Read large = read(form, "a=1234&b=12345", limits);
+    EXPECT_EQ("b", large.field);
+    EXPECT_EQ("b has more than 4 bytes", large.text);
+}
+
+TEST(FormBody, JsonIsToldFromIt)
+{
+    for (const char* body : {"{}", "{\"a\": 1}", " \t\r\n{\"a\": 1} \t\r\n"}) {
+        const Read got = read(form, body);
+        EXPECT_EQ("json_as_form", got.reason) << body;
+        EXPECT_EQ("Content-Type", got.field) << body;
+    }
+    for (const char* body : {"a={}", "{a=1", "a}", "{=|", "z}", "a={|", " "})
+        EXPECT_EQ("", codeOf(form, body)) << body;
 }
 
 std::string part(const std::string& disposition, const std::string& content)
@@ -241,19 +280,41 @@ TEST(MultipartBody, BadOnesAreRefused)
     EXPECT_EQ("", codeOf(multipart, good + "--B--"));
     EXPECT_EQ("malformed", codeOf("multipart/form-data", good + "--B--"));
     EXPECT_EQ("malformed", codeOf("multipart/form-data; boundary=" + std::string(71, 'B'), good));
-    for (const std::string& body :
-         {good, "x"s, "--B"s, "--B\r\n"s, "--B\r\n\r\n\r\n--B--"s, good + "--Bx"s,
-          "--B\r\nContent-Disposition: form-data\r\n\r\nx\r\n--B--"s,
-          "--B\r\nContent-Disposition: attachment; name=a\r\n\r\nx\r\n--B--"s,
-          "--B\r\nContent-Disposition: form-data; name=\"a\r\n\r\nx\r\n--B--"s,
-          "--B\r\nContent-Disposition\r\n\r\nx\r\n--B--"s,
-          "--B\r\nContent-Disposition: form-data; name=a\r\nContent-Disposition: form-data; "
-          "name=b\r\n\r\nx\r\n--B--"s})
-        EXPECT_NE("", codeOf(multipart, body)) << body;
+    const std::string behind = good.substr(3);
+    for (const std::string& line : {""s, " "s, " \t"s}) {
+        const Read got = read(multipart, "--B" + line + behind + "--B" + line + behind + "--B--");
+        EXPECT_EQ("name_twice", got.reason) << line;
+    }
+    const std::pair<const char*, std::string> rows[] = {
+        {"no_last_boundary", good},
+        {"no_boundary", "x"},
+        {"no_boundary", "x--B--"},
+        {"more_at_boundary", "--B"},
+        {"more_at_boundary", "--B-"},
+        {"more_at_boundary", "--Bx" + behind + "--B--"},
+        {"more_at_boundary", good + "--Bx"},
+        {"more_at_boundary", good + "--B x" + behind + "--B--"},
+        {"no_last_boundary", "--B\r\n"},
+        {"part_without_field", "--B\r\n\r\n\r\n--B--"},
+        {"part_without_field", "--B\r\nContent-Disposition: form-data\r\n\r\nx\r\n--B--"},
+        {"part_without_field", "--B\r\nContent-Disposition: attachment; name=a\r\n\r\nx\r\n--B--"},
+        {"quote_open", "--B\r\nContent-Disposition: form-data; name=\"a\r\n\r\nx\r\n--B--"},
+        {"bad_part_header", "--B\r\nContent-Disposition\r\n\r\nx\r\n--B--"},
+        {"part_header_twice",
+         "--B\r\nContent-Disposition: form-data; name=a\r\nContent-Disposition: form-data; "
+         "name=b\r\n\r\nx\r\n--B--"}};
+    for (const auto& [reason, body] : rows)
+        EXPECT_EQ(reason, read(multipart, body).reason) << body;
     EXPECT_EQ("duplicate_parameter", codeOf(multipart, good + good + "--B--"));
     EXPECT_EQ("unsupported_type", codeOf(multipart,
                                          "--B\r\nContent-Disposition: form-data; name=a\r\n"
                                          "Content-Transfer-Encoding: base64\r\n\r\nx\r\n--B--"));
+    for (const char* encoding : {"binary", "8bit", "Binary", "8BIT"})
+        EXPECT_EQ("", codeOf(multipart,
+                             "--B\r\nContent-Disposition: form-data; name=a\r\n"
+                             "Content-Transfer-Encoding: "s +
+                                 encoding + "\r\n\r\nx\r\n--B--"))
+            << encoding;
 }
 
 // A form of one part with these headers.
@@ -280,8 +341,12 @@ TEST(MultipartBody, HeadersOfAPartAreFewAndShort)
     EXPECT_EQ(tooLarge, read(multipart, formOf("X: " + std::string(1 << 20, 'x'))).text);
     EXPECT_EQ(tooLarge, textOf(std::string(1 << 20, ';') + "name=\"a\""));
     EXPECT_EQ(tooLarge, textOf("name=\"" + std::string(1 << 20, 'a') + "\""));
-    EXPECT_EQ("the form is not whole: a part's headers do not end",
-              read(multipart, "--B\r\n" + named + "\r\nx\r\n--B--").text);
+    const char* const open = "the form is not whole: a part's headers do not end";
+    EXPECT_EQ(open, read(multipart, "--B\r\n" + named + "\r\nx\r\n--B--").text);
+    // As many bytes as there may be, and one more.
+    const std::string endless(4096, 'x');
+    EXPECT_EQ(open, read(multipart, "--B\r\n" + endless + "\r\n--B--").text);
+    EXPECT_EQ(tooLarge, read(multipart, "--B\r\n" + endless + "x\r\n--B--").text);
 
     std::string many = named;
     for (int i = 0; i < 15; ++i)
@@ -327,14 +392,19 @@ TEST(MultipartBody, ParametersOfAHeaderAreWellFormed)
 TEST(MultipartBody, LinesOfAPartAreHeaders)
 {
     const std::string named = "Content-Disposition: form-data; name=a";
-    EXPECT_EQ("", codeOf(multipart, formOf(named + "\r\nX:\ty")));
+    for (const char* good : {"\r\nX:\ty", "\r\nX:y", "\r\nX:", "\r\nX: ~\x80\xff "})
+        EXPECT_EQ("", codeOf(multipart, formOf(named + good))) << good;
+    const Read narrow = read(multipart, formOf("Content-Disposition:form-data;name=a"));
+    ASSERT_EQ("", narrow.code) << narrow.text;
+    EXPECT_EQ("a", narrow.fields[0].name);
     for (const std::string& bad :
          {named + "\r\nno colon"s, named + "\r\n: x"s, named + "\r\n folded: x"s,
           named + "\r\n\tfolded"s, named + "\r\nX : y"s, named + "\r\nX: \0y"s,
           named + "\r\nX\0: y"s, named + "\0"s, named + "\r\nX: a\nContent-Type: b"s,
-          named + "\r\nX: a\rb"s, named + "\r\nX: \x7f"s,
-          "Content-Disposition : form-data; name=a"s, "Content-Disposition: form-data; name=\0a"s,
-          "Content-Disposition: form-dat; name=a"s, "X: y"s})
+          named + "\r\nX: a\rb"s, named + "\r\nX: \x7f"s, named + "\r\nX: \x1f"s,
+          named + "\r\nnocolon"s, "Content-Disposition : form-data; name=a"s,
+          "Content-Disposition: form-data; name=\0a"s, "Content-Disposition: form-dat; name=a"s,
+          "X: y"s})
         EXPECT_EQ("malformed", codeOf(multipart, formOf(bad))) << bad;
     EXPECT_EQ("malformed", codeOf(multipart, "--B\r\n\r\nx\r\n--B--"));
 }
@@ -374,10 +444,11 @@ TEST(MultipartBody, BoundariesAreOfTheCharactersForThem)
                           "\r\nContent-Disposition: form-data; name=a\r\n\r\nx\r\n--" + boundary +
                           "--");
     };
-    for (const std::string& good : {"B"s, std::string(70, '-'), "0aZ'()+_,-./:=?"s, "a b"s})
+    for (const std::string& good :
+         {"B"s, std::string(70, '-'), "0aZ'()+_,-./:=?"s, "AZaz09"s, "a b"s})
         EXPECT_EQ("", with(good, "\"" + good + "\"")) << good;
-    for (const std::string& bad : {""s, std::string(71, 'B'), "B "s, "a@b"s, "a{b"s, "\xc3\xa9"s,
-                                   "a\tb"s, "a\0b"s, "a\x7f"s})
+    for (const std::string& bad : {""s, std::string(71, 'B'), "B "s, "a@b"s, "a[b"s, "a`b"s, "a{b"s,
+                                   "\xc3\xa9"s, "a\tb"s, "a\0b"s, "a\x7f"s})
         EXPECT_EQ("malformed", with(bad, "\"" + bad + "\"")) << bad;
 }
 
@@ -415,6 +486,67 @@ TEST(FormBody, ManyOfAllAreRead)
         escaped += "%41";
     EXPECT_EQ(std::string(1 << 18, 'A'), read(form, "a=" + escaped).fields.at(0).value);
     EXPECT_EQ("bad_encoding", codeOf(form, "a=" + escaped + "%4"));
+}
+
+// The value of `name`, or why there is none.
+std::string parameterOf(const std::string& header)
+{
+    try {
+        return headerParameter(header, "name").value_or("none");
+    } catch (const Refusal& refusal) {
+        return refusal.json()["error"]["reason"].get<std::string>() + "!";
+    }
+}
+
+TEST(HeaderParameter, IsReadAsItIsMeant)
+{
+    const std::pair<const char*, const char*> rows[] = {
+        {"", "none"},
+        {"x", "none"},
+        {"name=a", "none"},
+        {"xname=a", "none"},
+        {"x;name=a", "a"},
+        {"x;NAME=a", "a"},
+        {";name=a", "a"},
+        {"x; name=a", "a"},
+        {"x; name=a;", "a"},
+        {"x; name=a ; y=b", "a"},
+        {"x;\tname \t= \t a b\t;y", "a b"},
+        {"x; name=", ""},
+        {"x; name=;y", ""},
+        {"x; name=\"\"", ""},
+        {"x; name", "none"},
+        {"x; name; name=a", "a"},
+        {"x; yname=a; z=name=b", "none"},
+        {"x; y=zname=a", "none"},
+        {"x; name=a=b", "a=b"},
+        {"x; name=a:b", "a:b"},
+        {"x; y=\"z:\"; name=a", "a"},
+        {"x; y=\"; name=b; \"; name=a", "a"},
+        {"x; name= \t\"a\" \t; y", "a"},
+        {"x; name=\"a;b=c\"", "a;b=c"},
+        {"x; name=\"#a\"", "#a"},
+        {"x; name=\"a\\\"b\\\\c\"", "a\"b\\c"},
+        {"x; name=\"a\\bc\"", "a\\bc"},
+        {"x; name=\"a\\\\\"; y", "a\\"},
+        {"x; name=\"a/\"; y", "a/"},
+        {"x; name=a#b", "a#b"},
+        {"x; name=a\"b", "quote_inside!"},
+        {"x; name=a\"", "quote_inside!"},
+        {"x; name=\"", "quote_open!"},
+        {"x; name=\"a", "quote_open!"},
+        {"x; name=\"a\\", "quote_open!"},
+        {"x; name=\"a\\\"", "quote_open!"},
+        {"x; name=\"a\"b", "text_behind_quotes!"},
+        {"x; name=\"a\" b; y", "text_behind_quotes!"},
+        {"x; name=\"a\":b", "text_behind_quotes!"},
+        {"x; name=\"a\"\"b\"", "text_behind_quotes!"},
+        {"x; y=\"a\"b; name=a", "text_behind_quotes!"},
+        {"x; name=a; name=a", "header_value_twice!"},
+        {"x; name=a; y; Name=\"\"", "header_value_twice!"},
+    };
+    for (const auto& [header, expected] : rows)
+        EXPECT_EQ(expected, parameterOf(header)) << header;
 }
 
 TEST(BodyType, ParametersAreGivenOnceAndWhole)
@@ -460,6 +592,10 @@ TEST(BatchBody, OtherShapesAreRefused)
         EXPECT_EQ("wrong_type", batchCode(body)) << body;
     EXPECT_EQ("malformed", batchCode("{\"requests\": []}"));
     EXPECT_EQ("malformed", batchCode("{\"requests\": [{\"name\": \"x\", \"more\": 1}]}"));
+    EXPECT_EQ("malformed", batchCode("{\"requests\": [{\"name\": \"x\", \"parameters\": {}, "
+                                     "\"more\": 1}]}"));
+    EXPECT_EQ("malformed", batchCode("{\"requests\": [{\"name\": \"x\", \"parameters\": "
+                                     "{\"a\": {\"text\": {}}}}]}"));
 
     std::string field;
     EXPECT_EQ("duplicate_parameter",
@@ -467,6 +603,15 @@ TEST(BatchBody, OtherShapesAreRefused)
                         "{\"a\": 1, \"a\": 2}}]}",
                         &field));
     EXPECT_EQ("requests[1].parameters.a", field);
+    BodyLimits limits;
+    limits.parameterBytes = 4;
+    const auto sized = [](const std::string& value) {
+        return "{\"requests\": [{\"name\": \"x\"}, {\"name\": \"x\", \"parameters\": {\"b\": \"" +
+               value + "\"}}]}";
+    };
+    EXPECT_EQ("", batchCode(sized("1234"), &field, limits));
+    EXPECT_EQ("parameter_too_large", batchCode(sized("12345"), &field, limits));
+    EXPECT_EQ("requests[1].parameters.b", field);
 
     std::string many = "{\"requests\": [{\"name\": \"x\"}";
     for (int i = 0; i < 255; ++i)
@@ -608,7 +753,10 @@ TEST(Prepare, FilesAreUploadedAndHandlesAreText)
 {
     const RequestInfo& request = *findRequest("QZaven_ke_set_root_certificate");
     Fields upload = {{"strCa_file", "PEM", Given::Bytes, "strCa_file"}};
-    EXPECT_EQ("PEM", prepare(request, upload).upload.value_or(""));
+    const Prepared uploaded = prepare(request, upload);
+    EXPECT_EQ("PEM", uploaded.upload.value_or(""));
+    // What stands for the path until the plug-in gets one.
+    EXPECT_EQ((Pairs{{"strCa_file", "upload"}}), uploaded.parameters);
     for (const char* name : {"strKe", "strCa_path"}) {
         for (const Given given : {Given::Plain, Given::Text, Given::Raw})
             EXPECT_EQ("", refusalOf("QZaven_ke_set_root_certificate", name, "x", given)) << name;
