@@ -3,6 +3,8 @@
 #include "service/operation/metrics.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <ctime>
 #include <filesystem>
@@ -150,6 +152,121 @@ TEST(Metrics, BucketsTellFromTheFastestRequestToTheSlowest)
     EXPECT_EQ(2, counts.front());
     EXPECT_EQ(3, counts[counts.size() - 2]);
     EXPECT_EQ(4, counts.back());
+}
+
+TEST(Metrics, AreRowsBelowTheirHeads)
+{
+    Metrics metrics;
+    for (const double seconds : {0.25, 0.5, 3.0})
+        metrics.countRequest("b", "0", seconds);
+    metrics.countRequest("b", "-20001", 0);
+    metrics.countRequest("a", "An error", -1);
+    for (const unsigned status : {999U, 200U, 0U, 200U})
+        metrics.countAnswer(status);
+    EXPECT_THROW(metrics.countAnswer(1000), std::out_of_range);
+    for (const char* status : {"ok", "busy", "ok"})
+        metrics.countReadiness(status);
+    std::string expected =
+        "# HELP corvane_requests_total Requests to the plug-in by result code, or by the host's "
+        "own code.\n"
+        "# TYPE corvane_requests_total counter\n"
+        "corvane_requests_total{name=\"a\",code=\"other\"} 1\n"
+        "corvane_requests_total{name=\"b\",code=\"-20001\"} 1\n"
+        "corvane_requests_total{name=\"b\",code=\"0\"} 3\n"
+        "# HELP corvane_request_seconds Time from sending a request to a worker until its answer, "
+        "with waiting.\n"
+        "# TYPE corvane_request_seconds histogram\n";
+    for (const auto& [bound, count] : std::vector<std::pair<const char*, int>>{{"5e-05", 0},
+                                                                               {"0.0001", 0},
+                                                                               {"0.0002", 0},
+                                                                               {"0.0005", 0},
+                                                                               {"0.001", 0},
+                                                                               {"0.002", 0},
+                                                                               {"0.005", 0},
+                                                                               {"0.01", 0},
+                                                                               {"0.02", 0},
+                                                                               {"0.05", 0},
+                                                                               {"0.1", 0},
+                                                                               {"0.2", 0},
+                                                                               {"0.5", 2},
+                                                                               {"1", 2},
+                                                                               {"2", 2},
+                                                                               {"5", 3},
+                                                                               {"10", 3},
+                                                                               {"30", 3},
+                                                                               {"+Inf", 3}})
+        expected += std::string("corvane_request_seconds_bucket{name=\"b\",le=\"") + bound +
+                    "\"} " + std::to_string(count) + "\n";
+    expected +=
+        "corvane_request_seconds_sum{name=\"b\"} 3.75\n"
+        "corvane_request_seconds_count{name=\"b\"} 3\n"
+        "# HELP corvane_http_answers_total Answers by status.\n"
+        "# TYPE corvane_http_answers_total counter\n"
+        "corvane_http_answers_total{status=\"0\"} 1\n"
+        "corvane_http_answers_total{status=\"200\"} 2\n"
+        "corvane_http_answers_total{status=\"999\"} 1\n"
+        "# HELP corvane_readiness_checks_total Asked for a known answer: what came of it.\n"
+        "# TYPE corvane_readiness_checks_total counter\n"
+        "corvane_readiness_checks_total{status=\"busy\"} 1\n"
+        "corvane_readiness_checks_total{status=\"ok\"} 2\n";
+    EXPECT_EQ(expected, metrics.text());
+    EXPECT_EQ(
+        "# HELP corvane_queue Requests that wait for a worker.\n"
+        "# TYPE corvane_queue gauge\ncorvane_queue{a=\"b\"} 123456789012345\n",
+        metric("corvane_queue", 123456789012345, {{"a", "b"}}));
+}
+
+TEST(Metrics, CodesAreNumbersOrWords)
+{
+    const std::string longest(32, 'z');
+    for (const std::string& code : {"0"s, "-20001"s, "a_b-9"s, longest})
+        EXPECT_EQ(code, plainCode(code));
+    for (const std::string& code : {""s, longest + "z", "A"s, "a b"s, "a\n"s, "1.5"s, "\0"s})
+        EXPECT_EQ("other", plainCode(code)) << code;
+}
+
+// An engine may have any number of codes; those that come first have rows of their own.
+TEST(Metrics, CodesBeyondTheFirst1024AreOne)
+{
+    Metrics metrics;
+    for (int code = 0; code < 1026; ++code)
+        metrics.countRequest("x", std::to_string(code), 0);
+    metrics.countRequest("x", "7", 0);
+    const std::string text = metrics.text();
+    const auto row = [&](const std::string& code) {
+        return support::rowOf(text, "corvane_requests_total{name=\"x\",code=\"" + code + "\"}");
+    };
+    EXPECT_EQ(1, row("1023"));
+    EXPECT_EQ(2, row("7"));
+    EXPECT_EQ(2, row("other"));
+    EXPECT_EQ(std::string::npos, text.find("code=\"1024\""));
+}
+
+TEST(Metrics, TellOfThisProcess)
+{
+    // What it takes of the processor in the system counts as well.
+    rusage usage = {};
+    while (usage.ru_stime.tv_sec == 0 && usage.ru_stime.tv_usec < 100000) {
+        EXPECT_TRUE(std::filesystem::exists("/proc/self/stat"));
+        getrusage(RUSAGE_SELF, &usage);
+    }
+    rlimit limit = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    const double before = static_cast<double>(clock()) / CLOCKS_PER_SEC;
+    const std::string text = processMetrics();
+    const double after = static_cast<double>(clock()) / CLOCKS_PER_SEC;
+    EXPECT_LE(before - 0.05, support::rowOf(text, "process_cpu_seconds_total"));
+    EXPECT_GE(after + 0.05, support::rowOf(text, "process_cpu_seconds_total"));
+    EXPECT_EQ(static_cast<double>(limit.rlim_cur), support::rowOf(text, "process_max_fds"));
+    // One is the iterator's own.
+    const auto open = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}) - 1;
+    EXPECT_EQ(static_cast<double>(open), support::rowOf(text, "process_open_fds"));
+    EXPECT_EQ((Names{"process_start_time_seconds", "process_cpu_seconds_total", "process_open_fds",
+                     "process_max_fds"}),
+              metricsIn(text));
+    EXPECT_GT(residentBytes(getpid()), size_t{1} << 20);
+    EXPECT_LT(residentBytes(getpid()), size_t{1} << 40);
+    EXPECT_EQ(0U, residentBytes(-1));
 }
 
 TEST(Metrics, LabelsMayBeAnyText)

@@ -31,6 +31,24 @@ TEST(Nodes, AreNamedAsLabelsOfDns)
         EXPECT_FALSE(isNodeName(name)) << name;
 }
 
+// At an end, within, and in the random text of a token.
+TEST(Nodes, HaveSuchCharacters)
+{
+    for (int i = 0; i < 256; ++i) {
+        const char c = static_cast<char>(i);
+        const bool isDigit = c >= '0' && c <= '9';
+        const bool isSmall = isDigit || (c >= 'a' && c <= 'z');
+        EXPECT_EQ(isSmall, isNodeName(std::string(1, c))) << i;
+        EXPECT_EQ(isSmall, isNodeName(std::string("a") + c)) << i;
+        EXPECT_EQ(isSmall, isNodeName(c + std::string("a"))) << i;
+        EXPECT_EQ(isSmall || c == '-', isNodeName(std::string("a") + c + "b")) << i;
+        const bool isRandom = isSmall || (c >= 'A' && c <= 'Z') || c == '-' || c == '_';
+        const std::string random = someRandom.substr(1) + c;
+        EXPECT_EQ(isRandom, nodeOfSession("ke_" + random).has_value()) << i;
+        EXPECT_EQ(isRandom, nodeOfSession("ke_a." + random).has_value()) << i;
+    }
+}
+
 TEST(Nodes, StandInTokens)
 {
     for (const std::string node : {"", "a", "corvane-0"}) {

@@ -59,9 +59,12 @@ TEST(BearerTokens, AreAllGood)
     EXPECT_TRUE(tokens.isShownBy("bearer " + tokenB + "x"));
     for (const std::string& wrong :
          {tokenB, tokenC, std::string(), tokenA + tokenB, tokenA + " ", tokenA.substr(1),
-          tokenA.substr(0, 22) + tokenB.substr(22), tokenA + "," + tokenB})
+          tokenA.substr(0, 22) + tokenB.substr(22), "b" + tokenA.substr(1), tokenA.substr(1) + "b",
+          tokenA + "," + tokenB})
         EXPECT_FALSE(tokens.isShownBy("Bearer " + wrong)) << wrong;
-    EXPECT_FALSE(tokens.isShownBy(tokenA));
+    for (const std::string& wrong :
+         {std::string(), std::string("Bearer"), tokenA, "Basic  " + tokenA, " Bearer " + tokenA})
+        EXPECT_FALSE(tokens.isShownBy(wrong)) << wrong;
     EXPECT_FALSE(tokens.reload());
 
     // One that is not fit keeps all of them.

@@ -7,12 +7,15 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
+#include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 
 #include "common/descriptor.h"
 #include "host/output.h"
+#include "service/operation/owned_path.h"
 #include "service/operation/token_file.h"
 #include "support/files.h"
 
@@ -169,6 +172,19 @@ TEST_F(TokenFile, MayBeRootsWithASupplementaryGroup)
     asUser([&] { expectRefusal(path("token"), "belongs to another user than root and the"); });
 }
 
+TEST_F(TokenFile, OfRootsGroupIsNotForAUserWithoutGroups)
+{
+    NEEDS_ROOT();
+    make("token", tokenA, 0440);
+    give("token", user, 0);
+    expectChild([&] {
+        ASSERT_EQ(0, setgroups(0, nullptr));
+        ASSERT_EQ(0, setresgid(user, user, user));
+        ASSERT_EQ(0, setresuid(user, user, user));
+        expectRefusal(path("token"), "can be read by a group that the host is not in");
+    });
+}
+
 TEST_F(TokenFile, MustBeAFile)
 {
     expectRefusal(makeFolder("folder", 0700), "is not a file");
@@ -186,6 +202,7 @@ TEST_F(TokenFile, MustBeAFile)
         EXPECT_ANY_THROW(readToken(makeLink(name, std::string("to-") + name))) << name;
     expectRefusal(path("to-folder"), "is not a file");
     expectRefusal(path("to-fifo"), "is not a file");
+    expectRefusal(path("to-socket"), "/socket: No such device or address");
     EXPECT_FALSE(readToken(path("nothing")).has_value());
     expectRefusal(make("file", tokenA, 0600) + "/", "Not a directory");
 }
@@ -198,6 +215,60 @@ TEST_F(TokenFile, HasATokenOf32To512Characters)
     }
     for (const size_t size : {31, 513})
         expectRefusal(make("wrong", std::string(size, 't'), 0600), "");
+}
+
+TEST_F(TokenFile, HasATokenOfSuchCharacters)
+{
+    const std::string others = "-._~+/=";
+    for (int c = 0; c < 256; ++c) {
+        const std::string token = std::string(40, 't') + static_cast<char>(c) + "t";
+        const std::string file = make("token", token, 0600);
+        if ((c < 128 && isalnum(c) != 0) || others.find(static_cast<char>(c)) != std::string::npos)
+            expectToken(file, token);
+        else
+            expectRefusal(file, "must hold one token");
+    }
+}
+
+// It is a line, and nobody else's.
+TEST_F(TokenFile, IsMadeForTheOwnerAlone)
+{
+    const mode_t mask = umask(0);
+    const SecretText token = readOrMakeToken(path("new/folder/token"));
+    umask(mask);
+    EXPECT_EQ(43U, token.size());
+    EXPECT_EQ(std::string(token) + "\n", support::readWhole(path("new/folder/token")));
+    EXPECT_EQ(0600U, static_cast<unsigned>(fs::status(path("new/folder/token")).permissions()));
+    EXPECT_EQ(0700U, static_cast<unsigned>(fs::status(path("new/folder")).permissions()));
+    EXPECT_EQ(token, readOrMakeToken(path("new/folder/token")));
+}
+
+TEST_F(TokenFile, IsNotHandedToOtherPrograms)
+{
+    const Descriptor file = openOwned(make("token", tokenA, 0600), "the token file");
+    EXPECT_EQ(FD_CLOEXEC, fcntl(file.get(), F_GETFD));
+}
+
+TEST_F(TokenFile, HasADefaultPlace)
+{
+    const auto placeWith = [](const char* state, const char* home) -> std::string {
+        state == nullptr ? unsetenv("XDG_STATE_HOME") : setenv("XDG_STATE_HOME", state, 1);
+        home == nullptr ? unsetenv("HOME") : setenv("HOME", home, 1);
+        try {
+            return defaultTokenFile();
+        } catch (const UsageError& e) {
+            return e.what();
+        }
+    };
+    expectChild([&] {
+        EXPECT_EQ("/s/corvane-host/token", placeWith("/s", "/h"));
+        EXPECT_EQ("/s/corvane-host/token", placeWith("/s", nullptr));
+        for (const char* none : {static_cast<const char*>(nullptr), "", "s", "./s", "s/"})
+            EXPECT_EQ("/h/.local/state/corvane-host/token", placeWith(none, "/h"));
+        for (const char* none : {static_cast<const char*>(nullptr), "", "h", "./h", "h/"})
+            EXPECT_EQ("there is no home folder for the token; name a file by --token-file",
+                      placeWith(nullptr, none));
+    });
 }
 
 TEST_F(TokenFile, IsNotReadBeyondAToken)
@@ -230,6 +301,13 @@ TEST_F(TokenLink, OfTheOwnerIsFollowed)
     expectChild([&] {
         fs::current_path(path("folder"));
         expectToken("back");
+        expectToken("./back");
+    });
+    // Where the process is does not matter for a whole path.
+    makeFolder("open", 0777);
+    expectChild([&] {
+        fs::current_path(path("open"));
+        expectToken(path("near"));
     });
 }
 
@@ -275,6 +353,8 @@ TEST_F(TokenLink, OfAnotherUserIsNotFollowed)
     expectToken(path("shared/mine"));
     give("shared/data", somebody, somebody);
     expectRefusal(path("shared/mine"), "/shared/data: belongs to another user");
+    expectRefusal(makeLink("shared/data//token", "doubled"),
+                  "/shared/data: belongs to another user");
 }
 
 TEST_F(TokenLink, ToAnotherUsersFileOrFolderIsNotFollowed)
@@ -332,9 +412,9 @@ TEST_F(TokenLink, OnAWayThatOthersCanChangeHigherUpIsNotFollowed)
 
 TEST_F(TokenLink, ThatHasNoEndIsNotFollowed)
 {
-    expectRefusal(makeLink("self", "self"), "is one link too many");
+    expectRefusal(makeLink("self", "self"), "/self: is one link too many");
     makeLink("b", "a");
-    expectRefusal(makeLink("a", "b"), "is one link too many");
+    expectRefusal(makeLink("a", "b"), ": is one link too many");
     make("link0", tokenA, 0600);
     for (int i = 1; i <= 41; ++i)
         makeLink("link" + std::to_string(i - 1), "link" + std::to_string(i));

@@ -1,4 +1,5 @@
 // Whom a proxy's list of addresses speaks for.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -69,22 +70,42 @@ TEST(IpAddress, IsOneHoweverItIsWritten)
 TEST(IpAddress, StandsForItsClient)
 {
     EXPECT_EQ("192.0.2.1", addressOf("::ffff:192.0.2.1")->client());
-    EXPECT_EQ("2001:db8:1:2::", addressOf("2001:db8:1:2:3:4:5:6")->client());
+    EXPECT_EQ("2001:db8:1:2::", addressOf("2001:db8:1:2:ff03:4:5:6")->client());
+}
+
+TEST(IpAddress, IsReadFromASocketsAddress)
+{
+    const auto text = [](const auto& address) {
+        const auto found = IpAddress::of(reinterpret_cast<const sockaddr*>(&address));
+        return found ? found->text() : "none";
+    };
+    sockaddr_in ipv4 = {};
+    ipv4.sin_family = AF_INET;
+    ASSERT_EQ(1, inet_pton(AF_INET, "192.0.2.1", &ipv4.sin_addr));
+    EXPECT_EQ("192.0.2.1", text(ipv4));
+    sockaddr_in6 ipv6 = {};
+    ipv6.sin6_family = AF_INET6;
+    ASSERT_EQ(1, inet_pton(AF_INET6, "2001:db8::1", &ipv6.sin6_addr));
+    EXPECT_EQ("2001:db8::1", text(ipv6));
+    sockaddr_storage unixSocket = {};
+    unixSocket.ss_family = AF_UNIX;
+    EXPECT_EQ("none", text(unixSocket));
 }
 
 // ---- Who is trusted.
 
 TEST(TrustedProxies, AreAddressesAndNetworks)
 {
-    const TrustedProxies proxies(
-        {"192.0.2.1", "10.0.0.0/8", "172.16.0.0/12", "2001:db8::/33", "::1", "198.51.100.7/31"});
+    const TrustedProxies proxies({"192.0.2.1", "10.0.0.0/8", "172.16.0.0/12", "2001:db8::/33",
+                                  "::1", "198.51.100.7/31", "203.0.113.1/32", "2001:db9::1/128"});
     for (const char* text : {"192.0.2.1", "::ffff:192.0.2.1", "10.255.255.255", "10.0.0.0",
                              "172.16.0.0", "172.31.255.255", "2001:db8::", "2001:db8:7fff::1",
-                             "::1", "198.51.100.6", "198.51.100.7"})
+                             "::1", "198.51.100.6", "198.51.100.7", "203.0.113.1", "2001:db9::1"})
         EXPECT_TRUE(proxies.trusts(addressOf(text))) << text;
-    for (const char* text : {"192.0.2.0", "192.0.2.2", "9.255.255.255", "11.0.0.0", "172.15.0.1",
-                             "172.32.0.0", "2001:db8:8000::", "2001:db7::", "::2",
-                             "::", "198.51.100.5", "198.51.100.8", "::10.0.0.1"})
+    for (const char* text :
+         {"192.0.2.0", "192.0.2.2", "9.255.255.255", "11.0.0.0", "172.15.0.1", "172.32.0.0",
+          "2001:db8:8000::", "2001:db7::", "::2", "::", "198.51.100.5", "198.51.100.8",
+          "::10.0.0.1", "203.0.113.0", "2001:db9::"})
         EXPECT_FALSE(proxies.trusts(addressOf(text))) << text;
     EXPECT_FALSE(proxies.trusts(std::nullopt));
     EXPECT_TRUE(TrustedProxies({"unix"}).trusts(std::nullopt));
@@ -199,6 +220,8 @@ const Row rows[] = {
     {"PortAlone", "10.0.0.1", ":80", "10.0.0.1"},
     {"BadBrackets", "10.0.0.1", "[192.0.2.1]", "10.0.0.1"},
     {"OpenBracket", "10.0.0.1", "[2001:db8::1", "10.0.0.1"},
+    {"OpenBracketAndAPort", "10.0.0.1", "[2001:db8::1:80", "10.0.0.1"},
+    {"ClosingBracketAlone", "10.0.0.1", "2001:db8::1]", "10.0.0.1"},
     {"TextBehindBracket", "10.0.0.1", "[2001:db8::1]80", "10.0.0.1"},
     {"Zone", "10.0.0.1", "fe80::1%eth0", "10.0.0.1"},
     {"Octal", "10.0.0.1", "0300.0.2.1", "10.0.0.1"},

@@ -6,7 +6,10 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -411,4 +414,358 @@ TEST_F(WorkerPoolFaults, ATaskOfALifeThatIsOverWaitsForNone)
             itself.childEnded(pid);
         return 10;
     });
+}
+
+// ---- The pool before workers that do as they should, end, or do not start.
+
+namespace {
+
+const std::string answering =
+    printing(readyFrame()) + "while :; do\n" + waiting + printing(laterAnswer) + "done\n";
+
+class ShellPool : public testing::Test {
+protected:
+    void SetUp() override { testing::internal::CaptureStderr(); }
+    void TearDown() override
+    {
+        if (!m_isTold)
+            testing::internal::GetCapturedStderr();
+    }
+
+    std::string told()
+    {
+        m_isTold = true;
+        return testing::internal::GetCapturedStderr();
+    }
+
+    void start(const std::string& program, Seconds time = Seconds(60), size_t workers = 1)
+    {
+        PoolOptions options;
+        options.program = "/bin/sh";
+        options.command = {"sh", "-c", program};
+        options.workers = workers;
+        options.taskTime = options.rollTime = time;
+        pool = std::make_unique<WorkerPool>(
+            loop, options,
+            [this] {
+                if (onReady)
+                    onReady();
+            },
+            [this](WorkerLife life) {
+                if (onEnd)
+                    onEnd(life);
+            });
+    }
+
+    // A task of this name, whose end is told as "name ending slot generation".
+    void submit(const std::string& name, std::optional<WorkerLife> bound = {})
+    {
+        Task task;
+        task.request.name = name;
+        task.request.parameters = {{"strdata", "\n"}};
+        task.bound = bound;
+        task.done = [this, name](Ending ending, WireReply&, WorkerLife life) {
+            const char* const endings[] = {"Answered", "Died", "TimedOut", "LifeIsOver",
+                                           "NotServed"};
+            ends.push_back(name + " " + endings[static_cast<size_t>(ending)] + " " +
+                           std::to_string(life.slot) + " " + std::to_string(life.generation));
+            if (onTaskEnd)
+                onTaskEnd();
+        };
+        pool->submit(std::move(task));
+    }
+
+    // With what the test has to say of events, which is forgotten then.
+    void runUntil(const std::function<bool()>& isOver)
+    {
+        loop.run([&] {
+            round = Clock::now();
+            for (pid_t pid; (pid = waitpid(-1, nullptr, WNOHANG)) > 0;)
+                pool->childEnded(pid);
+            pool->flush();
+            if (isOver())
+                loop.stop();
+            return 10;
+        });
+        onReady = onTaskEnd = nullptr;
+        onEnd = nullptr;
+    }
+
+    EventLoop loop;
+    std::unique_ptr<WorkerPool> pool;
+    std::function<void()> onReady;
+    std::function<void(WorkerLife)> onEnd;
+    std::function<void()> onTaskEnd;
+    std::vector<std::string> ends;
+    Clock::time_point round;  // when the loop's began
+
+private:
+    bool m_isTold = false;
+};
+
+using Ends = std::vector<std::string>;
+
+}  // namespace
+
+TEST(WorkerPoolOptions, HaveDefaults)
+{
+    const PoolOptions options;
+    EXPECT_EQ(1U, options.workers);
+    EXPECT_EQ(Seconds(30), options.taskTime);
+    EXPECT_EQ(Seconds(0), options.rollTime);
+    EXPECT_FALSE(options.sendsAhead);
+    const WorkerPool::WorkerInfo info;
+    EXPECT_EQ(WorkerPool::State::Starting, info.state);
+    EXPECT_FALSE(info.isLeaving);
+    EXPECT_FALSE(info.everReady);
+    EXPECT_EQ(-1, info.pid);
+    EXPECT_EQ(0U, info.generation + info.restarts + info.served);
+}
+
+TEST_F(ShellPool, CountsWhatWaitsAndWhatWasServed)
+{
+    start(answering);
+    EXPECT_EQ(1U, pool->size());
+    for (const char* name : {"a", "b", "c"})
+        submit(name);
+    EXPECT_EQ(3U, pool->queued());
+    EXPECT_EQ(0U, pool->busy());
+    EXPECT_EQ(0U, pool->ready());
+    onTaskEnd = [&] {
+        EXPECT_EQ(3 - ends.size(), pool->queued());
+        EXPECT_EQ(0U, pool->busy());
+        EXPECT_EQ(1U, pool->ready());
+        EXPECT_EQ(ends.size(), pool->info(0).served);
+    };
+    runUntil([&] { return ends.size() == 3; });
+    EXPECT_EQ((Ends{"a Answered 0 1", "b Answered 0 1", "c Answered 0 1"}), ends);
+    const WorkerPool::WorkerInfo info = pool->info(0);
+    EXPECT_EQ(WorkerPool::State::Idle, info.state);
+    EXPECT_TRUE(info.everReady);
+    EXPECT_EQ(1U, info.generation);
+    EXPECT_EQ(0U, info.restarts);
+    EXPECT_EQ("engine 1.0", pool->version());
+    EXPECT_EQ("", told());
+}
+
+// Those that are bound to the worker and the others.
+TEST_F(ShellPool, ServesTasksInTheirOrder)
+{
+    start(answering);
+    submit("a");
+    submit("b", WorkerLife{0, 1});
+    submit("c", WorkerLife{0, 2});
+    submit("d", WorkerLife{0, 0});
+    EXPECT_EQ((Ends{"c LifeIsOver 0 2", "d LifeIsOver 0 0"}), ends);
+    submit("e");
+    submit("f", WorkerLife{0, 1});
+    submit("g", WorkerLife{0, 1});
+    submit("h");
+    EXPECT_EQ(6U, pool->queued());
+    runUntil([&] { return ends.size() == 8; });
+    ends.erase(ends.begin(), ends.begin() + 2);
+    EXPECT_EQ((Ends{"a Answered 0 1", "b Answered 0 1", "e Answered 0 1", "f Answered 0 1",
+                    "g Answered 0 1", "h Answered 0 1"}),
+              ends);
+}
+
+// Its fifth life in a row that served nothing is the last that another one follows at once.
+TEST_F(ShellPool, ReplacesAWorkerThatEndsWithoutATask)
+{
+    std::string expected;
+    uint64_t count = 0;
+    pid_t pid = -1;
+    Clock::time_point ready;
+    onReady = [&] {
+        if (count >= 5) {
+            EXPECT_GE(Clock::now() - ready, std::chrono::milliseconds(100));
+        }
+        ready = Clock::now();
+        pid = pool->info(0).pid;
+        EXPECT_EQ(1U, pool->ready());
+    };
+    onEnd = [&](WorkerLife life) {
+        ++count;
+        expected += "corvane-host: worker process " + std::to_string(pid) +
+                    " ended; another one takes its place\n";
+        EXPECT_EQ(0U, life.slot);
+        EXPECT_EQ(count, life.generation);
+        const WorkerPool::WorkerInfo info = pool->info(0);
+        EXPECT_EQ(count >= 5, info.pid == -1) << count;
+        EXPECT_EQ(count >= 5 ? count : count + 1, info.generation);
+        EXPECT_EQ(count, info.restarts);
+        EXPECT_EQ(0U, info.served);
+        EXPECT_FALSE(info.everReady);
+        EXPECT_FALSE(info.isLeaving);
+        EXPECT_EQ(WorkerPool::State::Starting, info.state);
+        EXPECT_EQ(0U, pool->ready());
+    };
+    start(printing(readyFrame()));
+    runUntil([&] { return count == 7; });
+    EXPECT_EQ(expected, told());
+}
+
+// One that served something begins anew.
+TEST_F(ShellPool, ReplacesAWorkerThatServedAtOnce)
+{
+    size_t count = 0;
+    onEnd = [&](WorkerLife) {
+        ++count;
+        EXPECT_NE(-1, pool->info(0).pid) << count;
+        submit("task");
+    };
+    start(printing(readyFrame()) + waiting + printing(laterAnswer));
+    submit("task");
+    runUntil([&] { return count == 7; });
+    EXPECT_EQ(7U, pool->info(0).served);
+}
+
+// After a tenth of a second, after two, after four. It says itself why it does not start.
+TEST_F(ShellPool, StartsOneThatDoesNotStartMoreAndMoreSlowly)
+{
+    uint64_t count = 0;
+    Clock::time_point before;
+    onEnd = [&](WorkerLife life) {
+        if (count > 0) {
+            EXPECT_GE(Clock::now() - before, std::chrono::milliseconds(50U << count)) << count;
+        }
+        before = round;
+        ++count;
+        EXPECT_EQ(count, life.generation);
+        EXPECT_EQ(-1, pool->info(0).pid);
+        EXPECT_EQ(count, pool->info(0).restarts);
+        submit("bound", life);
+    };
+    start("exit 1");
+    runUntil([&] { return count == 4; });
+    EXPECT_EQ((Ends{"bound LifeIsOver 0 1", "bound LifeIsOver 0 2", "bound LifeIsOver 0 3",
+                    "bound LifeIsOver 0 4"}),
+              ends);
+    EXPECT_EQ("", told());
+}
+
+TEST_F(ShellPool, TellsEachTaskOfAWorkerThatDies)
+{
+    pid_t pid = -1;
+    onReady = [&] { pid = pid == -1 ? pool->info(0).pid : pid; };
+    start(printing(readyFrame()) + waiting);
+    for (const char* name : {"a", "b"})
+        submit(name);
+    submit("c", WorkerLife{0, 1});
+    runUntil([&] { return ends.size() == 3; });
+    EXPECT_EQ((Ends{"a Died 0 1", "c LifeIsOver 0 1", "b Died 0 2"}), ends);
+    pool.reset();
+    EXPECT_EQ(0U, told().find("corvane-host: worker process " + std::to_string(pid) +
+                              " ended in a; another one takes its place\n"));
+}
+
+TEST_F(ShellPool, EndsAWorkerThatTakesTooLong)
+{
+    pid_t pid = -1;
+    onReady = [&] { pid = pid == -1 ? pool->info(0).pid : pid; };
+    start(printing(readyFrame()) + stayingThere, Seconds(1));
+    submit("a");
+    submit("b");
+    submit("c", WorkerLife{0, 1});
+    bool wasBusy = false;
+    runUntil([&] {
+        if (pool->busy() == 1 && !std::exchange(wasBusy, true)) {
+            EXPECT_EQ(2U, pool->queued());
+            EXPECT_EQ(WorkerPool::State::Busy, pool->info(0).state);
+        }
+        return ends.size() == 3;
+    });
+    EXPECT_TRUE(wasBusy);
+    EXPECT_EQ((Ends{"b NotServed 0 0", "c NotServed 0 0", "a TimedOut 0 1"}), ends);
+    EXPECT_EQ(0U, pool->queued());
+    EXPECT_EQ(1U, pool->info(0).restarts);
+    EXPECT_EQ("corvane-host: worker process " + std::to_string(pid) +
+                  " took too long in a; another one takes its place\n",
+              told());
+}
+
+TEST_F(ShellPool, TellsAllTasksWhenItStops)
+{
+    start(printing(readyFrame()) + stayingThere);
+    for (const char* name : {"a", "b"})
+        submit(name);
+    submit("c", WorkerLife{0, 1});
+    runUntil([&] { return pool->busy() == 1; });
+    EXPECT_EQ(Ends{}, ends);
+    EXPECT_EQ(2U, pool->queued());
+    pool->stop(Seconds(0));
+    EXPECT_EQ((Ends{"a NotServed 0 1", "c LifeIsOver 0 1", "b NotServed 0 0"}), ends);
+    submit("d");
+    submit("e", WorkerLife{0, 1});
+    ASSERT_EQ(5U, ends.size());
+    EXPECT_EQ("d NotServed 0 0", ends[3]);
+    EXPECT_EQ("e NotServed 0 0", ends[4]);
+    EXPECT_EQ(0U, pool->queued());
+    EXPECT_EQ(0U, pool->busy());
+    EXPECT_EQ(-1, pool->info(0).pid);
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a process was not collected";
+    EXPECT_EQ("", told());
+}
+
+// One that has answered all may end by itself.
+TEST_F(ShellPool, LetsWorkersEndWhenItStops)
+{
+    const support::TemporaryFolder folder;
+    start(answering, Seconds(60), 2);
+    runUntil([&] { return pool->ready() == 2; });
+    const Clock::time_point before = Clock::now();
+    pool->stop(Seconds(600));
+    EXPECT_LT(Clock::now() - before, std::chrono::seconds(300));
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a process was not collected";
+
+    start(printing(readyFrame()) + stayingThere + ": >'" + folder.path("mark") + "'\n");
+    runUntil([&] { return pool->ready() == 1; });
+    pool->stop(Seconds(600));
+    EXPECT_TRUE(std::filesystem::exists(folder.path("mark")));
+
+    // One that never was ready is not waited for.
+    start("exec sleep 600");
+    pool.reset();
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a process was not collected";
+}
+
+TEST_F(ShellPool, RollsFromTheFirstWorkerToTheLast)
+{
+    std::vector<size_t> ended;
+    std::vector<size_t> asked;
+    start(answering, Seconds(60), 2);
+    EXPECT_EQ(2U, pool->size());
+    runUntil([&] { return pool->ready() == 2; });
+    onEnd = [&](WorkerLife life) {
+        EXPECT_EQ(1U, life.generation);
+        ended.push_back(life.slot);
+    };
+    pool->roll([&](size_t slot) {
+        EXPECT_EQ(3U, pool->size());
+        EXPECT_TRUE(pool->info(slot).isLeaving);
+        EXPECT_FALSE(pool->stays(slot));
+        EXPECT_FALSE(pool->stays(2));
+        EXPECT_EQ(3U, pool->ready());
+        for (size_t other = 0; other < 2; ++other)
+            EXPECT_EQ(other != slot, pool->stays(other));
+        // Needed once, and then no more.
+        const bool isFirst = asked.empty() || asked.back() != slot;
+        asked.push_back(slot);
+        return isFirst;
+    });
+    EXPECT_EQ(3U, pool->size());
+    runUntil([&] { return pool->size() == 2; });
+    EXPECT_EQ((std::vector<size_t>{0, 1, 2}), ended);
+    EXPECT_EQ((std::vector<size_t>{0, 0, 1, 1, 2, 2}), asked);
+    for (size_t slot = 0; slot < 2; ++slot) {
+        EXPECT_EQ(1U, pool->info(slot).restarts);
+        EXPECT_EQ(2U, pool->info(slot).generation);
+        EXPECT_TRUE(pool->stays(slot));
+    }
+    EXPECT_EQ(0U, pool->info(2).restarts);
+    EXPECT_EQ(-1, pool->info(2).pid);
+    EXPECT_EQ(
+        "corvane-host: all workers are being replaced, one after the other\n"
+        "corvane-host: all workers have been replaced\n",
+        told());
 }

@@ -1,0 +1,51 @@
+// How the process ends where nothing can be thrown: by a sentence if memory has ended, else by a
+// signal.
+#include "service/operation/memory_end.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <exception>
+#include <new>
+
+namespace {
+
+void endMemory()
+{
+    EXPECT_THROW(std::get_new_handler()(), std::bad_alloc);
+}
+
+TEST(MemoryEndDeathTest, IsTold)
+{
+    EXPECT_EXIT(
+        {
+            endBySentenceWithoutMemory();
+            endMemory();
+            std::terminate();
+        },
+        testing::ExitedWithCode(1), "^corvane-host: the host ends: out of memory\n$");
+}
+
+TEST(MemoryEndDeathTest, IsNotTheReasonWhereMemoryNeverEnded)
+{
+    EXPECT_EXIT(
+        {
+            endBySentenceWithoutMemory();
+            std::terminate();
+        },
+        testing::KilledBySignal(SIGABRT), "^$");
+}
+
+TEST(MemoryEndDeathTest, IsNotTheReasonInALaterRound)
+{
+    EXPECT_EXIT(
+        {
+            endBySentenceWithoutMemory();
+            endMemory();
+            forgetEndOfMemory();
+            std::terminate();
+        },
+        testing::KilledBySignal(SIGABRT), "^$");
+}
+
+}  // namespace
