@@ -238,10 +238,4 @@ TEST_F(LineMessages, EndWithTheFirstThatIsNotTaken)
     EXPECT_EQ(Messages{line(3)}, messages());
 }
 
-TEST_F(LineMessages, ToNobodyAreDropped)
-{
-    m_reader.reset();
-    EXPECT_EQ(0U, LineSink(m_writer.get()).write("to nobody\n"));
-}
-
 }  // namespace
