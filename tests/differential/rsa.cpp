@@ -203,6 +203,9 @@ void compareOaepBlocks(Trial& trial, const Recipient& key)
                  oaepBlock(trial, botan::hash("SHA-256", "") + std::string(size - DIGEST, '\0')));
     compareBlock(trial, key, "hash of a label",
                  oaepBlock(trial, botan::hash("SHA-256", "label") + right.substr(DIGEST)));
+    for (size_t byte : {size_t{0}, DIGEST - 1})
+        compareBlock(trial, key, "the hash's first byte, and its last",
+                     oaepBlock(trial, flipped(right, 8 * byte + trial.below(8))));
     for (size_t bit : trial.bits(8 * size))
         compareBlock(trial, key, "a bit of the data", oaepBlock(trial, flipped(right, bit)));
 

@@ -11,6 +11,7 @@
 namespace {
 
 using support::certificatePem;
+using support::derOf;
 using support::Keys;
 using support::oid;
 using support::pattern;
@@ -193,6 +194,114 @@ TEST_F(Keys, DerivedKeysAreAsLongAsTheCiphers)
     }
 }
 
+// ---- What is sealed, and how.
+
+// EncryptedPrivateKeyInfo of any algorithm.
+std::string sealedBy(const std::string& algorithm, const std::string& sealed)
+{
+    return toBase64(tlv(0x30, tlv(0x30, algorithm) + tlv(0x04, sealed)));
+}
+
+const std::string AES_256_CBC = tlv(0x30, oid("2.16.840.1.101.3.4.1.42") + tlv(0x04, pattern(16)));
+
+TEST_F(Keys, ParametersOfAnEncryptionAreASequence)
+{
+    const std::string sealed = pattern(96);
+    const std::string pbes1 = oid("1.2.840.113549.1.12.1.3"), pbes2 = oid("1.2.840.113549.1.5.13");
+    const std::string parameters = tlv(0x04, "12345678") + tlv(0x02, "\1");
+    EXPECT_EQ(readPrivate(sealedBy(pbes1 + tlv(0x30, parameters), sealed)),
+              AVEN_E_PASSWORD_MISSING);
+    for (const std::string& wrong :
+         {std::string(), tlv(0x05, ""), tlv(0x30, ""), tlv(0x04, tlv(0x30, parameters))}) {
+        EXPECT_EQ(readPrivate(sealedBy(pbes1 + wrong, sealed)), AVEN_E_KEY_TEXT);
+        EXPECT_EQ(readPrivate(sealedBy(pbes2 + wrong, sealed)), AVEN_E_KEY_TEXT);
+    }
+}
+
+TEST_F(Keys, AnUnknownDerivationIsRefused)
+{
+    const std::string derivation = tlv(0x30, oid("1.2.3.4") + tlv(0x30, ""));
+    const std::string text =
+        sealedBy(oid("1.2.840.113549.1.5.13") + tlv(0x30, derivation + AES_256_CBC), pattern(96));
+    EXPECT_EQ(readPrivate(text), AVEN_E_KEY_ENCRYPTION);
+    EXPECT_EQ(readPrivate(text, "word"), AVEN_E_KEY_ENCRYPTION);
+}
+
+// Bytes of any kind, padded or not, under PBES2 and the password "word".
+std::string sealedBytes(const std::string& bytes, bool isPadded)
+{
+    unsigned char key[32];
+    PKCS5_PBKDF2_HMAC("word", 4, salt, 8, 1, EVP_sha256(), sizeof key, key);
+    const std::string iv = pattern(16);
+    EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
+    EVP_EncryptInit_ex(context, EVP_aes_256_cbc(), nullptr, key,
+                       reinterpret_cast<const unsigned char*>(iv.data()));
+    EVP_CIPHER_CTX_set_padding(context, isPadded ? 1 : 0);
+    std::string sealed(bytes.size() + 16, '\0');
+    int size = 0, last = 0;
+    auto* out = reinterpret_cast<unsigned char*>(sealed.data());
+    EVP_EncryptUpdate(context, out, &size, reinterpret_cast<const unsigned char*>(bytes.data()),
+                      static_cast<int>(bytes.size()));
+    EXPECT_EQ(EVP_EncryptFinal_ex(context, out + size, &last), 1);
+    EVP_CIPHER_CTX_free(context);
+    sealed.resize(static_cast<size_t>(size + last));
+
+    const std::string hash = tlv(0x30, oid("1.2.840.113549.2.9") + tlv(0x05, ""));
+    const std::string derivation =
+        tlv(0x30, oid("1.2.840.113549.1.5.12") +
+                      tlv(0x30, tlv(0x04, std::string(salt, salt + 8)) + tlv(0x02, "\1") + hash));
+    return sealedBy(oid("1.2.840.113549.1.5.13") + tlv(0x30, derivation + AES_256_CBC), sealed);
+}
+
+TEST_F(Keys, WhatIsSealedIsAWholeKeyWithRightPadding)
+{
+    const std::string der = derOf(privatePem("sm2"));
+    EXPECT_EQ(readPrivate(sealedBytes(der, true), "word"), 0);
+    for (size_t missing : {size_t{1}, size_t{10}, size_t{64}}) {
+        EXPECT_EQ(readPrivate(sealedBytes(der.substr(0, der.size() - missing), true), "word"),
+                  AVEN_E_PASSWORD_WRONG)
+            << missing;
+    }
+    // A block behind the key that is no padding.
+    const std::string whole = der + std::string(32 - der.size() % 16, '\0');
+    EXPECT_EQ(readPrivate(sealedBytes(whole, false), "word"), AVEN_E_PASSWORD_WRONG);
+}
+
+// RFC 7292, appendix B.2, repeats both up to whole blocks of 64 bytes; the password is in UTF-16
+// and ends with two zeros.
+TEST_F(Keys, Pbes1TakesPasswordsAndSaltsOfAnyLength)
+{
+    const std::string der = derOf(privatePem("sm2"));
+    const auto* at = reinterpret_cast<const unsigned char*>(der.data());
+    PKCS8_PRIV_KEY_INFO* info =
+        d2i_PKCS8_PRIV_KEY_INFO(nullptr, &at, static_cast<long>(der.size()));
+    std::string anySalt = pattern(129);
+    for (int scheme :
+         {NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And2_Key_TripleDES_CBC}) {
+        const auto expectRead = [&](const std::string& password, size_t saltSize) {
+            X509_ALGOR* algorithm =
+                PKCS5_pbe_set(scheme, 2, reinterpret_cast<unsigned char*>(anySalt.data()),
+                              static_cast<int>(saltSize));
+            X509_SIG* sealed = PKCS8_set0_pbe(password.c_str(), static_cast<int>(password.size()),
+                                              info, algorithm);
+            ASSERT_NE(sealed, nullptr);
+            unsigned char* out = nullptr;
+            const int size = i2d_X509_SIG(sealed, &out);
+            const std::string text(reinterpret_cast<char*>(out), static_cast<size_t>(size));
+            OPENSSL_free(out);
+            X509_SIG_free(sealed);
+            EXPECT_EQ(readPrivate(toBase64(text), password.c_str()), 0)
+                << password << ", salt of " << saltSize;
+        };
+        for (size_t size : {1, 7, 30, 31, 32, 62, 63, 64})
+            expectRead(std::string(size, 'p'), 8);
+        expectRead("p\u00E4\u00DF \u5BC6\u7801", 8);
+        for (size_t size : {1, 20, 63, 64, 65, 128, 129})
+            expectRead("word", size);
+    }
+    PKCS8_PRIV_KEY_INFO_free(info);
+}
+
 TEST_F(Keys, TextsAreLimitedInLength)
 {
     const std::string privateText = privatePem("sm2"), publicText = publicPem("sm2"),
@@ -230,7 +339,8 @@ TEST_F(Keys, RsaNumbersAreLimitedInSize)
 {
     EXPECT_EQ(readPublic(rsaPublic(4096, 64)), 0);
     EXPECT_EQ(readPublic(rsaPublic(2048, 64)), 0);
-    for (size_t bits : {65u, 2048u, 16384u})
+    EXPECT_EQ(readPublic(rsaPublic(2048, 2)), 0);
+    for (size_t bits : {1u, 65u, 2048u, 16384u})
         EXPECT_EQ(readPublic(rsaPublic(2048, bits)), AVEN_E_KEY_INVALID) << bits;
     for (size_t bits : {4097u, 16384u, 16385u, 100000u})
         EXPECT_EQ(readPublic(rsaPublic(bits, 17)), AVEN_E_RSA_SIZE) << bits;

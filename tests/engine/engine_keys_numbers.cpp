@@ -1,7 +1,10 @@
 // Well-formed keys whose numbers make no key, or one of a curve that is spelled out.
+#include <openssl/bn.h>
+
 #include <string>
 #include <vector>
 
+#include "support/der.h"
 #include "support/key_reading.h"
 
 namespace {
@@ -10,10 +13,13 @@ using support::convert;
 using support::derOf;
 using support::fromHex;
 using support::Keys;
+using support::oid;
 using support::openssl;
 using support::privatePem;
 using support::publicPem;
+using support::tlv;
 using support::toBase64;
+using support::toHex;
 
 // ---- Numbers that make no key. The key is that of GB/T 32918.5.
 
@@ -54,6 +60,49 @@ TEST_F(Keys, AKeyWithoutItsCurveIsRefused)
 {
     const std::string text = toBase64(fromHex("30250201010420" + std::string(SM2_SCALAR)));
     EXPECT_EQ(readPrivate(text), AVEN_E_KEY_ALGORITHM);
+}
+
+// SEC 1 without the point.
+std::string sec1Of(const std::string& version, const std::string& scalar, const std::string& curve)
+{
+    return toBase64(tlv(0x30, tlv(0x02, version) + tlv(0x04, scalar) + tlv(0xA0, curve)));
+}
+
+std::string publicOf(const std::string& algorithm, const std::string& curve)
+{
+    return toBase64(tlv(0x30, tlv(0x30, oid(algorithm) + curve) +
+                                  tlv(0x03, std::string(1, '\0') + fromHex(SM2_POINT))));
+}
+
+TEST_F(Keys, Sec1IsVersionOne)
+{
+    const std::string scalar = fromHex(SM2_SCALAR), curve = oid("1.2.156.10197.1.301");
+    EXPECT_EQ(readPrivate(sec1Of("\1", scalar, curve)), 0);
+    EXPECT_EQ(readPrivate(sec1Of("\2", scalar, curve)), AVEN_E_KEY_TEXT);
+    EXPECT_EQ(readPrivate(sec1Of(std::string(1, '\0'), scalar, curve)), AVEN_E_KEY_TEXT);
+}
+
+TEST_F(Keys, AScalarHas32BytesAtTheMost)
+{
+    const std::string curve = oid("1.2.156.10197.1.301"), zero(1, '\0');
+    EXPECT_EQ(readPrivate(sec1Of("\1", zero + fromHex(SM2_SCALAR), curve)), AVEN_E_KEY_INVALID);
+    EXPECT_EQ(readPrivate(sec1Of("\1", std::string(31, '\1'), curve)), 0);
+}
+
+TEST_F(Keys, ACurveIsNamedByItsIdentifierAndNothingElse)
+{
+    const std::string sm2 = oid("1.2.156.10197.1.301"), ecPublicKey = "1.2.840.10045.2.1";
+    EXPECT_EQ(readPublic(publicOf(ecPublicKey, sm2)), 0);
+    for (const std::string& curve : {std::string(), tlv(0x05, ""), tlv(0x01, "\xFF"),
+                                     tlv(0x04, sm2), oid("1.2.840.10045.3.1.7")}) {
+        EXPECT_EQ(readPublic(publicOf(ecPublicKey, curve)), AVEN_E_KEY_ALGORITHM) << toHex(curve);
+        if (!curve.empty()) {
+            EXPECT_EQ(readPrivate(sec1Of("\1", fromHex(SM2_SCALAR), curve)), AVEN_E_KEY_ALGORITHM)
+                << toHex(curve);
+        }
+    }
+    // Diffie-Hellman's identifier, in place of that for all uses.
+    EXPECT_EQ(readPublic(publicOf("1.3.132.1.12", sm2)), AVEN_E_KEY_ALGORITHM);
 }
 
 TEST_F(Keys, Sm2NumbersOutOfRangeAreRefused)
@@ -116,9 +165,58 @@ TEST_F(Keys, RsaNumbersThatDoNotFitAreRefused)
         EXPECT_EQ(readPrivate(toBase64(changed)), AVEN_E_KEY_INVALID) << "number " << number;
     }
 
+    std::string otherVersion = der;
+    otherVersion[places[0]] = 1;  // of a key of more than two factors
+    EXPECT_EQ(readPrivate(toBase64(otherVersion)), AVEN_E_KEY_ALGORITHM);
+
     std::string publicDer = derOf(publicPem("rsa2048"));
     publicDer.back() = static_cast<char>(publicDer.back() ^ 1);  // the exponent becomes even
     EXPECT_EQ(readPublic(toBase64(publicDer)), AVEN_E_KEY_INVALID);
+}
+
+using Number = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
+
+Number numberAt(const std::string& der, size_t first, size_t last)
+{
+    return {BN_bin2bn(reinterpret_cast<const unsigned char*>(&der[first]),
+                      static_cast<int>(last + 1 - first), nullptr),
+            BN_free};
+}
+
+// d and any number of times (p - 1)(q - 1) / 2 more do the same.
+TEST_F(Keys, AnRsaKeysExponentHasNoMoreBitsThanItsModulus)
+{
+    const std::string der = derOf(convert("rsa -traditional", privatePem("rsa2048")));
+    const std::vector<size_t> places = lastBytes(der);
+    ASSERT_EQ(places.size(), 9u);
+    // A number's head has four bytes if it is long; a factor has 128 bytes behind its zero.
+    const Number d = numberAt(der, places[2] + 5, places[3]);
+    const Number p = numberAt(der, places[4] - 127, places[4]);
+    const Number q = numberAt(der, places[5] - 127, places[5]);
+    BN_sub_word(p.get(), 1);
+    BN_sub_word(q.get(), 1);
+    const Number order(BN_new(), BN_free);
+    const std::unique_ptr<BN_CTX, decltype(&BN_CTX_free)> numbers(BN_CTX_new(), BN_CTX_free);
+    BN_mul(order.get(), p.get(), q.get(), numbers.get());
+    BN_rshift1(order.get(), order.get());
+    ASSERT_LT(BN_num_bits(d.get()), 2049);
+
+    const auto withExponent = [&](const BIGNUM* number) {
+        std::string bytes(static_cast<size_t>(BN_num_bytes(number)), '\0');
+        BN_bn2bin(number, reinterpret_cast<unsigned char*>(bytes.data()));
+        const std::string content = der.substr(4, places[2] + 1 - 4) +
+                                    tlv(0x02, std::string(1, '\0') + bytes) +
+                                    der.substr(places[3] + 1);
+        return toBase64(tlv(0x30, content));
+    };
+    EXPECT_EQ(readPrivate(withExponent(d.get())), 0);
+    while (BN_num_bits(d.get()) < 2048)
+        BN_add(d.get(), d.get(), order.get());
+    EXPECT_EQ(BN_num_bits(d.get()), 2048);
+    EXPECT_EQ(readPrivate(withExponent(d.get())), 0);
+    while (BN_num_bits(d.get()) < 2049)
+        BN_add(d.get(), d.get(), order.get());
+    EXPECT_EQ(readPrivate(withExponent(d.get())), AVEN_E_KEY_INVALID);
 }
 
 TEST_F(Keys, ExplicitCurvesAreRefusedEvenIfTheyAreSm2s)

@@ -3,6 +3,7 @@
 #include <future>
 #include <thread>
 
+#include "support/allocation_fault.h"
 #include "support/held.h"
 #include "support/openssl_tool.h"
 
@@ -72,7 +73,8 @@ protected:
 
 // ---- RSA.
 
-const char* const rsaKeys[] = {"rsa2048", "rsa3072", "rsa4096"};
+// Of 2064 bits the last byte of a padded block has a mask of its own.
+const char* const rsaKeys[] = {"rsa2048", "rsa2064", "rsa3072", "rsa4096"};
 const char* const paddingOptions[] = {
     " -pkeyopt rsa_padding_mode:oaep -pkeyopt rsa_oaep_md:sha256 -pkeyopt rsa_mgf1_md:sha256",
     " -pkeyopt rsa_padding_mode:pkcs1"};
@@ -255,6 +257,46 @@ TEST_F(PublicKey, ACoordinateBeyondTheFieldsPrimeIsRefused)
               AVEN_E_DECRYPTION);
 }
 
+// The example's key, and the point with x = 0, which the field's prime must not stand for, nor a
+// number that is too long. The other parts were computed as above.
+TEST_F(PublicKey, ACoordinateThatWouldBeTakenForZeroIsRefused)
+{
+    void* key = nullptr;
+    ASSERT_EQ(unmarshal(AVEN_KEY_SM2, toBase64(fromHex(STANDARD_KEY)), "", nullptr, &key), 0);
+    const std::string zero(64, '0');
+    const std::string y = "fd4511e81736a60f07e88a83d6cf5a167fae6d1a9c9330e76e232e00f5cdc154";
+    const std::string c3 = "9495a23de8fd0717ee720116a9c56d3a9c4b065790836e1c793ab1bdc63033fd";
+    const std::string c2 = "38126ce3e5f0c1fa64f50ea3";
+    const std::string prime = "fffffffeffffffffffffffffffffffffffffffff00000000ffffffffffffffff";
+
+    expectOpens(key, sm2Forms[2], fromHex("04" + zero + y + c3 + c2), "hello, world");
+    EXPECT_EQ(decrypt(key, sm2Forms[2], fromHex("04" + prime + y + c3 + c2)).code,
+              AVEN_E_DECRYPTION);
+    const std::string behind = "022100" + y + "0420" + c3 + "040c" + c2;
+    expectOpens(key, sm2Forms[0], fromHex("3056020100" + behind), "hello, world");
+    EXPECT_EQ(decrypt(key, sm2Forms[0], fromHex("3076022100" + prime + behind)).code,
+              AVEN_E_DECRYPTION);
+    EXPECT_EQ(decrypt(key, sm2Forms[0], fromHex("3076022101" + zero + behind)).code,
+              AVEN_E_DECRYPTION);
+}
+
+// With the digest that would be right.
+TEST_F(PublicKey, Sm2WithoutAnyTextIsRefused)
+{
+    void* key = nullptr;
+    ASSERT_EQ(unmarshal(AVEN_KEY_SM2, toBase64(fromHex(STANDARD_KEY)), "", nullptr, &key), 0);
+    const std::string one = std::string(63, '0') + "1";
+    const std::string y = "9f7a091433a81e3f218f405f792355bf2aa98b5ffa95982f03870800065279a3";
+    const std::string c3 = "2bbf5f5a232397c6db4115660e5c9990f1eede01c8e24ce5dc5a477367f19e8e";
+    EXPECT_EQ(decrypt(key, sm2Forms[2], fromHex("04" + one + y + c3)).code, AVEN_E_DECRYPTION);
+    EXPECT_EQ(decrypt(key, sm2Forms[3], fromHex("04" + one + y + c3)).code, AVEN_E_DECRYPTION);
+    const std::string c1 = "304a020101022100" + y;
+    EXPECT_EQ(decrypt(key, sm2Forms[0], fromHex(c1 + "0420" + c3 + "0400")).code,
+              AVEN_E_DECRYPTION);
+    EXPECT_EQ(decrypt(key, sm2Forms[1], fromHex(c1 + "0400" + "0420" + c3)).code,
+              AVEN_E_DECRYPTION);
+}
+
 TEST_F(PublicKey, Sm2OpensInEveryFormAndFits)
 {
     void* key = privateKey("sm2");
@@ -312,6 +354,24 @@ TEST_F(PublicKey, AnotherSm2FormIsNamedAsTheCause)
             }
         }
     }
+}
+
+// In ASN.1 the digest is known by its length, also to who has another key.
+TEST_F(PublicKey, LengthsAloneMayTellTheForm)
+{
+    void* other = privateKey("sm2-other");
+    for (const How& made : sm2Forms) {
+        const std::string sealed = encrypt(publicKey("sm2"), made, "hello, world").out;
+        for (const How& named : sm2Forms) {
+            const bool isTold = made.noAsn1 != named.noAsn1 ||
+                                (made.noAsn1 == 0 && made.noC1c3c2 != named.noC1c3c2);
+            EXPECT_EQ(decrypt(other, named, sealed).code,
+                      isTold ? AVEN_E_SM2_FORM_DIFFERS : AVEN_E_DECRYPTION);
+        }
+    }
+    // The first byte is enough.
+    EXPECT_EQ(decrypt(other, sm2Forms[0], "\x04").code, AVEN_E_SM2_FORM_DIFFERS);
+    EXPECT_EQ(decrypt(other, sm2Forms[2], "\x30").code, AVEN_E_SM2_FORM_DIFFERS);
 }
 
 TEST_F(PublicKey, ADamagedSm2CiphertextNeverOpens)
@@ -423,6 +483,48 @@ TEST_F(PublicKey, CapacitiesAreHeeded)
             EXPECT_EQ(less.code, AVEN_E_BUFFER_TOO_SMALL);
             EXPECT_EQ(less.len, 20U);
         }
+    }
+}
+
+// Each allocation fails once. libcrypto can do without some: then what comes out is right. Its RSA
+// keys may fail from then on.
+TEST_F(PublicKey, WithoutMemoryNothingWrongComesOut)
+{
+    SKIP_WITHOUT_ALLOCATION_FAULTS();
+    for (const char* name : {"sm2", "rsa2048"}) {
+        SCOPED_TRACE(name);
+        const std::string text = "hello, world";
+        const PkeyCipherParams params = {privateKey(name), AVEN_RSA_OAEP, 0, 0};
+        const Exact in(text), sealed(encrypt(params.keypair, {}, text).out);
+        const auto failEach = [](const auto& call, const auto& expectRight) {
+            const doubles::Journal journal = {};
+            bool struck = true;
+            for (size_t n = 1; struck; ++n) {
+                SCOPED_TRACE(n);
+                Fenced out(1024);
+                int code = 0;
+                {
+                    const auto fault = support::AllocationFault::nth(journal, n);
+                    code = call(out);
+                    struck = fault.struck();
+                }
+                const Result result = resultOf(code, out);
+                if (code == 0)
+                    expectRight(result.out);
+            }
+        };
+        failEach(
+            [&](Fenced& out) {
+                return engine.aven_crypto_public_encrypt(&params, in.data(), in.size(), out.data(),
+                                                         &out.len);
+            },
+            [&](const std::string& out) { expectOpens(privateKey(name), {}, out, text); });
+        failEach(
+            [&](Fenced& out) {
+                return engine.aven_crypto_private_decrypt(&params, sealed.data(), sealed.size(),
+                                                          out.data(), &out.len);
+            },
+            [&](const std::string& out) { EXPECT_EQ(out, text); });
     }
 }
 
