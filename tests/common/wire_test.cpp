@@ -5,9 +5,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -18,6 +21,7 @@
 #include "support/allocation_fault.h"
 #include "support/conversation.h"
 #include "support/files.h"
+#include "support/held.h"
 #include "support/longest_frame.h"
 
 namespace {
@@ -125,6 +129,65 @@ TEST(WireFrame, RepliesComeBackAsTheyWere)
         EXPECT_EQ(decoded->text, reply.text);
         EXPECT_EQ(decoded->results, reply.results);
     }
+}
+
+// Other programs may be workers, so that these are the bytes.
+TEST(WireFrame, HasTheseBytes)
+{
+    using namespace std::string_literals;
+    WireRequest request;
+    request.name = "ab";
+    request.session = "s";
+    request.parameters = {{"n", "v\xFF"}};
+    request.files = {"n"};
+    EXPECT_EQ(encode(request),
+              "\x23\0\0\0"
+              "\2\0\0\0ab\1\0\0\0s"
+              "\1\0\0\0\1\0\0\0n\2\0\0\0v\xFF"
+              "\1\0\0\0\1\0\0\0n"s);
+    WireReply reply;
+    EXPECT_EQ(encode(reply), "\x18\0\0\0\1\0\0\0"s + std::string(20, '\0'));
+    reply.kind = WireReply::Failed;
+    reply.ok = true;
+    reply.microseconds = 65536.3;
+    reply.code = "c";
+    reply.text = "te";
+    reply.results = {{"r", ""}};
+    EXPECT_EQ(encode(reply),
+              "\x24\0\0\0\3\0\0\0\1\0\0\0\x03\0\x0A\0"
+              "\1\0\0\0c\2\0\0\0te"
+              "\1\0\0\0\1\0\0\0r\0\0\0\0"s);
+    reply.microseconds = 1e12;
+    EXPECT_EQ(std::string(encode(reply)).substr(12, 4), "\x00\x28\x6B\xEE"s);
+}
+
+TEST(WireFrame, LimitsAreThese)
+{
+    EXPECT_EQ(size_t{longestFrame}, 536870912U);
+    EXPECT_EQ(size_t{mostFiles}, 4U);
+}
+
+// Growing would leave copies behind.
+TEST(WireFrame, SecretsAreEncodedAndDecodedInOnePlace)
+{
+    SKIP_WITHOUT_ALLOCATION_FAULTS();
+    const std::string marker = "a secret";
+    WireRequest request;
+    WireReply reply;
+    for (size_t i = 0; i < 3000; ++i)
+        request.parameters.emplace_back("name", marker);
+    request.parameters.emplace_back("large", marker + std::string(100000, 'x'));
+    reply.results = request.parameters;
+    const support::FreedBlocks blocks(std::string_view(marker).substr(1));
+    const SecretText requestFrame = encode(request), replyFrame = encode(reply);
+    EXPECT_EQ(blocks.counted(), 0U);
+    const auto decodedRequest =
+        decodeRequest(std::string_view(requestFrame).substr(FRAME_LENGTH_SIZE));
+    const auto decodedReply = decodeReply(std::string_view(replyFrame).substr(FRAME_LENGTH_SIZE));
+    EXPECT_EQ(blocks.counted(), 0U);
+    ASSERT_TRUE(decodedRequest && decodedReply);
+    EXPECT_EQ(decodedRequest->parameters, request.parameters);
+    EXPECT_EQ(decodedReply->results, reply.results);
 }
 
 TEST(WireFrame, SizeIsToldOnceTheLengthIsWhole)
@@ -322,6 +385,148 @@ TEST(RequestReader, GivesEachFrameItsFilesAndKeepsNone)
         EXPECT_EQ(readAll(sockets), "");
     }
     EXPECT_EQ(openFiles(), before);
+}
+
+TEST(RequestReader, GivesUpToFourFilesInTheirOrder)
+{
+    const size_t before = openFiles();
+    {
+        const support::TemporaryFolder folder;
+        WireRequest first, second;
+        first.files = {"a", "b", "c"};
+        second.files = {"d"};
+        std::vector<Descriptor> sent;
+        for (const char* content : {"1", "22", "333", "4444"})
+            sent.emplace_back(open(folder.write(content, content).c_str(), O_RDONLY | O_CLOEXEC));
+        const std::string bytes = joined(framesOf(std::vector<WireRequest>{first, second}));
+        SocketPair sockets;
+        EXPECT_EQ(sendSome(sockets.front.get(), bytes, sent), static_cast<ssize_t>(bytes.size()));
+        sent.clear();
+        sockets.end();
+
+        RequestReader reader(sockets.worker.get());
+        WireRequest request;
+        std::vector<Descriptor> files;
+        std::string contents;
+        for (const size_t count : {3, 1}) {
+            ASSERT_TRUE(reader.next(request, files));
+            ASSERT_EQ(files.size(), count);
+            for (const Descriptor& file : files) {
+                EXPECT_NE(fcntl(file.get(), F_GETFD) & FD_CLOEXEC, 0);
+                char text[16];
+                const ssize_t size = read(file.get(), text, sizeof text);
+                contents +=
+                    std::string(text, static_cast<size_t>(std::max<ssize_t>(size, 0))) + " ";
+            }
+        }
+        EXPECT_EQ(contents, "1 22 333 4444 ");
+        EXPECT_FALSE(reader.next(request, files));
+        EXPECT_TRUE(files.empty());
+    }
+    EXPECT_EQ(openFiles(), before);
+}
+
+// What comes in one piece of its own may begin and end anywhere.
+TEST(RequestReader, ReadsAConversationInPiecesOfEachSize)
+{
+    const std::string bytes = joined(framesOf(conversationRequests()));
+    for (size_t piece = 1; piece <= bytes.size(); ++piece) {
+        int numbers[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, numbers), 0);
+        SocketPair sockets;
+        sockets.front = Descriptor(numbers[0]);
+        sockets.worker = Descriptor(numbers[1]);
+        for (size_t at = 0; at < bytes.size(); at += piece)
+            writeFrame(sockets.front.get(), std::string_view(bytes).substr(at, piece));
+        sockets.end();
+        EXPECT_EQ(readAll(sockets), bytes) << piece;
+    }
+}
+
+TEST(RequestReader, ReadsLargeFramesBetweenSmallOnesAndKeepsNoRoomForThem)
+{
+    std::vector<WireRequest> requests = conversationRequests();
+    for (const size_t size : {65000, 65536, 100000, 5000000}) {
+        requests.push_back(requests[0]);
+        requests.back().parameters.emplace_back("strdata", std::string(size, 'd'));
+        requests.push_back(requests[1]);
+    }
+    const std::vector<std::string> frames = framesOf(requests);
+    SocketPair sockets;
+    std::thread front([&] {
+        for (const std::string& frame : frames)
+            writeFrame(sockets.front.get(), frame);
+    });
+    RequestReader reader(sockets.worker.get());
+    std::vector<Descriptor> files;
+    for (const std::string& frame : frames) {
+        WireRequest request;
+        ASSERT_TRUE(reader.next(request, files));
+        EXPECT_TRUE(encode(request) == frame);
+    }
+    front.join();
+    if (!support::sanitized && !support::emulated) {
+        WireRequest request;
+        request.parameters.emplace_back("strdata", std::string(size_t{2} << 20, 'd'));
+        const size_t before = support::Held::now().allocated;
+        std::thread again([&] { writeFrame(sockets.front.get(), encode(request)); });
+        WireRequest read;
+        EXPECT_TRUE(reader.next(read, files));
+        again.join();
+        read = WireRequest();
+        EXPECT_LT(support::Held::now().allocated, before + (size_t{1} << 20));
+    }
+}
+
+// Some system calls before may have been interrupted.
+TEST(RequestReader, ReadsWhateverFailedBefore)
+{
+    const std::string bytes = joined(framesOf(conversationRequests()));
+    SocketPair sockets;
+    EXPECT_TRUE(writeFrame(sockets.front.get(), bytes));
+    sockets.end();
+    RequestReader reader(sockets.worker.get());
+    WireRequest request;
+    std::vector<Descriptor> files;
+    for (const int before : {EINTR, EAGAIN, EINTR}) {
+        errno = before;
+        EXPECT_TRUE(reader.next(request, files));
+    }
+    errno = EINTR;
+    EXPECT_FALSE(reader.next(request, files));
+    errno = EAGAIN;
+    EXPECT_FALSE(reader.next(request, files));
+}
+
+TEST(RequestReader, ASignalDoesNotEndTheWait)
+{
+    static std::atomic<int> signals;
+    signals = 0;
+    struct sigaction action = {}, original = {};
+    action.sa_handler = [](int) { ++signals; };
+    sigaction(SIGALRM, &action, &original);
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    SocketPair sockets;
+    const std::string frame = framesOf(conversationRequests())[0];
+    pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
+    std::thread front([&] {
+        while (signals < 3)
+            std::this_thread::yield();
+        writeFrame(sockets.front.get(), frame);
+    });
+    pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+    const itimerval often = {{0, 5000}, {0, 5000}}, never = {};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    RequestReader reader(sockets.worker.get());
+    WireRequest request;
+    std::vector<Descriptor> files;
+    EXPECT_TRUE(reader.next(request, files));
+    setitimer(ITIMER_REAL, &never, nullptr);
+    front.join();
+    sigaction(SIGALRM, &original, nullptr);
+    EXPECT_EQ(std::string(encode(request)), frame);
 }
 
 // ---- The longest frame

@@ -4,12 +4,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -272,6 +274,18 @@ TEST_F(ParamsModule, CustomTextIsReadInTwoCalls)
 
 // ---- Wrong arguments
 
+TEST_F(ParamsModule, CodesAreTheseNumbers)
+{
+    EXPECT_EQ(int{PARAMS_OK}, 0);
+    EXPECT_EQ(int{PARAMS_UNKNOWN_NAME}, -31001);
+    EXPECT_EQ(int{PARAMS_BAD_INDEX}, -31002);
+    EXPECT_EQ(int{PARAMS_BUFFER_TOO_SMALL}, -31003);
+    EXPECT_EQ(int{PARAMS_NULL_POINTER}, -31004);
+    EXPECT_EQ(int{PARAMS_NEGATIVE_LENGTH}, -31005);
+    EXPECT_EQ(int{PARAMS_NO_MEMORY}, -31006);
+    EXPECT_EQ(int{PARAMS_CLOSED}, -31007);
+}
+
 TEST_F(ParamsModule, WrongArgumentsHaveCodesAndChangeNothing)
 {
     char text[] = "n";
@@ -395,10 +409,43 @@ TEST(ParamsModuleUnload, AThreadThatUsedItMayEndLater)
     user.join();
 }
 
+// In any order, and some of them after the library.
+TEST(ParamsModuleUnload, ThreadsLeaveNothingWhateverTheirOrder)
+{
+    constexpr size_t COUNT = 4;
+    size_t order[COUNT] = {0, 1, 2, 3};
+    support::staysFlat("CORVANE_PARAMS_ROUNDS", 24, [&] {
+        for (size_t ended : {size_t{2}, size_t{3}, COUNT}) {
+            auto m = std::make_unique<Module>();
+            std::atomic<size_t> added{0};
+            std::atomic<bool> mayEnd[COUNT] = {};
+            std::thread threads[COUNT];
+            for (size_t i = 0; i < COUNT; ++i) {
+                threads[i] = std::thread([&, i] {
+                    add(m->AddHttpParams, "n", std::string(5000, 'x'));
+                    ++added;
+                    while (!mayEnd[i])
+                        std::this_thread::yield();
+                });
+                while (added != i + 1)
+                    std::this_thread::yield();
+            }
+            for (size_t i = 0; i < COUNT; ++i) {
+                if (i == ended)
+                    m.reset();
+                mayEnd[order[i]] = true;
+                threads[order[i]].join();
+            }
+        }
+        std::next_permutation(std::begin(order), std::end(order));
+    });
+}
+
 TEST(ParamsModuleUnload, AThreadStartsAfreshInALaterLoad)
 {
     {
         Module m;
+        EXPECT_TRUE(isLibraryOpen(CORVANE_PARAMS_LIBRARY));
         add(m.AddHttpParams, "n", "old");
     }
     ASSERT_FALSE(isLibraryOpen(CORVANE_PARAMS_LIBRARY));
@@ -427,6 +474,41 @@ TEST(ParamsModuleUnload, ProcessMayExitWhileThreadsCall)
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+}
+
+// The last streams are written once libraries have ended.
+TEST(ParamsModuleUnload, EveryCallIsRefusedOnceTheProcessHasEndedTheModule)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        static Module* const m = new Module;
+        add(m->AddHttpParams, "n", "value");
+        cookie_io_functions_t functions = {};
+        functions.write = [](void*, const char*, size_t) -> ssize_t {
+            char text[] = "n";
+            long len = 1;
+            int count = 0;
+            for (const int code :
+                 {m->AddHttpParams(text, 1, text, 1), m->GetHttpParams(text, 1, nullptr, &len),
+                  m->ChangeHttpParams(text, 1, text, 1), m->ClearHttpParams(),
+                  m->AddRetParams(text, 1, text, 1), m->GetRetParams(text, 1, nullptr, &len),
+                  m->GetRetParamsSum(&count),
+                  m->GetRetParamFromIndex(0, nullptr, &len, nullptr, &len), m->ClearRetParams(),
+                  m->SetRetCustomParam(text, 1), m->GetRetCustomParam(nullptr, &len),
+                  m->ClearRetCustomParam()})
+                if (code != PARAMS_CLOSED)
+                    _exit(1);
+            _exit(42);
+        };
+        FILE* const last = fopencookie(nullptr, "w", functions);
+        setvbuf(last, nullptr, _IOFBF, 64);
+        fputs("text", last);
+        exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 42);
 }
 
 }  // namespace
