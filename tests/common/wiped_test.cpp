@@ -2,15 +2,12 @@
 #include "common/secrets.h"
 
 #include <gtest/gtest.h>
-#include <linux/capability.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "common/locked_memory.h"
+#include <string>
+
 #include "support/allocation_fault.h"
-#include "support/files.h"
 
 namespace {
 
@@ -130,105 +127,6 @@ TEST(Undumpable, ForbidsCoreDumpsAndLookingInto)
                   return prctl(PR_GET_DUMPABLE) == 1 ? 0 : 3;
               }),
               0);
-}
-
-// Of the calling process: whether it has these effective capabilities and no others.
-bool keepCapabilities(unsigned first, unsigned second)
-{
-    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct sets[2] = {};
-    if (syscall(SYS_capget, &header, sets) != 0)
-        return false;
-    if ((sets[0].permitted & first) != first || (sets[1].permitted & second) != second)
-        return false;
-    sets[0].effective = first;
-    sets[1].effective = second;
-    return syscall(SYS_capset, &header, sets) == 0;
-}
-
-constexpr unsigned LOCKS = 1U << CAP_IPC_LOCK;
-constexpr int NOT_TESTED = 77;
-
-size_t lockedBytes()
-{
-    const std::string status = support::readWhole("/proc/self/status");
-    return std::stoul(status.substr(status.find("VmLck:") + 6)) * 1024;
-}
-
-// What `lockMemory` says under these limits and capabilities; "" if it locks.
-std::string lockedUnder(rlimit limit, unsigned first, unsigned second = 0)
-{
-    int ends[2];
-    if (pipe(ends) != 0)
-        return "no pipe";
-    const int status = inAChild([&] {
-        if (setrlimit(RLIMIT_MEMLOCK, &limit) != 0 || !keepCapabilities(first, second))
-            return NOT_TESTED;
-        try {
-            lockMemory();
-            return 0;
-        } catch (const LockError& error) {
-            const ssize_t count = write(ends[1], error.what(), strlen(error.what()));
-            return count > 0 ? 1 : 2;
-        }
-    });
-    close(ends[1]);
-    char text[512];
-    const ssize_t count = read(ends[0], text, sizeof text);
-    close(ends[0]);
-    if (status == NOT_TESTED)
-        return "not tested";
-    return std::string(text, static_cast<size_t>(std::max<ssize_t>(count, 0)));
-}
-
-#define SKIP_IF_NOT_TESTED(said) \
-    if ((said) == "not tested")  \
-    GTEST_SKIP() << "NOT TESTED: this user may not change limits and capabilities"
-
-TEST(LockMemory, LocksWhatComesLaterAndTakesNothingInAdvance)
-{
-    const int status = inAChild([] {
-        rlimit limit = {1 << 16, RLIM_INFINITY};
-        constexpr size_t large = size_t{256} << 20, small = size_t{4} << 20;
-        if (setrlimit(RLIMIT_MEMLOCK, &limit) != 0 || !keepCapabilities(0, 0))
-            return NOT_TESTED;
-        const int rights = PROT_READ | PROT_WRITE, kind = MAP_PRIVATE | MAP_ANONYMOUS;
-        void* const unused = mmap(nullptr, large, rights, kind, -1, 0);
-        lockMemory();
-        unsigned char pages[large >> 12];
-        if (mincore(unused, large, pages) != 0 ||
-            std::count(std::begin(pages), std::end(pages), 0) != large >> 12)
-            return 1;
-        const size_t before = lockedBytes();
-        void* const later = mmap(nullptr, small, rights, kind, -1, 0);
-        if (later == MAP_FAILED || lockedBytes() < before + small)
-            return 2;
-        if (mincore(later, small, pages) != 0 ||
-            std::count(pages, pages + (small >> 12), 0) != small >> 12)
-            return 3;
-        return 0;
-    });
-    if (status == NOT_TESTED)
-        GTEST_SKIP() << "NOT TESTED: this user may not change limits and capabilities";
-    EXPECT_EQ(status, 0);
-}
-
-TEST(LockMemory, WantsNoLimitOrTheCapability)
-{
-    const rlimit some = {1 << 16, rlim_t{1} << 40};
-    const std::string refused = lockedUnder(some, 0);
-    SKIP_IF_NOT_TESTED(refused);
-    EXPECT_EQ(refused,
-              "--lock-memory: memory cannot be locked; the limit RLIMIT_MEMLOCK is 1099511627776 "
-              "and has to be off (systemd: LimitMEMLOCK=infinity; shell: ulimit -l unlimited)");
-    const std::string allowed = lockedUnder(some, LOCKS);
-    SKIP_IF_NOT_TESTED(allowed);
-    EXPECT_EQ(allowed, "");
-    EXPECT_EQ(lockedUnder({1 << 16, RLIM_INFINITY}, 0), "");
-    // Other capabilities do not count.
-    const std::string others = lockedUnder(some, LOCKS << 1 | LOCKS >> 1 | 1U);
-    SKIP_IF_NOT_TESTED(others);
-    EXPECT_EQ(others, refused);
 }
 
 }  // namespace
