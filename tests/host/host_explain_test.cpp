@@ -108,6 +108,8 @@ TEST_F(HostExplains, SuccessToo)
         EXPECT_EQ(SUCCESS, ended.code) << ended.err;
         EXPECT_TRUE(holds(ended.out, "success")) << ended.out;
     }
+    EXPECT_EQ((Json{{"code", 0}, {"name", "success"}, {"text", "success"}}),
+              run({"explain", "0", "--json"}).json());
 }
 
 TEST_F(HostExplains, SeveralCodesAndRanges)

@@ -90,6 +90,15 @@ TEST_F(HostHelp, TellsWhereItBelongs)
     }
 }
 
+// All of them, each behind the command line that prints it. Whoever changes one looks at it there.
+TEST_F(HostHelp, IsTheOneThatIsKept)
+{
+    std::string all = "$ corvane-host --help\n" + run({"--help"}).out;
+    for (const std::string& name : subcommands(run({"--help"}).out))
+        all += "\n$ corvane-host " + name + " --help\n" + run({name, "--help"}).out;
+    EXPECT_EQ(readWhole(CORVANE_SOURCE_DIR "/tests/host/helps.txt"), all);
+}
+
 // The lines below "Examples:", without the columns before them.
 std::string examplesOf(const std::string& help)
 {
@@ -137,6 +146,48 @@ TEST_F(HostHelp, HasExamplesOfServeThatAreTaken)
 }
 
 // ---- Lists.
+
+TEST_F(HostLooks, JsonIsIndentedByTwoColumns)
+{
+    for (const Arguments& arguments : {Arguments{"call", "QZaVen_GetVersion"},
+                                       {"bench", "QZaVen_GetVersion", "--count", "1", "--json"},
+                                       {"list", "--json"},
+                                       {"list", "wbsm4", "--json"},
+                                       {"describe", "QZaven_crypto_encrypt", "--json"},
+                                       {"explain", "--json"},
+                                       {"explain", "busy", "--json"},
+                                       {"explain", "busy", "421", "--json"},
+                                       {"doctor", "--json"},
+                                       {"openapi"}}) {
+        const Ended ended = run(arguments);
+        EXPECT_EQ(SUCCESS, ended.code) << arguments[0];
+        EXPECT_TRUE(ended.json().dump(2) + "\n" == ended.out) << ended.out;
+    }
+}
+
+TEST_F(HostLooks, ListsAreOfWhatIsAskedFor)
+{
+    EXPECT_EQ("QZaven_wbsm4_encrypt\nQZaven_wbsm4_decrypt\n",
+              run({"list", "--brief", "wbsm4"}).out);
+    EXPECT_EQ(2U, run({"list", "--json", "wbsm4"}).json().size());
+}
+
+TEST_F(HostLooks, BriefDescriptionsHaveTheFewValuesOfAParameter)
+{
+    const std::string others = "strKey=\nstrIV=\nstraad=\nstrdata=\nstrgcmTagLen=\n";
+    EXPECT_EQ(
+        "strCipherAlg=sm4\nstrCipherAlg=aes-128\nstrCipherAlg=aes-192\nstrCipherAlg=aes-256\n"
+        "strCipherAlg=aria-256\nstrCipherAlg=camellia-256\nstrCipherAlg=3des\n"
+        "strMode=ecb\nstrMode=cbc\nstrMode=cfb\nstrMode=ofb\nstrMode=ctr\nstrMode=gcm\n"
+        "strCipherPadding=none\nstrCipherPadding=pkcs7\n" +
+            others,
+        run({"describe", "QZaven_crypto_encrypt", "--brief"}).out);
+    EXPECT_EQ(
+        "strCipherAlg=\nstrMode=1\nstrMode=2\nstrMode=3\nstrMode=4\nstrMode=5\nstrMode=6\n"
+        "strCipherPadding=0\nstrCipherPadding=1\n" +
+            others,
+        run({"--names", "none", "describe", "QZaven_crypto_encrypt", "--brief"}).out);
+}
 
 TEST_F(HostLooks, ListsFitATerminal)
 {
@@ -220,7 +271,41 @@ TEST_F(HostLooks, BinaryIsShownInHexOnATerminal)
                                "--raw", "Data"};
     const std::string shown = shownOnTerminal(makeKey, 80, true);
     EXPECT_TRUE(std::regex_match(shown, std::regex("[0-9a-f]{64}\n"))) << shown;
-    EXPECT_EQ(32U, run(makeKey).out.size());
+    const Ended ended = run(makeKey);
+    EXPECT_EQ(32U, ended.out.size());
+    EXPECT_EQ("", ended.err);
+}
+
+// A pseudo terminal and where it is written to.
+struct Terminal {
+    int reading = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    int writing = grantpt(reading) == 0 && unlockpt(reading) == 0
+                      ? open(ptsname(reading), O_RDWR | O_NOCTTY | O_CLOEXEC)
+                      : -1;
+    ~Terminal()
+    {
+        close(reading);
+        close(writing);
+    }
+};
+
+TEST_F(HostLooks, BinaryThatIsShownInHexIsWarnedOf)
+{
+    const auto warnings = [&](const Arguments& more) {
+        Arguments arguments = {"-q", "call", "QZaven_crypto_gen_symmkey", "strCipherAlg=4"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const Terminal terminal;
+        const int err = open(path("err").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        EXPECT_EQ(SUCCESS, exitCode(start(arguments, -1, terminal.writing, err)));
+        close(err);
+        return readWhole(path("err"));
+    };
+    EXPECT_EQ(
+        "corvane-host: warning: Data is binary and shown as hex digits; -o FILE writes the bytes\n",
+        warnings({"--raw", "Data"}));
+    EXPECT_EQ("", warnings({"--raw", "Data", "--hex"}));
+    EXPECT_EQ("", warnings({"--raw", "errorCode"}));
+    EXPECT_EQ("", warnings({}));
 }
 
 TEST_F(HostHelp, TellsTheProgramsOptionsWithEachSubcommand)
@@ -275,6 +360,14 @@ TEST_F(HostLooks, QuietKeepsErrorsAndWarnings)
 
 // ---- Numbers.
 
+TEST_F(HostNumbers, OfModesAreOctal)
+{
+    for (const char* mode : {"0", "660", "0660"})
+        EXPECT_TRUE(holds(run({"serve", "--listen-mode", mode, "--listen", "nowhere"}).err,
+                          "are for --listen unix:/PATH"))
+            << mode;
+}
+
 TEST_F(HostNumbers, OfRequestsAndBytesHaveUnits)
 {
     const auto requests = [&](const char* count) {
@@ -287,6 +380,11 @@ TEST_F(HostNumbers, OfRequestsAndBytesHaveUnits)
     // Decimal digits, also behind a 0.
     EXPECT_EQ(10, requests("010"));
     EXPECT_EQ(8, requests("008"));
+    for (const char* count : {"1000G", "1000g", "1G"})
+        EXPECT_TRUE(holds(run({"bench", "QZaven_unknown", "--count", count}).err,
+                          "there is no request QZaven_unknown"))
+            << count;
+    EXPECT_TRUE(holds(run({"bench", "QZaven_unknown", "--count", "1001G"}).err, "--count: takes"));
     struct Row {
         const char* option;
         std::vector<const char*> taken;
@@ -295,8 +393,8 @@ TEST_F(HostNumbers, OfRequestsAndBytesHaveUnits)
     const Row rows[] = {
         {"--body-bytes",
          {"1K", "64KiB", "256M", "256MiB", "262144K"},
-         {"262145K", "257M", "1G", "1KB", "1Ki", "K", "1 K"}},
-        {"--rate", {"1K", "0.5K", "1M"}, {"2M", "1KiB", "1e3KiB"}},
+         {"262145K", "257M", "1G", "1KB", "1Ki", "1Kab", "1KiBs", "K", "1 K"}},
+        {"--rate", {"1K", "0.5K", "1m"}, {"2M", "1KiB", "1e3KiB", "1e", "1.2.3"}},
         {"--queue", {"1K", "1M", "1000K"}, {"1001K", "1.5K", "2M", "1T"}},
         {"--workers", {"2", "09"}, {"0.002K", "1K"}},
         {"--read-seconds", {"2"}, {"1K"}},

@@ -181,6 +181,14 @@ TEST_F(HostResults, RawGivesTextAsItIs)
     EXPECT_EQ("0", call({"QZaVen_GetVersion", "--raw", "errorCode"}).out);
 }
 
+// One result for each --raw.
+TEST_F(HostResults, ParametersMayStandBehindRaw)
+{
+    const Ended ended = call({"QZaVen_strerror", "--raw", "Data", "strErr=-20084"});
+    EXPECT_EQ(SUCCESS, ended.code) << ended.err;
+    EXPECT_EQ("plug-in: parameter value is outside its allowed set or range", ended.out);
+}
+
 TEST_F(HostResults, OutputFileHoldsResults)
 {
     const std::string key = path("key");
@@ -220,6 +228,8 @@ TEST_F(HostResults, TimeIsAMemberOrALine)
     const Ended raw = call({"QZaVen_GetVersion", "--time", "--raw", "errorCode"});
     EXPECT_EQ("0", raw.out);
     EXPECT_TRUE(holds(raw.err, "microseconds: ")) << raw.err;
+    EXPECT_EQ("", run({"-q", "call", "QZaVen_GetVersion", "--time"}).err);
+    EXPECT_EQ("", run({"-q", "call", "QZaVen_GetVersion", "--raw", "errorCode"}).err);
 }
 
 // The engine's version text comes back as it is, so it can hold any bytes.
@@ -436,6 +446,21 @@ TEST_F(HostLoading, LibrariesUnderAnotherNameAreGivenTheirBareNames)
                            .code);
     EXPECT_EQ(0U, leftFolders());
     unsetenv("TMPDIR");
+}
+
+// It has been started again, which did not help.
+TEST_F(HostLoading, LibraryThatDoesNotGetItsBareNameIsRefused)
+{
+    const std::string other = patched(engine, "libSoftModuleaven.so", "libSoftModulexxxx.so");
+    setenv("CORVANE_HOST_LINKS", path("links").c_str(), 1);
+    const Ended ended = run({"-q", "--engine", other, "call", "QZaVen_GetVersion"});
+    unsetenv("CORVANE_HOST_LINKS");
+    EXPECT_EQ(LOADING, ended.code);
+    EXPECT_EQ("", ended.out);
+    EXPECT_EQ("corvane-host: " + other +
+                  " does not answer to the name libSoftModuleaven.so, by which the plug-in opens "
+                  "it\n",
+              ended.err);
 }
 
 TEST_F(HostLoading, FolderForLinksThatCannotBeMadeIsAnError)

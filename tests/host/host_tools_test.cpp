@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <regex>
@@ -164,6 +165,37 @@ TEST_F(HostTrace, TellsFormsLengthsAndTimes)
     EXPECT_TRUE(std::regex_match(traced, expected)) << traced;
 }
 
+TEST_F(HostTrace, TellsTheTimeOfTheCallAsTheResultsDo)
+{
+    const Ended ended = call(with(hmac, {"--trace", "--time"}));
+    double store = 0;
+    double request = 0;
+    double read = 0;
+    const size_t at = ended.err.find("trace: store ");
+    ASSERT_NE(std::string::npos, at) << ended.err;
+    ASSERT_EQ(3, sscanf(ended.err.c_str() + at, "trace: store %lf us, request %lf us, read %lf us",
+                        &store, &request, &read))
+        << ended.err;
+    EXPECT_NEAR(ended.json()["microseconds"].get<double>(), request, 0.06);
+    EXPECT_GT(store, 0);
+}
+
+TEST_F(HostTrace, ShowsShortNumbersAlone)
+{
+    const auto told = [&](const std::string& value) {
+        const std::string err = call({"QZaven_crypto_hmac", "strHashAlg=" + value, "--trace"}).err;
+        const std::string before = "trace: -> strHashAlg         text      ";
+        const size_t at = err.find(before);
+        return at == std::string::npos
+                   ? err
+                   : err.substr(at + before.size(), err.find('\n', at) - at - before.size());
+    };
+    EXPECT_EQ("-12345", told("-12345"));
+    EXPECT_EQ("7 bytes", told("-123456"));
+    const std::string unknown = call({"QZaven_unknown", "a=5ecret", "--trace", "--force"}).err;
+    EXPECT_TRUE(holds(unknown, "\ntrace: -> a                  unknown   6 bytes\n")) << unknown;
+}
+
 // Each parameter of each request with a text that is easily found.
 TEST_F(HostTrace, ShowsNothingThatMayBeSecret)
 {
@@ -212,6 +244,49 @@ TEST_F(HostBench, CountsAndTimesRequests)
     const double seconds = json["seconds"];
     EXPECT_LE(last, seconds * 1e6);
     EXPECT_NEAR(50, json["perSecond"].get<double>() * seconds, 1e-6);
+    // Times are whole nanoseconds.
+    for (const auto& [name, microseconds] : json["microseconds"].items()) {
+        const double nanoseconds = microseconds.get<double>() * 1000;
+        EXPECT_NEAR(std::round(nanoseconds), nanoseconds, 1e-4) << name;
+    }
+}
+
+// One call before all others tells what a failure means, and a tenth of the run is not measured.
+TEST_F(HostBench, WarmsUp)
+{
+    const auto failed = [&](const char* faultyCall, const char* count) {
+        setenv("CORVANE_ENGINE_FAULTS",
+               ("aven_crypto_gen_symmkey:"s + faultyCall + "=-4711").c_str(), 1);
+        const Ended ended = run(
+            {"bench", "QZaven_crypto_gen_symmkey", "strCipherAlg=1", "--json", "--count", count});
+        unsetenv("CORVANE_ENGINE_FAULTS");
+        return ended.json()["failed"];
+    };
+    EXPECT_EQ(0, failed("11", "100"));
+    EXPECT_EQ(1, failed("12", "100"));
+    EXPECT_EQ(1, failed("111", "100"));
+    EXPECT_EQ(0, failed("112", "100"));
+    EXPECT_EQ(1, failed("2", "1"));
+}
+
+TEST_F(HostBench, TellsWhatIsWrong)
+{
+    const Ended ended = run({"-q", "bench", "QZaVen_strerror", "x=1", "--count", "3"});
+    EXPECT_EQ(REFUSED, ended.code);
+    EXPECT_EQ(
+        "corvane-host: warning: QZaVen_strerror: x is not a parameter of QZaVen_strerror\n"
+        "corvane-host: warning: QZaVen_strerror: strErr is missing (required)\n"
+        "corvane-host: QZaVen_strerror failed: no text\n",
+        ended.err);
+    const std::regex expected(
+        "QZaVen_strerror: 3 requests in [0-9]+\\.[0-9]{2} s, 3 failed\n"
+        "[0-9]+ requests per second\n"
+        "microseconds: p50 [0-9.]+, p90 [0-9.]+, p99 [0-9.]+, p99\\.9 [0-9.]+, max [0-9.]+\n"
+        "failed with no code: 3\n");
+    EXPECT_TRUE(std::regex_match(ended.out, expected)) << ended.out;
+    EXPECT_TRUE(
+        holds(run({"bench", "QZaven_crypto_gen_symmkey", "strCipherAlg=8", "--count", "1"}).err,
+              "\ncorvane-host: what to do: "));
 }
 
 TEST_F(HostBench, RunsForSeconds)
@@ -231,6 +306,12 @@ TEST_F(HostBench, RunsForSeconds)
         << ended.out;
     // The seconds are rounded to hundredths.
     EXPECT_NEAR(count, seconds * perSecond, count / 10);
+    double median = 0;
+    double most = 0;
+    EXPECT_EQ(
+        2, sscanf(ended.out.c_str() + ended.out.find("microseconds: "),
+                  "microseconds: p50 %lf, p90 %*f, p99 %*f, p99.9 %*f, max %lf", &median, &most));
+    EXPECT_LT(median, most) << ended.out;
 }
 
 TEST_F(HostBench, FailuresAreCountedByCode)
@@ -281,19 +362,14 @@ TEST_F(HostBench, WrongCommandLinesAreRefused)
     EXPECT_EQ(LOADING, run({"bench", "QZaVen_GetVersion", "--engine", path("absent")}).code);
 }
 
-// What a terminal is sent.
-TEST_F(HostBench, ProgressIsForTerminals)
+// What a terminal is sent, and `out` besides.
+std::string shownOnTerminal(const Arguments& arguments, const std::string& file)
 {
-    const Arguments arguments = {"bench", "QZaVen_GetVersion", "--seconds",
-                                 "0.3",   "--engine",          engine};
-    EXPECT_FALSE(holds(run(arguments).err, "%"));
-
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(terminal, 0);
-    ASSERT_EQ(0, grantpt(terminal));
-    ASSERT_EQ(0, unlockpt(terminal));
+    EXPECT_EQ(0, grantpt(terminal));
+    EXPECT_EQ(0, unlockpt(terminal));
     const int side = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    const int out = open(path("out").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int out = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     const pid_t pid = start(arguments, -1, out, side);
     close(side);
     close(out);
@@ -303,9 +379,43 @@ TEST_F(HostBench, ProgressIsForTerminals)
         shown.append(buffer, static_cast<size_t>(count));
     close(terminal);
     EXPECT_EQ(SUCCESS, exitCode(pid));
-    EXPECT_TRUE(holds(shown, "% ") || holds(shown, " %")) << shown;
-    EXPECT_TRUE(holds(shown, "[#")) << shown;
-    EXPECT_TRUE(holds(shown, "\r\033[K")) << shown;  // it goes at the end
+    return shown;
+}
+
+TEST_F(HostBench, ProgressIsForTerminals)
+{
+    const Arguments arguments = {"-q",       "bench", "QZaVen_GetVersion", "--seconds", "0.3",
+                                 "--engine", engine};
+    EXPECT_EQ("", run(arguments).err);
+
+    const std::string shown = shownOnTerminal(arguments, path("out"));
+    const std::string erased = "\r\033[K";  // at the end
+    ASSERT_GT(shown.size(), erased.size());
+    EXPECT_EQ(erased, shown.substr(shown.size() - erased.size()));
+    // Ten times a second: a third of the time is over between one and the next but one.
+    static const std::regex line("\r\\[(#*)(\\.*)\\] +([0-9]+) %  [0-9]+ requests");
+    const std::vector<std::smatch> lines(std::sregex_iterator(shown.begin(), shown.end(), line),
+                                         {});
+    ASSERT_GE(lines.size(), 1U) << shown;
+    ASSERT_LE(lines.size(), 10U);
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(40, lines[i].length(1) + lines[i].length(2)) << lines[i].str();
+        const double percent = std::stod(lines[i][3]);
+        EXPECT_NEAR(percent * 0.4, static_cast<double>(lines[i].length(1)), 1.3) << lines[i].str();
+        EXPECT_GE(percent, static_cast<double>(i) * 33 - 33) << lines[i].str();
+    }
+}
+
+// The first is shown at once.
+TEST_F(HostBench, ProgressIsTheShareOfTheCount)
+{
+    EXPECT_EQ("\r[" + std::string(40, '#') + "] 100 %  1 requests\r\033[K",
+              shownOnTerminal({"-q", "bench", "QZaVen_GetVersion", "--count", "1"}, path("out")));
+    const std::string first =
+        "\r[" + std::string(10, '#') + std::string(30, '.') + "]  25 %  1 requests\r";
+    const std::string shown =
+        shownOnTerminal({"-q", "bench", "QZaVen_GetVersion", "--count", "4"}, path("out"));
+    EXPECT_EQ(first, shown.substr(0, first.size()));
 }
 
 // The nth of a thousand values, when they are sorted.
@@ -330,6 +440,7 @@ TEST(Latencies, PercentilesAreTheSortedValues)
 
 TEST(Latencies, OfMoreThanThereIsRoomForAreDrawnAtRandom)
 {
+    EXPECT_EQ(1000000U, size_t{Latencies::ROOM});
     constexpr size_t count = 3 * Latencies::ROOM;
     Latencies latencies;
     for (size_t i = 1; i <= count; ++i)

@@ -32,7 +32,13 @@ const Mistake commandLines[] = {
      USAGE,
      "QZaVen_GetVersion is a request; to send it: corvane-host call " + ""s + version},
     {{"help", "cal"}, USAGE, "there is no such subcommand; did you mean call?"},
+    {{"help", "worker"},
+     USAGE,
+     "there is no such subcommand; there are call, script, serve, list, describe, bench, doctor, "
+     "explain, openapi, completion, help, version"},
     {{"openapi", "5ecret"}, USAGE, "argument 2 has no place in openapi"},
+    {{"doctor", "secrets"}, USAGE, "argument 2 has no place in doctor"},
+    {{"doctor", "ab"}, USAGE, "argument 2 has no place in doctor"},
     // Requests.
     {{"call"},
      USAGE,
@@ -51,6 +57,11 @@ const Mistake commandLines[] = {
     {{"call", "5ecret+/5ecret"},
      USAGE,
      "there is no request of this name; `corvane-host list` shows all"},
+    {{"list", "nothing", "else"},
+     USAGE,
+     "no request matches nothing else; try fewer or other words, as aes, gcm, rsa, sha256, mac, "
+     "cms or session, or list without words for all"},
+    {{"list", "strKey=5ecret"}, USAGE, "list takes words to look for, not name=value"},
     {{"list", "nothing", "5ecret+/5ecret"},
      USAGE,
      "no request matches these words; try fewer or other words, as aes, gcm, rsa, sha256, mac, cms "
@@ -58,7 +69,17 @@ const Mistake commandLines[] = {
     // Options.
     {{"call", version, "--hexx"}, USAGE, "there is no option --hexx; did you mean --hex?"},
     {{"--engin", "5ecret", "list"}, USAGE, "there is no option --engin; did you mean --engine?"},
+    {{"--hepl"}, USAGE, "there is no option --hepl; did you mean --help?"},
     {{"call", version, "-x"}, USAGE, "there is no option -x"},
+    {{"call", version, "-O"}, USAGE, "there is no option -O"},
+    {{"doctor", "-5"}, USAGE, "argument 2 has no place in doctor"},
+    {{"doctor", "--x"}, USAGE, "argument 2 has no place in doctor"},
+    {{"doctor", "--ab"}, USAGE, "there is no option --ab"},
+    {{"doctor", "--a5ecret"}, USAGE, "argument 2 has no place in doctor"},
+    {{"doctor", "--" + std::string(38, 'a')},
+     USAGE,
+     "there is no option --" + std::string(38, 'a')},
+    {{"doctor", "--" + std::string(39, 'a')}, USAGE, "argument 2 has no place in doctor"},
     {{"call", version, "-x5ecret"}, USAGE, "argument 3 has no place in call"},
     {{"----"}, USAGE, "there is no subcommand"},
     {{"doctor", "----"}, USAGE, "argument 2 has no place in doctor"},
@@ -80,7 +101,12 @@ const Mistake commandLines[] = {
     {{"list", "--raw", "Data"}, USAGE, "--raw is an option of call, not of list"},
     {{"call", version, "--raw"}, USAGE, "--raw lacks its value"},
     {{"call", version, "-o", "a", "-o", "b"}, USAGE, "--output is given more than once"},
+    {{"--raw"}, USAGE, "--raw is an option of call"},
+    {{"serve", "--listen", "nowhere", "--token-file", "/nonexistent/token", "5ecret"},
+     USAGE,
+     "argument 6 has no place in serve"},
     {{"list", "--json=no"}, USAGE, "--json takes no value"},
+    {{"--quiet=no", "list"}, USAGE, "--quiet takes no value"},
     {{"list", "--json", "--brief"}, USAGE, "--json and --brief exclude each other"},
     // Numbers and words.
     {{"bench", version, "--count", "ten"},
@@ -100,6 +126,13 @@ const Mistake commandLines[] = {
      "(powers "
      "of 1024)"},
     {{"serve", "--workers", "2K"}, USAGE, "--workers: takes a whole number from 1 to 256"},
+    {{"serve", "--front-threads", "1.5"},
+     USAGE,
+     "--front-threads: takes a whole number from 1 to 64"},
+    {{"bench", version, "--seconds", "1.2.3"},
+     USAGE,
+     "--seconds: takes a number from 0.01 to 86400"},
+    {{"serve", "--listen-mode", "98"}, USAGE, "--listen-mode: takes a mode such as 0660"},
     {{"serve", "--plugin-log", "warn"},
      USAGE,
      "--plugin-log: takes crit, err, warning, notice, info or debug"},
@@ -142,6 +175,16 @@ const Mistake commandLines[] = {
     {{"call", hmac, "--raw", "Data=f", "-o", "g"},
      USAGE,
      "-o is for a --raw without a file, or for none"},
+    // Before libraries are loaded.
+    {{"call", version, "--raw", "nothing", "--engine", "/nonexistent/engine.so"},
+     USAGE,
+     "QZaVen_GetVersion has no result nothing; it has Data, errorCode"},
+    {{"call", version, "5ecret", "--engine", "/nonexistent/engine.so"},
+     USAGE,
+     "parameter 1 is not written name=value; a value with blanks has quotes around it"},
+    {{"bench", version, "5ecret", "--engine", "/nonexistent/engine.so"},
+     USAGE,
+     "parameter 1 is not written name=value; a value with blanks has quotes around it"},
     // Codes.
     {{"explain", "bussy"}, USAGE, "there is no code bussy; did you mean busy?"},
     {{"explain", "xyz"}, USAGE, "there is no code xyz; `corvane-host explain` lists all"},
@@ -183,6 +226,10 @@ TEST_F(Mistakes, OfCommandLinesLeadToTheirHelp)
     EXPECT_TRUE(holds(run({"cal"}).err, "\ncorvane-host: see corvane-host --help\n"));
     EXPECT_TRUE(holds(run({"list", "-x"}).err, "\ncorvane-host: see corvane-host list --help\n"));
     EXPECT_EQ(0U, run({}).err.find(run({"--help"}).out));
+    EXPECT_EQ(
+        "\033[1;31mcorvane-host:\033[0m there is no option --hexx; did you mean --help?\n"
+        "corvane-host: see corvane-host list --help\n",
+        run({"--color", "always", "list", "--hexx"}).err);
 }
 
 struct WrongScript {
@@ -314,6 +361,15 @@ TEST_F(Mistakes, OfUnknownCodesHaveNoAdvice)
     unsetenv("CORVANE_ENGINE_FAULTS");
     EXPECT_TRUE(holds(ended.err, "failed with -4711")) << ended.err;
     EXPECT_FALSE(holds(ended.err, "what to do")) << ended.err;
+}
+
+// Of a help, which is written while a command line is read.
+TEST_F(Mistakes, AnOutputThatIsFullIsASentence)
+{
+    const std::string command = "'" + hostProgram + "' --help >/dev/full 2>'" + path("err") + "'";
+    EXPECT_EQ(USAGE << 8, system(command.c_str()));
+    EXPECT_EQ("corvane-host: cannot write to standard output: No space left on device\n",
+              readWhole(path("err")));
 }
 
 TEST_F(Mistakes, AFileThatIsTooLargeForTheMemoryIsASentence)
