@@ -325,12 +325,10 @@ TEST_F(LibraryFiles, TheMarkIsANoteOfOurs)
 TEST_F(LibraryFiles, TheMarkIsAmongTheFirstNotes)
 {
     EXPECT_EQ("", mark(note(owner, "x\0"s), 8));
-    const std::string ours = note(owner, "x\0"s);
-    const auto behind = [&](size_t size) {
-        return note("a\0\0\0"s, std::string(size - 16, 'x')) + ours;
-    };
-    EXPECT_EQ("x", mark(behind(4096 - ours.size())));
-    EXPECT_EQ("", mark(behind(4096 - ours.size() + 4)));
+    // 4096 bytes of them; our note begins with 20 bytes before its text.
+    const std::string before = note("a\0\0\0"s, std::string(4096 - 4 - 20 - 16, 'x'));
+    EXPECT_EQ("abc", mark(before + note(owner, "abc\0"s)));
+    EXPECT_EQ("", mark(before + note(owner, "abcd\0"s)));
 
     Library library = usual();
     library.add(PT_NOTE, note(owner, "eight\0"s), 8);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <iterator>
 #include <string>
 
 #include "host/bare_names.h"
@@ -204,6 +205,25 @@ TEST(Terminals, StandardOutputHasItsNames)
         EXPECT_TRUE(isStandardOutput(name)) << name;
     for (const char* name : {"--", "./-", "/dev/stderr"})
         EXPECT_FALSE(isStandardOutput(name)) << name;
+}
+
+TEST(OutputFiles, ThatCannotTakeTheirPlaceAreToldOfAndRemoved)
+{
+    const support::TemporaryFolder folder;
+    const std::string path = folder.path("results");
+    {
+        OutputFile file(path, true);
+        file.write("text");
+        EXPECT_FALSE(fs::exists(path));
+        fs::create_directory(path);
+        try {
+            file.keep();
+            ADD_FAILURE() << "it took a folder's place";
+        } catch (const UsageError& e) {
+            EXPECT_EQ("cannot write " + path + ": Is a directory", e.what());
+        }
+    }
+    EXPECT_EQ(1, std::distance(fs::directory_iterator(folder.path()), {}));
 }
 
 // ---- Links to libraries.
