@@ -160,8 +160,9 @@ TEST(WorkerProcess, StartsWithAllSignalsAsTheyAreByDefault)
     sigfillset(&blocked);
     pthread_sigmask(SIG_SETMASK, &blocked, &before);
     const auto former = signal(SIGUSR2, SIG_IGN);
+    // In the same process: a shell blocks all signals while it starts another.
     const auto worker =
-        started("grep -E '^Sig(Blk|Ign)' /proc/$$/status >'" + folder.path("signals") + "'");
+        started("exec grep -E '^Sig(Blk|Ign)' /proc/self/status >'" + folder.path("signals") + "'");
     signal(SIGUSR2, former);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     EXPECT_EQ(statusOf(worker->pid()), 0);
