@@ -492,12 +492,12 @@ protected:
     }
 
     EventLoop loop;
-    std::unique_ptr<WorkerPool> pool;
     std::function<void()> onReady;
     std::function<void(WorkerLife)> onEnd;
     std::function<void()> onTaskEnd;
     std::vector<std::string> ends;
-    Clock::time_point round;  // when the loop's began
+    Clock::time_point round;           // when the loop's began
+    std::unique_ptr<WorkerPool> pool;  // the last: it tells its tasks' ends to the others
 
 private:
     bool m_isTold = false;
