@@ -18,6 +18,7 @@
 #include "support/files.h"
 #include "support/held.h"
 #include "support/longest_frame.h"
+#include "support/tested.h"
 
 namespace {
 
@@ -155,6 +156,8 @@ TEST(WorkerProcess, FindsItsDescriptorsAndItsWords)
 
 TEST(WorkerProcess, StartsWithAllSignalsAsTheyAreByDefault)
 {
+    if (support::emulated)
+        GTEST_SKIP() << "NOT TESTED: the emulator leaves its own signals to its programs";
     const support::TemporaryFolder folder;
     sigset_t blocked, before;
     sigfillset(&blocked);
@@ -199,6 +202,8 @@ TEST(WorkerProcess, EndsByItselfWhenNothingMoreIsSent)
 
 TEST(WorkerProcess, WhyItDoesNotStartIsTold)
 {
+    if (support::emulated)
+        GTEST_SKIP() << "NOT TESTED: the emulator does not tell that a program cannot be started";
     const auto failure = [](const std::string& program) {
         try {
             const WorkerProcess worker(program, {"worker"});

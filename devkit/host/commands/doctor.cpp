@@ -74,7 +74,7 @@ const char* statusName(Status status)
 std::string inOneLine(std::string text)
 {
     std::replace_if(
-        text.begin(), text.end(), [](char c) { return c >= 0 && c < 0x20; }, ' ');
+        text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }, ' ');
     return text;
 }
 
