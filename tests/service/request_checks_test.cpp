@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +18,7 @@
 #include "service/requests/confined_files.h"
 #include "service/requests/sessions.h"
 #include "support/files.h"
+#include "support/in_child.h"
 #include "support/tested.h"
 
 namespace fs = std::filesystem;
@@ -26,6 +26,7 @@ namespace fs = std::filesystem;
 namespace {
 
 using namespace std::string_literals;
+using support::inChild;
 using support::readWhole;
 using support::writeWhole;
 
@@ -129,18 +130,6 @@ protected:
 
     std::string path(const std::string& name) const { return m_folder.path(name); }
 
-    // In a process of its own, whose limits and rights are no other test's.
-    static int inChild(const std::function<void()>& what)
-    {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            what();
-            _exit(testing::Test::HasFailure() ? 1 : 0);
-        }
-        int status = -1;
-        waitpid(pid, &status, 0);
-        return status;
-    }
     // Files end at so many bytes, as on a full disk.
     static void limitFiles(rlim_t bytes)
     {

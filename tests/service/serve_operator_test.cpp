@@ -22,6 +22,7 @@
 #include "service/operation/access_log.h"
 #include "service/operation/line_sink.h"
 #include "service/operation/token_file.h"
+#include "support/in_child.h"
 #include "support/served_host.h"
 
 namespace fs = std::filesystem;
@@ -32,6 +33,7 @@ using namespace std::string_literals;
 using support::eventually;
 using support::HttpAnswer;
 using support::HttpConnection;
+using support::inChild;
 using support::Json;
 using support::readWhole;
 using support::ServedHost;
@@ -292,19 +294,6 @@ TEST_F(OperatorLog, AFullDeviceIsCounted)
     EXPECT_TRUE(eventually(
         [&] { return host.metric("corvane_access_log_dropped_total") >= before + 101; }));
     EXPECT_EQ(0, host.stop());
-}
-
-// In a process of its own, so that the limit is no other test's.
-int inChild(const std::function<void()>& what)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        what();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return status;
 }
 
 // Files end at so many bytes, as on a full disk.

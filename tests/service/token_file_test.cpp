@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include <cctype>
 #include <cstdlib>
@@ -18,6 +17,7 @@
 #include "service/operation/owned_path.h"
 #include "service/operation/token_file.h"
 #include "support/files.h"
+#include "support/in_child.h"
 
 namespace fs = std::filesystem;
 
@@ -38,14 +38,7 @@ constexpr gid_t group = 4712;
 
 void expectChild(const std::function<void()>& what)
 {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        what();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, support::inChild(what));
 }
 
 // In a process of a user who is in one group beside his own.
