@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+#include <thread>
+
 namespace {
 
 TEST(RequestId, HasLettersDigitsAndThreeSigns)
@@ -29,6 +32,20 @@ TEST(RequestId, OfOursIsOne)
     EXPECT_EQ(16U, id.size());
     EXPECT_TRUE(isRequestId(id));
     EXPECT_NE(id, makeId());
+}
+
+// More of them than are drawn at once, and the first ones of threads.
+TEST(RequestId, OfOursIsGivenOnce)
+{
+    std::set<std::string> ids;
+    constexpr size_t threads = 4;
+    constexpr size_t ofEach = 1000;
+    for (size_t i = 0; i < threads; ++i)
+        std::thread([&] {
+            for (size_t k = 0; k < ofEach; ++k)
+                ids.insert(makeId());
+        }).join();
+    EXPECT_EQ(threads * ofEach, ids.size());
 }
 
 }  // namespace

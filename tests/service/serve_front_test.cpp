@@ -392,6 +392,7 @@ TEST_F(ServeFront, SendsItsDocumentsOnceIfTheyAreKept)
         EXPECT_EQ("application/json", whole.headers.at("content-type"));
         ASSERT_EQ(1U, whole.headers.count("etag")) << path;
         EXPECT_EQ(whole.body, host.get(path).body);
+        EXPECT_EQ(std::string::npos, whole.body.find('\n')) << "on one line";
         const HttpAnswer kept =
             host.ask("GET", path, {{"If-None-Match", whole.headers.at("etag")}});
         EXPECT_EQ(304, kept.status);
@@ -492,7 +493,7 @@ TEST_F(ServeFront, ServesWhatItHasAcceptedWhenToldToEnd)
 // A body that is on its way, and a connection whose client sends no more, too.
 TEST_F(ServeFront, WaitsForABodyWhenToldToEnd)
 {
-    ServedHost host;
+    ServedHost host({"--read-seconds", "600", "--drain-seconds", "600"});
     host.workers();
     const std::string whole = host.text("POST", version, jsonType, "{}");
     HttpConnection slow(host.port());
@@ -552,6 +553,30 @@ TEST_F(ServeFront, EndsAtOnceWhenToldTwice)
     EXPECT_TRUE(eventually([&] { return HttpConnection(host.port()).descriptor() < 0; }));
     EXPECT_FALSE(host.hasEnded());
     EXPECT_EQ(0, host.stop(SIGINT));
+}
+
+// A request that a worker has is not waited for then, nor is its client.
+TEST_F(ServeFront, EndsAtOnceWithARequestUnderWay)
+{
+    ServedHost host({"--drain-seconds", "600", "--workers", "1"});
+    kill(host.workers(1).at(0), SIGSTOP);
+    std::vector<std::unique_ptr<HttpConnection>> underWay;
+    for (int i = 0; i < 3; ++i) {
+        underWay.push_back(std::make_unique<HttpConnection>(host.port()));
+        underWay.back()->send(host.text("POST", version, jsonType, "{}"));
+    }
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_queue") == 2; }));
+    host.signal(SIGTERM);
+    EXPECT_TRUE(eventually([&] { return HttpConnection(host.port()).descriptor() < 0; }));
+    EXPECT_EQ(0, host.stop());
+    for (const auto& one : underWay) {
+        const HttpAnswer answer = one->receive();
+        EXPECT_EQ(503, answer.status);
+        EXPECT_EQ("draining", answer.code());
+        EXPECT_EQ("host_stopped", answer.json()["error"]["reason"]);
+        EXPECT_EQ("1", answer.headers.at("retry-after"));
+        EXPECT_EQ("close", answer.headers.at("connection"));
+    }
 }
 
 // ---- Ciphers.

@@ -1,11 +1,16 @@
 // HTTP on several threads: what clients see is the same whichever thread their connection is on.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <iterator>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -75,7 +80,10 @@ TEST_F(ServeThreads, AreAsManyAsToldBesideTheServices)
     const ServedHost two({"--front-threads", "2"});
     const ServedHost five({"--front-threads", "5"});
     EXPECT_EQ(1U, threadsOf(one));
-    EXPECT_LE(3U, threadsOf(two));  // a sanitizer adds one of its own
+    if (support::sanitized)  // which adds one of its own
+        EXPECT_LE(3U, threadsOf(two));
+    else
+        EXPECT_EQ(3U, threadsOf(two));
     EXPECT_EQ(threadsOf(two) + 3, threadsOf(five));
 }
 
@@ -172,6 +180,107 @@ TEST_F(ServeThreads, TakeOnlySoManyConnectionsTogether)
     EXPECT_EQ(4, support::rowOf(connections[0]->receive().body, "corvane_connections"));
     connections.pop_back();
     EXPECT_EQ(200, waiting.receive().status);
+}
+
+// Also of those that come all at once.
+TEST_F(ServeThreads, TakeNoMoreOfABurst)
+{
+    const ServedHost host(with({"--connections", "4"}));
+    EXPECT_EQ(200, host.get("/livez").status);
+    kill(host.pid(), SIGSTOP);
+    Connections burst;
+    for (size_t i = 0; i < 12; ++i) {
+        burst.push_back(std::make_unique<HttpConnection>(host.port()));
+        burst.back()->send(host.text("GET", "/metrics"));
+    }
+    kill(host.pid(), SIGCONT);
+    // One has to go before the next one comes.
+    for (auto& one : burst) {
+        EXPECT_GE(4, support::rowOf(one->receive().body, "corvane_connections"));
+        one.reset();
+    }
+}
+
+// How often each thread has waited for something.
+std::vector<size_t> waitsOf(const ServedHost& host)
+{
+    std::vector<size_t> waits;
+    for (const auto& task :
+         fs::directory_iterator("/proc/" + std::to_string(host.pid()) + "/task")) {
+        const std::string status = support::readWhole(task.path() / "status");
+        const std::string name = "\nvoluntary_ctxt_switches:";
+        waits.push_back(std::stoul(status.substr(status.find(name) + name.size())));
+    }
+    return waits;
+}
+
+TEST_F(ServeThreads, HaveAsManyConnectionsEach)
+{
+    const ServedHost host(with({"--rate", "0"}));
+    host.workers();
+    EXPECT_TRUE(eventually([&] { return host.metric("corvane_connections") == 1; }));
+    const Connections connections = connect(host, threads);
+    const std::vector<size_t> before = waitsOf(host);
+    for (int i = 0; i < 50; ++i)
+        for (const auto& connection : connections) {
+            connection->send(host.text("GET", "/livez"));
+            EXPECT_EQ(200, connection->receive().status);
+        }
+    const std::vector<size_t> after = waitsOf(host);
+    ASSERT_EQ(before.size(), after.size());
+    size_t busy = 0;
+    for (size_t i = 0; i < after.size(); ++i)
+        busy += after[i] >= before[i] + 40 ? 1 : 0;
+    EXPECT_EQ(threads, busy);
+}
+
+// Where no descriptor is left for them, they wait, and no longer than that.
+TEST_F(ServeThreads, TakeConnectionsAgainWhenThereAreDescriptors)
+{
+    const ServedHost host(with({}));
+    host.workers();
+    rlimit before = {};
+    if (prlimit(host.pid(), RLIMIT_NOFILE, nullptr, &before) != 0)
+        GTEST_SKIP() << "limits of other processes are not to be changed here";
+    for (int i = 0; i < 3; ++i) {
+        const rlimit none = {0, before.rlim_max};
+        ASSERT_EQ(0, prlimit(host.pid(), RLIMIT_NOFILE, &none, nullptr));
+        HttpConnection waiting(host.port());
+        waiting.send(host.text("GET", "/livez"));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ASSERT_EQ(0, prlimit(host.pid(), RLIMIT_NOFILE, &before, nullptr));
+        EXPECT_EQ(200, waiting.receive().status);
+    }
+}
+
+// The sockets at which a process listens.
+size_t listeningOf(const ServedHost& host)
+{
+    const std::string process = "/proc/" + std::to_string(host.pid());
+    std::set<std::string> own;
+    for (const auto& entry : fs::directory_iterator(process + "/fd"))
+        own.insert(fs::read_symlink(entry).string());
+    size_t count = 0;
+    for (const char* table : {"/net/tcp", "/net/tcp6"}) {
+        std::istringstream rows(support::readWhole(process + table));
+        for (std::string row; std::getline(rows, row);) {
+            std::istringstream words(row);
+            const std::vector<std::string> fields{std::istream_iterator<std::string>(words), {}};
+            count += fields.size() > 9 && fields[3] == "0A" &&
+                             own.count("socket:[" + fields[9] + "]") != 0
+                         ? 1
+                         : 0;
+        }
+    }
+    return count;
+}
+
+TEST_F(ServeThreads, ListenAtOnePlaceAlone)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "NOT TESTED: only root sees the host's descriptors";
+    EXPECT_EQ(1U, listeningOf(ServedHost(with({}))));
+    EXPECT_EQ(1U, listeningOf(ServedHost({"--front-threads", "1"})));
 }
 
 TEST_F(ServeThreads, AreNotHeldUpByStalledConnections)

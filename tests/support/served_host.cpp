@@ -189,9 +189,13 @@ bool HttpConnection::send(const std::string& bytes) const
 
 bool HttpConnection::receiveMore()
 {
-    pollfd waiting = {m_socket, POLLIN, 0};
-    if (m_socket < 0 || poll(&waiting, 1, patienceMilliseconds) <= 0)
+    if (m_socket < 0)
         return false;
+    pollfd waiting = {m_socket, POLLIN, 0};
+    if (poll(&waiting, 1, patienceMilliseconds) <= 0) {
+        ADD_FAILURE() << "neither an answer nor an end for a minute";
+        return false;
+    }
     std::array<char, 65536> buffer;
     const ssize_t count = recv(m_socket, buffer.data(), buffer.size(), 0);
     if (count <= 0)
