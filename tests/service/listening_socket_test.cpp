@@ -85,7 +85,7 @@ TEST(ListeningSocket, OfIpv6IsOfNothingElse)
             address.sin6_addr = in6addr_loopback;
             return bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0;
         }())
-        GTEST_SKIP() << "this machine has no IPv6";
+        GTEST_SKIP() << "NOT TESTED: this machine has no IPv6";
     const ListeningSocket made = listenAt(at("::1", "0"));
     EXPECT_EQ("http://[::1]:" + portOf(made), made.place);
     EXPECT_EQ(1, optionOf(made, IPPROTO_IPV6, IPV6_V6ONLY));

@@ -241,7 +241,7 @@ TEST_F(ServeThreads, TakeConnectionsAgainWhenThereAreDescriptors)
     host.workers();
     rlimit before = {};
     if (prlimit(host.pid(), RLIMIT_NOFILE, nullptr, &before) != 0)
-        GTEST_SKIP() << "limits of other processes are not to be changed here";
+        GTEST_SKIP() << "NOT TESTED: limits of other processes are not to be changed here";
     for (int i = 0; i < 3; ++i) {
         const rlimit none = {0, before.rlim_max};
         ASSERT_EQ(0, prlimit(host.pid(), RLIMIT_NOFILE, &none, nullptr));
