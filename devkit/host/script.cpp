@@ -5,6 +5,7 @@
 #include <iterator>
 #include <map>
 #include <sstream>
+#include <utility>
 
 #include "exchange.h"
 #include "input.h"
@@ -202,8 +203,9 @@ void Script::converse(Runner& runner, const Answers& answers)
         return runArray(runner, answers);
     }
     auto number = static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
-    for (std::string line; !runner.mustStop() && std::getline(std::cin, line);)
-        if (const auto step = readLine(line, ++number))
+    std::string indent = before.substr(before.find_last_of('\n') + 1);
+    for (std::string rest; !runner.mustStop() && std::getline(std::cin, rest);)
+        if (const auto step = readLine(std::exchange(indent, "") + rest, ++number))
             answers(runner.run(*step) + "\n");
 }
 

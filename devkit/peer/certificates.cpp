@@ -111,7 +111,8 @@ CertificatePtr certify(const CertificatePlan& plan, EVP_PKEY* holder, const Cred
     if (!plan.usage.empty())
         addExtension(x509, issuing, NID_key_usage, plan.usage);
     addExtension(x509, issuing, NID_subject_key_identifier, "hash");
-    addExtension(x509, issuing, NID_authority_key_identifier, "keyid");
+    if (issuing != x509)
+        addExtension(x509, issuing, NID_authority_key_identifier, "keyid");
     sign(x509, issuer.key.get());
     return certificate;
 }

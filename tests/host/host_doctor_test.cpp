@@ -639,7 +639,7 @@ TEST_F(HostDoctor, AnswersThatComeBackAndThoseThatDoNotAreToldApart)
 
     setenv(FAULTS,
            "aven_crypto_decrypt:*=-4711;aven_crypto_private_decrypt:*=-4711;"
-           "aven_crypto_pkcs7_decrypt:*=-4711",
+           "aven_crypto_pkcs7_decrypt:*=-4711;aven_wbsm4_decrypt:*=-4711",
            1);
     EXPECT_EQ((Arguments{
                   "QZaven_crypto_public_encrypt: QZaven_crypto_private_decrypt refuses with " +
@@ -652,6 +652,9 @@ TEST_F(HostDoctor, AnswersThatComeBackAndThoseThatDoNotAreToldApart)
                   "engine",
                   "QZaven_crypto_envelope_decrypt: the answer is not that of openssl, CMS, nor "
                   "does it come back" +
+                      brokenEngine,
+                  "QZaven_wbsm4_decrypt: the answer is not that of openssl, SM4-CBC, nor does it "
+                  "come back" +
                       brokenEngine,
               }),
               told(report(), "FAIL"));

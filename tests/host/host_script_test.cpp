@@ -260,6 +260,10 @@ TEST_F(HostScript, AStepThatFailsIsToldWithItsPlace)
     const std::string second = R"({"request": "QZaven_crypto_hmac"})";
     EXPECT_TRUE(holds(lines(first + "\n  " + second).err,
                       "standard input:2:3: step 2: QZaven_crypto_hmac"));
+    EXPECT_TRUE(
+        holds(lines("\n   " + second).err, "standard input:2:4: step 1: QZaven_crypto_hmac"));
+    EXPECT_TRUE(holds(lines("  " + second + "\n").err, "standard input:1:3: step 1: "));
+    EXPECT_TRUE(holds(lines(" " + first + "\n" + second).err, "standard input:2:1: step 2: "));
     EXPECT_TRUE(holds(script("[" + first + ",\n " + second + "]").err,
                       path("script") + ":2:2: step 2: QZaven_crypto_hmac"));
 }

@@ -170,7 +170,8 @@ TEST(ServeOptions, AllowHostsAsClientsWriteThem)
     }
     for (const char* name : {"a", "a:1", "[::1]", "[::1]:80"})
         EXPECT_EQ("", refusalOf([&](ServeOptions& o) { o.allowHosts = {name}; })) << name;
-    for (const char* name : {"", "a:", "a:b", ":80"})
+    for (const char* name : {"", "a:", "a:b", ":80", "a[b", "a]b", "a[::1]", "[::1", "::1]",
+                             "[::1[", "]::1]", "[::1]b", "[:[:1]", "[]", "[", "]"})
         EXPECT_NE("", refusalOf([&](ServeOptions& o) { o.allowHosts = {name}; })) << name;
 }
 

@@ -53,11 +53,8 @@ std::string numberSentence(const NumberKind& kind)
 
 std::string withRange(const std::string& text, const NumberKind& kind)
 {
-    size_t place = std::min(text.find_first_of(";("), text.size());
-    const std::string more = text.substr(place);
-    if (place > 0 && text[place - 1] == ' ')
-        --place;
-    return text.substr(0, place) + ", " + rangeOf(kind) + (more[0] == '(' ? " " : "") + more;
+    const size_t place = std::min(text.find(';'), text.size());
+    return text.substr(0, place) + ", " + rangeOf(kind) + text.substr(place);
 }
 
 CLI::Validator numberOf(const NumberKind& kind)

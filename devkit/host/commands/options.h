@@ -22,7 +22,7 @@ struct NumberKind {
     bool isWhole;
 };
 
-// The text with the range, "1 to 256", before what follows a semicolon or stands in parentheses.
+// The text with the range, "1 to 256", before what follows a semicolon.
 std::string withRange(const std::string& text, const NumberKind& kind);
 
 // Replaces what is written by plain digits, for --count 10K and --count 010, which is ten. No

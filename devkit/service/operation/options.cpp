@@ -42,7 +42,10 @@ bool isHost(const std::string& text)
         return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                std::string_view("-._:[]").find(c) != std::string_view::npos;
     });
-    return isPlain && !hostName(text).empty();
+    const std::string name = hostName(text);
+    const bool isIpv6 = name.size() > 2 && name[0] == '[' && name.back() == ']' &&
+                        name.find_first_of("[]", 1) == name.size() - 1;
+    return isPlain && !name.empty() && (isIpv6 || name.find_first_of("[]") == std::string::npos);
 }
 
 // One that is written otherwise than clients write it would never be met.
