@@ -132,11 +132,16 @@ TEST_F(Keys, Sm2NumbersOutOfRangeAreRefused)
     EXPECT_EQ(readPrivate(sec1(otherScalar, SM2_POINT)), AVEN_E_KEY_INVALID);
 }
 
-// Where the last byte of each number of an RSAPrivateKey (RFC 8017, A.1.2) lies: version, n,
-// e, d, p, q, dp, dq, q's inverse.
-std::vector<size_t> lastBytes(const std::string& der)
+// Where a number's bytes lie, the last one included.
+struct Place {
+    size_t first;
+    size_t last;
+};
+
+// Those of an RSAPrivateKey (RFC 8017, A.1.2): version, n, e, d, p, q, dp, dq, q's inverse.
+std::vector<Place> placesOf(const std::string& der)
 {
-    std::vector<size_t> places;
+    std::vector<Place> places;
     const auto byteAt = [&](size_t at) { return static_cast<unsigned char>(der.at(at)); };
     for (size_t at = 4; at < der.size();) {
         size_t length = byteAt(at + 1);
@@ -147,8 +152,8 @@ std::vector<size_t> lastBytes(const std::string& der)
             for (size_t i = 0; i < bytes; ++i)
                 length = length << 8 | byteAt(at++);
         }
+        places.push_back({at, at + length - 1});
         at += length;
-        places.push_back(at - 1);
     }
     return places;
 }
@@ -157,16 +162,17 @@ TEST_F(Keys, RsaNumbersThatDoNotFitAreRefused)
 {
     const std::string der = derOf(convert("rsa -traditional", privatePem("rsa2048")));
     EXPECT_EQ(readPrivate(toBase64(der)), 0);
-    const std::vector<size_t> places = lastBytes(der);
+    const std::vector<Place> places = placesOf(der);
     ASSERT_EQ(places.size(), 9u);
     for (size_t number = 1; number < places.size(); ++number) {
         std::string changed = der;
-        changed[places[number]] = static_cast<char>(changed[places[number]] ^ 2);
+        char& last = changed[places[number].last];
+        last = static_cast<char>(last ^ 2);
         EXPECT_EQ(readPrivate(toBase64(changed)), AVEN_E_KEY_INVALID) << "number " << number;
     }
 
     std::string otherVersion = der;
-    otherVersion[places[0]] = 1;  // of a key of more than two factors
+    otherVersion[places[0].last] = 1;  // of a key of more than two factors
     EXPECT_EQ(readPrivate(toBase64(otherVersion)), AVEN_E_KEY_ALGORITHM);
 
     std::string publicDer = derOf(publicPem("rsa2048"));
@@ -176,10 +182,10 @@ TEST_F(Keys, RsaNumbersThatDoNotFitAreRefused)
 
 using Number = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
 
-Number numberAt(const std::string& der, size_t first, size_t last)
+Number numberAt(const std::string& der, const Place& place)
 {
-    return {BN_bin2bn(reinterpret_cast<const unsigned char*>(&der[first]),
-                      static_cast<int>(last + 1 - first), nullptr),
+    return {BN_bin2bn(reinterpret_cast<const unsigned char*>(&der[place.first]),
+                      static_cast<int>(place.last + 1 - place.first), nullptr),
             BN_free};
 }
 
@@ -187,12 +193,11 @@ Number numberAt(const std::string& der, size_t first, size_t last)
 TEST_F(Keys, AnRsaKeysExponentHasNoMoreBitsThanItsModulus)
 {
     const std::string der = derOf(convert("rsa -traditional", privatePem("rsa2048")));
-    const std::vector<size_t> places = lastBytes(der);
+    const std::vector<Place> places = placesOf(der);
     ASSERT_EQ(places.size(), 9u);
-    // A number's head has four bytes if it is long; a factor has 128 bytes behind its zero.
-    const Number d = numberAt(der, places[2] + 5, places[3]);
-    const Number p = numberAt(der, places[4] - 127, places[4]);
-    const Number q = numberAt(der, places[5] - 127, places[5]);
+    const Number d = numberAt(der, places[3]);
+    const Number p = numberAt(der, places[4]);
+    const Number q = numberAt(der, places[5]);
     BN_sub_word(p.get(), 1);
     BN_sub_word(q.get(), 1);
     const Number order(BN_new(), BN_free);
@@ -204,9 +209,9 @@ TEST_F(Keys, AnRsaKeysExponentHasNoMoreBitsThanItsModulus)
     const auto withExponent = [&](const BIGNUM* number) {
         std::string bytes(static_cast<size_t>(BN_num_bytes(number)), '\0');
         BN_bn2bin(number, reinterpret_cast<unsigned char*>(bytes.data()));
-        const std::string content = der.substr(4, places[2] + 1 - 4) +
+        const std::string content = der.substr(4, places[2].last + 1 - 4) +
                                     tlv(0x02, std::string(1, '\0') + bytes) +
-                                    der.substr(places[3] + 1);
+                                    der.substr(places[3].last + 1);
         return toBase64(tlv(0x30, content));
     };
     EXPECT_EQ(readPrivate(withExponent(d.get())), 0);
