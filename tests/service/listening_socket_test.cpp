@@ -86,9 +86,11 @@ TEST(ListeningSocket, OfIpv6IsOfNothingElse)
             return bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0;
         }())
         GTEST_SKIP() << "NOT TESTED: this machine has no IPv6";
-    const ListeningSocket made = listenAt(at("::1", "0"));
-    EXPECT_EQ("http://[::1]:" + portOf(made), made.place);
-    EXPECT_EQ(1, optionOf(made, IPPROTO_IPV6, IPV6_V6ONLY));
+    for (const std::string host : {"::1", "::"}) {
+        const ListeningSocket made = listenAt(at(host, "0"));
+        EXPECT_EQ("http://[" + host + "]:" + portOf(made), made.place);
+        EXPECT_EQ(1, optionOf(made, IPPROTO_IPV6, IPV6_V6ONLY)) << host;
+    }
 }
 
 // The system remembers connections that the host has ended; the next host does not wait for that.
