@@ -297,6 +297,21 @@ TEST_F(PublicKey, Sm2WithoutAnyTextIsRefused)
               AVEN_E_DECRYPTION);
 }
 
+// What stands behind its end is not looked at, even if it looks like a beginning.
+TEST_F(PublicKey, NothingIsNoSm2Ciphertext)
+{
+    void* key = privateKey("sm2");
+    const unsigned char beginnings[] = {0x30, 0x04};
+    for (const unsigned char& behind : beginnings) {
+        for (const How& how : sm2Forms) {
+            const PkeyCipherParams params = {key, how.rsaPadding, how.noAsn1, how.noC1c3c2};
+            Fenced out(100);
+            EXPECT_EQ(engine.aven_crypto_private_decrypt(&params, &behind, 0, out.data(), &out.len),
+                      AVEN_E_DECRYPTION);
+        }
+    }
+}
+
 TEST_F(PublicKey, Sm2OpensInEveryFormAndFits)
 {
     void* key = privateKey("sm2");
